@@ -1,0 +1,37 @@
+# Flags that every target of the tree shares, and those of the shared objects that ship.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_CXX_FLAGS_SANITIZE "-O1 -g1")
+set(CMAKE_C_FLAGS_SANITIZE "-O1 -g1")
+
+# The shipped objects are linked by the C driver; without this CMake would add the C++ run time to their link line.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+
+# Crash logs walk frame pointers, so every frame keeps one.
+add_compile_options(-fno-omit-frame-pointer)
+if(LIBCOMMON_WERROR)
+    add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+endif()
+if(LIBCOMMON_SANITIZE)
+    add_compile_options(-fsanitize=${LIBCOMMON_SANITIZE} -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${LIBCOMMON_SANITIZE})
+endif()
+
+function(libcommon_runtime_flags target)
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}
+        PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/libcommon>)
+    target_compile_definitions(${target} PRIVATE _GNU_SOURCE)
+    target_compile_options(${target} PRIVATE -fvisibility=hidden
+        $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
+    # No symbol may be bound lazily inside a signal handler.
+    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed)
+    if(NOT LIBCOMMON_SANITIZE)
+        target_link_options(${target} PRIVATE LINKER:-z,defs)
+    endif()
+    set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR} LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()

@@ -1,0 +1,27 @@
+# One libFuzzer program a source <name>_fuzz.cpp, linked with the library's own sources so that they are instrumented.
+# Each is replayed over its kept corpus as a test; tools/test gives each a short run besides.
+file(GLOB fuzz_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/*_fuzz.cpp)
+if(NOT fuzz_sources)
+    return()
+endif()
+
+set(fuzz_flags -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all -g1 -O1)
+add_library(fuzz_common STATIC ${common_sources} ${heap_sources})
+target_include_directories(fuzz_common PUBLIC ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
+target_compile_definitions(fuzz_common PRIVATE _GNU_SOURCE)
+target_compile_options(fuzz_common PUBLIC ${fuzz_flags})
+target_compile_options(fuzz_common PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+include(${PROJECT_SOURCE_DIR}/mem/flags.cmake OPTIONAL)
+
+foreach(source IN LISTS fuzz_sources)
+    cmake_path(GET source STEM name)
+    string(REGEX REPLACE "_fuzz$" "" subject ${name})
+    set(corpus ${CMAKE_CURRENT_LIST_DIR}/corpus/${subject})
+    add_executable(${name} ${source})
+    target_link_libraries(${name} PRIVATE fuzz_common)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/fuzz)
+    add_test(NAME fuzz.replay.${subject} COMMAND ${name} -runs=0 ${corpus})
+    list(APPEND fuzz_targets ${name})
+endforeach()
+add_custom_target(fuzzers DEPENDS ${fuzz_targets})
