@@ -13,8 +13,8 @@
 /* A mark for readers; the build checks the crash path's objects against a list of allowed symbols. */
 #define QV_SIGNAL_SAFE
 
-/* Lets the compiler check a printf-style call: FORMAT is the position of the format, FIRST that of its first argument. */
-#define QV_PRINTF(format, first) __attribute__((format(printf, format, first)))
+/* Lets the compiler check a printf-style call: TEXT is the position of the format, FIRST that of its first argument. */
+#define QV_PRINTF(text, first) __attribute__((format(printf, text, first)))
 
 #ifdef __cplusplus
 #define QV_BEGIN_DECLS extern "C" {
