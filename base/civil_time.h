@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// civil_time.h - the date of a time_t by Gregorian rules, in UTC, without the C library: no lock, no time zone, no
+// limit.
+#ifndef LIBCOMMON_BASE_CIVIL_TIME_H
+#define LIBCOMMON_BASE_CIVIL_TIME_H
+
+#include "console_print.h"
+
+#include <ctime>
+
+namespace base {
+
+struct civil_time {
+    long year; // 64 bits: every time_t has its year
+    int month; // 1 to 12
+    int day;   // 1 to 31
+    int hour;
+    int minute;
+    int second;
+};
+
+constexpr bool is_leap_year(long year)
+{
+    return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+}
+
+// Signal-safe.
+inline civil_time civil_from_time(std::time_t time)
+{
+    constexpr long kSecondsPerDay = 86400;
+    constexpr long kDaysTo2000 = 10957; // a year that opens a cycle of 400
+    constexpr long kYearsPerCycle = 400;
+    constexpr long kDaysPerCycle = 146097;
+
+    auto floor_divide = [](long a, long b) { return a / b - (a % b < 0 ? 1 : 0); };
+    long days = floor_divide(time, kSecondsPerDay);
+    int second_of_day = static_cast<int>(time - days * kSecondsPerDay);
+    days -= kDaysTo2000;
+
+    long cycle = floor_divide(days, kDaysPerCycle);
+    long year = 2000 + cycle * kYearsPerCycle;
+    long day_of_year = days - cycle * kDaysPerCycle;
+    for (long length; day_of_year >= (length = is_leap_year(year) ? 366 : 365); year++)
+        day_of_year -= length;
+
+    const unsigned short *days_before = __mon_yday[is_leap_year(year) ? 1 : 0];
+    int month = 1;
+    while (day_of_year >= days_before[month])
+        month++;
+
+    civil_time result;
+    result.year = year;
+    result.month = month;
+    result.day = static_cast<int>(day_of_year) - days_before[month - 1] + 1;
+    result.hour = second_of_day / 3600;
+    result.minute = second_of_day / 60 % 60;
+    result.second = second_of_day % 60;
+    return result;
+}
+
+} // namespace base
+
+#endif

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// console_output.h - how a formatted message reaches the console devices and a log file.
+//
+// Two paths share this shape: the ordinary one and that of the fatal-signal handler. They must not share anything else,
+// since the handler may interrupt the ordinary path anywhere. So all state sits in the template, one set a path, and
+// what differs (open flags, time stamp, formatter) comes from the path's traits.
+#ifndef LIBCOMMON_LOG_CONSOLE_OUTPUT_H
+#define LIBCOMMON_LOG_CONSOLE_OUTPUT_H
+
+#include "base/unique_fd.h"
+#include "console_print.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace console {
+
+inline constexpr const char *kConsolePath = "/dev/console";
+inline constexpr const char *kSerialPath = "/dev/ttyS0";
+inline constexpr const char *kSerialName = "ttyS0";
+inline constexpr off_t kLogLimit = 512 * 1024; // a larger file takes no more messages
+inline constexpr mode_t kLogMode = 0777;
+inline constexpr std::size_t kMessageSize = 1024;
+inline constexpr std::size_t kPrefixSize = 128;
+inline constexpr std::size_t kNoticeSize = 64;
+
+// What a formatter that reports the whole length has really stored in size bytes.
+inline std::size_t stored(int length, std::size_t size)
+{
+    return length > 0 ? std::min(static_cast<std::size_t>(length), size - 1) : 0;
+}
+
+inline void write_piece(int fd, const char *text, std::size_t length)
+{
+    [[maybe_unused]] ssize_t ignored = ::write(fd, text, length);
+}
+
+// Traits:
+//   static constexpr int kOpenFlags                                   further flags for the console devices
+//   static std::size_t make_prefix(char (&out)[kPrefixSize])          the time stamp's length, 0 for none
+//   static std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
+template <typename Traits>
+class output {
+public:
+    static void to_console(const char *text, std::size_t length)
+    {
+        if (qv_is_aws() == 0) {
+            if (ttys0_default_ == -1)
+                ttys0_default_ = is_default_console_device(kSerialName);
+            // The console reaches a default serial port already; it is then never opened here.
+            if (ttys0_default_ == 0)
+                open_device(fd2_, kSerialPath);
+            write_device(fd2_, text, length);
+        }
+        open_device(fd_, kConsolePath);
+        write_device(fd_, text, length);
+    }
+
+    // To the console only if an earlier message has opened it.
+    static void to_open_console(const char *text, std::size_t length) { write_device(fd_, text, length); }
+
+    static void to_log(const char *path, const char *text, std::size_t length)
+    {
+        base::unique_fd log(::open(path, O_WRONLY | O_CREAT | O_APPEND, kLogMode));
+        struct stat info;
+        if (!log || ::fstat(log.get(), &info) != 0)
+            return;
+        if (info.st_size > kLogLimit) {
+            fail_count_ = fail_count_ + 1;
+            return;
+        }
+
+        char prefix[kPrefixSize];
+        std::size_t prefix_length = Traits::make_prefix(prefix);
+        if (fail_count_ != 0) {
+            char notice[kNoticeSize];
+            std::size_t notice_length = Traits::make_notice(notice, fail_count_);
+            if (prefix_length > 0)
+                write_piece(log.get(), prefix, prefix_length);
+            write_piece(log.get(), notice, notice_length);
+            fail_count_ = 0;
+        }
+        // Text without a newline continues a line, which is stamped by the piece that ends it.
+        if (prefix_length > 0 && length > 0 && text[length - 1] == '\n')
+            write_piece(log.get(), prefix, prefix_length);
+        write_piece(log.get(), text, length);
+    }
+
+private:
+    // A failed open leaves the cache negative and is tried again with the next message.
+    static void open_device(int &fd, const char *path)
+    {
+        if (fd == -1)
+            fd = ::open(path, O_WRONLY | O_NOCTTY | Traits::kOpenFlags);
+    }
+
+    static void write_device(int fd, const char *text, std::size_t length)
+    {
+        if (fd >= 0)
+            write_piece(fd, text, length);
+    }
+
+    // Plain ints that any thread sets: two racing on the first message may both open a device, and one descriptor then
+    // stays open and idle. Opened once and kept for the life of the process.
+    static inline int fd_ = -1;
+    static inline int fd2_ = -1;
+    static inline int ttys0_default_ = -1;       // -1 not asked yet, else what is_default_console_device() said
+    static inline unsigned long fail_count_ = 0; // messages of all logs that were over the limit, since the last notice
+};
+
+} // namespace console
+
+#endif

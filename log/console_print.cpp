@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: Apache-2.0
+// Console and log output outside signal handlers, and the probes that it asks.
+#include "console_print.h"
+
+#include "base/errno_guard.h"
+#include "log/console_output.h"
+#include "qv_time.h"
+#include "signal_printf.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string_view>
+
+int (*mirror_func)(const char *format, va_list ap) = nullptr;
+
+// The host says whether console output is to be kept off; without an answer it is not.
+extern "C" __attribute__((weak)) int qv_is_numa_ssm(void);
+
+namespace {
+
+constexpr std::size_t kMaxSize = 16383; // largest buffer, terminator included
+constexpr std::string_view kTooLong = "Error: the size to output is beyond max length\n";
+static_assert(kTooLong.size() == 47);
+
+constexpr const char *kConsoleLog = "/etc/consolelog";
+constexpr const char *kBootLog = "/etc/bootlog";
+constexpr const char *kInfoLog = "/etc/ilog.txt";
+constexpr const char *kPowerLog = "/flash/platform/powerlog";
+constexpr const char *kFruLog = "/etc/fru_mlog";
+
+constexpr int kYear1970 = 70; // of struct tm: the clock has not been set, so it counts the time since boot
+
+struct ordinary_path {
+    static constexpr int kOpenFlags = 0;
+
+    static std::size_t make_prefix(char (&out)[console::kPrefixSize])
+    {
+        std::time_t now = std::time(nullptr);
+        tm date;
+        if (now == -1 || qv_localtime_r(&now, &date) == nullptr)
+            return 0;
+        int length = date.tm_year == kYear1970
+                         ? std::snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now))
+                         : std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d ", date.tm_year + 1900,
+                                         date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec);
+        return console::stored(length, sizeof out);
+    }
+
+    static std::size_t make_notice(char (&out)[console::kNoticeSize], unsigned long drops)
+    {
+        int length =
+            std::snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops);
+        return console::stored(length, sizeof out);
+    }
+};
+
+using output = console::output<ordinary_path>;
+
+// The formatted message: in a buffer on the stack while it fits, else on the heap.
+class message {
+public:
+    enum class state { ready, too_long, no_memory };
+
+    message() = default;
+    message(const message &) = delete;
+    message &operator=(const message &) = delete;
+    ~message() { std::free(heap_); }
+
+    // Each formatting starts from the caller's errno, for %m.
+    state format(const char *format, va_list ap, const base::errno_guard &caller)
+    {
+        length_ = format_once(stack_, sizeof stack_, format, ap, caller);
+        std::size_t size = sizeof stack_;
+        while (static_cast<unsigned>(length_) >= size) {
+            if (length_ >= 0 && static_cast<std::size_t>(length_) >= kMaxSize)
+                return state::too_long;
+            size = length_ >= 0 ? static_cast<std::size_t>(length_) + 1 : size * 2;
+            if (size > kMaxSize)
+                return state::too_long;
+            auto *grown = static_cast<char *>(std::realloc(heap_, size));
+            if (grown == nullptr)
+                return state::no_memory;
+            heap_ = grown;
+            std::memset(heap_, 0, size);
+            length_ = format_once(heap_, size, format, ap, caller);
+        }
+        return state::ready;
+    }
+
+    const char *text() const { return heap_ != nullptr ? heap_ : stack_; }
+    int length() const { return length_; }
+
+private:
+    static int format_once(char *out, std::size_t size, const char *format, va_list ap, const base::errno_guard &caller)
+    {
+        va_list copy;
+        va_copy(copy, ap);
+        errno = caller.saved();
+        int length = std::vsnprintf(out, size, format, copy);
+        va_end(copy);
+        return length;
+    }
+
+    char stack_[console::kMessageSize]{};
+    char *heap_ = nullptr;
+    int length_ = 0;
+};
+
+void show_to_mirror(const char *format, va_list ap, const base::errno_guard &caller)
+{
+    auto mirror = mirror_func;
+    if (mirror == nullptr)
+        return;
+    va_list copy;
+    va_copy(copy, ap);
+    errno = caller.saved();
+    mirror(format, copy);
+    va_end(copy);
+}
+
+// Remembers a yes; a no is asked again, since the marker file may be made after the process starts.
+int probe(int &cache, const char *path)
+{
+    if (cache > 0)
+        return 1;
+    if (cache < 0)
+        return 0;
+    base::errno_guard keep;
+    cache = ::access(path, F_OK) == 0 ? 1 : 0;
+    return cache;
+}
+
+int is_aws_cache = 0;
+int is_pcap_cache = 0;
+
+// Whether the kernel's list of consoles, one a line, marks the named one enabled and preferred: "(EC" opens its flags.
+bool list_prefers(const char *list, const char *name)
+{
+    const char *entry = std::strstr(list, name);
+    if (entry == nullptr)
+        return false;
+    const char *flags = std::strstr(entry, "(EC");
+    const char *line_end = std::strchr(entry, '\n');
+    return flags != nullptr && line_end != nullptr && flags < line_end;
+}
+
+} // namespace
+
+// A wrapper's whole body, where its variable arguments are.
+#define PRINT_TO(to_console, log_path)                                                                                 \
+    va_list ap;                                                                                                        \
+    va_start(ap, format);                                                                                              \
+    int length = console_print_args(to_console, log_path, format, ap);                                                 \
+    va_end(ap);                                                                                                        \
+    return length
+
+extern "C" {
+
+int console_print_args(int to_console, const char *log_path, const char *format, va_list ap)
+{
+    base::errno_guard caller;
+    if (in_signal_context() != 0) {
+        va_list copy;
+        va_copy(copy, ap);
+        int length = console_print_args_sigctx(to_console, log_path, format, copy);
+        va_end(copy);
+        return length;
+    }
+
+    show_to_mirror(format, ap, caller);
+    message text;
+    switch (text.format(format, ap, caller)) {
+    case message::state::too_long:
+        output::to_open_console(kTooLong.data(), kTooLong.size());
+        return text.length();
+    case message::state::no_memory:
+        return -1;
+    case message::state::ready:
+        break;
+    }
+
+    auto length = static_cast<std::size_t>(text.length());
+    if (to_console != 0)
+        output::to_console(text.text(), length);
+    if (log_path != nullptr)
+        output::to_log(log_path, text.text(), length);
+    return text.length();
+}
+
+int console_print(const char *format, ...)
+{
+    int to_console = 1;
+    if (qv_is_numa_ssm != nullptr) {
+        base::errno_guard keep;
+        to_console = qv_is_numa_ssm() == 0 ? 1 : 0;
+    }
+    PRINT_TO(to_console, kConsoleLog);
+}
+
+int console_print_t(const char *format, ...)
+{
+    PRINT_TO(1, kConsoleLog);
+}
+
+int console_printv(const char *format, va_list ap)
+{
+    va_list copy;
+    va_copy(copy, ap);
+    int length = console_print_args(1, kConsoleLog, format, copy);
+    va_end(copy);
+    return length;
+}
+
+int console_print_nb(const char *format, ...)
+{
+    PRINT_TO(1, kConsoleLog);
+}
+
+int boot_print(const char *format, ...)
+{
+    PRINT_TO(0, kBootLog);
+}
+
+int qv_clog(const char *format, ...)
+{
+    PRINT_TO(0, kConsoleLog);
+}
+
+int qv_ilog(const char *format, ...)
+{
+    PRINT_TO(0, kInfoLog);
+}
+
+int qv_plog(const char *format, ...)
+{
+    PRINT_TO(0, kPowerLog);
+}
+
+int qv_fru_mlog(const char *format, ...)
+{
+    PRINT_TO(0, kFruLog);
+}
+
+int console_print_mfunc_set(int (*fn)(const char *format, va_list ap))
+{
+    mirror_func = fn;
+    return 0;
+}
+
+int qv_is_aws(void)
+{
+    return probe(is_aws_cache, "/sys/devices/system/xen_memory");
+}
+
+int qv_is_pcap_network(void)
+{
+    return probe(is_pcap_cache, "/etc/pcap");
+}
+
+int qv_is_support_default_console_device(void)
+{
+    return 1;
+}
+
+int is_default_console_device(const char *name)
+{
+    if (name == nullptr)
+        return 0;
+    if (qv_is_support_default_console_device() != 0)
+        return 1;
+    base::unique_fd consoles(::open("/proc/consoles", O_RDONLY));
+    if (!consoles)
+        return 0;
+    char list[256] = {};
+    if (::read(consoles.get(), list, sizeof list - 1) <= 0)
+        return 0;
+    return list_prefers(list, name) ? 1 : 0;
+}
+}

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+// Console and log output inside the fatal-signal handler: no heap, no lock, nothing shared with the ordinary path.
+#include "base/civil_time.h"
+#include "base/errno_guard.h"
+#include "log/console_output.h"
+#include "signal_printf.h"
+
+#include <cstdio>
+#include <ctime>
+#include <sys/syscall.h>
+#include <sys/time.h>
+
+const unsigned short __mon_yday[2][13] = {
+    {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334, 365},
+    {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335, 366},
+};
+
+namespace {
+
+// The date by the raw system call, which takes no part in the C library's time-zone machinery. The label says UTC
+// although the kernel's zone offset has been applied; on a machine without one it is, and log readers look for the
+// label.
+std::size_t date_prefix(char (&out)[console::kPrefixSize])
+{
+    timeval now;
+    struct timezone zone;
+    if (::syscall(SYS_gettimeofday, &now, &zone) != 0)
+        return 0;
+    base::civil_time date = base::civil_from_time(now.tv_sec - 60L * zone.tz_minuteswest);
+    if (date.year == 1970)
+        return 0;
+    int length =
+        signal_snprintf(out, sizeof out, "%04ld-%02ld-%02ld %02ld:%02ld:%02ld(UTC) ", date.year,
+                        static_cast<long>(date.month), static_cast<long>(date.day), static_cast<long>(date.hour),
+                        static_cast<long>(date.minute), static_cast<long>(date.second));
+    return static_cast<std::size_t>(length);
+}
+
+std::size_t uptime_prefix(char (&out)[console::kPrefixSize])
+{
+    std::time_t now = std::time(nullptr);
+    if (now == -1)
+        return 0;
+    return static_cast<std::size_t>(signal_snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now)));
+}
+
+struct signal_path {
+    static constexpr int kOpenFlags = O_NONBLOCK;
+
+    static std::size_t make_prefix(char (&out)[console::kPrefixSize])
+    {
+        std::size_t length = date_prefix(out);
+        return length > 0 ? length : uptime_prefix(out);
+    }
+
+    static std::size_t make_notice(char (&out)[console::kNoticeSize], unsigned long drops)
+    {
+        return static_cast<std::size_t>(
+            signal_snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops));
+    }
+};
+
+using output = console::output<signal_path>;
+
+} // namespace
+
+extern "C" int console_print_args_sigctx(int to_console, const char *log_path, const char *format, va_list ap)
+{
+    base::errno_guard caller;
+    char text[console::kMessageSize] = {};
+    va_list copy;
+    va_copy(copy, ap);
+    auto formatted = static_cast<unsigned>(std::vsnprintf(text, sizeof text, format, copy));
+    va_end(copy);
+    // Longer text, or none because formatting failed, counts as the whole buffer, its terminating zero included.
+    auto length = std::min<std::size_t>(formatted, sizeof text);
+
+    if (to_console != 0)
+        output::to_console(text, length);
+    if (log_path != nullptr)
+        output::to_log(log_path, text, length);
+    return static_cast<int>(length);
+}
