@@ -1,0 +1,282 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "cp_rwlock.h"
+
+#include "support/support.h"
+
+#include <atomic>
+#include <csignal>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace support;
+
+namespace {
+
+// What the contenders share besides the lock.
+struct Shared {
+    qv_cp_rwlock lock;
+    std::uint64_t a, b; // equal whenever no writer is at work
+    std::atomic<std::uint32_t> torn;
+    std::atomic<std::uint32_t> stage;
+    std::atomic<std::uint32_t> order_at;
+    std::uint32_t order[16];
+};
+
+Shared *shared()
+{
+    void *map = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(map, MAP_FAILED);
+    return static_cast<Shared *>(map);
+}
+
+std::uint32_t look(const std::uint32_t &word)
+{
+    return __atomic_load_n(&word, __ATOMIC_SEQ_CST);
+}
+
+void until(const std::function<bool()> &done)
+{
+    while (!done())
+        std::this_thread::yield();
+}
+
+pid_t spawn(const std::function<void()> &body)
+{
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        body();
+        ::_exit(0);
+    }
+    return pid;
+}
+
+void join(pid_t pid)
+{
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+}
+
+// rounds of mixed reading and writing; writers make a and b differ for a moment
+void hammer(Shared *s, std::size_t rounds, unsigned seed)
+{
+    for (std::size_t i = 0; i < rounds; i++) {
+        seed = seed * 1664525u + 1013904223u;
+        if ((seed >> 16) % 4 == 0) {
+            qv_cp_wtlock();
+            s->a++;
+            s->b++;
+            qv_cp_wtunlock();
+        } else {
+            qv_cp_rdlock();
+            if (s->a != s->b)
+                s->torn++;
+            qv_cp_rdunlock();
+        }
+    }
+}
+
+} // namespace
+
+TEST(CpRwlock, InitPointsAtTheRecordAndClearsIt)
+{
+    qv_cp_rwlock record = {7, 8, 9};
+    EXPECT_EQ(rwlock, nullptr);
+    EXPECT_EQ(qv_cp_rwlock_init(&record), &record);
+    EXPECT_EQ(rwlock, &record);
+    EXPECT_EQ(record.lock_state, 0u);
+    EXPECT_EQ(record.next_ticket, 0u);
+    EXPECT_EQ(record.now_serving, 0u);
+}
+
+TEST(CpRwlock, WordsOfAWriter)
+{
+    qv_cp_rwlock record;
+    qv_cp_rwlock_init(&record);
+    EXPECT_EQ(qv_cp_wtlock(), 1);
+    EXPECT_EQ(record.lock_state, 1u);
+    EXPECT_EQ(record.next_ticket, 1u);
+    EXPECT_EQ(record.now_serving, 0u);
+    qv_cp_wtunlock();
+    EXPECT_EQ(record.lock_state, 0u);
+    EXPECT_EQ(record.next_ticket, 1u);
+    EXPECT_EQ(record.now_serving, 1u);
+}
+
+TEST(CpRwlock, TwoReadersHoldItTogether)
+{
+    qv_cp_rwlock record;
+    qv_cp_rwlock_init(&record);
+    qv_cp_rdlock();
+    EXPECT_EQ(record.lock_state, 2u);
+    qv_cp_rdlock();
+    EXPECT_EQ(record.lock_state, 4u);
+    EXPECT_EQ(record.next_ticket, 0u);
+    qv_cp_rdunlock();
+    EXPECT_EQ(record.lock_state, 2u);
+    qv_cp_rdunlock();
+    EXPECT_EQ(record.lock_state, 0u);
+}
+
+TEST(CpRwlock, ANewReaderYieldsToAWaitingWriter)
+{
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    qv_cp_rdlock();
+    pid_t writer = spawn([&] {
+        qv_cp_wtlock();
+        s->order[s->order_at++] = 1;
+        qv_cp_wtunlock();
+    });
+    until([&] { return look(s->lock.next_ticket) == 1; });
+    pid_t reader = spawn([&] {
+        s->stage = 1;
+        qv_cp_rdlock();
+        s->order[s->order_at++] = 2;
+        qv_cp_rdunlock();
+    });
+    until([&] { return s->stage == 1; });
+    ::usleep(20000);
+    EXPECT_EQ(s->order_at, 0u);
+    EXPECT_EQ(look(s->lock.lock_state), 2u) << "only the first reader is in";
+    qv_cp_rdunlock();
+    join(writer);
+    join(reader);
+    EXPECT_EQ(s->order[0], 1u);
+    EXPECT_EQ(s->order[1], 2u);
+}
+
+TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
+{
+    constexpr std::uint32_t kWriters = 4;
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    s->lock.next_ticket = s->lock.now_serving = 0xFFFFFFFEu;
+    qv_cp_wtlock();
+    std::vector<pid_t> writers;
+    for (std::uint32_t i = 0; i < kWriters; i++) {
+        writers.push_back(spawn([&, i] {
+            qv_cp_wtlock();
+            s->order[s->order_at++] = i;
+            qv_cp_wtunlock();
+        }));
+        until([&] { return look(s->lock.next_ticket) == 0xFFFFFFFFu + i + 1; });
+    }
+    EXPECT_EQ(s->order_at, 0u);
+    qv_cp_wtunlock();
+    for (pid_t writer : writers)
+        join(writer);
+    for (std::uint32_t i = 0; i < kWriters; i++)
+        EXPECT_EQ(s->order[i], i);
+    EXPECT_EQ(s->lock.now_serving, 0xFFFFFFFEu + kWriters + 1);
+    EXPECT_EQ(s->lock.now_serving, s->lock.next_ticket);
+    EXPECT_EQ(s->lock.lock_state, 0u);
+}
+
+TEST(CpRwlock, AWriterWaitsForTheReadersInside)
+{
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    qv_cp_rdlock();
+    pid_t writer = spawn([&] {
+        qv_cp_wtlock();
+        s->stage = 1;
+        qv_cp_wtunlock();
+    });
+    until([&] { return look(s->lock.next_ticket) == 1; });
+    ::usleep(20000);
+    EXPECT_EQ(s->stage, 0u);
+    qv_cp_rdunlock();
+    join(writer);
+    EXPECT_EQ(s->stage, 1u);
+}
+
+TEST(CpRwlock, AReaderCountedBehindAWriterWaitsForItsHold)
+{
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    // As if a writer had come in right after the reader's look at the tickets.
+    s->lock.lock_state = 1;
+    pid_t reader = spawn([&] {
+        qv_cp_rdlock();
+        s->stage = 1;
+        qv_cp_rdunlock();
+    });
+    until([&] { return look(s->lock.lock_state) == 3; });
+    ::usleep(20000);
+    EXPECT_EQ(s->stage, 0u);
+    __atomic_fetch_sub(&s->lock.lock_state, 1u, __ATOMIC_SEQ_CST);
+    join(reader);
+    EXPECT_EQ(s->stage, 1u);
+    EXPECT_EQ(s->lock.lock_state, 0u);
+}
+
+TEST(CpRwlock, AWaitingWriterFollowsTheProcessToAnotherRecord)
+{
+    qv_cp_rwlock busy;
+    qv_cp_rwlock free_one = {0, 0, 0};
+    qv_cp_rwlock_init(&busy);
+    qv_cp_rdlock();
+    std::thread writer([] { qv_cp_wtlock(); });
+    until([&] { return look(busy.next_ticket) == 1; });
+    __atomic_store_n(&rwlock, &free_one, __ATOMIC_SEQ_CST);
+    writer.join();
+    EXPECT_EQ(look(free_one.lock_state), 1u);
+    EXPECT_EQ(look(busy.lock_state), 2u);
+}
+
+TEST(CpRwlock, EightProcessesNeverSeeATornRecord)
+{
+    // With more contenders than processors a spinner burns its whole slice: progress is certain but slow.
+    const std::size_t rounds = effort(4000);
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    std::vector<pid_t> children;
+    for (unsigned i = 0; i < 8; i++)
+        children.push_back(spawn([&, i] { hammer(s, rounds, i); }));
+    for (pid_t child : children)
+        join(child);
+    EXPECT_EQ(s->torn, 0u);
+    EXPECT_EQ(s->a, s->b);
+    EXPECT_EQ(s->a, s->lock.next_ticket);
+    EXPECT_EQ(s->lock.next_ticket, s->lock.now_serving);
+    EXPECT_EQ(s->lock.lock_state, 0u);
+}
+
+TEST(CpRwlock, TwoThreadsOverManyAcquisitions)
+{
+    const std::size_t rounds = effort(1000000);
+    static Shared s;
+    qv_cp_rwlock_init(&s.lock);
+    s.lock.next_ticket = s.lock.now_serving = 0xFFFFFF00u; // the counters wrap on the way
+    std::thread other([&] { hammer(&s, rounds, 1); });
+    hammer(&s, rounds, 2);
+    other.join();
+    EXPECT_EQ(s.torn, 0u);
+    EXPECT_EQ(s.a, s.b);
+    EXPECT_EQ(s.lock.lock_state, 0u);
+    EXPECT_EQ(s.lock.next_ticket, s.lock.now_serving);
+    EXPECT_EQ(static_cast<std::uint32_t>(s.a), s.lock.next_ticket - 0xFFFFFF00u);
+}
+
+TEST(CpRwlock, ProgressOnOneProcessor)
+{
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
+    auto pinned = [&](unsigned seed) {
+        ::sched_setaffinity(0, sizeof one, &one);
+        hammer(s, effort(2000), seed);
+    };
+    pid_t first = spawn([&] { pinned(1); });
+    pid_t second = spawn([&] { pinned(2); });
+    join(first);
+    join(second);
+    EXPECT_EQ(s->torn, 0u);
+    EXPECT_EQ(s->a, s->b);
+}

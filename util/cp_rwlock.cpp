@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// The ticketed reader-writer spin lock between processes.
+#include "cp_rwlock.h"
+
+#include <cstddef>
+#include <cstdint>
+
+struct qv_cp_rwlock *rwlock = nullptr;
+
+namespace {
+
+constexpr std::uint32_t kWriter = 1;
+constexpr std::uint32_t kReader = 2;
+
+static_assert(offsetof(qv_cp_rwlock, lock_state) == 0);
+static_assert(offsetof(qv_cp_rwlock, next_ticket) == 4);
+static_assert(offsetof(qv_cp_rwlock, now_serving) == 8);
+static_assert(sizeof(qv_cp_rwlock) == 12);
+
+// The __sync family and not __atomic: its contract is a full barrier on both sides, for the price of the locked
+// instruction alone where that is one; an __atomic operation and a fence pay twice there.
+std::uint32_t fetch_add(std::uint32_t *word, std::uint32_t amount)
+{
+    return __sync_fetch_and_add(word, amount);
+}
+
+void subtract(std::uint32_t *word, std::uint32_t amount)
+{
+    __sync_fetch_and_sub(word, amount);
+}
+
+std::uint32_t load(const std::uint32_t *word)
+{
+    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
+}
+
+qv_cp_rwlock *record_in_use()
+{
+    return __atomic_load_n(&rwlock, __ATOMIC_RELAXED);
+}
+
+} // namespace
+
+extern "C" {
+
+void *qv_cp_rwlock_init(void *record)
+{
+    auto *lock = static_cast<qv_cp_rwlock *>(record);
+    __atomic_store_n(&rwlock, lock, __ATOMIC_RELAXED);
+    __atomic_store_n(&lock->lock_state, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&lock->now_serving, 0, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&lock->next_ticket, 0, __ATOMIC_SEQ_CST);
+    return record;
+}
+
+int qv_cp_wtlock(void)
+{
+    qv_cp_rwlock *lock = record_in_use();
+    std::uint32_t ticket = fetch_add(&lock->next_ticket, 1);
+
+    // The signed distance keeps the order where the counters wrap.
+    while (static_cast<std::int32_t>(ticket - load(&lock->now_serving)) > 0)
+        ;
+
+    // Readers that were in before the ticket was drawn leave first. The plain look before each attempt leaves the line
+    // to them in the meantime. The record is looked up anew every round: the process may be pointed at another one.
+    for (;;) {
+        std::uint32_t *state = &record_in_use()->lock_state;
+        if (load(state) == 0 && __sync_bool_compare_and_swap(state, 0, kWriter))
+            return 1;
+    }
+}
+
+void qv_cp_wtunlock(void)
+{
+    qv_cp_rwlock *lock = record_in_use();
+    subtract(&lock->lock_state, kWriter);
+    fetch_add(&lock->now_serving, 1);
+}
+
+void qv_cp_rdlock(void)
+{
+    qv_cp_rwlock *lock = record_in_use();
+    while (load(&lock->next_ticket) != load(&lock->now_serving))
+        ;
+
+    fetch_add(&lock->lock_state, kReader);
+
+    // A writer may have come in between the look and the count. It finishes first; one that draws its ticket from here
+    // on waits for this reader.
+    while ((load(&lock->lock_state) & kWriter) != 0)
+        ;
+}
+
+void qv_cp_rdunlock(void)
+{
+    subtract(&record_in_use()->lock_state, kReader);
+}
+}
