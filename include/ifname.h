@@ -1,0 +1,52 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* ifname.h - interface names, the appliance's way and Linux's.
+ *
+ * The appliance writes "ethernet0/1.100:3"; Linux gets "eth0-1_100=3": a short prefix for the known type words, and
+ * '-',
+ * '_' and '=' for the characters that the kernel does not take. The way back restores the characters only: "eth0-1"
+ * comes back as "eth0/1". Numbers are not checked; whatever follows a prefix is carried over.
+ *
+ *     char name[32];
+ *     if (ifpname2unixname("ethernet0/1", name, sizeof name) == 0)
+ *         ...                                               // "eth0-1"
+ *
+ * No state; any thread. Failures are reported through console_print(), so not for signal handlers.
+ */
+#ifndef LIBCOMMON_IFNAME_H
+#define LIBCOMMON_IFNAME_H
+
+#include "libcommon_api.h"
+
+#include <stddef.h>
+
+QV_BEGIN_DECLS
+
+/**
+ * Converts an appliance interface name to the Linux name.
+ * @param ifp_name  the name; 31 characters of it count where a type word is shortened
+ * @param out       receives the Linux name. For the name "ha" up to 16 bytes are written whatever outsize says
+ * @param outsize   room in out, terminator included
+ * @return 0, or -1 (said on the console) for a null name or one that does not fit; out then holds the cut text
+ */
+QV_API int ifpname2unixname(const char *ifp_name, char *out, int outsize);
+
+/**
+ * Converts the characters of a Linux interface name back to the appliance's.
+ * @param linux_name  the name; the appliance's long type words are shortened here too
+ * @param out         as for ifpname2unixname(); "ha" stays "ha"
+ * @return as ifpname2unixname()
+ */
+QV_API int unixname2ifpname(const char *linux_name, char *out, int outsize);
+
+/** The number behind the first ':' of an interface name; 0 when there is none or the name is null. */
+QV_API int ifpname2vfg(const char *ifp_name);
+
+/** Makes 'A' to 'Z' lower case in the first n bytes of s, up to its end. A null s is left alone. */
+QV_API void strllwr(char *s, size_t n);
+
+/** Makes 'a' to 'z' upper case in the first n bytes of s, up to its end. A null s is left alone. */
+QV_API void strlupr(char *s, size_t n);
+
+QV_END_DECLS
+
+#endif

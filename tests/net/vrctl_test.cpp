@@ -1,0 +1,528 @@
+// SPDX-License-Identifier: Apache-2.0
+// The requests byte for byte, against an ioctl() that stands in for the appliance kernel's, and on the stock kernel.
+#include "vrctl.h"
+
+#include "support/support.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace support;
+
+namespace {
+
+// ---- the interposed kernel ----
+
+struct Request {
+    unsigned long number;
+    std::string device;
+    std::vector<unsigned char> record;
+};
+
+bool interposed = false;
+std::vector<Request> requests;
+std::function<int(unsigned char *record)> reply; // fills the record, returns the ioctl's result
+int sockets_fail_with = 0;
+int close_spoils_errno = 0;
+int opened = 0, closed = 0;
+
+std::uint64_t field(const Request &request, std::size_t offset, std::size_t width)
+{
+    std::uint64_t value = 0;
+    std::memcpy(&value, request.record.data() + offset, width);
+    return value;
+}
+
+template <typename T>
+void put(unsigned char *record, std::size_t offset, T value)
+{
+    std::memcpy(record + offset, &value, sizeof value);
+}
+
+// The only request made: its code is right, and apart from the named fields every byte is zero.
+Request only(unsigned code, std::initializer_list<std::pair<std::size_t, std::size_t>> fields)
+{
+    EXPECT_EQ(requests.size(), 1u);
+    if (requests.empty())
+        return {};
+    Request request = requests.front();
+    EXPECT_EQ(request.number, 0x89F0u);
+    EXPECT_EQ(request.device, "pow0");
+    EXPECT_EQ(field(request, 0, 8), code);
+    std::vector<unsigned char> rest = request.record;
+    std::fill_n(rest.begin(), 8, 0);
+    for (auto [offset, width] : fields)
+        std::fill_n(rest.begin() + static_cast<long>(offset), width, 0);
+    EXPECT_EQ(rest, std::vector<unsigned char>(280, 0)) << "no stack bytes may travel";
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(closed, 1);
+    return request;
+}
+
+struct Vrctl : testing::Test {
+    void SetUp() override { interposed = true; }
+    void TearDown() override { interposed = false; }
+
+    void succeed(std::function<void(unsigned char *)> fill = {})
+    {
+        reply = [fill](unsigned char *record) {
+            if (fill)
+                fill(record);
+            return 0;
+        };
+    }
+
+    void fail(int error)
+    {
+        close_spoils_errno = EBADF;
+        reply = [error](unsigned char *record) {
+            std::memset(record, 0x5A, 20); // what a failed request leaves is nobody's business
+            errno = error;
+            return -1;
+        };
+    }
+};
+
+} // namespace
+
+extern "C" int ioctl(int fd, unsigned long number, ...)
+{
+    va_list ap;
+    va_start(ap, number);
+    void *argument = va_arg(ap, void *);
+    va_end(ap);
+    static auto real = reinterpret_cast<int (*)(int, unsigned long, void *)>(::dlsym(RTLD_NEXT, "ioctl"));
+    if (!interposed)
+        return real(fd, number, argument);
+
+    Request request{number, {}, {}};
+    unsigned char *record = static_cast<unsigned char *>(argument);
+    if (number == 0x89F0) {
+        ifreq channel;
+        std::memcpy(&channel, argument, sizeof channel);
+        request.device = std::string(channel.ifr_name, ::strnlen(channel.ifr_name, 16));
+        record = reinterpret_cast<unsigned char *>(channel.ifr_data);
+        request.record.assign(record, record + 280);
+    } else {
+        request.record.assign(record, record + 56);
+    }
+    requests.push_back(request);
+    return reply(record);
+}
+
+extern "C" int socket(int domain, int type, int protocol)
+{
+    static auto real = reinterpret_cast<int (*)(int, int, int)>(::dlsym(RTLD_NEXT, "socket"));
+    if (!interposed)
+        return real(domain, type, protocol);
+    if (sockets_fail_with != 0) {
+        errno = sockets_fail_with;
+        return -1;
+    }
+    EXPECT_EQ(domain, AF_INET);
+    EXPECT_EQ(type, SOCK_DGRAM);
+    EXPECT_EQ(protocol, 0);
+    opened++;
+    return real(domain, type, protocol);
+}
+
+extern "C" int close(int fd)
+{
+    static auto real = reinterpret_cast<int (*)(int)>(::dlsym(RTLD_NEXT, "close"));
+    if (interposed) {
+        EXPECT_GE(fd, 0);
+        closed++;
+    }
+    int result = real(fd);
+    if (interposed && close_spoils_errno != 0)
+        errno = close_spoils_errno;
+    return result;
+}
+
+// ---- virtual routers and virtual systems ----
+
+TEST_F(Vrctl, VridToVsysid)
+{
+    succeed([](unsigned char *record) { put<std::uint16_t>(record, 10, 65535); });
+    EXPECT_EQ(qv_vrid_2_vsysid(0x1234), 65535);
+    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 0x1234u);
+}
+
+TEST_F(Vrctl, VridToName)
+{
+    succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 16, "untrust"); });
+    char *name = qv_vrid_2_name(7);
+    EXPECT_STREQ(name, "untrust");
+    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 7u);
+    succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 16, "b"); });
+    EXPECT_EQ(qv_vrid_2_name(8), name) << "one static buffer";
+    EXPECT_STREQ(name, "b");
+}
+
+TEST_F(Vrctl, NamesWithoutTerminatorAreCutAt31)
+{
+    succeed([](unsigned char *record) { std::memset(record, 'n', 280); });
+    EXPECT_EQ(qv_vrid_2_name(7), std::string(31, 'n'));
+    EXPECT_EQ(qv_vsysid_2_name(7), std::string(31, 'n'));
+}
+
+TEST_F(Vrctl, VrNameToId)
+{
+    succeed([](unsigned char *record) { put<std::uint16_t>(record, 8, 2080); });
+    EXPECT_EQ(qv_vrname_2_id(3, "trust"), 2080);
+    Request request = only(12, {{10, 2}, {16, 32}});
+    EXPECT_EQ(field(request, 10, 2), 3u);
+    EXPECT_STREQ(reinterpret_cast<char *>(request.record.data()) + 16, "trust");
+}
+
+TEST_F(Vrctl, SentNamesAreCutAt31)
+{
+    succeed();
+    for (std::size_t length : {31u, 32u, 300u}) {
+        requests.clear();
+        opened = closed = 0;
+        qv_vrname_2_id(0, std::string(length, 'v').c_str());
+        Request request = only(12, {{10, 2}, {16, 32}});
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(request.record.data()) + 16, 32), std::string(31, 'v') + '\0');
+        requests.clear();
+        opened = closed = 0;
+        qv_vsysname_2_id(std::string(length, 'w').c_str());
+        request = only(16, {{10, 32}});
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(request.record.data()) + 10, 32), std::string(31, 'w') + '\0');
+    }
+}
+
+TEST_F(Vrctl, VsysIdToName)
+{
+    succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 10, "root"); });
+    EXPECT_STREQ(qv_vsysid_2_name(9), "root");
+    EXPECT_EQ(field(only(15, {{8, 2}}), 8, 2), 9u);
+}
+
+TEST_F(Vrctl, TheTwoNameBuffersAreSeparate)
+{
+    succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 10, "xxxxxxyyyy"); });
+    char *vsys = qv_vsysid_2_name(1);
+    char *vr = qv_vrid_2_name(1);
+    EXPECT_NE(vsys, vr);
+    EXPECT_STREQ(vsys, "xxxxxxyyyy");
+    EXPECT_STREQ(vr, "yyyy");
+}
+
+TEST_F(Vrctl, VsysNameToId)
+{
+    succeed([](unsigned char *record) { put<std::uint16_t>(record, 8, 65535); });
+    EXPECT_EQ(qv_vsysname_2_id("root"), 65535);
+    EXPECT_STREQ(reinterpret_cast<char *>(only(16, {{10, 32}}).record.data()) + 10, "root");
+}
+
+TEST_F(Vrctl, NullNamesNeedNoSocket)
+{
+    EXPECT_EQ(qv_vsysname_2_id(nullptr), -1);
+    EXPECT_EQ(qv_vrname_2_id(1, nullptr), 0);
+    unsigned vrid = 5;
+    EXPECT_EQ(qv_get_if_vr(nullptr, &vrid), -1);
+    EXPECT_EQ(qv_set_if_vr(nullptr, 5), -1);
+    EXPECT_EQ(vrid, 5u);
+    EXPECT_EQ(opened, 0);
+    EXPECT_EQ(closed, 0);
+}
+
+TEST_F(Vrctl, DefaultVr)
+{
+    EXPECT_EQ(qv_vsysid_2_default_vrid(0), 1);
+    EXPECT_EQ(opened, 0);
+    succeed([](unsigned char *record) { put<std::uint16_t>(record, 42, 77); });
+    EXPECT_EQ(qv_vsysid_2_default_vrid(4), 77);
+    EXPECT_EQ(field(only(17, {{8, 2}}), 8, 2), 4u);
+}
+
+// ---- flags ----
+
+TEST_F(Vrctl, InterfaceSharedMark)
+{
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 268, 0xFFFFFFFF); });
+    EXPECT_EQ(qv_is_if_shared(300), 2);
+    EXPECT_EQ(field(only(6, {{264, 4}}), 264, 4), 300u);
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 268, 0xFFFFFFFD); });
+    EXPECT_EQ(qv_is_if_shared(300), 0);
+}
+
+TEST_F(Vrctl, SettingAnInterfacesMarkReadsAndWritesBack)
+{
+    succeed([](unsigned char *record) {
+        if (record[0] == 6)
+            put<std::uint32_t>(record, 268, 0xA0000001);
+    });
+    EXPECT_EQ(qv_set_if_shared(300), 0);
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(field(requests[0], 0, 8), 6u);
+    EXPECT_EQ(field(requests[1], 0, 8), 4u);
+    EXPECT_EQ(field(requests[1], 264, 4), 300u);
+    EXPECT_EQ(field(requests[1], 268, 4), 0xA0000003u);
+    succeed([](unsigned char *record) {
+        if (record[0] == 6)
+            put<std::uint32_t>(record, 268, 0xA0000003);
+    });
+    EXPECT_EQ(qv_set_if_unshared(301), 0);
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(field(requests[3], 264, 4), 301u);
+    EXPECT_EQ(field(requests[3], 268, 4), 0xA0000001u);
+}
+
+TEST_F(Vrctl, VrSharedMark)
+{
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 12, 2); });
+    EXPECT_EQ(qv_is_vr_shared(9), 2);
+    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 9u);
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 12, 1); });
+    EXPECT_EQ(qv_is_vr_shared(9), 0);
+}
+
+TEST_F(Vrctl, SettingAVrsMarkReadsAndWritesBack)
+{
+    std::uint32_t flags = 0x80000005;
+    succeed([&](unsigned char *record) {
+        if (record[0] == 11)
+            put(record, 12, flags);
+        else
+            std::memcpy(&flags, record + 12, 4);
+    });
+    EXPECT_EQ(qv_set_vr_shared(9), 0);
+    EXPECT_EQ(flags, 0x80000007u);
+    EXPECT_EQ(qv_set_vr_unshared(9), 0);
+    EXPECT_EQ(flags, 0x80000005u);
+    ASSERT_EQ(requests.size(), 4u);
+    EXPECT_EQ(field(requests[1], 0, 8), 9u);
+    EXPECT_EQ(field(requests[1], 8, 2), 9u);
+    EXPECT_EQ(field(requests[1], 10, 2), 0u);
+}
+
+TEST_F(Vrctl, AWriteThatFailsIsTheResult)
+{
+    reply = [](unsigned char *record) { return record[0] == 4 || record[0] == 9 ? -1 : 0; };
+    EXPECT_EQ(qv_set_if_shared(1), -1);
+    EXPECT_EQ(qv_set_vr_unshared(1), -1);
+    EXPECT_EQ(requests.size(), 4u);
+}
+
+TEST_F(Vrctl, InterfacesVsys)
+{
+    unsigned short vsysid = 5;
+    succeed([](unsigned char *record) { put<std::uint16_t>(record, 272, 65000); });
+    EXPECT_EQ(qv_get_if_vsysid(65535, &vsysid), 0);
+    EXPECT_EQ(vsysid, 65000);
+    EXPECT_EQ(field(only(6, {{264, 4}}), 264, 4), 65535u) << "widened without a sign";
+}
+
+// ---- the other interface commands ----
+
+TEST_F(Vrctl, CellularMac)
+{
+    const unsigned char mac[6] = {1, 2, 3, 0xFD, 0xFE, 0xFF};
+    succeed();
+    EXPECT_EQ(qv_set_cellular_if_mac(mac, 12, 0xDEADBEEF), 0);
+    Request request = only(18, {{8, 2}, {12, 4}, {16, 6}});
+    EXPECT_EQ(field(request, 8, 2), 12u);
+    EXPECT_EQ(field(request, 12, 4), 0xDEADBEEFu);
+    EXPECT_EQ(std::memcmp(request.record.data() + 16, mac, 6), 0);
+}
+
+TEST_F(Vrctl, Wifi)
+{
+    succeed();
+    EXPECT_EQ(qv_set_wifi_if(12, 0xDEADBEEF), 0);
+    Request request = only(19, {{8, 2}, {12, 4}});
+    EXPECT_EQ(field(request, 8, 2), 12u);
+    EXPECT_EQ(field(request, 12, 4), 0xDEADBEEFu);
+}
+
+TEST_F(Vrctl, MtuLimit)
+{
+    succeed();
+    EXPECT_EQ(qv_set_if_mtu_limit(12), 0);
+    EXPECT_EQ(field(only(22, {{8, 2}}), 8, 2), 12u);
+}
+
+TEST_F(Vrctl, CellularDevice)
+{
+    succeed();
+    EXPECT_EQ(qv_change_cellular_dev(&requests, 12, 3), 0);
+    Request request = only(24, {{8, 2}, {12, 4}});
+    EXPECT_EQ(field(request, 8, 2), 12u);
+    EXPECT_EQ(field(request, 12, 4), 3u);
+}
+
+// ---- failures of the private channel ----
+
+TEST_F(Vrctl, ARefusedCommandGivesEachCallItsFailureAndTheRequestsErrno)
+{
+    const unsigned char mac[6] = {};
+    unsigned short vsysid = 5;
+    fail(ENODEV);
+    auto expect_errno = [](const char *call) {
+        EXPECT_EQ(errno, ENODEV) << call;
+        errno = 0;
+    };
+    EXPECT_EQ(qv_vrid_2_vsysid(1), -1), expect_errno("vrid_2_vsysid");
+    EXPECT_EQ(qv_vrid_2_name(1), nullptr), expect_errno("vrid_2_name");
+    EXPECT_EQ(qv_vrname_2_id(1, "x"), 0), expect_errno("vrname_2_id");
+    EXPECT_EQ(qv_vsysid_2_name(1), nullptr), expect_errno("vsysid_2_name");
+    EXPECT_EQ(qv_vsysname_2_id("x"), -1), expect_errno("vsysname_2_id");
+    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0), expect_errno("default_vrid");
+    EXPECT_EQ(qv_is_vr_shared(1), 0), expect_errno("is_vr_shared");
+    EXPECT_EQ(qv_set_vr_shared(1), -1), expect_errno("set_vr_shared");
+    EXPECT_EQ(qv_set_vr_unshared(1), -1), expect_errno("set_vr_unshared");
+    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), -1), expect_errno("get_if_vsysid");
+    EXPECT_EQ(qv_is_if_shared(1), 0), expect_errno("is_if_shared");
+    EXPECT_EQ(qv_set_if_shared(1), -1), expect_errno("set_if_shared");
+    EXPECT_EQ(qv_set_if_unshared(1), -1), expect_errno("set_if_unshared");
+    EXPECT_EQ(qv_set_cellular_if_mac(mac, 1, 1), -1), expect_errno("cellular_mac");
+    EXPECT_EQ(qv_set_wifi_if(1, 1), -1), expect_errno("wifi");
+    EXPECT_EQ(qv_set_if_mtu_limit(1), -1), expect_errno("mtu");
+    EXPECT_EQ(qv_change_cellular_dev(nullptr, 1, 1), -1), expect_errno("cellular_dev");
+    EXPECT_EQ(vsysid, 5) << "left alone";
+    EXPECT_EQ(opened, 17);
+    EXPECT_EQ(closed, 17);
+}
+
+TEST_F(Vrctl, WithoutASocketNothingIsClosed)
+{
+    sockets_fail_with = EMFILE;
+    unsigned vrid = 5;
+    EXPECT_EQ(qv_vrid_2_vsysid(1), -1);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0);
+    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), EMFILE);
+    EXPECT_EQ(qv_set_if_vr("eth0", 5), EMFILE);
+    EXPECT_EQ(vrid, 5u) << "left alone";
+    EXPECT_EQ(closed, 0);
+    EXPECT_TRUE(requests.empty());
+}
+
+// ---- interfaces by name ----
+
+TEST_F(Vrctl, InterfacesVr)
+{
+    unsigned vrid = 5;
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 16, 0x12345678); });
+    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), 0);
+    EXPECT_EQ(vrid, 0x12345678u);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].number, 0x89A4u);
+    std::vector<unsigned char> wanted(56, 0);
+    std::memcpy(wanted.data(), "eth0", 4);
+    EXPECT_EQ(requests[0].record, wanted);
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(closed, 1);
+}
+
+TEST_F(Vrctl, SettingAnInterfacesVr)
+{
+    succeed();
+    EXPECT_EQ(qv_set_if_vr("a-name-of-16-cha", 0x12345678), 0);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].number, 0x89A5u);
+    std::vector<unsigned char> wanted(56, 0);
+    std::memcpy(wanted.data(), "a-name-of-16-ch", 15);
+    put<std::uint32_t>(wanted.data(), 16, 0x12345678);
+    EXPECT_EQ(requests[0].record, wanted);
+}
+
+TEST_F(Vrctl, ARefusedInterfaceRequestGivesThePositiveErrno)
+{
+    unsigned vrid = 5;
+    fail(ENXIO);
+    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), ENXIO);
+    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(qv_set_if_vr("eth0", 5), ENXIO);
+    EXPECT_EQ(closed, 2);
+}
+
+TEST_F(Vrctl, TheApplianceNameIsConverted)
+{
+    unsigned vrid = 5;
+    succeed([](unsigned char *record) { put<std::uint32_t>(record, 16, 9); });
+    EXPECT_EQ(qv_get_netif_vr("ethernet0/1", &vrid), 0);
+    EXPECT_EQ(vrid, 9u);
+    EXPECT_STREQ(reinterpret_cast<char *>(requests.at(0).record.data()), "eth0-1");
+}
+
+TEST_F(Vrctl, ANameThatCannotBeConvertedMakesNoRequest)
+{
+    unsigned vrid = 5;
+    std::string name = "tunnel" + std::string(26, '1');
+    EXPECT_EQ(qv_get_netif_vr(name.c_str(), &vrid), -1);
+    EXPECT_EQ(qv_get_netif_vr(nullptr, &vrid), -1);
+    EXPECT_EQ(qv_ifname_2_vsysid(name.c_str()), -1);
+    EXPECT_EQ(vrid, 5u);
+    EXPECT_TRUE(requests.empty());
+    interposed = false;
+    EXPECT_EQ(read_file(kConsole), "Can not convert ifp name: " + name + "\nNULL ifp name, can not convert\n" +
+                                       "Can not convert ifp name: " + name + "\n");
+}
+
+TEST_F(Vrctl, IfnameToVsysid)
+{
+    reply = [](unsigned char *record) {
+        if (requests.back().number == 0x89A4)
+            put<std::uint32_t>(record, 16, 0xABCD0009);
+        else
+            put<std::uint16_t>(record, 10, 4);
+        return 0;
+    };
+    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), 4);
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(field(requests[1], 0, 8), 11u);
+    EXPECT_EQ(field(requests[1], 8, 2), 9u) << "the low 16 bits of the VR id";
+    fail(EINVAL);
+    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), -1);
+}
+
+TEST(VrctlProbes, WhatThePlatformCanDo)
+{
+    EXPECT_EQ(qv_is_support_multi_vrouter(), 1);
+    EXPECT_EQ(qv_is_support_vrf(), 0);
+}
+
+// ---- the stock kernel, which has none of this ----
+
+TEST(VrctlStockKernel, EveryCallGivesItsFailure)
+{
+    unsigned short vsysid = 5;
+    unsigned vrid = 5;
+    EXPECT_EQ(qv_vrid_2_vsysid(1), -1);
+    EXPECT_EQ(qv_vrid_2_name(1), nullptr);
+    EXPECT_EQ(qv_vrname_2_id(0, "x"), 0);
+    EXPECT_EQ(qv_vsysid_2_name(0), nullptr);
+    EXPECT_EQ(qv_vsysname_2_id("x"), -1);
+    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0);
+    EXPECT_EQ(qv_is_vr_shared(1), 0);
+    EXPECT_EQ(qv_set_vr_shared(1), -1);
+    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), -1);
+    EXPECT_EQ(qv_is_if_shared(1), 0);
+    EXPECT_EQ(qv_set_if_shared(1), -1);
+    EXPECT_GT(qv_get_if_vr("lo", &vrid), 0);
+    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_GT(qv_set_if_vr("lo", 1), 0);
+    EXPECT_EQ(vsysid, 5);
+}
+
+TEST(VrctlStockKernel, NoDescriptorIsLeftOpen)
+{
+    int before = ::open("/dev/null", O_RDONLY);
+    ::close(before);
+    unsigned vrid;
+    qv_vrid_2_vsysid(1);
+    qv_get_if_vr("lo", &vrid);
+    qv_set_if_vr("lo", 1);
+    int after = ::open("/dev/null", O_RDONLY);
+    EXPECT_EQ(before, after);
+}
