@@ -85,7 +85,7 @@ TEST(RunExecv, WaitingGivesTheRawStatus)
     char *const dies[] = {shell, option, die, nullptr};
     EXPECT_EQ(run_execv("/bin/sh", exits, 1, 0), 3 << 8);
     EXPECT_EQ(run_execv("/bin/sh", dies, 1, 0), SIGKILL);
-    EXPECT_EQ(run_execv("/bin/true", kNoArgs, 1, 0), 0);
+    EXPECT_EQ(run_execv(show_args().c_str(), kNoArgs, 1, 0), 0);
 }
 
 TEST(RunExecv, WithoutWaitingTheChildIsTheCallersToReap)
@@ -160,8 +160,9 @@ TEST(RunExecv, NoDescriptorAboveStandardErrorReachesTheChild)
 
 TEST(RunExecv, AnEmptyArgumentListRunsTheProgram)
 {
-    EXPECT_EQ(run_shellcmd("/bin/true", "", 1, 0), 0);
-    EXPECT_EQ(run_shellcmd("/bin/true", " \t ", 1, 0), 0);
+    std::string show = show_args();
+    EXPECT_EQ(run_shellcmd(show.c_str(), "", 1, 0), 0);
+    EXPECT_EQ(run_shellcmd(show.c_str(), " \t ", 1, 0), 0);
 }
 
 TEST(CloseExtraFds, ClosesAllFromThreeUpAndKeepsTheRest)

@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: Apache-2.0
+// The first process of the emulated AArch64 machine: sets the system up, runs every test case in a process of its own
+// (or one script), and powers off. What it prints on the console is for people and for tools/vm:
+//
+//     VM: PASS|FAIL|SKIP|TIMEOUT <case> <milliseconds>
+//     VM: passed <n> failed <n> skipped <n>
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <map>
+#include <net/if.h>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+constexpr const char *kHome = "/opt/libcommon";
+constexpr const char *kReady = "/run/libcommon-ready"; // a case leaves its pid here to be sent SIGTERM by process 1
+constexpr std::size_t kWorkers = 2;
+constexpr std::chrono::seconds kCaseLimit{180};
+
+struct Case {
+    std::string program;
+    std::string name;
+};
+
+struct Running {
+    Case test;
+    std::string output;
+    steady::time_point since;
+    bool late = false;
+};
+
+struct Totals {
+    int passed = 0;
+    int failed = 0;
+    int skipped = 0;
+};
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void check(int result, const char *what)
+{
+    if (result < 0)
+        std::printf("VM: %s: %s\n", what, std::strerror(errno));
+}
+
+void bring_loopback_up()
+{
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    check(::ioctl(fd, SIOCSIFFLAGS, &request), "loopback");
+    ::close(fd);
+}
+
+void set_up()
+{
+    check(::mount("proc", "/proc", "proc", 0, nullptr), "/proc");
+    check(::mount("sysfs", "/sys", "sysfs", 0, nullptr), "/sys");
+    check(::mount("devtmpfs", "/dev", "devtmpfs", 0, nullptr), "/dev");
+    // The sandbox moves mounts about, which the initial root does not take part in: a tmpfs stands for it where it
+    // matters.
+    for (const char *folder : {"/tmp", "/run", "/etc", "/mnt", "/var"})
+        check(::mount("tmpfs", folder, "tmpfs", 0, "mode=1777"), folder);
+    int console = ::open("/dev/console", O_RDWR);
+    for (int fd = 0; fd < 3; fd++)
+        ::dup2(console, fd);
+    if (console > 2)
+        ::close(console);
+    ::setenv("PATH", "/bin:/sbin:/usr/bin:/usr/sbin", 1);
+    ::setenv("HOME", "/", 1);
+    ::setenv("LIBCOMMON_VM", "1", 1);
+    if (read_file("/proc/cmdline").find("libcommon.epoch") != std::string::npos)
+        ::setenv("LIBCOMMON_VM_EPOCH", "1", 1);
+    bring_loopback_up();
+    for (const char *folder : {"/sbin", "/usr", "/usr/bin", "/usr/sbin"})
+        ::mkdir(folder, 0755);
+    if (::fork() == 0) {
+        ::execl("/bin/busybox", "busybox", "--install", "-s", static_cast<char *>(nullptr));
+        ::_exit(127);
+    }
+    while (::wait(nullptr) < 0 && errno == EINTR)
+        ;
+}
+
+std::string filter()
+{
+    const std::string key = "libcommon.filter=";
+    std::string line = read_file("/proc/cmdline");
+    std::size_t at = line.find(key);
+    return at == std::string::npos ? "*"
+                                   : line.substr(at + key.size(), line.find_first_of(" \n", at) - at - key.size());
+}
+
+// Starts argv with its output in a file; process 1 is its parent.
+pid_t start(const std::vector<std::string> &argv, const std::string &output)
+{
+    pid_t pid = ::fork();
+    if (pid != 0)
+        return pid;
+    ::setsid();
+    int file = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666);
+    ::dup2(file, 1);
+    ::dup2(file, 2);
+    ::close(file);
+    ::dup2(::open("/dev/null", O_RDONLY), 0);
+    std::vector<char *> words;
+    for (const std::string &word : argv)
+        words.push_back(const_cast<char *>(word.c_str()));
+    words.push_back(nullptr);
+    ::execv(words[0], words.data());
+    std::perror(words[0]);
+    ::_exit(127);
+}
+
+std::vector<Case> list_cases()
+{
+    std::vector<std::string> programs;
+    std::string folder = std::string(kHome) + "/tests";
+    if (DIR *dir = ::opendir(folder.c_str())) {
+        while (const dirent *entry = ::readdir(dir)) {
+            std::string name = entry->d_name;
+            if (name.size() > 5 && name.compare(name.size() - 5, 5, "_test") == 0)
+                programs.push_back(folder + "/" + name);
+        }
+        ::closedir(dir);
+    }
+    std::sort(programs.begin(), programs.end());
+
+    std::vector<Case> cases;
+    for (const std::string &program : programs) {
+        std::string output = "/tmp/list";
+        int status = 0;
+        pid_t pid = start({program, "--gtest_list_tests", "--gtest_filter=" + filter()}, output);
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
+            ;
+        if (status != 0)
+            cases.push_back({program, ""}); // counted as a failure when it is run
+        std::istringstream lines(read_file(output));
+        std::string suite;
+        for (std::string line; std::getline(lines, line);) {
+            line = line.substr(0, line.find("  #"));
+            if (line.rfind("  ", 0) == 0)
+                cases.push_back({program, suite + line.substr(2)});
+            else if (!line.empty() && line.back() == '.')
+                suite = line;
+        }
+    }
+    return cases;
+}
+
+void report(const Running &run, int status, Totals &totals)
+{
+    auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - run.since).count();
+    std::string output = read_file(run.output);
+    bool good = status == 0 && !run.late && !run.test.name.empty();
+    bool skipped = good && output.find("[  SKIPPED ]") != std::string::npos;
+    const char *verdict = run.late ? "TIMEOUT" : !good ? "FAIL" : skipped ? "SKIP" : "PASS";
+    std::string name = run.test.name.empty() ? run.test.program : run.test.name;
+    std::printf("VM: %s %s %lld\n", verdict, name.c_str(), static_cast<long long>(taken));
+    if (!good)
+        std::printf("%s\n(status 0x%x)\n", output.c_str(), static_cast<unsigned>(status));
+    if (skipped) {
+        std::size_t at = output.find("Skipped\n");
+        std::printf("    %s\n", output.substr(at + 8, output.find('\n', at + 8) - at - 8).c_str());
+    }
+    (skipped ? totals.skipped : good ? totals.passed : totals.failed)++;
+}
+
+void serve_ready_file()
+{
+    std::string pid = read_file(kReady);
+    if (pid.empty())
+        return;
+    ::unlink(kReady);
+    ::kill(static_cast<pid_t>(std::atol(pid.c_str())), SIGTERM);
+}
+
+Totals run_cases(const std::vector<Case> &cases)
+{
+    Totals totals;
+    std::map<pid_t, Running> running;
+    std::size_t next = 0;
+    while (next < cases.size() || !running.empty()) {
+        while (next < cases.size() && running.size() < kWorkers) {
+            Running run{cases[next], "/tmp/case." + std::to_string(next), steady::now()};
+            pid_t pid = start({run.test.program, "--gtest_filter=" + run.test.name}, run.output);
+            running.emplace(pid, run);
+            next++;
+        }
+        int status = 0;
+        pid_t ended = ::waitpid(-1, &status, WNOHANG); // orphans of the cases come by as well
+        auto at = running.find(ended);
+        if (at != running.end()) {
+            report(at->second, status, totals);
+            ::kill(-ended, SIGKILL);
+            ::unlink(at->second.output.c_str());
+            running.erase(at);
+            continue;
+        }
+        for (auto &[pid, run] : running) {
+            if (!run.late && steady::now() - run.since > kCaseLimit) {
+                run.late = true;
+                ::kill(-pid, SIGKILL);
+            }
+        }
+        serve_ready_file();
+        if (ended <= 0)
+            ::usleep(2000);
+    }
+    return totals;
+}
+
+Totals run_script()
+{
+    Totals totals;
+    int status = 0;
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::setsid();
+        ::execl("/bin/sh", "sh", "/opt/libcommon/script", static_cast<char *>(nullptr));
+        ::_exit(127);
+    }
+    for (pid_t ended; (ended = ::wait(&status)) != pid;) {
+        if (ended < 0 && errno != EINTR)
+            break;
+    }
+    (status == 0 ? totals.passed : totals.failed)++;
+    return totals;
+}
+
+} // namespace
+
+int main()
+{
+    set_up();
+    bool script = ::access("/opt/libcommon/script", F_OK) == 0;
+    Totals totals = script ? run_script() : run_cases(list_cases());
+    std::printf("VM: passed %d failed %d skipped %d\n", totals.passed, totals.failed, totals.skipped);
+    std::fflush(stdout);
+    ::sync();
+    ::usleep(200000); // the serial line drains
+    ::reboot(RB_POWER_OFF);
+}

@@ -1,0 +1,33 @@
+# shellcheck shell=bash
+# What the tools share. Sourced, with the shell's strict mode on.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cache=${XDG_CACHE_HOME:-${HOME:-/root}/.cache}/libcommon
+jobs=$(nproc)
+
+say() { printf '== %s\n' "$*"; }
+
+die() {
+    printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+    exit 1
+}
+
+# quietly LOG COMMAND... - its output goes to a file, the end of which is shown when it fails.
+quietly() {
+    local log=$1
+    shift
+    mkdir -p "$(dirname "$log")"
+    "$@" >"$log" 2>&1 </dev/null || {
+        tail -n 60 "$log" >&2
+        die "failed: $* (all of it: $log)"
+    }
+}
+
+# build PRESET TARGET... - configures where needed and builds; without targets everything.
+build() {
+    local preset=$1
+    shift
+    say "building ($preset)"
+    quietly "$root/build/logs/$preset.configure" cmake --preset "$preset" -S "$root"
+    quietly "$root/build/logs/$preset.build" cmake --build "$root/build/$preset" -j "$jobs" ${1:+--target "$@"}
+}
