@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+// backtrace_internal.h - what the sources of this folder share beyond the public headers. All of it is signal-safe.
+#ifndef LIBCOMMON_FAULT_BACKTRACE_INTERNAL_H
+#define LIBCOMMON_FAULT_BACKTRACE_INTERNAL_H
+
+#include <cstddef>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+inline constexpr std::size_t kSymbolTextSize = 1024;
+inline constexpr int kMaxFrames = 20;
+inline constexpr std::size_t kCommandNameSize = 128;
+
+extern "C" {
+
+// Set once by qv_set_handle_thread_trace(): logs, file names and /proc look-ups are then the thread's.
+extern int qv_handle_thread;
+
+// Writes "file(symbol+0x10) [0x...]" for an address into `out` (kSymbolTextSize bytes).
+void backtrace_symbol_to_buffer(unsigned long addr, char *out);
+}
+
+namespace fault {
+
+inline pid_t thread_id()
+{
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+// The id that logs and file names carry.
+inline pid_t traced_id()
+{
+    return qv_handle_thread != 0 ? thread_id() : ::getpid();
+}
+
+} // namespace fault
+
+#endif

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+// The saved registers on x86-64, the development port: the table keeps the target's shape of 32 slots.
+#include "fault/machine_context.h"
+
+#if defined(__x86_64__)
+
+namespace fault {
+namespace {
+
+constexpr int kNoRegister = -1;
+
+struct register_slot {
+    const char *name;
+    int saved; // index into the saved registers
+};
+
+constexpr register_slot kSlots[kRegisterSlots] = {
+    {"x0", kNoRegister},   {"x1(RBX)", REG_RBX},  {"x2(RCX)", REG_RCX},  {"x3(RDX)", REG_RDX},  {"x4(RSI)", REG_RSI},
+    {"x5(RDI)", REG_RDI},  {"x6(RAX)", REG_RAX},  {"x7", kNoRegister},   {"x8(R8)", REG_R8},    {"x9(R9)", REG_R9},
+    {"x10(R10)", REG_R10}, {"x11(R11)", REG_R11}, {"x12(R12)", REG_R12}, {"x13(R13)", REG_R13}, {"x14(R14)", REG_R14},
+    {"x15(R15)", REG_R15}, {"x16", kNoRegister},  {"x17", kNoRegister},  {"x18", kNoRegister},  {"x19", kNoRegister},
+    {"x20", kNoRegister},  {"x21", kNoRegister},  {"x22", kNoRegister},  {"x23", kNoRegister},  {"x24", kNoRegister},
+    {"x25", kNoRegister},  {"x26", kNoRegister},  {"x27", kNoRegister},  {"x28", kNoRegister},  {"x29(RBP)", REG_RBP},
+    {"x30(RIP)", REG_RIP}, {"x31(RSP)", REG_RSP},
+};
+
+unsigned long saved(const mcontext_t &machine, int index)
+{
+    return static_cast<unsigned long>(machine.gregs[index]);
+}
+
+} // namespace
+
+unsigned long machine_context::program_counter() const
+{
+    return saved(machine_, REG_RIP);
+}
+
+unsigned long machine_context::stack_pointer() const
+{
+    return saved(machine_, REG_RSP);
+}
+
+unsigned long machine_context::frame_pointer() const
+{
+    return saved(machine_, REG_RBP);
+}
+
+unsigned long machine_context::fault_address() const
+{
+    return saved(machine_, REG_CR2);
+}
+
+unsigned long machine_context::state_word() const
+{
+    return saved(machine_, REG_EFL);
+}
+
+unsigned long machine_context::slot(unsigned index) const
+{
+    int reg = kSlots[index].saved;
+    return reg == kNoRegister ? 0 : saved(machine_, reg);
+}
+
+const char *machine_context::slot_name(unsigned index)
+{
+    return kSlots[index].name;
+}
+
+unsigned long strip_signature(unsigned long return_address)
+{
+    return return_address;
+}
+
+} // namespace fault
+
+#endif

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// Arming and disarming: which signal goes to which handler.
+#include "sighandler.h"
+
+#include "backtrace.h"
+#include "console_print.h"
+#include "fault/backtrace_internal.h"
+#include "fault/crash_handler.h"
+#include "stack_info.h"
+
+#include <csignal>
+#include <execinfo.h>
+
+extern "C" void signal_mtrace(int sig);
+
+namespace {
+
+using fault::g_attach_signal;
+using fault::kBacktraceSignal;
+using fault::kDumpFileSignal;
+
+constexpr int kDefaultAttachSignal = SIGALRM;
+
+struct armed_signal {
+    int number;
+    const char *name; // as failure messages call it
+};
+
+constexpr armed_signal kCrashSignals[] = {
+    {SIGABRT, "abort"},
+    {SIGSEGV, "sigsegv"},
+    {SIGBUS, "sigbus"},
+    {SIGILL, "sigill"},
+    {kDumpFileSignal, "sig_dumpfile"},
+    {kBacktraceSignal, "sig_backtrace"},
+};
+
+constexpr int kTerminationSignals[] = {SIGHUP,  SIGINT,  SIGUSR1,   SIGUSR2, SIGPIPE,
+                                       SIGALRM, SIGTERM, SIGVTALRM, SIGIO,   SIGPWR};
+
+constexpr int kIgnoredSignals[] = {SIGBUS,  SIGILL,  SIGSEGV, SIGABRT,         SIGALRM,         SIGHUP,
+                                   SIGCHLD, SIGPIPE, 50,      kDumpFileSignal, kBacktraceSignal};
+
+constexpr int kDisarmedSignals[] = {SIGBUS, SIGILL, SIGSEGV, SIGABRT};
+
+// SA_SIGINFO and nothing else: the handler stays armed, and interrupted calls fail with EINTR, which hosts count on.
+struct sigaction make_action(void (*handler)(int, siginfo_t *, void *))
+{
+    struct sigaction action = {};
+    action.sa_sigaction = handler;
+    action.sa_flags = SA_SIGINFO;
+    return action;
+}
+
+template <std::size_t count>
+void *set_dispositions(const int (&signals)[count], sighandler_t disposition)
+{
+    sighandler_t last = nullptr;
+    for (int sig : signals)
+        last = ::signal(sig, disposition);
+    return reinterpret_cast<void *>(last);
+}
+
+// The first backtrace() of a process loads the unwinder and allocates; a later one, in a handler, does not.
+void load_unwinder()
+{
+    void *frame;
+    ::backtrace(&frame, 1);
+}
+
+} // namespace
+
+extern "C" {
+
+void *install_sighandler(void)
+{
+    qv_record_process_info();
+    return install_sighandler2(kDefaultAttachSignal);
+}
+
+void *install_sighandler2(int sig)
+{
+    load_unwinder();
+    struct sigaction action = make_action(signal_err);
+    if (::sigaction(sig, &action, nullptr) == 0)
+        g_attach_signal = sig;
+    else
+        console_print("install signal handler for %d failed.\n", sig);
+    for (const armed_signal &armed : kCrashSignals) {
+        if (::sigaction(armed.number, &action, nullptr) != 0)
+            console_print("install signal handler for %s failed.\n", armed.name);
+    }
+    call_signal_table(QV_COREDUMP_INSTALLED, reinterpret_cast<unsigned long>(&action), nullptr);
+    procps_read_maps();
+    ::signal(SIGUSR2, signal_mtrace);
+    return reinterpret_cast<void *>(::signal(SIGHUP, SIG_IGN));
+}
+
+void *pstrace_terminate_signal(void)
+{
+    struct sigaction action = make_action(signal_terminate);
+    for (int sig : kTerminationSignals)
+        ::sigaction(sig, &action, nullptr);
+    for (int sig = SIGRTMIN; sig <= SIGRTMAX; sig++)
+        ::sigaction(sig, &action, nullptr);
+    return nullptr;
+}
+
+void qv_set_handle_thread_trace(void)
+{
+    qv_handle_thread = 1;
+}
+
+unsigned long install_sigal_err_callback(unsigned long cb)
+{
+    return cb;
+}
+
+void *ignore_signal(void)
+{
+    return set_dispositions(kIgnoredSignals, SIG_IGN);
+}
+
+int pthread_ignore_signal(void)
+{
+    sigset_t all;
+    ::sigfillset(&all);
+    return ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+void *uninstall_sighandler(void)
+{
+    return set_dispositions(kDisarmedSignals, SIG_DFL);
+}
+}

@@ -1,0 +1,93 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* backtrace.h - call chains: executable mappings, the frame-pointer walk, names for addresses.
+ *
+ * A walk follows frame records (saved frame pointer, return address) from a frame pointer outwards. Whether the
+ * interrupted program counter is code at all is judged by the host's text range and by a per-thread table of the
+ * process's executable mappings, which the thread loads for itself:
+ *
+ *     unsigned long code[20], frames[20];
+ *     procps_read_maps();
+ *     int depth = qv_backtrace_spec(fp, pc, 0, code, frames, 20, NULL);
+ *
+ * The walk sees only code that keeps frame pointers; build hosts with -fno-omit-frame-pointer.
+ */
+#ifndef LIBCOMMON_BACKTRACE_H
+#define LIBCOMMON_BACKTRACE_H
+
+#include "libcommon_api.h"
+
+#include <stdint.h>
+
+QV_BEGIN_DECLS
+
+/** How many executable mappings a thread's table holds. */
+#define QV_SECTION_MAX 128
+
+/** One executable mapping; a record with start 0 ends the table. */
+struct section_record {
+    uint64_t start;
+    uint64_t end;      /* exclusive */
+    uint64_t reserved; /* 0 */
+};
+
+/** The calling thread's table: empty until the thread calls procps_read_maps(). */
+extern QV_API __thread struct section_record section_rec[QV_SECTION_MAX];
+
+/** Kept for hosts that link against it; the library neither reads nor writes it. */
+extern QV_API uint64_t stack_main_top;
+
+/* ---- usable in a signal handler ---- */
+
+/**
+ * Loads the calling thread's table of executable, not writable mappings from /proc. A process with more mappings than
+ * the table holds keeps the first ones, and a message tells.
+ * @return 0, or -1 when the list cannot be opened (the table is empty then)
+ */
+QV_API QV_SIGNAL_SAFE int procps_read_maps(void);
+
+/**
+ * Tells whether an address is code, by the calling thread's table.
+ * @return 1 when it lies in one of the mappings or the table is empty, else 0
+ */
+QV_API QV_SIGNAL_SAFE int is_dynamic_lib(unsigned long addr);
+
+/**
+ * Walks frame records. The program counter and then the link register come first, each only when it is code; then the
+ * return addresses of the frame records, taken as they are. The walk ends at a record linked to 0, at `max` entries or
+ * where the chain leaves readable memory. A frame pointer that is no multiple of 8 is rounded up to one; later links
+ * are followed as they are.
+ * @param fp      frame pointer to start from; 0 for no walk
+ * @param pc      program counter
+ * @param lr      link register, or 0
+ * @param addrs   receives up to max code addresses, innermost first; NULL gives 0
+ * @param frames  receives the frame address of each entry (1 for the entry of lr), or NULL
+ * @param max     room in both arrays
+ * @param bottom  receives the outermost frame address reached (0 when there was none), or NULL
+ * @return number of entries
+ */
+QV_API QV_SIGNAL_SAFE int qv_backtrace_spec(unsigned long fp, unsigned long pc, unsigned long lr, unsigned long *addrs,
+                                            unsigned long *frames, int max, unsigned long *bottom);
+
+/**
+ * Reads the command name of the process, or of the thread once qv_set_handle_thread_trace() was called. CR and LF
+ * become NUL; no NUL is appended, so hand in a zeroed buffer and one less than its size.
+ * @return number of bytes read; 0 or less on failure
+ */
+QV_API QV_SIGNAL_SAFE int get_proc_comm_name(char *buf, int len);
+
+/* ---- not for signal handlers ---- */
+
+/**
+ * Names a function: "name@0x...", or only the address when the loader knows no name, or "NULL".
+ * @param dst   receives the text, always terminated
+ * @param size  room in dst in bytes, at least 1
+ * @return length of the whole text, as snprintf() gives it
+ */
+QV_API int get_function_name_by_ptr(void *ptr, char *dst, int size);
+
+/** Prints the calling thread's backtrace on the console, headed by `tag`. Allocates. */
+QV_API void qv_stacktrace(const char *tag);
+
+QV_END_DECLS
+
+#endif

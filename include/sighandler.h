@@ -1,0 +1,165 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* sighandler.h - crash logs, dump requests, and small signal utilities.
+ *
+ * A process arms the handlers once, at start:
+ *
+ *     install_sighandler();
+ *
+ * From then on SIGSEGV, SIGBUS, SIGILL and SIGABRT leave a crash log, /etc/core/<name><pid>.coredump.<signal>.log,
+ * before they end the process as ever. Signals 14 (the attach signal), 51 and 52 are dump requests: the same log with
+ * "attach" in its name (signal 51: below /tmp/dump, when that exists), and the process goes on. A log holds the
+ * registers, the fault address and a frame-pointer backtrace of the interrupted thread. An older log of the same name
+ * is written over and not cut: text beyond the new end is the older log's.
+ *
+ * A host takes part in the dump through callbacks. They are entries of a table that its link collects; link the host
+ * with libcommon-host.ld:
+ *
+ *     static long add_state(unsigned int phase, unsigned long arg, void *record)
+ *     {
+ *         if (phase == QV_COREDUMP_LAST)
+ *             signal_printf((int)arg, "sessions: %d\n", session_count);
+ *         return 0;
+ *     }
+ *     QV_COREDUMP_CALLBACK(add_state);
+ *
+ * The handlers run on the stack of the interrupted thread; there is no alternate stack, so an overflown stack leaves no
+ * log. A dying thread waits, for a moment at most, until the other threads that are inside the handler have finished
+ * their logs.
+ */
+#ifndef LIBCOMMON_SIGHANDLER_H
+#define LIBCOMMON_SIGHANDLER_H
+
+#include "libcommon_api.h"
+
+#include <signal.h>
+#include <stdint.h>
+
+QV_BEGIN_DECLS
+
+/* Strictly conforming C knows no siginfo_t; there it stays opaque. */
+#ifdef SI_USER
+typedef siginfo_t qv_siginfo;
+#else
+typedef void qv_siginfo;
+#endif
+
+#define QV_COREDUMP_DEPTH 20
+#define QV_COREDUMP_PATH_SIZE 128
+
+/** One crash or dump request, as callbacks see it. Other modules share this layout. */
+typedef struct crash_record {
+    uint32_t signo;
+    qv_siginfo *info;
+    void *uctx;                           /* the kernel's ucontext_t */
+    uint64_t fault_fp;                    /* frame pointer at the fault */
+    uint64_t stack_bottom;                /* last frame address that the walk reached */
+    uint64_t addrs[QV_COREDUMP_DEPTH];    /* code addresses, innermost first */
+    uint64_t frames[QV_COREDUMP_DEPTH];   /* frames[i] belongs to addrs[i] */
+    uint32_t depth;                       /* entries used in both */
+    char log_path[QV_COREDUMP_PATH_SIZE]; /* empty for the default name */
+} crash_record;
+
+/** When a callback is called. `arg` is what the phase says, `record` the crash record except where it says NULL. */
+enum qv_coredump_phase {
+    QV_COREDUMP_INSTALLED = 0, /* handlers armed; arg: address of the struct sigaction used; record: NULL */
+    QV_COREDUMP_FIRST = 1,     /* before anything is written; arg: 0. May fill log_path. A result other than 0 keeps the
+                                  handlers armed and the dying warning unsaid */
+    QV_COREDUMP_LAST = 2,      /* before the log is closed; arg: its descriptor */
+    QV_COREDUMP_BACKTRACE = 4, /* after the backtrace, not for signals 51 and 52; arg: the log's descriptor */
+};
+
+/** A result other than 0 ends the walk over the callbacks. Callbacks of phases 1, 2 and 4 must be signal-safe. */
+typedef long (*qv_coredump_callback)(unsigned int phase, unsigned long arg, void *record);
+
+/** Places `fn` in the callback table of the executable that this is compiled into. Use it at file scope. */
+#define QV_COREDUMP_CALLBACK(fn)                                                                                       \
+    __attribute__((used, section("qv_coredump_callbacks"))) static const qv_coredump_callback qv_coredump_entry_##fn = \
+        fn
+
+/* ---- arming ---- */
+
+/**
+ * Records the main thread's stack (stack_info.h), then arms the handlers with 14 as the attach signal.
+ * @return what install_sighandler2() returns
+ */
+QV_API void *install_sighandler(void);
+
+/**
+ * Arms the crash handler for `sig`, SIGABRT, SIGSEGV, SIGBUS, SIGILL, 51 and 52, in this order; calls the callbacks'
+ * phase 0; loads the thread's table of executable mappings; routes SIGUSR2 to signal_mtrace() and ignores SIGHUP.
+ * What cannot be armed is told on the console and skipped.
+ * @param sig  the attach signal. A fault signal given here counts as a dump request from then on: the process would
+ *             return to its fault for ever.
+ * @return the former SIGHUP disposition
+ */
+QV_API void *install_sighandler2(int sig);
+
+/**
+ * Arms signal_terminate() for HUP, INT, USR1, USR2, PIPE, ALRM, TERM, VTALRM, IO, PWR and all real-time signals.
+ * Signals 14, 51 and 52 belong to whichever of this and install_sighandler() ran last.
+ * @return NULL
+ */
+QV_API void *pstrace_terminate_signal(void);
+
+/** Names logs, and looks into /proc, by thread instead of by process. There is no way back. */
+QV_API void qv_set_handle_thread_trace(void);
+
+/** Does nothing: callbacks are placed with QV_COREDUMP_CALLBACK(). Returns its argument. */
+QV_API unsigned long install_sigal_err_callback(unsigned long cb);
+
+/* ---- the handlers ---- */
+
+/** The crash handler, for SA_SIGINFO. errno is kept. */
+QV_API QV_SIGNAL_SAFE void signal_err(int sig, qv_siginfo *info, void *uctx);
+
+/**
+ * The termination logger, for SA_SIGINFO: resets the signal to its default, leaves
+ * /flash/core/<name><pid>.term.<signal>.log and raises the signal again. A signal sent by process 1 is neither logged
+ * nor raised again, so this one delivery is survived; likewise when the log cannot be created. errno is kept.
+ */
+QV_API void signal_terminate(int sig, qv_siginfo *info, void *uctx);
+
+/** A plain handler for hosts that want a backtrace on the console and no log file. Disarms the fault signals first. */
+QV_API void signal_handler(int sig);
+
+/* ---- for callbacks ---- */
+
+/**
+ * Calls the callbacks in address order with these arguments until one returns other than 0.
+ * @return that result, or 0
+ */
+QV_API QV_SIGNAL_SAFE long call_signal_table(unsigned int phase, unsigned long arg, void *record);
+
+/**
+ * Walks the stack from the record's saved context, fills fault_fp, addrs, frames, depth and stack_bottom, and writes
+ * the backtrace section.
+ * @return the depth; 0, with nothing done, when fd is negative
+ */
+QV_API QV_SIGNAL_SAFE int coredump_backtrace_to_file(int fd, crash_record *rec);
+
+/**
+ * Dumps bytes in hexadecimal, 16 to a line, each line headed by its address.
+ * @param title  format (see signal_printf.h) for a text ahead of the dump, or NULL. Its arguments are start, mark, len
+ *               and then those that follow; they are integers and pointers, 32 in all at most.
+ * @param start  first byte; NULL for the title only
+ * @param mark   address of the byte that is led by '*', or NULL
+ * @param len    number of bytes; 0 or less for the title only
+ */
+QV_API QV_SIGNAL_SAFE void hex_dump_to_file(int fd, const char *title, const unsigned char *start,
+                                            const unsigned char *mark, int len, ...);
+
+/* ---- signal utilities ---- */
+
+/** Ignores SIGBUS, SIGILL, SIGSEGV, SIGABRT, SIGALRM, SIGHUP, SIGCHLD, SIGPIPE, 50, 51 and 52. Returns the last result.
+ */
+QV_API void *ignore_signal(void);
+
+/** Blocks every signal in the calling thread. Returns pthread_sigmask()'s result. */
+QV_API int pthread_ignore_signal(void);
+
+/** Puts SIGBUS, SIGILL, SIGSEGV and SIGABRT back to their default. Returns the last result. Signal-safe. */
+QV_API QV_SIGNAL_SAFE void *uninstall_sighandler(void);
+
+QV_END_DECLS
+
+#endif
