@@ -79,13 +79,15 @@ private:
     }
 
     // The kernel copies the new mask in before it looks at `how`. So an invalid `how` changes nothing and tells
-    // readable memory (EINVAL) from the rest (EFAULT), without a descriptor and cheaper than any copying call.
+    // readable memory (EINVAL) from the rest (EFAULT), without a descriptor and cheaper than any copying call. A null
+    // mask would not be read at all; nothing is ever mapped there.
     static bool probe(unsigned long page)
     {
         constexpr int kInvalidHow = -1;
         constexpr std::size_t kKernelMaskSize = 8;
-        ::syscall(SYS_rt_sigprocmask, kInvalidHow, page, nullptr, kKernelMaskSize);
-        return errno == EINVAL;
+        if (page == 0)
+            return false;
+        return ::syscall(SYS_rt_sigprocmask, kInvalidHow, page, nullptr, kKernelMaskSize) == -1 && errno == EINVAL;
     }
 
     // Links may be unaligned, and the memory is another frame's: the sanitizers have no say here.

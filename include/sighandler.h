@@ -71,10 +71,20 @@ enum qv_coredump_phase {
 /** A result other than 0 ends the walk over the callbacks. Callbacks of phases 1, 2 and 4 must be signal-safe. */
 typedef long (*qv_coredump_callback)(unsigned int phase, unsigned long arg, void *record);
 
-/** Places `fn` in the callback table of the executable that this is compiled into. Use it at file scope. */
+/* GCC places variables in an order of its own unless told; clang keeps that of the source. */
+#if defined(__GNUC__) && !defined(__clang__)
+#define QV_IN_SOURCE_ORDER no_reorder
+#else
+#define QV_IN_SOURCE_ORDER
+#endif
+
+/**
+ * Places `fn` in the callback table of the executable that this is compiled into. Use it at file scope. The entries of
+ * a source are called in their order there, those of different sources in link order.
+ */
 #define QV_COREDUMP_CALLBACK(fn)                                                                                       \
-    __attribute__((used, section("qv_coredump_callbacks"))) static const qv_coredump_callback qv_coredump_entry_##fn = \
-        fn
+    __attribute__((used, section("qv_coredump_callbacks"),                                                             \
+                   QV_IN_SOURCE_ORDER)) static const qv_coredump_callback qv_coredump_entry_##fn = fn
 
 /* ---- arming ---- */
 

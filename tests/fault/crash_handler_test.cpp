@@ -1,0 +1,459 @@
+// SPDX-License-Identifier: Apache-2.0
+// The fatal-signal handler: names and content of logs, dump requests, callbacks, failures.
+#include "fault/crash_support.h"
+
+#include "signal_printf.h"
+
+#include <cerrno>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <ucontext.h>
+
+using namespace support;
+using namespace crash;
+
+namespace {
+
+// ---- two callbacks in the table, steered by the running case ----
+
+struct Call {
+    char who;
+    unsigned phase;
+    unsigned long arg;
+    void *record;
+};
+
+Call calls[64];
+std::size_t call_count;
+long first_result[8]; // the first callback's result, by phase
+const char *path_to_set;
+bool fill_whole_path;
+
+long record_call(char who, unsigned phase, unsigned long arg, void *record)
+{
+    if (call_count < std::size(calls))
+        calls[call_count++] = {who, phase, arg, record};
+    return who == 'a' ? first_result[phase] : 0;
+}
+
+long callback_a(unsigned phase, unsigned long arg, void *record)
+{
+    auto *rec = static_cast<crash_record *>(record);
+    if (phase == QV_COREDUMP_FIRST && path_to_set != nullptr)
+        std::strcpy(rec->log_path, path_to_set);
+    if (phase == QV_COREDUMP_FIRST && fill_whole_path) {
+        std::memset(rec->log_path, 'p', sizeof rec->log_path);
+        std::memcpy(rec->log_path, "/tmp/", 5);
+    }
+    if (phase == QV_COREDUMP_BACKTRACE)
+        signal_printf(static_cast<int>(arg), "depth %d\n", rec->depth);
+    if (phase == QV_COREDUMP_LAST)
+        signal_printf(static_cast<int>(arg), "last\n");
+    return record_call('a', phase, arg, record);
+}
+
+long callback_b(unsigned phase, unsigned long arg, void *record)
+{
+    return record_call('b', phase, arg, record);
+}
+
+QV_COREDUMP_CALLBACK(callback_a);
+QV_COREDUMP_CALLBACK(callback_b);
+
+std::string phases()
+{
+    std::string text;
+    for (std::size_t i = 0; i < call_count; i++)
+        text += std::string(1, calls[i].who) + std::to_string(calls[i].phase) + " ";
+    return text;
+}
+
+// ---- the child that dies ----
+
+constexpr char kName[] = "routed";
+constexpr int kFaultSignals[] = {SIGBUS, SIGABRT, SIGSEGV, SIGILL};
+
+ChildResult crash_child(const std::function<void()> &body)
+{
+    return run_child([&] {
+        rename_process(kName);
+        install_sighandler();
+        body();
+    });
+}
+
+std::string core_path(const ChildResult &child, const std::string &kind, int sig)
+{
+    return log_path(kName, child.pid, kind, sig);
+}
+
+struct sigaction disposition(int sig)
+{
+    struct sigaction action;
+    ::sigaction(sig, nullptr, &action);
+    return action;
+}
+
+void expect_dying_line(const ChildResult &child, int sig, std::uint64_t pc)
+{
+    char line[256];
+    std::snprintf(line, sizeof line, "!!!!!!WARNING: process %d pid %d parent %d  is dying(%d), ePC :  %016lx\n",
+                  child.pid, child.pid, ::getpid(), sig, static_cast<unsigned long>(pc));
+    EXPECT_NE(printed().find(line), std::string::npos) << line << printed();
+}
+
+void in_thread(void *(*body)(void *))
+{
+    pthread_t thread;
+    ::pthread_create(&thread, nullptr, body, nullptr);
+    ::pthread_join(thread, nullptr);
+}
+
+void *crash_as_worker(void *)
+{
+    rename_process("worker");
+    write_file("/tmp/tid", std::to_string(thread_id()));
+    write_null();
+    return nullptr;
+}
+
+} // namespace
+
+// ---- crashes ----
+
+TEST(Crash, LogIsCompleteAndTheFaultStillKills)
+{
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.err;
+    Log log = read_log(core_path(child, "coredump", SIGSEGV));
+    ASSERT_EQ(log.error, "");
+    EXPECT_FALSE(log.by_thread);
+    EXPECT_EQ(log.id, child.pid);
+    EXPECT_EQ(log.sig, SIGSEGV);
+    EXPECT_EQ(log.registers[0], 0U);
+    EXPECT_EQ(log.registers[31], log.sp);
+    EXPECT_EQ(log.fault, kBadAddress);
+    ASSERT_GE(log.entries.size(), 3U);
+    char pc[32];
+    std::snprintf(pc, sizeof pc, "[0x%lx]", static_cast<unsigned long>(log.pc));
+    EXPECT_NE(log.entries[0].text.find(pc), std::string::npos) << log.entries[0].text;
+    EXPECT_EQ(log.rest, "depth " + std::to_string(log.entries.size()) + "\nlast\n");
+    expect_dying_line(child, SIGSEGV, log.pc);
+}
+
+TEST(Crash, RegisterNamesAreThePorts)
+{
+    ChildResult child = crash_child([] { write_null(); });
+    Log log = read_log(core_path(child, "coredump", SIGSEGV));
+    ASSERT_EQ(log.error, "");
+    std::array<std::string, 32> names;
+    for (unsigned i = 0; i < 32; i++)
+        names[i] = std::string("x").append(std::to_string(i));
+#if defined(__aarch64__)
+    names[16] = "x16(IP0)";
+    names[17] = "x17(IP1)";
+    names[29] = "x29(FP)";
+    names[30] = "x30(LR)";
+#else
+    names[1] = "x1(RBX)", names[2] = "x2(RCX)", names[3] = "x3(RDX)", names[4] = "x4(RSI)";
+    names[5] = "x5(RDI)", names[6] = "x6(RAX)";
+    for (unsigned i = 8; i < 16; i++)
+        names[i].append("(R").append(std::to_string(i)).append(")");
+    names[29] = "x29(RBP)", names[30] = "x30(RIP)", names[31] = "x31(RSP)";
+    EXPECT_EQ(log.registers[30], log.pc);
+#endif
+    EXPECT_EQ(log.names, names);
+}
+
+TEST(Crash, AnOlderLongerLogKeepsItsTail)
+{
+    ::mkdir("/etc/core", 0777);
+    path_to_set = "/etc/core/again.log";
+    std::string old(20000, 'o');
+    write_file(path_to_set, old);
+    ChildResult child = crash_child([] { write_null(); });
+    std::string text = read_file(path_to_set);
+    EXPECT_EQ(text.size(), old.size());
+    std::size_t end = text.find("last\n");
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_EQ(text.substr(end + 5), std::string(old.size() - end - 5, 'o'));
+}
+
+TEST(Crash, EveryFaultSignalIsLoggedAndResetsAllFour)
+{
+    for (int sig : kFaultSignals) {
+        // Sent, not faulted: the process goes on behind the handler and can look at the dispositions.
+        ChildResult child = crash_child([sig] {
+            ::raise(sig);
+            for (int other : kFaultSignals)
+                EXPECT_EQ(disposition(other).sa_handler, SIG_DFL) << other;
+            EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
+        });
+        EXPECT_TRUE(child.exited(0)) << child.out;
+        Log log = read_log(core_path(child, "coredump", sig));
+        EXPECT_EQ(log.error, "") << sig;
+        expect_dying_line(child, sig, log.pc);
+    }
+}
+
+TEST(Crash, WithThreadModeTheThreadIsNamed)
+{
+    ChildResult child = run_child([] {
+        qv_set_handle_thread_trace();
+        install_sighandler();
+        in_thread(crash_as_worker);
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    int tid = std::atoi(read_file("/tmp/tid").c_str());
+    EXPECT_NE(tid, child.pid);
+    std::string path = log_path("worker", tid, "coredump", SIGSEGV);
+    Log log = read_log(path);
+    EXPECT_EQ(log.error, "");
+    EXPECT_TRUE(log.by_thread);
+    EXPECT_EQ(log.id, tid);
+    EXPECT_EQ(log.label, path);
+}
+
+TEST(Crash, WithoutThreadModeTheProcessIsNamed)
+{
+    ChildResult child = crash_child([] { in_thread(crash_as_worker); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
+{
+    ChildResult child = crash_child([] {
+        for (bool read_only : {false, true}) {
+            remount("/etc", read_only);
+            errno = E2BIG;
+            ::raise(52);
+            EXPECT_EQ(errno, E2BIG);
+            EXPECT_EQ(in_signal_context(), 0);
+        }
+        remount("/etc", false);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+// ---- dump requests ----
+
+TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
+{
+    for (int sig : {14, 52}) {
+        ChildResult child = crash_child([sig] {
+            for (int i = 0; i < 3; i++)
+                ::raise(sig);
+            EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
+        });
+        EXPECT_TRUE(child.exited(0)) << child.out;
+        EXPECT_EQ(read_log(core_path(child, "attach", sig)).error, "");
+        std::string line =
+            std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (" + std::to_string(sig) + ")\n";
+        EXPECT_NE(printed().find(line), std::string::npos);
+    }
+    EXPECT_EQ(printed().find("dying"), std::string::npos);
+}
+
+TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
+{
+    ChildResult child = crash_child([] {
+        ::raise(51);
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(disposition(51).sa_sigaction, &signal_err);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    std::string path = log_path(kName, child.pid, "attach", 51, "/tmp/dump");
+    EXPECT_EQ(printed(), std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (51)\n" +
+                             "dir /tmp/dump not exists! \nFail to create " + path + " \n");
+    EXPECT_FALSE(exists("/tmp/dump"));
+    EXPECT_FALSE(exists("/etc/core"));
+
+    ::mkdir("/tmp/dump", 0777);
+    child = crash_child([] { ::raise(51); });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_log(log_path(kName, child.pid, "attach", 51, "/tmp/dump")).error, "");
+    EXPECT_FALSE(exists("/etc/core"));
+}
+
+TEST(Dump, Signal14CountsBeforeAnythingIsArmed)
+{
+    ChildResult child = run_child([] {
+        rename_process(kName);
+        struct sigaction action = {};
+        action.sa_sigaction = signal_err;
+        action.sa_flags = SA_SIGINFO;
+        ::sigaction(14, &action, nullptr);
+        ::raise(14);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_log(core_path(child, "attach", 14)).error, "");
+}
+
+TEST(Dump, AnotherAttachSignalReplaces14)
+{
+    ChildResult child = run_child([] {
+        rename_process(kName);
+        install_sighandler2(SIGUSR1);
+        ::raise(SIGUSR1);
+        EXPECT_EQ(disposition(14).sa_handler, SIG_DFL);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    EXPECT_EQ(read_log(core_path(child, "attach", SIGUSR1)).error, "");
+}
+
+// ---- callbacks ----
+
+TEST(Callback, PhasesComeInOrderWithTheirArguments)
+{
+    ChildResult child = crash_child([] {
+        EXPECT_EQ(phases(), "a0 b0 ");
+        EXPECT_NE(calls[0].arg, 0U);
+        EXPECT_EQ(calls[0].record, nullptr);
+        call_count = 0;
+        ::raise(SIGSEGV);
+        EXPECT_EQ(phases(), "a1 b1 a4 b4 a2 b2 ");
+        EXPECT_EQ(calls[0].arg, 0U);
+        EXPECT_NE(calls[0].record, nullptr);
+        EXPECT_EQ(calls[2].arg, calls[4].arg);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Callback, DumpSignals51And52SkipPhase4AndTheAttachSignalDoesNot)
+{
+    ::mkdir("/tmp/dump", 0777);
+    ChildResult child = crash_child([] {
+        for (int sig : {51, 52, 14}) {
+            call_count = 0;
+            ::raise(sig);
+            EXPECT_EQ(phases(), sig == 14 ? "a1 b1 a4 b4 a2 b2 " : "a1 b1 a2 b2 ") << sig;
+        }
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Callback, AResultOfPhase1SuppressesWarningAndReset)
+{
+    ChildResult child = crash_child([] {
+        call_count = 0;
+        first_result[QV_COREDUMP_FIRST] = 7;
+        ::raise(SIGSEGV);
+        EXPECT_EQ(phases(), "a1 a4 b4 a2 b2 ");
+        EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    EXPECT_EQ(printed(), "");
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+TEST(Callback, AResultEndsTheWalk)
+{
+    ChildResult child = crash_child([] {
+        call_count = 0;
+        first_result[QV_COREDUMP_BACKTRACE] = 1;
+        first_result[QV_COREDUMP_LAST] = -1;
+        ::raise(SIGSEGV);
+        EXPECT_EQ(phases(), "a1 b1 a4 a2 ");
+        call_count = 0;
+        first_result[6] = -5;
+        EXPECT_EQ(call_signal_table(6, 77, &call_count), -5);
+        EXPECT_EQ(phases(), "a6 ");
+        EXPECT_EQ(call_signal_table(5, 77, nullptr), 0);
+        EXPECT_EQ(calls[1].arg, 77U);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Callback, PathOfPhase1IsUsedAndTheFolderStillMade)
+{
+    path_to_set = "/tmp/mine.log";
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    EXPECT_EQ(read_log("/tmp/mine.log").error, "");
+    EXPECT_TRUE(exists("/etc/core"));
+    EXPECT_EQ(list_dir("/etc/core"), std::vector<std::string>());
+}
+
+TEST(Callback, APathWithoutTerminationIsBounded)
+{
+    fill_whole_path = true;
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    EXPECT_EQ(read_log("/tmp/" + std::string(127 - 5, 'p')).error, "");
+}
+
+// ---- failures ----
+
+TEST(Failure, NoFolderToBeMade)
+{
+    remount("/etc", true);
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    std::string path = core_path(child, "coredump", SIGSEGV);
+    EXPECT_NE(
+        read_file(kConsole).find("mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"),
+        std::string::npos)
+        << read_file(kConsole);
+}
+
+TEST(Failure, NoFileToBeMade)
+{
+    ::mkdir("/etc/core", 0777);
+    remount("/etc", true);
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    std::string path = core_path(child, "coredump", SIGSEGV);
+    EXPECT_NE(read_file(kConsole).find("!!!!!!WARNING: failed to core dump log file in " + path + ".\nFail to create " +
+                                       path + " \n"),
+              std::string::npos)
+        << read_file(kConsole);
+}
+
+TEST(Failure, LongNamesAreCutAtThePathsSize)
+{
+    ChildResult child = run_child([] {
+        bind_over("/proc/self/comm", std::string(300, 'n'));
+        install_sighandler();
+        write_null();
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    std::vector<std::string> logs = list_dir("/etc/core");
+    ASSERT_EQ(logs.size(), 1U);
+    EXPECT_EQ(logs[0], std::string(127 - std::strlen("/etc/core/"), 'n'));
+}
+
+// ---- the record's backtrace, written on its own ----
+
+TEST(BacktraceSection, NegativeDescriptorDoesNothing)
+{
+    crash_record rec = {};
+    rec.depth = 7;
+    EXPECT_EQ(coredump_backtrace_to_file(-1, &rec), 0);
+    EXPECT_EQ(rec.depth, 7U);
+}
+
+TEST(BacktraceSection, FillsTheRecordAndWritesIt)
+{
+    ucontext_t context;
+    ::getcontext(&context);
+    crash_record rec = {};
+    rec.uctx = &context;
+    int depth = 0;
+    std::string text = capture_stdout([&] { depth = coredump_backtrace_to_file(STDOUT_FILENO, &rec); });
+    EXPECT_GT(depth, 1);
+    EXPECT_EQ(static_cast<int>(rec.depth), depth);
+    EXPECT_NE(rec.fault_fp, 0U);
+    std::vector<std::string> written = lines(text);
+    ASSERT_EQ(static_cast<int>(written.size()), depth + 3);
+    EXPECT_EQ(written[0], "Backtracing:");
+    for (unsigned i = 0; i < rec.depth; i++) {
+        char head[64];
+        std::snprintf(head, sizeof head, "\t<0x%lX> -> ", static_cast<unsigned long>(rec.frames[i]));
+        EXPECT_EQ(written[i + 1].rfind(head, 0), 0U) << written[i + 1];
+    }
+    char bottom[64];
+    std::snprintf(bottom, sizeof bottom, "\tStack bottom is at 0x%lX", static_cast<unsigned long>(rec.stack_bottom));
+    EXPECT_EQ(written[written.size() - 2], bottom);
+    EXPECT_EQ(written.back(), "");
+}

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// Arming and disarming, the small signal utilities, hexadecimal dumps. This host has no callbacks.
+#include "fault/crash_support.h"
+
+using namespace support;
+using namespace crash;
+
+namespace {
+
+struct sigaction disposition(int sig)
+{
+    struct sigaction action;
+    ::sigaction(sig, nullptr, &action);
+    return action;
+}
+
+void *const kDefault = reinterpret_cast<void *>(SIG_DFL);
+void *const kIgnored = reinterpret_cast<void *>(SIG_IGN);
+
+} // namespace
+
+TEST(Callback, AnEmptyTableAnswersZero)
+{
+    EXPECT_EQ(call_signal_table(1, 0, nullptr), 0);
+}
+
+TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
+{
+    ChildResult child = run_child([] {
+        constexpr int kRestorer = 0x04000000; // the C library's own
+        EXPECT_EQ(install_sighandler2(SIGUSR1), kDefault);
+        for (int sig : {10, 6, 11, 7, 4, 51, 52}) {
+            struct sigaction action = disposition(sig);
+            EXPECT_EQ(action.sa_sigaction, &signal_err) << sig;
+            EXPECT_EQ(action.sa_flags & ~kRestorer, SA_SIGINFO) << sig;
+            for (int masked = 1; masked <= SIGRTMAX; masked++)
+                EXPECT_NE(::sigismember(&action.sa_mask, masked), 1) << masked;
+        }
+        EXPECT_EQ(disposition(SIGALRM).sa_handler, SIG_DFL);
+        EXPECT_EQ(disposition(SIGHUP).sa_handler, SIG_IGN);
+        EXPECT_NE(disposition(SIGUSR2).sa_handler, SIG_DFL);
+        EXPECT_EQ(install_sighandler(), kIgnored);
+        EXPECT_EQ(disposition(SIGALRM).sa_sigaction, &signal_err);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    EXPECT_EQ(printed(), "");
+}
+
+TEST(Install, AnImpossibleSignalIsToldAndTheRestArmed)
+{
+    ChildResult child = run_child([] {
+        rename_process("routed");
+        for (int sig : {0, -1, 65, SIGKILL, 4711})
+            install_sighandler2(sig);
+        ::raise(52);
+        struct sigaction action = disposition(52);
+        ::sigaction(14, &action, nullptr);
+        ::raise(14); // still the attach signal
+    });
+    EXPECT_TRUE(child.exited(0));
+    std::string console = printed();
+    for (const char *sig : {"0", "-1", "65", "9", "4711"})
+        EXPECT_NE(console.find("install signal handler for " + std::string(sig) + " failed.\n"), std::string::npos)
+            << sig;
+    for (int sig : {52, 14})
+        EXPECT_EQ(read_log(log_path("routed", child.pid, "attach", sig)).error, "");
+}
+
+TEST(Utility, IgnoreSignalIgnoresItsList)
+{
+    ChildResult child = run_child([] {
+        EXPECT_EQ(ignore_signal(), kDefault);
+        for (int sig : {7, 4, 11, 6, 14, 1, 17, 13, 50, 51, 52})
+            EXPECT_EQ(disposition(sig).sa_handler, SIG_IGN) << sig;
+        EXPECT_EQ(disposition(SIGTERM).sa_handler, SIG_DFL);
+        EXPECT_EQ(ignore_signal(), kIgnored);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Utility, UninstallResetsTheFaultSignalsOnly)
+{
+    ChildResult child = run_child([] {
+        install_sighandler();
+        EXPECT_EQ(uninstall_sighandler(), reinterpret_cast<void *>(&signal_err));
+        for (int sig : {7, 4, 11, 6})
+            EXPECT_EQ(disposition(sig).sa_handler, SIG_DFL) << sig;
+        EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Utility, PthreadIgnoreBlocksAllInThisThread)
+{
+    ChildResult child = run_child([] {
+        EXPECT_EQ(pthread_ignore_signal(), 0);
+        sigset_t blocked;
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        for (int sig : {1, 2, 11, 15, 34, 52, 64})
+            EXPECT_EQ(::sigismember(&blocked, sig), 1) << sig;
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Utility, CallbackRegistrationReturnsItsArgument)
+{
+    EXPECT_EQ(install_sigal_err_callback(0x1234567890UL), 0x1234567890UL);
+}
+
+TEST(Utility, PlainHandlerPrintsTheBacktrace)
+{
+    ChildResult child = run_child([] {
+        install_sighandler();
+        ::signal(SIGUSR1, signal_handler);
+        ::raise(SIGUSR1);
+        EXPECT_EQ(disposition(SIGSEGV).sa_handler, SIG_DFL);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    std::vector<std::string> text = lines(read_file(kConsole));
+    ASSERT_GE(text.size(), 3U);
+    EXPECT_EQ(text[0], "signal_utilities_test Caught signal 10");
+    EXPECT_EQ(text[1].rfind("Frame  1: 0x", 0), 0U) << text[1];
+    EXPECT_EQ(text[2].rfind("Frame  2: 0x", 0), 0U) << text[2];
+}
+
+// ---- hexadecimal dumps ----
+
+namespace {
+
+alignas(16) const
+    unsigned char kBytes[33] = {0, 1, 2, 0xab, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 0xfe, 0xff};
+
+std::string dump(const char *title, const unsigned char *start, const unsigned char *mark, int len)
+{
+    return capture_stdout([=] { hex_dump_to_file(STDOUT_FILENO, title, start, mark, len); });
+}
+
+std::string address(const void *p)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%lX", reinterpret_cast<unsigned long>(p));
+    return text;
+}
+
+} // namespace
+
+TEST(HexDump, SixteenBytesALineAndTheMark)
+{
+    EXPECT_EQ(dump(nullptr, kBytes, kBytes + 3, 20), "\n" + address(kBytes) +
+                                                         ": 00 01 02*ab 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f\n" +
+                                                         address(kBytes + 16) + ": 10 11 fe ff\n");
+    EXPECT_EQ(dump(nullptr, kBytes, kBytes, 1), "\n" + address(kBytes) + ":*00\n");
+    EXPECT_EQ(dump(nullptr, kBytes + 1, nullptr, 2), "\n" + address(kBytes + 1) + ": 01 02\n");
+    EXPECT_EQ(lines(dump(nullptr, kBytes, nullptr, 16)).size(), 2U);
+    EXPECT_EQ(lines(dump(nullptr, kBytes, nullptr, 17)).size(), 3U);
+}
+
+TEST(HexDump, NothingToDump)
+{
+    EXPECT_EQ(dump("title\n", nullptr, nullptr, 4), "title\n");
+    EXPECT_EQ(dump("title\n", kBytes, nullptr, 0), "title\n");
+    EXPECT_EQ(dump("title\n", kBytes, nullptr, -1), "title\n");
+    EXPECT_EQ(dump(nullptr, nullptr, nullptr, 4), "");
+    hex_dump_to_file(-1, "title %s", kBytes, nullptr, 4, "never read");
+}
+
+TEST(HexDump, TitleTakesTheNamedArgumentsAndThenTheRest)
+{
+    std::string text = capture_stdout([] {
+        hex_dump_to_file(STDOUT_FILENO, "%p %p %d %s %d %lx %c%%%hd", nullptr, kBytes, -1, "more", -7, 0x123456789abUL,
+                         'c');
+    });
+    EXPECT_EQ(text, "0x0 " + address(kBytes) + " -1 more -7 123456789ab c%%hd");
+    text = capture_stdout([] {
+        hex_dump_to_file(STDOUT_FILENO, "%p%p%d%d%d%d%d%d%d%d%d%d", nullptr, nullptr, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9);
+    });
+    EXPECT_EQ(text, "0x00x00123456789");
+}
+
+TEST(HexDump, ATitleWithTooManyConversionsIsShownAsItStands)
+{
+    std::string title;
+    for (int i = 0; i < 33; i++)
+        title += "%s";
+    EXPECT_EQ(dump(title.c_str(), nullptr, nullptr, 0), title);
+}
