@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -192,10 +193,14 @@ TEST(CloseExtraFds, WorksWithStandardDescriptorsClosed)
 TEST(CloseExtraFds, AMissingFolderIsSaid)
 {
     int kept = ::open("/dev/null", O_RDONLY);
-    ASSERT_EQ(::mount("tmpfs", "/proc", "tmpfs", 0, nullptr), 0);
-    EXPECT_EQ(close_extra_fds(), -1);
-    EXPECT_EQ(::fcntl(kept, F_GETFD), 0) << "nothing was closed";
-    EXPECT_EQ(read_file(kConsole), "close_extra_fds: opendir /proc/" + std::to_string(::getpid()) +
+    ChildResult child = run_child([&] {
+        bool hidden = ::unshare(CLONE_NEWNS) == 0 && ::mount("tmpfs", "/proc", "tmpfs", 0, nullptr) == 0;
+        bool refused = close_extra_fds() == -1;
+        bool open = ::fcntl(kept, F_GETFD) == 0; // nothing was closed
+        ::_exit(hidden && refused && open ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "close_extra_fds: opendir /proc/" + std::to_string(child.pid) +
                                        "/fd, error: No such file or directory\n");
 }
 
