@@ -1,0 +1,525 @@
+// SPDX-License-Identifier: Apache-2.0
+// Executable mappings, the frame walk on made-up and real chains, symbol texts, command names.
+#include "backtrace.h"
+#include "fault/crash_support.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/mman.h>
+
+using namespace support;
+using namespace crash;
+
+extern "C" {
+extern const char __qv_text_start[], __qv_text_end[];
+}
+
+namespace {
+
+using Words = std::vector<unsigned long>;
+
+std::string maps_path()
+{
+    return std::string("/proc/").append(std::to_string(::getpid())).append("/maps");
+}
+
+std::size_t table_size()
+{
+    std::size_t n = 0;
+    while (n < QV_SECTION_MAX && section_rec[n].start != 0)
+        n++;
+    return n;
+}
+
+// The table read from a mapping list with this content.
+int load(const std::string &content)
+{
+    bind_over(maps_path(), content);
+    return procps_read_maps();
+}
+
+constexpr char kRest[] = " 00000000 00:00 0\n";
+
+std::string map_line(const std::string &range, const std::string &permissions)
+{
+    return std::string(range).append(" ").append(permissions).append(kRest);
+}
+
+// A walk into arrays of a given size with guards behind.
+struct Walk {
+    int count = 0;
+    unsigned long addrs[32], frames[32], bottom = 77;
+
+    Walk(unsigned long fp, unsigned long pc, unsigned long lr, int max)
+    {
+        std::fill(std::begin(addrs), std::end(addrs), 0xeeUL);
+        std::fill(std::begin(frames), std::end(frames), 0xeeUL);
+        count = qv_backtrace_spec(fp, pc, lr, addrs, frames, max, &bottom);
+        for (std::size_t i = static_cast<std::size_t>(count); i < 32; i++) {
+            EXPECT_EQ(addrs[i], 0xeeUL) << i;
+            EXPECT_EQ(frames[i], 0xeeUL) << i;
+        }
+    }
+
+    Words code() const { return Words(addrs, addrs + count); }
+    Words frame() const { return Words(frames, frames + count); }
+};
+
+unsigned long at(const void *p)
+{
+    return reinterpret_cast<unsigned long>(p);
+}
+
+// Frame records in a heap, the first one at the front; the last one is linked to 0.
+struct Chain {
+    explicit Chain(std::size_t n) : words(2 * n)
+    {
+        for (std::size_t i = 0; i < n; i++) {
+            words[2 * i] = i + 1 < n ? at(&words[2 * i + 2]) : 0;
+            words[2 * i + 1] = 0x1000 + i;
+        }
+    }
+    unsigned long fp() const { return at(words.data()); }
+    unsigned long record(std::size_t i) const { return at(&words[2 * i]); }
+    Words words;
+};
+
+constexpr unsigned long kNotCode = 0x500;
+constexpr unsigned long kCode = 0x7000; // within the table of load_one_section()
+
+void load_one_section()
+{
+    ASSERT_EQ(load(map_line("7000-8000", "r-xp")), 0);
+}
+
+} // namespace
+
+// ---- the table of mappings ----
+
+TEST(Maps, OnlyExecutableAndNotWritableMappingsCount)
+{
+    ASSERT_EQ(load(map_line("1000-2000", "r-xp") + map_line("2000-3000", "rwxp") + map_line("3000-4000", "r--p") +
+                   map_line("4000-5000", "--xp") + map_line("5000-6000", "rw-p") + map_line("0-7000", "r-xp") +
+                   map_line("9000-8000", "r-xp") + map_line("a000-a000", "r-xp") + map_line("AbC000-aBd000", "r-xs")),
+              0);
+    ASSERT_EQ(table_size(), 3U);
+    EXPECT_EQ(section_rec[0].start, 0x1000U);
+    EXPECT_EQ(section_rec[0].end, 0x2000U);
+    EXPECT_EQ(section_rec[0].reserved, 0U);
+    EXPECT_EQ(section_rec[1].start, 0x4000U);
+    EXPECT_EQ(section_rec[2].start, 0xabc000U);
+    EXPECT_EQ(section_rec[2].end, 0xabd000U);
+}
+
+TEST(Maps, LinesWithoutARangeAreSkipped)
+{
+    ASSERT_EQ(
+        load("nothing\n\n-\nzz-yy r-xp\n1000- 2000 r-xp\n1000-2000\n1000-2000 r\n" + map_line("7000-8000", "r-xp")), 0);
+    ASSERT_EQ(table_size(), 1U);
+    EXPECT_EQ(section_rec[0].start, 0x7000U);
+}
+
+TEST(Maps, ALastLineWithoutNewlineIsDropped)
+{
+    ASSERT_EQ(load(map_line("1000-2000", "r-xp") + "2000-3000 r-xp 0 00:00 0"), 0);
+    EXPECT_EQ(table_size(), 1U);
+}
+
+TEST(Maps, ALineLongerThanTheBufferEndsTheReading)
+{
+    auto padded = [](std::size_t length) {
+        std::string line = "2000-3000 r-xp ";
+        return line + std::string(length - line.size(), 'x') + "\n";
+    };
+    std::string first = map_line("1000-2000", "r-xp"), last = map_line("3000-4000", "r-xp");
+    ASSERT_EQ(load(first + padded(1023) + last), 0);
+    EXPECT_EQ(table_size(), 3U);
+    ASSERT_EQ(load(first + padded(1024) + last), 0);
+    EXPECT_EQ(table_size(), 1U);
+}
+
+TEST(Maps, TooManyMappingsAreToldOnceWhenALineFollows)
+{
+    std::string full;
+    for (int i = 1; i <= QV_SECTION_MAX; i++) {
+        char range[32];
+        std::snprintf(range, sizeof range, "%x000-%x800", i, i);
+        full += map_line(range, "r-xp");
+    }
+    ASSERT_EQ(load(full), 0);
+    EXPECT_EQ(table_size(), 128U);
+    EXPECT_EQ(read_file(kConsole), "");
+    ASSERT_EQ(load(full + "any\nand another\n"), 0);
+    EXPECT_EQ(table_size(), 128U);
+    EXPECT_EQ(read_file(kConsole), "procps_read_maps, exec section number large than 128.\n");
+    EXPECT_EQ(is_dynamic_lib(0x80000), 1);
+    EXPECT_EQ(is_dynamic_lib(0x807ff), 1);
+    EXPECT_EQ(is_dynamic_lib(0x80800), 0);
+}
+
+TEST(Maps, BoundsOfTheTable)
+{
+    load_one_section();
+    EXPECT_EQ(is_dynamic_lib(0x6fff), 0);
+    EXPECT_EQ(is_dynamic_lib(0x7000), 1);
+    EXPECT_EQ(is_dynamic_lib(0x7fff), 1);
+    EXPECT_EQ(is_dynamic_lib(0x8000), 0);
+    EXPECT_EQ(is_dynamic_lib(0), 0);
+}
+
+TEST(Maps, WithoutATableEveryAddressIsCode)
+{
+    EXPECT_EQ(table_size(), 0U);
+    EXPECT_EQ(is_dynamic_lib(0), 1);
+    EXPECT_EQ(is_dynamic_lib(~0UL), 1);
+}
+
+TEST(Maps, AFailedLoadClearsTheTable)
+{
+    ChildResult child = run_child([] {
+        procps_read_maps();
+        EXPECT_GT(table_size(), 0U);
+        mount_tmpfs("/proc");
+        EXPECT_EQ(procps_read_maps(), -1);
+        EXPECT_EQ(table_size(), 0U);
+        // Only the thread's own list is asked for in thread mode.
+        std::string process = std::string("/proc/").append(std::to_string(::getpid()));
+        ::mkdir(process.c_str(), 0755);
+        write_file(maps_path(), map_line("1000-2000", "r-xp"));
+        EXPECT_EQ(procps_read_maps(), 0);
+        qv_set_handle_thread_trace();
+        EXPECT_EQ(procps_read_maps(), -1);
+        std::string task = process.append("/task");
+        ::mkdir(task.c_str(), 0755);
+        task.append("/").append(std::to_string(thread_id()));
+        ::mkdir(task.c_str(), 0755);
+        write_file(task.append("/maps"), map_line("3000-4000", "r-xp"));
+        EXPECT_EQ(procps_read_maps(), 0);
+        EXPECT_EQ(section_rec[0].start, 0x3000U);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.status;
+}
+
+TEST(Maps, TheTableIsTheThreadsOwn)
+{
+    ASSERT_EQ(procps_read_maps(), 0);
+    EXPECT_EQ(is_dynamic_lib(at(reinterpret_cast<void *>(&::getpid))), 1);
+    EXPECT_EQ(is_dynamic_lib(at(&section_rec)), 0);
+    pthread_t thread;
+    auto body = [](void *) -> void * { return reinterpret_cast<void *>(table_size()); };
+    void *size = nullptr;
+    ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
+    ASSERT_EQ(::pthread_join(thread, &size), 0);
+    EXPECT_EQ(size, nullptr);
+}
+
+// ---- the walk ----
+
+TEST(Walk, ChainIsFollowedToTheZeroLink)
+{
+    load_one_section();
+    Chain chain(4);
+    Walk walk(chain.fp(), kCode, 0, 20);
+    // The record with the zero link is the outermost one reached; its return address is not taken.
+    EXPECT_EQ(walk.code(), (Words{kCode, 0x1000, 0x1001, 0x1002}));
+    EXPECT_EQ(walk.frame(), (Words{chain.fp(), chain.record(1), chain.record(2), chain.record(3)}));
+    EXPECT_EQ(walk.bottom, chain.record(3));
+}
+
+TEST(Walk, PcAndLrCountOnlyWhenTheyAreCode)
+{
+    load_one_section();
+    Chain chain(3);
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{0x1000, 0x1001}));
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, kNotCode, 20).code(), (Words{0x1000, 0x1001}));
+    Walk both(chain.fp(), kCode, kCode + 1, 20);
+    EXPECT_EQ(both.code(), (Words{kCode, kCode + 1, 0x1000, 0x1001}));
+    EXPECT_EQ(both.frame(), (Words{chain.fp(), 1, chain.record(1), chain.record(2)}));
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, kCode, 20).code(), (Words{kCode, 0x1000, 0x1001}));
+}
+
+TEST(Walk, HostTextIsCodeBothEndsIncluded)
+{
+    load_one_section();
+    for (const char *edge : {__qv_text_start, __qv_text_end})
+        EXPECT_EQ(Walk(0, at(edge), 0, 20).code(), (Words{at(edge)}));
+    EXPECT_EQ(Walk(0, at(__qv_text_start) - 1, 0, 20).count, 0);
+    EXPECT_EQ(Walk(0, at(__qv_text_end) + 1, 0, 20).count, 0);
+}
+
+TEST(Walk, NeverMoreThanMax)
+{
+    load_one_section();
+    Chain chain(10);
+    for (int max = 1; max <= 12; max++) {
+        Walk walk(chain.fp(), kCode, kCode, max);
+        EXPECT_EQ(walk.count, std::min(max, 11)) << max;
+        EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, max).count, std::min(max, 9)) << max;
+    }
+    EXPECT_EQ(Walk(chain.fp(), kCode, kCode, 0).count, 0);
+    EXPECT_EQ(Walk(chain.fp(), kCode, kCode, -1).count, 0);
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 3).bottom, chain.record(3));
+}
+
+TEST(Walk, ACircleEndsAtMax)
+{
+    load_one_section();
+    Chain chain(2);
+    chain.words[2] = chain.fp();
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).count, 20);
+}
+
+TEST(Walk, FramePointerIsRoundedUpAndLinksAreNot)
+{
+    load_one_section();
+    Chain chain(3);
+    for (unsigned long low = 1; low < 8; low++)
+        EXPECT_EQ(Walk(chain.fp() - low, kNotCode, 0, 20).code(), (Words{0x1000, 0x1001}));
+
+    std::vector<char> bytes(64);
+    unsigned long link = at(&bytes[3]), code = 0x4711, next = chain.record(2);
+    std::memcpy(&bytes[3], &next, 8);
+    std::memcpy(&bytes[11], &code, 8);
+    chain.words[0] = link;
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{0x1000, 0x4711}));
+}
+
+TEST(Walk, NoFramePointerAndAZeroFirstLinkEndIt)
+{
+    load_one_section();
+    EXPECT_EQ(Walk(0, kCode, 0, 20).code(), (Words{kCode}));
+    EXPECT_EQ(Walk(0, kCode, 0, 20).bottom, 0U);
+    EXPECT_EQ(Walk(~0UL, kCode, 0, 20).code(), (Words{kCode}));
+    Chain chain(1);
+    Walk walk(chain.fp(), kCode, 0, 20);
+    EXPECT_EQ(walk.code(), (Words{kCode, 0x1000}));
+    EXPECT_EQ(walk.frame(), (Words{chain.fp(), 0}));
+    EXPECT_EQ(walk.bottom, 0U);
+}
+
+TEST(Walk, UnreadableMemoryEndsIt)
+{
+    load_one_section();
+    constexpr std::size_t kPage = 65536;
+    auto *pages =
+        static_cast<char *>(::mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ::mprotect(pages + kPage, kPage, PROT_NONE);
+    for (unsigned long wild :
+         {1UL, 8UL, 0xfffUL, 0x1000UL, 0x123450UL, 0x8000000000000000UL, ~7UL, at(pages + kPage)}) {
+        Chain chain(3);
+        chain.words[2] = wild;
+        Walk walk(chain.fp(), kNotCode, 0, 20);
+        EXPECT_EQ(walk.code(), (Words{0x1000, 0x1001})) << wild;
+        EXPECT_EQ(walk.bottom, wild);
+        EXPECT_EQ(Walk(wild & ~7UL, kCode, 0, 20).code(), (Words{kCode})) << wild;
+    }
+    // A record of which only the link can be read, whole or in part.
+    for (std::size_t readable : {8U, 7U, 1U}) {
+        unsigned long edge = at(pages + kPage) - readable;
+        Chain chain(2);
+        chain.words[0] = edge;
+        unsigned long link = chain.record(1);
+        std::memcpy(reinterpret_cast<void *>(edge), &link, readable);
+        Walk walk(chain.fp(), kNotCode, 0, 20);
+        EXPECT_EQ(walk.code(), (Words{0x1000})) << readable;
+    }
+    ::munmap(pages, 2 * kPage);
+}
+
+TEST(Walk, OutputsMayBeLeftOut)
+{
+    load_one_section();
+    Chain chain(3);
+    unsigned long addrs[20];
+    EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, kCode, addrs, nullptr, 20, nullptr), 4);
+    EXPECT_EQ(addrs[2], 0x1000U);
+    EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr), 0);
+}
+
+TEST(Walk, ErrnoIsKept)
+{
+    load_one_section();
+    errno = E2BIG;
+    Walk(0x123450, kCode, 0, 20);
+    EXPECT_EQ(errno, E2BIG);
+}
+
+namespace {
+
+__attribute__((noinline)) int real_walk(unsigned long *addrs)
+{
+    int n = qv_backtrace_spec(at(__builtin_frame_address(0)), 0, 0, addrs, nullptr, 20, nullptr);
+    asm volatile("" ::: "memory");
+    return n;
+}
+
+} // namespace
+
+TEST(Walk, TheRealStackWalks)
+{
+    procps_read_maps();
+    unsigned long addrs[20];
+    int n = real_walk(addrs);
+    ASSERT_GT(n, 3);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(is_dynamic_lib(addrs[i]), 1) << i;
+}
+
+// ---- names ----
+
+TEST(FunctionName, NullNamedAndUnnamed)
+{
+    char text[256];
+    EXPECT_EQ(get_function_name_by_ptr(nullptr, text, sizeof text), 4);
+    EXPECT_STREQ(text, "NULL");
+    void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
+    char wanted[256];
+    std::snprintf(wanted, sizeof wanted, "procps_read_maps@%p", function);
+    EXPECT_EQ(get_function_name_by_ptr(function, text, sizeof text), static_cast<int>(std::strlen(wanted)));
+    EXPECT_STREQ(text, wanted);
+    get_function_name_by_ptr(text, text, sizeof text);
+    std::snprintf(wanted, sizeof wanted, "%p", static_cast<void *>(text));
+    EXPECT_STREQ(text, wanted);
+}
+
+TEST(FunctionName, IsCutAndTerminated)
+{
+    char text[8];
+    std::memset(text, 'x', sizeof text);
+    void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
+    EXPECT_GT(get_function_name_by_ptr(function, text, 6), 16);
+    EXPECT_EQ(std::string(text, 8), std::string("procp\0xx", 8));
+    get_function_name_by_ptr(function, text, 0);
+    EXPECT_EQ(std::string(text, 8), std::string("procp\0xx", 8));
+}
+
+TEST(CommandName, OfTheProcessWithoutLineEnds)
+{
+    rename_process("routed");
+    char name[128] = {};
+    EXPECT_EQ(get_proc_comm_name(name, 127), 7);
+    EXPECT_STREQ(name, "routed");
+    std::memset(name, 0, sizeof name);
+    EXPECT_EQ(get_proc_comm_name(name, 3), 3);
+    EXPECT_STREQ(name, "rou");
+    EXPECT_EQ(get_proc_comm_name(name, 0), 0);
+    EXPECT_EQ(get_proc_comm_name(name, -1), 0);
+}
+
+TEST(CommandName, EveryLineEndBecomesNul)
+{
+    bind_over("/proc/self/comm", "a\rb\n\nc\r\n");
+    char name[128] = {};
+    EXPECT_EQ(get_proc_comm_name(name, 127), 8);
+    EXPECT_EQ(std::string(name, 8), std::string("a\0b\0\0c\0\0", 8));
+}
+
+TEST(CommandName, DescriptorZeroCountsAsFailure)
+{
+    ChildResult child = run_child([] {
+        ::close(0);
+        char name[128] = {};
+        EXPECT_EQ(get_proc_comm_name(name, 127), 0);
+        EXPECT_STREQ(name, "");
+        EXPECT_EQ(::dup(1), 0); // it was given back
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(CommandName, OfTheThreadInThreadMode)
+{
+    ChildResult child = run_child([] {
+        qv_set_handle_thread_trace();
+        pthread_t thread;
+        auto body = [](void *) -> void * {
+            rename_process("worker");
+            char name[128] = {};
+            EXPECT_EQ(get_proc_comm_name(name, 127), 7);
+            EXPECT_STREQ(name, "worker");
+            return nullptr;
+        };
+        ::pthread_create(&thread, nullptr, body, nullptr);
+        ::pthread_join(thread, nullptr);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(StackTrace, PrintsTheTagAndNumberedFrames)
+{
+    rename_process("routed");
+    qv_stacktrace("here");
+    std::vector<std::string> text = lines(read_file(kConsole));
+    ASSERT_GE(text.size(), 3U);
+    EXPECT_EQ(text[0], "stack trace: here pid = " + std::to_string(::getpid()) + ", com_name = routed");
+    for (std::size_t i = 1; i < text.size(); i++) {
+        char head[32];
+        std::snprintf(head, sizeof head, "Frame %2zu: ", i);
+        EXPECT_EQ(text[i].rfind(head, 0), 0U) << text[i];
+    }
+}
+
+TEST(StackTrace, UsesTheProgramsNameWithoutACommandName)
+{
+    ChildResult child = run_child([] {
+        ::close(0);
+        qv_stacktrace("x");
+    });
+    EXPECT_EQ(lines(read_file(kConsole)).at(0),
+              "stack trace: x pid = " + std::to_string(child.pid) + ", com_name = backtrace_test");
+}
+
+// ---- symbol texts, as they stand in a backtrace section ----
+
+namespace {
+
+std::string symbol_of(unsigned long addr)
+{
+    ChildResult child = run_child([addr] {
+        rename_process("routed");
+        struct sigaction action = {};
+        action.sa_sigaction = [](int, siginfo_t *info, void *) {
+            // A walk over one made-up record gives just the address.
+            auto wanted = reinterpret_cast<unsigned long>(info->si_value.sival_ptr);
+            unsigned long record[2] = {0, wanted};
+            ucontext_t context;
+            std::memset(&context, 0, sizeof context);
+#if defined(__aarch64__)
+            context.uc_mcontext.regs[29] = at(record);
+#else
+            context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(at(record));
+#endif
+            crash_record rec = {};
+            rec.uctx = &context;
+            coredump_backtrace_to_file(STDOUT_FILENO, &rec);
+        };
+        action.sa_flags = SA_SIGINFO;
+        ::sigaction(SIGUSR1, &action, nullptr);
+        procps_read_maps();
+        sigval value;
+        value.sival_ptr = reinterpret_cast<void *>(addr);
+        ::sigqueue(::getpid(), SIGUSR1, value);
+    });
+    std::vector<std::string> text = lines(child.out);
+    EXPECT_EQ(text.size(), 4U) << child.out;
+    std::size_t arrow = text.size() > 1 ? text[1].find("-> ") : std::string::npos;
+    return arrow == std::string::npos ? child.out : text[1].substr(arrow + 3);
+}
+
+} // namespace
+
+TEST(SymbolText, NamedUnnamedAndUnknown)
+{
+    void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
+    Dl_info info;
+    ASSERT_NE(::dladdr(function, &info), 0);
+    char wanted[512];
+    std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0x4) [0x%lx]", info.dli_fname, at(function) + 4);
+    EXPECT_EQ(symbol_of(at(function) + 4), wanted);
+    std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0) [0x%lx]", info.dli_fname, at(function));
+    EXPECT_EQ(symbol_of(at(function)), wanted);
+    // The start of the object carries no symbol.
+    unsigned long inside = at(info.dli_fbase) + 0x40;
+    std::snprintf(wanted, sizeof wanted, "%s(+0x40) [0x%lx]", info.dli_fname, inside);
+    EXPECT_EQ(symbol_of(inside), wanted);
+    EXPECT_EQ(symbol_of(0x1234), "0x1234");
+}
