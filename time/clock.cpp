@@ -8,39 +8,47 @@
 namespace {
 
 constexpr long kNanosecondsPerMicrosecond = 1000;
+constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
 // ---- the conversion mutex and forks ----
 
 pthread_mutex_t localtime_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Who holds the mutex, for the fork handlers alone. Valid while held is set.
-std::atomic<bool> held;
-std::atomic<pthread_t> holder;
+// Set while a caller keeps the mutex through localtime_safe_lock(), and who it is; the library's own conversions hold
+// it for microseconds. For the fork handlers alone.
+std::atomic<bool> kept;
+std::atomic<pthread_t> keeper;
 
 // Whether this thread's before_fork() took the mutex, for its counterparts.
 thread_local bool taken_for_fork;
 
-constexpr int kForkTries = 50;
-constexpr timespec kForkPause = {0, 1'000'000};
+constexpr long kForkPatience = 10'000'000; // nanoseconds between two looks at a mutex that a caller may be keeping
 
-bool held_by_this_thread()
+bool kept_by_this_thread()
 {
-    return held && pthread_equal(holder, pthread_self()) != 0;
+    return kept && pthread_equal(keeper, pthread_self()) != 0;
+}
+
+bool lock_patiently()
+{
+    timespec end;
+    timeRT(&end);
+    end.tv_nsec += kForkPatience;
+    end.tv_sec += end.tv_nsec / kNanosecondsPerSecond;
+    end.tv_nsec %= kNanosecondsPerSecond;
+    return pthread_mutex_clocklock(&localtime_mutex, CLOCK_MONOTONIC, &end) == 0;
 }
 
 // A conversion in another thread holds the C library's own time-zone lock too, which a child could never get past: wait
-// for it. A thread that keeps the mutex for long is not waited for; the child gets a fresh one.
+// for it. A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
 void before_fork()
 {
     taken_for_fork = false;
-    if (held_by_this_thread())
+    if (kept_by_this_thread())
         return;
-    for (int i = 0; i < kForkTries; i++) {
-        taken_for_fork = pthread_mutex_trylock(&localtime_mutex) == 0;
-        if (taken_for_fork)
-            return;
-        nanosleep(&kForkPause, nullptr);
-    }
+    do
+        taken_for_fork = lock_patiently();
+    while (!taken_for_fork && !kept);
 }
 
 void after_fork_in_parent()
@@ -51,9 +59,9 @@ void after_fork_in_parent()
 
 void after_fork_in_child()
 {
-    if (held_by_this_thread())
+    if (kept_by_this_thread())
         return; // forked between lock and unlock: the child goes on and unlocks its copy
-    held = false;
+    kept = false;
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
 
@@ -68,18 +76,7 @@ pthread_once_t forks_watched = PTHREAD_ONCE_INIT;
 int lock()
 {
     pthread_once(&forks_watched, watch_forks);
-    int result = pthread_mutex_lock(&localtime_mutex);
-    if (result == 0) {
-        holder = pthread_self();
-        held = true;
-    }
-    return result;
-}
-
-int unlock()
-{
-    held = false;
-    return pthread_mutex_unlock(&localtime_mutex);
+    return pthread_mutex_lock(&localtime_mutex);
 }
 
 template <typename Convert>
@@ -87,7 +84,7 @@ tm *converted(Convert convert)
 {
     lock();
     tm *result = convert();
-    unlock();
+    pthread_mutex_unlock(&localtime_mutex);
     return result;
 }
 
@@ -142,17 +139,31 @@ int timeRT(struct timespec *ts)
 
 int localtime_safe_lock(void)
 {
-    return lock();
+    int result = lock();
+    if (result == 0) {
+        keeper = pthread_self();
+        kept = true;
+    }
+    return result;
 }
 
 int localtime_safe_unlock(void)
 {
-    return unlock();
+    kept = false;
+    return pthread_mutex_unlock(&localtime_mutex);
 }
 
 struct tm *localtime_safe(const time_t *t)
 {
-    return converted([&] { return localtime(t); });
+    // Not localtime(), which looks at TZ anew in itself. gmtime() returns the record that the two share.
+    return converted([&]() -> tm * {
+        tm result;
+        tm *shared = gmtime(t);
+        if (shared == nullptr || localtime_r(t, &result) == nullptr)
+            return nullptr;
+        *shared = result;
+        return shared;
+    });
 }
 
 struct tm *qv_localtime(const time_t *t)

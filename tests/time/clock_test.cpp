@@ -1,0 +1,255 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qv_time.h"
+
+#include "support/support.h"
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <pthread.h>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+bool interposed = false;
+timespec told = {0, 0};
+int clock_result = 0;
+clockid_t clock_asked = -1;
+
+struct Clock : testing::Test {
+    void SetUp() override { interposed = true; }
+    void TearDown() override { interposed = false; }
+};
+
+constexpr time_t kSummer = 1720000000; // 2024-07-03 09:46:40 UTC
+
+} // namespace
+
+extern "C" int clock_gettime(clockid_t id, timespec *ts)
+{
+    static auto real = reinterpret_cast<int (*)(clockid_t, timespec *)>(::dlsym(RTLD_NEXT, "clock_gettime"));
+    if (!interposed)
+        return real(id, ts);
+    clock_asked = id;
+    if (clock_result == 0)
+        *ts = told;
+    else
+        *ts = {77, 77}; // a failing call may have written
+    return clock_result;
+}
+
+// ---- comparison ----
+
+TEST(TimevalCompare, SecondsFirstThenMicroseconds)
+{
+    auto compare = [](timeval a, timeval b) { return qv_timeval_compare(&a, &b); };
+    EXPECT_EQ(compare({5, 999999}, {6, 0}), -1);
+    EXPECT_EQ(compare({6, 0}, {5, 999999}), 1);
+    EXPECT_EQ(compare({5, 2}, {5, 1}), 1);
+    EXPECT_EQ(compare({5, 1}, {5, 2}), -1);
+    EXPECT_EQ(compare({5, 1}, {5, 1}), 0);
+    EXPECT_EQ(compare({-1, 0}, {0, 0}), -1) << "signed";
+    EXPECT_EQ(compare({0, -1}, {0, 0}), -1);
+    EXPECT_EQ(compare({LONG_MIN, 0}, {LONG_MAX, 0}), -1) << "compared, not subtracted";
+    EXPECT_EQ(compare({LONG_MAX, LONG_MIN}, {LONG_MAX, LONG_MAX}), -1);
+    EXPECT_EQ(compare({1, 2000000}, {2, 0}), -1) << "not normalised";
+}
+
+// ---- monotonic reads ----
+
+TEST_F(Clock, ReadsTheMonotonicClock)
+{
+    told = {42, 1999};
+    timeval tv;
+    EXPECT_EQ(gettimeofday_qv(&tv), 0);
+    EXPECT_EQ(clock_asked, CLOCK_MONOTONIC);
+    EXPECT_EQ(tv.tv_sec, 42);
+    EXPECT_EQ(tv.tv_usec, 1) << "cut off";
+    told = {43, 999999999};
+    EXPECT_EQ(qv_gettimeofday(&tv), 0);
+    EXPECT_EQ(tv.tv_sec, 43);
+    EXPECT_EQ(tv.tv_usec, 999999);
+    timespec ts;
+    EXPECT_EQ(timeRT(&ts), 0);
+    EXPECT_EQ(ts.tv_sec, 43);
+    EXPECT_EQ(ts.tv_nsec, 999999999);
+    time_t t = 0;
+    EXPECT_EQ(qv_time(&t), 43);
+    EXPECT_EQ(t, 43);
+    EXPECT_EQ(qv_time(nullptr), 43);
+}
+
+TEST_F(Clock, SecondsAreCutTo32Bits)
+{
+    told = {0xFFFFFFFFL, 0};
+    EXPECT_EQ(get_time_second(), 0xFFFFFFFFu);
+    told = {0x100000000L, 0};
+    EXPECT_EQ(get_time_second(), 0u);
+    told = {0x100000007L, 0};
+    EXPECT_EQ(get_time_second(), 7u);
+    EXPECT_EQ(qv_time(nullptr), 0x100000007L);
+}
+
+TEST_F(Clock, AFailureGivesZeros)
+{
+    clock_result = -1;
+    timeval tv = {1, 1};
+    timespec ts = {1, 1};
+    time_t t = 1;
+    EXPECT_EQ(gettimeofday_qv(&tv), -1);
+    EXPECT_EQ(tv.tv_sec, 0);
+    EXPECT_EQ(tv.tv_usec, 0);
+    tv = {1, 1};
+    EXPECT_EQ(qv_gettimeofday(&tv), -1);
+    EXPECT_EQ(tv.tv_sec, 0);
+    EXPECT_EQ(timeRT(&ts), -1);
+    EXPECT_EQ(ts.tv_sec, 0);
+    EXPECT_EQ(ts.tv_nsec, 0);
+    EXPECT_EQ(qv_time(&t), 0);
+    EXPECT_EQ(t, 0);
+    EXPECT_EQ(qv_time(nullptr), 0);
+    EXPECT_EQ(get_time_second(), 0u);
+    clock_result = -7;
+    EXPECT_EQ(timeRT(&ts), -7) << "the failing result itself";
+}
+
+TEST(MonotonicClock, HasNothingToDoWithTheDate)
+{
+    timespec before, after;
+    ::clock_gettime(CLOCK_MONOTONIC, &before);
+    time_t t = qv_time(nullptr);
+    ::clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_GE(t, before.tv_sec);
+    EXPECT_LE(t, after.tv_sec);
+}
+
+// ---- calendar ----
+
+TEST(Calendar, ATimeZoneChangeIsSeenByAllButLocaltimeSafe)
+{
+    ::setenv("TZ", "UTC0", 1);
+    EXPECT_EQ(qv_localtime(&kSummer)->tm_hour, 9);
+    ::setenv("TZ", "XXX-2", 1);
+    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 9) << "does not look at TZ anew";
+    EXPECT_EQ(qv_localtime(&kSummer)->tm_hour, 11);
+    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 11);
+    ::setenv("TZ", "XXX-3", 1);
+    tm out;
+    EXPECT_EQ(qv_localtime_r(&kSummer, &out), &out);
+    EXPECT_EQ(out.tm_hour, 12);
+    ::setenv("TZ", "XXX-4", 1);
+    qv_calendar_time(nullptr);
+    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 13);
+}
+
+TEST(Calendar, ResultsAreTheCLibrarysStaticRecord)
+{
+    EXPECT_EQ(qv_localtime(&kSummer), ::localtime(&kSummer));
+    EXPECT_EQ(localtime_safe(&kSummer), ::localtime(&kSummer));
+}
+
+TEST(Calendar, TimesThatCannotBeConvertedGiveNull)
+{
+    time_t far = LONG_MAX;
+    tm out;
+    EXPECT_EQ(qv_localtime(&far), nullptr);
+    EXPECT_EQ(localtime_safe(&far), nullptr);
+    EXPECT_EQ(qv_localtime_r(&far, &out), nullptr);
+    EXPECT_EQ(localtime_safe_lock(), 0) << "the mutex was given back";
+    EXPECT_EQ(localtime_safe_unlock(), 0);
+}
+
+TEST(Calendar, CalendarTimeIsTheWallClock)
+{
+    time_t t = 0;
+    time_t before = ::time(nullptr);
+    time_t now = qv_calendar_time(&t);
+    EXPECT_GE(now, before);
+    EXPECT_LE(now, ::time(nullptr));
+    EXPECT_EQ(t, now);
+    EXPECT_GE(qv_calendar_time(nullptr), now);
+}
+
+TEST(LocaltimeMutex, KeepsConversionsOutWhileHeld)
+{
+    EXPECT_EQ(localtime_safe_lock(), 0);
+    std::atomic<bool> done{false};
+    std::thread other([&] {
+        qv_localtime(&kSummer);
+        done = true;
+    });
+    ::usleep(20000);
+    EXPECT_FALSE(done);
+    EXPECT_EQ(localtime_safe_unlock(), 0);
+    other.join();
+    EXPECT_TRUE(done);
+}
+
+TEST(LocaltimeMutex, AChildForkedWhileAnotherThreadHeldItCanConvert)
+{
+    std::atomic<int> stage{0};
+    std::thread holder([&] {
+        localtime_safe_lock();
+        stage = 1;
+        while (stage != 2)
+            ::usleep(1000);
+        localtime_safe_unlock();
+    });
+    while (stage != 1)
+        ::usleep(100);
+    ChildResult child = run_child(
+        [] {
+            tm out;
+            bool good =
+                qv_localtime_r(&kSummer, &out) != nullptr && localtime_safe_lock() == 0 && localtime_safe_unlock() == 0;
+            ::_exit(good ? 0 : 1);
+        },
+        5000);
+    EXPECT_TRUE(child.exited(0));
+    stage = 2;
+    holder.join();
+    EXPECT_NE(qv_localtime(&kSummer), nullptr) << "the parent's mutex is as good as before";
+}
+
+TEST(LocaltimeMutex, AChildForkedByItsHolderHoldsItStill)
+{
+    localtime_safe_lock();
+    ChildResult child = run_child(
+        [] {
+            bool unlocked = localtime_safe_unlock() == 0;
+            ::_exit(unlocked && qv_localtime(&kSummer) != nullptr ? 0 : 1);
+        },
+        5000);
+    EXPECT_TRUE(child.exited(0));
+    localtime_safe_unlock();
+}
+
+TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
+{
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; i++)
+        threads.emplace_back([&] {
+            tm out;
+            while (!stop)
+                qv_localtime_r(&kSummer, &out);
+        });
+    for (std::size_t i = 0; i < effort(200); i++) {
+        ChildResult child = run_child(
+            [] {
+                tm out;
+                ::_exit(qv_localtime_r(&kSummer, &out) != nullptr ? 0 : 1);
+            },
+            10000);
+        EXPECT_TRUE(child.exited(0));
+    }
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+}

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "strutil.h"
+
+#include "support/support.h"
+
+#include <cstring>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+std::string copy(const std::string &src, std::size_t size)
+{
+    char dst[64];
+    std::memset(dst, '#', sizeof dst);
+    EXPECT_EQ(strlcpy(dst, src.c_str(), size), src.size());
+    return std::string(dst, std::find(dst, dst + 63, '#'));
+}
+
+std::string trim(const std::string &src, std::size_t size)
+{
+    char dst[64];
+    std::memset(dst, '#', sizeof dst);
+    EXPECT_EQ(trim_utf8_name(dst, src.c_str(), size), dst);
+    for (std::size_t i = size; i < sizeof dst; i++)
+        EXPECT_EQ(dst[i], '#') << "outside the room";
+    return size == 0 ? "" : dst;
+}
+
+} // namespace
+
+TEST(Strlcpy, CopiesWithinTheRoomAndReturnsTheWholeLength)
+{
+    EXPECT_EQ(copy("abc", 5), std::string("abc\0", 4));
+    EXPECT_EQ(copy("abc", 4), std::string("abc\0", 4));
+    EXPECT_EQ(copy("abc", 3), std::string("ab\0", 3));
+    EXPECT_EQ(copy("abc", 1), std::string("\0", 1));
+    EXPECT_EQ(copy("abc", 0), "");
+    EXPECT_EQ(copy("", 2), std::string("\0", 1));
+}
+
+TEST(Strlcat, AppendsWithinTheRoomAndReturnsTheLengthItTried)
+{
+    char dst[8] = "ab";
+    EXPECT_EQ(strlcat(dst, "cd", sizeof dst), 4u);
+    EXPECT_STREQ(dst, "abcd");
+    EXPECT_EQ(strlcat(dst, "efg", sizeof dst), 7u);
+    EXPECT_STREQ(dst, "abcdefg");
+    EXPECT_EQ(strlcat(dst, "hij", sizeof dst), 10u);
+    EXPECT_STREQ(dst, "abcdefg");
+    EXPECT_EQ(strlcat(dst, "", sizeof dst), 7u);
+}
+
+TEST(Strlcat, ATextWithoutEndInTheRoomStaysAsItIs)
+{
+    char dst[4] = {'w', 'x', 'y', 'z'};
+    EXPECT_EQ(strlcat(dst, "abc", 4), 7u);
+    EXPECT_EQ(strlcat(dst, "abc", 2), 5u);
+    EXPECT_EQ(strlcat(dst, "abc", 0), 3u);
+    EXPECT_EQ(std::string(dst, 4), "wxyz");
+}
+
+TEST(Strcasestr, TheFirstMatchIgnoringCase)
+{
+    const char *text = "xxabcxxABC";
+    EXPECT_EQ(strcasestr(text, "ABC"), text + 2);
+    EXPECT_EQ(strcasestr(text, "abcX"), text + 2);
+    EXPECT_EQ(strcasestr(text, ""), text);
+    EXPECT_EQ(strcasestr(text, "abd"), nullptr);
+    EXPECT_EQ(strcasestr(text, "BCxxAB"), text + 3);
+    EXPECT_EQ(strcasestr("", ""), std::string());
+    EXPECT_EQ(strcasestr("", "a"), nullptr);
+    EXPECT_EQ(strcasestr("aab", "AB"), std::string("ab"));
+    EXPECT_EQ(strcasestr("ab", "abc"), nullptr);
+    EXPECT_EQ(strcasestr("\xC4", "\xC4"), std::string("\xC4"));
+}
+
+TEST(Utf8, LengthByTheFirstByte)
+{
+    for (int b = 0; b < 256; b++) {
+        int wanted = b >= 0xFC && b <= 0xFD   ? 6
+                     : b >= 0xF8 && b <= 0xFB ? 5
+                     : b >= 0xF0 && b <= 0xF7 ? 4
+                     : b >= 0xE0 && b <= 0xEF ? 3
+                     : b >= 0xC0 && b <= 0xDF ? 2
+                                              : 1;
+        EXPECT_EQ(get_utf8_byte_count_by_1st_byte(static_cast<unsigned char>(b)), wanted) << b;
+    }
+}
+
+TEST(TrimUtf8Name, NamesThatFitAreCopied)
+{
+    EXPECT_EQ(trim("abcdefg", 8), "abcdefg");
+    EXPECT_EQ(trim("", 8), "");
+    EXPECT_EQ(trim("", 1), "");
+}
+
+TEST(TrimUtf8Name, OthersAreCutAfterAWholeCharacterAndMarked)
+{
+    EXPECT_EQ(trim("abcdefgh", 8), "abcdef~");
+    EXPECT_EQ(trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 8), "\xE4\xB8\xAD\xE4\xB8\xAD~");
+    EXPECT_EQ(trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 9), "\xE4\xB8\xAD\xE4\xB8\xAD~");
+    EXPECT_EQ(trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 6), "a\xC3\xA4~") << "the next would end at the mark's place";
+    EXPECT_EQ(trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 7), "a\xC3\xA4\xC3\xA4~");
+    EXPECT_EQ(trim("\xFC\x80\x80\x80\x80\x80yyyyyyyy", 9), "\xFC\x80\x80\x80\x80\x80y~");
+    EXPECT_EQ(trim("\x80\x80\x80\x80", 4), "\x80\x80~") << "a stray byte is a character";
+}
+
+TEST(TrimUtf8Name, TinyRoomsAreNotOverrun)
+{
+    EXPECT_EQ(trim("abc", 0), "");
+    EXPECT_EQ(trim("abc", 1), "");
+    EXPECT_EQ(trim("abc", 2), "~");
+    EXPECT_EQ(trim("\xE4\xB8\xAD", 2), "~");
+    EXPECT_EQ(trim("\xE4\xB8\xAD", 3), "~");
+    EXPECT_EQ(trim("ab", 2), "~");
+}
+
+TEST(TrimUtf8Name, RandomNamesAgreeWithAModel)
+{
+    std::mt19937 random(7);
+    for (std::size_t round = 0; round < effort(100000); round++) {
+        std::string name;
+        std::size_t length = random() % 40;
+        while (name.size() < length)
+            name += static_cast<char>(1 + random() % 255);
+        std::size_t size = 2 + random() % 40;
+        std::string wanted;
+        if (name.size() < size) {
+            wanted = name;
+        } else {
+            std::size_t p = 0;
+            for (;;) {
+                auto n = static_cast<std::size_t>(get_utf8_byte_count_by_1st_byte(static_cast<unsigned char>(name[p])));
+                if (p + n > size - 2)
+                    break;
+                p += n;
+            }
+            wanted = name.substr(0, p) + "~";
+        }
+        ASSERT_EQ(trim(name, size), wanted) << "size " << size;
+    }
+}
