@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: Apache-2.0
+// Stack ranges from made-up and real mapping lists, and the record of the main stack.
+#include "stack_info.h"
+#include "support/support.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+std::string task_file(const char *name)
+{
+    std::string path = "/proc/";
+    path.append(std::to_string(::getpid())).append("/task/");
+    return path.append(std::to_string(::syscall(SYS_gettid))).append("/").append(name);
+}
+
+struct Range {
+    int result;
+    unsigned long start = 11, end = 22; // what stands there when nothing is found
+};
+
+Range main_stack()
+{
+    Range range;
+    range.result = qv_get_stack_info(&range.start, &range.end);
+    return range;
+}
+
+Range stack_of(unsigned long addr)
+{
+    Range range;
+    range.result = qv_get_thread_stack_info(addr, &range.start, &range.end);
+    return range;
+}
+
+void expect_range(const Range &range, unsigned long start, unsigned long end)
+{
+    EXPECT_EQ(range.result, 0);
+    EXPECT_EQ(range.start, start);
+    EXPECT_EQ(range.end, end);
+}
+
+void expect_nothing(const Range &range)
+{
+    expect_range(range, 11, 22);
+}
+
+void set_maps(const std::string &content)
+{
+    bind_over(task_file("maps"), content);
+}
+
+void in_thread(void *(*body)(void *))
+{
+    pthread_t thread;
+    ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
+    ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+}
+
+} // namespace
+
+TEST(StackInfo, TheRealMainStack)
+{
+    int local = 0;
+    Range range = main_stack();
+    EXPECT_EQ(range.result, 0);
+    auto here = reinterpret_cast<unsigned long>(&local);
+    if (!under_sanitizer()) { // which may keep locals elsewhere
+        EXPECT_TRUE(range.start <= here && here < range.end);
+    }
+}
+
+TEST(StackInfo, FirstSoundLineMarkedStack)
+{
+    set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n0-2000 rw-p 0 0:0 0 [stack]\n5000-5000 rw-p 0 0:0 0 [stack]\n"
+             "1000- 2000 rw-p 0 0:0 0 [stack]\nAb000-aC000 rw-p 0 0:0 0 [stack]\n3000-4000 rw-p 0 0:0 0 [stack]\n");
+    expect_range(main_stack(), 0xab000, 0xac000);
+}
+
+TEST(StackInfo, NoSuchLineLeavesTheOutputs)
+{
+    set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n");
+    expect_nothing(main_stack());
+    set_maps("");
+    expect_nothing(main_stack());
+    set_maps("1000-2000 rw-p 0 0:0 0 [stack]");
+    expect_nothing(main_stack());
+}
+
+TEST(ThreadStackInfo, FirstPrivateReadWriteMappingAroundTheAddress)
+{
+    set_maps(
+        "1000-9000 r--p 0\n1000-9000 rw-s 0\n1000-9000 rwxp 0\n0-9000 rw-p 0\n3000-4000 rw-p 0\n3000-6000 rw-p 0\n");
+    expect_range(stack_of(0x3000), 0x3000, 0x4000);
+    expect_range(stack_of(0x3fff), 0x3000, 0x4000);
+    expect_range(stack_of(0x4000), 0x3000, 0x6000);
+    expect_nothing(stack_of(0x2fff));
+    expect_nothing(stack_of(0x6000));
+}
+
+TEST(ThreadStackInfo, ARealThreadsStack)
+{
+    in_thread([](void *) -> void * {
+        int local = 0;
+        auto here = reinterpret_cast<unsigned long>(&local);
+        Range range = stack_of(here);
+        EXPECT_EQ(range.result, 0);
+        EXPECT_TRUE(range.start <= here && here < range.end);
+        return nullptr;
+    });
+}
+
+TEST(StackInfo, FailuresAreToldOnStandardOutput)
+{
+    ChildResult child = run_child([] {
+        std::string path = task_file("maps");
+        std::string told = capture_stdout([] {
+            mount_tmpfs("/proc");
+            EXPECT_EQ(main_stack().result, -1);
+            Range range = stack_of(0x1000);
+            EXPECT_EQ(range.result, -1);
+            EXPECT_EQ(range.start, 11U);
+        });
+        EXPECT_EQ(told, "qv_get_stack_info 1208 : open " + path + " failed.\nqv_get_thread_stack_info 1258 : open " +
+                            path + " failed.\n");
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err;
+}
+
+// ---- the record ----
+
+namespace {
+
+// Fields 1 to n, the given ones in place of "x".
+std::string status_line(unsigned n, std::initializer_list<std::pair<unsigned, std::string>> fields)
+{
+    std::string line;
+    for (unsigned i = 1; i <= n; i++) {
+        std::string field = "x";
+        for (const auto &[index, text] : fields) {
+            if (index == i)
+                field = text;
+        }
+        line.append(field).append(i < n ? " " : "\n");
+    }
+    return line;
+}
+
+void record(const std::string &status)
+{
+    set_maps("100000-200000 rw-p 0 0:0 0 [stack]\n");
+    bind_over(task_file("stat"), status);
+    qv_record_process_info();
+}
+
+void expect_record(uint64_t cur, uint32_t index)
+{
+    EXPECT_EQ(g_process_stack_start, 0x100000U);
+    EXPECT_EQ(g_process_stack_end, 0x200000U);
+    EXPECT_EQ(g_process_stack_cur, cur);
+    EXPECT_EQ(g_process_stack_cur_index, index);
+}
+
+constexpr char kStart[] = "1048576"; // 0x100000
+constexpr char kEnd[] = "2097152";
+
+} // namespace
+
+TEST(Record, TheRealMainThread)
+{
+    qv_record_process_info();
+    Range range = main_stack();
+    EXPECT_EQ(g_process_stack_start, range.start);
+    EXPECT_GE(g_process_stack_end, g_process_stack_start);
+    EXPECT_EQ(g_process_stack_cur_index, 28U);
+    EXPECT_GE(g_process_stack_cur, g_process_stack_start);
+    EXPECT_LE(g_process_stack_cur, g_process_stack_end);
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+TEST(Record, NothingOutsideTheMainThread)
+{
+    in_thread([](void *) -> void * {
+        qv_record_process_info();
+        return nullptr;
+    });
+    EXPECT_EQ(g_process_stack_start, 0U);
+    EXPECT_EQ(g_process_stack_end, 0U);
+    EXPECT_EQ(g_process_stack_cur, 0U);
+    EXPECT_EQ(g_process_stack_cur_index, 0U);
+}
+
+TEST(Record, FirstNumberWithinTheStackBothEndsIncluded)
+{
+    record(
+        status_line(50, {{3, "1048575"}, {4, "2097153"}, {5, "-1048577"}, {6, "1048577x"}, {28, kStart}, {29, kEnd}}));
+    expect_record(0x100000, 28);
+}
+
+TEST(Record, TheEndCountsToo)
+{
+    record(status_line(50, {{7, kEnd}}));
+    expect_record(0x200000, 7);
+}
+
+TEST(Record, BlanksMakeFieldsAndTheLastOneIsNotLookedAt)
+{
+    record("1 (a b)  " + std::string(kStart) + " x\n");
+    expect_record(0x100000, 5);
+}
+
+TEST(Record, TheLastFieldIsNotLookedAt)
+{
+    record(status_line(5, {{5, kStart}}));
+    expect_record(0, 0);
+}
+
+TEST(Record, Field80IsTheLastOne)
+{
+    record(status_line(90, {{81, kStart}}));
+    expect_record(0, 0);
+    record(status_line(90, {{80, kStart}}));
+    expect_record(0x100000, 80);
+}
+
+TEST(Record, WithoutAStackNothingIsLookedUp)
+{
+    set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n");
+    bind_over(task_file("stat"), status_line(50, {{5, "0"}}));
+    qv_record_process_info();
+    EXPECT_EQ(g_process_stack_cur_index, 0U);
+}
+
+TEST(Record, AMissingStatusLineIsTold)
+{
+    ChildResult child = run_child([] {
+        std::string stat = task_file("stat"), maps = task_file("maps");
+        mount_tmpfs("/proc");
+        for (std::size_t at = 6; (at = maps.find('/', at)) != std::string::npos; at++)
+            ::mkdir(maps.substr(0, at).c_str(), 0755);
+        write_file(maps, "100000-200000 rw-p 0 0:0 0 [stack]\n");
+        qv_record_process_info();
+        expect_record(0, 0);
+        EXPECT_EQ(read_file(kConsole), "qv_record_process_info 1338 : open " + stat + " failed.\n");
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err;
+}

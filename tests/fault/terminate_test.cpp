@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: Apache-2.0
+// The termination logger: which signals it takes, its log, its failures, and init's signals.
+#include "fault/crash_support.h"
+
+#include <sched.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+using namespace support;
+using namespace crash;
+
+namespace {
+
+constexpr char kName[] = "routed";
+constexpr int kSignals[] = {1, 2, 10, 12, 13, 14, 15, 26, 29, 30};
+
+// Sends itself the signal; what it goes on with behind that shows in its end.
+ChildResult terminated_child(
+    int sig, const std::function<void()> &after = [] {})
+{
+    return run_child([&] {
+        rename_process(kName);
+        pstrace_terminate_signal();
+        ::raise(sig);
+        after();
+    });
+}
+
+std::string path_of(int id, int sig)
+{
+    return log_path(kName, id, "term", sig, "/flash/core");
+}
+
+} // namespace
+
+TEST(Terminate, EverySignalOfTheListIsLoggedAndKills)
+{
+    std::vector<int> signals(std::begin(kSignals), std::end(kSignals));
+    signals.insert(signals.end(), {SIGRTMIN, 51, 52, SIGRTMAX});
+    for (int sig : signals) {
+        ChildResult child = terminated_child(sig);
+        EXPECT_TRUE(child.killed_by(sig)) << sig << " " << child.status;
+        std::vector<std::string> text = lines(read_file(path_of(child.pid, sig)));
+        ASSERT_GE(text.size(), 5U) << sig;
+        char head[128];
+        std::snprintf(head, sizeof head, "Process %d receive signal(%d) from pid %d,", child.pid, sig, child.pid);
+        EXPECT_EQ(text[0], head);
+        EXPECT_EQ(text[1], "Backtracing:");
+        EXPECT_EQ(text[2].rfind("\t<0x", 0), 0U) << text[2];
+        EXPECT_EQ(text[text.size() - 2].rfind("\tStack bottom is at ", 0), 0U);
+    }
+    EXPECT_EQ(printed(), "");
+}
+
+TEST(Terminate, OtherSignalsAreLeftAlone)
+{
+    ChildResult child = run_child([] {
+        EXPECT_EQ(pstrace_terminate_signal(), nullptr);
+        for (int sig : {SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGCHLD, SIGPROF}) {
+            struct sigaction action;
+            ::sigaction(sig, nullptr, &action);
+            EXPECT_EQ(action.sa_handler, SIG_DFL) << sig;
+        }
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Terminate, WhoeverInstallsLastOwnsTheSharedSignals)
+{
+    ChildResult child = run_child([] {
+        auto owner = [](int sig) {
+            struct sigaction action;
+            ::sigaction(sig, nullptr, &action);
+            return action.sa_sigaction;
+        };
+        install_sighandler();
+        pstrace_terminate_signal();
+        for (int sig : {14, 51, 52, 12, 1})
+            EXPECT_EQ(owner(sig), &signal_terminate) << sig;
+        install_sighandler();
+        for (int sig : {14, 51, 52})
+            EXPECT_EQ(owner(sig), &signal_err) << sig;
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Terminate, InThreadModeTheThreadIsNamed)
+{
+    ChildResult child = run_child([] {
+        qv_set_handle_thread_trace();
+        rename_process(kName);
+        pstrace_terminate_signal();
+        ::raise(SIGTERM);
+    });
+    EXPECT_TRUE(child.killed_by(SIGTERM));
+    EXPECT_TRUE(exists(path_of(child.pid, SIGTERM))); // the main thread's id is the process's
+}
+
+TEST(Terminate, AFolderThatCannotBeMadeIsToldAndTheProcessGoesOn)
+{
+    remount("/flash", true);
+    ChildResult child = terminated_child(SIGTERM, [] {
+        struct sigaction action;
+        ::sigaction(SIGTERM, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_DFL);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.status;
+    EXPECT_EQ(printed(), "mkdir /flash/core  failed, Read-only file system\nFail to create " +
+                             path_of(child.pid, SIGTERM) + " \n");
+}
+
+TEST(Terminate, AFileThatCannotBeMadeIsToldAndTheProcessGoesOn)
+{
+    ::mkdir("/flash/core", 0777);
+    remount("/flash", true);
+    ChildResult child = terminated_child(SIGTERM);
+    EXPECT_TRUE(child.exited(0)) << child.status;
+    std::string path = path_of(child.pid, SIGTERM);
+    EXPECT_EQ(printed(),
+              "!!!!!!WARNING: failed to terminate dump log file in " + path + ".\nFail to create " + path + " \n");
+}
+
+TEST(Terminate, ErrnoIsKept)
+{
+    remount("/flash", true);
+    ChildResult child = run_child([] {
+        pstrace_terminate_signal();
+        errno = E2BIG;
+        ::raise(SIGTERM);
+        EXPECT_EQ(errno, E2BIG);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+namespace {
+
+// As the init of a process namespace: sends a child one SIGTERM, and a second one when it is told that it survived.
+int be_init()
+{
+    int pipe_fds[2];
+    if (::pipe(pipe_fds) != 0)
+        return 10;
+    pid_t child = ::fork();
+    if (child == 0) {
+        rename_process(kName);
+        pstrace_terminate_signal();
+        char c = 'r';
+        (void)!::write(pipe_fds[1], &c, 1);
+        ::pause(); // the first signal ends this ...
+        (void)!::write(pipe_fds[1], &c, 1);
+        for (;;)
+            ::pause(); // ... and the second one all
+    }
+    char c;
+    for (int i = 0; i < 2; i++) {
+        if (::read(pipe_fds[0], &c, 1) != 1)
+            return 11;
+        ::usleep(20000);
+        ::kill(child, SIGTERM);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM ? 0 : 12;
+}
+
+} // namespace
+
+TEST(Terminate, OneSignalOfInitIsSurvivedUnlogged)
+{
+    ChildResult child = run_child([] {
+        if (::unshare(CLONE_NEWPID) != 0)
+            ::_exit(77);
+        pid_t init = ::fork();
+        if (init == 0)
+            ::_exit(be_init());
+        int status = 0;
+        ::waitpid(init, &status, 0);
+        ::_exit(WEXITSTATUS(status));
+    });
+    if (child.exited(77))
+        GTEST_SKIP() << "no process namespace to be had here";
+    EXPECT_TRUE(child.exited(0)) << child.status;
+    EXPECT_FALSE(exists("/flash/core"));
+    EXPECT_EQ(printed(), "");
+}
