@@ -39,19 +39,23 @@ bool is_dump_request(int sig)
     return sig == g_attach_signal || sig == kDumpFileSignal || sig == kBacktraceSignal;
 }
 
-// How many handlers run in the process, and how many of them on this thread (a callback may crash in its turn).
+// How many handlers are at their logs in the process, and how many of them on this thread (a callback may crash in
+// turn).
 std::atomic<int> handlers_running;
 __thread int handlers_on_thread;
 
-// One run of signal_err(): holds signal_context_flag up, and lets a dying thread leave only when no other log is being
-// written. Its return is the end of the process, and threads that crash together would cut each other's logs.
+// One run of signal_err(). Lets a dying thread leave only when no other log is being written: its return is the end of
+// the process, and threads that crash together would cut each other's logs.
+//
+// signal_context_flag counts the handlers. Were it put to 0 by the first of two that ends, the second one would print
+// by the ordinary path from then on, with the locks of the code that it interrupted.
 class handler_scope {
 public:
     handler_scope()
     {
         handlers_running.fetch_add(1);
         handlers_on_thread++;
-        signal_context_flag = 1;
+        __atomic_fetch_add(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
     }
 
     ~handler_scope()
@@ -60,7 +64,7 @@ public:
         handlers_running.fetch_sub(1);
         if (is_dying_)
             await_others(nested);
-        signal_context_flag = 0;
+        __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
     }
 
     handler_scope(const handler_scope &) = delete;
