@@ -81,19 +81,17 @@ extern "C" void hex_dump_to_file(int fd, const char *title, const unsigned char 
     if (fd < 0)
         return;
     base::errno_guard keep;
-    if (title != nullptr) {
-        int wanted = count_arguments(title);
+    int wanted = title != nullptr ? count_arguments(title) : 0;
+    if (wanted > kMaxArguments) {
+        signal_printf(fd, "%s", title); // it would take what nobody passed, so it is shown as it stands
+    } else if (title != nullptr) {
         unsigned long rest[kMaxVariable] = {};
         va_list args;
         va_start(args, len);
-        for (int i = 0; i < kMaxVariable && i < wanted - kNamedArguments; i++)
+        for (int i = 0; i < wanted - kNamedArguments; i++)
             rest[i] = va_arg(args, unsigned long);
         va_end(args);
-        // A title beyond the limit would take what nobody passed; it is shown as it stands.
-        if (wanted > kMaxArguments)
-            signal_printf(fd, "%s", title);
-        else
-            write_title(fd, title, start, mark, len, rest, std::make_index_sequence<kMaxVariable>());
+        write_title(fd, title, start, mark, len, rest, std::make_index_sequence<kMaxVariable>());
     }
     if (start == nullptr || len <= 0)
         return;

@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
 
 using namespace support;
@@ -179,6 +180,7 @@ TEST(Maps, AFailedLoadClearsTheTable)
     ChildResult child = run_child([] {
         procps_read_maps();
         EXPECT_GT(table_size(), 0U);
+        ::unshare(CLONE_NEWNS);
         mount_tmpfs("/proc");
         EXPECT_EQ(procps_read_maps(), -1);
         EXPECT_EQ(table_size(), 0U);

@@ -4,6 +4,7 @@
 #include "support/support.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -120,6 +121,7 @@ TEST(StackInfo, FailuresAreToldOnStandardOutput)
     ChildResult child = run_child([] {
         std::string path = task_file("maps");
         std::string told = capture_stdout([] {
+            ::unshare(CLONE_NEWNS);
             mount_tmpfs("/proc");
             EXPECT_EQ(main_stack().result, -1);
             Range range = stack_of(0x1000);
@@ -240,6 +242,7 @@ TEST(Record, AMissingStatusLineIsTold)
 {
     ChildResult child = run_child([] {
         std::string stat = task_file("stat"), maps = task_file("maps");
+        ::unshare(CLONE_NEWNS);
         mount_tmpfs("/proc");
         for (std::size_t at = 6; (at = maps.find('/', at)) != std::string::npos; at++)
             ::mkdir(maps.substr(0, at).c_str(), 0755);

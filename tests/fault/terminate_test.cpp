@@ -55,11 +55,14 @@ TEST(Terminate, EverySignalOfTheListIsLoggedAndKills)
 TEST(Terminate, OtherSignalsAreLeftAlone)
 {
     ChildResult child = run_child([] {
+        constexpr int kOthers[] = {SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGCHLD, SIGPROF};
+        struct sigaction before[std::size(kOthers)], after;
+        for (std::size_t i = 0; i < std::size(kOthers); i++)
+            ::sigaction(kOthers[i], nullptr, &before[i]);
         EXPECT_EQ(pstrace_terminate_signal(), nullptr);
-        for (int sig : {SIGQUIT, SIGILL, SIGABRT, SIGBUS, SIGFPE, SIGSEGV, SIGCHLD, SIGPROF}) {
-            struct sigaction action;
-            ::sigaction(sig, nullptr, &action);
-            EXPECT_EQ(action.sa_handler, SIG_DFL) << sig;
+        for (std::size_t i = 0; i < std::size(kOthers); i++) {
+            ::sigaction(kOthers[i], nullptr, &after);
+            EXPECT_EQ(after.sa_handler, before[i].sa_handler) << kOthers[i];
         }
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
