@@ -1,0 +1,578 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "console_print.h"
+
+#include "support/support.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+// ---- what the tests interpose ----
+
+std::time_t told_time = 1769850000; // 2026-01-31 09:00:00 UTC; -1 fails
+const std::string kStamp = "2026-01-31 09:00:00 ";
+int numa_answer = 0;
+bool numa_spoils_errno = false;
+int told_length = 0; // what vsnprintf() returns without formatting, unless 0
+int formattings = 0;
+bool no_memory = false;
+int allocations = 0;
+
+const char *const kLog = "/etc/consolelog";
+const std::string kTooLong = "Error: the size to output is beyond max length\n";
+
+std::string line(std::size_t length)
+{
+    return std::string(length - 1, 'x') + "\n";
+}
+
+std::string drops(int count)
+{
+    return kStamp + "Pid " + std::to_string(::getpid()) + " drops total " + std::to_string(count) +
+           " logs as file oversize\n";
+}
+
+void make_log(std::size_t size, const std::string &path = kLog)
+{
+    write_file(path, std::string(size, 'o'));
+}
+
+// What was appended to a log made by make_log().
+std::string appended(std::size_t size, const std::string &path = kLog)
+{
+    return read_file(path).substr(size);
+}
+
+std::string mirrored;
+int mirror_depth = 0;
+
+int mirror(const char *format, va_list ap)
+{
+    char text[64];
+    std::vsnprintf(text, sizeof text, format, ap);
+    mirrored += text;
+    errno = EBADF;
+    return 99;
+}
+
+int printing_mirror(const char *format, va_list ap)
+{
+    mirror(format, ap);
+    if (mirror_depth++ == 0)
+        qv_ilog("again\n");
+    return 0;
+}
+
+int print_args(int to_console, const char *path, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int result = console_print_args(to_console, path, format, ap);
+    va_end(ap);
+    return result;
+}
+
+} // namespace
+
+extern "C" int qv_is_numa_ssm(void)
+{
+    if (numa_spoils_errno)
+        errno = EBADF;
+    return numa_answer;
+}
+
+extern "C" std::time_t time(std::time_t *t)
+{
+    if (t != nullptr)
+        *t = told_time;
+    return told_time;
+}
+
+extern "C" int vsnprintf(char *out, std::size_t size, const char *format, va_list ap)
+{
+    static auto real =
+        reinterpret_cast<int (*)(char *, std::size_t, const char *, va_list)>(::dlsym(RTLD_NEXT, "vsnprintf"));
+    formattings++;
+    return told_length != 0 ? told_length : real(out, size, format, ap);
+}
+
+extern "C" void *realloc(void *block, std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(void *, std::size_t)>(::dlsym(RTLD_NEXT, "realloc"));
+    allocations++;
+    return no_memory ? nullptr : real(block, size);
+}
+
+// ---- destinations ----
+
+TEST(ConsolePrint, GoesToTheConsoleAndTheLog)
+{
+    EXPECT_EQ(console_print("link %s is %d\n", "up", 7), 13);
+    EXPECT_EQ(read_file(kConsole), "link up is 7\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "link up is 7\n");
+    EXPECT_EQ(read_file(kSerial), "") << "the console reaches it already";
+}
+
+TEST(ConsolePrint, KeepsOffTheConsoleWhenTheHostSaysSo)
+{
+    numa_answer = 1;
+    EXPECT_EQ(console_print("a\n"), 2);
+    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(read_file(kLog), kStamp + "a\n");
+    EXPECT_EQ(console_print_t("b\n"), 2) << "which only it asks";
+    EXPECT_EQ(read_file(kConsole), "b\n");
+    numa_answer = -1;
+    console_print("c\n");
+    EXPECT_EQ(read_file(kConsole), "b\n");
+}
+
+namespace {
+
+int printv(const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int first = console_printv(format, ap);
+    int second = console_printv(format, ap); // the list is untouched
+    va_end(ap);
+    EXPECT_EQ(first, second);
+    return first;
+}
+
+} // namespace
+
+TEST(ConsolePrint, TheFamilyOfTheConsole)
+{
+    EXPECT_EQ(console_print_t("%s\n", "t"), 2);
+    EXPECT_EQ(console_print_nb("%s\n", "nb"), 3);
+    EXPECT_EQ(printv("%s\n", "v"), 2);
+    EXPECT_EQ(read_file(kConsole), "t\nnb\nv\nv\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "t\n" + kStamp + "nb\n" + kStamp + "v\n" + kStamp + "v\n");
+}
+
+TEST(ConsolePrint, TheFamilyOfTheLogs)
+{
+    ::mkdir("/flash/platform", 0777);
+    console_print_mfunc_set(mirror);
+    EXPECT_EQ(boot_print("%d\n", 1), 2);
+    EXPECT_EQ(qv_clog("%d\n", 2), 2);
+    EXPECT_EQ(qv_ilog("%d\n", 3), 2);
+    EXPECT_EQ(qv_plog("%d\n", 4), 2);
+    EXPECT_EQ(qv_fru_mlog("%d\n", 5), 2);
+    EXPECT_EQ(read_file("/etc/bootlog"), kStamp + "1\n");
+    EXPECT_EQ(read_file("/etc/consolelog"), kStamp + "2\n");
+    EXPECT_EQ(read_file("/etc/ilog.txt"), kStamp + "3\n");
+    EXPECT_EQ(read_file("/flash/platform/powerlog"), kStamp + "4\n");
+    EXPECT_EQ(read_file("/etc/fru_mlog"), kStamp + "5\n");
+    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(read_file(kSerial), "");
+    EXPECT_EQ(mirrored, "1\n2\n3\n4\n5\n");
+}
+
+TEST(ConsolePrint, LogFilesAreMadeWithMode0777)
+{
+    ::umask(0);
+    qv_clog("x\n");
+    struct stat info;
+    ASSERT_EQ(::stat(kLog, &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0777u);
+}
+
+TEST(ConsolePrint, ALogThatCannotBeOpenedIsNoFailure)
+{
+    EXPECT_EQ(qv_plog("no folder\n"), 10);
+    remount("/etc", true);
+    EXPECT_EQ(console_print("read-only\n"), 10);
+    EXPECT_EQ(read_file(kConsole), "read-only\n");
+}
+
+TEST(ConsolePrint, ARemovedLogIsMadeAnew)
+{
+    qv_clog("a\n");
+    ::unlink(kLog);
+    qv_clog("b\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "b\n");
+}
+
+TEST(ConsolePrintArgs, DestinationsAreTheCallers)
+{
+    EXPECT_EQ(print_args(0, nullptr, "x%d\n", 1), 3);
+    EXPECT_EQ(print_args(1, nullptr, "y\n"), 2);
+    EXPECT_EQ(print_args(-5, "/tmp/own", "z\n"), 2) << "any value but 0";
+    EXPECT_EQ(read_file(kConsole), "y\nz\n");
+    EXPECT_EQ(read_file("/tmp/own"), kStamp + "z\n");
+    EXPECT_FALSE(exists(kLog));
+}
+
+// ---- console descriptors ----
+
+TEST(ConsoleDevice, IsOpenedOnceAndKept)
+{
+    console_print_t("a\n");
+    int next = ::open("/dev/null", O_RDONLY);
+    console_print_t("b\n");
+    int after = ::open("/dev/null", O_RDONLY);
+    EXPECT_EQ(after, next + 1);
+    ::unlink(kConsole); // a device replaced later is not seen
+    EXPECT_EQ(console_print_t("c\n"), 2);
+    EXPECT_FALSE(exists(kConsole));
+}
+
+TEST(ConsoleDevice, AFailedOpenIsTriedAgain)
+{
+    std::string moved = std::string(kConsole) + ".away";
+    ASSERT_EQ(::rename(kConsole, moved.c_str()), 0);
+    EXPECT_EQ(console_print_t("a\n"), 2);
+    ASSERT_EQ(::rename(moved.c_str(), kConsole), 0);
+    EXPECT_EQ(console_print_t("b\n"), 2);
+    EXPECT_EQ(read_file(kConsole), "b\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "a\n" + kStamp + "b\n");
+}
+
+TEST(ConsoleDevice, DescriptorZeroIsAsGoodAsAny)
+{
+    ChildResult child = run_child([] {
+        ::close(0);
+        console_print_t("a\n");
+        console_print_t("b\n");
+        ::_exit(::fcntl(0, F_GETFL) >= 0 && (::fcntl(0, F_GETFL) & O_ACCMODE) == O_WRONLY ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+}
+
+TEST(ConsoleDevice, WorksWithAllStandardDescriptorsClosed)
+{
+    ChildResult child = run_child([] {
+        for (int fd = 0; fd < 3; fd++)
+            ::close(fd);
+        console_print("a\n");
+        console_print("b\n");
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "a\n" + kStamp + "b\n");
+}
+
+// ---- lengths ----
+
+TEST(ConsoleLength, UpTo1023NeedsNoHeap)
+{
+    for (std::size_t n : {1u, 1022u, 1023u}) {
+        allocations = formattings = 0;
+        EXPECT_EQ(print_args(0, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
+        EXPECT_EQ(allocations, 0) << n;
+        EXPECT_EQ(formattings, 1) << n;
+        EXPECT_EQ(read_file("/tmp/log"), kStamp + line(n));
+        ::unlink("/tmp/log");
+    }
+}
+
+TEST(ConsoleLength, From1024OnTheTextIsFormattedAgain)
+{
+    for (std::size_t n : {1024u, 1025u, 5000u, 16381u, 16382u}) {
+        allocations = formattings = 0;
+        EXPECT_EQ(print_args(1, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
+        EXPECT_EQ(allocations, 1) << n;
+        EXPECT_EQ(formattings, 2) << n;
+        EXPECT_EQ(read_file("/tmp/log"), kStamp + line(n));
+        ::unlink("/tmp/log");
+    }
+    EXPECT_EQ(read_file(kConsole), line(1024) + line(1025) + line(5000) + line(16381) + line(16382));
+}
+
+TEST(ConsoleLength, From16383OnANoticeReplacesTheText)
+{
+    console_print_t("open\n");
+    for (std::size_t n : {16383u, 16384u, 100000u})
+        EXPECT_EQ(console_print_t("%s", line(n).c_str()), static_cast<int>(n));
+    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong + kTooLong + kTooLong);
+    EXPECT_EQ(read_file(kLog), kStamp + "open\n");
+    EXPECT_EQ(kTooLong.size(), 47u);
+}
+
+TEST(ConsoleLength, TheNoticeGoesToAnOpenConsoleOnly)
+{
+    EXPECT_EQ(console_print_t("%s", line(16383).c_str()), 16383);
+    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_FALSE(exists(kLog));
+    console_print_t("open\n");
+    EXPECT_EQ(qv_ilog("%s", line(20000).c_str()), 20000) << "also for a text that is not for the console";
+    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+}
+
+TEST(ConsoleLength, TheLongestPossibleTextIsCountedAndRefused)
+{
+    console_print_t("open\n");
+    told_length = INT_MAX;
+    EXPECT_EQ(print_args(0, kLog, "x"), INT_MAX);
+    told_length = 0;
+    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+}
+
+TEST(ConsoleLength, FailingFormattingGrowsTheBufferAndEndsInTheNotice)
+{
+    console_print_t("open\n");
+    formattings = allocations = 0;
+    told_length = -1;
+    EXPECT_EQ(print_args(1, kLog, "x\n"), -1);
+    told_length = 0;
+    EXPECT_EQ(formattings, 4) << "with 1024, 2048, 4096 and 8192 bytes";
+    EXPECT_EQ(allocations, 3);
+    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+}
+
+TEST(ConsoleLength, WithoutMemoryNothingIsWritten)
+{
+    console_print_t("open\n");
+    no_memory = true;
+    EXPECT_EQ(print_args(1, kLog, "%s", line(2000).c_str()), -1);
+    no_memory = false;
+    EXPECT_EQ(read_file(kConsole), "open\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "open\n");
+}
+
+TEST(ConsoleLength, AnEmptyMessageGetsNoStamp)
+{
+    EXPECT_EQ(console_print("%s", ""), 0);
+    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_TRUE(exists(kLog));
+    EXPECT_EQ(read_file(kLog), "");
+}
+
+// ---- stamps ----
+
+TEST(ConsoleStamp, StandsBeforeThePieceThatEndsTheLine)
+{
+    qv_clog("one, ");
+    qv_clog("two\n");
+    EXPECT_EQ(read_file(kLog), "one, " + kStamp + "two\n");
+}
+
+TEST(ConsoleStamp, In1970ItIsTheUptime)
+{
+    told_time = 42;
+    qv_clog("x\n");
+    told_time = 0;
+    qv_clog("y\n");
+    told_time = 31535999; // 1970-12-31 23:59:59
+    qv_clog("z\n");
+    told_time = 31536000;
+    qv_clog("w\n");
+    EXPECT_EQ(read_file(kLog), "uptime 42 x\nuptime 0 y\nuptime 31535999 z\n1971-01-01 00:00:00 w\n");
+}
+
+TEST(ConsoleStamp, FollowsTheTimeZone)
+{
+    ::setenv("TZ", "XXX-2:30", 1);
+    qv_clog("x\n");
+    ::setenv("TZ", "XXX+10", 1);
+    qv_clog("y\n");
+    EXPECT_EQ(read_file(kLog), "2026-01-31 11:30:00 x\n2026-01-30 23:00:00 y\n");
+}
+
+TEST(ConsoleStamp, WithoutATimeThereIsNone)
+{
+    told_time = -1;
+    EXPECT_EQ(qv_clog("x\n"), 2);
+    told_time = LONG_MAX; // no calendar has it
+    EXPECT_EQ(qv_clog("y\n"), 2);
+    EXPECT_EQ(read_file(kLog), "x\ny\n");
+}
+
+TEST(ConsoleStamp, LeavesTheStaticRecordOfLocaltimeAlone)
+{
+    std::time_t other = 1000000000;
+    tm *record = ::localtime(&other);
+    int year = record->tm_year;
+    qv_clog("x\n");
+    EXPECT_EQ(record->tm_year, year);
+}
+
+TEST(ConsoleStampKernel, Epoch1970ClockGivesUptime)
+{
+    if (std::getenv("LIBCOMMON_VM_EPOCH") == nullptr)
+        GTEST_SKIP() << "needs a machine whose clock stands in 1970";
+    static auto real = reinterpret_cast<std::time_t (*)(std::time_t *)>(::dlsym(RTLD_NEXT, "time"));
+    told_time = real(nullptr);
+    qv_clog("x\n");
+    EXPECT_EQ(read_file(kLog), "uptime " + std::to_string(told_time) + " x\n");
+}
+
+// ---- the size limit ----
+
+TEST(ConsoleLimit, AFileOfJust512KiBTakesOneMore)
+{
+    make_log(524288);
+    qv_clog("x\n");
+    EXPECT_EQ(appended(524288), kStamp + "x\n");
+    qv_clog("y\n");
+    EXPECT_EQ(appended(524288), kStamp + "x\n");
+}
+
+TEST(ConsoleLimit, DropsAreCountedAndNotedByTheNextThatGetsIn)
+{
+    make_log(524289);
+    EXPECT_EQ(console_print("1\n"), 2);
+    EXPECT_EQ(qv_clog("2\n"), 2);
+    EXPECT_EQ(qv_clog("3"), 1);
+    EXPECT_EQ(appended(524289), "");
+    EXPECT_EQ(read_file(kConsole), "1\n") << "the console got its part";
+    make_log(0);
+    qv_clog("4\n");
+    EXPECT_EQ(read_file(kLog), drops(3) + kStamp + "4\n");
+    qv_clog("5\n");
+    EXPECT_EQ(read_file(kLog), drops(3) + kStamp + "4\n" + kStamp + "5\n") << "noted once";
+}
+
+TEST(ConsoleLimit, OneCountForAllLogs)
+{
+    make_log(600000, "/etc/ilog.txt");
+    make_log(600000, "/etc/bootlog");
+    qv_ilog("1\n");
+    boot_print("2\n");
+    qv_clog("3");
+    EXPECT_EQ(read_file(kLog), drops(2) + "3") << "noted also by a message without newline";
+}
+
+TEST(ConsoleLimit, WithoutAStampTheNoticeStandsAlone)
+{
+    make_log(600000);
+    qv_clog("1\n");
+    make_log(0);
+    told_time = -1;
+    qv_clog("2\n");
+    EXPECT_EQ(read_file(kLog), drops(1).substr(kStamp.size()) + "2\n");
+}
+
+// ---- the mirror hook ----
+
+TEST(Mirror, SeesEveryMessageAndItsResultIsIgnored)
+{
+    EXPECT_EQ(mirror_func, nullptr);
+    EXPECT_EQ(console_print_mfunc_set(mirror), 0);
+    EXPECT_EQ(mirror_func, mirror);
+    EXPECT_EQ(console_print("a%d\n", 1), 3);
+    EXPECT_EQ(qv_ilog("b\n"), 2);
+    EXPECT_EQ(mirrored, "a1\nb\n");
+    EXPECT_EQ(console_print_mfunc_set(nullptr), 0);
+    console_print("c\n");
+    EXPECT_EQ(mirrored, "a1\nb\n");
+    mirror_func = mirror;
+    console_print("d\n");
+    EXPECT_EQ(mirrored, "a1\nb\nd\n") << "the global itself may be set";
+}
+
+TEST(Mirror, SeesWhatIsTooLongToPrint)
+{
+    console_print_mfunc_set(mirror);
+    qv_ilog("%s", line(20000).c_str());
+    EXPECT_EQ(mirrored, std::string(63, 'x'));
+}
+
+TEST(Mirror, OneThatPrintsIsCalledAgain)
+{
+    console_print_mfunc_set(printing_mirror);
+    qv_clog("a\n");
+    EXPECT_EQ(mirrored, "a\nagain\n");
+    EXPECT_EQ(read_file("/etc/ilog.txt"), kStamp + "again\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "a\n");
+}
+
+// ---- errno ----
+
+TEST(ConsoleErrno, PercentMIsTheCallersWhateverHappensBefore)
+{
+    numa_spoils_errno = true;
+    console_print_mfunc_set(mirror);
+    errno = ENOENT;
+    EXPECT_EQ(console_print("%m\n"), 26);
+    EXPECT_EQ(errno, ENOENT) << "and stays the caller's";
+    EXPECT_EQ(read_file(kConsole), "No such file or directory\n");
+    EXPECT_EQ(mirrored, "No such file or directory\n");
+}
+
+TEST(ConsoleErrno, PercentMSurvivesTheSecondFormatting)
+{
+    errno = ENOENT;
+    int n = console_print_t("%1500d %m\n", 5);
+    EXPECT_EQ(n, 1527);
+    EXPECT_THAT(read_file(kConsole), testing::EndsWith(" No such file or directory\n"));
+}
+
+TEST(ConsoleErrno, IsLeftAloneWhenNothingWorks)
+{
+    remount("/etc", true);
+    ::unlink(kConsole);
+    errno = 0;
+    console_print("x\n");
+    EXPECT_EQ(errno, 0);
+}
+
+// ---- the platform ----
+
+TEST(Platform, AMarkerFileMadeLaterIsSeenAndThenRemembered)
+{
+    EXPECT_EQ(qv_is_pcap_network(), 0);
+    EXPECT_EQ(qv_is_pcap_network(), 0);
+    write_file("/etc/pcap", "");
+    EXPECT_EQ(qv_is_pcap_network(), 1);
+    ::unlink("/etc/pcap");
+    EXPECT_EQ(qv_is_pcap_network(), 1);
+}
+
+TEST(Platform, WithTheXenMarkerTheSerialPortIsLeftAlone)
+{
+    EXPECT_EQ(qv_is_aws(), 0);
+    mount_tmpfs("/sys");
+    ::mkdir("/sys/devices", 0755);
+    ::mkdir("/sys/devices/system", 0755);
+    ::mkdir("/sys/devices/system/xen_memory", 0755);
+    EXPECT_EQ(qv_is_aws(), 1);
+    console_print("x\n");
+    EXPECT_EQ(read_file(kConsole), "x\n");
+    EXPECT_EQ(read_file(kSerial), "");
+}
+
+TEST(Platform, EveryNamedConsoleCountsAsTheDefaultOne)
+{
+    EXPECT_EQ(qv_is_support_default_console_device(), 1);
+    EXPECT_EQ(is_default_console_device("ttyS0"), 1);
+    EXPECT_EQ(is_default_console_device("nonsense"), 1);
+    EXPECT_EQ(is_default_console_device(nullptr), 0);
+}
+
+// ---- threads ----
+
+TEST(ConsoleThreads, LinesNeverInterleaveInside)
+{
+    const std::size_t rounds = effort(500);
+    console_print_t("open\n");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++)
+        threads.emplace_back([&, t] {
+            for (std::size_t i = 0; i < rounds; i++)
+                qv_ilog("<%d %060zu>\n", t, i);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    std::string log = read_file("/etc/ilog.txt");
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = log.find('<', at)) != std::string::npos; at++) {
+        EXPECT_EQ(log.compare(at + 63, 2, ">\n"), 0);
+        found++;
+    }
+    EXPECT_EQ(found, 4 * rounds);
+}

@@ -1,0 +1,316 @@
+// SPDX-License-Identifier: Apache-2.0
+// The path of the fatal-signal handler, called directly; the crash tests run it inside real handlers.
+#include "console_print.h"
+
+#include "base/civil_time.h"
+#include "support/support.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <random>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+// ---- what the tests interpose ----
+
+int clock_result = 0;
+timeval told_clock = {1769850000, 0}; // 2026-01-31 09:00:00 UTC
+int minutes_west = 0;
+std::time_t told_time = 1234;
+const std::string kStamp = "2026-01-31 09:00:00(UTC) ";
+const char *const kLog = "/etc/consolelog";
+
+int print_to(int to_console, const char *path, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int result = console_print_args_sigctx(to_console, path, format, ap);
+    va_end(ap);
+    return result;
+}
+
+std::string drops(int count)
+{
+    return "Pid " + std::to_string(::getpid()) + " drops total " + std::to_string(count) + " logs as file oversize\n";
+}
+
+} // namespace
+
+extern "C" std::time_t time(std::time_t *t)
+{
+    if (t != nullptr)
+        *t = told_time;
+    return told_time;
+}
+
+extern "C" long syscall(long number, ...)
+{
+    va_list ap;
+    va_start(ap, number);
+    long a[6];
+    for (long &argument : a)
+        argument = va_arg(ap, long);
+    va_end(ap);
+    static auto real = reinterpret_cast<long (*)(long, ...)>(::dlsym(RTLD_NEXT, "syscall"));
+    if (number != SYS_gettimeofday)
+        return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+    *reinterpret_cast<timeval *>(a[0]) = told_clock;
+    *reinterpret_cast<struct timezone *>(a[1]) = {minutes_west, 0};
+    return clock_result;
+}
+
+// ---- the message ----
+
+TEST(SigctxPrint, GoesToTheConsoleAndTheLog)
+{
+    EXPECT_EQ(print_to(1, kLog, "ePC %016lx\n", 0xABCUL), 21);
+    EXPECT_EQ(read_file(kConsole), "ePC 0000000000000abc\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "ePC 0000000000000abc\n");
+    EXPECT_EQ(read_file(kSerial), "");
+    EXPECT_EQ(print_to(0, nullptr, "x\n"), 2);
+    EXPECT_EQ(print_to(0, kLog, "y\n"), 2);
+    EXPECT_EQ(read_file(kConsole), "ePC 0000000000000abc\n");
+}
+
+TEST(SigctxPrint, LongTextIsCutTo1024BytesWithItsZero)
+{
+    for (std::size_t n : {1024u, 1025u, 2000u}) {
+        ::unlink("/tmp/log");
+        EXPECT_EQ(print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()), 1024);
+        std::string wanted = std::string(1023, 'x') + '\0';
+        EXPECT_EQ(read_file("/tmp/log"), wanted) << n << ": and no stamp";
+    }
+}
+
+TEST(SigctxPrint, UpTo1023CharactersAreWhole)
+{
+    for (std::size_t n : {1u, 1022u, 1023u}) {
+        ::unlink("/tmp/log");
+        std::string text = std::string(n - 1, 'x') + "\n";
+        EXPECT_EQ(print_to(0, "/tmp/log", "%s", text.c_str()), static_cast<int>(n));
+        EXPECT_EQ(read_file("/tmp/log"), kStamp + text);
+    }
+}
+
+TEST(SigctxPrint, FailedFormattingWritesTheWholeBuffer)
+{
+    EXPECT_EQ(print_to(1, nullptr, "%lc\n", static_cast<wint_t>(0xD800)), 1024);
+    EXPECT_EQ(read_file(kConsole).size(), 1024u);
+}
+
+TEST(SigctxPrint, NoHookAndTheCallersErrno)
+{
+    console_print_mfunc_set([](const char *, va_list) -> int {
+        ADD_FAILURE() << "the hook ran";
+        return 0;
+    });
+    errno = ENOENT;
+    print_to(1, kLog, "%m\n");
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(read_file(kConsole), "No such file or directory\n");
+}
+
+TEST(SigctxPrint, AnEmptyMessageGetsNoStamp)
+{
+    EXPECT_EQ(print_to(1, kLog, "%s", ""), 0);
+    EXPECT_TRUE(exists(kLog));
+    EXPECT_EQ(read_file(kLog), "");
+}
+
+TEST(SigctxPrint, UnwritableLogsAreNoFailure)
+{
+    EXPECT_EQ(print_to(0, "/no/such/log", "x\n"), 2);
+    remount("/etc", true);
+    EXPECT_EQ(print_to(0, kLog, "x\n"), 2);
+}
+
+// ---- console descriptors ----
+
+TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
+{
+    console_print_t("a\n");
+    int ordinary = -1, signal_path = -1;
+    print_to(1, nullptr, "b\n");
+    for (const std::string &name : list_dir("/proc/self/fd")) {
+        char target[256] = {};
+        [[maybe_unused]] ssize_t n = ::readlink(("/proc/self/fd/" + name).c_str(), target, sizeof target - 1);
+        if (std::strcmp(target, kConsole) != 0)
+            continue;
+        int fd = std::stoi(name);
+        ((::fcntl(fd, F_GETFL) & O_NONBLOCK) != 0 ? signal_path : ordinary) = fd;
+    }
+    EXPECT_GE(ordinary, 0);
+    EXPECT_GE(signal_path, 0);
+    int next = ::open("/dev/null", O_RDONLY);
+    print_to(1, nullptr, "c\n");
+    EXPECT_EQ(::open("/dev/null", O_RDONLY), next + 1) << "opened once";
+    EXPECT_EQ(read_file(kConsole), "b\nc\n") << "each descriptor writes at its own place, here over the first line";
+}
+
+TEST(SigctxDevice, AFailedOpenIsTriedAgain)
+{
+    ASSERT_EQ(::rename(kConsole, "/dev/away"), 0);
+    print_to(1, nullptr, "a\n");
+    ASSERT_EQ(::rename("/dev/away", kConsole), 0);
+    print_to(1, nullptr, "b\n");
+    EXPECT_EQ(read_file(kConsole), "b\n");
+}
+
+TEST(SigctxDevice, WithTheXenMarkerTheSerialPortIsLeftAlone)
+{
+    mount_tmpfs("/sys");
+    for (const char *folder : {"/sys/devices", "/sys/devices/system", "/sys/devices/system/xen_memory"})
+        ::mkdir(folder, 0755);
+    print_to(1, nullptr, "x\n");
+    EXPECT_EQ(read_file(kSerial), "");
+    EXPECT_EQ(read_file(kConsole), "x\n");
+}
+
+// ---- stamps ----
+
+TEST(SigctxStamp, TheKernelsZoneOffsetIsAppliedAndStillCalledUtc)
+{
+    minutes_west = -60;
+    print_to(0, kLog, "x\n");
+    minutes_west = 600;
+    print_to(0, kLog, "y\n");
+    EXPECT_EQ(read_file(kLog), "2026-01-31 10:00:00(UTC) x\n2026-01-30 23:00:00(UTC) y\n");
+}
+
+TEST(SigctxStamp, TheLibrarysZoneIsNotAsked)
+{
+    ::setenv("TZ", "XXX-5", 1);
+    print_to(0, kLog, "x\n");
+    EXPECT_EQ(read_file(kLog), kStamp + "x\n");
+}
+
+TEST(SigctxStamp, In1970ItIsTheUptimeOfTime)
+{
+    told_clock.tv_sec = 31535999;
+    print_to(0, kLog, "x\n");
+    told_clock.tv_sec = 31536000;
+    print_to(0, kLog, "y\n");
+    told_clock.tv_sec = 0;
+    print_to(0, kLog, "z\n");
+    told_clock.tv_sec = -1;
+    print_to(0, kLog, "w\n");
+    EXPECT_EQ(read_file(kLog),
+              "uptime 1234 x\n1971-01-01 00:00:00(UTC) y\nuptime 1234 z\n1969-12-31 23:59:59(UTC) w\n");
+}
+
+TEST(SigctxStamp, WithoutTheSystemCallItIsTheUptime)
+{
+    clock_result = -1;
+    print_to(0, kLog, "x\n");
+    told_time = -1;
+    print_to(0, kLog, "y\n");
+    EXPECT_EQ(read_file(kLog), "uptime 1234 x\ny\n");
+}
+
+TEST(SigctxStamp, ContinuationsGetNone)
+{
+    print_to(0, kLog, "x, ");
+    print_to(0, kLog, "y\n");
+    EXPECT_EQ(read_file(kLog), "x, " + kStamp + "y\n");
+}
+
+// ---- the size limit ----
+
+TEST(SigctxLimit, DropsAreCountedApartFromTheOrdinaryPath)
+{
+    write_file(kLog, std::string(524289, 'o'));
+    print_to(0, kLog, "1\n");
+    print_to(0, kLog, "2\n");
+    qv_clog("3\n");
+    write_file(kLog, "");
+    print_to(0, kLog, "4\n");
+    EXPECT_EQ(read_file(kLog), kStamp + drops(2) + kStamp + "4\n");
+    write_file(kLog, "");
+    qv_clog("5");
+    EXPECT_THAT(read_file(kLog), testing::EndsWith(drops(1) + "5"));
+}
+
+TEST(SigctxLimit, AFileOfJust512KiBTakesOneMore)
+{
+    write_file(kLog, std::string(524288, 'o'));
+    print_to(0, kLog, "1\n");
+    EXPECT_EQ(read_file(kLog).substr(524288), kStamp + "1\n");
+}
+
+TEST(SigctxLimit, TheNoticeComesWithAPieceOfALineToo)
+{
+    write_file(kLog, std::string(600000, 'o'));
+    print_to(0, kLog, "1\n");
+    write_file(kLog, "");
+    print_to(0, kLog, "2");
+    EXPECT_EQ(read_file(kLog), kStamp + drops(1) + "2");
+}
+
+TEST(SigctxLimit, WithoutAnyStampTheNoticeStandsAlone)
+{
+    write_file(kLog, std::string(600000, 'o'));
+    print_to(0, kLog, "1\n");
+    write_file(kLog, "");
+    clock_result = -1;
+    told_time = -1;
+    print_to(0, kLog, "2\n");
+    EXPECT_EQ(read_file(kLog), drops(1) + "2\n");
+}
+
+// ---- the calendar ----
+
+TEST(CivilTime, AgreesWithTheCLibraryOverAWideRange)
+{
+    std::mt19937_64 random(42);
+    std::vector<std::time_t> times = {0,      -1,        1,         86399,      86400,     -86400,
+                                      -86401, 951782399, 951782400, 4107542399, 4107542400};
+    for (std::size_t i = 0; i < effort(300000); i++)
+        times.push_back(static_cast<std::time_t>(random()) >> (random() % 64));
+    for (std::time_t t : times) {
+        tm wanted;
+        if (::gmtime_r(&t, &wanted) == nullptr)
+            continue; // a year that its int cannot hold
+        base::civil_time got = base::civil_from_time(t);
+        ASSERT_EQ(got.year, wanted.tm_year + 1900L) << t;
+        ASSERT_EQ(got.month, wanted.tm_mon + 1) << t;
+        ASSERT_EQ(got.day, wanted.tm_mday) << t;
+        ASSERT_EQ(got.hour, wanted.tm_hour) << t;
+        ASSERT_EQ(got.minute, wanted.tm_min) << t;
+        ASSERT_EQ(got.second, wanted.tm_sec) << t;
+    }
+}
+
+TEST(CivilTime, EveryTimeHasADate)
+{
+    base::civil_time last = base::civil_from_time(LONG_MAX);
+    EXPECT_EQ(last.year, 292277026596L);
+    EXPECT_EQ(last.month, 12);
+    EXPECT_EQ(last.day, 4);
+    base::civil_time first = base::civil_from_time(LONG_MIN);
+    EXPECT_EQ(first.year, -292277022657L);
+    EXPECT_EQ(first.month, 1);
+    EXPECT_EQ(first.day, 27);
+}
+
+TEST(CivilTime, TheMonthTable)
+{
+    const unsigned lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    for (int leap = 0; leap < 2; leap++) {
+        unsigned days = 0;
+        for (int month = 0; month < 12; month++) {
+            EXPECT_EQ(__mon_yday[leap][month], days);
+            days += lengths[month] + (leap == 1 && month == 1 ? 1 : 0);
+        }
+        EXPECT_EQ(__mon_yday[leap][12], days);
+    }
+}
