@@ -338,6 +338,21 @@ TEST(Walk, OutputsMayBeLeftOut)
     EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr), 0);
 }
 
+#if defined(__aarch64__)
+TEST(Walk, SignaturesOfReturnAddressesAreStripped)
+{
+    load_one_section();
+    unsigned long address = at(reinterpret_cast<void *>(&qv_backtrace_spec));
+    unsigned long with_signature = address;
+    asm("mov x30, %0\n\thint #25\n\tmov %0, x30" : "+r"(with_signature) : : "x30"); // PACIASP
+    if (with_signature == address)
+        GTEST_SKIP() << "this processor does not sign return addresses";
+    Chain chain(2);
+    chain.words[1] = with_signature;
+    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{address}));
+}
+#endif
+
 TEST(Walk, ErrnoIsKept)
 {
     load_one_section();

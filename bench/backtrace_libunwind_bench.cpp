@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// A walk of 20 frames: ours and libunwind's. A program of its own, for libunwind brings a backtrace() that would take
+// the place of the C library's.
+#include "backtrace.h"
+#include "bench/frame_chain.h"
+
+#include <benchmark/benchmark.h>
+
+#ifdef HAVE_LIBUNWIND
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+#endif
+
+namespace {
+
+void frame_walk(benchmark::State &state)
+{
+    procps_read_maps();
+    bench::below_frames(bench::kFrames, [&] {
+        unsigned long addrs[bench::kFrames], frames[bench::kFrames], bottom;
+        auto fp = reinterpret_cast<unsigned long>(__builtin_frame_address(0));
+        for (auto _ : state) {
+            qv_backtrace_spec(fp, 0, 0, addrs, frames, bench::kFrames, &bottom);
+            benchmark::DoNotOptimize(addrs);
+        }
+    });
+}
+BENCHMARK(frame_walk);
+
+#ifdef HAVE_LIBUNWIND
+void libunwind_step(benchmark::State &state)
+{
+    bench::below_frames(bench::kFrames, [&] {
+        unw_word_t addrs[bench::kFrames];
+        for (auto _ : state) {
+            unw_context_t context;
+            unw_cursor_t cursor;
+            unw_getcontext(&context);
+            unw_init_local(&cursor, &context);
+            for (int i = 0; i < bench::kFrames && unw_step(&cursor) > 0; i++)
+                unw_get_reg(&cursor, UNW_REG_IP, &addrs[i]);
+            benchmark::DoNotOptimize(addrs);
+        }
+    });
+}
+BENCHMARK(libunwind_step);
+
+void libunwind_backtrace(benchmark::State &state)
+{
+    bench::below_frames(bench::kFrames, [&] {
+        void *addrs[bench::kFrames];
+        for (auto _ : state) {
+            unw_backtrace(addrs, bench::kFrames);
+            benchmark::DoNotOptimize(addrs);
+        }
+    });
+}
+BENCHMARK(libunwind_backtrace);
+#endif
+
+} // namespace
