@@ -243,7 +243,8 @@ Totals run_script()
     pid_t pid = ::fork();
     if (pid == 0) {
         ::setsid();
-        ::execl("/bin/sh", "sh", "/opt/libcommon/script", static_cast<char *>(nullptr));
+        ::execl("/opt/libcommon/tests/sandbox_run", "sandbox_run", "/bin/sh", "/opt/libcommon/script",
+                static_cast<char *>(nullptr));
         ::_exit(127);
     }
     for (pid_t ended; (ended = ::wait(&status)) != pid;) {
