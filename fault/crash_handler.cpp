@@ -15,6 +15,7 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
+#include <sys/single_threaded.h>
 
 extern "C" {
 
@@ -37,6 +38,13 @@ constexpr pid_t kInitProcess = 1;
 bool is_dump_request(int sig)
 {
     return sig == g_attach_signal || sig == kDumpFileSignal || sig == kBacktraceSignal;
+}
+
+// From here on a further fault, on any thread, ends the process.
+void reset_fault_signals()
+{
+    for (int sig : kFaultSignals)
+        ::signal(sig, SIG_DFL);
 }
 
 // How many handlers are at their logs in the process, and how many of them on this thread (a callback may crash in
@@ -62,15 +70,25 @@ public:
     {
         int nested = --handlers_on_thread;
         handlers_running.fetch_sub(1);
-        if (is_dying_)
+        if (is_dying_) {
             await_others(nested);
+            if (!__libc_single_threaded)
+                reset_fault_signals();
+        }
         __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
     }
 
     handler_scope(const handler_scope &) = delete;
     handler_scope &operator=(const handler_scope &) = delete;
 
-    void set_dying() { is_dying_ = true; }
+    // Disarms the handlers. With other threads about, that waits until the logs are written: a second thread's fault
+    // would end the process at once and leave neither its own log nor this one.
+    void start_dying()
+    {
+        is_dying_ = true;
+        if (__libc_single_threaded)
+            reset_fault_signals();
+    }
 
 private:
     // Bounded: another thread's callback may hang, and this process must die.
@@ -85,23 +103,15 @@ private:
     bool is_dying_ = false;
 };
 
-// From here on a further fault, on any thread, ends the process.
-void reset_fault_signals()
+void announce_dump(const crash_record &rec)
 {
-    for (int sig : kFaultSignals)
-        ::signal(sig, SIG_DFL);
+    console_print(" PID %d is attaching (%d)\n", thread_id(), static_cast<int>(rec.signo));
 }
 
-void announce(const crash_record &rec, bool is_dump)
+void announce_death(const crash_record &rec)
 {
-    auto sig = static_cast<int>(rec.signo);
-    if (is_dump) {
-        console_print(" PID %d is attaching (%d)\n", thread_id(), sig);
-        return;
-    }
-    reset_fault_signals();
     console_print("!!!!!!WARNING: process %d pid %d parent %d  is dying(%d), ePC :  %016lx\n", thread_id(), ::getpid(),
-                  ::getppid(), sig, machine_context(rec.uctx).program_counter());
+                  ::getppid(), static_cast<int>(rec.signo), machine_context(rec.uctx).program_counter());
 }
 
 // A callback may have filled the path, not necessarily terminated.
@@ -192,10 +202,12 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
 
     crash_record rec = make_record(sig, info, uctx);
     if (call_signal_table(QV_COREDUMP_FIRST, 0, &rec) == 0) {
-        bool is_dump = is_dump_request(sig);
-        announce(rec, is_dump);
-        if (!is_dump)
-            scope.set_dying();
+        if (is_dump_request(sig)) {
+            announce_dump(rec);
+        } else {
+            scope.start_dying();
+            announce_death(rec);
+        }
     }
 
     choose_path(&rec);

@@ -24,7 +24,7 @@
  *
  * The handlers run on the stack of the interrupted thread; there is no alternate stack, so an overflown stack leaves no
  * log. A dying thread waits, for a moment at most, until the other threads that are inside the handler have finished
- * their logs.
+ * their logs, and in a process with threads it disarms the handlers only then, so that none cuts another's log.
  */
 #ifndef LIBCOMMON_SIGHANDLER_H
 #define LIBCOMMON_SIGHANDLER_H

@@ -28,6 +28,14 @@ std::size_t call_count;
 long first_result[8]; // the first callback's result, by phase
 const char *path_to_set;
 bool fill_whole_path;
+bool is_reset_at_backtrace;
+
+struct sigaction disposition(int sig)
+{
+    struct sigaction action;
+    ::sigaction(sig, nullptr, &action);
+    return action;
+}
 
 long record_call(char who, unsigned phase, unsigned long arg, void *record)
 {
@@ -45,6 +53,8 @@ long callback_a(unsigned phase, unsigned long arg, void *record)
         std::memset(rec->log_path, 'p', sizeof rec->log_path);
         std::memcpy(rec->log_path, "/tmp/", 5);
     }
+    if (phase == QV_COREDUMP_BACKTRACE && rec->signo == SIGSEGV)
+        is_reset_at_backtrace = disposition(SIGSEGV).sa_handler == SIG_DFL;
     if (phase == QV_COREDUMP_BACKTRACE)
         signal_printf(static_cast<int>(arg), "depth %d\n", rec->depth);
     if (phase == QV_COREDUMP_LAST)
@@ -85,13 +95,6 @@ ChildResult crash_child(const std::function<void()> &body)
 std::string core_path(const ChildResult &child, const std::string &kind, int sig)
 {
     return log_path(kName, child.pid, kind, sig);
-}
-
-struct sigaction disposition(int sig)
-{
-    struct sigaction action;
-    ::sigaction(sig, nullptr, &action);
-    return action;
 }
 
 void expect_dying_line(const ChildResult &child, int sig, std::uint64_t pc)
@@ -316,6 +319,7 @@ TEST(Callback, PhasesComeInOrderWithTheirArguments)
         EXPECT_EQ(calls[0].arg, 0U);
         EXPECT_NE(calls[0].record, nullptr);
         EXPECT_EQ(calls[2].arg, calls[4].arg);
+        EXPECT_TRUE(is_reset_at_backtrace); // the handlers of a process without threads are disarmed before the log
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
