@@ -89,7 +89,7 @@ extern "C" {
 
 int qv_hashtbl_get_log2(unsigned n)
 {
-    int k = std::bit_width(n | 1U) - 1;
+    int k = static_cast<int>(std::bit_width(n | 1U)) - 1;
     // The larger the table, the longer its chains: this bounds the memory of the buckets.
     if (k <= 4)
         return k + 1;

@@ -255,7 +255,7 @@ int qv_check_ipv6_valid(const unsigned char addr[16], unsigned int prefixlen, un
 {
     static constexpr unsigned char kUnspecified[kIpv6Bytes] = {};
     static constexpr unsigned char kLoopback[kIpv6Bytes] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    const unsigned ten_bits = (addr[0] << 8U | addr[1]) & 0xFFC0U;
+    const unsigned ten_bits = (unsigned{addr[0]} << 8U | addr[1]) & 0xFFC0U;
 
     if ((flags & QV_ADDR_UNSET) && (prefixlen == 0 || std::memcmp(addr, kUnspecified, kIpv6Bytes) == 0))
         return -1;

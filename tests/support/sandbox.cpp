@@ -114,13 +114,12 @@ void make_devices(const std::string &dev)
 
 void enter_sandbox()
 {
-    std::string kept = build_dir();
-    int kept_fd = ::open(kept.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    check(kept_fd, kept);
-
     ::umask(0);
     new_namespace();
     check(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
+    std::string kept = build_dir();
+    int kept_fd = ::open(kept.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    check(kept_fd, kept);
 
     // The new root lies on a tmpfs over /mnt or, where there is none, over /tmp: both are only seen in here.
     std::string root = exists("/mnt") ? "/mnt" : "/tmp";
