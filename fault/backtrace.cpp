@@ -269,7 +269,10 @@ int get_function_name_by_ptr(void *ptr, char *dst, int size)
         return std::snprintf(dst, room, "NULL");
     Dl_info info = {};
     bool named = ::dladdr(ptr, &info) != 0 && info.dli_sname != nullptr;
-    return named ? std::snprintf(dst, room, "%s@%p", info.dli_sname, ptr) : std::snprintf(dst, room, "%p", ptr);
+    int length = named ? std::snprintf(dst, room, "%s@%p", info.dli_sname, ptr) : std::snprintf(dst, room, "%p", ptr);
+    if (room != 0)
+        dst[room - 1] = '\0'; // callers hand the whole of dst on, so its last byte is set even behind a short text
+    return length;
 }
 
 int get_proc_comm_name(char *buf, int len)

@@ -406,6 +406,11 @@ TEST(FunctionName, IsCutAndTerminated)
     void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
     EXPECT_GT(get_function_name_by_ptr(function, text, 6), 16);
     EXPECT_EQ(std::string(text, 8), std::string("procp\0xx", 8));
+    char wide[64];
+    std::memset(wide, 'x', sizeof wide);
+    get_function_name_by_ptr(function, wide, sizeof wide);
+    EXPECT_EQ(wide[62], 'x');
+    EXPECT_EQ(wide[63], '\0');
     get_function_name_by_ptr(function, text, 0);
     EXPECT_EQ(std::string(text, 8), std::string("procp\0xx", 8));
 }
