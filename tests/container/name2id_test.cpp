@@ -1,0 +1,277 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "name2id.h"
+
+#include "support/support.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+
+namespace {
+
+name2id_entry *add(name2id_tbl *table, const char *name, unsigned id)
+{
+    name2id_entry *entry = name2id_entry_create(name, id);
+    EXPECT_EQ(name2id_entry_insert(table, entry), 0);
+    return entry;
+}
+
+name2id_entry *add2(name2id_tbl *table, const char *name, unsigned scope, unsigned id)
+{
+    name2id_entry *entry = name2id_entry_create2(name, scope, id);
+    EXPECT_EQ(name2id_entry_insert2(table, entry), 0);
+    return entry;
+}
+
+std::vector<std::string> names(const name2id_tbl *table)
+{
+    std::vector<std::string> result;
+    name2id_entry *const *where = &table->first;
+    for (; *where != nullptr; where = &(*where)->next) {
+        EXPECT_EQ((*where)->prev, where);
+        result.emplace_back((*where)->name);
+    }
+    EXPECT_EQ(table->last, where);
+    EXPECT_EQ(table->hashtbl->count, result.size());
+    return result;
+}
+
+std::vector<std::string> released;
+
+void release(void *data)
+{
+    released.emplace_back(static_cast<const char *>(data));
+}
+
+} // namespace
+
+TEST(Name2id, EmptyTable)
+{
+    name2id_tbl *table = name2id_tbl_create(4, 7);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->first, nullptr);
+    EXPECT_EQ(table->last, &table->first);
+    EXPECT_EQ(table->hashtbl->log_size, 4);
+    EXPECT_EQ(table->hashtbl->flag, 1);
+    EXPECT_EQ(table->hashtbl->link_offset, 296);
+    EXPECT_EQ(name2id(table->hashtbl, "x"), -1);
+    name2id_tbl_destory(table);
+    name2id_tbl_destory(nullptr);
+    name2id_tbl_destory2(nullptr);
+}
+
+TEST(Name2id, BadSizeGivesNoTable)
+{
+    EXPECT_EQ(name2id_tbl_create(21, 0), nullptr);
+    EXPECT_EQ(name2id_tbl_create2(21, 0), nullptr);
+    EXPECT_EQ(create_name2id_hash_tbl(21, 0), nullptr);
+    EXPECT_EQ(support::read_file(support::kConsole).find("log size of the table must be between 1 and 2^20\n"), 0U);
+}
+
+TEST(Name2id, NewEntry)
+{
+    name2id_entry *entry = name2id_entry_create("trust", 7);
+    EXPECT_STREQ(entry->name, "trust");
+    EXPECT_EQ(entry->id, 7U);
+    EXPECT_EQ(entry->id2, 0U);
+    EXPECT_EQ(entry->data, nullptr);
+    EXPECT_TRUE(entry->data_free == std::free);
+    std::free(entry);
+    entry = name2id_entry_create2("trust", 3, 9);
+    EXPECT_EQ(entry->id, 3U);
+    EXPECT_EQ(entry->id2, 9U);
+    std::free(entry);
+    EXPECT_EQ(name2id_entry_create(nullptr, 1), nullptr);
+}
+
+TEST(Name2id, FindsTheNewestOfEqualNames)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    add(table, "a", 1);
+    add(table, "b", 2);
+    name2id_entry *newest = add(table, "a", 3);
+    EXPECT_EQ(name2id(table->hashtbl, "a"), 3);
+    EXPECT_EQ(name2id_entry_find(table->hashtbl, "a"), newest);
+    EXPECT_EQ(name2id_entry_remove(table, newest), 0);
+    EXPECT_EQ(name2id(table->hashtbl, "a"), 1);
+    EXPECT_EQ(name2id(table->hashtbl, "c"), -1);
+    EXPECT_EQ(names(table), (std::vector<std::string>{"a", "b"}));
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, LargeIdentifiersAndTheMissLookAlike)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    add(table, "all ones", 0xFFFFFFFF);
+    EXPECT_EQ(static_cast<unsigned>(name2id(table->hashtbl, "all ones")), 0xFFFFFFFFU);
+    EXPECT_EQ(static_cast<unsigned>(name2id(table->hashtbl, "none")), 0xFFFFFFFFU);
+    EXPECT_EQ(name2id(table->hashtbl, nullptr), -1);
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, NamesAreCutAt255)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    std::string longer(300, 'x');
+    name2id_entry *entry = add(table, longer.c_str(), 5);
+    EXPECT_EQ(std::strlen(entry->name), 255U);
+    EXPECT_EQ(name2id(table->hashtbl, longer.c_str()), -1);
+    EXPECT_EQ(name2id(table->hashtbl, longer.substr(0, 255).c_str()), 5);
+    EXPECT_EQ(name2id(table->hashtbl, longer.substr(0, 254).c_str()), -1);
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, NullArguments)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    name2id_entry *entry = name2id_entry_create("a", 1);
+    name2id_tbl hollow{};
+    for (auto *call : {name2id_entry_insert, name2id_entry_remove, name2id_entry_insert2, name2id_entry_remove2}) {
+        EXPECT_EQ(call(nullptr, entry), -1);
+        EXPECT_EQ(call(&hollow, entry), -1);
+        EXPECT_EQ(call(table, nullptr), -1);
+    }
+    std::free(entry);
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, RemoveReleasesData)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    name2id_entry *entry = add(table, "custom", 1);
+    char text[] = "custom data";
+    entry->data = text;
+    entry->data_free = release;
+    name2id_entry *plain = add(table, "plain", 2);
+    plain->data = std::malloc(16); // for free(); the address sanitizer watches
+    plain->data_free = nullptr;
+    add(table, "none", 3)->data_free = release;
+    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
+    EXPECT_EQ(name2id_entry_remove(table, plain), 0);
+    EXPECT_EQ(name2id_entry_remove(table, table->first), 0);
+    EXPECT_EQ(released, std::vector<std::string>{"custom data"});
+    EXPECT_TRUE(names(table).empty());
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, DestroyReleasesInOrderOfInsertion)
+{
+    name2id_tbl *table = name2id_tbl_create(0, 0);
+    released.clear();
+    static char texts[][2] = {"1", "2", "3"};
+    for (char *text : texts) {
+        name2id_entry *entry = add(table, text, 0);
+        entry->data = text;
+        entry->data_free = release;
+    }
+    name2id_tbl_destory(table);
+    EXPECT_EQ(released, (std::vector<std::string>{"1", "2", "3"}));
+}
+
+TEST(Name2id, DataFunctionsMayLookIntoTheTable)
+{
+    static name2id_tbl *table = name2id_tbl_create(0, 0);
+    static int found = 0;
+    for (const char *name : {"a", "b", "c"}) {
+        name2id_entry *entry = add(table, name, 1);
+        entry->data = entry;
+        entry->data_free = [](void *data) {
+            found = name2id(table->hashtbl, static_cast<name2id_entry *>(data)->name);
+            EXPECT_EQ(name2id(table->hashtbl, "nothing"), -1);
+        };
+    }
+    name2id_entry_remove(table, table->first->next);
+    EXPECT_EQ(found, -1);
+    EXPECT_EQ(name2id(table->hashtbl, "c"), 1);
+    name2id_tbl_destory(table);
+    EXPECT_EQ(found, -1);
+}
+
+TEST(Name2id, ForeignEntriesAreLeftAlone)
+{
+    name2id_tbl *table = name2id_tbl_create(1, 0);
+    name2id_tbl *other = name2id_tbl_create(1, 0);
+    name2id_entry *loose = name2id_entry_create("a", 1);
+    name2id_entry *theirs = add(other, "a", 2);
+    add(table, "a", 3);
+    EXPECT_EQ(name2id_entry_remove(table, loose), 0);
+    EXPECT_EQ(name2id_entry_remove(table, theirs), 0);
+    EXPECT_EQ(names(table), std::vector<std::string>{"a"});
+    EXPECT_EQ(names(other), std::vector<std::string>{"a"});
+    EXPECT_EQ(name2id(other->hashtbl, "a"), 2);
+    std::free(loose);
+    name2id_tbl_destory(table);
+    name2id_tbl_destory(other);
+}
+
+TEST(Name2id, AnEntryWhoseKeyChangedLeavesItsOldChain)
+{
+    name2id_tbl *table = name2id_tbl_create(8, 0);
+    name2id_entry *entry = add2(table, "before", 1, 10);
+    add2(table, "other", 1, 11);
+    std::strcpy(entry->name, "after");
+    entry->id = 77;
+    EXPECT_EQ(name2id_entry_remove2(table, entry), 0);
+    EXPECT_EQ(name2id2(table->hashtbl, "before", 1), -1);
+    EXPECT_EQ(names(table), std::vector<std::string>{"other"});
+    name2id_tbl_destory2(table);
+}
+
+TEST(Name2idScopes, ScopesAreIndependent)
+{
+    name2id_tbl *table = name2id_tbl_create2(3, 0);
+    add2(table, "eth0", 1, 100);
+    name2id_entry *second = add2(table, "eth0", 2, 200);
+    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 1), 100);
+    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 2), 200);
+    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 3), -1);
+    EXPECT_EQ(name2id_entry_find2(table->hashtbl, "eth0", 2), second);
+    EXPECT_EQ(second->link.hash, name2id_string_hash("eth0", 4) ^ 2U);
+    EXPECT_EQ(name2id_entry_remove2(table, second), 0);
+    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 2), -1);
+    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 1), 100);
+    name2id_tbl_destory2(table);
+}
+
+TEST(Name2id, Comparisons)
+{
+    EXPECT_EQ(name2id_comp("a", "a"), 1);
+    EXPECT_EQ(name2id_comp("a", "b"), 0);
+    EXPECT_EQ(name2id_comp(nullptr, "a"), 0);
+    EXPECT_EQ(name2id_comp("a", nullptr), 0);
+    name2id_entry *entry = name2id_entry_create2("a", 5, 6);
+    name2id_key2 same = {"a", 5}, other_scope = {"a", 6}, other_name = {"b", 5}, no_name = {nullptr, 5};
+    EXPECT_EQ(name2id_comp2(entry->name, &same), 1);
+    EXPECT_EQ(name2id_comp2(entry->name, &other_scope), 0);
+    EXPECT_EQ(name2id_comp2(entry->name, &other_name), 0);
+    EXPECT_EQ(name2id_comp2(entry->name, &no_name), 0);
+    EXPECT_EQ(name2id_comp2(entry->name, nullptr), 0);
+    EXPECT_EQ(name2id_comp2(nullptr, &same), 0);
+    std::free(entry);
+    EXPECT_EQ(name2id_string_hash("trust", 5), qv_string_hash("trust", 5));
+}
+
+TEST(Name2id, Model)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        name2id_tbl *table = name2id_tbl_create2(5, 0);
+        std::map<std::pair<std::string, unsigned>, std::vector<name2id_entry *>> model;
+        for (std::size_t i = 0, n = support::effort(300000); i < n; i++) {
+            std::string name = "n" + std::to_string(random() % 64);
+            unsigned scope = random() % 4;
+            auto &same = model[{name, scope}];
+            if (random() % 2 != 0 && same.size() < 3) {
+                same.push_back(add2(table, name.c_str(), scope, static_cast<unsigned>(i)));
+            } else if (!same.empty()) {
+                std::size_t which = random() % same.size();
+                ASSERT_EQ(name2id_entry_remove2(table, same[which]), 0);
+                same.erase(same.begin() + static_cast<std::ptrdiff_t>(which));
+            }
+            ASSERT_EQ(name2id_entry_find2(table->hashtbl, name.c_str(), scope), same.empty() ? nullptr : same.back());
+        }
+        names(table);
+        name2id_tbl_destory2(table);
+    }
+}

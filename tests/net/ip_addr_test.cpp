@@ -1,0 +1,294 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ip_addr.h"
+
+#include "support/support.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <set>
+
+namespace {
+
+constexpr unsigned kHost = 0xFFFFFFFF; // the mask of a single host
+constexpr unsigned kAllFlags = 0xFFF;
+
+std::array<unsigned char, 16> v6(const char *text)
+{
+    std::array<unsigned char, 16> addr{};
+    EXPECT_EQ(inet_pton(AF_INET6, text, addr.data()), 1);
+    return addr;
+}
+
+std::string masked_v6(const char *text, unsigned len)
+{
+    auto addr = v6(text);
+    qv_apply_mask_ipv6(addr.data(), len);
+    char out[INET6_ADDRSTRLEN];
+    return inet_ntop(AF_INET6, addr.data(), out, sizeof out);
+}
+
+unsigned masked(unsigned ip, unsigned len)
+{
+    qv_apply_mask_ipv4(&ip, len);
+    return ip;
+}
+
+} // namespace
+
+TEST(IpText, HostAndNetworkOrder)
+{
+    for (auto *print : {hl_ip_sprintf, hl_ip_sprintf2, hl_ip_sprintf3, hl_ip_sprintf4}) {
+        EXPECT_STREQ(print(0xC0A80001), "192.168.0.1");
+        EXPECT_STREQ(print(kHost), "255.255.255.255");
+        EXPECT_STREQ(print(0), "0.0.0.0");
+    }
+    for (auto *print : {nl_ip_sprintf, nl_ip_sprintf2, nl_ip_sprintf3, nl_ip_sprintf4})
+        EXPECT_STREQ(print(htonl(0x0A010203)), "10.1.2.3");
+}
+
+TEST(IpText, EachFunctionHasItsOwnBuffer)
+{
+    std::set<std::string> texts = {hl_ip_sprintf(1), hl_ip_sprintf2(2), hl_ip_sprintf3(3), hl_ip_sprintf4(4)};
+    EXPECT_EQ(texts.size(), 4U);
+    std::set<const char *> buffers = {hl_ip_sprintf(1), hl_ip_sprintf2(1), hl_ip_sprintf3(1), hl_ip_sprintf4(1),
+                                      nl_ip_sprintf(1), nl_ip_sprintf2(1), nl_ip_sprintf3(1), nl_ip_sprintf4(1)};
+    EXPECT_EQ(buffers.size(), 8U);
+    EXPECT_EQ(hl_ip_sprintf(1), hl_ip_sprintf(2));
+}
+
+TEST(IpText, ReentrantFormIsCutToItsBuffer)
+{
+    char out[16];
+    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, sizeof out), out);
+    EXPECT_STREQ(out, "10.1.2.3");
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
+    EXPECT_STREQ(out, "10.1");
+    EXPECT_EQ(out[5], '#');
+    EXPECT_EQ(nl_ip_sprintf_r(1, nullptr, 16), nullptr);
+    EXPECT_EQ(nl_ip_sprintf_r(1, out, 0), nullptr);
+    EXPECT_EQ(nl_ip_sprintf_r(1, out, -1), nullptr);
+    EXPECT_STREQ(out, "10.1");
+}
+
+TEST(Masks, LowestZeroBit)
+{
+    EXPECT_EQ(ffz(0), 0);
+    EXPECT_EQ(ffz(1), 1);
+    EXPECT_EQ(ffz(0xB), 2);
+    EXPECT_EQ(ffz(ULONG_MAX >> 1), 63);
+    EXPECT_EQ(ffz(ULONG_MAX), 64);
+}
+
+TEST(Masks, LengthsAndMasks)
+{
+    EXPECT_EQ(inet_mask_len(0), 0);
+    EXPECT_EQ(inet_mask_len(htonl(0xFF00FF00)), 24); // only trailing zeros count
+    EXPECT_EQ(qv_masklen2mask_v4(0), 0U);
+    EXPECT_EQ(qv_masklen2mask_v4(33), kHost);
+    EXPECT_EQ(qv_masklen2mask_v4(UINT_MAX), kHost);
+    for (unsigned len = 1; len <= 32; len++) {
+        unsigned mask = qv_masklen2mask_v4(len);
+        EXPECT_EQ(mask, static_cast<unsigned>(0xFFFFFFFF00000000ULL >> len)) << len;
+        EXPECT_EQ(inet_mask_len(htonl(mask)), static_cast<int>(len));
+        EXPECT_EQ(qv_check_mask_valid(mask), 0) << len;
+    }
+    for (unsigned n = 0; n <= 8; n++)
+        EXPECT_EQ(qv_addr_maskbit_array[n], 0xFF00 >> n & 0xFF);
+}
+
+TEST(Masks, OnlyContiguousOnesAreValid)
+{
+    EXPECT_EQ(qv_check_mask_valid(0), 0);
+    EXPECT_EQ(qv_check_mask_valid(kHost), 0);
+    for (unsigned mask : {0xFFFF00FFU, 1U, 0x7FFFFFFFU, 0x40000000U, 0xFFFFFFFDU, 0xBFFFFFFFU})
+        EXPECT_EQ(qv_check_mask_valid(mask), -1) << mask;
+}
+
+TEST(Masks, Ipv4AddressIsCut)
+{
+    EXPECT_EQ(masked(0x0A010203, 12), 0x0A000000U);
+    EXPECT_EQ(masked(0x0A010203, UINT_MAX), 0x0A010203U);
+    for (unsigned len = 0; len <= 33; len++)
+        EXPECT_EQ(masked(kHost, len), qv_masklen2mask_v4(len)) << len;
+    unsigned ip = 0x0A010203;
+    qv_convert_ipv4_addr_2_prefix(&ip, 24);
+    EXPECT_EQ(ip, 0x0A010200U);
+}
+
+TEST(Masks, Ipv6AddressIsCut)
+{
+    constexpr const char *kAddress = "2001:db8:ffff:ffff:ffff:ffff:ffff:ffff";
+    EXPECT_EQ(masked_v6(kAddress, 0), "::");
+    EXPECT_EQ(masked_v6(kAddress, 33), "2001:db8:8000::");
+    EXPECT_EQ(masked_v6(kAddress, 64), "2001:db8:ffff:ffff::");
+    EXPECT_EQ(masked_v6(kAddress, 127), "2001:db8:ffff:ffff:ffff:ffff:ffff:fffe");
+    EXPECT_EQ(masked_v6(kAddress, 128), kAddress);
+    EXPECT_EQ(masked_v6(kAddress, UINT_MAX), kAddress);
+}
+
+TEST(CheckIp, EachRule)
+{
+    struct Case {
+        unsigned ip, mask, flags;
+        int result;
+    };
+    constexpr unsigned k24 = 0xFFFFFF00;
+    constexpr Case kCases[] = {
+        {0, k24, 0x001, -1},
+        {1, 0, 0x001, -1},
+        {1, 1, 0x001, 0},
+        {1, 0xFFFF00FF, 0x002, -2},
+        {1, 0, 0x002, 0},
+        {0xE0000001, kHost, 0x004, -3},
+        {0xEFFFFFFF, kHost, 0x004, -3},
+        {0xDFFFFFFF, kHost, 0x004, 0},
+        {0xF0000000, kHost, 0x004, 0},
+        {0xFFFFFFFF, kHost, 0x008, -4},
+        {0xFFFFFFFE, kHost, 0x008, 0},
+        {0xF0000000, kHost, 0x010, -5},
+        {0xEFFFFFFF, kHost, 0x010, 0},
+        {0x7F000000, kHost, 0x020, -6},
+        {0x7FFFFFFF, kHost, 0x020, -6},
+        {0x80000000, kHost, 0x020, 0},
+        {0x0A000000, k24, 0x040, -7},
+        {0x0A000001, k24, 0x040, 0},
+        {0x0A000000, 0xFFFFFFFE, 0x040, -7},
+        {0x0A000001, 0xFFFFFFFE, 0x040, 0},
+        {0x0A000000, kHost, 0x040, 0},
+        {0x0A000000, 0, 0x040, 0},
+        {0, k24, 0x040, 0},
+        {0x000000FF, k24, 0x080, -8},
+        {0x000001FF, k24, 0x080, 0},
+        {0, k24, 0x080, 0},
+        {1, 0, 0x080, 0},
+        {0x0A0000FF, k24, 0x100, -9},
+        {0x0A0000FE, k24, 0x100, 0},
+        {0x0A000001, 0xFFFFFFFE, 0x100, 0},
+        {0x0A000001, kHost, 0x100, 0},
+        {0x0A000003, 0xFFFFFFFC, 0x100, -9},
+        {0xFFFFFFFF, 0, 0x100, -9},
+        {0x00FFFFFF, k24, 0x200, -10},
+        {0x01000000, k24, 0x200, 0},
+        {0, k24, 0x200, 0},
+        {1, 0, 0x200, 0},
+        {0xFFFFFFFF, kHost, 0xC00, 0},
+    };
+    for (const Case &c : kCases) {
+        EXPECT_EQ(qv_check_ip_valid(c.ip, c.mask, c.flags), c.result)
+            << hl_ip_sprintf(c.ip) << ' ' << hl_ip_sprintf2(c.mask) << ' ' << c.flags;
+        EXPECT_EQ(qv_check_ip_valid(c.ip, c.mask, 0), 0);
+    }
+}
+
+TEST(CheckIp, FirstRuleDecides)
+{
+    EXPECT_EQ(qv_check_ip_valid(0, 0xFFFF00FF, kAllFlags), -1);
+    EXPECT_EQ(qv_check_ip_valid(kHost, 0xFFFF00FF, kAllFlags), -2);
+    EXPECT_EQ(qv_check_ip_valid(kHost, kHost, kAllFlags), -4);
+    EXPECT_EQ(qv_check_ip_valid(kHost, kHost, kAllFlags & ~0x008U), -5);
+    EXPECT_EQ(qv_check_ip_valid(0x7F000000, 0xFF000000, kAllFlags), -6);
+    EXPECT_EQ(qv_check_ip_valid(0x000000FF, 0xFFFFFF00, kAllFlags), -8);
+    EXPECT_EQ(qv_check_ip_valid(0x000001FF, 0xFFFFFF00, kAllFlags), -9);
+    EXPECT_EQ(qv_check_ip_valid(0x00000101, 0xFFFFFF00, kAllFlags), -10);
+    EXPECT_EQ(qv_check_ip_valid(0x0A000001, 0xFFFFFF00, kAllFlags), 0);
+}
+
+TEST(CheckIpv6, EachRule)
+{
+    struct Case {
+        const char *addr;
+        unsigned len, flags;
+        int result;
+    };
+    constexpr Case kCases[] = {
+        {"::", 64, 0x001, -1},         {"::1", 0, 0x001, -1},          {"::2", 64, kAllFlags, 0},
+        {"2001::1", 129, 0x002, -2},   {"2001::1", 128, 0x002, 0},     {"ff02::1", 64, 0x004, -3},
+        {"fe02::1", 64, 0x004, 0},     {"::1", 128, 0x020, -6},        {"::101", 128, 0x020, 0},
+        {"fec0::1", 64, 0x800, -12},   {"feff::1", 64, 0x800, -12},    {"febf::1", 64, 0x800, 0},
+        {"fe80::1", 64, 0x400, -11},   {"febf::1", 64, 0x400, -11},    {"fec0::1", 64, 0x400, 0},
+        {"fe7f::1", 64, kAllFlags, 0}, {"::", 64, 0x7D8 & ~0x400U, 0}, {"fec0::1", 64, kAllFlags, -12},
+    };
+    for (const Case &c : kCases) {
+        EXPECT_EQ(qv_check_ipv6_valid(v6(c.addr).data(), c.len, c.flags), c.result) << c.addr << ' ' << c.flags;
+        EXPECT_EQ(qv_check_ipv6_valid(v6(c.addr).data(), c.len, 0), 0);
+    }
+    EXPECT_EQ(qv_check_ipv6_valid(v6("ff02::1").data(), 200, kAllFlags), -2);
+}
+
+TEST(CheckAddr, ReadsTheRecordAtAnyAlignment)
+{
+    unsigned char room[1 + sizeof(qv_addr_record)];
+    qv_addr_record record{};
+    auto check = [&](unsigned flags) {
+        std::memcpy(room + 1, &record, sizeof record);
+        return qv_check_addr_valid(room + 1, flags);
+    };
+    record.family = 10;
+    std::memcpy(record.address.ipv6, v6("::1").data(), 16);
+    EXPECT_EQ(check(kAllFlags), -6);
+    EXPECT_EQ(check(0x002), 0);
+    record.family = 2;
+    record.address.ipv4 = 0xE0000001;
+    EXPECT_EQ(check(kAllFlags), -3);
+    record.address.ipv4 = 0x0A000000;
+    EXPECT_EQ(check(kAllFlags), 0); // as a single host it is no network address
+}
+
+TEST(HostString, Shapes)
+{
+    auto network = [](unsigned ip) { return static_cast<int>(htonl(ip)); };
+    EXPECT_EQ(validate_ipv4_host_address_str("1.2.3.4"), network(0x01020304));
+    EXPECT_EQ(validate_ipv4_host_address_str("224.0.0.1"), network(0xE0000001));
+    EXPECT_EQ(validate_ipv4_host_address_str("127.0.0.1"), network(0x7F000001));
+    EXPECT_EQ(validate_ipv4_host_address_str("255.255.255.254"), network(0xFFFFFFFE));
+    for (const char *zero : {"0.1.2.3", "0.0.0.0", "255.255.255.255", "256.1.1.1", "1..2.3", "...", "1.2.3.999"})
+        EXPECT_EQ(validate_ipv4_host_address_str(zero), 0) << zero;
+    for (const char *bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.4 ", "a.b.c.d", "1.2.3.x", "0x1.2.3.4", "-1.2.3.4", "1234",
+                            "001.002.003.0004"})
+        EXPECT_EQ(validate_ipv4_host_address_str(bad), -1) << bad;
+    EXPECT_EQ(validate_ipv4_host_address_str(nullptr), -1);
+    EXPECT_EQ(validate_ipv4_host_address_str("001.002.003.004"), network(0x01020304)); // 15 characters
+}
+
+TEST(Email, Valid)
+{
+    for (const char *s : {"a.b@c.d", "A_z-0.9@x-y.Z", ".a@c.d", "a..b@c.d", "a@c.", "a@-.-", R"(\abc\@c.d)",
+                          R"(\\@c.d)", R"(\a@b\@c.d)", R"(\!~\.x@c.d)", R"(a.\q\@c.d)", R"(\a\.\b\@c.d)"})
+        EXPECT_EQ(validate_email_address_str(s), 0) << s;
+}
+
+TEST(Email, Invalid)
+{
+    for (const char *s : {"",
+                          "@",
+                          "a",
+                          "a@",
+                          "@c.d",
+                          "a.@c.d",
+                          "a@cd",
+                          "a@c..d",
+                          "a@.c.d",
+                          "a@.",
+                          "a b@c.d",
+                          "a@c d.e",
+                          "a@c_d.e",
+                          "a@b@c.d",
+                          "a+b@c.d",
+                          R"(\a c\@c.d)",
+                          R"(\abc)",
+                          R"(\abc@c.d)",
+                          R"(a\b\@c.d)",
+                          R"(\a\b@c.d)",
+                          R"(\a\\b\@c.d)",
+                          R"(\a\)",
+                          R"(\a\.@c.d)",
+                          "\\a\x7f\\@c.d",
+                          "\xe9@c.d",
+                          "a@\xe9.d",
+                          "\\\xe9\\@c.d",
+                          "\\"})
+        EXPECT_EQ(validate_email_address_str(s), -1) << s;
+}
