@@ -1,0 +1,327 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "hashtbl.h"
+
+#include "support/support.h"
+
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <list>
+#include <map>
+#include <random>
+#include <sys/resource.h>
+
+using support::run_child;
+
+namespace {
+
+struct Object {
+    int key = 0;
+    int number = 0;
+    hashtbl_link link{};
+};
+constexpr unsigned kOffset = offsetof(Object, link);
+
+int same_key(void *object, void *key)
+{
+    return static_cast<Object *>(object)->key == *static_cast<int *>(key);
+}
+
+Object *find(hashtbl *table, int key, unsigned hash)
+{
+    return static_cast<Object *>(hashtbl_find(table, &key, hash, same_key));
+}
+
+int append_number(void *object, void *arg)
+{
+    static_cast<std::vector<int> *>(arg)->push_back(static_cast<Object *>(object)->number);
+    return 0;
+}
+
+std::vector<int> numbers(hashtbl *table)
+{
+    std::vector<int> result;
+    EXPECT_EQ(hashtbl_traverse_each(table, append_number, &result), 0);
+    return result;
+}
+
+// Every chain's links point back and forth, each in the bucket of its hash.
+void check_links(const hashtbl *table)
+{
+    std::size_t met = 0;
+    for (unsigned b = 0; b < 1U << table->log_size; b++) {
+        const hashtbl_link *prev = nullptr;
+        for (const hashtbl_link *link = table->buckets[b]; link != nullptr; prev = link, link = link->next) {
+            ASSERT_EQ(link->prev, prev);
+            ASSERT_EQ(link->hash & ((1U << table->log_size) - 1), b);
+            met++;
+        }
+    }
+    ASSERT_EQ(met, table->count);
+}
+
+struct Table {
+    hashtbl *table;
+    explicit Table(unsigned log_size) : table(hashtbl_init(log_size, kOffset, 0)) {}
+    ~Table() { hashtbl_destroy(table); }
+    operator hashtbl *() const { return table; }
+};
+
+} // namespace
+
+TEST(HashtblInit, Fields)
+{
+    hashtbl *table = hashtbl_init(3, 65535, -5);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->log_size, 3);
+    EXPECT_EQ(table->flag, 1);
+    EXPECT_EQ(table->link_offset, 65535);
+    EXPECT_EQ(table->count, 0U);
+    for (int b = 0; b < 8; b++)
+        EXPECT_EQ(table->buckets[b], nullptr);
+    EXPECT_EQ(hashtbl_grow(table), 0);
+    EXPECT_EQ(table->log_size, 3);
+    EXPECT_EQ(hashtbl_destroy(table), 0);
+}
+
+TEST(HashtblInit, Limits)
+{
+    for (unsigned log_size : {0U, 20U}) {
+        hashtbl *table = hashtbl_init(log_size, 0, 0);
+        ASSERT_NE(table, nullptr);
+        EXPECT_EQ(table->flag, 0);
+        hashtbl_destroy(table);
+    }
+    EXPECT_EQ(support::read_file(support::kConsole), "");
+    EXPECT_EQ(hashtbl_init(21, 65536, 0), nullptr);
+    EXPECT_EQ(hashtbl_init(0xFFFFFFFF, 0, 0), nullptr);
+    EXPECT_EQ(hashtbl_init(20, 65536, 0), nullptr);
+    EXPECT_EQ(support::read_file(support::kConsole), "log size of the table must be between 1 and 2^20\n"
+                                                     "log size of the table must be between 1 and 2^20\n"
+                                                     "offset of hash table link must be between 0 and 65535\n");
+}
+
+TEST(HashtblInit, NoMemoryForTheBuckets)
+{
+    if (support::under_sanitizer())
+        GTEST_SKIP() << "the sanitizers reserve more address space than a limit allows";
+    auto child = run_child([] {
+        rlimit limit = {1, 1}; // what is mapped stays; 8 MiB more do not fit
+        setrlimit(RLIMIT_AS, &limit);
+        _exit(hashtbl_init(20, 0, 0) == nullptr ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(support::read_file(support::kConsole), "memory allocation error,tbl size=8,log_size=20\n");
+}
+
+TEST(Hashtbl, NewestOfEqualKeysIsFound)
+{
+    Table table(2);
+    Object first{1, 1, {}}, second{1, 2, {}}, other{2, 3, {}};
+    EXPECT_EQ(hashtbl_insert(table, 100, &first), 0);
+    EXPECT_EQ(hashtbl_insert(table, 100, &second), 0);
+    EXPECT_EQ(hashtbl_insert(table, 104, &other), 0); // the same bucket
+    EXPECT_EQ(find(table, 1, 100), &second);
+    EXPECT_EQ(find(table, 2, 104), &other);
+    EXPECT_EQ(find(table, 2, 100), nullptr);
+    EXPECT_EQ(numbers(table), (std::vector<int>{3, 2, 1}));
+    EXPECT_EQ(table.table->buckets[0], &other.link);
+    EXPECT_EQ(other.link.prev, nullptr);
+    EXPECT_EQ(first.link.hash, 100U);
+    check_links(table);
+}
+
+TEST(Hashtbl, CallbackSeesOnlyItsHash)
+{
+    Table table(0);
+    std::array<Object, 5> objects;
+    for (unsigned i = 0; i < objects.size(); i++)
+        hashtbl_insert(table, i << 16, &objects[i]);
+    static int calls = 0;
+    auto never = [](void *, void *) { return calls++, 0; };
+    EXPECT_EQ(hashtbl_find(table, nullptr, 3U << 16, never), nullptr);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(hashtbl_find(table, nullptr, 3, never), nullptr);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(Hashtbl, Find2TakesZeroForAMatch)
+{
+    Table table(1);
+    Object one{1, 1, {}}, two{2, 2, {}};
+    hashtbl_insert(table, 8, &one);
+    hashtbl_insert(table, 8, &two);
+    int key = 1, offset = 1;
+    auto compare = [](void *object, void *sought, void *arg) {
+        return static_cast<Object *>(object)->key - *static_cast<int *>(sought) - *static_cast<int *>(arg);
+    };
+    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), &two);
+    offset = 0;
+    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), &one);
+    offset = 5;
+    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), nullptr);
+}
+
+TEST(Hashtbl, RemoveFromEveryPlace)
+{
+    for (int removed : {0, 1, 2}) {
+        Table table(0);
+        std::array<Object, 3> objects;
+        for (auto &object : objects)
+            hashtbl_insert(table, 1, &object);
+        auto &object = objects[static_cast<std::size_t>(removed)];
+        EXPECT_EQ(hashtbl_remove(table, 1, &object), 0);
+        EXPECT_EQ(object.link.prev, nullptr);
+        EXPECT_EQ(object.link.next, nullptr);
+        EXPECT_EQ(table.table->count, 2U);
+        check_links(table);
+        EXPECT_EQ(hashtbl_remove(table, 1, &object), 0); // again
+        EXPECT_EQ(table.table->count, 2U);
+    }
+}
+
+TEST(Hashtbl, RemoveGoesByTheGivenHash)
+{
+    Table table(4);
+    Object object{1, 1, {}};
+    hashtbl_insert(table, 5, &object);
+    EXPECT_EQ(hashtbl_remove(table, 6, &object), 0);
+    EXPECT_EQ(table.table->count, 1U);
+    EXPECT_EQ(find(table, 1, 5), &object);
+    EXPECT_EQ(hashtbl_remove(table, 5 + 16, &object), 0); // another hash, the same bucket
+    EXPECT_EQ(table.table->count, 0U);
+}
+
+TEST(Hashtbl, FreeAll)
+{
+    Table table(2);
+    std::array<Object, 6> objects;
+    for (unsigned i = 0; i < objects.size(); i++) {
+        objects[i].number = static_cast<int>(i);
+        hashtbl_insert(table, i % 3, &objects[i]);
+    }
+    std::vector<int> seen;
+    auto release = [](void *object, void *arg) { append_number(object, arg); };
+    EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
+    EXPECT_EQ(seen, (std::vector<int>{3, 0, 4, 1, 5, 2}));
+    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(objects[3].link.next, &objects[0].link); // left as it was
+    check_links(table);
+
+    hashtbl_insert(table, 0, &objects[0]);
+    EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
+    EXPECT_EQ(table.table->buckets[0], nullptr);
+    EXPECT_EQ(hashtbl_free_all_objects(nullptr, release, &seen), 0);
+}
+
+TEST(Hashtbl, ACountOfZeroEndsBeforeTheBuckets)
+{
+    Table table(2);
+    Object object;
+    hashtbl_insert(table, 1, &object);
+    table.table->count = 0;
+    std::vector<int> seen;
+    EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
+    EXPECT_EQ(hashtbl_traverse_each(table, append_number, &seen), 0);
+    EXPECT_EQ(hashtbl_traverse_each_safe(table, append_number, &seen), 0);
+    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(table.table->buckets[1], &object.link);
+}
+
+TEST(Hashtbl, Reset)
+{
+    Table table(2);
+    Object one, two;
+    hashtbl_insert(table, 1, &one);
+    hashtbl_insert(table, 1, &two);
+    EXPECT_EQ(hashtbl_reset(table), 0);
+    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(two.link.next, &one.link);
+    check_links(table);
+}
+
+TEST(Hashtbl, TraverseStopsAtTheFirstNonZero)
+{
+    Table table(1);
+    std::array<Object, 4> objects;
+    for (auto &object : objects)
+        hashtbl_insert(table, 0, &object);
+    int left = 2;
+    auto visit = [](void *, void *arg) { return --*static_cast<int *>(arg) == 0 ? 7 : 0; };
+    EXPECT_EQ(hashtbl_traverse_each(table, visit, &left), -1);
+    EXPECT_EQ(left, 0);
+    left = 2;
+    EXPECT_EQ(hashtbl_traverse_each_safe(table, visit, &left), 0);
+    EXPECT_EQ(left, -2);
+    EXPECT_EQ(hashtbl_traverse_each(table, nullptr, nullptr), 0);
+    EXPECT_EQ(hashtbl_traverse_each_safe(table, nullptr, nullptr), 0);
+    EXPECT_EQ(hashtbl_traverse_each(nullptr, visit, &left), 0);
+    EXPECT_EQ(hashtbl_traverse_each_safe(nullptr, visit, &left), 0);
+}
+
+TEST(Hashtbl, SafeTraversalLetsObjectsBeFreed)
+{
+    Table table(1);
+    for (unsigned i = 0; i < 10; i++)
+        hashtbl_insert(table, i, new Object);
+    auto free_it = [](void *object, void *arg) {
+        hashtbl_remove(static_cast<hashtbl *>(arg), static_cast<Object *>(object)->link.hash, object);
+        delete static_cast<Object *>(object);
+        return 1;
+    };
+    EXPECT_EQ(hashtbl_traverse_each_safe(table, free_it, table.table), 0);
+    EXPECT_EQ(table.table->count, 0U);
+    check_links(table);
+}
+
+TEST(Hashtbl, ObjectsAtOddAddresses)
+{
+    constexpr std::size_t kStride = sizeof(Object) + 3;
+    alignas(8) std::array<char, 4 * kStride> room{};
+    Table table(0);
+    for (std::size_t i = 0; i < 3; i++)
+        hashtbl_insert(table, 9, room.data() + 1 + i * kStride);
+    auto itself = [](void *object, void *key) { return object == key ? 1 : 0; };
+    char *middle = room.data() + 1 + kStride;
+    EXPECT_EQ(hashtbl_find(table, middle, 9, itself), middle);
+    EXPECT_EQ(hashtbl_remove(table, 9, middle), 0);
+    EXPECT_EQ(hashtbl_find(table, middle, 9, itself), nullptr);
+    EXPECT_EQ(table.table->count, 2U);
+}
+
+TEST(Hashtbl, Model)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        Table table(6);
+        std::vector<Object> objects(500);
+        std::vector<unsigned> hash(objects.size());
+        std::vector<bool> linked(objects.size());
+        std::map<std::pair<unsigned, int>, std::list<Object *>> model; // newest first
+        std::size_t count = 0;
+        for (std::size_t step = 0, n = support::effort(400000); step < n; step++) {
+            std::size_t i = random() % objects.size();
+            if (linked[i]) {
+                unsigned wrong = hash[i] ^ 1;
+                hashtbl_remove(table, wrong, &objects[i]);
+                ASSERT_EQ(table.table->count, count);
+                hashtbl_remove(table, hash[i], &objects[i]);
+                model[{hash[i], objects[i].key}].remove(&objects[i]);
+                count--;
+            } else {
+                objects[i].key = static_cast<int>(random() % 3);
+                hash[i] = static_cast<unsigned>(random() % 200) * 0x01000001U;
+                hashtbl_insert(table, hash[i], &objects[i]);
+                model[{hash[i], objects[i].key}].push_front(&objects[i]);
+                count++;
+            }
+            linked[i] = !linked[i];
+            ASSERT_EQ(table.table->count, count);
+            unsigned sought = static_cast<unsigned>(random() % 200) * 0x01000001U;
+            int key = static_cast<int>(random() % 3);
+            auto &same = model[{sought, key}];
+            ASSERT_EQ(find(table, key, sought), same.empty() ? nullptr : same.front());
+        }
+        check_links(table);
+    }
+}
