@@ -1,0 +1,30 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* sysmem.h - small memory services: dropping the page cache, a hex dump to the console, named shared memory.
+ *
+ *     mem_dump(packet, length);
+ *     void *shared = init_shared_mem("/counters", 4096);   // null and MAP_FAILED are both failures
+ *
+ * No state. Any thread; not for signal handlers.
+ */
+#ifndef LIBCOMMON_SYSMEM_H
+#define LIBCOMMON_SYSMEM_H
+
+#include "libcommon_api.h"
+
+QV_BEGIN_DECLS
+
+/** Drops page cache, dentries and inodes; do_sync non-zero: sync() first. @return 0, or -1 without the privilege */
+QV_API int clear_sys_pagecache(int do_sync);
+
+/** Prints len bytes to the console, 16 a line; nothing for len below 1. */
+QV_API void mem_dump(const void *addr, int len);
+
+/**
+ * Maps the shared-memory object name, made if missing and resized to size bytes.
+ * @return the address; null when the object cannot be opened, MAP_FAILED when it cannot be mapped
+ */
+QV_API void *init_shared_mem(const char *name, unsigned int size);
+
+QV_END_DECLS
+
+#endif
