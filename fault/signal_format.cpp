@@ -42,32 +42,46 @@ public:
 
     void put(char c)
     {
-        produced_++;
         if (at_ < limit_)
             *at_++ = c;
+        else
+            lost_++;
     }
 
     void fill(char c, long count)
     {
         if (count <= 0)
             return;
-        produced_ += count;
         long fits = std::min<long>(count, limit_ - at_);
         for (long i = 0; i < fits; i++) // runs of a few characters: a call costs more than the loop
             at_[i] = c;
         at_ += fits;
+        lost_ += count - fits;
     }
 
     void copy(const char *text, std::size_t count)
     {
-        produced_ += static_cast<long>(count);
         std::size_t fits = std::min<std::size_t>(count, static_cast<std::size_t>(limit_ - at_));
         std::memcpy(at_, text, fits);
         at_ += fits;
+        lost_ += static_cast<long>(count - fits);
     }
 
-    long produced() const { return produced_; }
-    long remaining() const { return kBudget - produced_; }
+    // The same for text with kSlack readable bytes at hand: a copy of fixed size is a few moves, one of a length known
+    // at run time a call, which a line of numbers pays for each of them.
+    static constexpr std::size_t kSlack = 16;
+    void copy_short(const char *text, std::size_t count)
+    {
+        if (count > kSlack || limit_ - at_ < static_cast<long>(kSlack)) {
+            copy(text, count);
+            return;
+        }
+        std::memcpy(at_, text, kSlack);
+        at_ += count;
+    }
+
+    long produced() const { return at_ - begin_ + lost_; }
+    long remaining() const { return kBudget - produced(); }
 
     int finish()
     {
@@ -78,8 +92,8 @@ public:
 private:
     char *begin_;
     char *at_;
-    char *limit_; // the last byte, kept for the terminator
-    long produced_ = 0;
+    char *limit_;   // the last byte, kept for the terminator
+    long lost_ = 0; // characters that did not fit
 };
 
 // ---- numbers ----
@@ -149,7 +163,7 @@ void number(cursor &out, unsigned long value, int base, long width, long precisi
     if (sign != '\0')
         width--;
 
-    char digits[kMaxDigits];
+    char digits[kMaxDigits + cursor::kSlack];
     char *end = digits + kMaxDigits;
     const char *table = (flags & FMT_LOWER) != 0 ? kLowerDigits : kUpperDigits;
     char *first = base == 10 ? render_decimal(end, value)
@@ -175,7 +189,7 @@ void number(cursor &out, unsigned long value, int base, long width, long precisi
         width = 0;
     }
     out.fill('0', precision - count);
-    out.copy(first, static_cast<std::size_t>(count));
+    out.copy_short(first, static_cast<std::size_t>(count));
     out.fill(' ', width);
 }
 

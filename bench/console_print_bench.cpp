@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// A short line into a log file, against the bare system calls that it has to make. Run it with TZ unset and with
+// TZ=:/etc/localtime: looking whether the zone has changed is a system call in the one and nothing in the other.
+#include "console_print.h"
+
+#include <benchmark/benchmark.h>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *kPath = "/tmp/console_print_bench.log";
+
+int print(const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int length = console_print_args(0, kPath, format, ap);
+    va_end(ap);
+    return length;
+}
+
+// The log must not reach its limit, or lines would be dropped.
+void keep_short(benchmark::State &state, long &count)
+{
+    if (++count % 4096 != 0)
+        return;
+    state.PauseTiming();
+    if (::truncate(kPath, 0) != 0)
+        state.SkipWithError("truncate");
+    state.ResumeTiming();
+}
+
+void ours(benchmark::State &state)
+{
+    ::unlink(kPath);
+    long count = 0;
+    for (auto _ : state) {
+        print("link %s is up, speed %d\n", "ethernet0/1", 1000);
+        keep_short(state, count);
+    }
+    ::unlink(kPath);
+}
+
+void plain_calls(benchmark::State &state)
+{
+    ::unlink(kPath);
+    long count = 0;
+    for (auto _ : state) {
+        char text[128];
+        char stamp[64];
+        int length = std::snprintf(text, sizeof text, "link %s is up, speed %d\n", "ethernet0/1", 1000);
+        int fd = ::open(kPath, O_WRONLY | O_CREAT | O_APPEND, 0777);
+        struct stat info;
+        ::fstat(fd, &info);
+        std::time_t now = std::time(nullptr);
+        tm date;
+        ::tzset();
+        ::localtime_r(&now, &date);
+        std::size_t stamp_length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S ", &date);
+        if (::write(fd, stamp, stamp_length) < 0 || ::write(fd, text, static_cast<std::size_t>(length)) < 0)
+            state.SkipWithError("write");
+        ::close(fd);
+        keep_short(state, count);
+    }
+    ::unlink(kPath);
+}
+
+BENCHMARK(ours);
+BENCHMARK(plain_calls);
+
+} // namespace
