@@ -33,13 +33,13 @@ inline civil_time civil_from_time(std::time_t time)
     constexpr long kDaysPerCycle = 146097;
 
     auto floor_divide = [](long a, long b) { return a / b - (a % b < 0 ? 1 : 0); };
-    long days = floor_divide(time, kSecondsPerDay);
-    int second_of_day = static_cast<int>(time - days * kSecondsPerDay);
-    days -= kDaysTo2000;
+    auto floor_remainder = [](long a, long b) { return a % b + (a % b < 0 ? b : 0); };
+    int second_of_day = static_cast<int>(floor_remainder(time, kSecondsPerDay));
+    long days = floor_divide(time, kSecondsPerDay) - kDaysTo2000;
 
     long cycle = floor_divide(days, kDaysPerCycle);
     long year = 2000 + cycle * kYearsPerCycle;
-    long day_of_year = days - cycle * kDaysPerCycle;
+    long day_of_year = floor_remainder(days, kDaysPerCycle);
     for (long length; day_of_year >= (length = is_leap_year(year) ? 366 : 365); year++)
         day_of_year -= length;
 

@@ -6,6 +6,7 @@
 #include "support/support.h"
 
 #include <cstdarg>
+#include <sched.h>
 #include <unistd.h>
 
 using namespace support;
@@ -59,6 +60,7 @@ TEST(DefaultConsole, Only255BytesAreRead)
 TEST(DefaultConsole, AMissingListMeansNo)
 {
     ChildResult child = run_child([] {
+        ::unshare(CLONE_NEWNS);
         mount_tmpfs("/proc");
         ::_exit(is_default_console_device("ttyS0"));
     });

@@ -286,7 +286,7 @@ extern "C" ssize_t recvmsg(int fd, msghdr *m, int flags)
         return receive_result;
     }
     std::size_t size = std::min<std::size_t>(reply_control.size(), m->msg_controllen);
-    std::memcpy(control, reply_control.data(), size);
+    std::copy_n(reply_control.begin(), size, control);
     m->msg_controllen = claimed_control != SIZE_MAX ? claimed_control : size;
     if (reply_null_control)
         m->msg_control = nullptr;

@@ -14,7 +14,7 @@ static long on_crash(unsigned int phase, unsigned long arg, void *record)
     runs++;
     return 0;
 }
-QV_COREDUMP_CALLBACK(on_crash)
+QV_COREDUMP_CALLBACK(on_crash);
 
 int main(void)
 {

@@ -15,7 +15,7 @@ long on_crash(unsigned int, unsigned long, void *)
     runs++;
     return 0;
 }
-QV_COREDUMP_CALLBACK(on_crash)
+QV_COREDUMP_CALLBACK(on_crash);
 
 void own_function() {}
 
