@@ -1,0 +1,113 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* atimer.h - very many coarse one-shot timers in a cascading wheel.
+ *
+ * Time passes in ticks, one a second when process_atimer() drives it. A wheel has levels of 2^bits buckets each; a
+ * bucket of level i stands for 2^(i * bits) ticks. A timer waits in the bucket of the highest level at which it is at
+ * least one bucket away, and moves down when that bucket comes up:
+ *
+ *     level 1:  [ 0 ][ 1 ][ 2 ]...[ 15 ]     16 ticks a bucket      (2 levels of 4 bits)
+ *                   \____ spread over
+ *     level 0:  [ 0 ][ 1 ][ 2 ]...[ 15 ]     1 tick a bucket, fired when it comes up
+ *
+ *     struct atimer_context wheel;
+ *     atimer_init(&wheel, 3, 10);
+ *     struct atimer *t = create_atimer(30, on_timeout, session);
+ *     start_atimer(&wheel, t);
+ *     for (;;) { sleep(1); process_atimer(&wheel); }
+ *
+ * Starting and stopping take constant time and no memory; a tick with nothing due takes a few instructions, and a stall
+ * with an empty wheel is caught up in next to none. A timer that fires is off the wheel before its callback runs; a
+ * callback may start, stop or free any timer. A wheel and its timers belong to one thread. Refused starts are reported
+ * through console_print(). Not for signal handlers.
+ */
+#ifndef LIBCOMMON_ATIMER_H
+#define LIBCOMMON_ATIMER_H
+
+#include "libcommon_api.h"
+
+#include <stdint.h>
+
+QV_BEGIN_DECLS
+
+struct atimer;
+
+struct atimer_bucket {
+    struct atimer *first;
+    struct atimer **last; /* address of the last timer's next, or of first */
+};
+
+struct atimer_level {
+    struct atimer_bucket *buckets; /* size of them, and behind them the level's occupancy words */
+    int32_t current;               /* the bucket that came up last */
+    int32_t bits;
+    int32_t size;
+    int32_t shift;
+    uint32_t mask;
+};
+
+/* Storage is the caller's; nothing takes a wheel down. A caller that is done with one frees each level's buckets and
+ * the levels. */
+struct atimer_context {
+    struct atimer_level *levels; /* null after a failed atimer_init() */
+    int32_t nlevels;
+    uint32_t total_bits;
+    uint32_t tick_mask;
+    uint32_t max_expire; /* expiries must be below it, both read as signed */
+    uint32_t tick;
+    uint32_t last_second; /* of the monotonic clock, up to which ticks have been delivered */
+};
+
+struct atimer {
+    struct atimer *next;
+    struct atimer **prev;         /* address of what points at this timer */
+    struct atimer_bucket *bucket; /* null while it does not run */
+    uint32_t spare;
+    void (*callback)(void *arg);
+    void *arg;
+    uint32_t expire; /* ticks from start to firing */
+    uint32_t remain; /* ticks still to count below the level it waits at */
+};
+
+/**
+ * Builds a wheel.
+ * @param nlevels  levels, at least 1 to be of use; nlevels * bits may be 30 at the most
+ * @param bits     log2 of the buckets of a level
+ * @return 0; -1 for a null context, too many bits (said on the console) or no memory
+ */
+QV_API int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits);
+
+/**
+ * Makes a timer, which is the caller's until free_atimer().
+ * @param expire    ticks from start to firing, below the wheel's max_expire; 0 counts as 1
+ * @param callback  called with arg; may be null
+ * @return the timer, not running; null when there is no memory
+ */
+QV_API struct atimer *create_atimer(unsigned int expire, void (*callback)(void *arg), void *arg);
+
+/** Sets up a timer in the caller's storage, zeroed or holding a timer, which is stopped. A null timer is let pass. */
+QV_API void init_atimer(struct atimer *timer, unsigned int expire, void (*callback)(void *arg), void *arg);
+
+/** Starts a timer; one that runs already, or whose expiry is too large, is reported on the console and left alone. */
+QV_API void start_atimer(struct atimer_context *ctx, struct atimer *timer);
+
+/** Stops a timer; one that does not run is left alone. */
+QV_API void stop_atimer(struct atimer *timer);
+
+/** Starts a timer anew with another expiry; nothing when either is null. */
+QV_API void adjust_atimer(struct atimer_context *ctx, struct atimer *timer, unsigned int expire);
+
+/** Stops a timer from create_atimer() and frees it. */
+QV_API void free_atimer(struct atimer *timer);
+
+/** Advances the wheel by one tick and fires what is due. */
+QV_API void per_tick_call(struct atimer_context *ctx);
+
+/**
+ * Delivers one tick for each second that has passed on the monotonic clock.
+ * @return 0 when caught up, negative when the clock stands before what has been delivered (no tick then)
+ */
+QV_API int process_atimer(struct atimer_context *ctx);
+
+QV_END_DECLS
+
+#endif

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+// Boot arguments and the output that they gate.
+#include "bootargs.h"
+
+#include "base/unique_fd.h"
+#include "console_print.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+
+namespace {
+
+constexpr const char *kCmdline = "/proc/cmdline";
+constexpr const char *kVerboseWord = "qv_output";
+constexpr std::size_t kCmdlineSize = 4096;
+constexpr std::size_t kBootargsSize = 1024;
+constexpr std::size_t kOutputSize = 1024;
+
+bool prints_always(int level)
+{
+    return level == 1 || level == 4 || level == 5;
+}
+
+} // namespace
+
+extern "C" {
+
+unsigned long qv_parse_cmdline(const char *path, const char *key)
+{
+    base::unique_fd file(::open(path, O_RDONLY));
+    if (!file) {
+        std::printf("open %s failed\n", path);
+        return 0;
+    }
+    char text[kCmdlineSize] = {};
+    if (::read(file.get(), text, sizeof text) < 0)
+        std::printf("read %s failed, %s\n", path, std::strerror(errno));
+    text[sizeof text - 1] = '\0';
+
+    char *found = std::strstr(text, key);
+    if (found == nullptr)
+        return 0;
+    char *value = found + std::strlen(key);
+    if (*value == '\0')
+        return 0; // the key ends the text: there is nothing behind it to skip
+    value++;
+    // Cut at the first blank from the value's second character on; a first that is a blank is left to strtoul().
+    if (*value != '\0')
+        value[1 + std::strcspn(value + 1, " ")] = '\0';
+    return std::strtoul(value, nullptr, 0);
+}
+
+int qv_has_bootargs(const char *word)
+{
+    // For reading and writing, as it has always been opened: where that is refused the answer is no.
+    std::FILE *file = std::fopen(kCmdline, "r+");
+    if (file == nullptr)
+        return 0;
+    char text[kBootargsSize] = {};
+    [[maybe_unused]] std::size_t length = std::fread(text, 1, sizeof text - 1, file);
+    std::fclose(file);
+    return std::strstr(text, word) != nullptr ? 1 : 0;
+}
+
+int qv_output(int level, const char *format, ...)
+{
+    char text[kOutputSize] = {};
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+
+    if (!prints_always(level) && qv_has_bootargs(kVerboseWord) == 0)
+        return 0;
+    int length = console_print("%s", text);
+    return level == 1 ? 0 : length;
+}
+}

@@ -1,0 +1,319 @@
+// SPDX-License-Identifier: Apache-2.0
+// The cascading wheel of tick timers.
+#include "atimer.h"
+
+#include "base/tail_queue.h"
+#include "console_print.h"
+#include "qv_time.h"
+
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+constexpr unsigned kMaxTotalBits = 30;
+constexpr std::size_t kWordBits = 64;
+
+static_assert(offsetof(atimer_context, levels) == 0 && offsetof(atimer_context, nlevels) == 8);
+static_assert(offsetof(atimer_context, total_bits) == 12 && offsetof(atimer_context, tick_mask) == 16);
+static_assert(offsetof(atimer_context, max_expire) == 20 && offsetof(atimer_context, tick) == 24);
+static_assert(offsetof(atimer_context, last_second) == 28 && sizeof(atimer_context) == 32);
+static_assert(offsetof(atimer_level, current) == 8 && offsetof(atimer_level, bits) == 12);
+static_assert(offsetof(atimer_level, size) == 16 && offsetof(atimer_level, shift) == 20);
+static_assert(offsetof(atimer_level, mask) == 24 && sizeof(atimer_level) == 32);
+static_assert(offsetof(atimer, prev) == 8 && offsetof(atimer, bucket) == 16 && offsetof(atimer, spare) == 24);
+static_assert(offsetof(atimer, callback) == 32 && offsetof(atimer, arg) == 40);
+static_assert(offsetof(atimer, expire) == 48 && offsetof(atimer, remain) == 52 && sizeof(atimer) == 56);
+
+// ---- occupancy: a bit a bucket, in words behind the bucket array ----
+//
+// A bit is set when a timer is queued and cleared only when the bucket is found empty, so stopping stays a list
+// operation; an occupied bucket always has its bit set.
+
+std::uint64_t *occupancy(const atimer_level &level)
+{
+    return reinterpret_cast<std::uint64_t *>(level.buckets + level.size);
+}
+
+constexpr std::size_t occupancy_words(std::size_t size)
+{
+    return (size + kWordBits - 1) / kWordBits;
+}
+
+// How many advances bring the next occupied bucket up, 1 to size; 0 when there is none within limit advances. The
+// current bucket comes up after size.
+std::uint32_t advances_to_occupied(const atimer_level &level, std::uint32_t limit)
+{
+    auto size = static_cast<std::uint32_t>(level.size);
+    std::uint64_t *words = occupancy(level);
+    for (std::uint32_t step = 1; step <= std::min(limit, size);) {
+        std::uint32_t at = (static_cast<std::uint32_t>(level.current) + step) & (size - 1);
+        std::uint64_t ahead = words[at / kWordBits] >> (at % kWordBits);
+        if (ahead == 0) {
+            // On to the next word or, in the last one, round to the first bucket.
+            step += std::min<std::uint32_t>(kWordBits - at % kWordBits, size - at);
+            continue;
+        }
+        auto skipped = static_cast<std::uint32_t>(std::countr_zero(ahead));
+        step += skipped;
+        at += skipped;
+        if (step > std::min(limit, size))
+            break;
+        if (level.buckets[at].first != nullptr)
+            return step;
+        words[at / kWordBits] &= ~(std::uint64_t{1} << (at % kWordBits));
+        step++;
+    }
+    return 0;
+}
+
+// ---- buckets ----
+
+void queue(atimer_level &level, std::uint32_t slot, atimer &timer)
+{
+    slot &= static_cast<std::uint32_t>(level.size) - 1;
+    base::tail_queue_append(level.buckets[slot], timer);
+    timer.bucket = &level.buckets[slot];
+    occupancy(level)[slot / kWordBits] |= std::uint64_t{1} << (slot % kWordBits);
+}
+
+// The timer is off the wheel when its callback runs and is not touched afterwards: the callback may have freed it.
+void fire(atimer &timer)
+{
+    stop_atimer(&timer);
+    if (timer.callback != nullptr)
+        timer.callback(timer.arg);
+}
+
+// Moves a timer whose bucket of level i has come up to the highest level below at which it has still a bucket to go, or
+// fires it.
+void cascade(atimer_context &ctx, std::int32_t i, atimer &timer)
+{
+    for (std::int32_t j = i - 1; j >= 0; j--) {
+        atimer_level &level = ctx.levels[j];
+        std::uint32_t slots = timer.remain >> level.shift;
+        if (slots == 0)
+            continue;
+        timer.remain &= level.mask;
+        base::tail_queue_unlink(*timer.bucket, timer);
+        queue(level, slots + static_cast<std::uint32_t>(level.current), timer);
+        return;
+    }
+    fire(timer);
+}
+
+void bring_up_next(atimer_context &ctx, std::int32_t i)
+{
+    atimer_level &level = ctx.levels[i];
+    level.current = (level.current + 1) & (level.size - 1);
+    atimer_bucket &bucket = level.buckets[level.current];
+    // Read anew after every step: a callback may stop, free or start any timer, of this bucket too.
+    while (bucket.first != nullptr)
+        cascade(ctx, i, *bucket.first);
+}
+
+// ---- stalls ----
+
+// How many ticks, up to limit, can pass before one that brings an occupied bucket up.
+std::uint32_t idle_ticks(const atimer_context &ctx, std::uint32_t limit)
+{
+    for (std::int32_t i = 0; i < ctx.nlevels && limit > 0; i++) {
+        const atimer_level &level = ctx.levels[i];
+        // Advances of this level within the limit, and the tick of the one that matters.
+        std::uint64_t into = ctx.tick & level.mask;
+        auto advances = static_cast<std::uint32_t>((into + limit) >> level.shift);
+        std::uint32_t step = advances_to_occupied(level, advances);
+        if (step != 0)
+            limit = static_cast<std::uint32_t>((std::uint64_t{step} << level.shift) - into - 1);
+    }
+    return limit;
+}
+
+// Lets ticks pass that bring up empty buckets only.
+void pass(atimer_context &ctx, std::uint32_t ticks)
+{
+    for (std::int32_t i = 0; i < ctx.nlevels; i++) {
+        atimer_level &level = ctx.levels[i];
+        std::uint64_t into = ctx.tick & level.mask;
+        auto advances = static_cast<std::uint32_t>((into + ticks) >> level.shift);
+        level.current = static_cast<std::int32_t>((static_cast<std::uint32_t>(level.current) + advances) &
+                                                  (static_cast<std::uint32_t>(level.size) - 1));
+    }
+    ctx.tick += ticks;
+    ctx.last_second += ticks;
+}
+
+// ---- set-up ----
+
+atimer_bucket *make_buckets(std::size_t size)
+{
+    std::size_t heads = size * sizeof(atimer_bucket);
+    auto *buckets = static_cast<atimer_bucket *>(std::calloc(heads + occupancy_words(size) * sizeof(std::uint64_t), 1));
+    if (buckets == nullptr)
+        return nullptr;
+    for (std::size_t i = 0; i < size; i++)
+        base::tail_queue_init(buckets[i]);
+    return buckets;
+}
+
+void free_levels(atimer_context &ctx, std::int32_t made)
+{
+    for (std::int32_t i = 0; i < made; i++)
+        std::free(ctx.levels[i].buckets);
+    std::free(ctx.levels);
+    ctx.levels = nullptr;
+    ctx.nlevels = 0;
+}
+
+constexpr std::uint32_t low_bits(std::uint64_t count)
+{
+    return count < 32 ? (std::uint32_t{1} << count) - 1 : UINT32_MAX;
+}
+
+} // namespace
+
+extern "C" {
+
+int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits)
+{
+    if (ctx == nullptr)
+        return -1;
+    ctx->levels = nullptr;
+    ctx->nlevels = 0;
+    ctx->tick = 0;
+    // Computed wide: a product that wraps must not pass for a small one.
+    std::uint64_t total = std::uint64_t{nlevels} * static_cast<std::uint32_t>(bits);
+    ctx->total_bits = static_cast<std::uint32_t>(total);
+    ctx->tick_mask = low_bits(total);
+    ctx->max_expire = 0;
+    if (bits < 0 || static_cast<unsigned>(bits) > kMaxTotalBits || total > kMaxTotalBits) {
+        console_print("atimer_init: max tick can not be greater than 2^30\n");
+        return -1;
+    }
+    if (nlevels > INT_MAX)
+        return -1;
+    if (nlevels > 0)
+        ctx->max_expire = low_bits(static_cast<std::uint64_t>(bits)) << (total - static_cast<unsigned>(bits));
+
+    ctx->levels = static_cast<atimer_level *>(std::calloc(std::max<std::size_t>(nlevels, 1), sizeof(atimer_level)));
+    if (ctx->levels == nullptr)
+        return -1;
+    ctx->nlevels = static_cast<std::int32_t>(nlevels);
+    for (std::int32_t i = 0; i < ctx->nlevels; i++) {
+        atimer_level &level = ctx->levels[i];
+        level.bits = bits;
+        level.size = std::int32_t{1} << bits;
+        level.shift = i * bits;
+        level.mask = low_bits(static_cast<std::uint64_t>(level.shift));
+        level.buckets = make_buckets(static_cast<std::size_t>(level.size));
+        if (level.buckets == nullptr) {
+            free_levels(*ctx, i);
+            return -1;
+        }
+    }
+    ctx->last_second = get_time_second();
+    return 0;
+}
+
+struct atimer *create_atimer(unsigned int expire, void (*callback)(void *arg), void *arg)
+{
+    auto *timer = static_cast<atimer *>(std::malloc(sizeof(atimer)));
+    if (timer == nullptr)
+        return nullptr;
+    timer->bucket = nullptr;
+    init_atimer(timer, expire, callback, arg);
+    return timer;
+}
+
+void init_atimer(struct atimer *timer, unsigned int expire, void (*callback)(void *arg), void *arg)
+{
+    if (timer == nullptr)
+        return;
+    stop_atimer(timer);
+    timer->spare = 0;
+    timer->callback = callback;
+    timer->arg = arg;
+    timer->expire = expire;
+    timer->remain = expire;
+}
+
+void start_atimer(struct atimer_context *ctx, struct atimer *timer)
+{
+    auto *callback = reinterpret_cast<void *>(timer->callback);
+    if (timer->bucket != nullptr) {
+        console_print("ATimer has already been started, callback %p\n", callback);
+        return;
+    }
+    // Signed on both sides: an expiry of 2^31 and more passes, and fires after its 32-bit count of ticks.
+    if (static_cast<std::int32_t>(ctx->max_expire) <= static_cast<std::int32_t>(timer->expire)) {
+        console_print("ATimer expire %d greater than max allowed %d, callback %p\n",
+                      static_cast<std::int32_t>(timer->expire), static_cast<std::int32_t>(ctx->max_expire), callback);
+        return;
+    }
+    std::uint32_t ticks = std::max(timer->expire, 1U);
+    std::uint32_t base = ctx->tick & ctx->tick_mask;
+    for (std::int32_t i = ctx->nlevels - 1; i >= 0; i--) {
+        atimer_level &level = ctx->levels[i];
+        std::uint32_t v = (base & level.mask) + ticks;
+        std::uint32_t slots = v >> level.shift;
+        if (slots == 0)
+            continue;
+        timer->remain = v & level.mask;
+        queue(level, static_cast<std::uint32_t>(level.current) + slots, *timer);
+        return;
+    }
+}
+
+void stop_atimer(struct atimer *timer)
+{
+    if (timer == nullptr || timer->bucket == nullptr)
+        return;
+    base::tail_queue_unlink(*timer->bucket, *timer);
+    timer->bucket = nullptr;
+}
+
+void adjust_atimer(struct atimer_context *ctx, struct atimer *timer, unsigned int expire)
+{
+    if (ctx == nullptr || timer == nullptr)
+        return;
+    stop_atimer(timer);
+    timer->expire = expire;
+    start_atimer(ctx, timer);
+}
+
+void free_atimer(struct atimer *timer)
+{
+    stop_atimer(timer);
+    std::free(timer);
+}
+
+void per_tick_call(struct atimer_context *ctx)
+{
+    ctx->tick++;
+    // A level whose turn it is not ends it: the masks of the higher ones only add bits.
+    for (std::int32_t i = 0; i < ctx->nlevels && (ctx->tick & ctx->levels[i].mask) == 0; i++)
+        bring_up_next(*ctx, i);
+}
+
+int process_atimer(struct atimer_context *ctx)
+{
+    for (;;) {
+        std::uint32_t now = get_time_second();
+        auto behind = static_cast<std::int32_t>(now - ctx->last_second);
+        if (behind < 1)
+            return behind;
+        // Until this reading is caught up with; a callback may itself have moved the wheel on.
+        while ((behind = static_cast<std::int32_t>(now - ctx->last_second)) >= 1) {
+            pass(*ctx, idle_ticks(*ctx, static_cast<std::uint32_t>(behind)));
+            if (now == ctx->last_second)
+                break;
+            ctx->last_second++;
+            per_tick_call(ctx);
+        }
+    }
+}
+}

@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sorted one-shot timers over the imported heap.
+#include "stimer.h"
+
+#include "heap.h"
+#include "log/trace_error.h"
+#include "qv_time.h"
+
+#include <climits>
+#include <cstddef>
+#include <cstdlib>
+#include <type_traits>
+
+// The C library's assertion failure, called by name so that NDEBUG does not take it away.
+extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
+                                           const char *function) noexcept;
+
+namespace {
+
+constexpr const char *kSource = "qv_stimer";
+constexpr unsigned kInitialHeapSize = 16;
+constexpr unsigned kEarliest = 1; // heap position
+constexpr long kMicrosecondsPerSecond = 1'000'000;
+
+static_assert(offsetof(stimer, ctx) == 0 && offsetof(stimer, index) == 8 && offsetof(stimer, interval) == 16);
+static_assert(offsetof(stimer, expire) == 32 && offsetof(stimer, callback) == 48 && offsetof(stimer, arg) == 56);
+static_assert(sizeof(stimer) == 64);
+
+void report(const char *text, int line = __builtin_LINE())
+{
+    trace::error(kSource, line, text);
+}
+
+bool is_later(const timeval &a, const timeval &b)
+{
+    return qv_timeval_compare(&a, &b) > 0;
+}
+
+// The sum, held at the ends of the range: intervals may be set by hand.
+long add(long a, long b)
+{
+    long sum;
+    if (!__builtin_add_overflow(a, b, &sum))
+        return sum;
+    return b < 0 ? LONG_MIN : LONG_MAX;
+}
+
+timeval expiry_after(const timeval &now, const timeval &interval)
+{
+    timeval expire = {add(now.tv_sec, interval.tv_sec), add(now.tv_usec, interval.tv_usec)};
+    if (expire.tv_usec >= kMicrosecondsPerSecond) {
+        expire.tv_sec = add(expire.tv_sec, 1);
+        expire.tv_usec -= kMicrosecondsPerSecond;
+    }
+    return expire;
+}
+
+} // namespace
+
+extern "C" {
+
+int stimer_context_init(void **ctx)
+{
+    *ctx = __heap_new(stimer_higher_priority_func, stimer_index_func, kInitialHeapSize);
+    if (*ctx != nullptr)
+        return 0;
+    report("Can not intialize stimer context\n"); // log readers know it misspelt
+    return -1;
+}
+
+void stimer_context_fini(void **ctx)
+{
+    if (*ctx != nullptr)
+        __heap_free(*ctx);
+}
+
+int stimer_get_next_expire(void **ctx, struct timeval *out)
+{
+    const auto *timer = static_cast<const stimer *>(__heap_element(*ctx, 0));
+    if (timer == nullptr)
+        return -1;
+    *out = timer->expire;
+    return 0;
+}
+
+struct stimer *create_stimer(void **ctx, int seconds, void (*callback)(void *arg), void *arg)
+{
+    auto *timer = static_cast<stimer *>(std::calloc(1, sizeof(stimer)));
+    if (timer == nullptr) {
+        report("Can not allocate stimer\n");
+        return nullptr;
+    }
+    init_stimer(timer, ctx, seconds, callback, arg);
+    return timer;
+}
+
+void init_stimer(struct stimer *timer, void **ctx, int seconds, void (*callback)(void *arg), void *arg)
+{
+    timer->ctx = ctx;
+    timer->index = 0;
+    timer->interval = {seconds, 0};
+    timer->callback = callback;
+    timer->arg = arg;
+}
+
+void start_stimer(struct stimer *timer)
+{
+    if (timer->ctx == nullptr)
+        __assert_fail("ctx", kSource, __LINE__, "start_stimer");
+    if (timer->index > 0) {
+        report("stimer already started\n");
+        return;
+    }
+    timeval now;
+    qv_gettimeofday(&now);
+    timer->expire = expiry_after(now, timer->interval);
+    if (__heap_insert(*timer->ctx, timer) < 0)
+        report("Can not start stimer\n");
+}
+
+void stop_stimer(struct stimer *timer)
+{
+    if (timer->ctx == nullptr || timer->index <= 0)
+        return;
+    if (__heap_delete(*timer->ctx, static_cast<unsigned>(timer->index) - 1) >= 0)
+        timer->index = 0;
+    else
+        report("Can not start stimer\n"); // the text of a failed start, for a stop too
+}
+
+int process_stimer(void **ctx)
+{
+    timeval now;
+    qv_gettimeofday(&now);
+    int count = 0;
+    // The head is looked up anew every round: a callback may start, stop or free any timer.
+    while (auto *timer = static_cast<stimer *>(__heap_element(*ctx, kEarliest))) {
+        if (is_later(timer->expire, now))
+            break;
+        stop_stimer(timer);
+        count++;
+        if (timer->callback != nullptr)
+            timer->callback(timer->arg);
+        else
+            // The timer is off already, so this takes the next one with it, whose index goes on saying that it runs.
+            // Callers have come to depend on it.
+            __heap_delete(*ctx, kEarliest);
+    }
+    return count;
+}
+
+void free_stimer(struct stimer *timer)
+{
+    stop_stimer(timer);
+    std::free(timer);
+}
+
+int stimer_isruning(const struct stimer *timer)
+{
+    return timer->index > 0 ? 1 : 0;
+}
+
+int stimer_higher_priority_func(const void *a, const void *b)
+{
+    return is_later(static_cast<const stimer *>(b)->expire, static_cast<const stimer *>(a)->expire) ? 1 : 0;
+}
+
+void stimer_index_func(void *timer, unsigned int position)
+{
+    static_cast<stimer *>(timer)->index = static_cast<int>(position + 1);
+}
+}
