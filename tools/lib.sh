@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034 # the tools use what is set here
 # What the tools share. Sourced, with the shell's strict mode on.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

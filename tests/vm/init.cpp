@@ -2,6 +2,7 @@
 // The first process of the emulated AArch64 machine: sets the system up, runs every test case in a process of its own
 // (or one script), and powers off. What it prints on the console is for people and for tools/vm:
 //
+//     VM: START <case>
 //     VM: PASS|FAIL|SKIP|TIMEOUT <case> <milliseconds>
 //     VM: passed <n> failed <n> skipped <n>
 #include <algorithm>
@@ -174,6 +175,11 @@ std::vector<Case> list_cases()
     return cases;
 }
 
+std::string shown_name(const Case &test)
+{
+    return test.name.empty() ? test.program : test.name;
+}
+
 void report(const Running &run, int status, Totals &totals)
 {
     auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - run.since).count();
@@ -181,8 +187,7 @@ void report(const Running &run, int status, Totals &totals)
     bool good = status == 0 && !run.late && !run.test.name.empty();
     bool skipped = good && output.find("[  SKIPPED ]") != std::string::npos;
     const char *verdict = run.late ? "TIMEOUT" : !good ? "FAIL" : skipped ? "SKIP" : "PASS";
-    std::string name = run.test.name.empty() ? run.test.program : run.test.name;
-    std::printf("VM: %s %s %lld\n", verdict, name.c_str(), static_cast<long long>(taken));
+    std::printf("VM: %s %s %lld\n", verdict, shown_name(run.test).c_str(), static_cast<long long>(taken));
     if (!good)
         std::printf("%s\n(status 0x%x)\n", output.c_str(), static_cast<unsigned>(status));
     if (skipped) {
@@ -209,6 +214,9 @@ Totals run_cases(const std::vector<Case> &cases)
     while (next < cases.size() || !running.empty()) {
         while (next < cases.size() && running.size() < kWorkers) {
             Running run{cases[next], "/tmp/case." + std::to_string(next), steady::now()};
+            // Out at once: when the kernel hangs, this line is all that tells which case it was.
+            std::printf("VM: START %s\n", shown_name(run.test).c_str());
+            std::fflush(stdout);
             pid_t pid = start({run.test.program, "--gtest_filter=" + run.test.name}, run.output);
             running.emplace(pid, run);
             next++;
