@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: Apache-2.0
+// The contract of the heap library, as heap.h tells it.
+#include "heap.h"
+
+#include "support/support.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <random>
+#include <set>
+
+using namespace support;
+
+namespace {
+
+struct Element {
+    int key = 0;
+    unsigned position = 0; // as told last
+    int told = 0;
+};
+
+int before(const void *a, const void *b)
+{
+    return static_cast<const Element *>(a)->key < static_cast<const Element *>(b)->key ? 1 : 0;
+}
+
+void tell(void *element, unsigned position)
+{
+    auto *e = static_cast<Element *>(element);
+    e->position = position;
+    e->told++;
+}
+
+struct Heap {
+    void *handle = __heap_new(before, tell, 16);
+    ~Heap() { __heap_free(handle); }
+    Element *at(unsigned position) { return static_cast<Element *>(__heap_element(handle, position)); }
+};
+
+bool no_memory = false;
+
+} // namespace
+
+extern "C" void *realloc(void *block, std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(void *, std::size_t)>(::dlsym(RTLD_NEXT, "realloc"));
+    return no_memory ? nullptr : real(block, size);
+}
+
+TEST(HeapLibrary, EmptyHeapAnswersNothing)
+{
+    Heap heap;
+    ASSERT_NE(heap.handle, nullptr);
+    for (unsigned position : {0u, 1u, 2u, UINT_MAX}) {
+        EXPECT_EQ(heap.at(position), nullptr);
+        EXPECT_LT(__heap_delete(heap.handle, position), 0);
+    }
+}
+
+TEST(HeapLibrary, TheEarliestIsAtPosition1AndAnswersFor0)
+{
+    Heap heap;
+    Element five{5}, three{3}, four{4};
+    for (Element *e : {&five, &three, &four})
+        EXPECT_EQ(__heap_insert(heap.handle, e), 0);
+    EXPECT_EQ(heap.at(1), &three);
+    EXPECT_EQ(heap.at(0), &three);
+    EXPECT_EQ(heap.at(4), nullptr);
+    EXPECT_EQ(heap.at(UINT_MAX), nullptr);
+}
+
+TEST(HeapLibrary, PositionsOutsideAreAnsweredNegative)
+{
+    Heap heap;
+    Element one{1}, two{2};
+    __heap_insert(heap.handle, &one);
+    __heap_insert(heap.handle, &two);
+    for (unsigned position : {0u, 3u, 4u, 1000u, UINT_MAX})
+        EXPECT_LT(__heap_delete(heap.handle, position), 0) << position;
+    EXPECT_EQ(heap.at(2), &two);
+}
+
+TEST(HeapLibrary, TheToldPositionDeletes)
+{
+    Heap heap;
+    std::vector<Element> elements(100);
+    for (int i = 0; i < 100; i++)
+        elements[static_cast<std::size_t>(i)].key = (i * 37) % 100;
+    for (Element &e : elements)
+        __heap_insert(heap.handle, &e);
+    for (Element &e : elements) {
+        EXPECT_EQ(heap.at(e.position), &e);
+        EXPECT_EQ(__heap_delete(heap.handle, e.position), 0);
+    }
+    EXPECT_EQ(heap.at(1), nullptr);
+}
+
+TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
+{
+    Heap heap;
+    Element one{1}, two{2};
+    __heap_insert(heap.handle, &one);
+    __heap_insert(heap.handle, &two);
+    int told = one.told;
+    __heap_delete(heap.handle, one.position);
+    EXPECT_EQ(one.told, told);
+    EXPECT_EQ(one.position, 1u) << "stale now";
+    EXPECT_EQ(two.position, 1u) << "moved up, and told";
+    EXPECT_EQ(__heap_delete(heap.handle, 2), -1);
+}
+
+TEST(HeapLibrary, GrowthThatFailsLeavesTheHeapAsItWas)
+{
+    void *handle = __heap_new(before, tell, 2);
+    Element elements[3] = {{3}, {2}, {1}};
+    EXPECT_EQ(__heap_insert(handle, &elements[0]), 0);
+    EXPECT_EQ(__heap_insert(handle, &elements[1]), 0);
+    no_memory = true;
+    EXPECT_LT(__heap_insert(handle, &elements[2]), 0);
+    no_memory = false;
+    EXPECT_EQ(elements[2].told, 0);
+    EXPECT_EQ(__heap_element(handle, 1), &elements[1]);
+    EXPECT_EQ(__heap_insert(handle, &elements[2]), 0);
+    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
+    __heap_free(handle);
+}
+
+TEST(HeapLibrary, AnInitialSizeOf0IsAsGoodAsAny)
+{
+    void *handle = __heap_new(before, tell, 0);
+    Element elements[5] = {{3}, {2}, {1}, {5}, {4}};
+    for (Element &e : elements)
+        EXPECT_EQ(__heap_insert(handle, &e), 0);
+    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
+    __heap_free(handle);
+}
+
+TEST(HeapLibrary, NullHandlesAreAnswered)
+{
+    Element one;
+    EXPECT_LT(__heap_insert(nullptr, &one), 0);
+    EXPECT_LT(__heap_delete(nullptr, 1), 0);
+    EXPECT_EQ(__heap_element(nullptr, 1), nullptr);
+    __heap_free(nullptr);
+}
+
+TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        Heap heap;
+        std::vector<Element> elements(500);
+        std::vector<Element *> in, out;
+        for (Element &e : elements)
+            out.push_back(&e);
+        std::multiset<int> keys;
+        for (std::size_t step = 0; step < effort(300000); step++) {
+            bool insert = in.empty() || (!out.empty() && random() % 2 == 0);
+            if (insert) {
+                std::swap(out[random() % out.size()], out.back());
+                Element *e = out.back();
+                out.pop_back();
+                e->key = static_cast<int>(random() % 200);
+                ASSERT_EQ(__heap_insert(heap.handle, e), 0);
+                in.push_back(e);
+                keys.insert(e->key);
+            } else {
+                std::size_t which = random() % in.size();
+                if (random() % 2 == 0) // the earliest, as timers go
+                    which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
+                Element *e = in[which];
+                ASSERT_EQ(heap.at(e->position), e);
+                ASSERT_EQ(__heap_delete(heap.handle, e->position), 0);
+                keys.erase(keys.find(e->key));
+                in[which] = in.back();
+                in.pop_back();
+                out.push_back(e);
+            }
+            ASSERT_EQ(heap.at(1) == nullptr, keys.empty());
+            if (!keys.empty()) {
+                ASSERT_EQ(heap.at(1)->key, *keys.begin());
+            }
+            ASSERT_EQ(heap.at(static_cast<unsigned>(in.size()) + 1), nullptr);
+            if (step % 1000 == 0) {
+                for (Element *e : in)
+                    ASSERT_EQ(heap.at(e->position), e);
+            }
+        }
+    }
+}
