@@ -13,7 +13,6 @@
 
 #include "libcommon_api.h"
 
-#include <pthread.h>
 #include <stdint.h>
 
 QV_BEGIN_DECLS
@@ -22,7 +21,7 @@ struct mcache_page;
 
 struct mcache {
     uint32_t objs_per_page; /* sets up the free count of a page */
-    pthread_spinlock_t lock;
+    int lock;               /* a pthread spin lock, shared between processes; strict C11 has no name for its type */
     struct mcache *next_cache;
     struct mcache_page *full_pages;
     struct mcache_page *partial_head;

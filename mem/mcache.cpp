@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
+#include <pthread.h>
+#include <type_traits>
 
 struct mcache_page {
     uint64_t magic;
@@ -33,6 +35,7 @@ struct slot_header {
     uint32_t flags;
 };
 
+static_assert(std::is_same_v<pthread_spinlock_t, volatile int>);
 static_assert(sizeof(mcache_page) == 40 && offsetof(mcache_page, prev) == 16 && offsetof(mcache_page, free_head) == 32);
 static_assert(sizeof(slot_header) == 8);
 static_assert(sizeof(mcache) == 144 && offsetof(mcache, next_cache) == 8 && offsetof(mcache, name) == 48 &&

@@ -31,12 +31,12 @@ bool kept_by_this_thread()
 
 bool lock_patiently()
 {
-    timespec end;
-    timeRT(&end);
+    timespec end; // by the wall clock, as the call wants it; where that is set meanwhile, the caller tries again
+    clock_gettime(CLOCK_REALTIME, &end);
     end.tv_nsec += kForkPatience;
     end.tv_sec += end.tv_nsec / kNanosecondsPerSecond;
     end.tv_nsec %= kNanosecondsPerSecond;
-    return pthread_mutex_clocklock(&localtime_mutex, CLOCK_MONOTONIC, &end) == 0;
+    return pthread_mutex_timedlock(&localtime_mutex, &end) == 0;
 }
 
 // A conversion in another thread holds the C library's own time-zone lock too, which a child could never get past: wait

@@ -12,7 +12,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace support;
@@ -552,27 +551,4 @@ TEST(Platform, EveryNamedConsoleCountsAsTheDefaultOne)
     EXPECT_EQ(is_default_console_device("ttyS0"), 1);
     EXPECT_EQ(is_default_console_device("nonsense"), 1);
     EXPECT_EQ(is_default_console_device(nullptr), 0);
-}
-
-// ---- threads ----
-
-TEST(ConsoleThreads, LinesNeverInterleaveInside)
-{
-    const std::size_t rounds = effort(500);
-    console_print_t("open\n");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++)
-        threads.emplace_back([&, t] {
-            for (std::size_t i = 0; i < rounds; i++)
-                qv_ilog("<%d %060zu>\n", t, i);
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-    std::string log = read_file("/etc/ilog.txt");
-    std::size_t found = 0;
-    for (std::size_t at = 0; (at = log.find('<', at)) != std::string::npos; at++) {
-        EXPECT_EQ(log.compare(at + 63, 2, ">\n"), 0);
-        found++;
-    }
-    EXPECT_EQ(found, 4 * rounds);
 }
