@@ -33,7 +33,7 @@ uint32_t get(const uint32_t &counter)
 }
 
 // What the block takes in the heap: the allocator's header word before it, without its three flag bits.
-uint32_t chunk_size(const void *ptr)
+uint32_t chunk_size(void *ptr)
 {
     asm volatile("" : "+r"(ptr)); // the compiler knows malloc's blocks and takes the header for out of bounds
     return static_cast<uint32_t>(static_cast<const size_t *>(ptr)[-1] & ~size_t{7});
