@@ -1,0 +1,596 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "atimer.h"
+
+#include "support/support.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <map>
+#include <random>
+#include <vector>
+
+using namespace support;
+
+namespace {
+
+// ---- time and memory as the tests tell them ----
+
+long now = 1000;
+bool clock_fails = false;
+int clock_reads = 0;
+int allocations_left = INT_MAX;
+
+const std::string kTooMany = "atimer_init: max tick can not be greater than 2^30\n";
+
+std::vector<void *> fired;
+
+void note(void *arg)
+{
+    fired.push_back(arg);
+}
+
+std::string callback_text(void (*callback)(void *))
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", reinterpret_cast<void *>(callback));
+    return text;
+}
+
+struct Wheel : atimer_context {
+    Wheel(unsigned levels_wanted, int bits) { EXPECT_EQ(atimer_init(this, levels_wanted, bits), 0); }
+    ~Wheel()
+    {
+        for (std::int32_t i = 0; i < nlevels; i++)
+            std::free(levels[i].buckets);
+        std::free(levels);
+    }
+    Wheel(const Wheel &) = delete;
+
+    // Ticks until something fires, 0 if nothing does within limit.
+    unsigned ticks_to_fire(unsigned limit)
+    {
+        fired.clear();
+        for (unsigned i = 1; i <= limit; i++) {
+            per_tick_call(this);
+            if (!fired.empty())
+                return i;
+        }
+        return 0;
+    }
+};
+
+// The level and bucket index a timer is queued at.
+std::pair<int, long> place_of(const Wheel &wheel, const atimer &timer)
+{
+    for (std::int32_t i = 0; i < wheel.nlevels; i++) {
+        const atimer_level &level = wheel.levels[i];
+        if (timer.bucket >= level.buckets && timer.bucket < level.buckets + level.size)
+            return {i, timer.bucket - level.buckets};
+    }
+    return {-1, -1};
+}
+
+} // namespace
+
+extern "C" int clock_gettime(clockid_t, timespec *ts)
+{
+    clock_reads++;
+    if (clock_fails)
+        return -1;
+    *ts = {now, 0};
+    return 0;
+}
+
+extern "C" void *calloc(std::size_t count, std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t, std::size_t)>(::dlsym(RTLD_NEXT, "calloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    if (allocations_left != INT_MAX)
+        allocations_left--;
+    return real(count, size);
+}
+
+// ---- set-up ----
+
+TEST(AtimerInit, Fields)
+{
+    now = 0x100000007;
+    Wheel wheel(2, 4);
+    EXPECT_EQ(wheel.nlevels, 2);
+    EXPECT_EQ(wheel.total_bits, 8u);
+    EXPECT_EQ(wheel.tick_mask, 0xFFu);
+    EXPECT_EQ(wheel.max_expire, 240u);
+    EXPECT_EQ(wheel.tick, 0u);
+    EXPECT_EQ(wheel.last_second, 7u) << "32 bits of the clock";
+    for (int i = 0; i < 2; i++) {
+        const atimer_level &level = wheel.levels[i];
+        EXPECT_EQ(level.current, 0);
+        EXPECT_EQ(level.bits, 4);
+        EXPECT_EQ(level.size, 16);
+        EXPECT_EQ(level.shift, 4 * i);
+        EXPECT_EQ(level.mask, i == 0 ? 0u : 15u);
+        for (int b = 0; b < 16; b++) {
+            EXPECT_EQ(level.buckets[b].first, nullptr);
+            EXPECT_EQ(level.buckets[b].last, &level.buckets[b].first);
+        }
+    }
+}
+
+TEST(AtimerInit, ThirtyBitsAreTakenAndMoreRefused)
+{
+    {
+        Wheel wheel(3, 10);
+        EXPECT_EQ(wheel.max_expire, 1023u << 20);
+        EXPECT_EQ(wheel.tick_mask, (1u << 30) - 1);
+    }
+    atimer_context context;
+    EXPECT_EQ(atimer_init(&context, 3, 11), -1);
+    EXPECT_EQ(context.total_bits, 33u);
+    EXPECT_EQ(context.levels, nullptr);
+    EXPECT_EQ(atimer_init(&context, 31, 1), -1);
+    EXPECT_EQ(atimer_init(&context, 1, 31), -1);
+    EXPECT_EQ(atimer_init(&context, 1, INT_MAX), -1);
+    EXPECT_EQ(read_file(kConsole), kTooMany + kTooMany + kTooMany + kTooMany);
+}
+
+TEST(AtimerInit, WrappingProductsAndNegativeBitsAreRefused)
+{
+    atimer_context context;
+    EXPECT_EQ(atimer_init(&context, 1u << 31, 2), -1);
+    EXPECT_EQ(atimer_init(&context, 1u << 30, 4), -1);
+    EXPECT_EQ(atimer_init(&context, 1, -1), -1);
+    EXPECT_EQ(atimer_init(&context, 2, INT_MIN), -1);
+    EXPECT_EQ(atimer_init(&context, 0, -1), -1);
+    EXPECT_EQ(atimer_init(&context, 0, 31), -1);
+    EXPECT_EQ(context.levels, nullptr);
+}
+
+TEST(AtimerInit, OddCountsLeaveNothingToIndexWrongly)
+{
+    EXPECT_EQ(atimer_init(nullptr, 1, 4), -1);
+    atimer_context context;
+    EXPECT_EQ(atimer_init(&context, UINT_MAX, 0), -1);
+    EXPECT_EQ(context.levels, nullptr);
+    atimer *timer = create_atimer(0x80000000u, note, nullptr);
+    {
+        Wheel none(0, 4);
+        EXPECT_EQ(none.max_expire, 0u);
+        start_atimer(&none, timer);
+        EXPECT_EQ(timer->bucket, nullptr);
+        per_tick_call(&none);
+        now += 5;
+        EXPECT_EQ(process_atimer(&none), 0);
+    }
+    Wheel single(3, 0);
+    EXPECT_EQ(single.max_expire, 0u);
+    start_atimer(&single, timer);
+    EXPECT_EQ(single.ticks_to_fire(3), 1u) << "one bucket comes up every tick";
+    free_atimer(timer);
+}
+
+TEST(AtimerInit, FailedAllocationsLeaveNothing)
+{
+    for (int good : {0, 1, 2, 3}) {
+        atimer_context context;
+        allocations_left = good;
+        int result = atimer_init(&context, 3, 4);
+        allocations_left = INT_MAX;
+        EXPECT_EQ(result, -1) << good;
+        EXPECT_EQ(context.levels, nullptr);
+    }
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+// ---- timers ----
+
+TEST(Atimer, CreateSetsItsFields)
+{
+    int arg;
+    atimer *t = create_atimer(7, note, &arg);
+    EXPECT_EQ(t->bucket, nullptr);
+    EXPECT_EQ(t->spare, 0u);
+    EXPECT_EQ(t->callback, note);
+    EXPECT_EQ(t->arg, &arg);
+    EXPECT_EQ(t->expire, 7u);
+    EXPECT_EQ(t->remain, 7u);
+    free_atimer(t);
+}
+
+TEST(Atimer, InitStopsWhatRuns)
+{
+    Wheel wheel(1, 8);
+    atimer t{};
+    init_atimer(nullptr, 1, note, nullptr);
+    init_atimer(&t, 5, note, nullptr);
+    start_atimer(&wheel, &t);
+    EXPECT_NE(t.bucket, nullptr);
+    init_atimer(&t, 6, note, &t);
+    EXPECT_EQ(t.bucket, nullptr);
+    EXPECT_EQ(t.expire, 6u);
+    EXPECT_EQ(wheel.ticks_to_fire(300), 0u);
+}
+
+TEST(Atimer, FiresOnTheTickOfItsExpiry)
+{
+    Wheel wheel(1, 8);
+    atimer *t = create_atimer(5, note, nullptr);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 5}));
+    EXPECT_EQ(wheel.ticks_to_fire(20), 5u);
+    EXPECT_EQ(t->bucket, nullptr);
+    EXPECT_EQ(wheel.ticks_to_fire(300), 0u) << "once";
+    free_atimer(t);
+}
+
+TEST(Atimer, CascadesFromTheHigherLevel)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(20, note, nullptr);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{1, 1}));
+    EXPECT_EQ(t->remain, 4u);
+    for (int i = 0; i < 15; i++)
+        per_tick_call(&wheel);
+    EXPECT_EQ(place_of(wheel, *t).first, 1);
+    per_tick_call(&wheel);
+    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 4}));
+    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    free_atimer(t);
+}
+
+TEST(Atimer, OneThatIsDueWhenItsBucketComesUpFiresThere)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(16, note, nullptr);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(t->remain, 0u);
+    EXPECT_EQ(wheel.ticks_to_fire(40), 16u);
+    free_atimer(t);
+}
+
+TEST(Atimer, ZeroTicksCountAsOne)
+{
+    Wheel wheel(2, 4);
+    for (unsigned expire : {0u, 1u}) {
+        atimer *t = create_atimer(expire, note, nullptr);
+        start_atimer(&wheel, t);
+        EXPECT_EQ(wheel.ticks_to_fire(20), 1u);
+        free_atimer(t);
+    }
+}
+
+TEST(Atimer, ExpiriesFromTheLimitUpAreRefused)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(239, note, nullptr);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(wheel.ticks_to_fire(300), 239u);
+    t->expire = 240;
+    start_atimer(&wheel, t);
+    t->expire = INT_MAX;
+    start_atimer(&wheel, t);
+    EXPECT_EQ(t->bucket, nullptr);
+    std::string tail = " greater than max allowed 240, callback " + callback_text(note) + "\n";
+    EXPECT_EQ(read_file(kConsole), "ATimer expire 240" + tail + "ATimer expire 2147483647" + tail);
+    free_atimer(t);
+}
+
+TEST(Atimer, ExpiriesFrom2To31UpPassTheSignedCompare)
+{
+    Wheel wheel(2, 4);
+    for (unsigned expire : {0x80000000u, 0x80000005u, 0xFFFFFFFFu}) {
+        atimer *t = create_atimer(expire, note, nullptr);
+        start_atimer(&wheel, t);
+        EXPECT_NE(t->bucket, nullptr) << expire;
+        auto place = place_of(wheel, *t);
+        EXPECT_GE(place.first, 0) << "within the wheel";
+        free_atimer(t);
+    }
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+TEST(Atimer, StartingARunningOneIsSaidAndChangesNothing)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(5, note, nullptr);
+    start_atimer(&wheel, t);
+    auto place = place_of(wheel, *t);
+    per_tick_call(&wheel);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(read_file(kConsole), "ATimer has already been started, callback " + callback_text(note) + "\n");
+    EXPECT_EQ(place_of(wheel, *t), place);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    free_atimer(t);
+}
+
+TEST(Atimer, ANullCallbackIsNotCalled)
+{
+    Wheel wheel(1, 4);
+    atimer *t = create_atimer(1, nullptr, nullptr);
+    start_atimer(&wheel, t);
+    per_tick_call(&wheel);
+    EXPECT_EQ(t->bucket, nullptr);
+    free_atimer(t);
+}
+
+TEST(Atimer, StopAndAdjust)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(5, note, nullptr);
+    stop_atimer(t);
+    start_atimer(&wheel, t);
+    stop_atimer(t);
+    EXPECT_EQ(t->bucket, nullptr);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 0u);
+    adjust_atimer(&wheel, t, 7);
+    EXPECT_EQ(t->expire, 7u);
+    per_tick_call(&wheel);
+    adjust_atimer(&wheel, t, 3);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 3u);
+    adjust_atimer(nullptr, t, 9);
+    adjust_atimer(&wheel, nullptr, 9);
+    EXPECT_EQ(t->expire, 3u);
+    adjust_atimer(&wheel, t, 500);
+    EXPECT_EQ(t->bucket, nullptr) << "stopped, and refused";
+    EXPECT_EQ(t->expire, 500u);
+    free_atimer(t);
+}
+
+TEST(Atimer, TimersOfABucketFireInTheOrderOfTheirStarts)
+{
+    Wheel wheel(1, 4);
+    std::vector<atimer *> timers;
+    for (long i = 0; i < 4; i++) {
+        timers.push_back(create_atimer(3, note, reinterpret_cast<void *>(i)));
+        start_atimer(&wheel, timers.back());
+    }
+    wheel.ticks_to_fire(5);
+    ASSERT_EQ(fired.size(), 4u);
+    for (long i = 0; i < 4; i++)
+        EXPECT_EQ(fired[static_cast<std::size_t>(i)], reinterpret_cast<void *>(i));
+    for (atimer *t : timers)
+        free_atimer(t);
+}
+
+namespace {
+
+Wheel *shared_wheel;
+std::vector<atimer *> shared;
+
+} // namespace
+
+TEST(AtimerCallbacks, MayStopFreeAndStartTimersOfTheSameBucket)
+{
+    Wheel wheel(1, 4);
+    shared_wheel = &wheel;
+    fired.clear();
+    auto act = [](void *) {
+        stop_atimer(shared[1]);
+        free_atimer(shared[2]);
+        adjust_atimer(shared_wheel, shared[3], 14); // nearly a turn
+        adjust_atimer(shared_wheel, shared[0], 1);
+        free_atimer(shared[0]);
+        fired.push_back(nullptr);
+    };
+    for (int i = 0; i < 5; i++)
+        shared.push_back(create_atimer(3, i == 0 ? +act : note, reinterpret_cast<void *>(static_cast<long>(i))));
+    for (atimer *t : shared)
+        start_atimer(&wheel, t);
+    for (int i = 0; i < 3; i++)
+        per_tick_call(&wheel);
+    EXPECT_EQ(fired, (std::vector<void *>{nullptr, reinterpret_cast<void *>(4L)}));
+    EXPECT_EQ(wheel.ticks_to_fire(20), 14u);
+    for (int i : {1, 3, 4})
+        free_atimer(shared[static_cast<std::size_t>(i)]);
+}
+
+TEST(AtimerCallbacks, StartingAgainForAFullTurnIsNotFiredAtOnce)
+{
+    Wheel wheel(2, 4);
+    shared_wheel = &wheel;
+    static atimer *t;
+    t = create_atimer(
+        16, [](void *) { fired.push_back(nullptr), start_atimer(shared_wheel, t); }, nullptr);
+    start_atimer(&wheel, t);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 16u);
+    EXPECT_EQ(fired.size(), 1u);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 16u);
+    free_atimer(t);
+}
+
+// ---- driving ----
+
+TEST(AtimerProcess, OneTickASecond)
+{
+    Wheel wheel(2, 4);
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 0u);
+    now += 1;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 1u);
+    now += 5;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 6u);
+    EXPECT_EQ(wheel.last_second, 1006u);
+    EXPECT_EQ(wheel.levels[0].current, 6);
+}
+
+TEST(AtimerProcess, AClockThatFailsOrJumpsBackGivesNoTicks)
+{
+    Wheel wheel(2, 4);
+    clock_fails = true;
+    EXPECT_EQ(process_atimer(&wheel), -1000);
+    clock_fails = false;
+    now -= 10;
+    EXPECT_EQ(process_atimer(&wheel), -10);
+    EXPECT_EQ(wheel.tick, 0u);
+    EXPECT_EQ(wheel.last_second, 1000u);
+    now += 12;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 2u);
+}
+
+TEST(AtimerProcess, SecondsAndTicksWrap)
+{
+    now = 0xFFFFFFFEL;
+    Wheel wheel(2, 4);
+    wheel.tick = 0xFFFFFFF0u; // a multiple of the wheel, as if it had run for ever
+    atimer *t = create_atimer(20, note, nullptr);
+    start_atimer(&wheel, t);
+    now += 19;
+    fired.clear();
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(fired.size(), 0u);
+    EXPECT_EQ(wheel.last_second, 17u);
+    now += 1;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(fired.size(), 1u);
+    EXPECT_EQ(wheel.tick, 4u);
+    free_atimer(t);
+}
+
+TEST(AtimerProcess, CallbacksSeeTheirOwnTick)
+{
+    Wheel wheel(2, 4);
+    static Wheel *seen;
+    seen = &wheel;
+    static std::vector<std::pair<std::uint32_t, std::uint32_t>> at;
+    atimer *t = create_atimer(
+        7,
+        [](void *self) {
+            at.emplace_back(seen->tick, seen->last_second);
+            if (at.size() < 3)
+                start_atimer(seen, *static_cast<atimer **>(self));
+        },
+        &t);
+    start_atimer(&wheel, t);
+    now += 100;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(at, (std::vector<std::pair<std::uint32_t, std::uint32_t>>{{7, 1007}, {14, 1014}, {21, 1021}}));
+    EXPECT_EQ(wheel.tick, 100u);
+    free_atimer(t);
+}
+
+TEST(AtimerProcess, ACallbackMayDriveTheWheelItself)
+{
+    Wheel wheel(2, 4);
+    static Wheel *driven;
+    driven = &wheel;
+    atimer *t = create_atimer(
+        7, [](void *) { process_atimer(driven); }, nullptr);
+    start_atimer(&wheel, t);
+    now += 50;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 50u) << "no second is delivered twice";
+    free_atimer(t);
+}
+
+TEST(AtimerProcess, ALongStallOfAnEmptyWheelIsCaughtUpWith)
+{
+    Wheel wheel(3, 10);
+    now += 2000000000L;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(wheel.tick, 2000000000u);
+    EXPECT_EQ(static_cast<unsigned>(wheel.levels[0].current), wheel.tick % 1024);
+    EXPECT_EQ(static_cast<unsigned>(wheel.levels[1].current), (wheel.tick >> 10) % 1024);
+    EXPECT_EQ(static_cast<unsigned>(wheel.levels[2].current), (wheel.tick >> 20) % 1024);
+}
+
+// ---- models ----
+
+namespace {
+
+struct Shape {
+    unsigned levels;
+    int bits;
+};
+
+constexpr Shape kShapes[] = {{1, 1}, {1, 6}, {1, 10}, {2, 1}, {2, 4}, {3, 2}, {3, 7}, {4, 3}, {5, 1}, {5, 6}, {2, 10}};
+
+} // namespace
+
+TEST(AtimerModel, EveryTimerFiresOnItsTick)
+{
+    for (const Shape &shape : kShapes) {
+        Wheel wheel(shape.levels, shape.bits);
+        std::mt19937 engine(shape.levels * 100 + static_cast<unsigned>(shape.bits));
+        auto random = [&] { return static_cast<std::uint32_t>(engine()); };
+        std::vector<atimer *> timers;
+        std::map<atimer *, std::uint32_t> due; // the tick each running timer is to fire on
+        for (int i = 0; i < 100; i++) {
+            timers.push_back(create_atimer(0, note, nullptr));
+            timers.back()->arg = timers.back();
+        }
+        std::uint32_t limit = std::max(wheel.max_expire, 1u);
+        for (std::size_t step = 0; step < effort(20000); step++) {
+            for (unsigned n = random() % 3; n > 0; n--) {
+                atimer *t = timers[random() % timers.size()];
+                if (random() % 4 == 0) {
+                    stop_atimer(t);
+                    due.erase(t);
+                    continue;
+                }
+                std::uint32_t expire = (random() % 2 == 0 ? random() % 40 : random()) % limit;
+                adjust_atimer(&wheel, t, expire);
+                due[t] = wheel.tick + std::max(expire, 1u);
+            }
+            fired.clear();
+            per_tick_call(&wheel);
+            for (void *t : fired) {
+                auto at = due.find(static_cast<atimer *>(t));
+                ASSERT_NE(at, due.end());
+                ASSERT_EQ(at->second, wheel.tick);
+                due.erase(at);
+            }
+            for (auto &[t, tick] : due)
+                ASSERT_NE(tick, wheel.tick) << "missed";
+        }
+        for (atimer *t : timers)
+            free_atimer(t);
+    }
+}
+
+TEST(AtimerModel, StallsGiveTheSameAsSingleTicks)
+{
+    for (const Shape &shape : kShapes) {
+        Wheel stalled(shape.levels, shape.bits);
+        Wheel stepped(shape.levels, shape.bits);
+        std::mt19937 engine(shape.levels * 7 + static_cast<unsigned>(shape.bits));
+        auto random = [&] { return static_cast<std::uint32_t>(engine()); };
+        constexpr long kTimers = 20;
+        std::vector<atimer> a(kTimers), b(kTimers);
+        for (long i = 0; i < kTimers; i++) {
+            init_atimer(&a[static_cast<std::size_t>(i)], 0, note, reinterpret_cast<void *>(i));
+            init_atimer(&b[static_cast<std::size_t>(i)], 0, note, reinterpret_cast<void *>(i));
+        }
+        std::uint32_t limit = std::max(stalled.max_expire, 1u);
+        for (std::size_t step = 0; step < effort(3000); step++) {
+            for (unsigned n = random() % 6; n > 0; n--) {
+                std::size_t which = random() % kTimers;
+                std::uint32_t expire = (random() % 2 == 0 ? random() % 300 : random()) % limit;
+                if (random() % 5 == 0) {
+                    stop_atimer(&a[which]);
+                    stop_atimer(&b[which]);
+                } else {
+                    adjust_atimer(&stalled, &a[which], expire);
+                    adjust_atimer(&stepped, &b[which], expire);
+                }
+            }
+            long stall = static_cast<long>(random() % 400);
+            now += stall;
+            fired.clear();
+            ASSERT_EQ(process_atimer(&stalled), 0);
+            std::vector<void *> wanted = fired;
+            fired.clear();
+            for (long i = 0; i < stall; i++)
+                per_tick_call(&stepped);
+            ASSERT_EQ(wanted, fired);
+            ASSERT_EQ(stalled.tick, stepped.tick);
+            for (std::int32_t i = 0; i < stalled.nlevels; i++)
+                ASSERT_EQ(stalled.levels[i].current, stepped.levels[i].current);
+        }
+    }
+}
