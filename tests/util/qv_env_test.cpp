@@ -1,0 +1,701 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "qv_env.h"
+
+#include "support/support.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <map>
+#include <random>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+constexpr const char *kStore = "/tmp/qvenv";
+constexpr const char *kOther = "/tmp/settings";
+
+std::string text(std::size_t length, char c = 'x')
+{
+    return std::string(length, c);
+}
+
+// What a reader answers, "(null)" for null: no value of these tests reads so.
+std::string get(const std::string &name)
+{
+    const char *value = qv_getenv(name.c_str());
+    return value != nullptr ? value : "(null)";
+}
+
+std::string get_from(const std::string &path, const std::string &name)
+{
+    const char *value = qv_getenv_filename(path.c_str(), name.c_str());
+    return value != nullptr ? value : "(null)";
+}
+
+int open_store(int flags)
+{
+    int fd = ::open(kStore, flags, 0644);
+    EXPECT_GE(fd, 0);
+    return fd;
+}
+
+// The lock that stands in another process's way to a lock of this type, F_UNLCK for none.
+struct flock blocking_lock(int fd, short type)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    EXPECT_EQ(::fcntl(fd, F_GETLK, &lock), 0);
+    return lock;
+}
+
+// ---- locks ----
+
+TEST(FileLock, CoversTheWholeFileAndWhatIsAppended)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ::lseek(fd, 100, SEEK_SET);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
+    ChildResult child = run_child([&] {
+        struct flock lock = blocking_lock(fd, F_RDLCK);
+        EXPECT_EQ(lock.l_type, F_WRLCK);
+        EXPECT_EQ(lock.l_whence, SEEK_SET);
+        EXPECT_EQ(lock.l_start, 0);
+        EXPECT_EQ(lock.l_len, 0);
+        EXPECT_EQ(lock.l_pid, ::getppid());
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(FileLock, FailsAtOnceWithoutWait)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
+    ChildResult child = run_child([&] {
+        bool refused = file_lock(fd, F_RDLCK, 0) == -1 && (errno == EAGAIN || errno == EACCES);
+        ::_exit(refused ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+TEST(FileLock, ReadersShare)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ASSERT_EQ(file_lock(fd, F_RDLCK, 1), 0);
+    ChildResult child = run_child([&] {
+        bool as_told = file_lock(fd, F_RDLCK, 0) == 0 && file_lock(fd, F_WRLCK, 0) == -1;
+        ::_exit(as_told ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+TEST(FileLock, WaitsUntilUnlocked)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    int started[2];
+    ASSERT_EQ(::pipe(started), 0);
+    pid_t child = ::fork();
+    if (child == 0) {
+        [[maybe_unused]] ssize_t n = ::write(started[1], "", 1);
+        ::_exit(file_lock(fd, F_WRLCK, 1));
+    }
+    char byte;
+    ASSERT_EQ(::read(started[0], &byte, 1), 1);
+    ::usleep(20000);
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0); // nobody has unlocked yet
+    EXPECT_EQ(file_unlock(fd), 0);
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(FileLock, UnlockDropsTheLock)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
+    EXPECT_EQ(file_unlock(fd), 0);
+    ChildResult child = run_child([&] { ::_exit(file_lock(fd, F_WRLCK, 0) == 0 ? 0 : 1); });
+    EXPECT_TRUE(child.exited(0));
+}
+
+TEST(FileLock, GivesTheErrorOfTheSystemCall)
+{
+    EXPECT_EQ(file_lock(-1, F_RDLCK, 0), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(file_unlock(-1), -1);
+    int fd = open_store(O_RDONLY | O_CREAT);
+    EXPECT_EQ(file_lock(fd, F_WRLCK, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+// ---- setting ----
+
+TEST(SetEnv, CreatesTheStore)
+{
+    ::umask(0);
+    EXPECT_EQ(qv_setenv("slot", "3", 0), 0);
+    EXPECT_EQ(read_file(kStore), "slot=3\n");
+    struct stat status = {};
+    ASSERT_EQ(::stat(kStore, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644U);
+}
+
+TEST(SetEnv, AppendsNewNames)
+{
+    EXPECT_EQ(qv_setenv("a", "1", 0), 0);
+    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
+    EXPECT_EQ(qv_setenv("c", "", 1), 0);
+    EXPECT_EQ(read_file(kStore), "a=1\nb=2\nc=\n");
+}
+
+TEST(SetEnv, TakesAnEmptyStore)
+{
+    write_file(kStore, "");
+    EXPECT_EQ(qv_setenv("a", "1", 0), 0);
+    EXPECT_EQ(read_file(kStore), "a=1\n");
+}
+
+TEST(SetEnv, KeepsAPresentNameWithoutOverwrite)
+{
+    write_file(kStore, "a=1\nb=2\n");
+    EXPECT_EQ(qv_setenv("a", "9", 0), -2);
+    EXPECT_EQ(read_file(kStore), "a=1\nb=2\n");
+}
+
+TEST(SetEnv, MovesAnOverwrittenRecordToTheEnd)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    EXPECT_EQ(qv_setenv("b", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "a=1\nc=3\nb=9\n");
+    EXPECT_EQ(qv_setenv("a", "longer than it was", -1), 0);
+    EXPECT_EQ(read_file(kStore), "c=3\nb=9\na=longer than it was\n");
+    EXPECT_EQ(qv_setenv("a", "", 1), 0);
+    EXPECT_EQ(read_file(kStore), "c=3\nb=9\na=\n");
+}
+
+TEST(SetEnv, OverwritesTheFirstMatchOnly)
+{
+    write_file(kStore, "a=1\na=2\n");
+    EXPECT_EQ(qv_setenv("a", "3", 1), 0);
+    EXPECT_EQ(read_file(kStore), "a=2\na=3\n");
+}
+
+TEST(SetEnv, CutsWithinALine)
+{
+    write_file(kStore, "x=0\nAB=1\nc=2\n");
+    EXPECT_EQ(qv_setenv("B", "9", 0), -2);
+    EXPECT_EQ(qv_setenv("B", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "x=0\nAc=2\nB=9\n");
+}
+
+TEST(SetEnv, CutsWithinTheLastLine)
+{
+    write_file(kStore, "x=0\nAB=1\n");
+    EXPECT_EQ(qv_setenv("B", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "x=0\nAB=9\n");
+}
+
+TEST(SetEnv, FindsAMatchWithinAValue)
+{
+    write_file(kStore, "opt=a=1\nz=2\n");
+    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "opt=z=2\na=9\n");
+}
+
+TEST(SetEnv, WritesBehindAnUnfinishedLine)
+{
+    write_file(kStore, "a=1");
+    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
+    EXPECT_EQ(read_file(kStore), "a=1b=2\n");
+}
+
+TEST(SetEnv, ReplacesAnUnfinishedLine)
+{
+    write_file(kStore, "a=1\nb=2");
+    EXPECT_EQ(qv_setenv("b", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "a=1\nb=9\n");
+    write_file(kStore, "a=1\nb=2");
+    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "b=2a=9\n");
+}
+
+TEST(SetEnv, KeepsBlankLines)
+{
+    write_file(kStore, "\na=1\n\nb=2\n");
+    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
+    EXPECT_EQ(read_file(kStore), "\n\nb=2\na=9\n");
+}
+
+TEST(SetEnv, TakesAnEmptyName)
+{
+    write_file(kStore, "ab\n");
+    EXPECT_EQ(qv_setenv("", "1", 0), 0);
+    EXPECT_EQ(read_file(kStore), "ab\n=1\n");
+    EXPECT_EQ(get(""), "1");
+    EXPECT_EQ(qv_setenv("", "2", 0), -2);
+}
+
+TEST(SetEnv, BoundsOfTheName)
+{
+    EXPECT_EQ(qv_setenv(text(30).c_str(), "1", 1), 0);
+    EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
+    EXPECT_EQ(qv_setenv(text(31).c_str(), "2", 1), -1);
+    EXPECT_EQ(qv_setenv(text(5000).c_str(), "2", 1), -1);
+    EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
+    EXPECT_EQ(get(text(30)), "1");
+    EXPECT_EQ(qv_setenv(text(30).c_str(), "3", 1), 0);
+    EXPECT_EQ(read_file(kStore), text(30) + "=3\n");
+}
+
+TEST(SetEnv, BoundsOfTheValue)
+{
+    EXPECT_EQ(qv_setenv("v", text(64).c_str(), 1), 0);
+    EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
+    EXPECT_EQ(qv_setenv("v", text(65).c_str(), 1), -1);
+    EXPECT_EQ(qv_setenv("v", text(5000).c_str(), 1), -1);
+    EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
+}
+
+TEST(SetEnv, RefusedLengthsDoNotCreateTheStore)
+{
+    EXPECT_EQ(qv_setenv(text(31).c_str(), "1", 1), -1);
+    EXPECT_EQ(qv_setenv("v", text(65).c_str(), 1), -1);
+    EXPECT_FALSE(exists(kStore));
+}
+
+TEST(SetEnv, FailsWhenTheStoreCannotBeOpened)
+{
+    ASSERT_EQ(::mkdir(kStore, 0755), 0);
+    EXPECT_EQ(qv_setenv("a", "1", 1), -1);
+    EXPECT_EQ(get("a"), "(null)");
+    EXPECT_EQ(get_from(kStore, "a"), "(null)");
+}
+
+TEST(SetEnv, WriteErrorsAreIgnored)
+{
+    write_file(kStore, "a=1\nb=2\n");
+    ChildResult child = run_child([] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit = {6, 6};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        ::_exit(qv_setenv("c", "3", 1) == 0 ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kStore), "a=1\nb=2\n");
+}
+
+TEST(SetEnv, LeavesNoDescriptorAndNoLockBehind)
+{
+    int before = ::dup(0);
+    ::close(before);
+    write_file(kStore, "a=1\n");
+    qv_setenv("a", "2", 0);
+    qv_setenv("a", "2", 1);
+    qv_setenv("b", "2", 1);
+    get("a");
+    get("none");
+    get_from("/tmp/none", "a");
+    int after = ::dup(0);
+    ::close(after);
+    EXPECT_EQ(after, before);
+    int fd = open_store(O_RDWR);
+    ChildResult child = run_child([&] { ::_exit(blocking_lock(fd, F_WRLCK).l_type == F_UNLCK ? 0 : 1); });
+    EXPECT_TRUE(child.exited(0));
+}
+
+TEST(SetEnv, ASignalDuringTheWaitFailsTheCall)
+{
+    int fd = open_store(O_RDWR | O_CREAT);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    ChildResult child = run_child([] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ::sigaction(SIGALRM, &action, nullptr);
+        struct itimerval often = {{0, 10000}, {0, 10000}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+        bool failed = qv_setenv("a", "1", 1) == -1 && qv_getenv("a") == nullptr;
+        ::_exit(failed ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+// ---- reading ----
+
+TEST(GetEnv, MissingStoreIsNotCreated)
+{
+    EXPECT_EQ(qv_getenv("a"), nullptr);
+    EXPECT_EQ(qv_getenv_filename(kStore, "a"), nullptr);
+    EXPECT_FALSE(exists(kStore));
+}
+
+TEST(GetEnv, ReadsWhatWasSet)
+{
+    qv_setenv("a", "1", 1);
+    qv_setenv("b", "two words", 1);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(get("b"), "two words");
+    EXPECT_EQ(get("c"), "(null)");
+    qv_setenv("a", "3", 1);
+    EXPECT_EQ(get("a"), "3");
+}
+
+TEST(GetEnv, EmptyStoreHoldsNothing)
+{
+    write_file(kStore, "");
+    EXPECT_EQ(get("a"), "(null)");
+    EXPECT_EQ(get(""), "(null)");
+    EXPECT_EQ(get_from(kStore, "a"), "(null)");
+    EXPECT_EQ(get_from(kStore, ""), "(null)");
+}
+
+TEST(GetEnv, FirstMatchAnywhereInTheText)
+{
+    write_file(kStore, "AB=1\nB=2\nB=3\n");
+    EXPECT_EQ(get("B"), "1");
+    EXPECT_EQ(get("AB"), "1");
+    EXPECT_EQ(get("A"), "(null)");
+    write_file(kStore, "opt=a=1\na=2\n");
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(get("opt"), "a=1");
+    EXPECT_EQ(get("opt=a"), "1");
+}
+
+TEST(GetEnv, LengthsOfTheValue)
+{
+    const std::string value = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_-+*/.,";
+    for (const char *end : {"\n", "", "\nw=1\n"}) {
+        for (std::size_t length = 0; length <= value.size(); length++) {
+            write_file(kStore, "v=" + value.substr(0, length) + end);
+            std::string expected = length == 64 ? "(null)" : value.substr(0, std::min<std::size_t>(length, 65));
+            EXPECT_EQ(get("v"), expected) << length;
+            EXPECT_EQ(get_from(kStore, "v"), expected) << length;
+        }
+    }
+    write_file(kStore, "v=" + text(100000));
+    EXPECT_EQ(get("v"), text(65));
+}
+
+TEST(GetEnv, ASetValueOf64CharactersReadsAsAbsent)
+{
+    EXPECT_EQ(qv_setenv("v", text(64).c_str(), 1), 0);
+    EXPECT_EQ(get("v"), "(null)");
+    EXPECT_EQ(qv_setenv("v", "1", 0), -2);
+    EXPECT_EQ(qv_setenv("v", text(63).c_str(), 1), 0);
+    EXPECT_EQ(get("v"), text(63));
+}
+
+TEST(GetEnv, LongNamesAreCut)
+{
+    write_file(kStore, text(30) + "=30\n" + text(31, 'y') + "=31\n" + text(40, 'z') + "=40\n");
+    EXPECT_EQ(get(text(30)), "30");
+    EXPECT_EQ(get(text(31)), "(null)");
+    EXPECT_EQ(get(text(31, 'y')), "31");
+    EXPECT_EQ(get(text(31, 'z')), "40");
+    EXPECT_EQ(get(text(40, 'z')), "40");
+    EXPECT_EQ(get(text(31, 'z') + "other end"), "40");
+    EXPECT_EQ(get(text(5000, 'z')), "40");
+    write_file(kStore, text(31) + "\nb=1\n");
+    EXPECT_EQ(get(text(31)), "(null)"); // no value in that line, and the next one's is not its
+}
+
+TEST(GetEnv, TheTextEndsAtAZero)
+{
+    write_file(kStore, std::string("a=1\0b\nc=3\n", 10));
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(get("c"), "(null)");
+}
+
+TEST(GetEnv, BothReadersShareTheResult)
+{
+    write_file(kStore, "a=1\n");
+    write_file(kOther, "b=2\n");
+    char *first = qv_getenv("a");
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(qv_getenv_filename(kOther, "b"), first);
+    EXPECT_STREQ(first, "2");
+}
+
+TEST(GetEnvFilename, TakesAnyFile)
+{
+    write_file(kStore, "a=1\n");
+    write_file(kOther, "a=2\n");
+    EXPECT_EQ(get_from(kOther, "a"), "2");
+    EXPECT_EQ(get_from(kStore, "a"), "1");
+    EXPECT_EQ(get_from("/tmp/none", "a"), "(null)");
+    EXPECT_FALSE(exists("/tmp/none"));
+}
+
+TEST(GetEnvFilename, OnlyTheFirstOccurrenceCounts)
+{
+    write_file(kOther, "abc=1\nab=2\n");
+    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
+    EXPECT_EQ(get_from(kOther, "abc"), "1");
+    EXPECT_EQ(get_from(kOther, "bc"), "1");
+    write_file(kOther, "x=ab\nab=2\n");
+    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
+    write_file(kOther, "ab=2\nabc=1\n");
+    EXPECT_EQ(get_from(kOther, "ab"), "2");
+    write_file(kOther, "ab");
+    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
+}
+
+TEST(GetEnvFilename, DoesNotCutNames)
+{
+    write_file(kOther, text(40) + "=1\n");
+    EXPECT_EQ(get_from(kOther, text(40)), "1");
+    EXPECT_EQ(get_from(kOther, text(39)), "(null)"); // first occurrence: the line's start
+    EXPECT_EQ(get_from(kOther, text(41)), "(null)");
+}
+
+TEST(GetEnvFilename, EmptyNameNeedsAnEqualsSignInFront)
+{
+    write_file(kOther, "a=1\n");
+    EXPECT_EQ(get_from(kOther, ""), "(null)");
+    write_file(kOther, "=1\n");
+    EXPECT_EQ(get_from(kOther, ""), "1");
+}
+
+TEST(GetEnv, WaitsForTheWriter)
+{
+    write_file(kStore, "a=1\n");
+    int fd = open_store(O_RDWR);
+    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(get("a") == "2" ? 0 : 1);
+    ::usleep(20000);
+    EXPECT_EQ(::pwrite(fd, "a=2\n", 4, 0), 4);
+    file_unlock(fd);
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+// ---- against a model ----
+
+// The store as a text in memory, by the same rules.
+class Model {
+public:
+    std::string text;
+
+    int set(const std::string &name, const std::string &value, bool overwrite)
+    {
+        if (name.size() > 30 || value.size() > 64)
+            return -1;
+        std::size_t match = text.find(name + "=");
+        if (match != std::string::npos && !overwrite)
+            return -2;
+        if (match != std::string::npos) {
+            std::size_t newline = text.find('\n', match);
+            std::string rest = newline != std::string::npos ? text.substr(newline + 1) : "";
+            text = text.substr(0, match) + rest;
+        }
+        text += name + "=" + value + "\n";
+        return 0;
+    }
+
+    std::string get(const std::string &name) const
+    {
+        std::size_t match = text.find(name + "=");
+        return match != std::string::npos ? value_at(match + name.size() + 1) : "(null)";
+    }
+
+    std::string get_strictly(const std::string &name) const
+    {
+        std::size_t match = text.find(name);
+        if (match == std::string::npos || text[match + name.size()] != '=')
+            return "(null)";
+        return value_at(match + name.size() + 1);
+    }
+
+private:
+    std::string value_at(std::size_t start) const
+    {
+        std::string value = text.substr(start, text.find('\n', start) - start);
+        return value.size() == 64 ? "(null)" : value.substr(0, 65);
+    }
+};
+
+TEST(Env, FollowsTheModel)
+{
+    std::mt19937 random(8101);
+    auto pick = [&](std::size_t below) { return random() % below; };
+    // Few letters, so that names match within one another and within values.
+    auto word = [&](std::size_t longest) {
+        std::string letters;
+        for (std::size_t n = pick(longest + 1); n > 0; n--)
+            letters += "ab=c"[pick(4)];
+        return letters;
+    };
+    Model model;
+    for (std::size_t round = effort(4000); round > 0; round--) {
+        std::string name = pick(8) != 0 ? word(4) : word(30);
+        if (pick(2) == 0) {
+            bool overwrite = pick(3) != 0;
+            std::string value = pick(4) != 0 ? word(5) : word(66);
+            ASSERT_EQ(qv_setenv(name.c_str(), value.c_str(), overwrite), model.set(name, value, overwrite));
+            ASSERT_EQ(read_file(kStore), model.text);
+        } else {
+            ASSERT_EQ(get(name), model.get(name)) << name;
+            ASSERT_EQ(get_from(kStore, name), model.get_strictly(name)) << name;
+        }
+        if (model.text.size() > 2000 || pick(500) == 0) {
+            model.text = pick(2) != 0 ? "" : "ab=1\nabc";
+            write_file(kStore, model.text);
+        }
+    }
+}
+
+// ---- between processes ----
+
+constexpr unsigned kWriters = 16;
+constexpr unsigned kNames = 12;
+constexpr std::size_t kOperations = 100000;
+
+std::string name_of(unsigned n)
+{
+    return "n" + std::to_string(100 + n);
+}
+
+// A value tells who wrote it, when, and where it ends: "<writer>.<count>.<as many dots as the count says>;".
+std::string value_of(unsigned writer, unsigned count)
+{
+    return std::to_string(writer) + ":" + std::to_string(count) + ":" + text(count % 40, '.') + ";";
+}
+
+// Takes a value apart; false for one that nobody wrote.
+bool parse_value(const std::string &value, unsigned *writer, unsigned *count)
+{
+    return std::sscanf(value.c_str(), "%u:%u:", writer, count) == 2 && value == value_of(*writer, *count);
+}
+
+// What the processes report while they may be killed at any time.
+struct Tally {
+    unsigned operations; // done by all
+    unsigned wrong;      // values that nobody wrote
+    unsigned failed;     // calls that failed
+    unsigned counts[kWriters];
+};
+
+Tally *new_tally()
+{
+    void *map = ::mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(map, MAP_FAILED);
+    return static_cast<Tally *>(map);
+}
+
+void hammer(Tally *tally, unsigned writer, unsigned total)
+{
+    std::mt19937 random(static_cast<unsigned>(::getpid()));
+    unsigned *count = &tally->counts[writer];
+    while (__atomic_fetch_add(&tally->operations, 1, __ATOMIC_RELAXED) < total) {
+        std::string name = name_of(static_cast<unsigned>(random()) % kNames);
+        if (random() % 3 == 0) {
+            ++*count; // before the value is written: a killed writer's successor never writes the same again
+            if (qv_setenv(name.c_str(), value_of(writer, *count).c_str(), 1) != 0)
+                __atomic_fetch_add(&tally->failed, 1, __ATOMIC_RELAXED);
+            continue;
+        }
+        std::string value = random() % 2 == 0 ? get(name) : get_from(kStore, name);
+        unsigned by, at;
+        if (value != "(null)" && !parse_value(value, &by, &at))
+            __atomic_fetch_add(&tally->wrong, 1, __ATOMIC_RELAXED);
+    }
+}
+
+pid_t start_hammer(Tally *tally, unsigned writer, unsigned total)
+{
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        hammer(tally, writer, total);
+        ::_exit(0);
+    }
+    return pid;
+}
+
+// Judges the store's lines: each whole one is a record that was written, and what one writer wrote last stands last.
+// Returns the number of lines that are no records.
+unsigned check_store(const Tally *tally)
+{
+    unsigned odd = 0;
+    std::map<unsigned, unsigned> last;
+    std::map<std::string, unsigned> seen;
+    for (const std::string &line : lines(read_file(kStore))) {
+        std::size_t sign = line.find('=');
+        unsigned writer, count;
+        if (sign != 4 || !parse_value(line.substr(sign + 1), &writer, &count)) {
+            odd++;
+            continue;
+        }
+        EXPECT_LT(writer, kWriters) << line;
+        EXPECT_LE(count, tally->counts[writer % kWriters]) << line;
+        EXPECT_GT(count, last[writer]) << line;
+        last[writer] = count;
+        EXPECT_EQ(++seen[line.substr(0, sign)], 1U) << line;
+    }
+    return odd;
+}
+
+TEST(EnvProcesses, NoReaderSeesATornRecord)
+{
+    Tally *tally = new_tally();
+    std::vector<pid_t> children;
+    for (unsigned i = 0; i < kWriters; i++)
+        children.push_back(start_hammer(tally, i, static_cast<unsigned>(effort(kOperations))));
+    for (pid_t child : children) {
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(tally->wrong, 0U);
+    EXPECT_EQ(tally->failed, 0U);
+    EXPECT_EQ(check_store(tally), 0U);
+}
+
+// A record is four writes, so a killed writer may leave a piece of one, and the next record follows on the same line.
+// That is all that a kill may cost; the lock goes with the process and the others carry on.
+TEST(EnvProcesses, KilledWritersCostALineEachAtMost)
+{
+    Tally *tally = new_tally();
+    unsigned total = static_cast<unsigned>(effort(kOperations)) / 4;
+    std::vector<pid_t> children;
+    for (unsigned i = 0; i < kWriters; i++)
+        children.push_back(start_hammer(tally, i, total));
+
+    std::mt19937 random(8102);
+    unsigned kills = 0;
+    while (__atomic_load_n(&tally->operations, __ATOMIC_RELAXED) < total) {
+        ::usleep(1000 + static_cast<useconds_t>(random() % 2000));
+        unsigned victim = static_cast<unsigned>(random()) % kWriters;
+        ::kill(children[victim], SIGKILL);
+        int status = -1;
+        ASSERT_EQ(::waitpid(children[victim], &status, 0), children[victim]);
+        kills += WIFSIGNALED(status);
+        children[victim] = start_hammer(tally, victim, total);
+    }
+    for (pid_t child : children)
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_GT(kills, 0U);
+    EXPECT_EQ(tally->failed, 0U);
+    EXPECT_LE(check_store(tally), kills);
+
+    // The store is as good as before: what is set now is read back.
+    for (unsigned i = 0; i < kNames; i++) {
+        EXPECT_EQ(qv_setenv(name_of(i).c_str(), "back", 1), 0);
+        EXPECT_EQ(get(name_of(i)), "back");
+    }
+}
+
+} // namespace
