@@ -97,10 +97,8 @@ void qv_check_debug_file()
     open_file(path);
 }
 
-void format_prefix(char (&out)[kPrefixSize], int level, const char *file, int line)
+void format_prefix(char (&out)[kPrefixSize], const char *now, int level, const char *file, int line)
 {
-    char now[kTimeSize] = {};
-    time_of_day(now);
     const char *name =
         level >= 0 && level < static_cast<int>(kLevelNames.size()) ? kLevelNames[static_cast<std::size_t>(level)] : "";
     switch (__qv_debug_detail) {
@@ -148,11 +146,14 @@ extern "C" {
 int __qv_print_prefix(int level, const char *file, int line)
 {
     file += std::strspn(file, "./");
+    // Read before the file of the day is looked for, so that a line never carries a time later than its file's day.
+    char now[kTimeSize] = {};
+    time_of_day(now);
     if ((__qv_debug_where & QV_TRACE_TO_FILE) != 0)
         qv_check_debug_file();
 
     char prefix[kPrefixSize] = {};
-    format_prefix(prefix, level, file, line);
+    format_prefix(prefix, now, level, file, line);
     if (prefix[0] == '\0')
         return 0;
     // Asked anew: a file that could not be opened has just changed it.

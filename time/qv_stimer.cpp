@@ -85,11 +85,12 @@ int stimer_get_next_expire(void **ctx, struct timeval *out)
 
 struct stimer *create_stimer(void **ctx, int seconds, void (*callback)(void *arg), void *arg)
 {
-    auto *timer = static_cast<stimer *>(std::calloc(1, sizeof(stimer)));
+    auto *timer = static_cast<stimer *>(std::malloc(sizeof(stimer)));
     if (timer == nullptr) {
         report("Can not allocate stimer\n");
         return nullptr;
     }
+    *timer = {};
     init_stimer(timer, ctx, seconds, callback, arg);
     return timer;
 }

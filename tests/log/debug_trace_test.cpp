@@ -15,6 +15,7 @@ using namespace support;
 namespace {
 
 std::time_t told_time = 1769850000; // 2026-01-31 09:00:00 UTC
+std::time_t seconds_per_reading = 0;
 int base_result = 0;
 std::string base;
 
@@ -39,9 +40,11 @@ std::string prefix(int level, const char *file, int line)
 
 extern "C" std::time_t time(std::time_t *t)
 {
+    std::time_t told = told_time;
+    told_time += seconds_per_reading;
     if (t != nullptr)
-        *t = told_time;
-    return told_time;
+        *t = told;
+    return told;
 }
 
 extern "C" int qv_get_basedir(char *buf, std::size_t size)
@@ -154,6 +157,16 @@ TEST(DebugTrace, MidnightBringsANewFile)
     __qv_print_msg("new\n");
     EXPECT_EQ(read_file(file_of("20260131")), "[23:59:59] Error: f:1: old\nstill old\n");
     EXPECT_EQ(read_file(file_of("20260201")), "[00:00:01] Error: f:2: new\n");
+}
+
+TEST(DebugTrace, TheTimeIsReadBeforeTheDay)
+{
+    make_logs();
+    __qv_debug_where = 1;
+    told_time = 1769903999; // 23:59:59
+    seconds_per_reading = 1;
+    __qv_print_prefix(2, "f", 1);
+    EXPECT_EQ(read_file(file_of("20260201")), "[23:59:59] Error: f:1: ");
 }
 
 TEST(DebugTrace, AZoneChangeMayBringANewDay)

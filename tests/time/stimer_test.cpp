@@ -124,6 +124,13 @@ TEST(TimersMemory, FailuresAreReported)
     EXPECT_THAT(said,
                 testing::MatchesRegex("\\[..:..:..\\] Error: qv_stimer:[0-9]+: Can not intialize stimer context\n"));
     EXPECT_EQ(__qv_print_val, 0);
+    EXPECT_EQ(reported([&] {
+                  no_memory = true;
+                  stimer *timer = create_stimer(&good, 5, count_up, nullptr);
+                  no_memory = false;
+                  EXPECT_EQ(timer, nullptr);
+              }),
+              "Can not allocate stimer\n");
     stimer_context_fini(&good);
 }
 
