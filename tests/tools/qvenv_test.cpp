@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+// The qvenv command, run as a user would.
+#include "support/support.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+constexpr const char *kStore = "/tmp/qvenv";
+constexpr const char *kUsage = "usage: qvenv [-f FILE] get NAME\n"
+                               "       qvenv [-f FILE] list\n"
+                               "       qvenv set [-n] NAME VALUE\n";
+
+ChildResult qvenv(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), build_dir() + "/qvenv");
+    return run_program(arguments);
+}
+
+void expect(const ChildResult &result, int code, const std::string &out, const std::string &err)
+{
+    EXPECT_TRUE(result.exited(code)) << result.status;
+    EXPECT_EQ(result.out, out);
+    EXPECT_EQ(result.err, err);
+}
+
+std::string text(std::size_t length)
+{
+    return std::string(length, 'x');
+}
+
+TEST(QvenvTool, SetsAndGets)
+{
+    expect(qvenv({"set", "slot", "3"}), 0, "", "");
+    expect(qvenv({"get", "slot"}), 0, "3\n", "");
+    expect(qvenv({"set", "slot", "two words"}), 0, "", "");
+    expect(qvenv({"get", "slot"}), 0, "two words\n", "");
+    EXPECT_EQ(read_file(kStore), "slot=two words\n");
+}
+
+TEST(QvenvTool, GetOfWhatIsNotSetIsSilent)
+{
+    expect(qvenv({"get", "slot"}), 1, "", "");
+    EXPECT_FALSE(exists(kStore));
+    write_file(kStore, "fan=1\n");
+    expect(qvenv({"get", "slot"}), 1, "", "");
+}
+
+TEST(QvenvTool, AnEmptyValueIsAValue)
+{
+    expect(qvenv({"set", "slot", ""}), 0, "", "");
+    expect(qvenv({"get", "slot"}), 0, "\n", "");
+}
+
+TEST(QvenvTool, ValuesMayBeginWithADash)
+{
+    expect(qvenv({"set", "delta", "-5"}), 0, "", "");
+    expect(qvenv({"get", "delta"}), 0, "-5\n", "");
+    expect(qvenv({"set", "-n", "-n"}), 0, "", "");
+    expect(qvenv({"get", "-n"}), 0, "-n\n", "");
+}
+
+TEST(QvenvTool, SetWithoutOverwrite)
+{
+    expect(qvenv({"set", "-n", "slot", "3"}), 0, "", "");
+    expect(qvenv({"set", "-n", "slot", "4"}), 1, "", "qvenv: slot: already set\n");
+    expect(qvenv({"get", "slot"}), 0, "3\n", "");
+}
+
+TEST(QvenvTool, ListsTheFileAsItIs)
+{
+    std::string settings;
+    for (int i = 0; i < 1000; i++)
+        settings += "name" + std::to_string(i) + "=" + std::to_string(i * i) + "\n";
+    settings += "unfinished=1";
+    write_file(kStore, settings);
+    expect(qvenv({"list"}), 0, settings, "");
+}
+
+TEST(QvenvTool, ListOfAMissingFileIsTrouble)
+{
+    expect(qvenv({"list"}), 2, "", "qvenv: /tmp/qvenv: No such file or directory\n");
+    expect(qvenv({"-f", "/tmp", "list"}), 2, "", "qvenv: /tmp: Is a directory\n");
+}
+
+TEST(QvenvTool, ReadsAnotherFile)
+{
+    write_file("/tmp/saved", "abc=1\nab=2\n");
+    expect(qvenv({"-f", "/tmp/saved", "list"}), 0, "abc=1\nab=2\n", "");
+    expect(qvenv({"-f", "/tmp/saved", "get", "abc"}), 0, "1\n", "");
+    expect(qvenv({"-f/tmp/saved", "get", "ab"}), 1, "", "");
+    expect(qvenv({"-f", "/tmp/none", "get", "ab"}), 2, "", "qvenv: /tmp/none: No such file or directory\n");
+}
+
+TEST(QvenvTool, ChangesTheStoreOnly)
+{
+    write_file("/tmp/saved", "a=1\n");
+    expect(qvenv({"-f", "/tmp/saved", "set", "a", "2"}), 2, "",
+           "qvenv: set: -f is for reading; only /tmp/qvenv can be changed\n");
+    EXPECT_EQ(read_file("/tmp/saved"), "a=1\n");
+    EXPECT_FALSE(exists(kStore));
+}
+
+TEST(QvenvTool, BoundsOfNameAndValue)
+{
+    expect(qvenv({"set", text(30), text(63)}), 0, "", "");
+    expect(qvenv({"get", text(30)}), 0, text(63) + "\n", "");
+    expect(qvenv({"set", text(31), "1"}), 2, "", "qvenv: " + text(31) + ": name too long\n");
+    expect(qvenv({"set", "v", text(65)}), 2, "", "qvenv: v: value too long\n");
+    expect(qvenv({"set", "v", text(64)}), 0, "", "qvenv: v: warning: a value of 64 characters reads as not set\n");
+    expect(qvenv({"get", "v"}), 1, "", "");
+}
+
+TEST(QvenvTool, RefusesWhatWouldBeReadBackAsSomethingElse)
+{
+    expect(qvenv({"set", "", "1"}), 2, "", "qvenv: : not a valid name\n");
+    expect(qvenv({"set", "a=b", "1"}), 2, "", "qvenv: a=b: not a valid name\n");
+    expect(qvenv({"set", "a\nb", "1"}), 2, "", "qvenv: a\nb: not a valid name\n");
+    expect(qvenv({"set", "a", "1\nb=2"}), 2, "", "qvenv: a: a value has one line\n");
+    EXPECT_FALSE(exists(kStore));
+}
+
+TEST(QvenvTool, Usage)
+{
+    for (const std::vector<std::string> &wrong : std::vector<std::vector<std::string>>{
+             {}, {"get"}, {"get", "a", "b"}, {"list", "a"}, {"set", "a"}, {"set", "-x", "a", "1"}, {"unset", "a"}})
+        expect(qvenv(wrong), 2, "", kUsage);
+    ChildResult unknown = qvenv({"-x"});
+    EXPECT_TRUE(unknown.exited(2));
+    EXPECT_EQ(unknown.out, "");
+    EXPECT_THAT(unknown.err, testing::EndsWith(kUsage));
+}
+
+TEST(QvenvTool, Help)
+{
+    ChildResult help = qvenv({"-h"});
+    EXPECT_TRUE(help.exited(0));
+    EXPECT_THAT(help.out, testing::StartsWith(kUsage));
+    EXPECT_EQ(help.err, "");
+}
+
+TEST(QvenvTool, SaysWhenNobodyCanTakeTheOutput)
+{
+    write_file(kStore, "a=1\n");
+    ChildResult full = run_program({"/bin/sh", "-c", build_dir() + "/qvenv get a >/dev/full"});
+    expect(full, 2, "", "qvenv: write: No space left on device\n");
+    full = run_program({"/bin/sh", "-c", build_dir() + "/qvenv list >/dev/full"});
+    expect(full, 2, "", "qvenv: write: No space left on device\n");
+}
+
+} // namespace

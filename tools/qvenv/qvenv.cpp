@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+// qvenv - gets, sets and lists the settings that all processes share.
+#include "qv_env.h"
+
+#include "base/unique_fd.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+// As in grep: "no" is no trouble.
+enum exit_code { kDone = 0, kNo = 1, kTrouble = 2 };
+
+// What qv_setenv() answers for a name that it leaves alone.
+constexpr int kPresent = -2;
+
+constexpr const char *kUsage = "usage: qvenv [-f FILE] get NAME\n"
+                               "       qvenv [-f FILE] list\n"
+                               "       qvenv set [-n] NAME VALUE\n";
+
+exit_code usage()
+{
+    std::fputs(kUsage, stderr);
+    return kTrouble;
+}
+
+exit_code help()
+{
+    std::fputs(kUsage, stdout);
+    std::puts("Gets, sets and lists the settings in " QV_ENV_FILE ".\n"
+              "  -f FILE  read another file of that format\n"
+              "  -n       leave a setting that is present alone");
+    return kDone;
+}
+
+exit_code trouble(const char *subject, const char *what)
+{
+    std::fprintf(stderr, "qvenv: %s: %s\n", subject, what);
+    return kTrouble;
+}
+
+// Standard output may be a full disk or a closed pipe, which only shows when it is flushed.
+exit_code flushed(exit_code code)
+{
+    return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? code : trouble("write", std::strerror(errno));
+}
+
+// Copies the whole file, under the lock, so that no half of a change is listed.
+exit_code list(const char *path)
+{
+    base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!file || file_lock(file.get(), F_RDLCK, 1) != 0)
+        return trouble(path, std::strerror(errno));
+    char chunk[4096];
+    ssize_t length;
+    while ((length = ::read(file.get(), chunk, sizeof chunk)) > 0)
+        std::fwrite(chunk, 1, static_cast<std::size_t>(length), stdout);
+    if (length < 0)
+        return trouble(path, std::strerror(errno));
+    return flushed(kDone);
+}
+
+// The two lookups differ: see qv_getenv_filename(). `file` is null for the store.
+exit_code get(const char *file, const char *name)
+{
+    const char *value = file != nullptr ? qv_getenv_filename(file, name) : qv_getenv(name);
+    if (value != nullptr) {
+        std::puts(value);
+        return flushed(kDone);
+    }
+    // A store that nobody has written to is empty, no trouble; a file that was asked for by name has to be there.
+    const char *path = file != nullptr ? file : QV_ENV_FILE;
+    if (::access(path, R_OK) != 0 && (file != nullptr || errno != ENOENT))
+        return trouble(path, std::strerror(errno));
+    return kNo;
+}
+
+exit_code set(const char *name, const char *value, bool overwrite)
+{
+    std::string_view name_text = name;
+    std::string_view value_text = value;
+    // The file has no quoting: these would be read back as something else.
+    if (name_text.empty() || name_text.find_first_of("=\n") != name_text.npos)
+        return trouble(name, "not a valid name");
+    if (value_text.find('\n') != value_text.npos)
+        return trouble(name, "a value has one line");
+    if (name_text.size() > QV_ENV_NAME_MAX)
+        return trouble(name, "name too long");
+    if (value_text.size() > QV_ENV_VALUE_MAX)
+        return trouble(name, "value too long");
+
+    errno = 0;
+    int result = qv_setenv(name, value, overwrite);
+    if (result == kPresent) {
+        std::fprintf(stderr, "qvenv: %s: already set\n", name);
+        return kNo;
+    }
+    if (result != 0)
+        return trouble(QV_ENV_FILE, std::strerror(errno));
+    if (value_text.size() == QV_ENV_VALUE_MAX)
+        std::fprintf(stderr, "qvenv: %s: warning: a value of %d characters reads as not set\n", name, QV_ENV_VALUE_MAX);
+    return kDone;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *file = nullptr;
+    // The '+' stops at the command, so that a value may begin with a dash.
+    for (int option; (option = ::getopt(argc, argv, "+f:h")) != -1;) {
+        if (option == 'h')
+            return flushed(help());
+        if (option != 'f')
+            return usage();
+        file = optarg;
+    }
+    argc -= optind;
+    argv += optind;
+    if (argc == 0)
+        return usage();
+
+    std::string_view command = argv[0];
+    if (command == "list")
+        return argc == 1 ? list(file != nullptr ? file : QV_ENV_FILE) : usage();
+    if (command == "get")
+        return argc == 2 ? get(file, argv[1]) : usage();
+    if (command != "set")
+        return usage();
+    if (file != nullptr)
+        return trouble("set", "-f is for reading; only " QV_ENV_FILE " can be changed");
+    bool keep = argc == 4 && std::strcmp(argv[1], "-n") == 0;
+    if (!keep && argc != 3)
+        return usage();
+    return set(argv[argc - 2], argv[argc - 1], !keep);
+}
