@@ -1,0 +1,345 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <cstring>
+#include <optional>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+using encode_function = int (*)(const unsigned char *, std::size_t, char *, std::size_t);
+
+const unsigned char *bytes_of(const std::string &text)
+{
+    return reinterpret_cast<const unsigned char *>(text.data());
+}
+
+// The text that `size` bytes of room take, or nothing for -1. Whatever happens, nothing is written beyond the room.
+std::optional<std::string> encode(encode_function function, const std::string &data, std::size_t size)
+{
+    std::vector<char> room(size + 64, '#');
+    int length = function(bytes_of(data), data.size(), room.data(), size);
+    for (std::size_t i = size; i < room.size(); i++)
+        EXPECT_EQ(room[i], '#') << "outside the room";
+    if (length < 0) {
+        EXPECT_EQ(length, -1);
+        return std::nullopt;
+    }
+    EXPECT_EQ(room[static_cast<std::size_t>(length)], '\0');
+    return std::string(room.data(), static_cast<std::size_t>(length));
+}
+
+std::string encoded(const std::string &data)
+{
+    return encode(b64_ntop, data, data.size() * 2 + 8).value_or("refused");
+}
+
+std::string for_mail(const std::string &data)
+{
+    return encode(b64_ntop_email, data, data.size() * 2 + 8).value_or("refused");
+}
+
+std::optional<std::string> decode(const std::string &text, std::size_t size)
+{
+    std::vector<unsigned char> room(size + 64, '#');
+    int length = b64_pton(text.c_str(), room.data(), size);
+    for (std::size_t i = size; i < room.size(); i++)
+        EXPECT_EQ(room[i], '#') << "outside the room";
+    if (length < 0) {
+        EXPECT_EQ(length, -1);
+        return std::nullopt;
+    }
+    return std::string(reinterpret_cast<char *>(room.data()), static_cast<std::size_t>(length));
+}
+
+std::optional<std::string> decoded(const std::string &text)
+{
+    return decode(text, text.size() + 1);
+}
+
+int counted(const std::string &text)
+{
+    return b64_pton(text.c_str(), nullptr, 0);
+}
+
+std::string random_bytes(std::mt19937 &random, std::size_t length)
+{
+    std::string data(length, '\0');
+    for (char &c : data)
+        c = static_cast<char>(random());
+    return data;
+}
+
+// ---- a second opinion, bit by bit ----
+
+std::string model_encode(const std::string &data, bool mail)
+{
+    std::string text;
+    std::size_t on_line = 0;
+    for (std::size_t i = 0; i < data.size(); i += 3) {
+        std::string bits;
+        std::size_t bytes = std::min<std::size_t>(3, data.size() - i);
+        for (std::size_t k = 0; k < bytes; k++)
+            for (int bit = 7; bit >= 0; bit--)
+                bits += (static_cast<unsigned char>(data[i + k]) >> bit & 1) != 0 ? '1' : '0';
+        bits.resize((bytes * 8 + 5) / 6 * 6, '0');
+        for (std::size_t k = 0; k < bits.size(); k += 6)
+            text += kAlphabet[std::stoul(bits.substr(k, 6), nullptr, 2)];
+        text.append(3 - bytes, '=');
+        if (mail && bytes == 3 && (on_line += 4) == 72) {
+            text += '\n';
+            on_line = 0;
+        }
+    }
+    return text;
+}
+
+// Room is asked for byte by byte: a place that begins a byte needs room for it, even if padding then cuts it off.
+std::optional<std::string> model_decode(const std::string &text, std::optional<std::size_t> size)
+{
+    std::vector<unsigned char> out;
+    std::size_t place = 0, i = 0, count = 0;
+    auto skip = [&] {
+        while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i])) != 0)
+            i++;
+    };
+    for (skip(); i < text.size() && text[i] != '='; skip()) {
+        std::size_t value = kAlphabet.find(text[i++]);
+        if (value == kAlphabet.npos)
+            return std::nullopt;
+        std::size_t touched = place == 0 || place == 3 ? count + 1 : count + 2;
+        if (size && touched > *size)
+            return std::nullopt;
+        out.resize(std::max(out.size(), touched));
+        // As the 16 bits of the byte at hand and the next one.
+        constexpr unsigned kShifts[] = {10, 4, 6, 8};
+        std::size_t bits = value << kShifts[place];
+        out[count] = static_cast<unsigned char>(out[count] | bits >> 8);
+        if (touched == count + 2)
+            out[count + 1] = static_cast<unsigned char>(bits);
+        if (place != 0)
+            count++;
+        place = (place + 1) % 4;
+    }
+    if (i < text.size()) {
+        if (place < 2)
+            return std::nullopt;
+        i++;
+        if (place == 2) {
+            skip();
+            if (i == text.size() || text[i++] != '=')
+                return std::nullopt;
+        }
+        skip();
+        if (i != text.size() || (size && out[count] != 0))
+            return std::nullopt;
+    } else if (place != 0) {
+        return std::nullopt;
+    }
+    return std::string(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+} // namespace
+
+TEST(Base64, Alphabet)
+{
+    EXPECT_EQ(std::string(Base64), kAlphabet);
+}
+
+TEST(Base64, KnownTexts)
+{
+    EXPECT_EQ(encoded(""), "");
+    EXPECT_EQ(encoded("f"), "Zg==");
+    EXPECT_EQ(encoded("fo"), "Zm8=");
+    EXPECT_EQ(encoded("foo"), "Zm9v");
+    EXPECT_EQ(encoded("foob"), "Zm9vYg==");
+    EXPECT_EQ(encoded("fooba"), "Zm9vYmE=");
+    EXPECT_EQ(encoded("foobar"), "Zm9vYmFy");
+    EXPECT_EQ(encoded(std::string("\0\0\0\xFF\xFF\xFF", 6)), "AAAA////");
+}
+
+TEST(Base64, EncodingNeedsRoomForTheZero)
+{
+    EXPECT_EQ(encode(b64_ntop, "", 0), std::nullopt);
+    EXPECT_EQ(encode(b64_ntop, "", 1), "");
+    for (const std::string data : {"f", "fo", "foo"}) {
+        EXPECT_EQ(encode(b64_ntop, data, 4), std::nullopt);
+        EXPECT_TRUE(encode(b64_ntop, data, 5).has_value());
+        EXPECT_EQ(encode(b64_ntop_email, data, 4), std::nullopt);
+        EXPECT_TRUE(encode(b64_ntop_email, data, 5).has_value());
+    }
+}
+
+TEST(Base64, EncodesEveryLengthIntoJustTheRoom)
+{
+    std::mt19937 random(1);
+    for (std::size_t length = 0; length < 300; length++) {
+        std::string data = random_bytes(random, length);
+        for (bool mail : {false, true}) {
+            encode_function function = mail ? b64_ntop_email : b64_ntop;
+            std::string text = model_encode(data, mail);
+            ASSERT_EQ(encode(function, data, text.size() + 1), text);
+            for (std::size_t size = 0; size <= text.size(); size += 1 + size / 8)
+                ASSERT_EQ(encode(function, data, size), std::nullopt) << size << " for " << text.size();
+            ASSERT_EQ(encode(function, data, text.size()), std::nullopt);
+        }
+    }
+}
+
+TEST(Base64, GroupsBeforeTheRoomEndsAreWritten)
+{
+    char room[8] = "#######";
+    EXPECT_EQ(b64_ntop(bytes_of("foobar"), 6, room, 7), -1);
+    EXPECT_EQ(std::string(room), "Zm9v###");
+}
+
+TEST(Base64Email, BreaksLinesAfter72Characters)
+{
+    const std::string line = encoded(std::string(54, 'x'));
+    ASSERT_EQ(line.size(), 72u);
+    EXPECT_EQ(for_mail(std::string(53, 'x')), encoded(std::string(53, 'x')));
+    EXPECT_EQ(for_mail(std::string(54, 'x')), line + "\n");
+    EXPECT_EQ(for_mail(std::string(57, 'x')), line + "\neHh4");
+    EXPECT_EQ(for_mail(std::string(108, 'x')), line + "\n" + line + "\n");
+}
+
+TEST(Base64Email, APaddedGroupEndsNoLine)
+{
+    EXPECT_EQ(for_mail(std::string(52, 'x')).size(), 72u);
+    EXPECT_EQ(for_mail(std::string(53, 'x')).size(), 72u);
+    EXPECT_EQ(for_mail(std::string(107, 'x')).size(), 72u + 1 + 72);
+}
+
+TEST(Base64Email, TheNewlineNeedsRoom)
+{
+    EXPECT_EQ(encode(b64_ntop_email, std::string(54, 'x'), 73), std::nullopt);
+    EXPECT_TRUE(encode(b64_ntop_email, std::string(54, 'x'), 74).has_value());
+}
+
+TEST(Base64Decode, KnownTexts)
+{
+    EXPECT_EQ(decoded(""), "");
+    EXPECT_EQ(decoded("Zm9v"), "foo");
+    EXPECT_EQ(decoded("Zg=="), "f");
+    EXPECT_EQ(decoded("Zm8="), "fo");
+    EXPECT_EQ(decoded("Zm9vYmFy"), "foobar");
+}
+
+TEST(Base64Decode, TheCycleMustBeComplete)
+{
+    EXPECT_EQ(decoded("Z"), std::nullopt);
+    EXPECT_EQ(decoded("Zm"), std::nullopt);
+    EXPECT_EQ(decoded("Zm9"), std::nullopt);
+    EXPECT_EQ(decoded("Zm9v "), "foo");
+    EXPECT_EQ(counted("Zm9"), -1);
+}
+
+TEST(Base64Decode, WhiteSpaceIsSkippedAnywhere)
+{
+    EXPECT_EQ(decoded(" Z\tm\n9\v\f\rv "), "foo");
+    EXPECT_EQ(decoded("Z g = = \n"), "f");
+    EXPECT_EQ(decoded("Z m 8 = \n"), "fo");
+    EXPECT_EQ(decoded(" \n"), "");
+}
+
+TEST(Base64Decode, OtherCharactersAreRefused)
+{
+    for (int c = 1; c < 256; c++) {
+        char text[] = {'Z', 'm', '8', static_cast<char>(c), '\0'};
+        bool good = kAlphabet.find(static_cast<char>(c)) != kAlphabet.npos;
+        EXPECT_EQ(decoded(text).has_value(), good || c == '=') << c;
+        // And deep in a long text, where groups go by the vector.
+        std::string within = std::string(40, 'A') + static_cast<char>(c) + std::string(63, 'A');
+        bool space = std::isspace(c) != 0;
+        EXPECT_EQ(decoded(within).has_value(), good) << c;
+        EXPECT_EQ(decoded(within + "A").has_value(), space) << c;
+    }
+}
+
+TEST(Base64Decode, PlacesOfThePadding)
+{
+    EXPECT_EQ(decoded("="), std::nullopt);
+    EXPECT_EQ(decoded("Z="), std::nullopt);
+    EXPECT_EQ(decoded("Zg="), std::nullopt);
+    EXPECT_EQ(decoded("Zg=A"), std::nullopt);
+    EXPECT_EQ(decoded("Zg= ="), "f");
+    EXPECT_EQ(decoded("Zg==="), std::nullopt);
+    EXPECT_EQ(decoded("Zg==Zg=="), std::nullopt);
+    EXPECT_EQ(decoded("Zm8=A"), std::nullopt);
+    EXPECT_EQ(decoded("Zm8=="), std::nullopt);
+    EXPECT_EQ(decoded("Zm9v="), std::nullopt);
+}
+
+TEST(Base64Decode, LeftoverBitsMustBeZero)
+{
+    EXPECT_EQ(decoded("Zh=="), std::nullopt);
+    EXPECT_EQ(decoded("Zm9="), std::nullopt);
+    EXPECT_EQ(decoded("ZQ=="), "e");
+}
+
+TEST(Base64Decode, ANullTargetOnlyCounts)
+{
+    EXPECT_EQ(counted("Zm9v"), 3);
+    EXPECT_EQ(counted("Zm8="), 2);
+    EXPECT_EQ(counted(" Z g = = "), 1);
+    EXPECT_EQ(counted("Zh=="), 1) << "the bits left over are not known";
+    EXPECT_EQ(counted("Z*=="), -1);
+    EXPECT_EQ(counted(std::string(4000, 'A')), 3000);
+}
+
+TEST(Base64Decode, RoomOfEachPlace)
+{
+    EXPECT_EQ(decode("Zm9v", 2), std::nullopt);
+    EXPECT_EQ(decode("Zm9v", 3), "foo");
+    EXPECT_EQ(decode("Zg==", 0), std::nullopt);
+    EXPECT_EQ(decode("Zg==", 1), std::nullopt) << "the second place begins a byte that needs room";
+    EXPECT_EQ(decode("Zg==", 2), "f");
+    EXPECT_EQ(decode("Zm8=", 2), std::nullopt);
+    EXPECT_EQ(decode("Zm8=", 3), "fo");
+    EXPECT_EQ(decode("", 0), "");
+    EXPECT_EQ(decode("A", 0), std::nullopt);
+}
+
+TEST(Base64Decode, LongTextsIntoJustTheRoom)
+{
+    std::mt19937 random(2);
+    for (std::size_t groups = 1; groups < 70; groups++) {
+        std::string data = random_bytes(random, groups * 3);
+        std::string text = encoded(data);
+        ASSERT_EQ(decode(text, data.size()), data);
+        ASSERT_EQ(decode(text, data.size() - 1), std::nullopt);
+        ASSERT_EQ(decoded(for_mail(data)), data);
+    }
+}
+
+TEST(Base64, FollowsTheModel)
+{
+    std::mt19937 random(3);
+    for (std::size_t round = 0; round < effort(20000); round++) {
+        std::string data = random_bytes(random, random() % 200);
+        std::string text = encoded(data);
+        ASSERT_EQ(text, model_encode(data, false));
+        ASSERT_EQ(for_mail(data), model_encode(data, true));
+        ASSERT_EQ(decoded(text), data);
+
+        // Damage: white space, padding and foreign characters anywhere, a cut, any room.
+        for (unsigned damages = random() % 4; damages > 0; damages--) {
+            constexpr std::string_view kDamage = " \n=A/*\x80";
+            std::size_t at = random() % (text.size() + 1);
+            if (random() % 8 == 0)
+                text.resize(at);
+            else
+                text.insert(at, 1, kDamage[random() % kDamage.size()]);
+        }
+        std::size_t size = data.size() + random() % 8 - std::min<std::size_t>(data.size(), 4);
+        ASSERT_EQ(decode(text, size), model_decode(text, size)) << text << " into " << size;
+        auto model = model_decode(text, std::nullopt);
+        ASSERT_EQ(counted(text), model ? static_cast<int>(model->size()) : -1) << text;
+    }
+}

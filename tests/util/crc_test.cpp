@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <random>
+
+using namespace support;
+
+namespace {
+
+const unsigned char *bytes_of(const std::string &text)
+{
+    return reinterpret_cast<const unsigned char *>(text.data());
+}
+
+unsigned short crc16(unsigned short start, const std::string &data)
+{
+    return qv_crc16(start, bytes_of(data), static_cast<unsigned>(data.size()));
+}
+
+unsigned crc32(unsigned start, const std::string &data)
+{
+    return qv_crc32(start, bytes_of(data), data.size());
+}
+
+// A sum carried on bit by bit.
+std::uint32_t by_bits(std::uint32_t polynomial, std::uint32_t sum, const std::string &data)
+{
+    for (char c : data) {
+        sum ^= static_cast<unsigned char>(c);
+        for (int bit = 0; bit < 8; bit++)
+            sum = (sum & 1) != 0 ? polynomial ^ (sum >> 1) : sum >> 1;
+    }
+    return sum;
+}
+
+std::string random_bytes(std::mt19937 &random, std::size_t length)
+{
+    std::string data(length, '\0');
+    for (char &c : data)
+        c = static_cast<char>(random());
+    return data;
+}
+
+} // namespace
+
+TEST(Crc, Tables)
+{
+    EXPECT_EQ(crc16_table[1], 0xC0C1);
+    EXPECT_EQ(crc_table[1], 0x77073096u);
+    for (unsigned byte = 0; byte < 256; byte++) {
+        std::string data(1, static_cast<char>(byte));
+        EXPECT_EQ(crc16_table[byte], by_bits(0xA001, 0, data)) << byte;
+        EXPECT_EQ(crc_table[byte], by_bits(0xEDB88320, 0, data)) << byte;
+    }
+}
+
+TEST(Crc16, KnownSums)
+{
+    EXPECT_EQ(crc16(0, "123456789"), 0xBB3D);
+    EXPECT_EQ(crc16(0xFFFF, "123456789"), 0x4B37);
+}
+
+TEST(Crc16, NothingLeavesTheSumAlone)
+{
+    EXPECT_EQ(qv_crc16(0x1234, nullptr, 0), 0x1234);
+}
+
+TEST(Crc16, CarriesOn)
+{
+    EXPECT_EQ(crc16(crc16(0, "1234"), "56789"), 0xBB3D);
+    std::mt19937 random(1);
+    for (std::size_t length = 0; length < 600; length++) {
+        std::string data = random_bytes(random, length);
+        auto start = static_cast<unsigned short>(random());
+        std::size_t cut = random() % (length + 1);
+        ASSERT_EQ(crc16(start, data), by_bits(0xA001, start, data)) << length;
+        ASSERT_EQ(crc16(crc16(start, data.substr(0, cut)), data.substr(cut)), crc16(start, data)) << length;
+    }
+}
+
+TEST(Crc32, KnownSums)
+{
+    EXPECT_EQ(crc32(0, "123456789"), 0xCBF43926u);
+    EXPECT_EQ(crc32(0, ""), 0u);
+    EXPECT_EQ(crc32(0, std::string(32, '\0')), 0x190A55ADu);
+    EXPECT_EQ(crc32(0, std::string(32, '\xFF')), 0xFF6CAB0Bu);
+}
+
+TEST(Crc32, NothingLeavesTheSumAlone)
+{
+    EXPECT_EQ(qv_crc32(0x12345678, nullptr, 0), 0x12345678u);
+}
+
+TEST(Crc32, EveryLengthAndAlignment)
+{
+    std::mt19937 random(2);
+    for (std::size_t length = 0; length < 1200; length++) {
+        std::string data = random_bytes(random, length + 16);
+        std::size_t from = random() % 16;
+        auto start = static_cast<unsigned>(random());
+        ASSERT_EQ(qv_crc32(start, bytes_of(data) + from, length),
+                  ~by_bits(0xEDB88320, ~start, data.substr(from, length)))
+            << length;
+    }
+}
+
+TEST(Crc32, LongTextsInParts)
+{
+    std::mt19937 random(3);
+    for (std::size_t round = 0; round < effort(200); round++) {
+        std::string data = random_bytes(random, random() % 20000);
+        unsigned whole = crc32(0, data);
+        ASSERT_EQ(whole, ~by_bits(0xEDB88320, ~0u, data)) << data.size();
+        std::size_t cut = random() % (data.size() + 1);
+        ASSERT_EQ(crc32(crc32(0, data.substr(0, cut)), data.substr(cut)), whole) << data.size() << " at " << cut;
+    }
+}

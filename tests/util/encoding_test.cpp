@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+// Hexadecimal text, byte order, and the digest of a file in a host that has no digest functions.
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <cstring>
+
+using namespace support;
+
+namespace {
+
+const unsigned char kBytes[] = {0x00, 0x0F, 0xA5, 0xFF};
+
+} // namespace
+
+TEST(HexText, LowerCaseDigits)
+{
+    char text[16] = "###############";
+    EXPECT_EQ(hex_to_str(kBytes, text, 4, sizeof text), 9);
+    EXPECT_STREQ(text, "000fa5ff");
+    EXPECT_EQ(text[9], '#');
+}
+
+TEST(HexText, NeedsRoomForTheZero)
+{
+    char text[16] = "###############";
+    EXPECT_EQ(hex_to_str(kBytes, text, 4, 8), -1);
+    EXPECT_EQ(text[0], '#') << "a refused call writes nothing";
+    EXPECT_EQ(hex_to_str(kBytes, text, 4, 9), 9);
+}
+
+TEST(HexText, NoBytes)
+{
+    char text[] = "#";
+    EXPECT_EQ(hex_to_str(kBytes, text, 0, 0), -1);
+    EXPECT_EQ(text[0], '#');
+    EXPECT_EQ(hex_to_str(nullptr, text, 0, 1), 1);
+    EXPECT_EQ(text[0], '\0');
+}
+
+TEST(HexText, LengthsThatWouldWrapAreRefused)
+{
+    char text[16] = "###############";
+    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000000, sizeof text), -1);
+    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000003, sizeof text), -1);
+    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000000, 0xFFFFFFFF), -1);
+    EXPECT_EQ(hex_to_str(kBytes, text, 0xFFFFFFFF, 0xFFFFFFFF), -1);
+    EXPECT_EQ(text[0], '#');
+}
+
+TEST(ByteOrder, AllEightBytesAreReversed)
+{
+    EXPECT_EQ(qv_ntoh64(0x0102030405060708), 0x0807060504030201u);
+    EXPECT_EQ(qv_hton64(0x0102030405060708), 0x0807060504030201u);
+    EXPECT_EQ(qv_ntoh64(0xFF), 0xFF00000000000000u);
+    EXPECT_EQ(qv_ntoh64(qv_hton64(0x123456789ABCDEF0)), 0x123456789ABCDEF0u);
+}
+
+TEST(FileMd5, FailsInAHostWithoutDigests)
+{
+    write_file("/tmp/file", "abc");
+    char text[33] = "#";
+    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), -1);
+    EXPECT_EQ(text[0], '#');
+}

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// The digest of a file in a host that links libcrypto, against the command everyone has.
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <random>
+
+using namespace support;
+
+namespace {
+
+std::string digest(const std::string &content)
+{
+    write_file("/tmp/file", content);
+    char text[33] = "";
+    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
+    return text;
+}
+
+} // namespace
+
+TEST(FileMd5Libcrypto, KnownDigests)
+{
+    EXPECT_EQ(digest(""), "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(digest("abc"), "900150983cd24fb0d6963f7d28e17f72");
+}
+
+TEST(FileMd5Libcrypto, AgreesWithTheCommand)
+{
+    std::mt19937 random(1);
+    for (std::size_t length : std::initializer_list<std::size_t>{1, 55, 56, 63, 64, 65, 2047, 2048, 2049, 100000}) {
+        std::string content(length, '\0');
+        for (char &c : content)
+            c = static_cast<char>(random());
+        std::string ours = digest(content);
+        ChildResult theirs = run_program({"/usr/bin/md5sum", "/tmp/file"});
+        ASSERT_TRUE(theirs.exited(0));
+        EXPECT_EQ(ours, theirs.out.substr(0, 32)) << length;
+    }
+}

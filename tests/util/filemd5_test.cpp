@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+// The digest of a file in a host that brings digest functions of its own: these note what they are given.
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <dirent.h>
+
+using namespace support;
+
+namespace {
+
+int begun;
+int ended;
+std::vector<std::size_t> chunks;
+std::string seen;
+
+int open_descriptors()
+{
+    return static_cast<int>(list_dir("/proc/self/fd").size());
+}
+
+} // namespace
+
+extern "C" {
+int MD5_Init(void *);
+int MD5_Update(void *, const void *data, std::size_t length);
+int MD5_Final(unsigned char *digest, void *);
+
+int MD5_Init(void *)
+{
+    begun++;
+    return 1;
+}
+
+int MD5_Update(void *, const void *data, std::size_t length)
+{
+    chunks.push_back(length);
+    seen.append(static_cast<const char *>(data), length);
+    return 1;
+}
+
+int MD5_Final(unsigned char *digest, void *)
+{
+    ended++;
+    for (int i = 0; i < 16; i++)
+        digest[i] = static_cast<unsigned char>(i * 17);
+    return 1;
+}
+}
+
+TEST(FileMd5, DigestAsLowerCaseDigits)
+{
+    write_file("/tmp/file", "abc");
+    char text[40] = "#######################################";
+    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
+    EXPECT_STREQ(text, "00112233445566778899aabbccddeeff");
+    EXPECT_EQ(text[33], '#');
+    EXPECT_EQ(seen, "abc");
+    EXPECT_EQ(begun, 1);
+    EXPECT_EQ(ended, 1);
+}
+
+TEST(FileMd5, ReadsInChunks)
+{
+    write_file("/tmp/file", std::string(5000, 'x'));
+    char text[33];
+    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
+    EXPECT_EQ(chunks, (std::vector<std::size_t>{2048, 2048, 904}));
+    EXPECT_EQ(seen, std::string(5000, 'x'));
+}
+
+TEST(FileMd5, NeedsRoomFor33)
+{
+    write_file("/tmp/file", "abc");
+    char text[33] = "#";
+    EXPECT_EQ(filemd5str("/tmp/file", text, 32), -1);
+    EXPECT_EQ(filemd5str("/tmp/file", nullptr, 33), -1);
+    EXPECT_EQ(text[0], '#');
+    EXPECT_EQ(begun, 0);
+    EXPECT_EQ(filemd5str("/tmp/file", text, 33), 0);
+}
+
+TEST(FileMd5, AFileThatCannotBeOpened)
+{
+    char text[33] = "#";
+    EXPECT_EQ(filemd5str("/tmp/none", text, sizeof text), -1);
+    EXPECT_EQ(text[0], '#');
+    EXPECT_EQ(begun, 0);
+}
+
+TEST(FileMd5, AReadErrorEndsTheInput)
+{
+    char text[33];
+    EXPECT_EQ(filemd5str("/tmp", text, sizeof text), 0) << "a directory opens and cannot be read";
+    EXPECT_EQ(ended, 1);
+    EXPECT_TRUE(chunks.empty());
+}
+
+TEST(FileMd5, LeavesNoDescriptorOpen)
+{
+    write_file("/tmp/file", "abc");
+    int before = open_descriptors();
+    char text[33];
+    for (int i = 0; i < 5; i++)
+        filemd5str("/tmp/file", text, sizeof text);
+    EXPECT_EQ(open_descriptors(), before);
+}

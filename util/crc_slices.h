@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// crc_slices.h - any reflected checksum by tables, eight bytes at a time.
+#ifndef LIBCOMMON_UTIL_CRC_SLICES_H
+#define LIBCOMMON_UTIL_CRC_SLICES_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace crc {
+
+constexpr std::uint16_t kPolynomial16 = 0xA001;
+constexpr std::uint32_t kPolynomial32 = 0xEDB88320;
+constexpr std::size_t kStride = 8;
+
+// tables[k][b]: what the byte b makes of a sum of 0 when k more bytes of zero follow it.
+template <typename Sum, Sum Polynomial>
+constexpr std::array<std::array<Sum, 256>, kStride> make_tables()
+{
+    std::array<std::array<Sum, 256>, kStride> tables{};
+    for (unsigned byte = 0; byte < 256; byte++) {
+        Sum sum = static_cast<Sum>(byte);
+        for (int bit = 0; bit < 8; bit++)
+            sum = static_cast<Sum>((sum & 1) != 0 ? Polynomial ^ (sum >> 1) : sum >> 1);
+        tables[0][byte] = sum;
+    }
+    for (std::size_t k = 1; k < kStride; k++) {
+        for (unsigned byte = 0; byte < 256; byte++) {
+            Sum before = tables[k - 1][byte];
+            tables[k][byte] = static_cast<Sum>(tables[0][before & 0xFF] ^ (before >> 8));
+        }
+    }
+    return tables;
+}
+
+inline constexpr auto kTables16 = make_tables<std::uint16_t, kPolynomial16>();
+inline constexpr auto kTables32 = make_tables<std::uint32_t, kPolynomial32>();
+
+static_assert(kTables16[0][1] == 0xC0C1 && kTables32[0][1] == 0x77073096);
+
+// Carries a sum on: eight bytes at a time, each through the table for its distance from the stride's end, so that the
+// look-ups do not wait for each other as those of a byte-wise loop do.
+template <typename Sum>
+Sum carry_on(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, const unsigned char *buf,
+             std::size_t len)
+{
+    for (; len >= kStride; len -= kStride, buf += kStride) {
+        std::uint64_t bytes = 0;
+        for (std::size_t i = 0; i < kStride; i++)
+            bytes |= std::uint64_t{buf[i]} << (8 * i);
+        bytes ^= sum;
+        sum = 0;
+        for (std::size_t i = 0; i < kStride; i++)
+            sum = static_cast<Sum>(sum ^ tables[kStride - 1 - i][(bytes >> (8 * i)) & 0xFF]);
+    }
+    for (; len > 0; len--, buf++)
+        sum = static_cast<Sum>(tables[0][(sum ^ *buf) & 0xFF] ^ (sum >> 8));
+    return sum;
+}
+
+} // namespace crc
+
+#endif
