@@ -1,0 +1,2 @@
+find_library(CRYPTO_LIBRARY crypto REQUIRED)
+target_link_libraries(filemd5_bench PRIVATE -Wl,--no-as-needed ${CRYPTO_LIBRARY})
