@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <benchmark/benchmark.h>
-#if __has_include(<ck_rwlock.h>)
-#include <ck_rwlock.h>
+#if __has_include(<ck_tflock.h>)
+#include <ck_tflock.h>
 #define HAVE_CK 1
 #endif
 #include <csignal>
@@ -50,12 +50,12 @@ struct Pthread {
 
 #ifdef HAVE_CK
 struct Ck {
-    ck_rwlock_t *lock = shared<ck_rwlock_t>();
-    Ck() { ck_rwlock_init(lock); }
-    void read_lock() { ck_rwlock_read_lock(lock); }
-    void read_unlock() { ck_rwlock_read_unlock(lock); }
-    void write_lock() { ck_rwlock_write_lock(lock); }
-    void write_unlock() { ck_rwlock_write_unlock(lock); }
+    ck_tflock_ticket_t *lock = shared<ck_tflock_ticket_t>();
+    Ck() { ck_tflock_ticket_init(lock); }
+    void read_lock() { ck_tflock_ticket_read_lock(lock); }
+    void read_unlock() { ck_tflock_ticket_read_unlock(lock); }
+    void write_lock() { ck_tflock_ticket_write_lock(lock); }
+    void write_unlock() { ck_tflock_ticket_write_unlock(lock); }
 };
 #endif
 
