@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+// sampled - a small daemon on libcommon: it takes samples of its clients, keeps a session for each, reports through the
+// console, answers dump requests and leaves a crash log.
+//
+//     sampled [--period SECONDS] [--clients N] [--run-for SECONDS] [--crash-after SECONDS] [--name NAME]
+//
+// Times may have fractions. Try `kill -52 PID` while it runs, or --crash-after 2, and look into /etc/core.
+#include "loop.h"
+#include "sampler.h"
+#include "sessions.h"
+
+#include <console_print.h>
+#include <sighandler.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+
+struct options {
+    double period = 1.0;
+    unsigned clients = 4;
+    double run_for = 0.0;     // 0: until a signal asks to stop
+    double crash_after = 0.0; // 0: never
+    const char *name = nullptr;
+};
+
+int usage()
+{
+    std::fprintf(stderr, "usage: sampled [--period S] [--clients N] [--run-for S] [--crash-after S] [--name NAME]\n");
+    return 2;
+}
+
+bool parse(int argc, char **argv, options &options)
+{
+    for (int i = 1; i < argc; i += 2) {
+        auto is = [&](const char *name) { return std::strcmp(argv[i], name) == 0; };
+        if (i + 1 == argc)
+            return false;
+        const char *value = argv[i + 1];
+        if (is("--period"))
+            options.period = std::atof(value);
+        else if (is("--clients"))
+            options.clients = static_cast<unsigned>(std::atoi(value));
+        else if (is("--run-for"))
+            options.run_for = std::atof(value);
+        else if (is("--crash-after"))
+            options.crash_after = std::atof(value);
+        else if (is("--name"))
+            options.name = value;
+        else
+            return false;
+    }
+    return options.period > 0 && options.clients > 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options options;
+    if (!parse(argc, argv, options))
+        return usage();
+    if (options.name != nullptr)
+        ::prctl(PR_SET_NAME, options.name);
+
+    install_sighandler();
+    if (!sampled::loop_init() || !sampled::sessions_init())
+        return 1;
+    console_print("sampled: started, pid %d\n", ::getpid());
+    sampled::sampler_start(options.period, options.clients);
+    if (options.run_for > 0)
+        sampled::loop_stop_after(options.run_for);
+    if (options.crash_after > 0)
+        sampled::sampler_crash_after(options.crash_after);
+    int code = sampled::loop_run();
+    sampled::sampler_finish();
+    sampled::sessions_finish();
+    return code;
+}

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// The sample daemon, run as a user would.
+#include "support/support.h"
+
+#include <csignal>
+
+using namespace support;
+
+namespace {
+
+ChildResult sampled(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), build_dir() + "/examples/sampled");
+    return run_program(arguments);
+}
+
+std::string console_log()
+{
+    return read_file("/etc/consolelog");
+}
+
+TEST(Sampled, TakesSamplesUntilItsTimeIsOver)
+{
+    ChildResult result = sampled({"--period", "0.05", "--clients", "2", "--run-for", "0.5"});
+    EXPECT_TRUE(result.exited(0)) << result.status << result.err;
+    std::string log = console_log();
+    EXPECT_THAT(log, testing::HasSubstr("sampled: started, pid "));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 1, session 1\n"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 2, session 2\n"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 3, session 1\n")) << "the first client's second sample";
+    EXPECT_THAT(log, testing::ContainsRegex("sampled: stopping after [0-9]+ samples\n"));
+}
+
+TEST(Sampled, ACrashIsLogged)
+{
+    ChildResult result = sampled({"--crash-after", "0.05", "--name", "victim"});
+    EXPECT_TRUE(result.killed_by(SIGSEGV)) << result.status;
+    std::string log;
+    for (const std::string &name : list_dir("/etc/core"))
+        if (name.starts_with("victim") && name.ends_with(".coredump.11.log"))
+            log = read_file("/etc/core/" + name);
+    EXPECT_THAT(log, testing::HasSubstr("sampled15take_bad_sample"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: 1 samples, 1 wakeups, 0 sessions\n"));
+}
+
+TEST(Sampled, Usage)
+{
+    for (const std::vector<std::string> &wrong :
+         std::vector<std::vector<std::string>>{{"--unknown", "1"}, {"--period"}, {"--period", "0"}, {"--clients", "0"}})
+        EXPECT_TRUE(sampled(wrong).exited(2));
+}
+
+} // namespace
