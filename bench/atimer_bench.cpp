@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+// The wheel of tick timers against sorted timers of other kinds and a plain list, and what a tick costs.
+#include "bench/timer_peers.h"
+
+#include <benchmark/benchmark.h>
+#include <random>
+
+namespace {
+
+using namespace bench;
+
+constexpr unsigned kMostTicks = 1000000;
+
+// The least that starting and stopping can be: a link in one list that nobody sorts.
+class List {
+public:
+    explicit List(std::size_t timers) : timers_(timers) { head_.next = head_.prev = &head_; }
+    void start(std::size_t i, std::int64_t)
+    {
+        node *n = &timers_[i];
+        n->prev = head_.prev;
+        n->next = &head_;
+        head_.prev->next = n;
+        head_.prev = n;
+    }
+    void stop(std::size_t i)
+    {
+        timers_[i].prev->next = timers_[i].next;
+        timers_[i].next->prev = timers_[i].prev;
+    }
+
+private:
+    struct node {
+        node *next, *prev;
+        void *rest[5]; // as large as ours
+    };
+    node head_;
+    std::vector<node> timers_;
+};
+
+std::int64_t some_ticks(std::mt19937 &random)
+{
+    return 1 + random() % kMostTicks;
+}
+
+template <typename Timers>
+void start_stop(benchmark::State &state)
+{
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Timers timers(pending + 1);
+    for (std::size_t i = 0; i < pending; i++)
+        timers.start(i, some_ticks(random) * 1000000);
+    for (auto _ : state) {
+        timers.start(pending, some_ticks(random) * 1000000);
+        timers.stop(pending);
+    }
+}
+
+template <>
+void start_stop<Wheel>(benchmark::State &state)
+{
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Wheel timers(pending + 1);
+    for (std::size_t i = 0; i < pending; i++)
+        timers.start(i, some_ticks(random));
+    for (auto _ : state) {
+        timers.start(pending, some_ticks(random));
+        timers.stop(pending);
+    }
+}
+
+void idle_tick(benchmark::State &state)
+{
+    Wheel timers(1);
+    timers.start(0, 1000 * 1000 * 1000);
+    for (auto _ : state)
+        timers.run();
+}
+BENCHMARK(idle_tick);
+
+// A stall of 100,000 seconds with `pending` timers that are all later; the time is that of one tick.
+void stall(benchmark::State &state)
+{
+    constexpr std::uint32_t kStall = 100000;
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Wheel timers(pending);
+    atimer_context &wheel = timers.wheel();
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (std::size_t i = 0; i < pending; i++) {
+            timers.stop(i);
+            timers.start(i, 200000 + some_ticks(random));
+        }
+        wheel.last_second -= kStall;
+        state.ResumeTiming();
+        process_atimer(&wheel);
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t{kStall});
+}
+BENCHMARK(stall)->Arg(0)->Arg(100);
+
+// 100,000 timers spread over as many ticks, all of which cascade, fire; the time is that of one timer.
+constexpr std::size_t kDrained = 100000;
+
+void drain_wheel(benchmark::State &state)
+{
+    std::mt19937 random(1);
+    Wheel timers(kDrained);
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (std::size_t i = 0; i < kDrained; i++)
+            timers.start(i, 1 + random() % kDrained);
+        unsigned long before = fired;
+        state.ResumeTiming();
+        while (fired - before < kDrained) {
+            timers.wheel().last_second -= 1000;
+            process_atimer(&timers.wheel());
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kDrained));
+}
+BENCHMARK(drain_wheel);
+
+// The peers' clocks do not wait: all are due by the time the draining begins, in no order.
+template <typename Timers>
+void drain(benchmark::State &state)
+{
+    std::mt19937 random(1);
+    Timers timers(kDrained);
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (std::size_t i = 0; i < kDrained; i++)
+            timers.start(i, random() % 1000);
+        timespec nap = {0, 3000000};
+        ::nanosleep(&nap, nullptr);
+        unsigned long before = fired;
+        state.ResumeTiming();
+        while (fired - before < kDrained)
+            timers.run();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kDrained));
+}
+
+template <typename Timers>
+void all(const char *name)
+{
+    std::string prefix = name;
+    benchmark::RegisterBenchmark((prefix + "/start_stop").c_str(), start_stop<Timers>)
+        ->RangeMultiplier(1000)
+        ->Range(1000, 1000000);
+    if constexpr (!std::is_same_v<Timers, Wheel> && !std::is_same_v<Timers, List>)
+        benchmark::RegisterBenchmark((prefix + "/drain").c_str(), drain<Timers>);
+}
+
+const bool registered = [] {
+    all<Wheel>("ours");
+    all<List>("plain_list");
+    all<BoostHeap>("boost_d_ary_heap");
+    all<Multimap>("multimap");
+#ifdef HAVE_EV
+    all<Ev>("libev");
+#endif
+#ifdef HAVE_EVENT
+    all<Event>("libevent");
+#endif
+#ifdef HAVE_UV
+    all<Uv>("libuv");
+#endif
+    return true;
+}();
+
+} // namespace

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sorted timers against those of event loops and against plain containers, with 1,000 to 1,000,000 timers pending.
+#include "bench/timer_peers.h"
+
+#include <benchmark/benchmark.h>
+#include <random>
+#include <string>
+
+namespace {
+
+using namespace bench;
+
+constexpr std::int64_t kHour = 3600 * std::int64_t{1000000};
+constexpr std::size_t kDue = 1000;
+
+std::int64_t some_time(std::mt19937 &random)
+{
+    return kHour + static_cast<std::int64_t>(random() % 1000000) * 10000;
+}
+
+template <typename Timers>
+void fill(Timers &timers, std::size_t pending, std::mt19937 &random)
+{
+    for (std::size_t i = 0; i < pending; i++)
+        timers.start(i, some_time(random));
+}
+
+// A timer beside those pending is started and stopped.
+template <typename Timers>
+void start_stop(benchmark::State &state)
+{
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Timers timers(pending + 1);
+    fill(timers, pending, random);
+    for (auto _ : state) {
+        timers.start(pending, some_time(random));
+        timers.stop(pending);
+    }
+}
+
+// One of those pending is stopped and started anew, as every packet of a session does.
+template <typename Timers>
+void rearm(benchmark::State &state)
+{
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Timers timers(pending);
+    fill(timers, pending, random);
+    for (auto _ : state) {
+        std::size_t i = random() % pending;
+        timers.stop(i);
+        timers.start(i, some_time(random));
+    }
+}
+
+// 1,000 timers beside those pending are started and fire in one go; the time is that of one.
+template <typename Timers>
+void start_fire(benchmark::State &state)
+{
+    auto pending = static_cast<std::size_t>(state.range(0));
+    std::mt19937 random(1);
+    Timers timers(pending + kDue);
+    fill(timers, pending, random);
+    for (auto _ : state) {
+        unsigned long before = fired;
+        for (std::size_t i = 0; i < kDue; i++)
+            timers.start(pending + i, 0);
+        while (fired - before < kDue)
+            timers.run();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kDue));
+}
+
+template <typename Timers>
+void all(const std::string &name)
+{
+    auto add = [&](const char *what, void (*function)(benchmark::State &)) {
+        benchmark::RegisterBenchmark((name + what).c_str(), function)->RangeMultiplier(10)->Range(1000, 1000000);
+    };
+    add("/start_stop", start_stop<Timers>);
+    add("/rearm", rearm<Timers>);
+    add("/start_fire", start_fire<Timers>);
+}
+
+const bool registered = [] {
+    all<Ours>("ours");
+    all<Binary>("binary_heap");
+    all<BoostHeap>("boost_d_ary_heap");
+    all<Multimap>("multimap");
+#ifdef HAVE_EV
+    all<Ev>("libev");
+#endif
+#ifdef HAVE_EVENT
+    all<Event>("libevent");
+#endif
+#ifdef HAVE_UV
+    all<Uv>("libuv");
+#endif
+    return true;
+}();
+
+} // namespace

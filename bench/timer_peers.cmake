@@ -1,0 +1,17 @@
+# The event libraries that a timer benchmark measures against; what is not installed is left out.
+# libevent comes first: libev brings functions of the same names.
+foreach(peer IN ITEMS EVENT:event:event2/event.h EV:ev:ev.h UV:uv:uv.h)
+    string(REPLACE ":" ";" peer ${peer})
+    list(GET peer 0 id)
+    list(GET peer 1 library)
+    list(GET peer 2 header)
+    find_library(${id}_LIBRARY ${library})
+    find_path(${id}_INCLUDE ${header})
+    if(${id}_LIBRARY AND ${id}_INCLUDE)
+        target_compile_definitions(${name} PRIVATE HAVE_${id})
+        target_include_directories(${name} SYSTEM PRIVATE ${${id}_INCLUDE})
+        target_link_libraries(${name} PRIVATE ${${id}_LIBRARY})
+    else()
+        message(STATUS "${name} runs without lib${library}: it is not installed")
+    endif()
+endforeach()
