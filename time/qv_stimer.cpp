@@ -2,6 +2,7 @@
 // Sorted one-shot timers over the imported heap.
 #include "stimer.h"
 
+#include "base/timeval.h"
 #include "heap.h"
 #include "log/trace_error.h"
 #include "qv_time.h"
@@ -29,11 +30,6 @@ static_assert(sizeof(stimer) == 64);
 void report(const char *text, int line = __builtin_LINE())
 {
     trace::error(kSource, line, text);
-}
-
-bool is_later(const timeval &a, const timeval &b)
-{
-    return qv_timeval_compare(&a, &b) > 0;
 }
 
 // The sum, held at the ends of the range: intervals may be set by hand.
@@ -136,7 +132,7 @@ int process_stimer(void **ctx)
     int count = 0;
     // The head is looked up anew every round: a callback may start, stop or free any timer.
     while (auto *timer = static_cast<stimer *>(__heap_element(*ctx, kEarliest))) {
-        if (is_later(timer->expire, now))
+        if (base::is_later(timer->expire, now))
             break;
         stop_stimer(timer);
         count++;
@@ -163,7 +159,7 @@ int stimer_isruning(const struct stimer *timer)
 
 int stimer_higher_priority_func(const void *a, const void *b)
 {
-    return is_later(static_cast<const stimer *>(b)->expire, static_cast<const stimer *>(a)->expire) ? 1 : 0;
+    return base::is_later(static_cast<const stimer *>(b)->expire, static_cast<const stimer *>(a)->expire) ? 1 : 0;
 }
 
 void stimer_index_func(void *timer, unsigned int position)

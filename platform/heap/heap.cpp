@@ -2,7 +2,7 @@
 // An implicit 4-ary heap of element pointers.
 //
 // Comparing two elements touches both, and in a large heap each is a cache miss; those misses are what an operation
-// costs. Four children a node halve the depth, and the four can be fetched at once before the first is looked at.
+// costs. Four children a node halve the depth, and the four are fetched at once while something else is looked at.
 #include "heap.h"
 
 #include <algorithm>
@@ -48,11 +48,16 @@ std::size_t hole_up(heap &h, std::size_t i, const void *element)
     return i;
 }
 
+void prefetch_children(const heap &h, std::size_t i)
+{
+    std::size_t end = std::min(first_child_of(i) + kArity, h.count);
+    for (std::size_t child = first_child_of(i); child < end; child++)
+        __builtin_prefetch(h.elements[child]);
+}
+
 std::size_t earliest_child(const heap &h, std::size_t first)
 {
     std::size_t end = std::min(first + kArity, h.count);
-    for (std::size_t i = first; i < end; i++)
-        __builtin_prefetch(h.elements[i]);
     std::size_t best = first;
     for (std::size_t i = first + 1; i < end; i++) {
         if (h.higher_priority(h.elements[i], h.elements[best]) != 0)
@@ -61,12 +66,13 @@ std::size_t earliest_child(const heap &h, std::size_t first)
     return best;
 }
 
-std::size_t hole_down(heap &h, std::size_t i, const void *element)
+// Moves the hole at i down to a leaf. What is to fill it was a leaf before and will hardly stay higher up, so comparing
+// with that on the way costs more than moving it up again from there.
+std::size_t hole_down(heap &h, std::size_t i)
 {
     for (std::size_t first; (first = first_child_of(i)) < h.count;) {
         std::size_t child = earliest_child(h, first);
-        if (h.higher_priority(h.elements[child], element) == 0)
-            break;
+        prefetch_children(h, child);
         place(h, i, h.elements[child]);
         i = child;
     }
@@ -125,8 +131,11 @@ int __heap_delete(void *handle, unsigned int position)
     void *moved = h->elements[--h->count];
     if (hole == h->count)
         return 0;
-    std::size_t up = hole_up(*h, hole, moved);
-    place(*h, up != hole ? up : hole_down(*h, hole, moved), moved);
+    prefetch_children(*h, hole);
+    std::size_t found = hole_up(*h, hole, moved);
+    if (found == hole)
+        found = hole_up(*h, hole_down(*h, hole), moved);
+    place(*h, found, moved);
     return 0;
 }
 
