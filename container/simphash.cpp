@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// The simple hash table.
+#include "simphash.h"
+
+#include "log/trace_error.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+static_assert(offsetof(simphash_entry, pprev) == 8 && offsetof(simphash_entry, value) == 16);
+static_assert(offsetof(simphash, log_size) == 8 && offsetof(simphash, mask) == 12 && sizeof(simphash) == 16);
+
+namespace {
+
+// The lines under which log readers know the failures. They do not follow the source.
+enum report_line { kBadSize = 34, kNoTable = 41, kNoBuckets = 47, kNoEntry = 69, kNotFound = 99 };
+
+constexpr unsigned kLogSizeMask = 31;
+constexpr std::size_t kLargeArray = std::size_t{1} << 20;
+
+void report(report_line line, const char *text)
+{
+    trace::error("simphash", line, text);
+}
+
+// Null heads. A large array comes zeroed from the system as it is touched; zeroing it here would commit up to 16 GiB.
+simphash_entry **make_buckets(std::size_t count)
+{
+    std::size_t size = count * sizeof(simphash_entry *);
+    if (size >= kLargeArray)
+        return static_cast<simphash_entry **>(std::calloc(count, sizeof(simphash_entry *)));
+    auto **buckets = static_cast<simphash_entry **>(std::malloc(size));
+    for (std::size_t i = 0; buckets != nullptr && i < count; i++)
+        buckets[i] = nullptr;
+    return buckets;
+}
+
+// The pointer that points at the first matching entry; null when none matches.
+simphash_entry **find(simphash *table, unsigned hash, simphash_cmp_fn cmp, const void *key)
+{
+    for (simphash_entry **link = &table->buckets[hash & table->mask]; *link != nullptr; link = &(*link)->next) {
+        if (cmp((*link)->value, key) == 0)
+            return link;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+struct simphash *simphash_create(unsigned log_size)
+{
+    std::uint32_t count = std::uint32_t{1} << (log_size & kLogSizeMask);
+    if (count == 0) { // never, as long as the size is taken modulo 32
+        report(kBadSize, "invalid logsize when creating simple hash table\n");
+        return nullptr;
+    }
+    auto *table = static_cast<simphash *>(std::malloc(sizeof(simphash)));
+    if (table == nullptr) {
+        report(kNoTable, "Can not allocate simple hash table\n");
+        return nullptr;
+    }
+    *table = {make_buckets(count), log_size, count - 1};
+    if (table->buckets == nullptr) {
+        report(kNoBuckets, "Can not allocate simple hash table pointers\n");
+        std::free(table);
+        return nullptr;
+    }
+    return table;
+}
+
+int simphash_insert(struct simphash *table, unsigned hash, uintptr_t value)
+{
+    auto *entry = static_cast<simphash_entry *>(std::malloc(sizeof(simphash_entry)));
+    if (entry == nullptr) {
+        report(kNoEntry, "insert_simphash: can not allocate memory\n");
+        return -1;
+    }
+    simphash_entry **bucket = &table->buckets[hash & table->mask];
+    *entry = {*bucket, bucket, value};
+    if (entry->next != nullptr)
+        entry->next->pprev = &entry->next;
+    *bucket = entry;
+    return 0;
+}
+
+uintptr_t simphash_remove(struct simphash *table, unsigned hash, const void *key, simphash_cmp_fn cmp)
+{
+    simphash_entry **link = find(table, hash, cmp, key);
+    if (link == nullptr) {
+        report(kNotFound, "remove_simphash: not found\n");
+        return 0;
+    }
+    simphash_entry *entry = *link;
+    if (entry->next != nullptr)
+        entry->next->pprev = entry->pprev;
+    *entry->pprev = entry->next;
+    uintptr_t value = entry->value;
+    std::free(entry);
+    return value;
+}
+
+uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, const void *key)
+{
+    simphash_entry **link = find(table, hash, cmp, key);
+    return link != nullptr ? (*link)->value : 0;
+}
+}

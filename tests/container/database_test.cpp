@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "database.h"
+
+#include "support/support.h"
+
+#include <algorithm>
+#include <deque>
+#include <dlfcn.h>
+#include <map>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+int allocations_left = -1; // -1: any number
+
+struct item {
+    std::uint32_t a = 0, b = 0;
+};
+
+std::uint32_t hash_a(const void *record)
+{
+    return static_cast<const item *>(record)->a;
+}
+
+std::uint32_t hash_b(const void *record)
+{
+    return static_cast<const item *>(record)->b * 1025;
+}
+
+int has_b(void *record, const void *key)
+{
+    return static_cast<item *>(record)->b == *static_cast<const std::uint32_t *>(key) ? -5 : 0;
+}
+
+int any(void *, const void *)
+{
+    return 1;
+}
+
+std::vector<void *> visited;
+
+void visit(void *record)
+{
+    visited.push_back(record);
+}
+
+std::vector<void *> records(database_index *index)
+{
+    visited.clear();
+    EXPECT_EQ(database_index_walk_all(index, visit), 0);
+    return visited;
+}
+
+struct Database : testing::Test {
+    database *db = db_create_database();
+    database_index *by_a = db_create_database_index(db, hash_a);
+    database_index *by_b = db_create_database_index(db, hash_b);
+    void TearDown() override
+    {
+        database_remove_all(db, nullptr);
+        db_destroy_database(db);
+    }
+};
+
+} // namespace
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    allocations_left -= allocations_left > 0;
+    return real(size);
+}
+
+TEST_F(Database, Layout)
+{
+    EXPECT_EQ(db->indexes, by_b) << "the newest index comes first";
+    EXPECT_EQ(by_b->next_index, by_a);
+    EXPECT_EQ(by_a->next_index, nullptr);
+    EXPECT_EQ(by_a->db, db);
+    EXPECT_EQ(by_a->hash_fn, hash_a);
+    EXPECT_EQ(by_a->log_size, 10U);
+    EXPECT_EQ(by_a->mask, 1023U);
+    for (unsigned i = 0; i < 1024; i++) {
+        EXPECT_EQ(by_a->buckets[i].first, nullptr);
+        EXPECT_EQ(by_a->buckets[i].last, &by_a->buckets[i].first);
+    }
+}
+
+TEST_F(Database, ARecordIsInEveryIndex)
+{
+    item x{7, 9};
+    EXPECT_EQ(database_insert(db, &x), 0);
+    EXPECT_EQ(database_find(by_a, 7, any, nullptr), &x);
+    EXPECT_EQ(database_find(by_a, 7 + 1024, any, nullptr), &x) << "the bucket counts, not the hash";
+    EXPECT_EQ(database_find(by_a, 8, any, nullptr), nullptr);
+    EXPECT_EQ(database_find(by_b, 9, any, nullptr), &x);
+    EXPECT_EQ(by_a->buckets[7].first->record, &x);
+    EXPECT_EQ(by_a->buckets[7].last, &by_a->buckets[7].first->next);
+    EXPECT_EQ(database_remove(db, &x), 0);
+    EXPECT_EQ(records(by_a).size() + records(by_b).size(), 0U);
+}
+
+TEST_F(Database, TheFirstMatchIsFound)
+{
+    item items[] = {{1, 10}, {1, 20}, {1025, 20}, {1, 30}};
+    for (item &x : items)
+        database_insert(db, &x);
+    std::uint32_t b = 20;
+    EXPECT_EQ(database_find(by_a, 1, has_b, &b), &items[1]);
+    b = 30;
+    EXPECT_EQ(database_find(by_a, 1, has_b, &b), &items[3]);
+    b = 40;
+    EXPECT_EQ(database_find(by_a, 1, has_b, &b), nullptr);
+}
+
+TEST_F(Database, BucketsKeepTheOrderOfInsertion)
+{
+    item items[] = {{5, 1}, {3, 2}, {5, 3}, {1029, 4}, {3, 5}};
+    for (item &x : items)
+        database_insert(db, &x);
+    EXPECT_EQ(records(by_a), (std::vector<void *>{&items[1], &items[4], &items[0], &items[2], &items[3]}));
+    database_remove(db, &items[2]);
+    EXPECT_EQ(records(by_a), (std::vector<void *>{&items[1], &items[4], &items[0], &items[3]}));
+    EXPECT_EQ(database_index_walk_all(by_a, nullptr), 0);
+}
+
+TEST_F(Database, RemovingWhatIsNotThereFails)
+{
+    item x{1, 1}, y{1, 1};
+    EXPECT_EQ(database_remove(db, &x), -1);
+    database_insert(db, &x);
+    EXPECT_EQ(database_remove(db, &y), -1) << "the same pointer counts, not the same content";
+    EXPECT_EQ(database_index_remove(by_a, &x, 2), -1) << "another bucket";
+    EXPECT_EQ(database_index_remove(by_a, &x, 1025), 0);
+    EXPECT_EQ(database_remove(db, &x), -1) << "one index did not hold it";
+    EXPECT_EQ(records(by_b).size(), 0U) << "the other did, and holds it no more";
+}
+
+TEST_F(Database, AnIndexOfLaterHoldsNothingOfEarlier)
+{
+    item x{1, 1};
+    database_insert(db, &x);
+    database_index *late = db_create_database_index(db, hash_a);
+    EXPECT_EQ(records(late).size(), 0U);
+    EXPECT_EQ(database_remove(db, &x), -1);
+    EXPECT_EQ(records(by_a).size(), 0U);
+}
+
+TEST_F(Database, ARecordCanBeInTwice)
+{
+    item x{1, 1};
+    database_insert(db, &x);
+    database_insert(db, &x);
+    EXPECT_EQ(records(by_a).size(), 2U);
+    EXPECT_EQ(database_remove(db, &x), 0);
+    EXPECT_EQ(records(by_a).size(), 1U);
+}
+
+TEST_F(Database, RemoveAllHandsEachRecordOutOncePerIndex)
+{
+    item x{1, 1}, y{2, 1};
+    database_insert(db, &x);
+    database_insert(db, &y);
+    visited.clear();
+    EXPECT_EQ(database_remove_all(db, visit), -1);
+    EXPECT_EQ(visited, (std::vector<void *>{&x, &y, &x, &y})) << "the newest index first, each by bucket";
+    EXPECT_EQ(records(by_a).size() + records(by_b).size(), 0U);
+    EXPECT_EQ(database_remove_all(db, visit), -1) << "empty as it was";
+    EXPECT_EQ(database_index_remove_all(by_a, nullptr), -1);
+}
+
+TEST_F(Database, ReleaseMayTakeOtherRecordsOut)
+{
+    static item x, y, z;
+    static database_index *index;
+    x = y = z = {1, 1};
+    index = by_a;
+    for (item *each : {&x, &y, &z})
+        database_index_insert(by_a, each, 1);
+    visited.clear();
+    EXPECT_EQ(database_index_remove_all(by_a,
+                                        [](void *record) {
+                                            visit(record);
+                                            if (record == &x)
+                                                database_index_remove(index, &y, 1);
+                                        }),
+              -1);
+    EXPECT_EQ(visited, (std::vector<void *>{&x, &z}));
+}
+
+TEST(DatabaseWithoutIndex, EverythingGoes)
+{
+    database *db = db_create_database();
+    ASSERT_NE(db, nullptr);
+    EXPECT_EQ(db->indexes, nullptr);
+    item x;
+    EXPECT_EQ(database_insert(db, &x), 0);
+    EXPECT_EQ(database_remove(db, &x), 0);
+    EXPECT_EQ(database_remove_all(db, nullptr), 0);
+    EXPECT_EQ(db_destroy_database(db), 0);
+    EXPECT_EQ(db_destroy_database(nullptr), -1);
+}
+
+TEST_F(Database, FailedAllocations)
+{
+    item x{1, 1};
+    allocations_left = 0;
+    database *no_database = db_create_database();
+    database_index *no_index = db_create_database_index(db, hash_a);
+    int no_node = database_index_insert(by_a, &x, 1);
+    allocations_left = 1;
+    database_index *no_buckets = db_create_database_index(db, hash_a);
+    allocations_left = -1;
+    EXPECT_EQ(no_database, nullptr);
+    EXPECT_EQ(no_index, nullptr);
+    EXPECT_EQ(no_buckets, nullptr);
+    EXPECT_EQ(no_node, -1);
+    EXPECT_EQ(db->indexes, by_b);
+}
+
+TEST_F(Database, AFailedInsertionIsUndone)
+{
+    item x{1, 1}, y{1, 1};
+    database_insert(db, &x);
+    allocations_left = 1;
+    int result = database_insert(db, &y);
+    allocations_left = -1;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(records(by_b), std::vector<void *>{&x});
+    EXPECT_EQ(records(by_a), std::vector<void *>{&x});
+}
+
+TEST(DatabaseModel, RandomWorkAgreesWithLists)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        database *db = db_create_database();
+        database_index *by_a = db_create_database_index(db, hash_a);
+        database_index *by_b = db_create_database_index(db, hash_b);
+        std::vector<item> items(500);
+        for (item &x : items)
+            x = {static_cast<std::uint32_t>(random() % 3000), static_cast<std::uint32_t>(random() % 20)};
+        std::map<std::uint32_t, std::deque<item *>> model_a, model_b; // by bucket
+        auto drop = [](std::deque<item *> &bucket, item *x) {
+            auto place = std::find(bucket.begin(), bucket.end(), x);
+            bool held = place != bucket.end();
+            if (held)
+                bucket.erase(place);
+            return held;
+        };
+        for (std::size_t step = 0; step < effort(1000000); step++) {
+            item *x = &items[random() % items.size()];
+            auto &in_a = model_a[x->a & 1023];
+            auto &in_b = model_b[hash_b(x) & 1023];
+            switch (random() % 8) {
+            case 0:
+                ASSERT_EQ(database_insert(db, x), 0);
+                in_a.push_back(x);
+                in_b.push_back(x);
+                break;
+            case 1: {
+                bool of_a = drop(in_a, x);
+                bool of_b = drop(in_b, x);
+                ASSERT_EQ(database_remove(db, x), of_a && of_b ? 0 : -1);
+                break;
+            }
+            case 2:
+                ASSERT_EQ(database_index_remove(by_a, x, x->a), drop(in_a, x) ? 0 : -1);
+                break;
+            default: {
+                auto place = std::find_if(in_a.begin(), in_a.end(), [&](item *y) { return y->b == x->b; });
+                ASSERT_EQ(database_find(by_a, x->a, has_b, &x->b), place != in_a.end() ? *place : nullptr);
+            }
+            }
+            if (in_a.size() + in_b.size() > 60) {
+                database_remove_all(db, nullptr);
+                model_a.clear();
+                model_b.clear();
+            }
+        }
+        database_remove_all(db, nullptr);
+        ASSERT_EQ(records(by_a).size() + records(by_b).size(), 0U);
+        db_destroy_database(db);
+    }
+}

@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "simphash.h"
+
+#include "debug_trace.h"
+#include "support/support.h"
+
+#include <deque>
+#include <dlfcn.h>
+#include <map>
+#include <random>
+#include <sys/resource.h>
+
+using namespace support;
+
+namespace {
+
+int allocations_left = -1; // -1: any number
+
+int same(std::uintptr_t value, const void *key)
+{
+    return value == *static_cast<const std::uintptr_t *>(key) ? 0 : 1;
+}
+
+// Matches all values of the same ten; a compare that is positive or negative is no match.
+int same_tens(std::uintptr_t value, const void *key)
+{
+    return static_cast<int>(value / 10) - static_cast<int>(*static_cast<const std::uintptr_t *>(key) / 10);
+}
+
+std::uintptr_t find(simphash *table, unsigned hash, std::uintptr_t key, simphash_cmp_fn cmp = same)
+{
+    return simphash_find(table, hash, cmp, &key);
+}
+
+std::uintptr_t take(simphash *table, unsigned hash, std::uintptr_t key, simphash_cmp_fn cmp = same)
+{
+    return simphash_remove(table, hash, &key, cmp);
+}
+
+void destroy(simphash *table)
+{
+    for (std::size_t i = 0; i <= table->mask; i++) {
+        while (simphash_entry *entry = table->buckets[i]) {
+            table->buckets[i] = entry->next;
+            free(entry);
+        }
+    }
+    free(table->buckets);
+    free(table);
+}
+
+} // namespace
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    allocations_left -= allocations_left > 0;
+    return real(size);
+}
+
+TEST(Simphash, SizeIsTakenModulo32)
+{
+    for (auto [log_size, mask] :
+         {std::pair{0U, 0U}, {1U, 1U}, {10U, 1023U}, {32U, 0U}, {33U, 1U}, {0xFFFFFFE4U, 15U}}) {
+        simphash *table = simphash_create(log_size);
+        ASSERT_NE(table, nullptr);
+        EXPECT_EQ(table->log_size, log_size);
+        EXPECT_EQ(table->mask, mask);
+        for (std::size_t i = 0; i <= mask; i++)
+            EXPECT_EQ(table->buckets[i], nullptr);
+        destroy(table);
+    }
+}
+
+TEST(Simphash, TheLargestSizeFailsCleanlyWhereMemoryIsShort)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer needs the address space";
+    ChildResult result = run_child([] {
+        rlimit limit = {std::size_t{1} << 32, std::size_t{1} << 32};
+        ::setrlimit(RLIMIT_AS, &limit);
+        EXPECT_EQ(simphash_create(31), nullptr);
+        ::_exit(testing::Test::HasFailure());
+    });
+    EXPECT_TRUE(result.exited(0));
+    EXPECT_THAT(result.err, testing::EndsWith("] Error: simphash:47: Can not allocate simple hash table pointers\n"));
+}
+
+TEST(Simphash, FailedAllocationsAreReported)
+{
+    simphash *table = simphash_create(2);
+    std::string said = capture_stderr([&] {
+        allocations_left = 0;
+        simphash *made = simphash_create(2);
+        allocations_left = -1;
+        EXPECT_EQ(made, nullptr);
+    });
+    EXPECT_THAT(said, testing::MatchesRegex("\\[..:..:..\\] Error: simphash:41: Can not allocate simple hash table\n"));
+    said = capture_stderr([&] {
+        allocations_left = 1;
+        simphash *made = simphash_create(2);
+        allocations_left = -1;
+        EXPECT_EQ(made, nullptr);
+    });
+    EXPECT_THAT(said, testing::MatchesRegex(
+                          "\\[..:..:..\\] Error: simphash:47: Can not allocate simple hash table pointers\n"));
+    said = capture_stderr([&] {
+        allocations_left = 0;
+        int result = simphash_insert(table, 0, 1);
+        allocations_left = -1;
+        EXPECT_EQ(result, -1);
+    });
+    EXPECT_THAT(said,
+                testing::MatchesRegex("\\[..:..:..\\] Error: simphash:69: insert_simphash: can not allocate memory\n"));
+    EXPECT_EQ(find(table, 0, 1), 0U);
+    destroy(table);
+}
+
+TEST(Simphash, RemovingWhatIsNotThereIsReported)
+{
+    simphash *table = simphash_create(2);
+    __qv_print_val = 7;
+    EXPECT_THAT(capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }),
+                testing::MatchesRegex("\\[..:..:..\\] Error: simphash:99: remove_simphash: not found\n"));
+    EXPECT_EQ(__qv_print_val, 0);
+    destroy(table);
+}
+
+TEST(Simphash, ReportsNeedTheErrorLevel)
+{
+    simphash *table = simphash_create(2);
+    __qv_debug_level = 1;
+    __qv_print_val = 7;
+    EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }), "");
+    EXPECT_EQ(__qv_print_val, 7);
+    __qv_debug_level = 2;
+    EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(find(table, 3, 1), 0U); }), "") << "a lookup says nothing";
+    destroy(table);
+}
+
+TEST(Simphash, FindsWhatWasInserted)
+{
+    simphash *table = simphash_create(4);
+    for (std::uintptr_t value = 1; value <= 100; value++)
+        EXPECT_EQ(simphash_insert(table, static_cast<unsigned>(value * 7), value), 0);
+    for (std::uintptr_t value = 1; value <= 100; value++)
+        EXPECT_EQ(find(table, static_cast<unsigned>(value * 7), value), value);
+    EXPECT_EQ(find(table, 8, 1), 0U) << "another bucket";
+    EXPECT_EQ(find(table, 7 + 16, 1), 1U) << "the same bucket by another hash";
+    destroy(table);
+}
+
+TEST(Simphash, TheLastOfSeveralMatchesComesFirst)
+{
+    simphash *table = simphash_create(0);
+    for (std::uintptr_t value : {11U, 12U, 20U, 13U})
+        simphash_insert(table, 5, value);
+    EXPECT_EQ(find(table, 0, 10, same_tens), 13U);
+    EXPECT_EQ(take(table, 0, 10, same_tens), 13U);
+    EXPECT_EQ(take(table, 0, 10, same_tens), 12U) << "from the middle";
+    EXPECT_EQ(take(table, 0, 10, same_tens), 11U);
+    EXPECT_EQ(find(table, 0, 10, same_tens), 0U);
+    EXPECT_EQ(find(table, 0, 20, same_tens), 20U);
+    destroy(table);
+}
+
+TEST(Simphash, LinksPointBack)
+{
+    simphash *table = simphash_create(0);
+    for (std::uintptr_t value : {1U, 2U, 3U})
+        simphash_insert(table, 0, value);
+    take(table, 0, 2);
+    simphash_entry *first = table->buckets[0];
+    EXPECT_EQ(first->value, 3U);
+    EXPECT_EQ(first->pprev, &table->buckets[0]);
+    EXPECT_EQ(first->next->value, 1U);
+    EXPECT_EQ(first->next->pprev, &first->next);
+    EXPECT_EQ(first->next->next, nullptr);
+    destroy(table);
+}
+
+TEST(SimphashModel, RandomWorkAgreesWithLists)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        simphash *table = simphash_create(static_cast<unsigned>(random() % 10));
+        __qv_debug_level = 0;
+        std::map<unsigned, std::deque<std::uintptr_t>> model; // by bucket, the newest first
+        for (std::size_t step = 0; step < effort(1000000); step++) {
+            auto hash = static_cast<unsigned>(random() % 2000);
+            std::uintptr_t value = 1 + random() % 300;
+            auto &bucket = model[hash & table->mask];
+            auto place = std::find_if(bucket.begin(), bucket.end(), [&](auto v) { return v / 10 == value / 10; });
+            std::uintptr_t expected = place != bucket.end() ? *place : 0;
+            switch (random() % (bucket.size() > 20 ? 8 : 3)) {
+            case 0:
+                ASSERT_EQ(simphash_insert(table, hash, value), 0);
+                bucket.push_front(value);
+                break;
+            case 1:
+                ASSERT_EQ(find(table, hash, value, same_tens), expected);
+                break;
+            default:
+                ASSERT_EQ(take(table, hash, value, same_tens), expected);
+                if (expected != 0)
+                    bucket.erase(place);
+            }
+        }
+        destroy(table);
+    }
+}
