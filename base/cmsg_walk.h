@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 namespace base {
 
@@ -38,6 +39,12 @@ public:
     bool is(int level, int type) const { return header_.level == level && header_.type == type; }
     int level() const { return header_.level; }
     int type() const { return header_.type; }
+
+    // The message with its header, cut at the end of the control data.
+    std::span<const unsigned char> bytes() const
+    {
+        return {buffer_ + at_, static_cast<std::size_t>(std::min<std::uint64_t>(header_.length, end_ - at_))};
+    }
 
     // The data as a T, whatever length the message claims; zero where it would lie beyond the buffer.
     template <typename T>

@@ -38,13 +38,14 @@ enum command : unsigned long {
 
 // Offsets in the command record. One place may serve several commands.
 inline constexpr std::size_t kCommandSize = 280;
-inline constexpr std::size_t kCode = 0;       // 8 bytes
-inline constexpr std::size_t kFirstId = 8;    // 2 bytes: VR, vsys or interface id, by command
-inline constexpr std::size_t kSecondId = 10;  // 2 bytes: vsys id
-inline constexpr std::size_t kVsysName = 10;  // 32 bytes, commands 15 and 16
-inline constexpr std::size_t kValue = 12;     // 4 bytes: flags or a number that only the kernel knows
-inline constexpr std::size_t kVrName = 16;    // 32 bytes
-inline constexpr std::size_t kMac = 16;       // 6 bytes, command 18
+inline constexpr std::size_t kCode = 0;      // 8 bytes
+inline constexpr std::size_t kFirstId = 8;   // 2 bytes: VR, vsys or interface id, by command
+inline constexpr std::size_t kSecondId = 10; // 2 bytes: vsys id
+inline constexpr std::size_t kVsysName = 10; // 32 bytes, commands 15 and 16
+inline constexpr std::size_t kValue = 12;    // 4 bytes: flags or a number that only the kernel knows
+inline constexpr std::size_t kVrName = 16;   // 32 bytes
+inline constexpr std::size_t kMac = 16;      // 6 bytes, command 18
+inline constexpr std::size_t kMacSize = 6;
 inline constexpr std::size_t kDefaultVr = 42; // 2 bytes, reply of command 17
 inline constexpr std::size_t kIfId = 264;     // 4 bytes
 inline constexpr std::size_t kIfFlags = 268;  // 4 bytes

@@ -262,7 +262,7 @@ int qv_set_cellular_if_mac(const unsigned char mac[6], unsigned short ifid, unsi
     command_record r(kSetCellularMac);
     r.put(kFirstId, ifid);
     r.put(kValue, value);
-    r.put_bytes(kMac, mac, 6);
+    r.put_bytes(kMac, mac, kMacSize);
     return r.transact() ? 0 : -1;
 }
 

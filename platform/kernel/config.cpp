@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: Apache-2.0
+// The configuration file: one line an entry, a kind, a name and attributes; '#' begins a comment.
+//
+//     vsys      branch   id=3  default-vr=7
+//     vr        trust    id=7  vsys=3  shared
+//     interface eth0-1   id=17 vsys=3  vr=7
+//
+// Entries may refer to later ones, so the file is read twice: once for the entries, once for what they refer to.
+#include "config.h"
+
+#include "tables.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace vrkernel {
+
+namespace {
+
+constexpr std::size_t kLineSize = 512;
+constexpr const char *kBlanks = " \t\r\n";
+constexpr unsigned kIdMax = USHRT_MAX;
+
+enum attribute : unsigned { kId, kDefaultVr, kVsys, kVr, kShared, kAttributes };
+constexpr const char *kAttributeNames[kAttributes] = {"id", "default-vr", "vsys", "vr", "shared"};
+
+constexpr unsigned set_of(attribute a)
+{
+    return 1U << a;
+}
+
+struct kind {
+    const char *word;
+    unsigned required; // sets of attributes
+    unsigned allowed;
+    std::size_t name_size;
+};
+enum : std::size_t { kVsysKind, kVrKind, kInterfaceKind, kKinds };
+constexpr kind kAllKinds[kKinds] = {
+    {"vsys", set_of(kId) | set_of(kDefaultVr), set_of(kId) | set_of(kDefaultVr), vr_abi::kNameSize},
+    {"vr", set_of(kId) | set_of(kVsys), set_of(kId) | set_of(kVsys) | set_of(kShared), vr_abi::kNameSize},
+    {"interface", set_of(kId) | set_of(kVsys) | set_of(kVr),
+     set_of(kId) | set_of(kVsys) | set_of(kVr) | set_of(kShared), vr_abi::kIfNameSize},
+};
+
+// One line, taken apart.
+struct entry {
+    std::size_t kind;
+    const char *name;
+    unsigned given; // set of attributes
+    unsigned values[kAttributes];
+};
+
+class reader {
+public:
+    reader(const char *config, tables &into) : config_(config), into_(into) {}
+
+    bool read(std::FILE *file)
+    {
+        bool complete = each_line(file, &reader::define);
+        if (complete && mistakes_ == 0) {
+            std::rewind(file);
+            complete = each_line(file, &reader::check_references);
+        }
+        return complete && mistakes_ == 0;
+    }
+
+private:
+    using step = void (reader::*)(const entry &);
+
+    bool each_line(std::FILE *file, step take)
+    {
+        char line[kLineSize];
+        line_ = 0;
+        while (std::fgets(line, sizeof line, file) != nullptr) {
+            line_++;
+            if (std::strchr(line, '\n') == nullptr && std::strlen(line) == sizeof line - 1) {
+                mistake("line too long, at most %zu characters", sizeof line - 2);
+                return false;
+            }
+            line[std::strcspn(line, "#")] = '\0';
+            entry e{};
+            if (parse(line, e))
+                (this->*take)(e);
+        }
+        if (std::ferror(file) != 0)
+            mistake("%s", std::strerror(errno));
+        return true;
+    }
+
+    // False for an empty line and after a mistake.
+    bool parse(char *line, entry &e)
+    {
+        char *rest = nullptr;
+        const char *word = ::strtok_r(line, kBlanks, &rest);
+        if (word == nullptr)
+            return false;
+        while (e.kind < kKinds && std::strcmp(word, kAllKinds[e.kind].word) != 0)
+            e.kind++;
+        if (e.kind == kKinds)
+            return mistake("unknown entry \"%s\", want vsys, vr or interface", word);
+        const kind &k = kAllKinds[e.kind];
+        e.name = ::strtok_r(nullptr, kBlanks, &rest);
+        if (e.name == nullptr)
+            return mistake("%s without a name", k.word);
+        if (std::strlen(e.name) >= k.name_size)
+            return mistake("name \"%s\" too long, at most %zu characters", e.name, k.name_size - 1);
+        while (char *text = ::strtok_r(nullptr, kBlanks, &rest)) {
+            if (!parse_attribute(text, k, e))
+                return false;
+        }
+        for (unsigned a = 0; a < kAttributes; a++) {
+            if ((k.required & ~e.given & 1U << a) != 0)
+                return mistake("%s \"%s\" without %s", k.word, e.name, kAttributeNames[a]);
+        }
+        return true;
+    }
+
+    bool parse_attribute(char *text, const kind &k, entry &e)
+    {
+        char *value = std::strchr(text, '=');
+        if (value != nullptr)
+            *value++ = '\0';
+        unsigned a = 0;
+        while (a < kAttributes && std::strcmp(text, kAttributeNames[a]) != 0)
+            a++;
+        if (a == kAttributes || (k.allowed & 1U << a) == 0)
+            return mistake("unknown attribute \"%s\" of %s", text, k.word);
+        if ((e.given & 1U << a) != 0)
+            return mistake("%s given twice", text);
+        if (a == kShared ? value != nullptr : !parse_number(value, e.values[a]))
+            return mistake(a == kShared ? "%s takes no value" : "%s needs a number from 0 to 65535", text);
+        e.given |= 1U << a;
+        return true;
+    }
+
+    static bool parse_number(const char *text, unsigned &number)
+    {
+        if (text == nullptr || *text < '0' || *text > '9')
+            return false;
+        char *end = nullptr;
+        unsigned long value = std::strtoul(text, &end, 10);
+        number = static_cast<unsigned>(value);
+        return *end == '\0' && value <= kIdMax;
+    }
+
+    void define(const entry &e)
+    {
+        if (e.kind == kVsysKind)
+            define_vsys(e);
+        else if (e.kind == kVrKind)
+            define_vr(e);
+        else
+            define_interface(e);
+    }
+
+    void define_vsys(const entry &e)
+    {
+        auto id = static_cast<std::uint16_t>(e.values[kId]);
+        if (into_.find_vsys(id) != nullptr) {
+            mistake("vsys id %u already taken", id);
+        } else if (into_.find_vsys(e.name) != nullptr) {
+            mistake("vsys name \"%s\" already taken", e.name);
+        } else if (id == 0 && e.values[kDefaultVr] != 1) {
+            mistake("the default VR of vsys 0 is always 1"); // user space does not even ask
+        } else if (into_.vsys_count == kVsysLimit) {
+            mistake("too many vsys, at most %zu", kVsysLimit);
+        } else {
+            vsys &one = into_.all_vsys[into_.vsys_count++];
+            one.id = id;
+            one.default_vr = static_cast<std::uint16_t>(e.values[kDefaultVr]);
+            std::strcpy(one.name, e.name); // parse() saw that it fits
+        }
+    }
+
+    void define_vr(const entry &e)
+    {
+        unsigned id = e.values[kId];
+        if (id < QV_VRID_MIN || id > QV_VRID_MAX) {
+            mistake("VR id %u out of range, %d to %d", id, QV_VRID_MIN, QV_VRID_MAX);
+        } else if (into_.find_vr(id) != nullptr) {
+            mistake("VR id %u already taken", id);
+        } else if (into_.find_vr(e.values[kVsys], e.name) != nullptr) {
+            mistake("VR name \"%s\" already taken in vsys %u", e.name, e.values[kVsys]);
+        } else {
+            vr &one = into_.vrs[id];
+            std::strcpy(one.name, e.name);
+            one.vsys = static_cast<std::uint16_t>(e.values[kVsys]);
+            one.flags = flags_of(e);
+        }
+    }
+
+    void define_interface(const entry &e)
+    {
+        auto id = static_cast<std::uint16_t>(e.values[kId]);
+        if (into_.find_interface(id) != nullptr) {
+            mistake("interface id %u already taken", id);
+        } else if (into_.find_interface(e.name) != nullptr) {
+            mistake("interface name \"%s\" already taken", e.name);
+        } else if (into_.interface_count == kInterfaceLimit) {
+            mistake("too many interfaces, at most %zu", kInterfaceLimit);
+        } else {
+            interface &one = into_.interfaces[into_.interface_count++];
+            std::strcpy(one.name, e.name);
+            one.id = id;
+            one.vsys = static_cast<std::uint16_t>(e.values[kVsys]);
+            one.vr = e.values[kVr];
+            one.flags = flags_of(e);
+        }
+    }
+
+    static unsigned flags_of(const entry &e) { return (e.given & set_of(kShared)) != 0 ? vr_abi::kShared : 0; }
+
+    void check_references(const entry &e)
+    {
+        if ((e.given & set_of(kVsys)) != 0 && into_.find_vsys(e.values[kVsys]) == nullptr)
+            mistake("there is no vsys %u", e.values[kVsys]);
+        for (attribute a : {kDefaultVr, kVr}) {
+            if ((e.given & set_of(a)) != 0 && into_.find_vr(e.values[a]) == nullptr)
+                mistake("there is no VR %u", e.values[a]);
+        }
+    }
+
+    // Always false, for the caller to hand on.
+    [[gnu::format(printf, 2, 3)]] bool mistake(const char *format, ...)
+    {
+        mistakes_++;
+        std::fprintf(stderr, "%s:%u: ", config_, line_);
+        std::va_list arguments;
+        va_start(arguments, format);
+        std::vfprintf(stderr, format, arguments);
+        va_end(arguments);
+        std::fputc('\n', stderr);
+        return false;
+    }
+
+    const char *config_;
+    tables &into_;
+    unsigned line_ = 0;
+    unsigned mistakes_ = 0;
+};
+
+} // namespace
+
+bool read_config(const char *config, int fd, tables &into)
+{
+    std::FILE *file = ::fdopen(::dup(fd), "r");
+    if (file == nullptr) {
+        std::fprintf(stderr, "vrkernel: %s: %s\n", config, std::strerror(errno));
+        return false;
+    }
+    bool good = reader(config, into).read(file);
+    std::fclose(file);
+    return good;
+}
+
+} // namespace vrkernel

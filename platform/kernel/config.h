@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// config.h - reads the stand-in kernel's tables from their text file.
+#ifndef LIBCOMMON_PLATFORM_KERNEL_CONFIG_H
+#define LIBCOMMON_PLATFORM_KERNEL_CONFIG_H
+
+namespace vrkernel {
+
+struct tables;
+
+// Fills zeroed tables from the file open as fd; `config` is its name for messages. False after a line
+// "FILE:LINE: what is wrong" on standard error for each mistake.
+bool read_config(const char *config, int fd, tables &into);
+
+} // namespace vrkernel
+
+#endif

@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: Apache-2.0
+// The C library's functions that a preloaded stand-in kernel takes the place of. Without a configuration, and for all
+// that is not the appliance kernel's, they are the plain system calls.
+#include "datagrams.h"
+#include "requests.h"
+#include "system_calls.h"
+#include "tables.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <sys/ioctl.h>
+
+#define VRKERNEL_EXPORT extern "C" [[gnu::visibility("default")]]
+
+namespace {
+
+constexpr int kNoTables = 125; // exit status of a program that cannot be given its kernel
+
+// Set once at load, before the process has threads.
+vrkernel::tables *kernel = nullptr;
+
+[[gnu::constructor]] void start()
+{
+    const char *config = std::getenv(vrkernel::kConfigVariable);
+    if (config == nullptr)
+        return;
+    kernel = vrkernel::attach(config);
+    if (kernel == nullptr)
+        ::_exit(kNoTables);
+}
+
+// What a request on something that is no socket gets.
+bool is_socket(int fd)
+{
+    int type;
+    socklen_t length = sizeof type;
+    if (vrkernel::real::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0)
+        return true;
+    if (errno == ENOTSOCK)
+        errno = ENOTTY;
+    return false;
+}
+
+bool sets_vr(int level, int name)
+{
+    return (level == IPPROTO_IP && name == vr_abi::kIpSetVr) || (level == IPPROTO_IPV6 && name == vr_abi::kIpv6SetVr);
+}
+
+bool gets_vr(int level, int name)
+{
+    return (level == IPPROTO_IP && name == vr_abi::kIpGetVr) || (level == IPPROTO_IPV6 && name == vr_abi::kIpv6GetVr);
+}
+
+} // namespace
+
+VRKERNEL_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
+{
+    std::va_list arguments;
+    va_start(arguments, request);
+    void *argument = va_arg(arguments, void *);
+    va_end(arguments);
+    if (kernel == nullptr || !vrkernel::is_ours(request, argument))
+        return vrkernel::real::ioctl(fd, request, argument);
+    if (!is_socket(fd))
+        return -1;
+    int error = vrkernel::answer(*kernel, request, argument);
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}
+
+VRKERNEL_EXPORT int setsockopt(int fd, int level, int name, const void *value, socklen_t length) noexcept
+{
+    if (kernel == nullptr || !sets_vr(level, name))
+        return vrkernel::real::setsockopt(fd, level, name, value, length);
+    return vrkernel::set_option(*kernel, fd, level, name, value, length);
+}
+
+VRKERNEL_EXPORT int getsockopt(int fd, int level, int name, void *value, socklen_t *length) noexcept
+{
+    if (kernel == nullptr || !gets_vr(level, name))
+        return vrkernel::real::getsockopt(fd, level, name, value, length);
+    return vrkernel::get_option(fd, level, name, value, length);
+}
+
+VRKERNEL_EXPORT int bind(int fd, const sockaddr *address, socklen_t length) noexcept
+{
+    return kernel != nullptr ? vrkernel::bind(fd, address, length) : vrkernel::real::bind(fd, address, length);
+}
+
+VRKERNEL_EXPORT int connect(int fd, const sockaddr *address, socklen_t length)
+{
+    return kernel != nullptr ? vrkernel::connect(fd, address, length) : vrkernel::real::connect(fd, address, length);
+}
+
+VRKERNEL_EXPORT int getsockname(int fd, sockaddr *address, socklen_t *length) noexcept
+{
+    return kernel != nullptr ? vrkernel::own_name(*kernel, fd, address, length)
+                             : vrkernel::real::getsockname(fd, address, length);
+}
+
+VRKERNEL_EXPORT int getpeername(int fd, sockaddr *address, socklen_t *length) noexcept
+{
+    return kernel != nullptr ? vrkernel::peer_name(*kernel, fd, address, length)
+                             : vrkernel::real::getpeername(fd, address, length);
+}
+
+VRKERNEL_EXPORT ssize_t sendmsg(int fd, const msghdr *message, int flags)
+{
+    return kernel != nullptr ? vrkernel::send(*kernel, fd, message, flags)
+                             : vrkernel::real::sendmsg(fd, message, flags);
+}
+
+VRKERNEL_EXPORT ssize_t recvmsg(int fd, msghdr *message, int flags)
+{
+    return kernel != nullptr ? vrkernel::receive(*kernel, fd, message, flags)
+                             : vrkernel::real::recvmsg(fd, message, flags);
+}
+
+VRKERNEL_EXPORT ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen)
+{
+    iovec part = {const_cast<void *>(data), size};
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr *>(to);
+    message.msg_namelen = to != nullptr ? tolen : 0;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return sendmsg(fd, &message, flags);
+}
+
+VRKERNEL_EXPORT ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *fromlen)
+{
+    if (from != nullptr && fromlen == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    iovec part = {data, size};
+    msghdr message{};
+    message.msg_name = from;
+    message.msg_namelen = from != nullptr ? *fromlen : 0;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ssize_t n = recvmsg(fd, &message, flags);
+    if (n >= 0 && from != nullptr)
+        *fromlen = message.msg_namelen;
+    return n;
+}
+
+// What programs compiled with checks of their buffers call instead.
+VRKERNEL_EXPORT ssize_t __recvfrom_chk(int fd, void *data, size_t size, size_t room, int flags, sockaddr *from,
+                                       socklen_t *fromlen)
+{
+    if (size > room)
+        std::abort();
+    return recvfrom(fd, data, size, flags, from, fromlen);
+}

@@ -1,0 +1,145 @@
+// SPDX-License-Identifier: Apache-2.0
+// vrkernel - runs programs on the stand-in kernel and shows its tables.
+//
+//     vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]
+//     vrkernel show [-c FILE]
+//     vrkernel reset [-c FILE]
+#include "tables.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <unistd.h>
+
+namespace {
+
+using namespace vrkernel;
+
+constexpr int kUsage = 2;
+constexpr int kNoTables = 125; // the statuses that other programs of this sort have
+constexpr int kNoProgram = 126;
+
+int usage()
+{
+    std::fputs("usage: vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]\n"
+               "       vrkernel show [-c FILE]\n"
+               "       vrkernel reset [-c FILE]\n",
+               stderr);
+    return kUsage;
+}
+
+// The library stands beside this program in a build, in the library folder next to it when installed.
+bool find_library(char (&path)[PATH_MAX])
+{
+    char own[PATH_MAX];
+    ssize_t n = ::readlink("/proc/self/exe", own, sizeof own - 1);
+    if (n <= 0)
+        return false;
+    own[n] = '\0';
+    *std::strrchr(own, '/') = '\0';
+    for (const char *place : {"libvrkernel.so", VRKERNEL_LIBRARY_FROM_BIN}) {
+        if (std::snprintf(path, sizeof path, "%s/%s", own, place) < PATH_MAX && ::access(path, R_OK) == 0)
+            return true;
+    }
+    return false;
+}
+
+// Puts the library before what is preloaded already.
+bool set_preload(const char *library)
+{
+    const char *others = std::getenv("LD_PRELOAD");
+    char *value = nullptr;
+    if (::asprintf(&value, "%s%s%s", library, others != nullptr ? ":" : "", others != nullptr ? others : "") < 0)
+        return false;
+    bool set = ::setenv("LD_PRELOAD", value, 1) == 0;
+    std::free(value);
+    return set;
+}
+
+int run(const char *config, char **program)
+{
+    char file[PATH_MAX];
+    char library[PATH_MAX];
+    if (::realpath(config, file) == nullptr) {
+        std::fprintf(stderr, "vrkernel: %s: %s\n", config, std::strerror(errno));
+        return kNoTables;
+    }
+    if (attach(file) == nullptr)
+        return kNoTables;
+    if (!find_library(library) || !set_preload(library) || ::setenv(kConfigVariable, file, 1) < 0) {
+        std::fputs("vrkernel: libvrkernel.so is not to be found\n", stderr);
+        return kNoTables;
+    }
+    ::execvp(program[0], program);
+    std::fprintf(stderr, "vrkernel: %s: %s\n", program[0], std::strerror(errno));
+    return kNoProgram;
+}
+
+void show_mac(std::uint64_t mac)
+{
+    unsigned char bytes[sizeof mac];
+    std::memcpy(bytes, &mac, sizeof mac);
+    std::printf(" mac=%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5]);
+}
+
+void show_interface(const interface &one)
+{
+    std::printf("interface %-15s id=%u vsys=%u vr=%u flags=%#x", one.name, one.id, one.vsys, one.vr.load(),
+                one.flags.load());
+    if (one.mac != 0)
+        show_mac(one.mac);
+    struct {
+        const char *name;
+        std::uint32_t value;
+    } values[] = {
+        {"cellular", one.cellular}, {"wifi", one.wifi}, {"device", one.device}, {"mtu-limits", one.mtu_limits}};
+    for (const auto &v : values) {
+        if (v.value != 0)
+            std::printf(" %s=%u", v.name, v.value);
+    }
+    std::putchar('\n');
+}
+
+int show(const char *config)
+{
+    tables *all = attach(config);
+    if (all == nullptr)
+        return kNoTables;
+    for (const vsys &one : std::span(all->all_vsys, all->vsys_count))
+        std::printf("vsys      %-15s id=%u default-vr=%u\n", one.name, one.id, one.default_vr);
+    for (const vr &one : all->vrs) {
+        if (one.name[0] != '\0')
+            std::printf("vr        %-15s id=%u vsys=%u flags=%#x\n", one.name, all->id_of(&one), one.vsys,
+                        one.flags.load());
+    }
+    for (const interface &one : std::span(all->interfaces, all->interface_count))
+        show_interface(one);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *config = std::getenv(kConfigVariable);
+    int next = 2;
+    if (argc > next + 1 && std::strcmp(argv[next], "-c") == 0) {
+        config = argv[next + 1];
+        next += 2;
+    }
+    bool runs = argc > 1 && std::strcmp(argv[1], "run") == 0;
+    if (runs && next < argc && std::strcmp(argv[next], "--") == 0)
+        next++;
+    if (argc < 2 || config == nullptr || runs == (next >= argc))
+        return usage();
+    if (runs)
+        return run(config, argv + next);
+    if (std::strcmp(argv[1], "show") == 0)
+        return show(config);
+    if (std::strcmp(argv[1], "reset") == 0)
+        return forget(config) ? 0 : kNoTables;
+    return usage();
+}
