@@ -2,6 +2,7 @@
 // The simple hash table.
 #include "simphash.h"
 
+#include "base/zeroed_malloc.h"
 #include "log/trace_error.h"
 
 #include <cstddef>
@@ -17,23 +18,10 @@ namespace {
 enum report_line { kBadSize = 34, kNoTable = 41, kNoBuckets = 47, kNoEntry = 69, kNotFound = 99 };
 
 constexpr unsigned kLogSizeMask = 31;
-constexpr std::size_t kLargeArray = std::size_t{1} << 20;
 
 void report(report_line line, const char *text)
 {
     trace::error("simphash", line, text);
-}
-
-// Null heads. A large array comes zeroed from the system as it is touched; zeroing it here would commit up to 16 GiB.
-simphash_entry **make_buckets(std::size_t count)
-{
-    std::size_t size = count * sizeof(simphash_entry *);
-    if (size >= kLargeArray)
-        return static_cast<simphash_entry **>(std::calloc(count, sizeof(simphash_entry *)));
-    auto **buckets = static_cast<simphash_entry **>(std::malloc(size));
-    for (std::size_t i = 0; buckets != nullptr && i < count; i++)
-        buckets[i] = nullptr;
-    return buckets;
 }
 
 // The pointer that points at the first matching entry; null when none matches.
@@ -62,8 +50,9 @@ struct simphash *simphash_create(unsigned log_size)
         report(kNoTable, "Can not allocate simple hash table\n");
         return nullptr;
     }
-    *table = {make_buckets(count), log_size, count - 1};
-    if (table->buckets == nullptr) {
+    auto *buckets = base::zeroed_malloc(std::size_t{count} * sizeof(simphash_entry *));
+    *table = {static_cast<simphash_entry **>(buckets), log_size, count - 1};
+    if (buckets == nullptr) {
         report(kNoBuckets, "Can not allocate simple hash table pointers\n");
         std::free(table);
         return nullptr;

@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: Apache-2.0
+// The red-black tree. The root is black, no red node has a red child, and every way down from a node to a missing child
+// passes as many black nodes.
+//
+// What is done on one side is done on the other with left and right exchanged, so it is written once, for a Near and a
+// Far side.
+#include "rbtree.h"
+
+#include <cstddef>
+#include <cstdint>
+
+static_assert(offsetof(rb_node, right) == 8 && offsetof(rb_node, left) == 16 && sizeof(rb_node) == 24);
+
+namespace {
+
+constexpr std::uintptr_t kBlack = 1;
+constexpr std::uintptr_t kColorBits = 3;
+
+using child = rb_node *rb_node::*;
+
+rb_node *parent_of(const rb_node *node)
+{
+    return reinterpret_cast<rb_node *>(node->parent_color & ~kColorBits);
+}
+
+void set_parent(rb_node *node, const rb_node *parent)
+{
+    node->parent_color = reinterpret_cast<std::uintptr_t>(parent) | (node->parent_color & kColorBits);
+}
+
+bool is_red(const rb_node *node)
+{
+    return (node->parent_color & kBlack) == 0;
+}
+
+// A missing child counts as black.
+bool is_black(const rb_node *node)
+{
+    return node == nullptr || !is_red(node);
+}
+
+void set_red(rb_node *node)
+{
+    node->parent_color &= ~kBlack;
+}
+
+void set_black(rb_node *node)
+{
+    node->parent_color |= kBlack;
+}
+
+void copy_color(rb_node *to, const rb_node *from)
+{
+    to->parent_color = (to->parent_color & ~kBlack) | (from->parent_color & kBlack);
+}
+
+// Hangs `now` where `before` hung below parent, or makes it the root.
+void replace_child(rb_node *parent, const rb_node *before, rb_node *now, rb_root *root)
+{
+    if (parent == nullptr)
+        root->node = now;
+    else if (parent->left == before)
+        parent->left = now;
+    else
+        parent->right = now;
+}
+
+template <child Side>
+rb_node *outermost(rb_node *node)
+{
+    while (node != nullptr && node->*Side != nullptr)
+        node = node->*Side;
+    return node;
+}
+
+// The node goes down to the near side; its far child comes up.
+template <child Near, child Far>
+void rotate(rb_node *node, rb_root *root)
+{
+    rb_node *up = node->*Far;
+    rb_node *parent = parent_of(node);
+    node->*Far = up->*Near;
+    if (up->*Near != nullptr)
+        set_parent(up->*Near, node);
+    up->*Near = node;
+    set_parent(node, up);
+    set_parent(up, parent);
+    replace_child(parent, node, up, root);
+}
+
+// A red node has a red parent on the near side of its grandparent. Returns the node that may now be such a one, null
+// when there can be none.
+template <child Near, child Far>
+rb_node *settle_red(rb_node *node, rb_node *parent, rb_node *grandparent, rb_root *root)
+{
+    rb_node *uncle = grandparent->*Far;
+    if (uncle != nullptr && is_red(uncle)) {
+        set_black(uncle);
+        set_black(parent);
+        set_red(grandparent);
+        return grandparent;
+    }
+    if (parent->*Far == node) {
+        rotate<Near, Far>(parent, root);
+        parent = node;
+    }
+    set_black(parent);
+    set_red(grandparent);
+    rotate<Far, Near>(grandparent, root);
+    return nullptr;
+}
+
+// The ways through the parent's near child are one black node short. Returns true when they no longer are; else all
+// ways through the parent are now.
+template <child Near, child Far>
+bool settle_short(rb_node *parent, rb_root *root)
+{
+    rb_node *sibling = parent->*Far;
+    if (is_red(sibling)) {
+        set_black(sibling);
+        set_red(parent);
+        rotate<Near, Far>(parent, root);
+        sibling = parent->*Far;
+    }
+    if (is_black(sibling->*Near) && is_black(sibling->*Far)) {
+        set_red(sibling);
+        return false;
+    }
+    if (is_black(sibling->*Far)) {
+        set_black(sibling->*Near);
+        set_red(sibling);
+        rotate<Far, Near>(sibling, root);
+        sibling = parent->*Far;
+    }
+    copy_color(sibling, parent);
+    set_black(parent);
+    set_black(sibling->*Far);
+    rotate<Near, Far>(parent, root);
+    return true;
+}
+
+// The ways through node, a child of parent and perhaps a missing one, are one black node short.
+void rebalance_short(rb_node *node, rb_node *parent, rb_root *root)
+{
+    while (parent != nullptr && is_black(node)) {
+        bool settled = parent->left == node ? settle_short<&rb_node::left, &rb_node::right>(parent, root)
+                                            : settle_short<&rb_node::right, &rb_node::left>(parent, root);
+        if (settled)
+            return;
+        node = parent;
+        parent = parent_of(node);
+    }
+    if (node != nullptr)
+        set_black(node);
+}
+
+// Takes a node out that has at most one child.
+void unlink_single(rb_node *node, rb_root *root)
+{
+    rb_node *below = node->left != nullptr ? node->left : node->right;
+    rb_node *parent = parent_of(node);
+    if (below != nullptr)
+        set_parent(below, parent);
+    replace_child(parent, node, below, root);
+    if (!is_red(node))
+        rebalance_short(below, parent, root);
+}
+
+// Takes a node out that has two children: its successor, which has no left one, takes its place. Contents stay where
+// they are, since others point at the objects.
+void unlink_double(rb_node *node, rb_root *root)
+{
+    rb_node *successor = outermost<&rb_node::left>(node->right);
+    rb_node *below = successor->right;
+    rb_node *parent = parent_of(successor);
+    bool was_black = !is_red(successor);
+    if (parent == node) {
+        parent = successor;
+    } else {
+        if (below != nullptr)
+            set_parent(below, parent);
+        parent->left = below;
+        successor->right = node->right;
+        set_parent(node->right, successor);
+    }
+    successor->left = node->left;
+    set_parent(node->left, successor);
+    successor->parent_color = node->parent_color;
+    replace_child(parent_of(node), node, successor, root);
+    if (was_black)
+        rebalance_short(below, parent, root);
+}
+
+// The node after in the order that Forward is the direction of.
+template <child Forward, child Back>
+rb_node *neighbour(const rb_node *node)
+{
+    if (parent_of(node) == node)
+        return nullptr;
+    if (node->*Forward != nullptr)
+        return outermost<Back>(node->*Forward);
+    rb_node *parent;
+    while ((parent = parent_of(node)) != nullptr && parent->*Forward == node)
+        node = parent;
+    return parent;
+}
+
+// Down to a leaf, left where possible.
+rb_node *first_leaf(rb_node *node)
+{
+    while (node != nullptr) {
+        rb_node *below = node->left != nullptr ? node->left : node->right;
+        if (below == nullptr)
+            break;
+        node = below;
+    }
+    return node;
+}
+
+} // namespace
+
+extern "C" {
+
+void rb_insert_color(struct rb_node *node, struct rb_root *root)
+{
+    while (node != nullptr) {
+        rb_node *parent = parent_of(node);
+        rb_node *grandparent = parent != nullptr ? parent_of(parent) : nullptr;
+        if (grandparent == nullptr || !is_red(parent))
+            break;
+        node = grandparent->left == parent
+                   ? settle_red<&rb_node::left, &rb_node::right>(node, parent, grandparent, root)
+                   : settle_red<&rb_node::right, &rb_node::left>(node, parent, grandparent, root);
+    }
+    set_black(root->node);
+}
+
+void rb_erase(struct rb_node *node, struct rb_root *root)
+{
+    if (node->left != nullptr && node->right != nullptr)
+        unlink_double(node, root);
+    else
+        unlink_single(node, root);
+}
+
+struct rb_node *rb_first(const struct rb_root *root)
+{
+    return outermost<&rb_node::left>(root->node);
+}
+
+struct rb_node *rb_last(const struct rb_root *root)
+{
+    return outermost<&rb_node::right>(root->node);
+}
+
+struct rb_node *rb_next(const struct rb_node *node)
+{
+    return neighbour<&rb_node::right, &rb_node::left>(node);
+}
+
+struct rb_node *rb_prev(const struct rb_node *node)
+{
+    return neighbour<&rb_node::left, &rb_node::right>(node);
+}
+
+void rb_replace_node(const struct rb_node *old, struct rb_node *replacement, struct rb_root *root)
+{
+    replace_child(parent_of(old), old, replacement, root);
+    if (old->left != nullptr)
+        set_parent(old->left, replacement);
+    if (old->right != nullptr)
+        set_parent(old->right, replacement);
+    *replacement = *old;
+}
+
+struct rb_node *rb_first_postorder(const struct rb_root *root)
+{
+    return first_leaf(root->node);
+}
+
+struct rb_node *rb_next_postorder(const struct rb_node *node)
+{
+    if (node == nullptr)
+        return nullptr;
+    rb_node *parent = parent_of(node);
+    if (parent != nullptr && parent->left == node && parent->right != nullptr)
+        return first_leaf(parent->right);
+    return parent;
+}
+
+void __rb_rotate_left(struct rb_node *node, struct rb_root *root)
+{
+    rotate<&rb_node::left, &rb_node::right>(node, root);
+}
+
+void __rb_rotate_right(struct rb_node *node, struct rb_root *root)
+{
+    rotate<&rb_node::right, &rb_node::left>(node, root);
+}
+}

@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "rbtree.h"
+
+#include "cxx/rbtree.hpp"
+#include "support/support.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+struct item {
+    int key = 0;
+    rb_node node = {};
+};
+
+item &item_of(rb_node *node)
+{
+    return *reinterpret_cast<item *>(reinterpret_cast<char *>(node) - offsetof(item, node));
+}
+
+rb_node *parent_of(const rb_node *node)
+{
+    return reinterpret_cast<rb_node *>(node->parent_color & ~std::uintptr_t{3});
+}
+
+bool is_red(const rb_node *node)
+{
+    return node != nullptr && (node->parent_color & 1) == 0;
+}
+
+void insert(rb_root &tree, item &x)
+{
+    rb_node **slot = &tree.node, *parent = nullptr;
+    while (*slot != nullptr) {
+        parent = *slot;
+        slot = x.key < item_of(parent).key ? &parent->left : &parent->right;
+    }
+    x.node = {reinterpret_cast<std::uintptr_t>(parent), nullptr, nullptr};
+    *slot = &x.node;
+    rb_insert_color(&x.node, &tree);
+}
+
+std::vector<int> forward(const rb_root &tree)
+{
+    std::vector<int> keys;
+    for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
+        keys.push_back(item_of(node).key);
+    return keys;
+}
+
+std::vector<int> backward(const rb_root &tree)
+{
+    std::vector<int> keys;
+    for (rb_node *node = rb_last(&tree); node != nullptr; node = rb_prev(node))
+        keys.push_back(item_of(node).key);
+    return keys;
+}
+
+// Black nodes on every way down from here; -1 where the tree breaks a rule.
+int black_height(const rb_node *node, const rb_node *parent)
+{
+    if (node == nullptr)
+        return 0;
+    if (parent_of(node) != parent || (node->parent_color & 2) != 0)
+        return -1;
+    if (is_red(node) && (is_red(node->left) || is_red(node->right)))
+        return -1;
+    int left = black_height(node->left, node);
+    int right = black_height(node->right, node);
+    return left == right && left >= 0 ? left + (is_red(node) ? 0 : 1) : -1;
+}
+
+testing::AssertionResult is_sound(const rb_root &tree)
+{
+    if (is_red(tree.node))
+        return testing::AssertionFailure() << "a red root";
+    if (black_height(tree.node, nullptr) < 0)
+        return testing::AssertionFailure() << "a broken rule";
+    return testing::AssertionSuccess();
+}
+
+// The rules where an insertion can have broken them: from the new node to the root.
+bool way_up_is_sound(const rb_node *node, const rb_root &tree)
+{
+    for (const rb_node *parent; (parent = parent_of(node)) != nullptr; node = parent) {
+        if ((is_red(node) && is_red(parent)) || (parent->left != node && parent->right != node))
+            return false;
+    }
+    return node == tree.node && !is_red(node);
+}
+
+void depths(const rb_node *node, int depth, int &least, int &most)
+{
+    if (node == nullptr) {
+        least = std::min(least, depth);
+        most = std::max(most, depth);
+        return;
+    }
+    depths(node->left, depth + 1, least, most);
+    depths(node->right, depth + 1, least, most);
+}
+
+} // namespace
+
+TEST(RbTree, AnEmptyTree)
+{
+    rb_root tree = {};
+    EXPECT_EQ(rb_first(&tree), nullptr);
+    EXPECT_EQ(rb_last(&tree), nullptr);
+    EXPECT_EQ(rb_first_postorder(&tree), nullptr);
+    EXPECT_EQ(rb_next_postorder(nullptr), nullptr);
+}
+
+TEST(RbTree, ASingleNode)
+{
+    rb_root tree = {};
+    item x;
+    insert(tree, x);
+    EXPECT_EQ(tree.node, &x.node);
+    EXPECT_EQ(x.node.parent_color, 1U) << "no parent, black";
+    EXPECT_EQ(rb_first(&tree), &x.node);
+    EXPECT_EQ(rb_last(&tree), &x.node);
+    EXPECT_EQ(rb_next(&x.node), nullptr);
+    EXPECT_EQ(rb_prev(&x.node), nullptr);
+    EXPECT_EQ(rb_first_postorder(&tree), &x.node);
+    EXPECT_EQ(rb_next_postorder(&x.node), nullptr);
+    rb_erase(&x.node, &tree);
+    EXPECT_EQ(tree.node, nullptr);
+}
+
+TEST(RbTree, ANodeThatIsItsOwnParentIsInNoTree)
+{
+    item x;
+    x.node.parent_color = reinterpret_cast<std::uintptr_t>(&x.node);
+    item y;
+    x.node.left = x.node.right = &y.node;
+    EXPECT_EQ(rb_next(&x.node), nullptr);
+    EXPECT_EQ(rb_prev(&x.node), nullptr);
+    x.node.parent_color |= 1;
+    EXPECT_EQ(rb_next(&x.node), nullptr);
+}
+
+TEST(RbTree, AscendingKeys)
+{
+    std::vector<item> items(1000);
+    rb_root tree = {};
+    for (int i = 0; i < 1000; i++) {
+        items[static_cast<std::size_t>(i)].key = i + 1;
+        insert(tree, items[static_cast<std::size_t>(i)]);
+        ASSERT_TRUE(is_sound(tree));
+    }
+    std::vector<int> keys = forward(tree);
+    ASSERT_EQ(keys.size(), 1000U);
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
+    int least = 1000, most = 0;
+    depths(tree.node, 0, least, most);
+    EXPECT_LE(most, 2 * least);
+}
+
+TEST(RbTree, AMillionSequentialInsertions)
+{
+    std::size_t count = effort(1000000);
+    std::vector<item> items(count);
+    rb_root tree = {};
+    for (std::size_t i = 0; i < count; i++) {
+        items[i].key = static_cast<int>(i);
+        insert(tree, items[i]);
+        ASSERT_TRUE(way_up_is_sound(&items[i].node, tree)) << i;
+        if ((i & (i - 1)) == 0) { // the whole tree at each power of two
+            ASSERT_TRUE(is_sound(tree)) << i;
+        }
+    }
+    ASSERT_TRUE(is_sound(tree));
+    std::size_t seen = 0;
+    for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
+        ASSERT_EQ(item_of(node).key, static_cast<int>(seen++));
+    EXPECT_EQ(seen, count);
+}
+
+TEST(RbTree, RotationsKeepTheOrder)
+{
+    std::vector<item> items(3);
+    rb_root tree = {};
+    for (int i : {1, 0, 2})
+        items[static_cast<std::size_t>(i)].key = i, insert(tree, items[static_cast<std::size_t>(i)]);
+    ASSERT_EQ(tree.node, &items[1].node);
+    __rb_rotate_left(&items[1].node, &tree);
+    EXPECT_EQ(tree.node, &items[2].node);
+    EXPECT_EQ(items[2].node.left, &items[1].node);
+    EXPECT_EQ(parent_of(&items[1].node), &items[2].node);
+    EXPECT_EQ(forward(tree), (std::vector<int>{0, 1, 2}));
+    __rb_rotate_right(&items[2].node, &tree);
+    EXPECT_EQ(tree.node, &items[1].node);
+    EXPECT_EQ(forward(tree), (std::vector<int>{0, 1, 2}));
+    EXPECT_TRUE(is_sound(tree)) << "colours do not rotate";
+}
+
+TEST(RbTree, ReplaceTakesOverPlaceAndColour)
+{
+    std::vector<item> items(20), others(20);
+    for (std::size_t i = 0; i < items.size(); i++) {
+        rb_root tree = {};
+        for (std::size_t k = 0; k < items.size(); k++)
+            items[k].key = static_cast<int>(k), insert(tree, items[k]);
+        item before = items[i];
+        others[i].key = items[i].key;
+        rb_replace_node(&items[i].node, &others[i].node, &tree);
+        EXPECT_TRUE(is_sound(tree));
+        EXPECT_EQ(others[i].node.parent_color, before.node.parent_color);
+        EXPECT_EQ(items[i].node.parent_color, before.node.parent_color) << "the old one's fields stay";
+        std::vector<rb_node *> nodes;
+        for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
+            nodes.push_back(node);
+        ASSERT_EQ(nodes.size(), items.size());
+        EXPECT_EQ(nodes[i], &others[i].node);
+        rb_erase(&others[i].node, &tree);
+        EXPECT_TRUE(is_sound(tree));
+    }
+}
+
+TEST(RbTree, PostOrderGivesChildrenBeforeParents)
+{
+    std::mt19937 random(1);
+    for (std::size_t count : {std::size_t{2}, std::size_t{3}, std::size_t{10}, std::size_t{500}}) {
+        std::vector<item> items(count);
+        rb_root tree = {};
+        for (item &x : items)
+            x.key = static_cast<int>(random() % 1000), insert(tree, x);
+        std::map<const rb_node *, int> seen;
+        const rb_node *last = nullptr;
+        for (rb_node *node = rb_first_postorder(&tree); node != nullptr; node = rb_next_postorder(node)) {
+            EXPECT_EQ(++seen[node], 1);
+            EXPECT_TRUE(node->left == nullptr || seen.count(node->left) == 1);
+            EXPECT_TRUE(node->right == nullptr || seen.count(node->right) == 1);
+            last = node;
+        }
+        EXPECT_EQ(seen.size(), count);
+        EXPECT_EQ(last, tree.node);
+    }
+}
+
+TEST(RbTree, PostOrderOfAWholeTreeCanBeFreed)
+{
+    rb_root tree = {};
+    for (int i = 0; i < 100; i++) {
+        auto *x = new item;
+        x->key = i * 37 % 100;
+        insert(tree, *x);
+    }
+    int freed = 0;
+    rb_node *next;
+    for (rb_node *node = rb_first_postorder(&tree); node != nullptr; node = next) {
+        next = rb_next_postorder(node);
+        delete &item_of(node);
+        freed++;
+    }
+    EXPECT_EQ(freed, 100);
+}
+
+TEST(RbTree, ErasingMovesNoNode)
+{
+    std::vector<item> items(200);
+    rb_root tree = {};
+    for (std::size_t i = 0; i < items.size(); i++)
+        items[i].key = static_cast<int>(i * 71 % 200), insert(tree, items[i]);
+    std::vector<int> keys = forward(tree);
+    for (std::size_t i = 0; i < items.size(); i++) {
+        rb_erase(&items[i].node, &tree);
+        std::erase(keys, items[i].key);
+        for (std::size_t k = 0; k < items.size(); k++)
+            ASSERT_EQ(items[k].key, static_cast<int>(k * 71 % 200));
+        ASSERT_EQ(forward(tree), keys);
+        ASSERT_TRUE(is_sound(tree));
+    }
+}
+
+TEST(RbTreeModel, SmallTreesStaySoundAfterEveryOperation)
+{
+    std::mt19937 random(7);
+    for (std::size_t round = 0; round < effort(60); round++) {
+        std::size_t most = round % 10 == 0 ? 1000 : 1 + random() % 60;
+        std::vector<item> items(most);
+        std::vector<item *> in, out;
+        for (item &x : items)
+            out.push_back(&x);
+        rb_root tree = {};
+        for (std::size_t step = 0; step < 3 * most; step++) {
+            bool grow = in.empty() || (!out.empty() && random() % 5 < (step < 2 * most ? 3 : 1));
+            auto &from = grow ? out : in;
+            std::size_t i = random() % from.size();
+            item *x = from[i];
+            from.erase(from.begin() + static_cast<std::ptrdiff_t>(i));
+            if (grow) {
+                x->key = static_cast<int>(random() % 300);
+                insert(tree, *x);
+                in.push_back(x);
+            } else {
+                rb_erase(&x->node, &tree);
+                out.push_back(x);
+            }
+            ASSERT_TRUE(is_sound(tree));
+        }
+        std::vector<int> keys;
+        for (item *x : in)
+            keys.push_back(x->key);
+        std::sort(keys.begin(), keys.end());
+        ASSERT_EQ(forward(tree), keys);
+        std::reverse(keys.begin(), keys.end());
+        ASSERT_EQ(backward(tree), keys);
+    }
+}
+
+TEST(RbTreeModel, RandomWorkAgreesWithAMultimap)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        std::vector<item> items(5000);
+        std::multimap<int, item *> model;
+        std::vector<std::multimap<int, item *>::iterator> places(items.size(), model.end());
+        rb_root tree = {};
+        for (std::size_t step = 0; step < effort(1000000); step++) {
+            std::size_t i = random() % items.size();
+            item &x = items[i];
+            if (places[i] == model.end()) {
+                x.key = static_cast<int>(random() % 4000);
+                insert(tree, x);
+                places[i] = model.emplace(x.key, &x); // behind its equals, as above
+                continue;
+            }
+            auto after = std::next(places[i]);
+            ASSERT_EQ(rb_next(&x.node), after != model.end() ? &after->second->node : nullptr);
+            ASSERT_EQ(rb_prev(&x.node), places[i] != model.begin() ? &std::prev(places[i])->second->node : nullptr);
+            if (random() % 2 == 0)
+                continue;
+            rb_erase(&x.node, &tree);
+            model.erase(places[i]);
+            places[i] = model.end();
+        }
+        ASSERT_TRUE(is_sound(tree));
+    }
+}
+
+// ---- the typed view ----
+
+TEST(RbTreeView, FindsWalksAndErases)
+{
+    std::vector<item> items(100);
+    qv::rb_tree<item, &item::node, &item::key> tree;
+    EXPECT_TRUE(tree.empty());
+    EXPECT_TRUE(tree.begin() == tree.end());
+    for (std::size_t i = 0; i < items.size(); i++)
+        items[i].key = static_cast<int>(i * 37 % 100) * 2, tree.insert(items[i]);
+    int expected = 0;
+    for (item &x : tree) {
+        EXPECT_EQ(x.key, expected);
+        expected += 2;
+    }
+    EXPECT_EQ(tree.find(42)->key, 42);
+    EXPECT_EQ(tree.find(43), nullptr);
+    EXPECT_EQ(tree.lower_bound(43)->key, 44);
+    EXPECT_EQ(tree.lower_bound(198)->key, 198);
+    EXPECT_EQ(tree.lower_bound(199), nullptr);
+    EXPECT_EQ((--tree.end())->key, 198);
+    tree.erase(*tree.find(42));
+    EXPECT_EQ(tree.find(42), nullptr);
+    EXPECT_TRUE(is_sound(*tree.get()));
+    const auto &fixed = tree;
+    EXPECT_EQ(std::distance(fixed.begin(), fixed.end()), 99);
+
+    auto moved = std::move(tree);
+    int released = 0;
+    moved.clear([&](item &) { released++; });
+    EXPECT_EQ(released, 99);
+    EXPECT_TRUE(moved.empty());
+}
