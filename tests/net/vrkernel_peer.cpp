@@ -1,0 +1,440 @@
+// SPDX-License-Identifier: Apache-2.0
+// One process of an experiment with the stand-in kernel: takes a call a line from standard input, makes it, and answers
+// with a line of its results. Receiving never waits: a datagram on the loopback interface is there when the send ends.
+//
+//     socket 4            3
+//     bindvr 3 7          0
+//     recv 3              5 hello 127.0.0.1 4711 7
+#include "vrctl.h"
+#include "vrsock.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <net/if.h>
+#include <poll.h>
+#include <sstream>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Words = std::istringstream;
+
+// ---- addresses ----
+
+struct Name {
+    sockaddr_storage room{};
+    socklen_t length = sizeof room;
+
+    sockaddr *any() { return reinterpret_cast<sockaddr *>(&room); }
+    sockaddr_in *ip() { return reinterpret_cast<sockaddr_in *>(&room); }
+    sockaddr_in6 *ip6() { return reinterpret_cast<sockaddr_in6 *>(&room); }
+};
+
+// "ADDRESS PORT"; "-" gives no name.
+Name read_name(Words &words)
+{
+    Name name;
+    std::string address;
+    words >> address;
+    if (address == "-") {
+        name.length = 0;
+        return name;
+    }
+    std::uint16_t port = 0;
+    words >> port;
+    if (address.find(':') != std::string::npos) {
+        name.length = sizeof *name.ip6();
+        name.ip6()->sin6_family = AF_INET6;
+        name.ip6()->sin6_port = htons(port);
+        ::inet_pton(AF_INET6, address.c_str(), &name.ip6()->sin6_addr);
+    } else {
+        name.length = sizeof *name.ip();
+        name.ip()->sin_family = AF_INET;
+        name.ip()->sin_port = htons(port);
+        ::inet_pton(AF_INET, address.c_str(), &name.ip()->sin_addr);
+    }
+    return name;
+}
+
+std::string text_of(Name name)
+{
+    char text[INET6_ADDRSTRLEN] = "?";
+    if (name.length == 0)
+        return "- 0";
+    bool six = name.room.ss_family == AF_INET6;
+    const void *address = six ? static_cast<void *>(&name.ip6()->sin6_addr) : &name.ip()->sin_addr;
+    ::inet_ntop(name.room.ss_family, address, text, sizeof text);
+    return std::string(text) + " " + std::to_string(ntohs(six ? name.ip6()->sin6_port : name.ip()->sin_port));
+}
+
+bool is_six(int fd)
+{
+    int family = 0;
+    socklen_t length = sizeof family;
+    ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &family, &length);
+    return family == AF_INET6;
+}
+
+// A result, and what went wrong.
+std::string told(long result)
+{
+    return result == -1 ? "-1 " + std::string(::strerrorname_np(errno)) : std::to_string(result);
+}
+
+std::string vr_text(unsigned vr)
+{
+    return vr == QV_NO_VR ? "none" : std::to_string(vr);
+}
+
+template <typename T>
+T next(Words &words)
+{
+    T value{};
+    words >> value;
+    return value;
+}
+
+// ---- sockets ----
+
+std::string open_socket(Words &words)
+{
+    return told(::socket(next<int>(words) == 6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0));
+}
+
+std::string bind_vr(Words &words)
+{
+    int fd = next<int>(words), vr = next<int>(words);
+    return told(is_six(fd) ? qv_bindvr6(fd, vr) : qv_bindvr(fd, vr));
+}
+
+std::string get_vr(Words &words)
+{
+    int fd = next<int>(words), vr = 0;
+    int result = is_six(fd) ? qv_getvr6(fd, &vr) : qv_getvr(fd, &vr);
+    return told(result) + " " + std::to_string(vr);
+}
+
+std::string own_name(int fd)
+{
+    Name own;
+    return ::getsockname(fd, own.any(), &own.length) == 0 ? text_of(own) : told(-1);
+}
+
+std::string bind_name(Words &words)
+{
+    int fd = next<int>(words);
+    Name name = read_name(words);
+    return ::bind(fd, name.any(), name.length) == 0 ? own_name(fd) : told(-1);
+}
+
+std::string connect_name(Words &words)
+{
+    int fd = next<int>(words);
+    Name name = read_name(words);
+    return told(::connect(fd, name.any(), name.length));
+}
+
+std::string peer_name(Words &words)
+{
+    Name peer;
+    return ::getpeername(next<int>(words), peer.any(), &peer.length) == 0 ? text_of(peer) : told(-1);
+}
+
+// ---- datagrams ----
+
+// FD ADDRESS PORT VR TEXT
+std::string send_in_vr(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words);
+    auto vr = next<unsigned>(words);
+    auto text = next<std::string>(words);
+    auto call = is_six(fd) ? qv_ipv6_sendto : qv_sendto;
+    return told(call(fd, text.data(), text.size(), 0, to.length != 0 ? to.any() : nullptr, to.length, vr));
+}
+
+// FD ADDRESS PORT SOURCE PORT IFINDEX VR TEXT
+std::string send_from(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words), from = read_name(words);
+    int ifindex = next<int>(words);
+    auto vr = next<unsigned>(words);
+    auto text = next<std::string>(words);
+    bool given = from.length != 0;
+    return told(is_six(fd) ? qv_ipv6_sendto_if(fd, text.data(), text.size(), 0, to.any(), given ? from.ip6() : nullptr,
+                                               to.length, ifindex, vr)
+                           : qv_sendto_if(fd, text.data(), text.size(), 0, to.any(), given ? from.ip() : nullptr,
+                                          to.length, ifindex, vr));
+}
+
+// FD ADDRESS PORT TEXT
+std::string send_plain(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words);
+    auto text = next<std::string>(words);
+    return told(::sendto(fd, text.data(), text.size(), 0, to.length != 0 ? to.any() : nullptr, to.length));
+}
+
+std::string received(ssize_t n, const char *data, const Name &from, const std::string &rest)
+{
+    return n < 0 ? told(n) : std::string(data, static_cast<std::size_t>(n)) + " " + text_of(from) + rest;
+}
+
+std::string receive_in_vr(Words &words)
+{
+    int fd = next<int>(words);
+    char data[2048];
+    Name from;
+    unsigned vr = 0;
+    auto call = is_six(fd) ? qv_recvfrom6 : qv_recvfrom;
+    ssize_t n = call(fd, data, sizeof data, MSG_DONTWAIT, from.any(), &from.length, &vr);
+    return received(n, data, from, " vr " + vr_text(vr));
+}
+
+std::string receive_with_destination(Words &words)
+{
+    int fd = next<int>(words);
+    char data[2048], interface[IF_NAMESIZE] = "none";
+    Name from, to;
+    int ifindex = 0;
+    unsigned vr = QV_NO_VR;
+    ssize_t n = is_six(fd) ? qv_recvfromto_v6(fd, data, sizeof data, MSG_DONTWAIT, from.any(), &from.length, to.ip6(),
+                                              &to.length, &ifindex, &vr)
+                           : qv_recvfromto(fd, data, sizeof data, MSG_DONTWAIT, from.any(), &from.length, to.ip(),
+                                           &to.length, &ifindex, &vr);
+    if (n < 0)
+        return told(n);
+    ::if_indextoname(static_cast<unsigned>(ifindex), interface);
+    return received(n, data, from, " to " + text_of(to) + " through " + interface + " vr " + vr_text(vr));
+}
+
+std::string receive_plain(Words &words)
+{
+    char data[2048];
+    Name from;
+    ssize_t n = ::recvfrom(next<int>(words), data, sizeof data, MSG_DONTWAIT, from.any(), &from.length);
+    return received(n, data, from, "");
+}
+
+// With recvmsg() and no flag of ours: the levels and types of the control messages.
+std::string receive_messages(Words &words)
+{
+    int fd = next<int>(words);
+    int flags = MSG_DONTWAIT | next<int>(words);
+    auto room = next<std::size_t>(words);
+    char data[2048];
+    alignas(cmsghdr) char control[256];
+    iovec part = {data, sizeof data};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = room;
+    if (::recvmsg(fd, &message, flags) < 0)
+        return told(-1);
+    std::string text = message.msg_flags & MSG_CTRUNC ? "cut" : "whole";
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
+        text += " " + std::to_string(c->cmsg_level) + "/" + std::to_string(c->cmsg_type);
+    return text;
+}
+
+std::string readable(Words &words)
+{
+    pollfd one = {next<int>(words), POLLIN, 0};
+    return told(::poll(&one, 1, 0));
+}
+
+// FD LEVEL TYPE LENGTH: a control message of any length on the way out.
+std::string send_message(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words);
+    alignas(cmsghdr) char control[64] = {};
+    cmsghdr header{};
+    header.cmsg_level = next<int>(words);
+    header.cmsg_type = next<int>(words);
+    header.cmsg_len = next<std::size_t>(words);
+    std::memcpy(control, &header, sizeof header);
+    char data = 'x';
+    iovec part = {&data, 1};
+    msghdr message{};
+    message.msg_name = to.any();
+    message.msg_namelen = to.length;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = next<std::size_t>(words);
+    return told(::sendmsg(fd, &message, 0x10000));
+}
+
+// ---- the private requests ----
+
+std::string name_or_null(const char *name)
+{
+    return name != nullptr ? name : "null " + std::string(::strerrorname_np(errno));
+}
+
+unsigned short id(Words &words)
+{
+    return next<unsigned short>(words);
+}
+
+std::string interfaces_vsys(Words &words)
+{
+    unsigned short vsys = 0;
+    int result = qv_get_if_vsysid(id(words), &vsys);
+    return result == 0 ? std::to_string(vsys) : told(result);
+}
+
+std::string interfaces_vr(Words &words)
+{
+    unsigned vr = 0;
+    int result = qv_get_if_vr(next<std::string>(words).c_str(), &vr);
+    return result == 0 ? std::to_string(vr) : std::string(::strerrorname_np(result)) + " " + vr_text(vr);
+}
+
+std::string set_interfaces_vr(Words &words)
+{
+    auto name = next<std::string>(words);
+    int result = qv_set_if_vr(name.c_str(), next<unsigned>(words));
+    return result == 0 ? "0" : ::strerrorname_np(result);
+}
+
+std::string set_mac(Words &words)
+{
+    const unsigned char mac[6] = {2, 0, 0, 0, 0, 0x17};
+    unsigned short ifid = id(words);
+    return told(qv_set_cellular_if_mac(mac, ifid, next<unsigned>(words)));
+}
+
+// CODE on the channel of DEVICE, with or without a record.
+std::string raw_command(Words &words)
+{
+    alignas(8) char record[280] = {};
+    auto code = next<std::uint64_t>(words);
+    std::memcpy(record, &code, sizeof code);
+    ifreq channel{};
+    std::strncpy(channel.ifr_name, next<std::string>(words).c_str(), sizeof channel.ifr_name - 1);
+    channel.ifr_data = next<std::string>(words) == "record" ? record : nullptr;
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    std::string answer = told(::ioctl(fd, 0x89F0, &channel));
+    ::close(fd);
+    return answer;
+}
+
+std::string request_on_a_file(Words &)
+{
+    return told(::ioctl(0, 0x89A4, nullptr));
+}
+
+// ---- what becomes of a socket ----
+
+std::string duplicate(Words &words)
+{
+    return told(::dup(next<int>(words)));
+}
+
+// Asks for the socket's VR in another process: a child, and there after exec().
+std::string ask_after_exec(Words &words)
+{
+    int fd = next<int>(words), out[2];
+    if (::pipe(out) < 0)
+        return told(-1);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(out[1], 1);
+        std::string number = std::to_string(fd);
+        ::execl("/proc/self/exe", "peer", number.c_str(), static_cast<char *>(nullptr));
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    char text[64];
+    ssize_t n = ::read(out[0], text, sizeof text);
+    ::close(out[0]);
+    ::waitpid(pid, nullptr, 0);
+    return n > 0 ? std::string(text, static_cast<std::size_t>(n)) : told(-1);
+}
+
+const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
+    {"socket", open_socket},
+    {"tcp", [](Words &) { return told(::socket(AF_INET, SOCK_STREAM, 0)); }},
+    {"bindvr", bind_vr},
+    {"getvr", get_vr},
+    {"bind", bind_name},
+    {"connect", connect_name},
+    {"own", [](Words &words) { return own_name(next<int>(words)); }},
+    {"peer", peer_name},
+    {"send", send_in_vr},
+    {"sendfrom", send_from},
+    {"sendplain", send_plain},
+    {"sendmessage", send_message},
+    {"recv", receive_in_vr},
+    {"recvto", receive_with_destination},
+    {"recvplain", receive_plain},
+    {"recvmessages", receive_messages},
+    {"readable", readable},
+    {"dup", duplicate},
+    {"askafterexec", ask_after_exec},
+    {"vrid_2_vsysid", [](Words &words) { return told(qv_vrid_2_vsysid(id(words))); }},
+    {"vrid_2_name", [](Words &words) { return name_or_null(qv_vrid_2_name(id(words))); }},
+    {"vrname_2_id",
+     [](Words &words) {
+         unsigned short vsys = id(words);
+         return std::to_string(qv_vrname_2_id(vsys, next<std::string>(words).c_str()));
+     }},
+    {"vsysid_2_name", [](Words &words) { return name_or_null(qv_vsysid_2_name(id(words))); }},
+    {"vsysname_2_id", [](Words &words) { return told(qv_vsysname_2_id(next<std::string>(words).c_str())); }},
+    {"default_vrid", [](Words &words) { return std::to_string(qv_vsysid_2_default_vrid(id(words))); }},
+    {"is_vr_shared", [](Words &words) { return told(qv_is_vr_shared(id(words))); }},
+    {"set_vr_shared", [](Words &words) { return told(qv_set_vr_shared(id(words))); }},
+    {"set_vr_unshared", [](Words &words) { return told(qv_set_vr_unshared(id(words))); }},
+    {"is_if_shared", [](Words &words) { return told(qv_is_if_shared(id(words))); }},
+    {"set_if_shared", [](Words &words) { return told(qv_set_if_shared(id(words))); }},
+    {"set_if_unshared", [](Words &words) { return told(qv_set_if_unshared(id(words))); }},
+    {"if_vsysid", interfaces_vsys},
+    {"get_if_vr", interfaces_vr},
+    {"set_if_vr", set_interfaces_vr},
+    {"ifname_2_vsysid", [](Words &words) { return told(qv_ifname_2_vsysid(next<std::string>(words).c_str())); }},
+    {"set_mac", set_mac},
+    {"set_wifi",
+     [](Words &words) {
+         unsigned short ifid = id(words);
+         return told(qv_set_wifi_if(ifid, next<unsigned>(words)));
+     }},
+    {"set_mtu_limit", [](Words &words) { return told(qv_set_if_mtu_limit(id(words))); }},
+    {"change_device",
+     [](Words &words) {
+         unsigned short ifid = id(words);
+         return told(qv_change_cellular_dev(nullptr, ifid, next<unsigned>(words)));
+     }},
+    {"command", raw_command},
+    {"fileioctl", request_on_a_file},
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc > 1) {
+        Words fd(argv[1]);
+        std::cout << get_vr(fd);
+        return 0;
+    }
+    for (std::string line; std::getline(std::cin, line);) {
+        Words words(line);
+        auto call = kCalls.find(next<std::string>(words));
+        std::cout << (call != kCalls.end() ? call->second(words) : "unknown call") << std::endl;
+    }
+}

@@ -1,0 +1,706 @@
+// SPDX-License-Identifier: Apache-2.0
+// The stand-in kernel, seen by processes that run on it, by its command, and by those that write its file.
+#include "support/support.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace support;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char *kConfig = "/tmp/vrkernel.conf";
+constexpr const char *kTables = R"(# for the experiments here
+vsys       root       id=0     default-vr=1
+vsys       branch     id=3     default-vr=7
+vr         default    id=1     vsys=0
+vr         trust      id=7     vsys=3
+vr         guests     id=8     vsys=3  shared
+vr         trust      id=2080  vsys=0
+interface  eth0-1     id=17    vsys=3  vr=7
+interface  eth0-2     id=18    vsys=3  vr=8  shared
+interface  cellular0  id=65535 vsys=0  vr=1
+)";
+constexpr int kAnswerMs = 60000;
+
+// A process that makes one call a line and answers with one (see vrkernel_peer.cpp).
+class Peer {
+public:
+    explicit Peer(bool with_kernel = true, bool with_config = true)
+    {
+        int in[2], out[2];
+        EXPECT_EQ(0, ::pipe2(in, O_CLOEXEC));
+        EXPECT_EQ(0, ::pipe2(out, O_CLOEXEC));
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(in[0], 0);
+            ::dup2(out[1], 1);
+            if (with_kernel)
+                enter(with_config);
+            std::string program = build_dir() + "/tests/vrkernel_peer";
+            ::execl(program.c_str(), "peer", static_cast<char *>(nullptr));
+            ::_exit(127);
+        }
+        ::close(in[0]);
+        ::close(out[1]);
+        to_ = in[1];
+        from_ = out[0];
+    }
+
+    ~Peer()
+    {
+        ::close(to_);
+        ::close(from_);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+
+    // The next programs of this process run on the stand-in kernel.
+    static void enter(bool with_config = true)
+    {
+        ::setenv("LD_PRELOAD", (build_dir() + "/libvrkernel.so").c_str(), 1);
+        if (with_config)
+            ::setenv("VRKERNEL_CONFIG", kConfig, 1);
+        if (under_sanitizer()) // it would rather be loaded first
+            ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
+    }
+
+    std::string operator()(const std::string &call)
+    {
+        std::string line = call + "\n";
+        EXPECT_EQ(static_cast<ssize_t>(line.size()), ::write(to_, line.data(), line.size()));
+        std::string answer;
+        for (;;) {
+            pollfd one = {from_, POLLIN, 0};
+            char c;
+            if (::poll(&one, 1, kAnswerMs) <= 0 || ::read(from_, &c, 1) <= 0)
+                return "no answer";
+            if (c == '\n')
+                return answer;
+            answer += c;
+        }
+    }
+
+    // A UDP socket, in a VR unless that is 0, on an address unless that is "-". Answers "ADDRESS PORT".
+    std::string open(int family, int vr, const std::string &name = "-")
+    {
+        std::string fd = (*this)("socket " + std::to_string(family));
+        if (vr != 0) {
+            EXPECT_EQ("0", (*this)("bindvr " + fd + " " + std::to_string(vr)));
+        }
+        return name != "-" ? (*this)("bind " + fd + " " + name) : (*this)("own " + fd);
+    }
+
+private:
+    pid_t pid_;
+    int to_, from_;
+};
+
+class Vrkernel : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::signal(SIGPIPE, SIG_IGN);
+        mount_tmpfs("/dev/shm"); // what is left there goes with the sandbox
+        write_file(kConfig, kTables);
+    }
+};
+
+// The port of "ADDRESS PORT".
+std::string port_of(const std::string &name)
+{
+    return name.substr(name.find(' ') + 1);
+}
+
+// ---- datagrams ----
+
+TEST_F(Vrkernel, TwoProcessesOnOnePortInTwoVrs)
+{
+    Peer seven, eight, sender;
+    ASSERT_EQ("127.0.0.1 5000", seven.open(4, 7, "0.0.0.0 5000"));
+    ASSERT_EQ("127.0.0.1 5000", eight.open(4, 8, "0.0.0.0 5000"));
+    std::string port = port_of(sender.open(4, 0, "0.0.0.0 0"));
+
+    EXPECT_EQ("0", sender("send 3 127.0.0.1 5000 7 first"));
+    EXPECT_EQ("0", eight("readable 3")); // not even woken
+    EXPECT_EQ("-1 EAGAIN", eight("recv 3"));
+    EXPECT_EQ("1", seven("readable 3"));
+    EXPECT_EQ("first 127.0.0.1 " + port + " vr 7", seven("recv 3"));
+
+    EXPECT_EQ("0", sender("send 3 127.0.0.1 5000 8 second"));
+    EXPECT_EQ("-1 EAGAIN", seven("recv 3"));
+    EXPECT_EQ("second 127.0.0.1 " + port + " vr 8", eight("recv 3"));
+}
+
+TEST_F(Vrkernel, AnAnswerGoesBackInTheVrOfTheQuestion)
+{
+    Peer server, client;
+    std::string at = server.open(4, 7, "127.0.0.1 0");
+    client.open(4, 7);
+    ASSERT_EQ("8", client("sendplain 3 " + at + " question"));
+    std::string asked = server("recv 3");
+    ASSERT_THAT(asked, StartsWith("question 127.0.0.1 "));
+    ASSERT_THAT(asked, HasSubstr(" vr 7"));
+    std::string client_port = port_of(client("own 3"));
+    EXPECT_EQ("0", server("send 3 127.0.0.1 " + client_port + " 7 answer"));
+    EXPECT_EQ("answer " + at + " vr 7", client("recv 3"));
+}
+
+TEST_F(Vrkernel, ASocketInAVrSendsInItWithoutBeingTold)
+{
+    Peer seven, eight, sender;
+    std::string at = seven.open(4, 7, "127.0.0.1 0");
+    eight.open(4, 8, at);
+    sender.open(4, 8);
+    EXPECT_EQ("5", sender("sendplain 3 " + at + " plain"));
+    EXPECT_EQ("-1 EAGAIN", seven("recv 3"));
+    EXPECT_THAT(eight("recv 3"), StartsWith("plain 127.0.0.1 "));
+}
+
+TEST_F(Vrkernel, ADatagramsVrGoesBeforeItsSockets)
+{
+    Peer seven, sender;
+    std::string at = seven.open(4, 7, "127.0.0.1 0");
+    sender.open(4, 8);
+    EXPECT_EQ("0", sender("send 3 " + at + " 7 across"));
+    EXPECT_THAT(seven("recv 3"), HasSubstr(" vr 7"));
+}
+
+TEST_F(Vrkernel, ASocketInNoVrHearsAll)
+{
+    Peer listener, sender;
+    std::string port = port_of(listener.open(4, -1, "0.0.0.0 0"));
+    sender.open(4, 0);
+    EXPECT_EQ("0", sender("send 3 127.0.0.1 " + port + " 7 a"));
+    EXPECT_EQ("0", sender("send 3 127.0.0.1 " + port + " 2080 b"));
+    EXPECT_EQ("1", sender("sendplain 3 127.0.0.1 " + port + " c"));
+    EXPECT_THAT(listener("recvto 3"), testing::EndsWith(" to 127.0.0.1 " + port + " through lo vr 7"));
+    EXPECT_THAT(listener("recvto 3"), testing::EndsWith(" to 127.0.0.1 " + port + " through lo vr 2080"));
+    EXPECT_THAT(listener("recvto 3"), testing::EndsWith(" to 127.0.0.1 " + port + " through lo vr none"));
+}
+
+TEST_F(Vrkernel, SourceDestinationAndInterface)
+{
+    Peer receiver, sender;
+    std::string at = receiver.open(4, 7, "127.0.0.9 0");
+    std::string port = port_of(sender.open(4, 0, "0.0.0.0 0"));
+    EXPECT_EQ("0", sender("sendfrom 3 " + at + " 127.0.0.5 0 0 7 chosen"));
+    EXPECT_EQ("chosen 127.0.0.5 " + port + " to " + at + " through lo vr 7", receiver("recvto 3"));
+    EXPECT_EQ("0", sender("sendfrom 3 " + at + " - 1 7 interface"));
+    EXPECT_EQ("interface 127.0.0.1 " + port + " to " + at + " through lo vr 7", receiver("recvto 3"));
+
+    EXPECT_EQ("-1 EINVAL", sender("sendfrom 3 " + at + " 10.0.0.1 0 0 7 x"));
+    EXPECT_EQ("-1 ENETUNREACH", sender("sendfrom 3 10.0.0.1 5000 - 0 7 x"));
+    EXPECT_EQ("-1 ENETUNREACH", sender("sendfrom 3 127.0.0.255 5000 - 0 7 x"));
+    EXPECT_EQ("-1 EAGAIN", receiver("recvto 3"));
+}
+
+TEST_F(Vrkernel, TheBoundAddressIsTheSource)
+{
+    Peer receiver, sender;
+    std::string at = receiver.open(4, 7, "0.0.0.0 0");
+    std::string from = sender.open(4, 7, "127.0.0.20 0");
+    EXPECT_EQ("0", sender("send 3 " + at + " 7 x"));
+    EXPECT_EQ("x " + from + " vr 7", receiver("recv 3"));
+}
+
+TEST_F(Vrkernel, Ipv6)
+{
+    Peer seven, eight, sender;
+    ASSERT_EQ("::1 5000", seven.open(6, 7, ":: 5000"));
+    ASSERT_EQ("::1 5000", eight.open(6, 8, "::1 5000"));
+    sender.open(6, 0);
+    EXPECT_EQ("0", sender("send 3 ::1 5000 8 six"));
+    EXPECT_EQ("-1 EAGAIN", seven("recvto 3"));
+    EXPECT_EQ("six ::1 " + port_of(sender("own 3")) + " to ::1 5000 through lo vr 8", eight("recvto 3"));
+
+    EXPECT_EQ("0", sender("sendfrom 3 ::1 5000 ::5 0 1 7 chosen"));
+    EXPECT_THAT(seven("recvto 3"), StartsWith("chosen ::5 "));
+
+    // The message has the IPv6 level, which qv_recvfrom6() does not take.
+    EXPECT_EQ("0", sender("send 3 ::1 5000 7 six"));
+    EXPECT_THAT(seven("recv 3"), testing::EndsWith(" vr none"));
+
+    EXPECT_EQ("-1 ENETUNREACH", sender("send 3 2001:db8::1 5000 7 x"));
+    EXPECT_EQ("-1 ENETUNREACH", sender("send 3 ::ff 5000 7 x"));
+}
+
+TEST_F(Vrkernel, TheFamiliesHaveTheirOwnPorts)
+{
+    Peer four, six, sender;
+    four.open(4, 7, "0.0.0.0 5000");
+    ASSERT_EQ("::1 5000", six.open(6, 7, ":: 5000"));
+    sender.open(6, 0);
+    EXPECT_EQ("0", sender("send 3 ::1 5000 7 x"));
+    EXPECT_EQ("-1 EAGAIN", four("recv 3"));
+    EXPECT_EQ("0", sender("send 3 ::ffff:127.0.0.1 5000 7 y"));
+    EXPECT_THAT(four("recv 3"), StartsWith("y 127.0.0.1 "));
+    EXPECT_THAT(six("recv 3"), StartsWith("x ::1 "));
+}
+
+TEST_F(Vrkernel, ConnectedSockets)
+{
+    Peer server, client;
+    std::string at = server.open(4, 7, "0.0.0.0 0");
+    client.open(4, 7);
+    ASSERT_EQ("0", client("connect 3 " + at));
+    EXPECT_EQ(at, client("peer 3"));
+    EXPECT_EQ("1", client("sendplain 3 - x"));
+    EXPECT_EQ("x " + client("own 3") + " vr 7", server("recv 3"));
+
+    // Connected in no VR, sending in one.
+    client.open(4, 0);
+    ASSERT_EQ("0", client("connect 4 " + at));
+    EXPECT_EQ("0", client("send 4 - 7 y"));
+    EXPECT_THAT(server("recv 3"), testing::EndsWith(" vr 7"));
+    EXPECT_EQ("-1 ENETUNREACH", client("connect 3 10.0.0.1 5000"));
+    EXPECT_EQ("-1 EDESTADDRREQ", server("send 3 - 7 z"));
+}
+
+TEST_F(Vrkernel, NobodyThereIsRefused)
+{
+    Peer server, client;
+    std::string at = server.open(4, 7, "0.0.0.0 0");
+    client.open(4, 8);
+    ASSERT_EQ("0", client("connect 3 " + at));
+    EXPECT_EQ("1", client("sendplain 3 - x"));
+    EXPECT_EQ("-1 ECONNREFUSED", client("recvplain 3"));
+}
+
+TEST_F(Vrkernel, OnePortOfAVrIsTakenOnce)
+{
+    Peer first, second;
+    std::string at = first.open(4, 7, "0.0.0.0 0");
+    EXPECT_EQ("-1 EADDRINUSE", second.open(4, 7, at));
+    EXPECT_EQ("-1 EADDRNOTAVAIL", second.open(4, 7, "10.0.0.1 5000"));
+}
+
+TEST_F(Vrkernel, OrdinaryTrafficIsUntouched)
+{
+    Peer on_kernel;
+    Peer stock(false);
+    std::string at = on_kernel.open(4, 0, "127.0.0.1 0");
+    std::string from = stock.open(4, 0, "127.0.0.1 0");
+    EXPECT_EQ("4", stock("sendplain 3 " + at + " ping"));
+    EXPECT_EQ("ping " + from, on_kernel("recvplain 3"));
+    EXPECT_EQ("4", on_kernel("sendplain 3 " + from + " pong"));
+    EXPECT_EQ("pong " + at, stock("recvplain 3"));
+
+    // Neither side of a VR hears the other.
+    Peer seven;
+    seven.open(4, 7, at);
+    EXPECT_EQ("1", stock("sendplain 3 " + at + " x"));
+    EXPECT_EQ("-1 EAGAIN", seven("recv 3"));
+    EXPECT_EQ("x " + from + " vr none", on_kernel("recv 3"));
+    EXPECT_EQ("0", seven("send 3 " + at + " 7 y"));
+    EXPECT_EQ("-1 EAGAIN", on_kernel("recv 3"));
+}
+
+TEST_F(Vrkernel, Ipv6OrdinaryTrafficIsUntouched)
+{
+    Peer on_kernel;
+    Peer stock(false);
+    std::string at = on_kernel.open(6, 0, "::1 0");
+    std::string from = stock.open(6, 0, "::1 0");
+    EXPECT_EQ("4", stock("sendplain 3 " + at + " ping"));
+    EXPECT_EQ("ping " + from + " to - 0 through none vr none", on_kernel("recvto 3"));
+}
+
+TEST_F(Vrkernel, TheVrMessageComesWithTheFlagWhereThereIsRoom)
+{
+    Peer receiver, sender;
+    std::string at = receiver.open(4, 7, "0.0.0.0 0");
+    sender.open(4, 7);
+    // Flag and room of the receive call, and what it gets: packet info takes 32 bytes, the VR message 20 and 4 more.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"0 256", "whole 0/8"},         {"65536 256", "whole 0/8 0/30"}, {"65536 56", "whole 0/8 0/30"},
+        {"65536 52", "whole 0/8 0/30"}, {"65536 51", "cut 0/8"},         {"65536 0", "cut"},
+    };
+    for (const auto &[call, expected] : cases) {
+        ASSERT_EQ("1", sender("sendplain 3 " + at + " x"));
+        EXPECT_EQ(expected, receiver("recvmessages 3 " + call)) << call;
+    }
+}
+
+TEST_F(Vrkernel, MalformedControlDataIsRefused)
+{
+    Peer sender;
+    sender.open(4, 0);
+    // Level, type, claimed length, length of the control data.
+    for (const char *message : {"0 31 0 24", "0 31 15 24", "0 31 16 24", "0 31 17 24", "0 31 19 24", "0 31 21 24",
+                                "0 31 24 24", "0 31 18446744073709551615 24", "0 31 18446744073709551608 24",
+                                "0 31 20 19", "41 91 24 24", "0 8 27 32", "41 50 35 40"})
+        EXPECT_EQ("-1 EINVAL", sender("sendmessage 3 127.0.0.1 5000 " + std::string(message))) << message;
+    EXPECT_EQ("-1 ENOENT", sender("sendmessage 3 127.0.0.1 5000 0 31 20 24")); // there is no VR 0
+}
+
+TEST_F(Vrkernel, UnknownVrs)
+{
+    Peer peer;
+    peer.open(4, 0);
+    peer.open(6, 0);
+    EXPECT_EQ("2", peer("bindvr 3 9"));
+    EXPECT_EQ("2", peer("bindvr 4 9"));
+    EXPECT_EQ("0 -1", peer("getvr 3"));
+    EXPECT_EQ("-1 ENOENT", peer("send 3 127.0.0.1 5000 9 x"));
+    EXPECT_EQ("-1 ENOENT", peer("send 4 ::1 5000 65543 x")); // not 7 with high bits cut off
+    EXPECT_THAT(peer("bindvr 3 2081"), StartsWith("-1 "));   // the library's own refusal
+}
+
+TEST_F(Vrkernel, TheVrOfASocket)
+{
+    Peer peer;
+    peer.open(4, 7);
+    peer.open(6, 2080);
+    EXPECT_EQ("0 7", peer("getvr 3"));
+    EXPECT_EQ("0 2080", peer("getvr 4"));
+    EXPECT_EQ("0", peer("bindvr 3 8"));
+    EXPECT_EQ("0 8", peer("getvr 3"));
+    EXPECT_EQ("0", peer("bindvr 3 -1"));
+    EXPECT_EQ("0 -1", peer("getvr 3"));
+
+    // Once it has an address, it stays.
+    ASSERT_EQ("127.0.0.1 5000", peer.open(4, 7, "127.0.0.1 5000"));
+    EXPECT_EQ("0", peer("bindvr 5 7"));
+    EXPECT_EQ("22", peer("bindvr 5 8"));
+    EXPECT_EQ("22", peer("bindvr 5 -1"));
+    EXPECT_EQ("0 7", peer("getvr 5"));
+}
+
+TEST_F(Vrkernel, TheVrLastsThroughDupForkAndExec)
+{
+    Peer peer;
+    peer.open(4, 7);
+    ASSERT_EQ("4", peer("dup 3"));
+    EXPECT_EQ("0 7", peer("getvr 4"));
+    EXPECT_EQ("0 7", peer("askafterexec 3"));
+}
+
+TEST_F(Vrkernel, OtherSocketsAreLeftToTheRealKernel)
+{
+    Peer peer;
+    Peer stock(false);
+    ASSERT_EQ("3", peer("tcp"));
+    ASSERT_EQ("3", stock("tcp"));
+    EXPECT_EQ(stock("bindvr 3 7"), peer("bindvr 3 7"));
+    EXPECT_EQ(stock("getvr 3"), peer("getvr 3"));
+    EXPECT_EQ("9", peer("bindvr 99 7")); // EBADF
+}
+
+TEST_F(Vrkernel, WithoutAConfigurationItIsTheRealKernel)
+{
+    Peer peer(true, false);
+    Peer stock(false);
+    for (const char *call :
+         {"socket 4", "bindvr 3 7", "getvr 3", "vrid_2_name 7", "get_if_vr eth0-1", "send 3 127.0.0.1 1 7 x", "recv 3"})
+        EXPECT_EQ(stock(call), peer(call)) << call;
+    EXPECT_NE("0", peer("bindvr 3 7"));
+    EXPECT_EQ("null ENODEV", peer("vrid_2_name 7"));
+}
+
+// ---- requests ----
+
+TEST_F(Vrkernel, VrRequests)
+{
+    Peer peer;
+    EXPECT_EQ("3", peer("vrid_2_vsysid 7"));
+    EXPECT_EQ("0", peer("vrid_2_vsysid 2080"));
+    EXPECT_EQ("-1 ENOENT", peer("vrid_2_vsysid 9"));
+    EXPECT_EQ("-1 ENOENT", peer("vrid_2_vsysid 0"));
+    EXPECT_EQ("-1 ENOENT", peer("vrid_2_vsysid 65535"));
+    EXPECT_EQ("trust", peer("vrid_2_name 7"));
+    EXPECT_EQ("null ENOENT", peer("vrid_2_name 9"));
+    EXPECT_EQ("7", peer("vrname_2_id 3 trust"));
+    EXPECT_EQ("2080", peer("vrname_2_id 0 trust"));
+    EXPECT_EQ("0", peer("vrname_2_id 0 guests"));
+    EXPECT_EQ("0", peer("vrname_2_id 9 trust"));
+    EXPECT_EQ("0", peer("vrname_2_id 3 trus"));
+}
+
+TEST_F(Vrkernel, VsysRequests)
+{
+    Peer peer;
+    EXPECT_EQ("branch", peer("vsysid_2_name 3"));
+    EXPECT_EQ("root", peer("vsysid_2_name 0"));
+    EXPECT_EQ("null ENOENT", peer("vsysid_2_name 4"));
+    EXPECT_EQ("3", peer("vsysname_2_id branch"));
+    EXPECT_EQ("-1 ENOENT", peer("vsysname_2_id nobody"));
+    EXPECT_EQ("7", peer("default_vrid 3"));
+    EXPECT_EQ("1", peer("default_vrid 0"));
+    EXPECT_EQ("0", peer("default_vrid 4"));
+}
+
+TEST_F(Vrkernel, InterfaceRequests)
+{
+    Peer peer;
+    EXPECT_EQ("3", peer("if_vsysid 17"));
+    EXPECT_EQ("0", peer("if_vsysid 65535"));
+    EXPECT_EQ("-1 ENODEV", peer("if_vsysid 16"));
+    EXPECT_EQ("7", peer("get_if_vr eth0-1"));
+    EXPECT_EQ("ENODEV none", peer("get_if_vr eth0-3"));
+    EXPECT_EQ("0", peer("set_if_vr eth0-1 8"));
+    EXPECT_EQ("8", peer("get_if_vr eth0-1"));
+    EXPECT_EQ("ENOENT", peer("set_if_vr eth0-1 9"));
+    EXPECT_EQ("ENODEV", peer("set_if_vr eth0-3 7"));
+    EXPECT_EQ("8", peer("get_if_vr eth0-1"));
+    EXPECT_EQ("3", peer("ifname_2_vsysid ethernet0/1"));
+    EXPECT_EQ("-1 ENODEV", peer("ifname_2_vsysid ethernet0/3"));
+}
+
+TEST_F(Vrkernel, SharedMarks)
+{
+    Peer peer;
+    EXPECT_EQ("0", peer("is_vr_shared 7"));
+    EXPECT_EQ("2", peer("is_vr_shared 8"));
+    EXPECT_EQ("0", peer("is_vr_shared 9"));
+    EXPECT_EQ("0", peer("set_vr_shared 7"));
+    EXPECT_EQ("2", peer("is_vr_shared 7"));
+    EXPECT_EQ("0", peer("set_vr_unshared 7"));
+    EXPECT_EQ("0", peer("is_vr_shared 7"));
+    EXPECT_EQ("-1 ENOENT", peer("set_vr_shared 9"));
+
+    EXPECT_EQ("0", peer("is_if_shared 17"));
+    EXPECT_EQ("2", peer("is_if_shared 18"));
+    EXPECT_EQ("0", peer("is_if_shared 19"));
+    EXPECT_EQ("0", peer("set_if_shared 17"));
+    EXPECT_EQ("2", peer("is_if_shared 17"));
+    EXPECT_EQ("0", peer("set_if_unshared 17"));
+    EXPECT_EQ("0", peer("is_if_shared 17"));
+    EXPECT_EQ("-1 ENODEV", peer("set_if_shared 19"));
+}
+
+TEST_F(Vrkernel, ChangesAreSeenByAllAndOutlastTheirProcess)
+{
+    Peer other;
+    {
+        Peer peer;
+        EXPECT_EQ("0", peer("set_if_vr eth0-1 8"));
+        EXPECT_EQ("0", peer("set_vr_shared 7"));
+    }
+    EXPECT_EQ("8", other("get_if_vr eth0-1"));
+    EXPECT_EQ("2", other("is_vr_shared 7"));
+    Peer later;
+    EXPECT_EQ("8", later("get_if_vr eth0-1"));
+}
+
+TEST_F(Vrkernel, InterfaceSetUpRequestsKnowTheirInterface)
+{
+    Peer peer;
+    EXPECT_EQ("0", peer("set_mac 65535 5"));
+    EXPECT_EQ("0", peer("set_wifi 17 6"));
+    EXPECT_EQ("0", peer("set_mtu_limit 17"));
+    EXPECT_EQ("0", peer("change_device 65535 9"));
+    for (const char *call : {"set_mac 1 5", "set_wifi 1 6", "set_mtu_limit 1", "change_device 1 9"})
+        EXPECT_EQ("-1 ENODEV", peer(call)) << call;
+}
+
+TEST_F(Vrkernel, StrayRequests)
+{
+    Peer peer;
+    for (const char *code : {"0", "5", "7", "25", "18446744073709551615"})
+        EXPECT_EQ("-1 EOPNOTSUPP", peer("command " + std::string(code) + " pow0 record")) << code;
+    EXPECT_EQ("-1 EFAULT", peer("command 11 pow0 nothing"));
+    EXPECT_EQ("-1 ENODEV", peer("command 11 pow1 record")); // the real kernel's answer
+    EXPECT_EQ("-1 ENOTTY", peer("fileioctl"));
+}
+
+// ---- the command ----
+
+class VrkernelCommand : public Vrkernel {
+protected:
+    static ChildResult command(std::vector<std::string> words)
+    {
+        words.insert(words.begin(), build_dir() + "/vrkernel");
+        return run_program(words);
+    }
+
+    static std::string peer() { return build_dir() + "/tests/vrkernel_peer"; }
+};
+
+TEST_F(VrkernelCommand, ShowsTheTablesAsTheyAre)
+{
+    auto before = command({"show", "-c", kConfig});
+    EXPECT_TRUE(before.exited(0));
+    EXPECT_EQ("vsys      root            id=0 default-vr=1\n"
+              "vsys      branch          id=3 default-vr=7\n"
+              "vr        default         id=1 vsys=0 flags=0\n"
+              "vr        trust           id=7 vsys=3 flags=0\n"
+              "vr        guests          id=8 vsys=3 flags=0x2\n"
+              "vr        trust           id=2080 vsys=0 flags=0\n"
+              "interface eth0-1          id=17 vsys=3 vr=7 flags=0\n"
+              "interface eth0-2          id=18 vsys=3 vr=8 flags=0x2\n"
+              "interface cellular0       id=65535 vsys=0 vr=1 flags=0\n",
+              before.out);
+    Peer peer;
+    peer("set_mac 65535 5");
+    peer("set_wifi 17 6");
+    peer("set_mtu_limit 17");
+    peer("change_device 65535 9");
+    peer("set_if_vr eth0-1 8");
+    auto after = command({"show", "-c", kConfig});
+    EXPECT_THAT(after.out, HasSubstr("interface eth0-1          id=17 vsys=3 vr=8 flags=0 wifi=6 mtu-limits=1\n"));
+    EXPECT_THAT(after.out, HasSubstr("id=65535 vsys=0 vr=1 flags=0 mac=02:00:00:00:00:17 cellular=5 device=9\n"));
+}
+
+TEST_F(VrkernelCommand, ResetAndAChangedFileStartAnew)
+{
+    Peer peer;
+    peer("set_if_vr eth0-1 8");
+    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
+    EXPECT_EQ("8", peer("get_if_vr eth0-1")); // those that run keep what they have
+    Peer fresh;
+    EXPECT_EQ("7", fresh("get_if_vr eth0-1"));
+
+    write_file(kConfig, "vsys root id=0 default-vr=1\nvr default id=1 vsys=0\ninterface eth0-1 id=1 vsys=0 vr=1\n");
+    Peer changed;
+    EXPECT_EQ("1", changed("get_if_vr eth0-1"));
+    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
+    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0)); // nothing there is as good
+}
+
+TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "a library with the sanitizer cannot be preloaded into a shell without";
+    auto result = command({"run", "-c", kConfig, "--", "/bin/sh", "-c", "echo vrid_2_name 7 | " + peer()});
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    EXPECT_EQ("trust\n", result.out);
+    EXPECT_TRUE(command({"run", "-c", kConfig, "/bin/sh", "-c", "exit 9"}).exited(9));
+    EXPECT_TRUE(command({"run", "-c", kConfig, "--", "/no/such/program"}).exited(126));
+    EXPECT_EQ("vrkernel: /tmp/none.conf: No such file or directory\n",
+              command({"run", "-c", "/tmp/none.conf", "--", "/bin/sh"}).err);
+}
+
+TEST_F(VrkernelCommand, WrongUseIsToldHow)
+{
+    ::unsetenv("VRKERNEL_CONFIG");
+    for (const std::vector<std::string> &words : {std::vector<std::string>{},
+                                                  {"show"},
+                                                  {"run"},
+                                                  {"run", "-c", kConfig},
+                                                  {"run", "-c", kConfig, "--"},
+                                                  {"show", "-c"},
+                                                  {"show", "-c", kConfig, "more"},
+                                                  {"stop", "-c", kConfig}}) {
+        auto result = command(words);
+        EXPECT_TRUE(result.exited(2)) << testing::PrintToString(words);
+        EXPECT_THAT(result.err, StartsWith("usage: vrkernel run -c FILE"));
+    }
+}
+
+// ---- the file ----
+
+class VrkernelConfig : public Vrkernel {
+protected:
+    // What is said of a file, without its name.
+    static std::string said_of(const std::string &text)
+    {
+        write_file(kConfig, text);
+        auto result = run_program({build_dir() + "/vrkernel", "show", "-c", kConfig});
+        EXPECT_TRUE(result.exited(result.err.empty() ? 0 : 125)) << result.err;
+        std::string said;
+        for (const std::string &line : lines(result.err)) {
+            EXPECT_THAT(line, StartsWith(std::string(kConfig) + ":"));
+            said += line.substr(std::string(kConfig).size() + 1) + "\n";
+        }
+        return said;
+    }
+};
+
+constexpr const char *kLeast = "vsys root id=0 default-vr=1\nvr default id=1 vsys=0\n";
+
+TEST_F(VrkernelConfig, EveryMistakeIsToldWithItsLine)
+{
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"router x id=1", "unknown entry \"router\", want vsys, vr or interface"},
+        {"vr", "vr without a name"},
+        {"vr a vsys=0", "vr \"a\" without id"},
+        {"vr a id=2", "vr \"a\" without vsys"},
+        {"vsys a id=2", "vsys \"a\" without default-vr"},
+        {"interface a id=2 vsys=0", "interface \"a\" without vr"},
+        {"vr a id=2 vsys=0 vr=1", "unknown attribute \"vr\" of vr"},
+        {"vsys a id=2 default-vr=1 shared", "unknown attribute \"shared\" of vsys"},
+        {"vr a id=2 vsys=0 color=red", "unknown attribute \"color\" of vr"},
+        {"vr a id=2 id=3 vsys=0", "id given twice"},
+        {"vr a id vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id= vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id=-2 vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id=2x vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id=65536 vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id=99999999999999999999999 vsys=0", "id needs a number from 0 to 65535"},
+        {"vr a id=2 vsys=0 shared=1", "shared takes no value"},
+        {"vr a id=0 vsys=0", "VR id 0 out of range, 1 to 2080"},
+        {"vr a id=2081 vsys=0", "VR id 2081 out of range, 1 to 2080"},
+        {"vr a id=1 vsys=0", "VR id 1 already taken"},
+        {"vr default id=2 vsys=0", "VR name \"default\" already taken in vsys 0"},
+        {"vsys a id=0 default-vr=1", "vsys id 0 already taken"},
+        {"vsys root id=2 default-vr=1", "vsys name \"root\" already taken"},
+        {"interface 1234567890123456 id=2 vsys=0 vr=1", "name \"1234567890123456\" too long, at most 15 characters"},
+        {"vr 12345678901234567890123456789012 id=2 vsys=0",
+         "name \"12345678901234567890123456789012\" too long, at most 31 characters"},
+        {"vr a id=2 vsys=9", "there is no vsys 9"},
+        {"vsys a id=2 default-vr=9", "there is no VR 9"},
+        {"interface a id=2 vsys=0 vr=9", "there is no VR 9"},
+    };
+    for (const auto &[line, message] : cases)
+        EXPECT_EQ("4: " + message + "\n", said_of(std::string(kLeast) + "\n" + line + "\n")) << line;
+    EXPECT_EQ("1: the default VR of vsys 0 is always 1\n", said_of("vsys root id=0 default-vr=2\nvr a id=2 vsys=0\n"));
+}
+
+TEST_F(VrkernelConfig, AllMistakesAreTold)
+{
+    EXPECT_EQ("1: vr \"a\" without vsys\n3: unknown entry \"x\", want vsys, vr or interface\n",
+              said_of("vr a id=2\n\nx\n"));
+    EXPECT_EQ("1: there is no vsys 5\n2: there is no vsys 6\n2: there is no VR 9\n",
+              said_of("vr a id=2 vsys=5\ninterface b id=1 vsys=6 vr=9\n"));
+    EXPECT_EQ("3: interface id 2 already taken\n4: interface name \"a\" already taken\n",
+              said_of(std::string("vsys a id=0 default-vr=1\ninterface a id=2 vsys=0 vr=1\n") +
+                      "interface b id=2 vsys=0 vr=1\ninterface a id=3 vsys=0 vr=1\nvr a id=1 vsys=0\n"));
+}
+
+TEST_F(VrkernelConfig, CommentsBlanksOrderAndLongestNames)
+{
+    EXPECT_EQ("", said_of("  # nothing\n\n\tinterface 123456789012345 vr=2080 id=65535 shared vsys=65535 # behind\r\n"
+                          "vsys 1234567890123456789012345678901 default-vr=2080 id=65535\n"
+                          "vr 1234567890123456789012345678901 id=2080 vsys=65535"));
+    EXPECT_EQ("", said_of(""));
+    EXPECT_EQ("", said_of(std::string(510, '#') + "\n"));
+    EXPECT_EQ("2: line too long, at most 510 characters\n", said_of("\n" + std::string(511, '#') + "\n"));
+}
+
+TEST_F(VrkernelConfig, TablesHaveTheirLimits)
+{
+    std::string vsys = "vr a id=1 vsys=0\n", interfaces = kLeast;
+    for (int i = 0; i < 256; i++)
+        vsys += "vsys v" + std::to_string(i) + " id=" + std::to_string(i) + " default-vr=1\n";
+    for (int i = 0; i < 1024; i++)
+        interfaces += "interface i" + std::to_string(i) + " id=" + std::to_string(i) + " vsys=0 vr=1\n";
+    EXPECT_EQ("", said_of(vsys));
+    EXPECT_EQ("258: too many vsys, at most 256\n", said_of(vsys + "vsys one-more id=999 default-vr=1\n"));
+    EXPECT_EQ("", said_of(interfaces));
+    EXPECT_EQ("1027: too many interfaces, at most 1024\n",
+              said_of(interfaces + "interface one-more id=9999 vsys=0 vr=1\n"));
+}
+
+TEST_F(VrkernelConfig, AProgramWithoutItsTablesDoesNotRun)
+{
+    write_file(kConfig, "nonsense\n");
+    auto result = run_child([] {
+        Peer::enter();
+        std::string program = build_dir() + "/tests/vrkernel_peer";
+        ::execl(program.c_str(), "peer", static_cast<char *>(nullptr));
+    });
+    EXPECT_TRUE(result.exited(125));
+    EXPECT_EQ("/tmp/vrkernel.conf:1: unknown entry \"nonsense\", want vsys, vr or interface\n", result.err);
+}
+
+} // namespace
