@@ -4,9 +4,13 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <memory>
+#include <net/if.h>
 #include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,6 +46,7 @@ public:
         if (pid_ == 0) {
             ::dup2(in[0], 0);
             ::dup2(out[1], 1);
+            ::close_range(3, ~0U, 0); // its first socket is 3
             if (with_kernel)
                 enter(with_config);
             std::string program = build_dir() + "/tests/vrkernel_peer";
@@ -105,12 +110,25 @@ private:
     int to_, from_;
 };
 
+// A network namespace with a loopback interface of its own: cases run beside each other on the same ports.
+void own_loopback()
+{
+    ASSERT_EQ(0, ::unshare(CLONE_NEWNET));
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq request{};
+    std::strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP | IFF_RUNNING;
+    ASSERT_EQ(0, ::ioctl(fd, SIOCSIFFLAGS, &request));
+    ::close(fd);
+}
+
 class Vrkernel : public testing::Test {
 protected:
     void SetUp() override
     {
         std::signal(SIGPIPE, SIG_IGN);
         mount_tmpfs("/dev/shm"); // what is left there goes with the sandbox
+        own_loopback();
         write_file(kConfig, kTables);
     }
 };
