@@ -1,0 +1,507 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "idpool.h"
+
+#include "cxx/idpool.hpp"
+#include "support/support.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+int allocations_left = -1; // -1: any number
+
+int take(idpool *pool)
+{
+    int id = -7;
+    return idpool_alloc_id(pool, &id) == 0 ? id : -1;
+}
+
+int take_lowest(idpool *pool)
+{
+    int id = -7;
+    return idpool_alloc_id_slow(pool, &id) == 0 ? id : -1;
+}
+
+int next_taken(const idpool *pool, int from)
+{
+    int id = -7;
+    return idpool_get_next_allocated_id(pool, from, &id) == 0 ? id : -1;
+}
+
+void fill(idpool *pool)
+{
+    for (int id = pool->min_id; id <= pool->max_id; id++)
+        idpool_alloc_specific_id(pool, id);
+}
+
+// What a failing call said on standard output, made with `allowed` allocations.
+template <typename Call>
+std::string said_with(int allowed, Call call)
+{
+    return capture_stdout([&] {
+        allocations_left = allowed;
+        call();
+        allocations_left = -1;
+    });
+}
+
+} // namespace
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    allocations_left -= allocations_left > 0;
+    return real(size);
+}
+
+TEST(IdPool, SizeOfALaidPool)
+{
+    EXPECT_EQ(idpool_get_pool_size(0, 0), 60);
+    EXPECT_EQ(idpool_get_pool_size(0, 31), 60);
+    EXPECT_EQ(idpool_get_pool_size(0, 32), 64);
+    EXPECT_EQ(idpool_get_pool_size(5, 36), 60);
+    EXPECT_EQ(idpool_get_pool_size(0, INT_MAX), 56 + (1 << 28));
+    EXPECT_EQ(idpool_get_pool_size(INT_MAX, INT_MAX), 60);
+    EXPECT_EQ(idpool_get_pool_size(-1, 5), 0);
+    EXPECT_EQ(idpool_get_pool_size(6, 5), 0);
+}
+
+TEST(IdPool, CreateSetsItsFields)
+{
+    idpool *pool = idpool_create("a name of more than 31 characters", 10, 42);
+    ASSERT_NE(pool, nullptr);
+    EXPECT_STREQ(pool->name, "a name of more than 31 characte");
+    EXPECT_EQ(pool->min_id, 10);
+    EXPECT_EQ(pool->max_id, 42);
+    EXPECT_EQ(pool->words, 2);
+    EXPECT_EQ(pool->next, 0);
+    EXPECT_EQ(pool->bitmap[0], 0U);
+    EXPECT_EQ(pool->bitmap[1], 0xFFFFFFFE) << "31 bits to spare";
+    idpool_destroy(pool);
+
+    pool = idpool_create("full words", 0, 31);
+    EXPECT_EQ(pool->words, 1);
+    EXPECT_EQ(pool->bitmap[0], 0U);
+    idpool_destroy(pool);
+    idpool_destroy(nullptr);
+}
+
+TEST(IdPool, InvalidRangesAreRefusedInSilence)
+{
+    EXPECT_EQ(capture_stdout([] {
+                  EXPECT_EQ(idpool_create("bad", -1, 5), nullptr);
+                  EXPECT_EQ(idpool_create("bad", 6, 5), nullptr);
+                  EXPECT_EQ(idpool_create("bad", INT_MIN, INT_MIN), nullptr);
+              }),
+              "");
+    idpool block;
+    std::memset(static_cast<void *>(&block), '#', sizeof block);
+    idpool_init(&block, "bad", 6, 5);
+    EXPECT_EQ(block.name[0], '#');
+}
+
+TEST(IdPool, FailedAllocationsAreSaidOnStandardOutput)
+{
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }), "Malloc failed for pool red\n");
+    EXPECT_EQ(said_with(1, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }),
+              "Malloc bitmap failed for pool red\n");
+}
+
+TEST(IdPool, ALaidPoolUsesItsBlockOnly)
+{
+    auto size = static_cast<std::size_t>(idpool_get_pool_size(3, 40));
+    std::vector<std::uint64_t> storage(size / 8 + 2, 0x2323232323232323);
+    auto *pool = reinterpret_cast<idpool *>(storage.data());
+    idpool_init(pool, "laid", 3, 40);
+    EXPECT_EQ(pool->bitmap, reinterpret_cast<std::uint32_t *>(pool + 1));
+    EXPECT_STREQ(pool->name, "laid");
+    for (int id = 3; id <= 40; id++)
+        EXPECT_EQ(take_lowest(pool), id);
+    for (int i = 0; i < 100; i++) {
+        EXPECT_EQ(take_lowest(pool), -1);
+        EXPECT_EQ(take(pool), -1);
+    }
+    auto *behind = reinterpret_cast<unsigned char *>(storage.data()) + size;
+    EXPECT_EQ(std::count(behind, behind + 8, 0x23), 8) << "written beyond the block";
+}
+
+TEST(IdPool, NextFitGoesRound)
+{
+    idpool *pool = idpool_create("p", 10, 12);
+    EXPECT_EQ(take(pool), 10);
+    EXPECT_EQ(pool->next, 1);
+    EXPECT_EQ(take(pool), 11);
+    EXPECT_EQ(take(pool), 12);
+    EXPECT_EQ(pool->next, 0) << "behind the last comes the first";
+    EXPECT_EQ(take(pool), -1);
+    EXPECT_EQ(idpool_free_id(pool, 11), 0);
+    EXPECT_EQ(take(pool), 11) << "by the scan";
+    EXPECT_EQ(pool->next, 2);
+    EXPECT_EQ(idpool_free_id(pool, 10), 0);
+    EXPECT_EQ(take(pool), 10) << "the cursor's word is looked at again from its first bit";
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, FreedIdentifiersRest)
+{
+    idpool *pool = idpool_create("p", 0, 99);
+    for (int id = 0; id < 50; id++)
+        EXPECT_EQ(take(pool), id);
+    for (int id = 0; id < 50; id++)
+        EXPECT_EQ(idpool_free_id(pool, id), 0);
+    EXPECT_EQ(pool->next, 50) << "freeing does not move the cursor";
+    for (int id = 50; id < 100; id++)
+        EXPECT_EQ(take(pool), id);
+    EXPECT_EQ(take(pool), 0);
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, LowestFreeLeavesTheCursor)
+{
+    idpool *pool = idpool_create("p", 5, 100);
+    for (int i = 0; i < 40; i++)
+        take(pool);
+    idpool_free_id(pool, 7);
+    idpool_free_id(pool, 40);
+    EXPECT_EQ(take_lowest(pool), 7);
+    EXPECT_EQ(take_lowest(pool), 40);
+    EXPECT_EQ(take_lowest(pool), 45);
+    EXPECT_EQ(pool->next, 40);
+    fill(pool);
+    int id = -7;
+    EXPECT_EQ(idpool_alloc_id_slow(pool, &id), -1);
+    EXPECT_EQ(idpool_alloc_id(pool, &id), -1);
+    EXPECT_EQ(id, -7);
+    pool->words = -1;
+    EXPECT_EQ(idpool_alloc_id_slow(pool, &id), -1);
+    pool->words = 3;
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, ParticularIdentifiers)
+{
+    idpool *pool = idpool_create("p", 10, 75);
+    for (int id : {10, 41, 42, 75}) {
+        EXPECT_EQ(idpool_is_id_allocated(pool, id), 0);
+        EXPECT_EQ(idpool_free_id(pool, id), -1);
+        EXPECT_EQ(idpool_alloc_specific_id(pool, id), 0);
+        EXPECT_EQ(idpool_alloc_specific_id(pool, id), -1);
+        EXPECT_EQ(idpool_is_id_allocated(pool, id), 1);
+    }
+    EXPECT_EQ(pool->next, 0);
+    EXPECT_EQ(idpool_free_id(pool, 42), 0);
+    EXPECT_EQ(idpool_free_id(pool, 42), -1);
+    for (int id : {9, 76, -1, INT_MIN, INT_MAX}) {
+        EXPECT_EQ(idpool_alloc_specific_id(pool, id), -1);
+        EXPECT_EQ(idpool_free_id(pool, id), -1);
+        EXPECT_EQ(idpool_is_id_allocated(pool, id), -1);
+        EXPECT_EQ(next_taken(pool, id), -1);
+    }
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, NextAllocated)
+{
+    idpool *pool = idpool_create("p", 10, 2000);
+    EXPECT_EQ(next_taken(pool, 10), -1) << "a spare bit is no identifier";
+    for (int id : {10, 41, 42, 1500, 2000})
+        idpool_alloc_specific_id(pool, id);
+    std::vector<int> walked;
+    for (int id = 10; id <= 2000 && (id = next_taken(pool, id)) >= 0; id++)
+        walked.push_back(id);
+    EXPECT_EQ(walked, (std::vector<int>{10, 41, 42, 1500, 2000}));
+    EXPECT_EQ(next_taken(pool, 11), 41);
+    EXPECT_EQ(next_taken(pool, 43), 1500);
+    idpool_free_id(pool, 2000);
+    EXPECT_EQ(next_taken(pool, 1501), -1);
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, TheEndOfAllNumbers)
+{
+    idpool *pool = idpool_create("p", INT_MAX - 2, INT_MAX);
+    EXPECT_EQ(take(pool), INT_MAX - 2);
+    EXPECT_EQ(take(pool), INT_MAX - 1);
+    EXPECT_EQ(take(pool), INT_MAX);
+    EXPECT_EQ(take(pool), -1);
+    EXPECT_EQ(next_taken(pool, INT_MAX), INT_MAX);
+    EXPECT_EQ(take_lowest(pool), -1);
+    EXPECT_EQ(idpool_resize(pool, 4), 0) << "beyond INT_MAX";
+    EXPECT_EQ(idpool_resize(pool, 3), 1);
+    EXPECT_EQ(idpool_resize(pool, INT_MAX), 0);
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, AllNumbersAtOnce)
+{
+    if (under_emulation() || under_sanitizer())
+        GTEST_SKIP() << "256 MiB are too much here";
+    idpool *pool = idpool_create("all", 0, INT_MAX);
+    ASSERT_NE(pool, nullptr);
+    EXPECT_EQ(pool->words, 1 << 26);
+    pool->next = INT_MAX;
+    EXPECT_EQ(take(pool), INT_MAX);
+    EXPECT_EQ(pool->next, 0);
+    EXPECT_EQ(take(pool), 0);
+    EXPECT_EQ(next_taken(pool, 1), INT_MAX);
+    idpool_destroy(pool);
+}
+
+// ---- another size ----
+
+TEST(IdPoolResize, RefusedAndIdleCalls)
+{
+    EXPECT_EQ(idpool_resize(nullptr, 5), 0);
+    idpool *pool = idpool_create("p", 10, 41);
+    fill(pool);
+    const std::uint32_t *bitmap = pool->bitmap;
+    EXPECT_EQ(idpool_resize(pool, 0), 0);
+    EXPECT_EQ(idpool_resize(pool, -5), 0);
+    EXPECT_EQ(idpool_resize(pool, 32), 1);
+    EXPECT_EQ(pool->bitmap, bitmap);
+    EXPECT_EQ(pool->bitmap[0], UINT32_MAX);
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, WithoutMemoryNothingChangesAndItIsLogged)
+{
+    idpool *pool = idpool_create("blue", 0, 9);
+    take(pool);
+    allocations_left = 0;
+    int result = idpool_resize(pool, 500);
+    allocations_left = -1;
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(pool->max_id, 9);
+    EXPECT_EQ(idpool_is_id_allocated(pool, 0), 1);
+    EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith("Malloc bitmap failed when resize pool blue\n"));
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, OnlyAsManyBytesAsWordsSurvive)
+{
+    idpool *pool = idpool_create("p", 0, 63);
+    fill(pool);
+    EXPECT_EQ(idpool_resize(pool, 96), 1);
+    EXPECT_EQ(pool->max_id, 95);
+    EXPECT_EQ(pool->words, 2) << "as it was made";
+    for (int id = 0; id < 96; id++)
+        EXPECT_EQ(idpool_is_id_allocated(pool, id), id < 16 ? 1 : 0) << id;
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
+{
+    idpool *pool = idpool_create("p", 0, 31);
+    EXPECT_EQ(idpool_resize(pool, 100), 1);
+    EXPECT_EQ(pool->bitmap[3], 0xFFFFFFF0) << "the new spare bits";
+    for (int id = 0; id < 32; id++)
+        EXPECT_EQ(take(pool), id);
+    EXPECT_EQ(pool->next, 32);
+    EXPECT_EQ(take(pool), 32) << "the cursor itself may stand beyond";
+    EXPECT_EQ(idpool_alloc_specific_id(pool, 33), 0);
+    EXPECT_EQ(take(pool), -1) << "but the scan does not go there";
+    EXPECT_EQ(idpool_free_id(pool, 5), 0);
+    EXPECT_EQ(take(pool), 5);
+    EXPECT_EQ(take_lowest(pool), 6 + 28) << "the lowest-free scan goes one word further";
+    for (int id = 35; id < 64; id++)
+        EXPECT_EQ(take_lowest(pool), id);
+    EXPECT_EQ(take_lowest(pool), -1);
+    EXPECT_EQ(next_taken(pool, 31), 31);
+    EXPECT_EQ(next_taken(pool, 32), -1) << "behind the words as made";
+    EXPECT_EQ(idpool_is_id_allocated(pool, 32), 1);
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, BitsBehindTheEndOfAShrunkPoolStaySet)
+{
+    idpool *pool = idpool_create("p", 0, 63);
+    EXPECT_EQ(idpool_resize(pool, 32), 1);
+    for (int id = 0; id < 32; id++)
+        EXPECT_EQ(take(pool), id);
+    EXPECT_EQ(pool->next, 0);
+    EXPECT_EQ(take(pool), -1);
+    EXPECT_EQ(pool->bitmap[1], 1U) << "found, above max_id, kept";
+    EXPECT_EQ(take_lowest(pool), -1);
+    EXPECT_EQ(pool->bitmap[1], 3U);
+    idpool_free_id(pool, 9);
+    EXPECT_EQ(take(pool), 9);
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, ACursorThatIsCutOffStartsAgain)
+{
+    idpool *pool = idpool_create("p", 100, 199);
+    for (int i = 0; i < 50; i++)
+        take(pool);
+    EXPECT_EQ(idpool_resize(pool, 51), 1);
+    EXPECT_EQ(pool->next, 50) << "still within";
+    EXPECT_EQ(idpool_resize(pool, 50), 1);
+    EXPECT_EQ(pool->next, 0);
+    idpool_destroy(pool);
+}
+
+// ---- models ----
+
+namespace {
+
+// A pool as it is described: a plain walk over single bits, in a bitmap that is long enough for everything.
+struct Model {
+    int min, max, words, next = 0;
+    std::vector<bool> bits;
+
+    Model(int low, int high) : min(low), max(high), words((high - low) / 32 + 1), bits(100000) { spare(); }
+    int size() const { return max - min + 1; }
+    void spare()
+    {
+        for (int o = size(); o % 32 != 0; o++)
+            bits[static_cast<std::size_t>(o)] = true;
+    }
+    auto bit(int offset) { return bits[static_cast<std::size_t>(offset)]; }
+    int hand_out(int offset) { return min + offset > max ? -1 : min + offset; }
+    int take_at(int offset)
+    {
+        bit(offset) = true;
+        next = offset + 1 > max - min ? 0 : offset + 1;
+        return hand_out(offset);
+    }
+    int take()
+    {
+        int w = next / 32, b = next % 32;
+        if (!bit(next))
+            return take_at(next);
+        for (int i = 0; i <= words; i++)
+            for (int k = i == 0 ? b : 0; k < 32; k++)
+                if (!bit((w + i) % words * 32 + k))
+                    return take_at((w + i) % words * 32 + k);
+        return -1;
+    }
+    int take_lowest()
+    {
+        for (int offset = 0; offset < (words + 1) * 32; offset++) {
+            if (!bit(offset)) {
+                bit(offset) = true;
+                return hand_out(offset);
+            }
+        }
+        return -1;
+    }
+    int next_taken(int id)
+    {
+        if (id < min || id > max)
+            return -1;
+        for (int offset = id - min; offset < words * 32; offset++)
+            if (bit(offset))
+                return hand_out(offset);
+        return -1;
+    }
+    void resize(int count)
+    {
+        if (min + count - 1 == max)
+            return;
+        int kept = std::min((count + 31) / 32, words) * 8;
+        for (std::size_t i = static_cast<std::size_t>(kept); i < bits.size(); i++)
+            bits[i] = false;
+        max = min + count - 1;
+        spare();
+        if (next > max - min)
+            next = 0;
+    }
+};
+
+} // namespace
+
+TEST(IdPoolModel, RandomWork)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        idpool *pool = nullptr;
+        Model model(0, 0);
+        for (std::size_t step = 0; step < effort(1000000); step++) {
+            if (step % 20000 == 0) {
+                idpool_destroy(pool);
+                int min = static_cast<int>(random() % 1000), max = min + static_cast<int>(random() % 1500);
+                pool = idpool_create("model", min, max);
+                model = Model(min, max);
+            }
+            int id = model.min - 2 + static_cast<int>(random() % static_cast<unsigned>(model.size() + 4));
+            bool inside = id >= model.min && id <= model.max;
+            switch (random() % 9) {
+            case 0:
+            case 1:
+            case 2:
+                ASSERT_EQ(take(pool), model.take());
+                break;
+            case 3:
+                ASSERT_EQ(take_lowest(pool), model.take_lowest());
+                break;
+            case 4:
+            case 5: {
+                bool taken = inside && model.bit(id - model.min);
+                ASSERT_EQ(idpool_free_id(pool, id), taken ? 0 : -1);
+                if (taken)
+                    model.bit(id - model.min) = false;
+                break;
+            }
+            case 6: {
+                bool free = inside && !model.bit(id - model.min);
+                ASSERT_EQ(idpool_alloc_specific_id(pool, id), free ? 0 : -1);
+                if (free)
+                    model.bit(id - model.min) = true;
+                break;
+            }
+            case 7:
+                ASSERT_EQ(next_taken(pool, id), model.next_taken(id));
+                ASSERT_EQ(idpool_is_id_allocated(pool, id), inside ? static_cast<int>(model.bit(id - model.min)) : -1);
+                break;
+            default:
+                if (random() % 200 == 0) { // shrink, grow, shrink again
+                    int count = 1 + static_cast<int>(random() % 3000);
+                    ASSERT_EQ(idpool_resize(pool, count), 1);
+                    model.resize(count);
+                }
+            }
+            ASSERT_EQ(pool->next, model.next);
+        }
+        idpool_destroy(pool);
+    }
+}
+
+// ---- the typed view ----
+
+TEST(IdPoolView, AllocatesWalksAndOwns)
+{
+    qv::id_pool pool("view", 5, 104);
+    ASSERT_TRUE(pool);
+    EXPECT_TRUE(pool.begin() == pool.end());
+    EXPECT_EQ(pool.allocate(), 5);
+    EXPECT_EQ(pool.allocate(), 6);
+    EXPECT_TRUE(pool.allocate(104));
+    EXPECT_FALSE(pool.allocate(104));
+    EXPECT_TRUE(pool.free(5));
+    EXPECT_EQ(pool.allocate_lowest(), 5);
+    EXPECT_TRUE(pool.contains(6));
+    EXPECT_FALSE(pool.contains(7));
+    std::vector<int> ids(pool.begin(), pool.end());
+    EXPECT_EQ(ids, (std::vector<int>{5, 6, 104}));
+    for (int id : pool)
+        pool.free(id);
+    EXPECT_TRUE(pool.begin() == pool.end());
+
+    qv::id_pool moved = std::move(pool);
+    EXPECT_FALSE(pool);
+    EXPECT_TRUE(moved);
+    EXPECT_FALSE(qv::id_pool("bad", 2, 1));
+
+    qv::id_pool last("last", INT_MAX, INT_MAX);
+    last.allocate();
+    EXPECT_EQ(std::distance(last.begin(), last.end()), 1);
+}
