@@ -1,0 +1,431 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "idtable.h"
+
+#include "support/support.h"
+
+#include <dlfcn.h>
+#include <map>
+#include <random>
+
+using namespace support;
+
+namespace {
+
+int allocations_left = -1; // -1: any number
+
+idtable_node *below(const idtable_node *node, unsigned slot)
+{
+    return reinterpret_cast<idtable_node *>(node->slots[slot]);
+}
+
+// What a call printed on the console.
+template <typename Call>
+std::string said(Call call)
+{
+    std::size_t before = read_file(kConsole).size();
+    call();
+    return read_file(kConsole).substr(before);
+}
+
+std::string error(const char *function, const std::string &text)
+{
+    return std::string("*** ERROR *** ") + function + ": " + text + "\n";
+}
+
+// A call that is given no more than so many allocations.
+template <typename Call>
+std::string said_with(int allowed, Call call)
+{
+    return said([&] {
+        allocations_left = allowed;
+        call();
+        allocations_left = -1;
+    });
+}
+
+void destroy32(idtable_node *root)
+{
+    for (unsigned high = 0; high < 65536; high++)
+        idtable_free_table(reinterpret_cast<idtable_node *>(idtable16_find_entry(root, high)));
+    idtable_free_table(root);
+}
+
+struct Table : testing::Test {
+    idtable_node *root = idtable_alloc_table();
+};
+struct IdTable16 : Table {
+    void TearDown() override { idtable_free_table(root); }
+};
+struct IdTable32 : Table {
+    void TearDown() override { destroy32(root); }
+};
+
+} // namespace
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    allocations_left -= allocations_left > 0;
+    return real(size);
+}
+
+// ---- nodes ----
+
+TEST(IdTableNode, OrdersGiveSizes)
+{
+    for (auto [order, size] : {std::pair{0, 1U}, {4, 16U}, {6, 64U}, {14, 16384U}, {15, 32768U}}) {
+        idtable_node *node = idtable_alloc_table_internal(order);
+        ASSERT_NE(node, nullptr);
+        EXPECT_EQ(node->size, size);
+        EXPECT_EQ(node->count, 0);
+        for (unsigned i = 0; i < size; i++)
+            ASSERT_EQ(node->slots[i], 0U);
+        free(node);
+    }
+}
+
+TEST(IdTableNode, OrdersTheSizeDoesNotHoldGiveNoSlots)
+{
+    for (int order : {16, 17, 31, 32, 64, 1000, -1, -1000}) {
+        idtable_node *node = idtable_alloc_table_internal(order);
+        ASSERT_NE(node, nullptr);
+        EXPECT_EQ(node->size, 0);
+        idtable_free_table(node);
+    }
+}
+
+TEST(IdTableNode, ARootHas16Slots)
+{
+    idtable_node *root = idtable_alloc_table();
+    EXPECT_EQ(root->size, 16);
+    EXPECT_EQ(root->count, 0);
+    idtable_free_table(root);
+    idtable_free_table(nullptr);
+}
+
+TEST(IdTableNode, ANodeWithoutMemoryIsSaid)
+{
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table_internal(6), nullptr); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 520"));
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table(), nullptr); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 136"));
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table_internal(16), nullptr); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 8"));
+}
+
+TEST(IdTableNode, FreeingEmptyInnerNodes)
+{
+    idtable_free_table(idtable_alloc_table_internal(6));
+    idtable_free_table(idtable_alloc_table_internal(0)); // shorter than a root
+}
+
+// ---- 16 bits ----
+
+TEST_F(IdTable16, CountsOfTheLevels)
+{
+    EXPECT_EQ(idtable16_insert_entry(root, 0x0000, 11), 0);
+    EXPECT_EQ(idtable16_insert_entry(root, 0xFFFF, 22), 0);
+    EXPECT_EQ(root->count, 2);
+    for (unsigned end : {0U, 1U}) {
+        idtable_node *table2 = below(root, end * 15);
+        EXPECT_EQ(table2->size, 64);
+        EXPECT_EQ(table2->count, 1);
+        idtable_node *table3 = below(table2, end * 63);
+        EXPECT_EQ(table3->size, 64);
+        EXPECT_EQ(table3->count, 1);
+        EXPECT_EQ(table3->slots[end * 63], end == 0 ? 11U : 22U);
+    }
+    EXPECT_EQ(idtable16_remove_entry(root, 0xFFFF), 0);
+    EXPECT_EQ(root->count, 1);
+    EXPECT_EQ(root->slots[15], 0U);
+    EXPECT_EQ(idtable16_remove_entry(root, 0x0000), 0);
+    EXPECT_EQ(root->count, 0);
+}
+
+TEST_F(IdTable16, SlotsOfAKey)
+{
+    idtable16_insert_entry(root, 0xA5C3, 1); // 1010 010111 000011
+    EXPECT_EQ(below(below(root, 10), 23)->slots[3], 1U);
+    idtable16_insert_entry(root, 0xA5C2, 2);
+    EXPECT_EQ(below(root, 10)->count, 1);
+    EXPECT_EQ(below(below(root, 10), 23)->count, 2);
+}
+
+TEST_F(IdTable16, HigherKeyBitsAreIgnored)
+{
+    idtable16_insert_entry(root, 0xABCD1234, 7);
+    EXPECT_EQ(idtable16_find_entry(root, 0x1234), 7U);
+    EXPECT_EQ(idtable16_find_entry(root, 0x11234), 7U);
+    EXPECT_EQ(idtable16_remove_entry(root, 0xFFFF1234), 0);
+}
+
+TEST_F(IdTable16, ADuplicateIsSaidAndSkipped)
+{
+    idtable16_insert_entry(root, 5, 0x123456789ABCDEF0);
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 2), -1); }),
+              error("idtable16_insert_entry", "Find duplicate entry 9abcdef0, skip insert"));
+    EXPECT_EQ(idtable16_find_entry(root, 5), 0x123456789ABCDEF0U);
+    EXPECT_EQ(below(below(root, 0), 0)->count, 1);
+}
+
+TEST_F(IdTable16, AValueOf0IsCountedAndMissing)
+{
+    EXPECT_EQ(idtable16_insert_entry(root, 5, 0), 0);
+    EXPECT_EQ(below(below(root, 0), 0)->count, 1);
+    EXPECT_EQ(idtable16_find_entry(root, 5), 0U);
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_remove_entry(root, 5), -1); }),
+              error("idtable16_remove_entry", "Entry not exist"));
+    EXPECT_EQ(idtable16_insert_entry(root, 5, 9), 0);
+    EXPECT_EQ(below(below(root, 0), 0)->count, 2);
+}
+
+TEST_F(IdTable16, InsertionWithoutMemory)
+{
+    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 1), -1); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
+                  error("idtable16_insert_entry", "Can't alloc memory for table2"));
+    EXPECT_EQ(root->count, 0);
+    EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 1), -1); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
+                  error("idtable16_insert_entry", "Can't alloc memory for table3"));
+    EXPECT_EQ(root->count, 1) << "the table2 stays";
+    EXPECT_EQ(below(root, 0)->count, 0);
+    EXPECT_EQ(idtable16_insert_entry(root, 5, 1), 0);
+}
+
+TEST_F(IdTable16, WhatIsMissingIsSaid)
+{
+    idtable16_insert_entry(root, 0x1000, 1);
+    struct {
+        unsigned key;
+        const char *text;
+    } missing[] = {{0x2000, "Table2 not exist"}, {0x1040, "Table3 not exist"}, {0x1001, "Entry not exist"}};
+    for (const auto &m : missing) {
+        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_remove_entry(root, m.key), -1); }),
+                  error("idtable16_remove_entry", m.text));
+        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_update_entry(root, m.key, 3), -1); }),
+                  error("idtable16_update_entry", m.text));
+        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_find_entry(root, m.key), 0U); }), "");
+    }
+    EXPECT_EQ(idtable16_find_entry(root, 0x1000), 1U);
+}
+
+TEST_F(IdTable16, UpdateReplaces)
+{
+    idtable16_insert_entry(root, 0x1000, 1);
+    EXPECT_EQ(idtable16_update_entry(root, 0x1000, 2), 0);
+    EXPECT_EQ(idtable16_find_entry(root, 0x1000), 2U);
+    EXPECT_EQ(below(below(root, 1), 0)->count, 1);
+}
+
+TEST_F(IdTable16, FindNextReachesToTheEndOfABlock)
+{
+    idtable16_insert_entry(root, 5, 50);
+    idtable16_insert_entry(root, 200, 2000);
+    EXPECT_EQ(idtable16_find_next_entry(root, 3), 50U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 5), 50U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 6), 0U) << "6 to 63 are empty, and there it stops";
+    EXPECT_EQ(idtable16_find_next_entry(root, 64), 2000U) << "missing tables are passed";
+    EXPECT_EQ(idtable16_find_next_entry(root, 64 + 8), 2000U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 64 + 9), 0U) << "with the place of the key: 200 is the 9th of its block";
+    EXPECT_EQ(idtable16_find_next_entry(root, 201), 0U);
+}
+
+TEST_F(IdTable16, FindNextKeepsItsPlaceAcrossTheTop)
+{
+    idtable16_insert_entry(root, 0x3000 + 64 * 10 + 20, 7);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 20), 7U) << "missing table2s are passed";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 11), 0U) << "the middle place is kept";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 21), 0U) << "and the low one";
+    idtable16_insert_entry(root, 0x1000 + 64 * 5, 1);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 6), 0U) << "the first table2 met uses the middle place up";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0xFFFF), 0U);
+}
+
+// ---- 32 bits ----
+
+TEST_F(IdTable32, SubRootsComeAndGo)
+{
+    EXPECT_EQ(idtable32_insert_entry(root, 0x00010005, 15), 0);
+    EXPECT_EQ(idtable32_insert_entry(root, 0x00010006, 16), 0);
+    EXPECT_EQ(idtable32_insert_entry(root, 0xFFFFFFFF, 99), 0);
+    auto *sub = reinterpret_cast<idtable_node *>(idtable16_find_entry(root, 1));
+    ASSERT_NE(sub, nullptr);
+    EXPECT_EQ(sub->size, 16);
+    EXPECT_EQ(idtable16_find_entry(sub, 5), 15U);
+    EXPECT_EQ(idtable32_find_entry(root, 0xFFFFFFFF), 99U);
+    EXPECT_EQ(idtable32_find_entry(root, 0x00010007), 0U);
+    EXPECT_EQ(idtable32_find_entry(root, 0x00020005), 0U);
+    EXPECT_EQ(idtable32_remove_entry(root, 0x00010005), 0);
+    EXPECT_NE(idtable16_find_entry(root, 1), 0U);
+    EXPECT_EQ(idtable32_remove_entry(root, 0x00010006), 0);
+    EXPECT_EQ(idtable16_find_entry(root, 1), 0U);
+    EXPECT_EQ(root->count, 1);
+}
+
+TEST_F(IdTable32, FindAndRemove)
+{
+    idtable32_insert_entry(root, 0x00010005, 15);
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010006), 0U); }), "");
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00020005), 0U); }),
+              error("idtable32_find_and_remove_entry", "no such table"));
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010005), 15U); }), "");
+    EXPECT_EQ(root->count, 0) << "its sub-root is gone too";
+}
+
+TEST_F(IdTable32, FailuresAreSaidOnBothLevels)
+{
+    idtable32_insert_entry(root, 0x00010005, 15);
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_insert_entry(root, 0x00010005, 1), -1); }),
+              error("idtable16_insert_entry", "Find duplicate entry 0000000f, skip insert") +
+                  error("idtable32_insert_entry", "insert fails"));
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_remove_entry(root, 0x00020005), -1); }),
+              error("idtable32_remove_entry", "no such table"));
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_remove_entry(root, 0x00011005), -1); }),
+              error("idtable16_remove_entry", "Table2 not exist") + error("idtable32_remove_entry", "remove fails"));
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_update_entry(root, 0x00020005, 1), -1); }),
+              error("idtable32_update_entry", "no such table"));
+    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_update_entry(root, 0x00010006, 1), -1); }),
+              error("idtable16_update_entry", "Entry not exist") + error("idtable32_update_entry", "update fails"));
+    EXPECT_EQ(idtable32_update_entry(root, 0x00010005, 16), 0);
+    EXPECT_EQ(idtable32_find_entry(root, 0x00010005), 16U);
+}
+
+TEST_F(IdTable32, InsertionWithoutMemory)
+{
+    const std::string no_memory = error("idtable_alloc_table_internal", "Can't alloc memory, size 520");
+    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+              error("idtable_alloc_table_internal", "Can't alloc memory, size 136") +
+                  error("idtable32_insert_entry", "Can't alloc memory for table"));
+    if (!under_sanitizer()) { // the sub-root that is left behind is the established way
+        EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+                  no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
+                      error("idtable32_insert_entry", "insert fails"));
+    }
+    EXPECT_EQ(said_with(3, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+              no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
+                  error("idtable32_insert_entry", "insert fails"));
+    EXPECT_NE(idtable16_find_entry(root, 0), 0U) << "the sub-root is in by now, and empty";
+    EXPECT_EQ(idtable32_insert_entry(root, 1, 1), 0);
+}
+
+TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
+{
+    idtable32_insert_entry(root, 0x00010005, 15);
+    idtable32_insert_entry(root, 0x00020000, 20);
+    idtable32_insert_entry(root, 0xFFFF0000, 99);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0), 15U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0x00010005), 15U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0x00010006), 20U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0x00020001), 99U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0x00030000), 99U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFF0001), 0U);
+    EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFFFFFF), 0U);
+}
+
+// ---- models: ordered maps, and find-next by the three cursors as they are described ----
+
+namespace {
+
+using Values = std::map<unsigned, std::uintptr_t>;
+
+bool any_between(const Values &values, unsigned first, unsigned last)
+{
+    auto at = values.lower_bound(first);
+    return at != values.end() && at->first <= last;
+}
+
+std::uintptr_t model_next16(const Values &values, unsigned key)
+{
+    unsigned m = key >> 6 & 63, l = key & 63;
+    for (unsigned r = key >> 12 & 15; r < 16; r++) {
+        if (!any_between(values, r << 12, r << 12 | 0xFFF))
+            continue;
+        for (; m < 64; m++) {
+            unsigned block = r << 12 | m << 6;
+            if (!any_between(values, block, block | 63))
+                continue;
+            for (; l < 64; l++)
+                if (auto at = values.find(block | l); at != values.end())
+                    return at->second;
+        }
+    }
+    return 0;
+}
+
+std::uintptr_t model_next32(const std::map<unsigned, Values> &halves, unsigned key)
+{
+    for (auto at = halves.lower_bound(key >> 16); at != halves.end(); ++at)
+        if (std::uintptr_t value = model_next16(at->second, at->first == key >> 16 ? key & 0xFFFF : 0))
+            return value;
+    return 0;
+}
+
+// Keys that share tables often and are alone in them sometimes.
+unsigned some_key(std::mt19937 &random)
+{
+    auto bits = static_cast<unsigned>(random());
+    return random() % 2 == 0 ? bits & 0x000300FF : bits & 0x8003F0C3;
+}
+
+} // namespace
+
+TEST(IdTableModel, RandomWorkAgreesWithMaps)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        idtable_node *root = idtable_alloc_table();
+        std::map<unsigned, Values> model;
+        Values missing;
+        for (std::size_t step = 0; step < effort(1000000); step++) {
+            unsigned key = some_key(random), high = key >> 16, low = key & 0xFFFF;
+            auto half = model.find(high);
+            Values &values = half != model.end() ? half->second : missing;
+            auto at = values.find(low);
+            std::uintptr_t held = at != values.end() ? at->second : 0;
+            std::uintptr_t value = 1 + random() % 1000;
+            switch (random() % 8) {
+            case 0:
+            case 1:
+                if (held != 0) // the messages of failures have tests of their own
+                    break;
+                ASSERT_EQ(idtable32_insert_entry(root, key, value), 0);
+                model[high][low] = value;
+                break;
+            case 2:
+            case 3:
+                if (held == 0)
+                    break;
+                if (random() % 2 == 0) {
+                    ASSERT_EQ(idtable32_remove_entry(root, key), 0);
+                } else {
+                    ASSERT_EQ(idtable32_find_and_remove_entry(root, key), held);
+                }
+                values.erase(at);
+                if (values.empty())
+                    model.erase(half);
+                break;
+            case 4:
+                if (held == 0)
+                    break;
+                ASSERT_EQ(idtable32_update_entry(root, key, value), 0);
+                at->second = value;
+                break;
+            case 5:
+                ASSERT_EQ(idtable32_find_next_entry(root, key), model_next32(model, key)) << std::hex << key;
+                break;
+            case 6:
+                if (half != model.end()) {
+                    auto *sub = reinterpret_cast<idtable_node *>(idtable16_find_entry(root, high));
+                    ASSERT_EQ(idtable16_find_next_entry(sub, low), model_next16(values, low));
+                }
+                break;
+            default:
+                ASSERT_EQ(idtable32_find_entry(root, key), held);
+            }
+        }
+        destroy32(root);
+    }
+}
