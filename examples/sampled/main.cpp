@@ -3,8 +3,12 @@
 // console, answers dump requests and leaves a crash log.
 //
 //     sampled [--period SECONDS] [--clients N] [--run-for SECONDS] [--crash-after SECONDS] [--name NAME]
+//             [--port N] [--vr ID]... [--ifname NAME]...
 //
-// Times may have fractions. Try `kill -52 PID` while it runs, or --crash-after 2, and look into /etc/core.
+// In each virtual router that is given, by its id or by an interface in it, it answers echo requests (UDP port 7007).
+// That takes the appliance's kernel, or the stand-in for it. Times may have fractions. Try `kill -52 PID` while it
+// runs, or --crash-after 2, and look into /etc/core.
+#include "echo.h"
 #include "loop.h"
 #include "sampler.h"
 #include "sessions.h"
@@ -12,13 +16,24 @@
 #include <console_print.h>
 #include <sighandler.h>
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr std::size_t kMostPlaces = 8;
+
+// Where to answer echo requests: a VR, told by its id or by an interface.
+struct echo_place {
+    const char *name;
+    bool is_interface;
+};
 
 struct options {
     double period = 1.0;
@@ -26,11 +41,16 @@ struct options {
     double run_for = 0.0;     // 0: until a signal asks to stop
     double crash_after = 0.0; // 0: never
     const char *name = nullptr;
+    int port = sampled::kEchoPort;
+    std::array<echo_place, kMostPlaces> places{};
+    std::size_t place_count = 0;
 };
 
 int usage()
 {
-    std::fprintf(stderr, "usage: sampled [--period S] [--clients N] [--run-for S] [--crash-after S] [--name NAME]\n");
+    std::fputs("usage: sampled [--period S] [--clients N] [--run-for S] [--crash-after S] [--name NAME]\n"
+               "               [--port N] [--vr ID]... [--ifname NAME]...\n",
+               stderr);
     return 2;
 }
 
@@ -51,10 +71,25 @@ bool parse(int argc, char **argv, options &options)
             options.crash_after = std::atof(value);
         else if (is("--name"))
             options.name = value;
+        else if (is("--port"))
+            options.port = std::atoi(value);
+        else if ((is("--vr") || is("--ifname")) && options.place_count < kMostPlaces)
+            options.places[options.place_count++] = {value, is("--ifname")};
         else
             return false;
     }
-    return options.period > 0 && options.clients > 0;
+    return options.period > 0 && options.clients > 0 && options.port > 0 && options.port <= UINT16_MAX;
+}
+
+bool answer_echoes(const options &options)
+{
+    for (const echo_place &place : std::span(options.places).first(options.place_count)) {
+        bool good = place.is_interface ? sampled::echo_at_interface(place.name, options.port)
+                                       : sampled::echo_in_vr(std::atoi(place.name), options.port);
+        if (!good)
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -71,6 +106,8 @@ int main(int argc, char **argv)
     if (!sampled::loop_init() || !sampled::sessions_init())
         return 1;
     console_print("sampled: started, pid %d\n", ::getpid());
+    if (!answer_echoes(options))
+        return 1;
     sampled::sampler_start(options.period, options.clients);
     if (options.run_for > 0)
         sampled::loop_stop_after(options.run_for);

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 using namespace support;
 using testing::HasSubstr;
@@ -613,6 +614,95 @@ TEST_F(VrkernelCommand, WrongUseIsToldHow)
         EXPECT_TRUE(result.exited(2)) << testing::PrintToString(words);
         EXPECT_THAT(result.err, StartsWith("usage: vrkernel run -c FILE"));
     }
+}
+
+// ---- the sample daemon ----
+
+class VrkernelSample : public VrkernelCommand {
+protected:
+    void SetUp() override
+    {
+        VrkernelCommand::SetUp();
+        if (!exists(build_dir() + "/examples/sampled"))
+            GTEST_SKIP() << "built without the examples";
+        if (under_sanitizer())
+            ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    }
+
+    void TearDown() override
+    {
+        if (daemon_ > 0)
+            stop();
+    }
+
+    static std::vector<std::string> on_kernel(const std::vector<std::string> &words)
+    {
+        std::vector<std::string> all = {build_dir() + "/vrkernel", "run", "-c", kConfig, "--"};
+        all.push_back(build_dir() + "/examples/" + words[0]);
+        all.insert(all.end(), words.begin() + 1, words.end());
+        return all;
+    }
+
+    // Starts the daemon and waits until its log holds the text.
+    void start(const std::vector<std::string> &words, const std::string &ready)
+    {
+        daemon_ = ::fork();
+        if (daemon_ == 0) {
+            std::vector<char *> argv;
+            auto all = on_kernel(words);
+            for (std::string &word : all)
+                argv.push_back(word.data());
+            argv.push_back(nullptr);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
+        for (int waited = 0; waited < kAnswerMs && log().find(ready) == std::string::npos; waited += 10)
+            ::usleep(10000);
+    }
+
+    int stop()
+    {
+        int status = 0;
+        ::kill(std::exchange(daemon_, 0), SIGTERM);
+        while (::wait(&status) < 0 && errno == EINTR)
+            ;
+        return status;
+    }
+
+    static std::string log() { return exists("/etc/consolelog") ? read_file("/etc/consolelog") : ""; }
+
+private:
+    pid_t daemon_ = 0;
+};
+
+TEST_F(VrkernelSample, AnswersInTheVrsThatItServes)
+{
+    start({"sampled", "--ifname", "ethernet0/1", "--vr", "2080"}, "echo in VR 2080, trust of vsys 0\n");
+    EXPECT_THAT(log(), HasSubstr("sampled: ethernet0/1 is eth0-1 in VR 7\n"));
+    EXPECT_THAT(log(), HasSubstr("sampled: echo in VR 7, trust of vsys 3\n"));
+
+    for (const char *vr : {"7", "2080"}) {
+        ChildResult asked = run_program(on_kernel({"vrecho", vr}));
+        EXPECT_TRUE(asked.exited(0));
+        EXPECT_EQ("VR " + std::string(vr) + ": answered in VR " + vr + "\n", asked.out);
+    }
+    ChildResult unserved = run_program(on_kernel({"vrecho", "8"}));
+    EXPECT_TRUE(unserved.exited(1));
+    EXPECT_EQ("VR 8: no answer\n", unserved.out);
+    EXPECT_THAT(log(), HasSubstr("sampled: VR 7: 7 bytes from 127.0.0.1 to 127.0.0.1 through lo\n"));
+    EXPECT_EQ(0, stop());
+}
+
+TEST_F(VrkernelSample, SaysWhatItCannotServe)
+{
+    EXPECT_TRUE(run_program(on_kernel({"sampled", "--vr", "9"})).exited(1));
+    EXPECT_THAT(log(), HasSubstr("sampled: VR 9: No such file or directory\n"));
+    EXPECT_TRUE(run_program(on_kernel({"sampled", "--vr", "2081"})).exited(1));
+    EXPECT_THAT(log(), HasSubstr("sampled: VR 2081: Invalid argument\n"));
+    EXPECT_TRUE(run_program(on_kernel({"sampled", "--ifname", "ethernet0/9"})).exited(1));
+    EXPECT_THAT(log(), HasSubstr("sampled: ethernet0/9: no such interface\n"));
+    EXPECT_TRUE(run_program({build_dir() + "/examples/sampled", "--vr", "7"}).exited(1));
+    EXPECT_THAT(log(), HasSubstr("sampled: VR 7: Protocol not available\n"));
 }
 
 // ---- the file ----
