@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* ifname.h - interface names, the appliance's way and Linux's.
  *
- * The appliance writes "ethernet0/1.100:3"; Linux gets "eth0-1_100=3": a short prefix for the known type words, and
- * '-',
+ * The appliance writes "ethernet0/1.100:3"; Linux gets "eth0-1_100=3": a short prefix for the known type words, and '-',
  * '_' and '=' for the characters that the kernel does not take. The way back restores the characters only: "eth0-1"
  * comes back as "eth0/1". Numbers are not checked; whatever follows a prefix is carried over.
  *
@@ -24,7 +23,7 @@ QV_BEGIN_DECLS
 /**
  * Converts an appliance interface name to the Linux name.
  * @param ifp_name  the name; 31 characters of it count where a type word is shortened
- * @param out       receives the Linux name. For the name "ha" up to 16 bytes are written whatever outsize says
+ * @param out       receives the Linux name. For the name "ha" outsize is not looked at: out must have room for 16 bytes
  * @param outsize   room in out, terminator included
  * @return 0, or -1 (said on the console) for a null name or one that does not fit; out then holds the cut text
  */

@@ -3,6 +3,7 @@
 // that is not the appliance kernel's, they are the plain system calls.
 #include "datagrams.h"
 #include "requests.h"
+#include "sockets.h"
 #include "system_calls.h"
 #include "tables.h"
 

@@ -55,7 +55,8 @@ tables *open_segment(const segment_name &name, const origin &from)
 {
     base::unique_fd memory(::shm_open(name, O_RDWR, 0));
     struct stat st {};
-    if (!memory || ::fstat(memory.get(), &st) < 0 || st.st_size != static_cast<off_t>(sizeof(tables)))
+    if (!memory || ::fstat(memory.get(), &st) < 0 || st.st_uid != ::getuid() ||
+        st.st_size != static_cast<off_t>(sizeof(tables)))
         return nullptr;
     tables *found = map(memory);
     if (found == nullptr)

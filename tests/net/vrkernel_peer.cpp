@@ -187,6 +187,14 @@ std::string send_plain(Words &words)
     return told(::sendto(fd, text.data(), text.size(), 0, to.length != 0 ? to.any() : nullptr, to.length));
 }
 
+// FD ADDRESS PORT LENGTH: with a name of that length, cut or with what lies behind it.
+std::string send_to_length(Words &words)
+{
+    int fd = next<int>(words);
+    Name to[2] = {read_name(words), {}};
+    return told(::sendto(fd, "x", 1, 0, to[0].any(), next<socklen_t>(words)));
+}
+
 std::string received(ssize_t n, const char *data, const Name &from, const std::string &rest)
 {
     return n < 0 ? told(n) : std::string(data, static_cast<std::size_t>(n)) + " " + text_of(from) + rest;
@@ -380,6 +388,7 @@ const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
     {"sendfrom", send_from},
     {"sendplain", send_plain},
     {"sendmessage", send_message},
+    {"sendtolength", send_to_length},
     {"recv", receive_in_vr},
     {"recvto", receive_with_destination},
     {"recvplain", receive_plain},

@@ -362,6 +362,27 @@ TEST_F(Vrkernel, MalformedControlDataIsRefused)
     EXPECT_EQ("-1 ENOENT", sender("sendmessage 3 127.0.0.1 5000 0 31 20 24")); // there is no VR 0
 }
 
+TEST_F(Vrkernel, NamesOfOtherLengthsStayInTheVrOrAreRefused)
+{
+    Peer seven, ordinary;
+    std::string at = seven.open(6, 7, "::1 0");
+    ordinary.open(6, 0, at);
+    std::string at4 = seven.open(4, 7, "127.0.0.1 0");
+    seven.open(6, 7);
+    seven.open(4, 7);
+    for (const char *length : {"24", "28", "128", "200"})
+        EXPECT_EQ("1", seven("sendtolength 5 " + at + " " + length)) << length;
+    for (const char *length : {"16", "17", "200"})
+        EXPECT_EQ("1", seven("sendtolength 6 " + at4 + " " + length)) << length;
+    for (const char *length : {"2", "15", "4294967295"}) {
+        EXPECT_EQ("-1 EINVAL", seven("sendtolength 5 " + at + " " + length)) << length;
+        EXPECT_EQ("-1 EINVAL", seven("sendtolength 6 " + at4 + " " + length)) << length;
+    }
+    EXPECT_EQ("-1 EAGAIN", ordinary("recvplain 3"));
+    for (int i = 0; i < 4; i++)
+        EXPECT_THAT(seven("recvplain 3"), StartsWith("x ::1 "));
+}
+
 TEST_F(Vrkernel, UnknownVrs)
 {
     Peer peer;

@@ -725,6 +725,28 @@ TEST(VrsockStockKernel, OptionsAreRefused)
     ::close(fd6);
 }
 
+TEST(VrsockStockKernel, SendingInAVrIsRefused)
+{
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    int fd6 = ::socket(AF_INET6, SOCK_DGRAM, 0);
+    auto to = address4("127.0.0.1", 9);
+    sockaddr_in6 to6{};
+    to6.sin6_family = AF_INET6;
+    to6.sin6_port = htons(9);
+    to6.sin6_addr = in6addr_loopback;
+    auto *name = reinterpret_cast<sockaddr *>(&to), *name6 = reinterpret_cast<sockaddr *>(&to6);
+    auto refused = [](int result) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(errno, EINVAL);
+    };
+    refused(qv_sendto(fd, "x", 1, 0, name, sizeof to, 7));
+    refused(qv_sendto_if(fd, "x", 1, 0, name, nullptr, sizeof to, 0, 7));
+    refused(qv_ipv6_sendto(fd6, "x", 1, 0, name6, sizeof to6, 7));
+    refused(qv_ipv6_sendto_if(fd6, "x", 1, 0, name6, nullptr, sizeof to6, 0, 7));
+    ::close(fd);
+    ::close(fd6);
+}
+
 TEST(VrsockStockKernel, ReceivingWorksWithoutAVr)
 {
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);

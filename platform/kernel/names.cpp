@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "names.h"
+
+#include "base/errno_guard.h"
+#include "system_calls.h"
+#include "tables.h"
+
+#include <algorithm>
+
+namespace vrkernel {
+
+namespace {
+
+// A socket remembers its VR in its low-water mark for receiving, which datagram sockets have no use for: there it lasts
+// exactly as long as the socket, through dup(), fork() and exec().
+constexpr int kVrMark = 0x56520000;
+constexpr int kVrMarkMask = 0x7FFF0000;
+constexpr int kNoMark = 1; // as sockets are made
+
+int socket_option(int fd, int option)
+{
+    base::errno_guard keep;
+    int value = 0;
+    socklen_t length = sizeof value;
+    return real::getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 ? value : 0;
+}
+
+} // namespace
+
+unsigned vr_of(int fd)
+{
+    int mark = socket_option(fd, SO_RCVLOWAT);
+    return (mark & kVrMarkMask) == kVrMark ? static_cast<unsigned>(mark & ~kVrMarkMask) : 0;
+}
+
+int put_in_vr(int fd, unsigned vr)
+{
+    int mark = vr != 0 ? kVrMark | static_cast<int>(vr) : kNoMark;
+    return real::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark);
+}
+
+int udp_family(int fd)
+{
+    return socket_option(fd, SO_PROTOCOL) == IPPROTO_UDP ? socket_option(fd, SO_DOMAIN) : 0;
+}
+
+// A longer one is cut, as the real kernel does.
+name::name(const void *given, socklen_t given_length) : length(std::min<socklen_t>(given_length, sizeof at))
+{
+    std::memcpy(&at, given, length);
+}
+
+int name::give(void *to, socklen_t *to_room) const
+{
+    if (to == nullptr || to_room == nullptr)
+        return fail(EFAULT);
+    if (static_cast<int>(*to_room) < 0)
+        return fail(EINVAL);
+    std::memcpy(to, &at, std::min(*to_room, length));
+    *to_room = length;
+    return 0;
+}
+
+name outside_name(int fd, name_call ask)
+{
+    base::errno_guard keep;
+    name n;
+    return ask(fd, &n.at, &n.length) == 0 ? n : name();
+}
+
+std::optional<inner> vr_behind(tables &all, const in_addr &outside)
+{
+    auto a = inside_of(ntohl(outside.s_addr));
+    return a && all.find_vr(a->vr) != nullptr ? a : std::nullopt;
+}
+
+std::optional<inner> vr_behind(tables &all, const in6_addr &outside)
+{
+    return IN6_IS_ADDR_V4MAPPED(&outside) ? vr_behind(all, mapped_part(outside)) : std::nullopt;
+}
+
+std::optional<inner> inner_of(const name &n, unsigned vr)
+{
+    if (n.is_ip6() && !IN6_IS_ADDR_V4MAPPED(&n.at.ip6.sin6_addr)) {
+        auto host = host_of(n.at.ip6.sin6_addr);
+        return host ? std::optional(inner{vr, true, *host}) : std::nullopt;
+    }
+    if (!n.is_ip() && !n.is_ip6())
+        return std::nullopt;
+    in_addr ip = n.is_ip() ? n.at.ip.sin_addr : mapped_part(n.at.ip6.sin6_addr);
+    if (auto outside = inside_of(ntohl(ip.s_addr)))
+        return inner{vr, outside->ipv6, outside->host};
+    auto host = host_of(ip);
+    return host ? std::optional(inner{vr, false, *host}) : std::nullopt;
+}
+
+std::optional<inner> bring_inside(tables &all, name &n)
+{
+    std::optional<inner> a;
+    if (n.is_ip() && (a = vr_behind(all, n.at.ip.sin_addr)))
+        n.at.ip.sin_addr = inner_address(*a);
+    else if (n.is_ip6() && (a = vr_behind(all, n.at.ip6.sin6_addr)))
+        n.at.ip6.sin6_addr = inner_address6(*a);
+    return a;
+}
+
+bool bring_outside(name &n, unsigned vr)
+{
+    if (!n.is_ip() && !n.is_ip6())
+        return true;
+    auto a = inner_of(n, vr);
+    if (!a)
+        return false;
+    if (a->host == kAnyHost)
+        a->host = kMainHost;
+    in_addr outside = {htonl(outside_of(*a))};
+    if (n.is_ip())
+        n.at.ip.sin_addr = outside;
+    else
+        n.at.ip6.sin6_addr = mapped(outside);
+    return true;
+}
+
+int bind_outside(int fd, name inside, unsigned vr)
+{
+    if (!bring_outside(inside, vr))
+        return fail(EADDRNOTAVAIL);
+    if (inside.is_ip6()) { // mapped addresses take a socket for IPv4 too, which a bound one cannot become
+        int off = 0;
+        real::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    }
+    return real::bind(fd, &inside.at, inside.length);
+}
+
+int bind_if_unbound(int fd, unsigned vr)
+{
+    name own = outside_name(fd, real::getsockname);
+    return own.port() == 0 ? bind_outside(fd, own, vr) : 0;
+}
+
+} // namespace vrkernel
