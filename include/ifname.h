@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* ifname.h - interface names, the appliance's way and Linux's.
  *
- * The appliance writes "ethernet0/1.100:3"; Linux gets "eth0-1_100=3": a short prefix for the known type words, and '-',
- * '_' and '=' for the characters that the kernel does not take. The way back restores the characters only: "eth0-1"
- * comes back as "eth0/1". Numbers are not checked; whatever follows a prefix is carried over.
+ * The appliance writes "ethernet0/1.100:3"; Linux gets "eth0-1_100=3": a short prefix for the known type words, and
+ * other characters for '/', '.' and ':', which the kernel does not take. The way back restores the characters only:
+ * "eth0-1" comes back as "eth0/1". Numbers are not checked; whatever follows a prefix is carried over.
  *
  *     char name[32];
  *     if (ifpname2unixname("ethernet0/1", name, sizeof name) == 0)

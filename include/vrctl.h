@@ -45,7 +45,7 @@ QV_API unsigned short qv_vsysid_2_default_vrid(unsigned short vsysid);
 /** Whether a VR is shared between virtual systems: 2 if so, 0 if not or when the kernel does not know it. */
 QV_API int qv_is_vr_shared(unsigned short vrid);
 
-/** Sets or clears a VR's shared mark: reads its flags, changes the one bit, writes them back. @return 0 or -1 */
+/** Sets or clears a VR's shared mark: reads its flags, changes the bit, writes them back. @return 0 or -1 */
 QV_API int qv_set_vr_shared(unsigned short vrid);
 QV_API int qv_set_vr_unshared(unsigned short vrid);
 
@@ -61,7 +61,7 @@ QV_API int qv_get_if_vsysid(unsigned short ifid, unsigned short *vsysid);
 /** Whether an interface is shared between virtual systems: 2 if so, 0 if not or when the kernel does not know it. */
 QV_API int qv_is_if_shared(unsigned short ifid);
 
-/** Sets or clears an interface's shared mark: reads its flags, changes the one bit, writes them back. @return 0 or -1 */
+/** Sets or clears an interface's shared mark: reads its flags, changes the bit, writes them back. @return 0 or -1 */
 QV_API int qv_set_if_shared(unsigned short ifid);
 QV_API int qv_set_if_unshared(unsigned short ifid);
 
