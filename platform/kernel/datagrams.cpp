@@ -233,6 +233,31 @@ void add_vr_message(msghdr &message, std::size_t room, int family, std::uint32_t
     message.msg_controllen = std::min(room, at + padded(kHeader + sizeof vr));
 }
 
+// ---- time ----
+
+timespec now()
+{
+    timespec time;
+    ::clock_gettime(CLOCK_MONOTONIC, &time);
+    return time;
+}
+
+timespec later_by(const timespec &wait)
+{
+    constexpr long kSecond = 1000000000;
+    timespec time = now();
+    time.tv_nsec += wait.tv_nsec;
+    time.tv_sec += wait.tv_sec + time.tv_nsec / kSecond;
+    time.tv_nsec %= kSecond;
+    return time;
+}
+
+bool is_past(const timespec &end)
+{
+    timespec time = now();
+    return time.tv_sec > end.tv_sec || (time.tv_sec == end.tv_sec && time.tv_nsec >= end.tv_nsec);
+}
+
 } // namespace
 
 ssize_t send(tables &all, int fd, const msghdr *message, int flags)
@@ -273,6 +298,38 @@ ssize_t receive(tables &all, int fd, msghdr *message, int flags)
     if (message->msg_name != nullptr)
         from.give(message->msg_name, &message->msg_namelen);
     return n;
+}
+
+int send_all(tables &all, int fd, std::span<mmsghdr> messages, int flags)
+{
+    int done = 0;
+    for (mmsghdr &one : messages) {
+        ssize_t n = send(all, fd, &one.msg_hdr, flags);
+        if (n < 0)
+            return done != 0 ? done : -1;
+        one.msg_len = static_cast<unsigned>(n);
+        done++;
+    }
+    return done;
+}
+
+// Like the real kernel, it looks at the clock between datagrams only.
+int receive_all(tables &all, int fd, std::span<mmsghdr> messages, int flags, const timespec *timeout)
+{
+    timespec end = timeout != nullptr ? later_by(*timeout) : timespec{};
+    int done = 0;
+    for (mmsghdr &one : messages) {
+        ssize_t n = receive(all, fd, &one.msg_hdr, flags & ~MSG_WAITFORONE);
+        if (n < 0)
+            return done != 0 ? done : -1;
+        one.msg_len = static_cast<unsigned>(n);
+        done++;
+        if ((flags & MSG_WAITFORONE) != 0)
+            flags |= MSG_DONTWAIT;
+        if (timeout != nullptr && is_past(end))
+            break;
+    }
+    return done;
 }
 
 } // namespace vrkernel

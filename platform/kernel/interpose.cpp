@@ -120,6 +120,18 @@ VRKERNEL_EXPORT ssize_t recvmsg(int fd, msghdr *message, int flags)
                              : vrkernel::real::recvmsg(fd, message, flags);
 }
 
+VRKERNEL_EXPORT int sendmmsg(int fd, mmsghdr *messages, unsigned count, int flags)
+{
+    return kernel != nullptr ? vrkernel::send_all(*kernel, fd, {messages, count}, flags)
+                             : vrkernel::real::sendmmsg(fd, messages, count, flags);
+}
+
+VRKERNEL_EXPORT int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
+{
+    return kernel != nullptr ? vrkernel::receive_all(*kernel, fd, {messages, count}, flags, timeout)
+                             : vrkernel::real::recvmmsg(fd, messages, count, flags, timeout);
+}
+
 VRKERNEL_EXPORT ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen)
 {
     iovec part = {const_cast<void *>(data), size};

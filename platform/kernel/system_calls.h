@@ -49,6 +49,16 @@ inline ssize_t recvmsg(int fd, msghdr *message, int flags)
     return ::syscall(SYS_recvmsg, fd, message, flags);
 }
 
+inline int sendmmsg(int fd, mmsghdr *messages, unsigned count, int flags)
+{
+    return static_cast<int>(::syscall(SYS_sendmmsg, fd, messages, count, flags));
+}
+
+inline int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
+{
+    return static_cast<int>(::syscall(SYS_recvmmsg, fd, messages, count, flags, timeout));
+}
+
 inline int ioctl(int fd, unsigned long request, void *argument)
 {
     return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));

@@ -195,6 +195,47 @@ std::string send_to_length(Words &words)
     return told(::sendto(fd, "x", 1, 0, to[0].any(), next<socklen_t>(words)));
 }
 
+// FD ADDRESS PORT COUNT: several at a time, "0", "1" and so on.
+std::string send_several(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words);
+    auto count = next<unsigned>(words);
+    std::vector<mmsghdr> messages(count);
+    std::vector<iovec> parts(count);
+    const char digits[] = "0123456789";
+    for (unsigned i = 0; i < count; i++) {
+        parts[i] = {const_cast<char *>(digits) + i, 1};
+        messages[i].msg_hdr = {to.any(), to.length, &parts[i], 1, nullptr, 0, 0};
+    }
+    return told(::sendmmsg(fd, messages.data(), count, 0));
+}
+
+// FD COUNT FLAGS TIMEOUT (0: none, 1: a time that is over at once): what came, and from where.
+std::string receive_several(Words &words)
+{
+    int fd = next<int>(words);
+    auto count = next<unsigned>(words);
+    int flags = next<int>(words);
+    std::vector<mmsghdr> messages(count);
+    std::vector<iovec> parts(count);
+    std::vector<Name> from(count);
+    std::vector<char> data(count);
+    for (unsigned i = 0; i < count; i++) {
+        parts[i] = {&data[i], 1};
+        messages[i].msg_hdr = {from[i].any(), from[i].length, &parts[i], 1, nullptr, 0, 0};
+    }
+    timespec none = {0, 0};
+    int n = ::recvmmsg(fd, messages.data(), count, flags, next<int>(words) != 0 ? &none : nullptr);
+    std::string text = told(n);
+    for (int i = 0; i < n; i++) {
+        auto at = static_cast<std::size_t>(i);
+        from[at].length = messages[at].msg_hdr.msg_namelen;
+        text += " " + std::string(&data[at], messages[at].msg_len) + " " + text_of(from[at]);
+    }
+    return text;
+}
+
 std::string received(ssize_t n, const char *data, const Name &from, const std::string &rest)
 {
     return n < 0 ? told(n) : std::string(data, static_cast<std::size_t>(n)) + " " + text_of(from) + rest;
@@ -389,6 +430,8 @@ const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
     {"sendplain", send_plain},
     {"sendmessage", send_message},
     {"sendtolength", send_to_length},
+    {"sendseveral", send_several},
+    {"recvseveral", receive_several},
     {"recv", receive_in_vr},
     {"recvto", receive_with_destination},
     {"recvplain", receive_plain},

@@ -9,3 +9,7 @@ foreach(example IN ITEMS sampled vrecho)
         add_dependencies(vrkernel_test ${example})
     endif()
 endforeach()
+
+if(NOT LIBCOMMON_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+    add_test(NAME abi.needed.vrkernel COMMAND ${CMAKE_CURRENT_LIST_DIR}/../abi/needed $<TARGET_FILE:vrkernel> libc.so.6)
+endif()

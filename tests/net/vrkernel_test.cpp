@@ -383,6 +383,28 @@ TEST_F(Vrkernel, NamesOfOtherLengthsStayInTheVrOrAreRefused)
         EXPECT_THAT(seven("recvplain 3"), StartsWith("x ::1 "));
 }
 
+TEST_F(Vrkernel, SeveralAtATime)
+{
+    constexpr const char *kDontWait = "64", *kWaitForOne = "65536";
+    ASSERT_EQ(kDontWait, std::to_string(MSG_DONTWAIT));
+    ASSERT_EQ(kWaitForOne, std::to_string(MSG_WAITFORONE));
+    for (bool with_config : {true, false}) {
+        Peer receiver(true, with_config), sender(true, with_config);
+        std::string at = receiver.open(4, with_config ? 7 : 0, "127.0.0.1 0");
+        std::string from = sender.open(4, with_config ? 7 : 0, "127.0.0.3 0");
+        EXPECT_EQ("-1 EAGAIN", receiver(std::string("recvseveral 3 3 ") + kDontWait + " 0"));
+        EXPECT_EQ("2", sender("sendseveral 3 " + at + " 2"));
+        EXPECT_EQ("2 0 " + from + " 1 " + from, receiver(std::string("recvseveral 3 3 ") + kWaitForOne + " 0"));
+        EXPECT_EQ("3", sender("sendseveral 3 " + at + " 3"));
+        EXPECT_EQ("2 0 " + from + " 1 " + from, receiver("recvseveral 3 2 0 0"));
+        EXPECT_EQ("1 2 " + from, receiver("recvseveral 3 2 0 1")); // the time is over after the first
+        EXPECT_EQ("0", sender("sendseveral 3 " + at + " 0"));
+    }
+    Peer sender;
+    sender.open(4, 7);
+    EXPECT_EQ("-1 ENETUNREACH", sender("sendseveral 3 10.0.0.1 5000 2"));
+}
+
 TEST_F(Vrkernel, UnknownVrs)
 {
     Peer peer;
