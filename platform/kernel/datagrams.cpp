@@ -110,10 +110,10 @@ std::optional<std::uint32_t> source_outside(int fd, const route &way)
     auto a = way.source ? inner_of(*way.source, way.vr) : std::nullopt;
     if (way.source && !a)
         return std::nullopt;
-    if (!a || a->host == kAnyHost)
-        a = inner_of(outside_name(fd, real::getsockname), way.vr);
-    if (!a)
-        return 0;
+    if (!a || a->host == kAnyHost) {
+        name own = outside_name(fd, real::getsockname);
+        a = inner_of(own, way.vr).value_or(inner{way.vr, own.is_ip6(), kMainHost});
+    }
     if (a->host == kAnyHost)
         a->host = kMainHost;
     return outside_of(*a);

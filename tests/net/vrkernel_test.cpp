@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <net/if.h>
 #include <poll.h>
 #include <sched.h>
@@ -230,6 +231,15 @@ TEST_F(Vrkernel, TheBoundAddressIsTheSource)
     std::string from = sender.open(4, 7, "127.0.0.20 0");
     EXPECT_EQ("0", sender("send 3 " + at + " 7 x"));
     EXPECT_EQ("x " + from + " vr 7", receiver("recv 3"));
+}
+
+TEST_F(Vrkernel, ABoundAddressThatNoVrHasIsNotTheSource)
+{
+    Peer receiver, sender;
+    std::string at = receiver.open(4, 7, "0.0.0.0 0");
+    std::string port = port_of(sender.open(4, 0, "127.1.0.1 0"));
+    EXPECT_EQ("0", sender("send 3 " + at + " 7 x"));
+    EXPECT_EQ("x 127.0.0.1 " + port + " vr 7", receiver("recv 3"));
 }
 
 TEST_F(Vrkernel, Ipv6)
@@ -552,6 +562,16 @@ TEST_F(Vrkernel, ChangesAreSeenByAllAndOutlastTheirProcess)
     EXPECT_EQ("2", other("is_vr_shared 7"));
     Peer later;
     EXPECT_EQ("8", later("get_if_vr eth0-1"));
+}
+
+TEST_F(Vrkernel, ProcessesThatStartTogetherShareTheirTables)
+{
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int i = 0; i < 8; i++)
+        peers.push_back(std::make_unique<Peer>());
+    EXPECT_EQ("0", (*peers[3])("set_if_vr eth0-1 8"));
+    for (auto &peer : peers)
+        EXPECT_EQ("8", (*peer)("get_if_vr eth0-1"));
 }
 
 TEST_F(Vrkernel, InterfaceSetUpRequestsKnowTheirInterface)
