@@ -6,12 +6,11 @@
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
+#include "qv_mtrace.h"
 #include "stack_info.h"
 
 #include <csignal>
 #include <execinfo.h>
-
-extern "C" void signal_mtrace(int sig);
 
 namespace {
 

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "mem/block_table.h"
+
+#include <bit>
+
+namespace full {
+namespace {
+
+constexpr unsigned kSlotMask = kSlots - 1;
+constexpr std::uint64_t kAll = ~std::uint64_t{0};
+
+unsigned hash_of(std::uintptr_t ptr)
+{
+    // The top bits of a product with an odd constant: blocks lie at multiples of 16, often of more.
+    return static_cast<unsigned>((ptr * 0x9E3779B97F4A7C15) >> (64 - std::countr_zero(kSlots)));
+}
+
+void set(std::uint64_t *bits, unsigned bit)
+{
+    bits[bit / 64] |= std::uint64_t{1} << (bit % 64);
+}
+
+void clear(std::uint64_t *bits, unsigned bit)
+{
+    bits[bit / 64] &= ~(std::uint64_t{1} << (bit % 64));
+}
+
+// The first clear bit of a word from `from` on; 64 when there is none.
+unsigned first_clear(std::uint64_t word, unsigned from)
+{
+    return static_cast<unsigned>(std::countr_one(word | ((std::uint64_t{1} << from) - 1)));
+}
+
+} // namespace
+
+int block_table::find(std::uintptr_t ptr, unsigned count) const
+{
+    int found = -1;
+    unsigned least = kSlots;
+    for (std::uint32_t link = head[hash_of(ptr)]; link != 0; link = next[link - 1]) {
+        unsigned slot = link - 1;
+        unsigned distance = (count - slot) & kSlotMask;
+        if (records[slot].ptr == ptr && distance < least) {
+            found = static_cast<int>(slot);
+            least = distance;
+        }
+    }
+    return found;
+}
+
+int block_table::free_slot(unsigned count) const
+{
+    unsigned start = count & kSlotMask;
+    unsigned word = start / kWordBits;
+    if (unsigned bit = first_clear(used[word], start % kWordBits); bit < kWordBits)
+        return static_cast<int>(word * kWordBits + bit);
+    // The words behind it, those of its summary word first, and round to itself.
+    constexpr unsigned kSummaries = kWords / kWordBits;
+    unsigned from = (word + 1) % kWords;
+    for (unsigned i = 0; i <= kSummaries; i++) {
+        unsigned summary = (from / kWordBits + i) % kSummaries;
+        unsigned bit = first_clear(full[summary], i == 0 ? from % kWordBits : 0);
+        if (bit == kWordBits)
+            continue;
+        unsigned open = summary * kWordBits + bit;
+        return static_cast<int>(open * kWordBits + first_clear(used[open], 0));
+    }
+    return -1;
+}
+
+void block_table::enter(unsigned slot, std::uintptr_t ptr, std::uint32_t size, std::uint64_t when,
+                        const call_chain &trace)
+{
+    records[slot] = {ptr, size, when, trace};
+    std::uint32_t &list = head[hash_of(ptr)];
+    next[slot] = list;
+    list = slot + 1;
+    set(used, slot);
+    if (used[slot / kWordBits] == kAll)
+        set(full, slot / kWordBits);
+}
+
+void block_table::remove(unsigned slot)
+{
+    std::uint32_t *link = &head[hash_of(records[slot].ptr)];
+    while (*link != slot + 1)
+        link = &next[*link - 1];
+    *link = next[slot];
+    records[slot].ptr = 0;
+    clear(used, slot);
+    clear(full, slot / kWordBits);
+}
+
+} // namespace full

@@ -1,0 +1,225 @@
+// SPDX-License-Identifier: Apache-2.0
+// malloc() and its kin over the C library's allocator and the hook variables, and what happens at load.
+//
+// Built without the compiler's knowledge of these functions: it would make calloc() a call of itself.
+#include "mem/malloc_hooks.h"
+
+#include "mem/light_stats.h"
+
+#include <cerrno>
+#include <cstring>
+
+extern "C" {
+hooks::malloc_fn __malloc_hook = nullptr;
+hooks::free_fn __free_hook = nullptr;
+hooks::realloc_fn __realloc_hook = nullptr;
+hooks::malloc_fn old_malloc_hook = nullptr;
+hooks::free_fn old_free_hook = nullptr;
+hooks::realloc_fn old_realloc_hook = nullptr;
+}
+
+namespace hooks {
+
+constinit thread_local thread_state self;
+bool intercepting = false;
+
+hook_set current()
+{
+    return {load(__malloc_hook), load(__free_hook), load(__realloc_hook)};
+}
+
+hook_set old()
+{
+    return {load(old_malloc_hook), load(old_free_hook), load(old_realloc_hook)};
+}
+
+void install(const hook_set &set)
+{
+    store(__malloc_hook, set.malloc);
+    store(__free_hook, set.free);
+    store(__realloc_hook, set.realloc);
+}
+
+void install_old(const hook_set &set)
+{
+    store(old_malloc_hook, set.malloc);
+    store(old_free_hook, set.free);
+    store(old_realloc_hook, set.realloc);
+}
+
+bool is_ours(malloc_fn hook)
+{
+    return hook == my_malloc_light_hook || hook == my_malloc_hook || hook == trace_file::own_hooks().malloc;
+}
+
+bool is_ours(free_fn hook)
+{
+    return hook == my_free_light_hook || hook == my_free_hook || hook == trace_file::own_hooks().free;
+}
+
+bool is_ours(realloc_fn hook)
+{
+    return hook == my_realloc_light_hook || hook == my_realloc_hook || hook == trace_file::own_hooks().realloc;
+}
+
+namespace {
+
+// Set by malloc() when it is called from inside a hook; that is a way to find out whether it is ours.
+bool malloc_was_called_inside = false;
+
+bool find_out_whether_intercepting()
+{
+#if LIBCOMMON_MALLOC_HOOKS
+    inside_scope scope;
+    malloc_was_called_inside = false;
+    std::free(std::malloc(1));
+    return malloc_was_called_inside;
+#else
+    return false;
+#endif
+}
+
+} // namespace
+} // namespace hooks
+
+// ---- at load ----
+
+namespace {
+
+// No thread is in the middle of the trace file or of the table when a child is made: it can allocate and trace.
+void before_fork()
+{
+    trace_file::before_fork();
+    pthread_mutex_lock(&mutex);
+}
+
+void after_fork_in_parent()
+{
+    pthread_mutex_unlock(&mutex);
+    trace_file::after_fork_in_parent();
+}
+
+void after_fork_in_child()
+{
+    pthread_mutex_unlock(&mutex);
+    light::after_fork_in_child();
+    trace_file::after_fork_in_child();
+}
+
+} // namespace
+
+extern "C" [[gnu::constructor]] void my_init_hook(void)
+{
+    static bool loaded = false;
+    if (!loaded) {
+        loaded = true;
+        hooks::intercepting = hooks::find_out_whether_intercepting();
+        light::watch_threads();
+        pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    }
+    hooks::install_old(hooks::current());
+    light::clear();
+    muntrace();
+    hooks::install({my_malloc_light_hook, my_free_light_hook, my_realloc_light_hook});
+    mtrace();
+}
+
+// ---- the allocation functions ----
+
+#if LIBCOMMON_MALLOC_HOOKS
+namespace {
+
+// What nearly every call is: light statistics, with nobody else's hook below.
+template <typename Hook>
+bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
+{
+    return hooks::load(hook) == light_hook && hooks::load(old_hook) == nullptr;
+}
+
+// The rest, out of line so that plain calls need not save registers for it.
+
+[[gnu::noinline]] void *malloc_otherwise(std::size_t size, const void *caller)
+{
+    hooks::malloc_fn hook = hooks::load(__malloc_hook);
+    if (hooks::self.inside) {
+        hooks::malloc_was_called_inside = true;
+        return __libc_malloc(size);
+    }
+    if (hook == nullptr)
+        return __libc_malloc(size);
+    if (hook == my_malloc_light_hook)
+        return light::allocate(size, caller);
+    return hook == my_malloc_hook ? full::allocate(size, caller) : hook(size, caller);
+}
+
+[[gnu::noinline]] void free_otherwise(void *ptr, const void *caller)
+{
+    hooks::free_fn hook = hooks::load(__free_hook);
+    if (hook == nullptr || hooks::self.inside)
+        return __libc_free(ptr);
+    if (hook == my_free_light_hook)
+        return light::release(ptr, caller);
+    return hook == my_free_hook ? full::release(ptr, caller) : hook(ptr, caller);
+}
+
+[[gnu::noinline]] void *realloc_otherwise(void *ptr, std::size_t size, const void *caller)
+{
+    hooks::realloc_fn hook = hooks::load(__realloc_hook);
+    if (hook == nullptr || hooks::self.inside)
+        return __libc_realloc(ptr, size);
+    if (hook == my_realloc_light_hook)
+        return light::reallocate(ptr, size, caller);
+    return hook == my_realloc_hook ? full::reallocate(ptr, size, caller) : hook(ptr, size, caller);
+}
+
+[[gnu::noinline]] void *calloc_otherwise(std::size_t count, std::size_t size, const void *caller)
+{
+    std::size_t bytes;
+    if (__builtin_mul_overflow(count, size, &bytes)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (hooks::load(__malloc_hook) == nullptr || hooks::self.inside)
+        return __libc_calloc(count, size);
+    void *block = malloc_otherwise(bytes, caller);
+    return block != nullptr ? std::memset(block, 0, bytes) : nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+[[gnu::visibility("default")]] void *malloc(std::size_t size)
+{
+    if (!is_plain(__malloc_hook, &my_malloc_light_hook, old_malloc_hook)) [[unlikely]]
+        return malloc_otherwise(size, __builtin_return_address(0));
+    return light::counted<hooks::own_chunk_size>(&light::class_counters::allocs, __libc_malloc(size), size);
+}
+
+[[gnu::visibility("default")]] void free(void *ptr)
+{
+    if (!is_plain(__free_hook, &my_free_light_hook, old_free_hook)) [[unlikely]]
+        return free_otherwise(ptr, __builtin_return_address(0));
+    light::count_given_up<hooks::own_chunk_size>(&light::class_counters::frees, ptr);
+    __libc_free(ptr);
+}
+
+[[gnu::visibility("default")]] void *realloc(void *ptr, std::size_t size)
+{
+    if (!is_plain(__realloc_hook, &my_realloc_light_hook, old_realloc_hook)) [[unlikely]]
+        return realloc_otherwise(ptr, size, __builtin_return_address(0));
+    light::count_given_up<hooks::own_chunk_size>(&light::class_counters::releases, ptr);
+    return light::counted<hooks::own_chunk_size>(&light::class_counters::products, __libc_realloc(ptr, size), size);
+}
+
+[[gnu::visibility("default")]] void *calloc(std::size_t count, std::size_t size)
+{
+    std::size_t bytes;
+    if (!is_plain(__malloc_hook, &my_malloc_light_hook, old_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
+        [[unlikely]]
+        return calloc_otherwise(count, size, __builtin_return_address(0));
+    // The allocator below knows which blocks come zeroed from the system, and leaves large ones untouched.
+    return light::counted<hooks::own_chunk_size>(&light::class_counters::allocs, __libc_calloc(count, size), bytes);
+}
+}
+#endif

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+// malloc_hooks.h - what malloc(), free() and realloc() share with their hooks.
+//
+// A hook reaches the allocator below in two ways. The library's own hooks never go back through malloc(): they call
+// allocate() and its kin here, which lead straight to the C library. A hook that somebody else installed before ours is
+// called with this thread marked as inside, and whatever it allocates then goes straight there as well. So hooks never
+// call each other in a circle, whichever of the variables holds which.
+#ifndef LIBCOMMON_MEM_MALLOC_HOOKS_H
+#define LIBCOMMON_MEM_MALLOC_HOOKS_H
+
+#include "qv_mtrace.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <malloc.h>
+#include <utility>
+
+extern "C" {
+void *__libc_malloc(std::size_t size);
+void *__libc_calloc(std::size_t count, std::size_t size);
+void *__libc_realloc(void *ptr, std::size_t size);
+void __libc_free(void *ptr);
+}
+
+namespace light {
+struct shard;
+}
+
+namespace hooks {
+
+using malloc_fn = void *(*)(std::size_t size, const void *caller);
+using free_fn = void (*)(void *ptr, const void *caller);
+using realloc_fn = void *(*)(void *ptr, std::size_t size, const void *caller);
+
+// One thread's state. Initial-exec, since the general kind may allocate when it is first touched.
+struct thread_state {
+    light::shard *counters = nullptr; // its own; null before its first count, and while there is none to be had
+    bool inside = false;              // a hook that must not be entered again
+    bool is_ending = false;
+};
+extern constinit thread_local thread_state self [[gnu::tls_model("initial-exec")]];
+
+class inside_scope {
+public:
+    inside_scope() : before_(std::exchange(self.inside, true)) {}
+    ~inside_scope() { self.inside = before_; }
+
+private:
+    bool before_;
+};
+
+template <typename Hook>
+Hook load(Hook &variable)
+{
+    return __atomic_load_n(&variable, __ATOMIC_RELAXED);
+}
+
+template <typename Hook>
+void store(Hook &variable, Hook hook)
+{
+    __atomic_store_n(&variable, hook, __ATOMIC_RELAXED);
+}
+
+// All three at a time.
+struct hook_set {
+    malloc_fn malloc = nullptr;
+    free_fn free = nullptr;
+    realloc_fn realloc = nullptr;
+    bool operator==(const hook_set &) const = default;
+};
+hook_set current();
+hook_set old();
+void install(const hook_set &set);
+void install_old(const hook_set &set);
+
+// Whether malloc() of this process is the library's: not where a host brings its own, or loaded the library late. Found
+// out at load; before, no hook is installed.
+extern bool intercepting;
+
+// ---- the allocator below ----
+
+inline void *allocate(std::size_t size)
+{
+#if LIBCOMMON_MALLOC_HOOKS
+    if (intercepting) [[likely]]
+        return __libc_malloc(size);
+#endif
+    return std::malloc(size);
+}
+
+inline void *reallocate(void *ptr, std::size_t size)
+{
+#if LIBCOMMON_MALLOC_HOOKS
+    if (intercepting) [[likely]]
+        return __libc_realloc(ptr, size);
+#endif
+    return std::realloc(ptr, size);
+}
+
+inline void release(void *ptr)
+{
+#if LIBCOMMON_MALLOC_HOOKS
+    if (intercepting) [[likely]]
+        return __libc_free(ptr);
+#endif
+    std::free(ptr);
+}
+
+// ---- the same below the old hooks ----
+
+bool is_ours(malloc_fn hook);
+bool is_ours(free_fn hook);
+bool is_ours(realloc_fn hook);
+
+// An old hook that is to be called: one of somebody else's. The library's own are among the old ones from one SIGUSR2
+// to the next.
+template <typename Hook>
+Hook foreign(Hook &variable)
+{
+    Hook hook = load(variable);
+    return hook == nullptr || is_ours(hook) || self.inside ? nullptr : hook;
+}
+
+inline void *old_malloc(std::size_t size, const void *caller)
+{
+    malloc_fn hook = foreign(old_malloc_hook);
+    if (hook == nullptr) [[likely]]
+        return allocate(size);
+    inside_scope scope;
+    return hook(size, caller);
+}
+
+inline void old_free(void *ptr, const void *caller)
+{
+    free_fn hook = foreign(old_free_hook);
+    if (hook == nullptr) [[likely]]
+        return release(ptr);
+    inside_scope scope;
+    hook(ptr, caller);
+}
+
+inline void *old_realloc(void *ptr, std::size_t size, const void *caller)
+{
+    realloc_fn hook = foreign(old_realloc_hook);
+    if (hook == nullptr) [[likely]]
+        return reallocate(ptr, size);
+    inside_scope scope;
+    return hook(ptr, size, caller);
+}
+
+// What a block takes in the heap: the allocator's header word before it without its three flag bits. The header of
+// another allocator is its own; what it says of itself is taken instead.
+inline std::uint32_t own_chunk_size(void *ptr)
+{
+    asm volatile("" : "+r"(ptr)); // the compiler knows malloc's blocks and takes the header for out of bounds
+    return static_cast<std::uint32_t>(static_cast<const std::size_t *>(ptr)[-1] & ~std::size_t{7});
+}
+
+inline std::uint32_t chunk_size(void *ptr)
+{
+    return intercepting ? own_chunk_size(ptr)
+                        : static_cast<std::uint32_t>(::malloc_usable_size(ptr) + sizeof(std::size_t));
+}
+
+} // namespace hooks
+
+// ---- full tracing and the trace file, as malloc() calls them: they are installed already ----
+
+namespace full {
+void *allocate(std::size_t size, const void *caller);
+void release(void *ptr, const void *caller);
+void *reallocate(void *ptr, std::size_t size, const void *caller);
+} // namespace full
+
+namespace trace_file {
+hooks::hook_set own_hooks();
+
+void before_fork();
+void after_fork_in_parent();
+void after_fork_in_child();
+} // namespace trace_file
+
+#endif

@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: Apache-2.0
+// The trace file of every allocation, and SIGUSR2, which toggles it.
+//
+// A trace stands on the hooks that it found: its own hooks call those and write a line for each call. One lock keeps
+// the lines in the order of the calls, so that an address is never seen allocated again before it was freed.
+//
+// SIGUSR2 may meet its thread inside the allocator or with that lock held, where waiting would be for ever. So a toggle
+// is a request first. It is carried out at once if this thread is in no call of malloc() or its kin and the lock is
+// free; else by whoever ends that call or gives back the lock.
+#include "qv_mtrace.h"
+
+#include "base/errno_guard.h"
+#include "base/unique_fd.h"
+#include "console_print.h"
+#include "fault/signal_format.h"
+#include "mem/light_stats.h"
+#include "mem/malloc_hooks.h"
+#include "mem/trace_variable.h"
+#include "signal_printf.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace trace_file {
+
+namespace {
+
+constexpr std::size_t kLineSize = 1024;
+constexpr std::size_t kPathSize = 256;
+constexpr int kFileMode = 0666;
+
+// ---- state, under `lock` ----
+
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+bool toggling = false;   // the holder of the lock carries out a toggle; written by it alone
+pthread_t toggler;       // who that is
+int file = -1;           // the trace file; -1 while there is no trace
+hooks::hook_set below;   // what the trace stands on
+bool mtrace_sig = false; // the trace was started by SIGUSR2
+
+int pending_toggles = 0; // written atomically
+
+void make_up_for_toggles();
+
+// ---- lines ----
+
+// A line of the trace: "@ FILE:(SYMBOL+0xOFFSET)[0xADDRESS] " and what was done. The address is as the file has it.
+class line {
+public:
+    // Before the lock is taken: the loader's is needed for it, which a thread that loads a library holds while it
+    // allocates.
+    explicit line(const void *caller)
+    {
+        Dl_info info;
+        link_map *map = nullptr;
+        if (::dladdr1(caller, &info, reinterpret_cast<void **>(&map), RTLD_DL_LINKMAP) == 0 ||
+            info.dli_fname == nullptr) {
+            append("@ [%p] ", caller);
+            return;
+        }
+        append("@ %s:", info.dli_fname);
+        auto address = reinterpret_cast<std::uintptr_t>(caller);
+        if (info.dli_sname != nullptr)
+            append("(%s+%#lx)", info.dli_sname, address - reinterpret_cast<std::uintptr_t>(info.dli_saddr));
+        append("[%#lx] ", address - (map != nullptr ? map->l_addr : 0));
+    }
+
+    [[gnu::format(printf, 2, 3)]] void append(const char *format, ...)
+    {
+        va_list ap;
+        va_start(ap, format);
+        int length = std::vsnprintf(text_ + length_, sizeof text_ - length_, format, ap);
+        va_end(ap);
+        length_ = std::min(length_ + static_cast<std::size_t>(std::max(length, 0)), sizeof text_ - 1);
+    }
+
+    // The place again, for a second line.
+    void repeat_place(std::size_t place) { append("%.*s", static_cast<int>(place), text_); }
+    std::size_t length() const { return length_; }
+
+    void write(int fd) const
+    {
+        base::errno_guard keep;
+        ssize_t ignored = ::write(fd, text_, length_);
+        static_cast<void>(ignored);
+    }
+
+private:
+    char text_[kLineSize];
+    std::size_t length_ = 0;
+};
+
+// ---- calling what the trace stands on ----
+
+void *malloc_below(std::size_t size, const void *caller)
+{
+    hooks::malloc_fn hook = below.malloc;
+    if (hook == nullptr)
+        return hooks::allocate(size);
+    if (hook == my_malloc_light_hook)
+        return light::allocate(size, caller);
+    if (hook == my_malloc_hook)
+        return full::allocate(size, caller);
+    hooks::inside_scope scope;
+    return hook(size, caller);
+}
+
+void free_below(void *ptr, const void *caller)
+{
+    hooks::free_fn hook = below.free;
+    if (hook == nullptr)
+        return hooks::release(ptr);
+    if (hook == my_free_light_hook)
+        return light::release(ptr, caller);
+    if (hook == my_free_hook)
+        return full::release(ptr, caller);
+    hooks::inside_scope scope;
+    hook(ptr, caller);
+}
+
+void *realloc_below(void *ptr, std::size_t size, const void *caller)
+{
+    hooks::realloc_fn hook = below.realloc;
+    if (hook == nullptr)
+        return hooks::reallocate(ptr, size);
+    if (hook == my_realloc_light_hook)
+        return light::reallocate(ptr, size, caller);
+    if (hook == my_realloc_hook)
+        return full::reallocate(ptr, size, caller);
+    hooks::inside_scope scope;
+    return hook(ptr, size, caller);
+}
+
+// ---- the hooks of a trace. One that was ended while they waited writes nothing, and stands on what it stood on. ----
+
+class trace_lock {
+public:
+    trace_lock() { pthread_mutex_lock(&lock); }
+    ~trace_lock()
+    {
+        pthread_mutex_unlock(&lock);
+        make_up_for_toggles();
+    }
+    trace_lock(const trace_lock &) = delete;
+    trace_lock &operator=(const trace_lock &) = delete;
+};
+
+void *traced_malloc(std::size_t size, const void *caller)
+{
+    line text(caller);
+    trace_lock held;
+    void *block = malloc_below(size, caller);
+    text.append("+ %p %#lx\n", block, size);
+    text.write(file);
+    return block;
+}
+
+void traced_free(void *ptr, const void *caller)
+{
+    if (ptr == nullptr)
+        return;
+    line text(caller);
+    text.append("- %p\n", ptr);
+    trace_lock held;
+    text.write(file);
+    free_below(ptr, caller);
+}
+
+void *traced_realloc(void *ptr, std::size_t size, const void *caller)
+{
+    line text(caller);
+    std::size_t place = text.length();
+    auto before = reinterpret_cast<std::uintptr_t>(ptr);
+    trace_lock held;
+    void *block = realloc_below(ptr, size, caller);
+    if (before == 0) {
+        text.append("+ %p %#lx\n", block, size);
+    } else if (block != nullptr) {
+        text.append("< %#lx\n", before);
+        text.repeat_place(place);
+        text.append("> %p %#lx\n", block, size);
+    } else if (size == 0) {
+        text.append("- %#lx\n", before);
+    } else {
+        text.append("! %#lx %#lx\n", before, size);
+    }
+    text.write(file);
+    return block;
+}
+
+// ---- start and stop, with the lock held ----
+
+void write_mark(const char *mark)
+{
+    ssize_t ignored = ::write(file, mark, std::strlen(mark));
+    static_cast<void>(ignored);
+}
+
+void start()
+{
+    const char *path = ::secure_getenv("MALLOC_TRACE");
+    if (file >= 0 || path == nullptr)
+        return;
+    file = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, kFileMode);
+    if (file < 0)
+        return;
+    write_mark("= Start\n");
+    below = hooks::current();
+    hooks::install(own_hooks());
+}
+
+void stop()
+{
+    if (file < 0)
+        return;
+    hooks::install(below);
+    write_mark("= End\n");
+    ::close(file);
+    file = -1;
+}
+
+// mtrace() and muntrace() are called from a toggle too, which has the lock.
+template <typename Change>
+void change_trace(Change change)
+{
+    if (toggling && pthread_equal(toggler, pthread_self()) != 0)
+        return change();
+    trace_lock held;
+    change();
+}
+
+// ---- toggles ----
+
+const char *log_path()
+{
+    static char path[kPathSize];
+    signal_snprintf(path, sizeof path, "/etc/mtrace%d.log", ::getpid());
+    return path;
+}
+
+void exchange_hooks()
+{
+    hooks::hook_set current = hooks::current();
+    hooks::install(hooks::old());
+    hooks::install_old(current);
+}
+
+void say(const char *format)
+{
+    __atomic_fetch_add(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
+    console_print(format, log_path());
+    __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
+}
+
+// Returns what is to be said, by somebody who does not hold the lock.
+const char *toggle()
+{
+    muntrace();
+    exchange_hooks();
+    if (mtrace_sig) {
+        unset_trace_variable();
+        mtrace_sig = false;
+        ::signal(SIGUSR2, signal_mtrace);
+        if (hooks::current().malloc != nullptr)
+            mtrace();
+        return "Stop mtrace log %s\n";
+    }
+    set_trace_variable(log_path());
+    mtrace_sig = true;
+    mtrace();
+    return "Start mtrace log %s\n";
+}
+
+bool take_request()
+{
+    int pending = __atomic_load_n(&pending_toggles, __ATOMIC_RELAXED);
+    while (pending > 0) {
+        if (__atomic_compare_exchange_n(&pending_toggles, &pending, pending - 1, false, __ATOMIC_SEQ_CST,
+                                        __ATOMIC_RELAXED))
+            return true;
+    }
+    return false;
+}
+
+// Whoever holds the lock comes here after giving it back, so no request is left lying.
+void make_up_for_toggles()
+{
+    base::errno_guard keep;
+    while (__atomic_load_n(&pending_toggles, __ATOMIC_SEQ_CST) > 0 && pthread_mutex_trylock(&lock) == 0) {
+        toggler = pthread_self();
+        toggling = true;
+        const char *said = take_request() ? toggle() : nullptr;
+        toggling = false;
+        pthread_mutex_unlock(&lock);
+        if (said != nullptr)
+            say(said);
+    }
+}
+
+} // namespace
+
+hooks::hook_set own_hooks()
+{
+    return {traced_malloc, traced_free, traced_realloc};
+}
+
+void before_fork()
+{
+    pthread_mutex_lock(&lock);
+}
+
+void after_fork_in_parent()
+{
+    pthread_mutex_unlock(&lock);
+    make_up_for_toggles();
+}
+
+// A request that the parent had not got round to stays the parent's.
+void after_fork_in_child()
+{
+    pending_toggles = 0;
+    pthread_mutex_unlock(&lock);
+}
+
+} // namespace trace_file
+
+extern "C" {
+
+void mtrace(void)
+{
+    trace_file::change_trace(trace_file::start);
+}
+
+void muntrace(void)
+{
+    trace_file::change_trace(trace_file::stop);
+}
+
+void signal_mtrace(int)
+{
+    __atomic_fetch_add(&trace_file::pending_toggles, 1, __ATOMIC_SEQ_CST);
+    trace_file::make_up_for_toggles();
+}
+}
