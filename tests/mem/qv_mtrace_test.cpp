@@ -1,28 +1,926 @@
 // SPDX-License-Identifier: Apache-2.0
+// Heap accounting in the usual host: one that is linked with the library and has the C library's allocator.
 #include "qv_mtrace.h"
 
+#include "console_print.h"
 #include "support/support.h"
 
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <malloc.h>
+#include <random>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
 
-TEST(LightStatistics, CountAllocationsAndFailures)
+using namespace support;
+
+namespace {
+
+#define NEEDS_INTERPOSITION()                                                                                          \
+    if (under_sanitizer())                                                                                             \
+    GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator"
+
+mtrace_stat_record light_now()
 {
-    if (support::under_sanitizer())
-        GTEST_SKIP() << "a sanitizer's blocks have no chunk header";
-    mtrace_stat_record before, rec;
-    EXPECT_EQ(qv_mtrace_stat(&before, 0), 6);
-    EXPECT_EQ(before.rows, 32U);
-    void *block = my_malloc_light_hook(100, nullptr);
-    EXPECT_EQ(my_malloc_light_hook(SIZE_MAX - 4095, nullptr), nullptr);
-    block = my_realloc_light_hook(block, 300, nullptr);
+    mtrace_stat_record rec = {};
+    qv_mtrace_stat_min(&rec);
+    return rec;
+}
+
+// Size classes, which are answered only while there is no table of blocks.
+std::array<mtrace_class_row, 32> classes_now()
+{
+    mtrace_stat_record rec = {};
+    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    EXPECT_EQ(rec.rows, 32U);
+    std::array<mtrace_class_row, 32> rows;
+    std::copy(std::begin(rec.row.classes), std::end(rec.row.classes), rows.begin());
+    return rows;
+}
+
+struct Full {
+    std::uint32_t live, bytes, allocs, frees, unmatched_frees, reallocs, unmatched_reallocs;
+    bool operator==(const Full &) const = default;
+};
+
+std::ostream &operator<<(std::ostream &out, const Full &f)
+{
+    return out << f.live << " live, " << f.bytes << " bytes, " << f.allocs << " allocations, " << f.frees << " frees, "
+               << f.unmatched_frees << " unmatched, " << f.reallocs << " reallocations, " << f.unmatched_reallocs
+               << " unmatched";
+}
+
+Full full_now()
+{
+    unsigned counters[7];
+    std::uint64_t wait = std::exchange(time_wait, 0); // no block is too young: nothing is printed, which would allocate
+    qv_mtrace_stat_internal(counters, nullptr, 0);
+    time_wait = wait;
+    return {counters[0], counters[1], counters[2], counters[3], counters[4], counters[5], counters[6]};
+}
+
+std::uint32_t chunk_of(void *block)
+{
+    return static_cast<std::uint32_t>(::malloc_usable_size(block) + sizeof(std::size_t));
+}
+
+unsigned class_of(std::uint32_t size)
+{
+    return static_cast<unsigned>(std::bit_width(size)) - 1;
+}
+
+void *volatile sink;
+int next_address;
+
+// Keeps the compiler from leaving an allocation out.
+void *kept(void *block)
+{
+    sink = block;
+    return block;
+}
+
+void *allocate(std::size_t size)
+{
+    return kept(std::malloc(size));
+}
+
+// What a body changed in one size class.
+template <typename Body>
+mtrace_class_row change(unsigned k, Body body)
+{
+    auto before = classes_now();
+    body();
+    auto after = classes_now();
+    mtrace_class_row row = after[k];
+    row.bytes -= before[k].bytes;
+    row.blocks -= before[k].blocks;
+    row.allocs -= before[k].allocs;
+    row.frees -= before[k].frees;
+    row.realloc_releases -= before[k].realloc_releases;
+    row.realloc_products -= before[k].realloc_products;
+    row.failures -= before[k].failures;
+    return row;
+}
+
+void expect_row(const mtrace_class_row &row, std::uint32_t bytes, std::uint32_t blocks, std::uint32_t allocs,
+                std::uint32_t frees, std::uint32_t releases, std::uint32_t products, std::uint32_t failures)
+{
+    EXPECT_EQ(row.bytes, bytes);
+    EXPECT_EQ(row.blocks, blocks);
+    EXPECT_EQ(row.allocs, allocs);
+    EXPECT_EQ(row.frees, frees);
+    EXPECT_EQ(row.realloc_releases, releases);
+    EXPECT_EQ(row.realloc_products, products);
+    EXPECT_EQ(row.failures, failures);
+}
+
+} // namespace
+
+// ---- light statistics ----
+
+TEST(Light, HooksAreInstalledAtLoad)
+{
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(__free_hook, my_free_light_hook);
+    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+    EXPECT_EQ(old_malloc_hook, nullptr);
+    EXPECT_EQ(old_free_hook, nullptr);
+    EXPECT_EQ(old_realloc_hook, nullptr);
+}
+
+TEST(Light, RowsAreForPowersOfTwo)
+{
+    auto rows = classes_now();
+    for (unsigned k = 0; k < 32; k++)
+        EXPECT_EQ(rows[k].lower_bound, 1U << k);
+}
+
+TEST(Light, BlocksCountAsTheirChunk)
+{
+    NEEDS_INTERPOSITION();
+    for (std::size_t size : {0UL, 1UL, 3UL, 24UL, 25UL, 100UL, 1000UL, 100000UL, 1UL << 20}) {
+        void *probe = allocate(size);
+        std::uint32_t chunk = chunk_of(probe);
+        if (size >= 1 << 17) // a chunk of its own mapping has two header words
+            chunk += static_cast<std::uint32_t>(sizeof(std::size_t));
+        void *block = nullptr;
+        expect_row(change(class_of(chunk), [&] { block = allocate(size); }), chunk, 1, 1, 0, 0, 0, 0);
+        expect_row(change(class_of(chunk), [&] { std::free(block); }), 0U - chunk, 0U - 1, 0, 1, 0, 0, 0);
+        std::free(probe); // not before: freeing moves the size from which on blocks are mapped
+    }
+}
+
+TEST(Light, FailuresCountAsRequested)
+{
+    NEEDS_INTERPOSITION();
+    const std::size_t huge = std::size_t{1} << 62; // cut to 32 bits it leaves what is added
+    for (auto [size, k] : {std::pair{0UL, 0U}, {1UL, 0U}, {2UL, 1U}, {3UL, 1U}, {4UL, 2U}, {0xFFFFFFFFUL, 31U}}) {
+        expect_row(change(k, [&, s = size] { EXPECT_EQ(allocate(huge + s), nullptr); }), 0, 0, 0, 0, 0, 0, 1);
+    }
+}
+
+TEST(Light, NullIsNotFreed)
+{
+    mtrace_stat_record before = light_now();
+    sink = nullptr;
+    std::free(sink);
+    my_free_light_hook(nullptr, nullptr);
+    EXPECT_EQ(light_now().light_frees, before.light_frees);
+}
+
+TEST(Light, CallocIsAnAllocation)
+{
+    NEEDS_INTERPOSITION();
+    void *block = nullptr;
+    mtrace_class_row row = change(class_of(2016), [&] { block = kept(std::calloc(20, 100)); });
+    EXPECT_EQ(row.allocs, 1U);
+    EXPECT_EQ(row.bytes, chunk_of(block));
+    for (int i = 0; i < 2000; i++)
+        ASSERT_EQ(static_cast<char *>(block)[i], 0);
+    std::free(block);
+    mtrace_stat_record before = light_now();
+    volatile std::size_t many = SIZE_MAX / 2;
+    sink = std::calloc(many, 3);
+    EXPECT_EQ(sink, nullptr);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(light_now().light_allocs, before.light_allocs);
+}
+
+TEST(Light, ReallocationsReleaseAndProduce)
+{
+    NEEDS_INTERPOSITION();
+    void *block = allocate(100);
+    mtrace_stat_record before = light_now();
+    std::uint32_t chunk = chunk_of(block);
+    block = kept(std::realloc(block, 5000));
+    mtrace_stat_record after = light_now();
+    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(after.light_products - before.light_products, 1U);
+    EXPECT_EQ(after.light_blocks, before.light_blocks);
+    EXPECT_EQ(after.light_bytes - before.light_bytes, chunk_of(block) - chunk);
+    std::free(block);
+
+    sink = nullptr; // which the compiler must not know
+    before = light_now();
+    block = kept(std::realloc(sink, 100));
+    after = light_now();
+    EXPECT_EQ(after.light_allocs, before.light_allocs);
+    EXPECT_EQ(after.light_products - before.light_products, 1U);
+    EXPECT_EQ(after.light_releases, before.light_releases);
+    std::free(block);
+}
+
+TEST(Light, AFailedReallocationCountsARelease)
+{
+    NEEDS_INTERPOSITION();
+    void *volatile block = allocate(100); // the compiler takes it for gone
+    std::uint32_t chunk = chunk_of(block);
+    mtrace_stat_record before = light_now();
+    volatile std::size_t huge = SIZE_MAX / 2;
+    sink = std::realloc(block, huge);
+    mtrace_stat_record after = light_now();
+    EXPECT_EQ(sink, nullptr);
+    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(after.light_products, before.light_products);
+    EXPECT_EQ(after.light_failures - before.light_failures, 1U);
+    EXPECT_EQ(before.light_bytes - after.light_bytes, chunk) << "though the block lives";
+    std::free(block);
+}
+
+TEST(Light, AlignedBlocksAreTakenBack)
+{
+    NEEDS_INTERPOSITION();
+    void *block = std::aligned_alloc(256, 1024);
+    sink = block;
+    mtrace_stat_record before = light_now();
+    block = kept(std::realloc(block, 4000));
+    std::free(block);
+    mtrace_stat_record after = light_now();
+    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(after.light_frees - before.light_frees, 1U);
+}
+
+TEST(Light, TheShortReport)
+{
+    mtrace_stat_record rec;
+    std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(qv_mtrace_stat(&rec, 7), 8);
     EXPECT_EQ(rec.rows, 1U);
-    EXPECT_EQ(rec.light_allocs - before.light_allocs, 1U);
-    EXPECT_EQ(rec.light_failures - before.light_failures, 1U);
-    EXPECT_EQ(rec.light_blocks - before.light_blocks, 1U);
-    my_free_light_hook(block, nullptr);
-    my_free_light_hook(nullptr, nullptr);
+    EXPECT_EQ(rec.full[0], 0x55555555U) << "left alone";
+    EXPECT_EQ(rec.row.classes[0].lower_bound, 0x55555555U);
+    EXPECT_EQ(rec.light_blocks, rec.light_allocs + rec.light_products - rec.light_frees - rec.light_releases);
+    std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(qv_mtrace_stat_min(&rec), 1);
-    EXPECT_EQ(rec.light_frees - before.light_frees, 1U);
-    EXPECT_EQ(rec.light_bytes, before.light_bytes);
+    EXPECT_EQ(rec.rows, 1U);
+}
+
+TEST(Light, TotalsAreTheSumsOfTheRows)
+{
+    mtrace_stat_record rec = {};
+    ASSERT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    std::uint32_t bytes = 0, blocks = 0, allocs = 0;
+    for (const mtrace_class_row &row : rec.row.classes)
+        bytes += row.bytes, blocks += row.blocks, allocs += row.allocs;
+    EXPECT_EQ(rec.light_bytes, bytes);
+    EXPECT_EQ(rec.light_blocks, blocks);
+    EXPECT_EQ(rec.light_allocs, allocs);
+}
+
+TEST(Light, HooksByThemselvesCount)
+{
+    mtrace_stat_record before = light_now();
+    void *block = my_malloc_light_hook(100, nullptr);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(light_now().light_allocs - before.light_allocs, 1U);
+    block = my_realloc_light_hook(block, 3000, nullptr);
+    EXPECT_EQ(light_now().light_releases - before.light_releases, 1U);
+    EXPECT_EQ(light_now().light_products - before.light_products, 1U);
+    my_free_light_hook(block, nullptr);
+    EXPECT_EQ(light_now().light_frees - before.light_frees, 1U);
+    EXPECT_EQ(light_now().light_bytes, before.light_bytes);
+}
+
+TEST(Light, HooksByThemselvesInstallThemselves)
+{
+    qv_mtrace_stop();
+    EXPECT_EQ(__malloc_hook, nullptr);
+    sink = my_malloc_light_hook(100, nullptr);
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(__free_hook, my_free_light_hook);
+    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+    std::free(sink);
+}
+
+TEST(Light, LoadingAgainClears)
+{
+    my_init_hook();
+    mtrace_stat_record rec = light_now();
+    EXPECT_EQ(rec.light_allocs, 0U);
+    EXPECT_EQ(rec.light_bytes, 0U);
+    EXPECT_EQ(old_malloc_hook, my_malloc_light_hook) << "what was found";
+    sink = std::malloc(10); // must not go in a circle
+    std::free(sink);
+    if (!under_sanitizer()) {
+        EXPECT_EQ(light_now().light_allocs, 1U);
+    }
+}
+
+TEST(Light, ThreadsCountExactly)
+{
+    NEEDS_INTERPOSITION();
+    constexpr unsigned kThreads = 8;
+    const auto kRounds = static_cast<std::uint32_t>(effort(200000));
+    std::array<pthread_t, kThreads> threads;
+    static std::uint32_t rounds;
+    rounds = kRounds;
+    auto work = [](void *) -> void * {
+        for (std::uint32_t i = 0; i < rounds; i++) {
+            void *volatile block = std::malloc(16 + i % 500);
+            if (i % 4 == 0)
+                block = std::realloc(block, 700);
+            std::free(block);
+        }
+        return nullptr;
+    };
+    // Once through, so that what starting threads takes has been taken.
+    for (pthread_t &thread : threads)
+        pthread_create(&thread, nullptr, work, nullptr);
+    for (pthread_t thread : threads)
+        pthread_join(thread, nullptr);
+    mtrace_stat_record before = light_now();
+    for (pthread_t &thread : threads)
+        pthread_create(&thread, nullptr, work, nullptr);
+    for (pthread_t thread : threads)
+        pthread_join(thread, nullptr);
+    mtrace_stat_record after = light_now();
+    std::uint32_t own = after.light_allocs - before.light_allocs - kThreads * kRounds; // the threads' own blocks
+    EXPECT_LE(own, kThreads);
+    EXPECT_EQ(after.light_products - before.light_products, kThreads * (kRounds / 4));
+    EXPECT_EQ(after.light_releases - before.light_releases, kThreads * (kRounds / 4));
+    EXPECT_EQ(after.light_frees - before.light_frees, kThreads * kRounds + own);
+    EXPECT_EQ(after.light_bytes, before.light_bytes);
+}
+
+TEST(Light, MoreThreadsThanShardsCountExactly)
+{
+    NEEDS_INTERPOSITION();
+    constexpr unsigned kThreads = 200;
+    static pthread_barrier_t all_there;
+    pthread_barrier_init(&all_there, nullptr, kThreads);
+    auto work = [](void *) -> void * {
+        void *volatile block = std::malloc(50);
+        pthread_barrier_wait(&all_there);
+        for (int i = 0; i < 100; i++) {
+            std::free(block);
+            block = std::malloc(50);
+        }
+        std::free(block);
+        return nullptr;
+    };
+    std::vector<pthread_t> threads(kThreads);
+    mtrace_stat_record before = light_now();
+    for (pthread_t &thread : threads)
+        ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
+    for (pthread_t thread : threads)
+        pthread_join(thread, nullptr);
+    mtrace_stat_record after = light_now();
+    std::uint32_t own = after.light_allocs - before.light_allocs - kThreads * 101;
+    EXPECT_LE(own, kThreads) << "stacks that are kept have a block of thread-local storage";
+    EXPECT_GE(after.light_frees - before.light_frees, kThreads * 101);
+    EXPECT_EQ(after.light_blocks - before.light_blocks,
+              own - (after.light_frees - before.light_frees - kThreads * 101));
+}
+
+TEST(Light, AChildGoesOnCounting)
+{
+    NEEDS_INTERPOSITION();
+    ChildResult result = run_child([] {
+        mtrace_stat_record before = light_now();
+        sink = std::malloc(100);
+        ::_exit(light_now().light_allocs - before.light_allocs == 1 ? 7 : 1);
+    });
+    EXPECT_TRUE(result.exited(7));
+}
+
+// ---- full tracing ----
+
+TEST(FullTracing, BlocksAreRecordedWithTheirRequestedSize)
+{
+    NEEDS_INTERPOSITION();
+    qv_mtrace_start();
+    Full before = full_now();
+    void *a = allocate(100), *b = allocate(50);
+    Full with = full_now();
+    std::free(a);
+    Full after = full_now();
+    std::free(b);
+    EXPECT_EQ(with.live - before.live, 2U);
+    EXPECT_EQ(with.bytes - before.bytes, 150U);
+    EXPECT_EQ(with.allocs - before.allocs, 2U);
+    EXPECT_EQ(after.live - before.live, 1U);
+    EXPECT_EQ(after.bytes - before.bytes, 50U);
+    EXPECT_EQ(after.frees - before.frees, 1U);
+    EXPECT_EQ(full_now().unmatched_frees, before.unmatched_frees);
+}
+
+TEST(FullTracing, AFreshTableIsEmpty)
+{
+    void *early = allocate(10);
+    qv_mtrace_start();
+    EXPECT_EQ(full_now(), Full{});
+    my_free_hook(early, nullptr);
+    Full now = full_now();
+    EXPECT_EQ(now.frees, 1U);
+    EXPECT_EQ(now.unmatched_frees, 1U) << "it was not seen allocated";
+    qv_mtrace_reset();
+}
+
+TEST(FullTracing, Reallocations)
+{
+    qv_mtrace_start();
+    void *early = my_realloc_hook(nullptr, 40, nullptr);
+    Full now = full_now();
+    EXPECT_EQ(now, (Full{1, 40, 1, 0, 0, 1, 0})) << "an allocation by reallocation is both";
+    early = my_realloc_hook(early, 4000, nullptr);
+    now = full_now();
+    EXPECT_EQ(now, (Full{1, 4000, 1, 0, 0, 2, 0}));
+    volatile std::size_t huge = SIZE_MAX / 2;
+    EXPECT_EQ(my_realloc_hook(early, huge, nullptr), nullptr);
+    now = full_now();
+    EXPECT_EQ(now, (Full{0, 4000, 1, 0, 0, 3, 0})) << "the record goes, the bytes stay in the total";
+    early = my_realloc_hook(early, 100, nullptr);
+    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 4, 1})) << "it is unknown from then on";
+    EXPECT_EQ(my_realloc_hook(nullptr, huge, nullptr), nullptr);
+    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 5, 1}));
+    my_free_hook(early, nullptr);
+    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 1, 1, 5, 1}));
+    my_free_hook(nullptr, nullptr);
+    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 1, 1, 5, 1}));
+    qv_mtrace_reset();
+    EXPECT_EQ(full_now(), Full{});
+}
+
+TEST(FullTracing, LightCountersStandStillFromItsStartOn)
+{
+    NEEDS_INTERPOSITION();
+    qv_mtrace_start();
+    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    mtrace_stat_record before = light_now();
+    std::free(allocate(100));
+    EXPECT_EQ(light_now().light_allocs, before.light_allocs);
+    qv_mtrace_stop();
+    EXPECT_EQ(__malloc_hook, nullptr);
+    std::free(allocate(100));
+    EXPECT_EQ(light_now().light_allocs, before.light_allocs) << "and after its end";
+}
+
+TEST(FullTracing, TheTableOutlivesAStop)
+{
+    NEEDS_INTERPOSITION();
+    mtrace_stat_record rec = {};
+    qv_mtrace_start();
+    void *block = allocate(100);
+    qv_mtrace_stop();
+    Full stopped = full_now();
+    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 4);
+    EXPECT_EQ(rec.full[0], stopped.live);
+    std::free(allocate(70));
+    EXPECT_EQ(full_now(), stopped) << "nothing is recorded any more";
+    qv_mtrace_start();
+    EXPECT_EQ(full_now().live, stopped.live) << "and the table is gone on with";
+    std::free(block);
+    EXPECT_EQ(full_now().live, stopped.live - 1);
+    qv_mtrace_reset();
+    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    EXPECT_EQ(full_now(), Full{});
+    EXPECT_EQ(__malloc_hook, nullptr);
+}
+
+TEST(FullTracing, HooksOfAStoppedTraceJustAllocate)
+{
+    qv_mtrace_start();
+    qv_mtrace_stop();
+    Full before = full_now();
+    void *block = my_malloc_hook(100, nullptr);
+    block = my_realloc_hook(block, 200, nullptr);
+    my_free_hook(block, nullptr);
+    EXPECT_EQ(full_now(), before);
+    EXPECT_EQ(__malloc_hook, nullptr) << "and do not install themselves";
+}
+
+TEST(FullTracing, HooksByThemselvesInstallThemselves)
+{
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    void *block = my_malloc_hook(100, nullptr);
+    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    EXPECT_EQ(__free_hook, my_free_hook);
+    EXPECT_EQ(full_now().allocs, 0U) << "there is no table";
+    my_free_hook(block, nullptr);
+    EXPECT_EQ(full_now().frees, 0U);
+    qv_mtrace_stop();
+}
+
+TEST(FullTracing, WithoutATableOrABlockNothingIsEntered)
+{
+    EXPECT_EQ(add_malloc_record(10, nullptr, &next_address), 0);
+    EXPECT_EQ(full_now(), (Full{0, 0, 1, 0, 0, 0, 0}));
+    qv_mtrace_start();
+    std::uint32_t live = full_now().live;
+    EXPECT_EQ(add_malloc_record(10, nullptr, nullptr), 0);
+    EXPECT_EQ(full_now().live, live);
+    qv_mtrace_reset();
+}
+
+TEST(FullTracing, TheTableHolds65536Blocks)
+{
+    qv_mtrace_start();
+    qv_mtrace_stop(); // the rest by hand
+    std::uint32_t live = full_now().live;
+    for (std::uintptr_t i = live; i < 65536; i++)
+        ASSERT_EQ(add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x1000 + i * 16)), 1);
+    EXPECT_EQ(full_now().live, 65536U);
+    EXPECT_EQ(add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x10)), 0);
+    EXPECT_EQ(full_now().live, 65536U);
+    EXPECT_EQ(full_now().allocs, 65537U) << "counted all the same";
+    qv_mtrace_reset();
+}
+
+TEST(FullTracing, BlocksBeyondTheTableAreUnmatchedLater)
+{
+    NEEDS_INTERPOSITION();
+    if (under_emulation())
+        GTEST_SKIP() << "70,000 unwindings take too long here";
+    std::vector<void *> blocks(70000);
+    qv_mtrace_start();
+    for (void *&block : blocks)
+        block = allocate(8);
+    Full full = full_now();
+    for (void *block : blocks)
+        std::free(block);
+    Full after = full_now();
+    qv_mtrace_stop();
+    EXPECT_EQ(full.live, 65536U);
+    EXPECT_EQ(full.allocs, 70000U);
+    EXPECT_EQ(after.live, 0U);
+    EXPECT_EQ(after.unmatched_frees, 70000U - 65536U);
+}
+
+TEST(FullTracing, ThreadsAreRecordedExactly)
+{
+    NEEDS_INTERPOSITION();
+    constexpr unsigned kThreads = 8;
+    constexpr unsigned kKept = 20;
+    static unsigned rounds;
+    rounds = static_cast<unsigned>(effort(5000));
+    auto work = [](void *kept) -> void * {
+        for (unsigned i = 0; i < rounds; i++) {
+            void *volatile block = std::malloc(30);
+            std::free(block);
+        }
+        for (unsigned i = 0; i < kKept; i++)
+            static_cast<void **>(kept)[i] = std::malloc(100);
+        return nullptr;
+    };
+    static void *kept[kThreads][kKept];
+    std::array<pthread_t, kThreads> threads;
+    for (unsigned round = 0; round < 2; round++) { // the second time with what threads themselves take in place
+        if (round == 1)
+            qv_mtrace_start();
+        for (unsigned i = 0; i < kThreads; i++)
+            pthread_create(&threads[i], nullptr, work, kept[i]);
+        for (pthread_t thread : threads)
+            pthread_join(thread, nullptr);
+    }
+    Full now = full_now();
+    qv_mtrace_stop();
+    std::uint32_t own = now.live - kThreads * kKept; // the threads' own blocks
+    EXPECT_LE(own, kThreads);
+    EXPECT_EQ(now.bytes >= kThreads * kKept * 100, true);
+    EXPECT_GE(now.allocs, kThreads * (rounds + kKept));
+    EXPECT_LE(now.allocs, kThreads * (rounds + kKept + 1));
+}
+
+// ---- the table against its description: plain walks over 65,536 slots ----
+
+namespace {
+
+struct Model {
+    struct slot {
+        std::uintptr_t ptr = 0;
+        std::uint32_t size = 0;
+    };
+    std::vector<slot> slots = std::vector<slot>(65536);
+    Full f = {};
+
+    void add(std::uintptr_t ptr, std::uint32_t size)
+    {
+        f.allocs++;
+        if (f.live == 65536)
+            return;
+        std::uint32_t i = f.live;
+        while (slots[i % 65536].ptr != 0)
+            i++;
+        slots[i % 65536] = {ptr, size};
+        f.live++;
+        f.bytes += size;
+    }
+    slot *find(std::uintptr_t ptr)
+    {
+        for (std::uint32_t n = 0; n < 65536; n++)
+            if (slots[(f.live - n) % 65536].ptr == ptr)
+                return &slots[(f.live - n) % 65536];
+        return nullptr;
+    }
+    void release(std::uintptr_t ptr)
+    {
+        f.frees++;
+        slot *s = find(ptr);
+        if (s == nullptr) {
+            f.unmatched_frees++;
+            return;
+        }
+        f.live--;
+        f.bytes -= s->size;
+        s->ptr = 0;
+    }
+    void reallocate(std::uintptr_t before, std::uintptr_t ptr, std::uint32_t size)
+    {
+        f.reallocs++;
+        if (before == 0) {
+            if (ptr != 0)
+                add(ptr, size);
+            return;
+        }
+        slot *s = find(before);
+        if (s == nullptr) {
+            f.unmatched_reallocs++;
+        } else if (ptr != 0) {
+            f.bytes += size - s->size;
+            *s = {ptr, size};
+        } else {
+            s->ptr = 0;
+            f.live--;
+        }
+    }
+};
+
+// An allocator that hands out what the test wants.
+void *next_block;
+
+} // namespace
+
+TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
+{
+    for (unsigned seed = 1; seed <= 3; seed++) {
+        std::mt19937 random(seed);
+        qv_mtrace_reset();
+        qv_mtrace_start();
+        qv_mtrace_stop();
+        old_malloc_hook = [](std::size_t, const void *) { return next_block; };
+        old_free_hook = [](void *, const void *) {};
+        old_realloc_hook = [](void *, std::size_t, const void *) { return next_block; };
+        Model model;
+        // Few addresses, so that many are in the table more than once; now and then near the end of the table.
+        const unsigned kAddresses = 300;
+        std::uint32_t level = 0;
+        for (std::size_t step = 0; step < effort(9000); step++) {
+            if (step % 3000 == 0)
+                level = random() % 3 == 0 ? 65530 : static_cast<std::uint32_t>(random() % 500);
+            while (model.f.live < level && step % 3000 == 0) {
+                std::uintptr_t ptr = 0x100000 + model.f.live * 16;
+                model.add(ptr, 1);
+                add_malloc_record(1, nullptr, reinterpret_cast<void *>(ptr));
+            }
+            std::uintptr_t ptr = 0x1000 + 16 * (random() % kAddresses);
+            auto size = static_cast<std::uint32_t>(random() % 1000);
+            next_block = random() % 10 == 0 ? nullptr : reinterpret_cast<void *>(0x1000 + 16 * (random() % kAddresses));
+            auto next = reinterpret_cast<std::uintptr_t>(next_block);
+            switch (random() % 5) {
+            case 0:
+            case 1:
+                if (next != 0)
+                    model.add(next, size);
+                ASSERT_EQ(my_malloc_hook(size, nullptr), next_block);
+                break;
+            case 2:
+            case 3:
+                model.release(ptr);
+                my_free_hook(reinterpret_cast<void *>(ptr), nullptr);
+                break;
+            default: {
+                std::uintptr_t before = random() % 8 == 0 ? 0 : ptr;
+                model.reallocate(before, next, size);
+                ASSERT_EQ(my_realloc_hook(reinterpret_cast<void *>(before), size, nullptr), next_block);
+            }
+            }
+            // The hooks have installed themselves: nothing of the test's own goes through them.
+            __malloc_hook = nullptr;
+            __free_hook = nullptr;
+            __realloc_hook = nullptr;
+            if (model.f.live < 1000 || step % 200 == 0) { // asking makes a report, which takes its time
+                ASSERT_EQ(full_now(), model.f) << "step " << step;
+            }
+        }
+        old_malloc_hook = nullptr;
+        old_free_hook = nullptr;
+        old_realloc_hook = nullptr;
+    }
+    qv_mtrace_reset();
+}
+
+// ---- leak groups ----
+
+namespace {
+
+[[gnu::noinline]] void *leak_here(std::size_t size)
+{
+    void *block = my_malloc_hook(size, nullptr);
+    asm volatile("" ::"r"(block) : "memory");
+    return block;
+}
+
+[[gnu::noinline]] void *leak_there(std::size_t size)
+{
+    void *block = my_malloc_hook(size, nullptr);
+    asm volatile("nop" ::"r"(block) : "memory");
+    return block;
+}
+
+bool comes_from(const leak_group &group, void *(*function)(std::size_t))
+{
+    auto begin = reinterpret_cast<std::uint64_t>(function);
+    return std::any_of(std::begin(group.trace), std::end(group.trace),
+                       [&](std::uint64_t address) { return address > begin && address < begin + 64; });
+}
+
+// Blocks from two places, 600 bytes in 4 and 500 in 5, and one of no bytes; no other blocks in the table.
+std::vector<void *> leak_some()
+{
+    std::vector<void *> blocks;
+    blocks.reserve(32);
+    qv_mtrace_reset();
+    qv_mtrace_start();
+    for (std::size_t i = 0; i < 4; i++)
+        blocks.push_back(leak_here(150));
+    for (std::size_t i = 0; i < 5; i++)
+        blocks.push_back(leak_there(100));
+    blocks.push_back(my_malloc_hook(0, nullptr));
+    qv_mtrace_stop();
+    return blocks;
+}
+
+void give_back(const std::vector<void *> &blocks)
+{
+    qv_mtrace_stop();
+    for (void *block : blocks)
+        std::free(block);
+}
+
+} // namespace
+
+TEST(LeakGroups, AreByCallChainTheLargestFirst)
+{
+    std::vector<void *> blocks = leak_some();
+    time_wait = 0;
+    leak_group groups[32] = {};
+    write_file("/etc/consolelog", "");
+    ASSERT_EQ(get_malloc_statistics(groups, 32), 2) << "a group of no bytes is none";
+    EXPECT_EQ(groups[0].bytes, 600U);
+    EXPECT_EQ(groups[0].blocks, 4U);
+    EXPECT_TRUE(comes_from(groups[0], leak_here));
+    EXPECT_EQ(groups[1].bytes, 500U);
+    EXPECT_EQ(groups[1].blocks, 5U);
+    EXPECT_TRUE(comes_from(groups[1], leak_there));
+    EXPECT_EQ(read_file("/etc/consolelog"), "") << "all blocks were old enough";
+    give_back(blocks);
+}
+
+TEST(LeakGroups, AsManyAsAreAskedFor)
+{
+    std::vector<void *> blocks = leak_some();
+    time_wait = 0;
+    leak_group groups[2] = {};
+    groups[1].bytes = 77;
+    EXPECT_EQ(get_malloc_statistics(groups, 1), 1);
+    EXPECT_EQ(groups[0].bytes, 600U);
+    EXPECT_EQ(groups[1].bytes, 77U);
+    EXPECT_EQ(get_malloc_statistics(nullptr, 0), 0);
+    EXPECT_EQ(get_malloc_statistics(nullptr, -1), 0);
+    EXPECT_EQ(get_malloc_statistics(nullptr, INT_MIN), 0);
+    give_back(blocks);
+}
+
+TEST(LeakGroups, YoungBlocksAreLeftOutAndTold)
+{
+    std::vector<void *> blocks = leak_some();
+    EXPECT_EQ(time_wait, 1800U);
+    leak_group groups[32];
+    EXPECT_EQ(get_malloc_statistics(groups, 32), 0);
+    EXPECT_THAT(read_file("/etc/consolelog"),
+                testing::EndsWith("Total record 10,  0 records malloc but not free within 1800(s)\n"));
+    for (std::uint64_t end : {UINT64_MAX, UINT64_MAX - 1}) {
+        time_wait = end;
+        EXPECT_EQ(get_malloc_statistics(groups, 32), 0);
+        EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith(" within " + std::to_string(end) + "(s)\n"));
+    }
+    time_wait = 0;
+    give_back(blocks);
+}
+
+TEST(LeakGroups, NothingToTellOf)
+{
+    leak_group groups[1];
+    EXPECT_EQ(get_malloc_statistics(groups, 1), 0) << "no table";
+    qv_mtrace_start();
+    qv_mtrace_stop();
+    EXPECT_EQ(get_malloc_statistics(groups, 1), 0) << "no block";
+    EXPECT_FALSE(exists("/etc/consolelog"));
+}
+
+TEST(LeakGroups, TheReportOfAllAtOnce)
+{
+    std::vector<void *> blocks = leak_some();
+    time_wait = 0;
+    mtrace_stat_record rec;
+    std::memset(&rec, 0x55, sizeof rec);
+    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 4);
+    EXPECT_EQ(rec.rows, 2U);
+    EXPECT_EQ(rec.full[0], 10U);
+    EXPECT_EQ(rec.full[1], 1100U);
+    EXPECT_EQ(rec.full[2], 10U);
+    EXPECT_EQ(rec.full[3] + rec.full[4] + rec.full[5] + rec.full[6], 0U);
+    EXPECT_EQ(rec.row.groups[0].bytes, 600U);
+    EXPECT_EQ(rec.reserved0, 0x55555555U);
+    EXPECT_EQ(rec.reserved1, 0x55555555U);
+    EXPECT_EQ(rec.light_bytes, 0x55555555U) << "the light totals are not asked";
+    give_back(blocks);
+}
+
+TEST(LeakGroups, ManyGroupsFillThirtyTwoRows)
+{
+    qv_mtrace_start();
+    qv_mtrace_stop();
+    // Chains that differ in their depth: the recursion is what tells them apart.
+    struct recursion {
+        [[gnu::noinline]] static int enter(int depth)
+        {
+            if (depth == 0)
+                return add_malloc_record(1, nullptr, &next_address);
+            int result = enter(depth - 1);
+            asm volatile("" : "+r"(result));
+            return result;
+        }
+    };
+    time_wait = 0;
+    leak_group groups[32];
+    for (int depth = 0; depth < 5; depth++)
+        recursion::enter(depth);
+    EXPECT_EQ(get_malloc_statistics(groups, 32), 5);
+    qv_mtrace_reset();
+}
+
+TEST(Comparators, ChainsUpToTheirEnd)
+{
+    const std::uint64_t a[] = {5, 6, 0, 1, 1, 1, 1, 1}, b[] = {5, 6, 0, 2, 2, 2, 2, 2}, c[] = {5, 7, 0, 0, 0, 0, 0, 0};
+    const std::uint64_t d[] = {1, 1, 1, 1, 1, 1, 1, 1}, e[] = {1, 1, 1, 1, 1, 1, 1, 0x8000000000000000};
+    auto compare = [](const std::uint64_t *x, const std::uint64_t *y) {
+        malloc_stat_entry left = {1, 1, x}, right = {2, 2, y};
+        return my_compare_trace(&left, &right);
+    };
+    EXPECT_EQ(compare(a, b), 0) << "nothing counts behind a 0";
+    EXPECT_LT(compare(a, c), 0);
+    EXPECT_GT(compare(c, a), 0);
+    EXPECT_LT(compare(d, e), 0) << "as unsigned numbers";
+    EXPECT_GT(compare(e, d), 0);
+    EXPECT_EQ(compare(e, e), 0);
+}
+
+TEST(Comparators, TheMostBytesFirst)
+{
+    auto compare = [](std::uint32_t x, std::uint32_t y) {
+        malloc_stat_entry left = {x, 1, nullptr}, right = {y, 1, nullptr};
+        return my_compare_bytes(&left, &right);
+    };
+    EXPECT_LT(compare(2, 1), 0);
+    EXPECT_GT(compare(1, 2), 0);
+    EXPECT_EQ(compare(3, 3), 0);
+    EXPECT_LT(compare(0x80000000, 1), 0);
+}
+
+// ---- forks ----
+
+TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
+{
+    NEEDS_INTERPOSITION();
+    qv_mtrace_start();
+    static volatile bool stop = false;
+    std::thread busy([] {
+        while (!stop) {
+            void *volatile block = std::malloc(40);
+            std::free(block);
+        }
+    });
+    for (std::size_t i = 0; i < effort(200); i++) {
+        pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);
+            void *volatile block = std::malloc(33);
+            std::uint32_t live = full_now().live;
+            std::free(block);
+            ::_exit(full_now().live == live - 1 ? 0 : 1);
+        }
+        int status = -1;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0);
+    }
+    stop = true;
+    busy.join();
+    qv_mtrace_reset();
 }

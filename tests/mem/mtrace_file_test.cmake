@@ -1,0 +1,3 @@
+if(TARGET qvenv)
+    add_dependencies(mtrace_file_test qvenv)
+endif()

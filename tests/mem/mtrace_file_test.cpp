@@ -1,0 +1,437 @@
+// SPDX-License-Identifier: Apache-2.0
+// The trace file, and SIGUSR2 under fire.
+#include "qv_mtrace.h"
+
+#include "sighandler.h"
+#include "support/support.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <random>
+#include <thread>
+#include <unistd.h>
+
+using namespace support;
+
+namespace {
+
+#define NEEDS_INTERPOSITION()                                                                                          \
+    if (under_sanitizer())                                                                                             \
+    GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator"
+
+std::string log_path()
+{
+    return "/etc/mtrace" + std::to_string(::getpid()) + ".log";
+}
+
+std::string hex(const void *ptr)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", ptr);
+    return text;
+}
+
+std::uint32_t allocations()
+{
+    mtrace_stat_record rec = {};
+    qv_mtrace_stat_min(&rec);
+    return rec.light_allocs;
+}
+
+void *volatile sink;
+
+// Keeps the compiler from leaving an allocation out.
+void *kept(void *block)
+{
+    sink = block;
+    return block;
+}
+
+// What a traced body wrote, without the places.
+std::vector<std::string> traced(const std::function<void()> &body)
+{
+    ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+    mtrace();
+    body();
+    muntrace();
+    std::vector<std::string> result;
+    for (const std::string &line : lines(read_file("/tmp/trace"))) {
+        std::size_t place = line.starts_with("@ ") ? line.find("] ") : line.npos;
+        result.push_back(place != line.npos ? line.substr(place + 2) : line);
+    }
+    return result;
+}
+
+} // namespace
+
+TEST(MtraceFile, StartsOnlyWithTheVariable)
+{
+    ::unsetenv("MALLOC_TRACE");
+    mtrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    ::setenv("MALLOC_TRACE", "/nowhere/trace", 1);
+    mtrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook) << "a file that cannot be made starts nothing";
+    muntrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+}
+
+TEST(MtraceFile, StandsOnTheHooksThatItFindsAndPutsThemBack)
+{
+    ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+    mtrace();
+    EXPECT_NE(__malloc_hook, my_malloc_light_hook);
+    EXPECT_NE(__malloc_hook, nullptr);
+    auto hook = __malloc_hook;
+    mtrace();
+    EXPECT_EQ(__malloc_hook, hook) << "one at a time";
+    std::uint32_t before = allocations();
+    std::free(kept(std::malloc(10)));
+    if (!under_sanitizer()) {
+        EXPECT_EQ(allocations() - before, 1U) << "the light statistics go on below";
+    }
+    muntrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(__free_hook, my_free_light_hook);
+    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+}
+
+TEST(MtraceFile, LinesOfTheCalls)
+{
+    NEEDS_INTERPOSITION();
+    void *a = nullptr, *b = nullptr, *c = nullptr;
+    volatile std::size_t huge = SIZE_MAX / 2;
+    auto log = traced([&] {
+        a = std::malloc(0x30);
+        b = std::realloc(a, 0x40000);
+        c = std::realloc(nullptr, 0x10);
+        sink = std::realloc(c, huge);
+        sink = std::malloc(huge);
+        sink = std::calloc(3, 5);
+        std::free(nullptr);
+        std::free(b);
+        std::free(c);
+        std::free(sink);
+    });
+    std::vector<std::string> expected = {"= Start",
+                                         "+ " + hex(a) + " 0x30",
+                                         "< " + hex(a),
+                                         "> " + hex(b) + " 0x40000",
+                                         "+ " + hex(c) + " 0x10",
+                                         "! " + hex(c) + " 0x7fffffffffffffff",
+                                         "+ (nil) 0x7fffffffffffffff",
+                                         "+ " + hex(sink) + " 0xf",
+                                         "- " + hex(b),
+                                         "- " + hex(c),
+                                         "- " + hex(sink),
+                                         "= End"};
+    EXPECT_EQ(log, expected);
+}
+
+TEST(MtraceFile, LinesTellThePlace)
+{
+    NEEDS_INTERPOSITION();
+    traced([] { std::free(kept(std::malloc(1))); });
+    auto log = lines(read_file("/tmp/trace"));
+    ASSERT_EQ(log.size(), 4U);
+    EXPECT_THAT(log[1], testing::ContainsRegex("^@ .*mtrace_file_test:(\\(.*\\))?\\[0x[0-9a-f]+\\] \\+ 0x"));
+}
+
+TEST(MtraceFile, FromTheProcessesStart)
+{
+    NEEDS_INTERPOSITION();
+    ChildResult result = run_program({"/bin/sh", "-c", "MALLOC_TRACE=/tmp/own " + build_dir() + "/qvenv set a b"});
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    auto log = lines(read_file("/tmp/own"));
+    ASSERT_GE(log.size(), 3U);
+    EXPECT_EQ(log[0], "= Start");
+    EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string &l) { return l.find("] + 0x") != l.npos; }));
+}
+
+// ---- SIGUSR2 ----
+
+TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
+{
+    NEEDS_INTERPOSITION();
+    install_sighandler();
+    std::uint32_t before = allocations();
+    ::raise(SIGUSR2);
+    ASSERT_TRUE(exists(log_path()));
+    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
+    EXPECT_EQ(old_malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(old_free_hook, my_free_light_hook);
+    EXPECT_EQ(old_realloc_hook, my_realloc_light_hook);
+    void *block = kept(std::malloc(0x123));
+    std::string address = hex(block);
+    std::free(block);
+    EXPECT_EQ(allocations(), before) << "the light counters stand still meanwhile";
+    ::raise(SIGUSR2);
+    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(old_malloc_hook, nullptr);
+    std::string log = read_file(log_path());
+    EXPECT_THAT(log, testing::StartsWith("= Start\n"));
+    EXPECT_THAT(log, testing::HasSubstr("+ " + address + " 0x123\n"));
+    EXPECT_THAT(log, testing::HasSubstr("- " + address + "\n"));
+    EXPECT_THAT(log, testing::EndsWith("= End\n"));
+    before = allocations();
+    std::free(kept(std::malloc(10)));
+    EXPECT_EQ(allocations() - before, 1U);
+}
+
+TEST(Sigusr2, IsSaid)
+{
+    std::size_t start = read_file(kConsole).size();
+    signal_mtrace(SIGUSR2);
+    signal_mtrace(SIGUSR2);
+    EXPECT_EQ(read_file(kConsole).substr(start),
+              "Start mtrace log " + log_path() + "\nStop mtrace log " + log_path() + "\n");
+    EXPECT_THAT(read_file("/etc/consolelog"), testing::HasSubstr("Start mtrace log " + log_path() + "\n"));
+    EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith("Stop mtrace log " + log_path() + "\n"));
+}
+
+TEST(Sigusr2, AStopInstallsTheHandlerAgain)
+{
+    signal_mtrace(SIGUSR2);
+    ::signal(SIGUSR2, SIG_DFL);
+    signal_mtrace(SIGUSR2);
+    EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), signal_mtrace);
+}
+
+TEST(Sigusr2, AnOlderVariableIsOverwrittenAndOthersStay)
+{
+    ::setenv("BEFORE", "1", 1);
+    ::setenv("MALLOC_TRACE", "/tmp/other", 1);
+    ::setenv("BEHIND", "2", 1);
+    signal_mtrace(SIGUSR2);
+    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
+    signal_mtrace(SIGUSR2);
+    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+    EXPECT_STREQ(std::getenv("BEFORE"), "1");
+    EXPECT_STREQ(std::getenv("BEHIND"), "2");
+    ::setenv("LATER", "3", 1);
+    EXPECT_STREQ(std::getenv("LATER"), "3");
+}
+
+TEST(Sigusr2, DuringFullTracing)
+{
+    NEEDS_INTERPOSITION();
+    qv_mtrace_start();
+    signal_mtrace(SIGUSR2);
+    EXPECT_EQ(old_malloc_hook, my_malloc_hook);
+    void *block = kept(std::malloc(10));
+    qv_mtrace_stop(); // puts the old hooks in, which are the library's own now
+    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    std::free(block);
+    std::free(kept(std::malloc(10))); // and nothing goes in a circle
+    signal_mtrace(SIGUSR2);
+    std::free(kept(std::malloc(10)));
+    qv_mtrace_start();
+    std::free(kept(std::malloc(10)));
+    qv_mtrace_reset();
+    std::free(kept(std::malloc(10)));
+}
+
+TEST(Sigusr2, TheScriptOfTheToolsNamesTheLeak)
+{
+    NEEDS_INTERPOSITION();
+    if (::access("/usr/bin/mtrace", X_OK) != 0)
+        GTEST_SKIP() << "mtrace(1) of libc-devtools is not on this machine";
+    install_sighandler();
+    ::raise(SIGUSR2);
+    void *leak = kept(std::malloc(4321));
+    std::free(kept(std::malloc(99)));
+    ::raise(SIGUSR2);
+    ChildResult report = run_program({"/usr/bin/mtrace", log_path()});
+    EXPECT_THAT(report.out, testing::HasSubstr("Memory not freed:"));
+    char address[32];
+    std::snprintf(address, sizeof address, "0x%016lx", reinterpret_cast<unsigned long>(leak));
+    EXPECT_THAT(report.out, testing::ContainsRegex(std::string(address) + " +0x10e1 +at "));
+    EXPECT_THAT(report.out, testing::Not(testing::HasSubstr(" 0x63 "))) << report.out;
+    std::free(leak);
+}
+
+// ---- under fire ----
+
+namespace {
+
+// Allocates at random until told to stop; every block holds its own size, so that a mix-up shows.
+class worker {
+public:
+    explicit worker(unsigned seed) : random_(seed), blocks_(200) {}
+
+    void run(const volatile bool &stop)
+    {
+        while (!stop)
+            step();
+        for (auto &[block, size] : blocks_)
+            give_back(block, size);
+    }
+    bool good() const { return good_; }
+
+private:
+    void step()
+    {
+        auto &[block, size] = blocks_[random_() % blocks_.size()];
+        std::size_t wanted = 1 + random_() % (random_() % 16 == 0 ? 100000 : 600);
+        switch (random_() % 4) {
+        case 0:
+            give_back(block, size);
+            block = static_cast<unsigned char *>(std::malloc(wanted));
+            break;
+        case 1:
+            give_back(block, size);
+            block = static_cast<unsigned char *>(std::calloc(1, wanted));
+            good_ = good_ && block[0] == 0 && block[wanted - 1] == 0;
+            break;
+        case 2:
+            block = static_cast<unsigned char *>(std::realloc(block, wanted));
+            break;
+        default:
+            give_back(block, size);
+            return;
+        }
+        size = wanted;
+        block[0] = block[size - 1] = static_cast<unsigned char>(size);
+    }
+    void give_back(unsigned char *&block, std::size_t size)
+    {
+        if (block == nullptr)
+            return;
+        good_ = good_ && block[0] == static_cast<unsigned char>(size) &&
+                block[size - 1] == static_cast<unsigned char>(size);
+        std::free(block);
+        block = nullptr;
+    }
+
+    std::mt19937 random_;
+    std::vector<std::pair<unsigned char *, std::size_t>> blocks_;
+    bool good_ = true;
+};
+
+double seconds()
+{
+    timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// LIBCOMMON_SOAK_SECONDS asks for longer than a quick look.
+double soak_time()
+{
+    const char *asked = std::getenv("LIBCOMMON_SOAK_SECONDS");
+    return asked != nullptr ? std::atof(asked) : 1.5;
+}
+
+// Eight threads allocate while the caller does what it likes; true when all blocks kept their contents.
+bool soak(double duration, const std::function<void(std::mt19937 &)> &disturb)
+{
+    static volatile bool stop;
+    stop = false;
+    std::vector<worker> workers;
+    for (unsigned seed = 1; seed <= 8; seed++)
+        workers.emplace_back(seed);
+    std::vector<std::thread> threads;
+    for (worker &w : workers)
+        threads.emplace_back([&w] { w.run(stop); });
+    std::mt19937 random(42);
+    for (double end = seconds() + duration; seconds() < end;)
+        disturb(random);
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    return std::all_of(workers.begin(), workers.end(), [](const worker &w) { return w.good(); });
+}
+
+} // namespace
+
+TEST(Soak, CountersAreExactAtTheEnd)
+{
+    NEEDS_INTERPOSITION();
+    mtrace_stat_record before = {}, after = {};
+    ASSERT_TRUE(soak(0.2, [](std::mt19937 &) { ::usleep(1000); })); // threads' own blocks are in place now
+    qv_mtrace_stat_min(&before);
+    ASSERT_TRUE(soak(0.5, [](std::mt19937 &) { ::usleep(1000); }));
+    qv_mtrace_stat_min(&after);
+    EXPECT_GT(after.light_allocs - before.light_allocs, 1000U);
+    EXPECT_EQ(after.light_blocks, before.light_blocks);
+    EXPECT_EQ(after.light_bytes, before.light_bytes);
+}
+
+TEST(Soak, EverythingAtRandomMoments)
+{
+    NEEDS_INTERPOSITION();
+    install_sighandler();
+    time_wait = 0;
+    ::alarm(static_cast<unsigned>(soak_time()) + 60); // a deadlock ends here, loudly
+    ::signal(SIGALRM, SIG_DFL);
+    unsigned toggles = 0;
+    EXPECT_TRUE(soak(soak_time(), [&](std::mt19937 &random) {
+        mtrace_stat_record rec;
+        switch (random() % 6) {
+        case 0:
+            qv_mtrace_start();
+            break;
+        case 1:
+            qv_mtrace_stop();
+            break;
+        case 2:
+            qv_mtrace_reset();
+            break;
+        case 3:
+            qv_mtrace_stat(&rec, 0);
+            break;
+        case 4:
+            ::kill(::getpid(), SIGUSR2); // any thread takes it, wherever it is
+            toggles++;
+            break;
+        default:
+            ::usleep(static_cast<useconds_t>(random() % 2000));
+        }
+    }));
+    if (toggles % 2 != 0)
+        ::raise(SIGUSR2);
+    qv_mtrace_reset();
+    my_init_hook();
+    std::uint32_t count = allocations();
+    std::free(kept(std::malloc(10)));
+    EXPECT_EQ(allocations() - count, 1U) << "everything works as before";
+}
+
+TEST(Soak, TheSignalMeetsItsThreadInsideTheAllocator)
+{
+    NEEDS_INTERPOSITION();
+    install_sighandler();
+    ::signal(SIGALRM, SIG_DFL);
+    ::alarm(60);
+    // One thread, so that a wait would be for itself; first with light hooks, then inside full ones.
+    for (bool full : {false, true}) {
+        if (full)
+            qv_mtrace_start();
+        timer_t timer;
+        sigevent event = {};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGUSR2;
+        ASSERT_EQ(::timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+        itimerspec often = {{0, 300000}, {0, 300000}};
+        ::timer_settime(timer, 0, &often, nullptr);
+        worker w(3);
+        static volatile bool stop;
+        stop = false;
+        std::thread clock([] {
+            sigset_t all;
+            ::sigfillset(&all);
+            ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+            ::usleep(400000);
+            stop = true;
+        });
+        w.run(stop);
+        clock.join();
+        ::timer_delete(timer);
+        EXPECT_TRUE(w.good());
+    }
+    qv_mtrace_reset();
+}
