@@ -65,7 +65,7 @@ bool is_ours(realloc_fn hook)
 namespace {
 
 // Set by malloc() when it is called from inside a hook; that is a way to find out whether it is ours.
-bool malloc_was_called_inside = false;
+[[maybe_unused]] bool malloc_was_called_inside = false;
 
 bool find_out_whether_intercepting()
 {
