@@ -1,3 +1,3 @@
-if(TARGET qvenv)
-    add_dependencies(mtrace_file_test qvenv)
+if(TARGET sampled)
+    add_dependencies(mtrace_file_test sampled)
 endif()
