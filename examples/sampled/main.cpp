@@ -3,12 +3,14 @@
 // console, answers dump requests and leaves a crash log.
 //
 //     sampled [--period SECONDS] [--clients N] [--run-for SECONDS] [--crash-after SECONDS] [--name NAME]
-//             [--port N] [--vr ID]... [--ifname NAME]...
+//             [--leak BYTES] [--port N] [--vr ID]... [--ifname NAME]...
 //
 // In each virtual router that is given, by its id or by an interface in it, it answers echo requests (UDP port 7007).
-// That takes the appliance's kernel, or the stand-in for it. Times may have fractions. Try `kill -52 PID` while it
-// runs, or --crash-after 2, and look into /etc/core.
+// That takes the appliance's kernel, or the stand-in for it. With --leak it forgets some memory at each sample, and
+// tells on SIGUSR1 where that was allocated. Times may have fractions. Try `kill -52 PID` while it runs, or
+// --crash-after 2, and look into /etc/core.
 #include "echo.h"
+#include "leak.h"
 #include "loop.h"
 #include "sampler.h"
 #include "sessions.h"
@@ -40,6 +42,7 @@ struct options {
     unsigned clients = 4;
     double run_for = 0.0;     // 0: until a signal asks to stop
     double crash_after = 0.0; // 0: never
+    long leak = 0;            // bytes a sample
     const char *name = nullptr;
     int port = sampled::kEchoPort;
     std::array<echo_place, kMostPlaces> places{};
@@ -49,7 +52,7 @@ struct options {
 int usage()
 {
     std::fputs("usage: sampled [--period S] [--clients N] [--run-for S] [--crash-after S] [--name NAME]\n"
-               "               [--port N] [--vr ID]... [--ifname NAME]...\n",
+               "               [--leak BYTES] [--port N] [--vr ID]... [--ifname NAME]...\n",
                stderr);
     return 2;
 }
@@ -69,6 +72,8 @@ bool parse(int argc, char **argv, options &options)
             options.run_for = std::atof(value);
         else if (is("--crash-after"))
             options.crash_after = std::atof(value);
+        else if (is("--leak"))
+            options.leak = std::atol(value);
         else if (is("--name"))
             options.name = value;
         else if (is("--port"))
@@ -107,6 +112,8 @@ int main(int argc, char **argv)
         return 1;
     console_print("sampled: started, pid %d\n", ::getpid());
     if (!answer_echoes(options))
+        return 1;
+    if (options.leak > 0 && !sampled::leak_start(static_cast<std::size_t>(options.leak)))
         return 1;
     sampled::sampler_start(options.period, options.clients);
     if (options.run_for > 0)

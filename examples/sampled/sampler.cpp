@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sampler.h"
 
+#include "leak.h"
 #include "loop.h"
 #include "sessions.h"
 
 #include <console_print.h>
 #include <sighandler.h>
 #include <signal_printf.h>
+
+#include <cstdio>
 
 namespace sampled {
 namespace {
@@ -40,10 +43,12 @@ QV_COREDUMP_CALLBACK(add_state);
 
 [[gnu::noinline]] void take_sample(unsigned long *slot)
 {
-    auto client = static_cast<unsigned>(samples % clients);
+    char client[32];
+    std::snprintf(client, sizeof client, "client-%lu", samples % clients);
     samples++;
     store_sample(slot);
-    console_print("sampled: sample %lu, session %u\n", samples, sessions_touch(client));
+    leak_some();
+    console_print("sampled: sample %lu of %s, session %d\n", samples, client, sessions_touch(client));
 }
 
 // The bug that --crash-after asks for: a sample goes to where no memory is.

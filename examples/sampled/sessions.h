@@ -7,8 +7,8 @@ namespace sampled {
 
 bool sessions_init();
 
-// Keeps the client's session alive, opening one if need be. Returns the session's number, 0 when there is no memory.
-unsigned sessions_touch(unsigned client);
+// Keeps the client's session alive, opening one if need be. Returns the session's number, 0 when none can be had.
+int sessions_touch(const char *client);
 
 unsigned sessions_count();
 void sessions_finish();

@@ -25,9 +25,9 @@ TEST(Sampled, TakesSamplesUntilItsTimeIsOver)
     EXPECT_TRUE(result.exited(0)) << result.status << result.err;
     std::string log = console_log();
     EXPECT_THAT(log, testing::HasSubstr("sampled: started, pid "));
-    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 1, session 1\n"));
-    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 2, session 2\n"));
-    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 3, session 1\n")) << "the first client's second sample";
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 1 of client-0, session 1\n"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 2 of client-1, session 2\n"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 3 of client-0, session 1\n")) << "the first client's second sample";
     EXPECT_THAT(log, testing::ContainsRegex("sampled: stopping after [0-9]+ samples\n"));
 }
 
@@ -41,6 +41,19 @@ TEST(Sampled, ACrashIsLogged)
             log = read_file("/etc/core/" + name);
     EXPECT_THAT(log, testing::HasSubstr("sampled15take_bad_sample"));
     EXPECT_THAT(log, testing::HasSubstr("sampled: 1 samples, 1 wakeups, 0 sessions\n"));
+}
+
+TEST(Sampled, ItsLeakIsFound)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator";
+    ChildResult result = run_program({"/bin/sh", "-c",
+                                      build_dir() + "/examples/sampled --period 0.1 --leak 1000 --run-for 3 &\n"
+                                                    "sleep 2.5; kill -USR1 $!; wait $!"});
+    EXPECT_TRUE(result.exited(0)) << result.status << result.err;
+    std::string log = console_log();
+    EXPECT_THAT(log, testing::ContainsRegex("sampled: [0-9]+000 bytes in [0-9]+ blocks stay allocated\n"));
+    EXPECT_THAT(log, testing::ContainsRegex("sampled:     from .*leak_some.*@0x"));
 }
 
 TEST(Sampled, Usage)
