@@ -8,11 +8,12 @@
 
 namespace light {
 
+shard shards[kShards];
+
 namespace {
 
-constexpr unsigned kShards = 128;
+constexpr unsigned kProbes = 8; // a thread's shard is its home or one of those behind it
 
-shard shards[kShards];
 shard common_shard;
 
 // What had been counted at the last clear(): shards are written by their threads alone, so clearing is subtracting.
@@ -20,18 +21,44 @@ statistics cleared;
 
 pthread_key_t thread_end;
 bool thread_end_is_watched;
-
-bool take(shard &free)
-{
-    bool taken = false;
-    return __atomic_compare_exchange_n(&free.taken, &taken, true, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
-}
+constinit thread_local bool is_ending = false;
 
 void give_back(void *own)
 {
-    hooks::self.counters = nullptr;
-    hooks::self.is_ending = true; // what it still allocates and frees, it counts in the common one
-    __atomic_store_n(&static_cast<shard *>(own)->taken, false, __ATOMIC_RELEASE);
+    is_ending = true; // what it still allocates and frees, it counts in the common one
+    __atomic_store_n(&static_cast<shard *>(own)->owner, 0, __ATOMIC_RELEASE);
+}
+
+// The first shard on the thread's way that it owns or, given 0, that nobody owns.
+shard *probe(std::uintptr_t thread, std::uintptr_t owner)
+{
+    for (unsigned i = 0; i < kProbes; i++) {
+        shard &each = shards[(home_of(thread) + i) % kShards];
+        if (__atomic_load_n(&each.owner, __ATOMIC_RELAXED) == owner)
+            return &each;
+    }
+    return nullptr;
+}
+
+shard *claim(std::uintptr_t thread)
+{
+    while (shard *free = probe(thread, 0)) {
+        std::uintptr_t nobody = 0;
+        if (!__atomic_compare_exchange_n(&free->owner, &nobody, thread, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+            continue;
+        if (thread_end_is_watched)
+            pthread_setspecific(thread_end, free);
+        return free;
+    }
+    return nullptr;
+}
+
+// Null for a thread that must do with the common one.
+shard *find_or_claim()
+{
+    std::uintptr_t thread = thread_pointer();
+    shard *own = probe(thread, thread);
+    return own != nullptr || is_ending ? own : claim(thread);
 }
 
 template <typename Function>
@@ -57,24 +84,12 @@ statistics sum_of_shards()
     return sum;
 }
 
-bool claim()
-{
-    shard *own = hooks::self.is_ending ? std::end(shards) : std::find_if(std::begin(shards), std::end(shards), take);
-    if (own == std::end(shards))
-        return false;
-    // Before anything that may itself allocate.
-    hooks::self.counters = own;
-    if (thread_end_is_watched)
-        pthread_setspecific(thread_end, own);
-    return true;
-}
-
 } // namespace
 
-void *count_without_shard(counter what, std::uint32_t size, counter bytes, void *block)
+void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *block)
 {
-    if (claim()) {
-        count(*hooks::self.counters, what, size, bytes);
+    if (shard *own = find_or_claim()) {
+        count(*own, what, size, bytes);
         return block;
     }
     class_counters &counters = common_shard.classes[class_of(size)];
@@ -111,8 +126,8 @@ void watch_threads()
 void after_fork_in_child()
 {
     for (shard &each : shards)
-        if (&each != hooks::self.counters)
-            each.taken = false;
+        if (each.owner != thread_pointer())
+            each.owner = 0;
 }
 
 } // namespace light

@@ -33,9 +33,37 @@ struct class_counters {
 using statistics = std::array<class_counters, kClasses>;
 
 struct alignas(64) shard {
+    std::uintptr_t owner; // thread pointer; 0 for none; written atomically
     statistics classes;
-    bool taken; // written atomically
 };
+
+inline constexpr unsigned kShardBits = 7;
+inline constexpr unsigned kShards = 1U << kShardBits;
+extern shard shards[kShards];
+
+inline std::uintptr_t thread_pointer()
+{
+    std::uintptr_t pointer;
+#if defined(__x86_64__)
+    asm("mov %%fs:0, %0" : "=r"(pointer));
+#else
+    asm("mrs %0, tpidr_el0" : "=r"(pointer));
+#endif
+    return pointer;
+}
+
+inline unsigned home_of(std::uintptr_t thread)
+{
+    return static_cast<unsigned>((thread >> 6) * 0x9E3779B97F4A7C15 >> (64 - kShardBits));
+}
+
+// The thread's shard if it is where it should be; else null, and the slow way finds or makes it.
+inline shard *shard_at_home()
+{
+    std::uintptr_t thread = thread_pointer();
+    shard &home = shards[home_of(thread)];
+    return __atomic_load_n(&home.owner, __ATOMIC_RELAXED) == thread ? &home : nullptr;
+}
 
 // The class of 2^k and above, below 2^(k+1); 0 and 1 share the first.
 inline unsigned class_of(std::uint32_t size)
@@ -58,9 +86,9 @@ inline void count(shard &own, counter what, std::uint32_t size, counter bytes)
     add(counters.*bytes, size);
 }
 
-// For a thread that has no shard: it gets one, or counts in the common one. Returns the block, so that the caller has
-// nothing left to do.
-void *count_without_shard(counter what, std::uint32_t size, counter bytes, void *block);
+// For a thread whose shard is not at home: in the one that it has or gets, or in the common one. Returns the block, so
+// that the caller has nothing left to do.
+void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *block);
 
 // Returns null. Any thread.
 void *count_failure(std::size_t requested);
@@ -73,11 +101,11 @@ void count_given_up(counter what, void *block)
 {
     if (block == nullptr)
         return;
-    shard *own = hooks::self.counters;
+    shard *own = shard_at_home();
     if (own != nullptr) [[likely]]
         count(*own, what, size_of(block), &class_counters::bytes_returned);
     else
-        count_without_shard(what, size_of(block), &class_counters::bytes_returned, block);
+        count_elsewhere(what, size_of(block), &class_counters::bytes_returned, block);
 }
 
 template <auto size_of = hooks::chunk_size>
@@ -85,9 +113,9 @@ void *counted(counter what, void *block, std::size_t requested)
 {
     if (block == nullptr) [[unlikely]]
         return count_failure(requested);
-    shard *own = hooks::self.counters;
+    shard *own = shard_at_home();
     if (own == nullptr) [[unlikely]]
-        return count_without_shard(what, size_of(block), &class_counters::bytes_taken, block);
+        return count_elsewhere(what, size_of(block), &class_counters::bytes_taken, block);
     count(*own, what, size_of(block), &class_counters::bytes_taken);
     return block;
 }

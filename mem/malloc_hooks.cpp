@@ -20,7 +20,7 @@ hooks::realloc_fn old_realloc_hook = nullptr;
 
 namespace hooks {
 
-constinit thread_local thread_state self;
+constinit thread_local bool inside = false;
 bool intercepting = false;
 
 hook_set current()
@@ -141,7 +141,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void *malloc_otherwise(std::size_t size, const void *caller)
 {
     hooks::malloc_fn hook = hooks::load(__malloc_hook);
-    if (hooks::self.inside) {
+    if (hooks::inside) {
         hooks::malloc_was_called_inside = true;
         return __libc_malloc(size);
     }
@@ -155,7 +155,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void free_otherwise(void *ptr, const void *caller)
 {
     hooks::free_fn hook = hooks::load(__free_hook);
-    if (hook == nullptr || hooks::self.inside)
+    if (hook == nullptr || hooks::inside)
         return __libc_free(ptr);
     if (hook == my_free_light_hook)
         return light::release(ptr, caller);
@@ -165,7 +165,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void *realloc_otherwise(void *ptr, std::size_t size, const void *caller)
 {
     hooks::realloc_fn hook = hooks::load(__realloc_hook);
-    if (hook == nullptr || hooks::self.inside)
+    if (hook == nullptr || hooks::inside)
         return __libc_realloc(ptr, size);
     if (hook == my_realloc_light_hook)
         return light::reallocate(ptr, size, caller);
@@ -179,7 +179,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
         errno = ENOMEM;
         return nullptr;
     }
-    if (hooks::load(__malloc_hook) == nullptr || hooks::self.inside)
+    if (hooks::load(__malloc_hook) == nullptr || hooks::inside)
         return __libc_calloc(count, size);
     void *block = malloc_otherwise(bytes, caller);
     return block != nullptr ? std::memset(block, 0, bytes) : nullptr;

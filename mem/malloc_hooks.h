@@ -23,28 +23,21 @@ void *__libc_realloc(void *ptr, std::size_t size);
 void __libc_free(void *ptr);
 }
 
-namespace light {
-struct shard;
-}
-
 namespace hooks {
 
 using malloc_fn = void *(*)(std::size_t size, const void *caller);
 using free_fn = void (*)(void *ptr, const void *caller);
 using realloc_fn = void *(*)(void *ptr, std::size_t size, const void *caller);
 
-// One thread's state. Initial-exec, since the general kind may allocate when it is first touched.
-struct thread_state {
-    light::shard *counters = nullptr; // its own; null before its first count, and while there is none to be had
-    bool inside = false;              // a hook that must not be entered again
-    bool is_ending = false;
-};
-extern constinit thread_local thread_state self [[gnu::tls_model("initial-exec")]];
+// Set while this thread is in a hook that must not be entered again. Not of the initial-exec kind: together with the
+// crash log's table of mappings that would take more static room than a process has left for a library that it loads
+// late.
+extern constinit thread_local bool inside;
 
 class inside_scope {
 public:
-    inside_scope() : before_(std::exchange(self.inside, true)) {}
-    ~inside_scope() { self.inside = before_; }
+    inside_scope() : before_(std::exchange(inside, true)) {}
+    ~inside_scope() { inside = before_; }
 
 private:
     bool before_;
@@ -119,7 +112,7 @@ template <typename Hook>
 Hook foreign(Hook &variable)
 {
     Hook hook = load(variable);
-    return hook == nullptr || is_ours(hook) || self.inside ? nullptr : hook;
+    return hook == nullptr || is_ours(hook) || inside ? nullptr : hook;
 }
 
 inline void *old_malloc(std::size_t size, const void *caller)

@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/mount.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -47,9 +48,18 @@ void check_result(const char *value)
 
 } // namespace
 
-// The machine's own store is left alone: the fuzzer works on a /tmp of its own.
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+// The machine's own store is left alone: the fuzzer works on a /tmp of its own. Corpora that lie in the other one are
+// reached through descriptors from then on.
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
+    static std::vector<std::string> renamed(static_cast<std::size_t>(*argc));
+    for (std::size_t i = 1; i < renamed.size(); i++) {
+        int folder = ::open((*argv)[i], O_PATH | O_DIRECTORY);
+        if (folder < 0)
+            continue;
+        renamed[i] = "/proc/self/fd/" + std::to_string(folder);
+        (*argv)[i] = renamed[i].data();
+    }
     if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 && ::unshare(CLONE_NEWNS) != 0)
         return 0;
     ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
