@@ -8,13 +8,14 @@
 
 namespace light {
 
-shard shards[kShards];
+std::uintptr_t owners[kShards];
+statistics shards[kShards];
 
 namespace {
 
 constexpr unsigned kProbes = 8; // a thread's shard is its home or one of those behind it
 
-shard common_shard;
+statistics common_shard;
 
 // What had been counted at the last clear(): shards are written by their threads alone, so clearing is subtracting.
 statistics cleared;
@@ -23,28 +24,28 @@ pthread_key_t thread_end;
 bool thread_end_is_watched;
 constinit thread_local bool is_ending = false;
 
-void give_back(void *own)
+void give_back(void *owner)
 {
     is_ending = true; // what it still allocates and frees, it counts in the common one
-    __atomic_store_n(&static_cast<shard *>(own)->owner, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(static_cast<std::uintptr_t *>(owner), 0, __ATOMIC_RELEASE);
 }
 
-// The first shard on the thread's way that it owns or, given 0, that nobody owns.
-shard *probe(std::uintptr_t thread, std::uintptr_t owner)
+// The first shard on the thread's way that has this owner, 0 for nobody; its owner's place.
+std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
 {
     for (unsigned i = 0; i < kProbes; i++) {
-        shard &each = shards[(home_of(thread) + i) % kShards];
-        if (__atomic_load_n(&each.owner, __ATOMIC_RELAXED) == owner)
+        std::uintptr_t &each = owners[(home_of(thread) + i) % kShards];
+        if (__atomic_load_n(&each, __ATOMIC_RELAXED) == owner)
             return &each;
     }
     return nullptr;
 }
 
-shard *claim(std::uintptr_t thread)
+std::uintptr_t *claim(std::uintptr_t thread)
 {
-    while (shard *free = probe(thread, 0)) {
+    while (std::uintptr_t *free = probe(thread, 0)) {
         std::uintptr_t nobody = 0;
-        if (!__atomic_compare_exchange_n(&free->owner, &nobody, thread, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        if (!__atomic_compare_exchange_n(free, &nobody, thread, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
             continue;
         if (thread_end_is_watched)
             pthread_setspecific(thread_end, free);
@@ -54,11 +55,13 @@ shard *claim(std::uintptr_t thread)
 }
 
 // Null for a thread that must do with the common one.
-shard *find_or_claim()
+statistics *find_or_claim()
 {
     std::uintptr_t thread = thread_pointer();
-    shard *own = probe(thread, thread);
-    return own != nullptr || is_ending ? own : claim(thread);
+    std::uintptr_t *own = probe(thread, thread);
+    if (own == nullptr && !is_ending)
+        own = claim(thread);
+    return own != nullptr ? &shards[own - owners] : nullptr;
 }
 
 template <typename Function>
@@ -76,8 +79,8 @@ void for_each_counter(statistics &to, const statistics &from, Function function)
 statistics sum_of_shards()
 {
     statistics sum{};
-    auto add_all = [&](const shard &from) {
-        for_each_counter(sum, from.classes, [](std::uint32_t &to, std::uint32_t more) { to += more; });
+    auto add_all = [&](const statistics &from) {
+        for_each_counter(sum, from, [](std::uint32_t &to, std::uint32_t more) { to += more; });
     };
     std::for_each(std::begin(shards), std::end(shards), add_all);
     add_all(common_shard);
@@ -88,11 +91,11 @@ statistics sum_of_shards()
 
 void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *block)
 {
-    if (shard *own = find_or_claim()) {
+    if (statistics *own = find_or_claim()) {
         count(*own, what, size, bytes);
         return block;
     }
-    class_counters &counters = common_shard.classes[class_of(size)];
+    class_counters &counters = common_shard[class_of(size)];
     __atomic_fetch_add(&(counters.*what), 1, __ATOMIC_RELAXED);
     __atomic_fetch_add(&(counters.*bytes), size, __ATOMIC_RELAXED);
     return block;
@@ -100,7 +103,7 @@ void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *blo
 
 void *count_failure(std::size_t requested)
 {
-    class_counters &counters = common_shard.classes[class_of(static_cast<std::uint32_t>(requested))];
+    class_counters &counters = common_shard[class_of(static_cast<std::uint32_t>(requested))];
     __atomic_fetch_add(&counters.failures, 1, __ATOMIC_RELAXED);
     return nullptr;
 }
@@ -125,9 +128,9 @@ void watch_threads()
 
 void after_fork_in_child()
 {
-    for (shard &each : shards)
-        if (each.owner != thread_pointer())
-            each.owner = 0;
+    for (std::uintptr_t &owner : owners)
+        if (owner != thread_pointer())
+            owner = 0;
 }
 
 } // namespace light

@@ -30,16 +30,16 @@ struct class_counters {
     std::uint32_t padding = 0; // to a power of two
 };
 
-using statistics = std::array<class_counters, kClasses>;
-
-struct alignas(64) shard {
-    std::uintptr_t owner; // thread pointer; 0 for none; written atomically
-    statistics classes;
-};
+struct alignas(64) statistics : std::array<class_counters, kClasses> {};
 
 inline constexpr unsigned kShardBits = 7;
 inline constexpr unsigned kShards = 1U << kShardBits;
-extern shard shards[kShards];
+static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
+
+// A shard's owner is its thread's pointer; 0 for none. Apart from the counters, since every thread reads them, and
+// written seldom: atomically.
+extern std::uintptr_t owners[kShards];
+extern statistics shards[kShards];
 
 inline std::uintptr_t thread_pointer()
 {
@@ -54,15 +54,15 @@ inline std::uintptr_t thread_pointer()
 
 inline unsigned home_of(std::uintptr_t thread)
 {
-    return static_cast<unsigned>((thread >> 6) * 0x9E3779B97F4A7C15 >> (64 - kShardBits));
+    return static_cast<unsigned>(thread * 0x9E3779B97F4A7C15 >> (64 - kShardBits));
 }
 
 // The thread's shard if it is where it should be; else null, and the slow way finds or makes it.
-inline shard *shard_at_home()
+inline statistics *shard_at_home()
 {
     std::uintptr_t thread = thread_pointer();
-    shard &home = shards[home_of(thread)];
-    return __atomic_load_n(&home.owner, __ATOMIC_RELAXED) == thread ? &home : nullptr;
+    unsigned home = home_of(thread);
+    return __atomic_load_n(&owners[home], __ATOMIC_RELAXED) == thread ? &shards[home] : nullptr;
 }
 
 // The class of 2^k and above, below 2^(k+1); 0 and 1 share the first.
@@ -79,9 +79,9 @@ inline void add(std::uint32_t &own, std::uint32_t value)
 }
 
 // One more of `what`, and the size to `bytes`.
-inline void count(shard &own, counter what, std::uint32_t size, counter bytes)
+inline void count(statistics &own, counter what, std::uint32_t size, counter bytes)
 {
-    class_counters &counters = own.classes[class_of(size)];
+    class_counters &counters = own[class_of(size)];
     add(counters.*what, 1);
     add(counters.*bytes, size);
 }
@@ -101,7 +101,7 @@ void count_given_up(counter what, void *block)
 {
     if (block == nullptr)
         return;
-    shard *own = shard_at_home();
+    statistics *own = shard_at_home();
     if (own != nullptr) [[likely]]
         count(*own, what, size_of(block), &class_counters::bytes_returned);
     else
@@ -113,7 +113,7 @@ void *counted(counter what, void *block, std::size_t requested)
 {
     if (block == nullptr) [[unlikely]]
         return count_failure(requested);
-    shard *own = shard_at_home();
+    statistics *own = shard_at_home();
     if (own == nullptr) [[unlikely]]
         return count_elsewhere(what, size_of(block), &class_counters::bytes_taken, block);
     count(*own, what, size_of(block), &class_counters::bytes_taken);

@@ -25,6 +25,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <string_view>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -34,15 +35,18 @@ namespace {
 
 constexpr std::size_t kLineSize = 1024;
 constexpr std::size_t kPathSize = 256;
+constexpr std::size_t kBufferSize = 4096; // what a process that is killed may lose of its trace
 constexpr int kFileMode = 0666;
 
 // ---- state, under `lock` ----
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-bool toggling = false;   // the holder of the lock carries out a toggle; written by it alone
-pthread_t toggler;       // who that is
-int file = -1;           // the trace file; -1 while there is no trace
-hooks::hook_set below;   // what the trace stands on
+bool toggling = false;    // the holder of the lock carries out a toggle; written by it alone
+pthread_t toggler;        // who that is
+int file = -1;            // the trace file; -1 while there is no trace
+hooks::hook_set below;    // what the trace stands on
+char buffer[kBufferSize]; // lines on their way to the file
+std::size_t buffered = 0;
 bool mtrace_sig = false; // the trace was started by SIGUSR2
 
 int pending_toggles = 0; // written atomically
@@ -85,17 +89,32 @@ public:
     void repeat_place(std::size_t place) { append("%.*s", static_cast<int>(place), text_); }
     std::size_t length() const { return length_; }
 
-    void write(int fd) const
-    {
-        base::errno_guard keep;
-        ssize_t ignored = ::write(fd, text_, length_);
-        static_cast<void>(ignored);
-    }
+    std::string_view text() const { return {text_, length_}; }
 
 private:
     char text_[kLineSize];
     std::size_t length_ = 0;
 };
+
+// ---- the file's buffer, with the lock held ----
+
+void flush()
+{
+    base::errno_guard keep;
+    ssize_t ignored = ::write(file, buffer, buffered);
+    static_cast<void>(ignored);
+    buffered = 0;
+}
+
+void put(std::string_view text)
+{
+    if (file < 0)
+        return;
+    if (text.size() > sizeof buffer - buffered)
+        flush();
+    std::memcpy(buffer + buffered, text.data(), text.size());
+    buffered += text.size();
+}
 
 // ---- calling what the trace stands on ----
 
@@ -158,7 +177,7 @@ void *traced_malloc(std::size_t size, const void *caller)
     trace_lock held;
     void *block = malloc_below(size, caller);
     text.append("+ %p %#lx\n", block, size);
-    text.write(file);
+    put(text.text());
     return block;
 }
 
@@ -169,7 +188,7 @@ void traced_free(void *ptr, const void *caller)
     line text(caller);
     text.append("- %p\n", ptr);
     trace_lock held;
-    text.write(file);
+    put(text.text());
     free_below(ptr, caller);
 }
 
@@ -191,17 +210,11 @@ void *traced_realloc(void *ptr, std::size_t size, const void *caller)
     } else {
         text.append("! %#lx %#lx\n", before, size);
     }
-    text.write(file);
+    put(text.text());
     return block;
 }
 
 // ---- start and stop, with the lock held ----
-
-void write_mark(const char *mark)
-{
-    ssize_t ignored = ::write(file, mark, std::strlen(mark));
-    static_cast<void>(ignored);
-}
 
 void start()
 {
@@ -211,7 +224,7 @@ void start()
     file = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, kFileMode);
     if (file < 0)
         return;
-    write_mark("= Start\n");
+    put("= Start\n");
     below = hooks::current();
     hooks::install(own_hooks());
 }
@@ -221,7 +234,8 @@ void stop()
     if (file < 0)
         return;
     hooks::install(below);
-    write_mark("= End\n");
+    put("= End\n");
+    flush();
     ::close(file);
     file = -1;
 }
@@ -311,9 +325,12 @@ hooks::hook_set own_hooks()
     return {traced_malloc, traced_free, traced_realloc};
 }
 
+// The child does not write what the parent has yet to.
 void before_fork()
 {
     pthread_mutex_lock(&lock);
+    if (file >= 0)
+        flush();
 }
 
 void after_fork_in_parent()
@@ -326,6 +343,15 @@ void after_fork_in_parent()
 void after_fork_in_child()
 {
     pending_toggles = 0;
+    pthread_mutex_unlock(&lock);
+}
+
+// At exit the lines that are left go out; whoever still allocates goes on with the trace.
+[[gnu::destructor]] void flush_at_exit()
+{
+    pthread_mutex_lock(&lock);
+    if (file >= 0)
+        flush();
     pthread_mutex_unlock(&lock);
 }
 

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// What heap accounting costs: the light statistics against the bare allocator, full tracing with few and with many live
+// blocks, and a report of a full table. Another allocator is measured by preloading it: "ours" is malloc() as it is found.
+#include "qv_mtrace.h"
+
+#include <benchmark/benchmark.h>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+extern "C" {
+void *__libc_malloc(std::size_t size);
+void __libc_free(void *block);
+}
+
+namespace {
+
+// A pair of calls as one finds them, whatever library they are in.
+struct allocator {
+    void *(*allocate)(std::size_t size);
+    void (*release)(void *block);
+};
+
+void pairs(benchmark::State &state, const allocator &which)
+{
+    std::size_t i = 0;
+    for (auto _ : state) {
+        void *block = which.allocate(16 + (i++ * 37 & 1023) % 1009);
+        benchmark::DoNotOptimize(block);
+        which.release(block);
+    }
+}
+
+const bool registered = [] {
+    const std::pair<const char *, allocator> all[] = {
+        {"pair/ours", {std::malloc, std::free}},
+        {"pair/bare", {__libc_malloc, __libc_free}},
+    };
+    for (const auto &[name, which] : all) {
+        for (int threads : {1, 2})
+            benchmark::RegisterBenchmark(name, [which = which](benchmark::State &state) { pairs(state, which); })
+                ->Threads(threads)
+                ->UseRealTime();
+    }
+    return true;
+}();
+
+// ---- full tracing ----
+
+void full_pair(benchmark::State &state)
+{
+    std::vector<void *> live(static_cast<std::size_t>(state.range(0)));
+    qv_mtrace_start();
+    for (void *&block : live)
+        block = std::malloc(32);
+    std::size_t i = 0;
+    for (auto _ : state) { // an old block goes, a new one comes
+        void *&block = live[i++ * 7919 % live.size()];
+        std::free(block);
+        block = std::malloc(32);
+    }
+    for (void *block : live)
+        std::free(block);
+    qv_mtrace_reset();
+    my_init_hook();
+}
+BENCHMARK(full_pair)->Arg(100)->Arg(60000);
+
+// Every call as a line in a file.
+void file_pair(benchmark::State &state)
+{
+    ::setenv("MALLOC_TRACE", "/dev/null", 1);
+    mtrace();
+    for (auto _ : state) {
+        void *block = std::malloc(32);
+        benchmark::DoNotOptimize(block);
+        std::free(block);
+    }
+    muntrace();
+    ::unsetenv("MALLOC_TRACE");
+}
+BENCHMARK(file_pair);
+
+// ---- reports ----
+
+void report_of_a_full_table(benchmark::State &state)
+{
+    qv_mtrace_start();
+    qv_mtrace_stop();
+    time_wait = 0;
+    for (std::uintptr_t i = 1; i <= MTRACE_TABLE_SIZE; i++)
+        add_malloc_record(i % 100, nullptr, reinterpret_cast<void *>(i * 16));
+    mtrace_stat_record record;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(qv_mtrace_stat(&record, 0));
+    qv_mtrace_reset();
+    my_init_hook();
+}
+BENCHMARK(report_of_a_full_table)->Unit(benchmark::kMillisecond);
+
+} // namespace
