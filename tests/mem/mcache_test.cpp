@@ -1,76 +1,629 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "mcache.h"
 
+#include "fault/crash_support.h"
+#include "qv_mtrace.h"
 #include "support/support.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <deque>
+#include <dlfcn.h>
+#include <list>
+#include <pthread.h>
+#include <random>
+#include <set>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace support;
 
 namespace {
 
-TEST(Mcache, SizesOnBothSidesOfTheLimits)
+// ---- the memory format, as others read it ----
+
+constexpr std::uint64_t kMagic = 0xa68f25e04b37d14c;
+constexpr std::uint64_t kGuard = 0xdeaddeaddeaddead;
+
+struct page_record {
+    std::uint64_t magic;
+    std::uint32_t free_count;
+    std::uint32_t unused;
+    page_record *prev, *next;
+    char *free_head;
+};
+
+page_record *as_page(mcache_page *page)
 {
-    mcache *one = mcache_create("one", 1, nullptr, 1, 1);
+    return reinterpret_cast<page_record *>(page);
+}
+
+std::uint32_t offset_of(void *object)
+{
+    std::uint32_t offset;
+    std::memcpy(&offset, static_cast<char *>(object) - 8, sizeof offset);
+    return offset;
+}
+
+std::uint32_t &flags_of(void *object)
+{
+    return *reinterpret_cast<std::uint32_t *>(static_cast<char *>(object) - 4);
+}
+
+page_record *page_of(void *object)
+{
+    return reinterpret_cast<page_record *>(static_cast<char *>(object) - offset_of(object));
+}
+
+std::uint64_t guard_of(const mcache *cache, void *object)
+{
+    std::uint64_t guard;
+    std::memcpy(&guard, static_cast<char *>(object) + cache->obj_size, sizeof guard);
+    return guard;
+}
+
+std::vector<page_record *> pages(mcache_page *first)
+{
+    std::vector<page_record *> result;
+    for (page_record *page = as_page(first), *before = nullptr; page != nullptr; before = page, page = page->next) {
+        EXPECT_EQ(page->prev, before);
+        result.push_back(page);
+    }
+    return result;
+}
+
+// ---- memory as the tests tell it ----
+
+int allocations_left = -1; // -1: any number
+
+} // namespace
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    if (allocations_left == 0)
+        return nullptr;
+    allocations_left -= allocations_left > 0;
+    return real(size);
+}
+
+// ---- creation ----
+
+TEST(McacheCreate, SetsItsFields)
+{
+    mcache *cache = mcache_create("a name that is very much longer than the sixty-three characters it gets", 20,
+                                  reinterpret_cast<void *>(1), 0x81, 3);
+    ASSERT_NE(cache, nullptr);
+    EXPECT_STREQ(cache->name, "a name that is very much longer than the sixty-three characters");
+    EXPECT_EQ(cache->obj_size, 24U);
+    EXPECT_EQ(cache->slot_size, 32U);
+    EXPECT_EQ(cache->page_units, 3U);
+    EXPECT_EQ(cache->objs_per_page, (3U * 8192 - 40) / 40);
+    EXPECT_EQ(cache->objs_per_slab, cache->objs_per_page);
+    EXPECT_EQ(cache->flags, 0xC1U);
+    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(cache->page_count, 0U);
+    EXPECT_EQ(cache->full_pages, nullptr);
+    EXPECT_EQ(cache->partial_head, nullptr);
+    EXPECT_EQ(cache->partial_tail, nullptr);
+    EXPECT_EQ(cache->spare_page, nullptr);
+}
+
+TEST(McacheCreate, SizesOnBothSidesOfTheLimits)
+{
+    mcache *one = mcache_create("one", 1, nullptr, 0, 1);
     ASSERT_NE(one, nullptr);
     EXPECT_EQ(one->obj_size, 8U);
     EXPECT_EQ(one->objs_per_page, 339U);
-    EXPECT_EQ(one->flags, 0x41U);
-    EXPECT_EQ(zlist, one);
-    mcache *large = mcache_create("large", 8136, nullptr, 0x40, 0);
-    ASSERT_NE(large, nullptr);
-    EXPECT_EQ(large->flags, 0U);
-    EXPECT_EQ(large->objs_per_slab, 1U);
-    EXPECT_EQ(mcache_create("x", 8137, nullptr, 0, 0), nullptr);
+    struct {
+        unsigned size;
+        int units;
+        bool good;
+    } cases[] = {{8136, 0, true},       {8137, 0, false},    {8136, 1, true},           {8137, 1, false},
+                 {16328, 2, true},      {16329, 2, false},   {131016, 16, true},        {131017, 16, false},
+                 {131016, 17, true},    {131017, 17, false}, {131016, INT32_MAX, true}, {8, -1, false},
+                 {8, INT32_MIN, false}, {0, 1, true}};
+    for (const auto &c : cases)
+        EXPECT_EQ(mcache_create("x", c.size, nullptr, 0, c.units) != nullptr, c.good) << c.size << " in " << c.units;
+    EXPECT_EQ(mcache_create("x", 8, nullptr, 0, 17)->page_units, 16U);
+    EXPECT_EQ(mcache_create("x", 8, nullptr, 0, 0)->page_units, 1U);
+}
+
+TEST(McacheCreate, SizesNearTheEndOf32BitsAreRefused)
+{
+    for (unsigned size = 0xFFFFFFF0; size != 0; size++)
+        EXPECT_EQ(mcache_create("x", size, nullptr, 0, 16), nullptr) << size;
+}
+
+TEST(McacheCreate, TheSpareFlagGoesByTheSlotSize)
+{
+    EXPECT_EQ(mcache_create("x", 8128, nullptr, 0, 1)->flags, 0x40U) << "a slot of 8136";
+    EXPECT_EQ(mcache_create("x", 8136, nullptr, 0x43, 1)->flags, 0x03U) << "a slot of 8144";
+    EXPECT_EQ(mcache_create("x", 8136, nullptr, 0x40, 2)->flags, 0U);
+}
+
+TEST(McacheCreate, TheListHoldsAllTheNewestFirst)
+{
+    mcache *before = zlist;
+    mcache *a = mcache_create("a", 8, nullptr, 0, 1);
+    mcache *b = mcache_create("b", 8, nullptr, 0, 1);
+    EXPECT_EQ(zlist, b);
+    EXPECT_EQ(b->next_cache, a);
+    EXPECT_EQ(a->next_cache, before);
     EXPECT_EQ(mcache_create("x", 8, nullptr, 0, -1), nullptr);
-    EXPECT_EQ(mcache_create("x", 0xffffffff, nullptr, 0, 16), nullptr);
-    EXPECT_NE(mcache_create("x", 131016, nullptr, 0, 17), nullptr);
-    EXPECT_EQ(mcache_create("x", 131017, nullptr, 0, 17), nullptr);
+    EXPECT_EQ(zlist, b) << "a refused one is in no list";
 }
 
-TEST(Mcache, PagesMoveBetweenTheLists)
+TEST(McacheCreate, ThreadsLoseNoneFromTheList)
 {
-    mcache *cache = mcache_create("move", 4000, nullptr, 0, 1); // two objects a page
-    void *a = mcache_alloc(cache);
-    EXPECT_EQ(cache->page_count, 2U);
-    EXPECT_NE(cache->spare_page, nullptr);
-    void *b = mcache_alloc(cache);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([] {
+            for (int k = 0; k < 100; k++)
+                mcache_create("many", 8, nullptr, 0, 1);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    int count = 0;
+    for (mcache *cache = zlist; cache != nullptr; cache = cache->next_cache)
+        count++;
+    EXPECT_EQ(count, 800);
+}
+
+TEST(McacheCreate, WithoutMemoryThereIsNone)
+{
+    allocations_left = 0;
+    mcache *cache = mcache_create("x", 8, nullptr, 0, 1);
+    allocations_left = -1;
+    EXPECT_EQ(cache, nullptr);
+}
+
+// ---- pages ----
+
+TEST(McachePages, AFreshPageIsLaidOutInOrder)
+{
+    mcache *cache = mcache_create("layout", 20, nullptr, 0, 2);
+    auto *first = static_cast<char *>(mcache_alloc(cache));
+    page_record *page = page_of(first);
+    EXPECT_EQ(page->magic, kMagic);
+    EXPECT_EQ(page->free_count, cache->objs_per_page - 1);
+    EXPECT_EQ(offset_of(first), 48U);
+    EXPECT_EQ(flags_of(first), 1U);
+    EXPECT_EQ(guard_of(cache, first), kGuard);
+    char *object = page->free_head;
+    for (std::uint32_t i = 1; i < cache->objs_per_page; i++) {
+        ASSERT_EQ(object, first + i * 40);
+        ASSERT_EQ(offset_of(object), 48 + i * 40);
+        ASSERT_EQ(flags_of(object), 0U);
+        ASSERT_EQ(guard_of(cache, object), kGuard);
+        object = *reinterpret_cast<char **>(object);
+    }
+    EXPECT_EQ(object, nullptr);
+}
+
+TEST(McachePages, MoveBetweenTheLists)
+{
+    mcache *cache = mcache_create("move", 2000, nullptr, 0, 1); // four objects a page
+    ASSERT_EQ(cache->objs_per_page, 4U);
+    std::vector<void *> objects;
+    for (int i = 0; i < 12; i++)
+        objects.push_back(mcache_alloc(cache));
+    page_record *a = page_of(objects[0]), *b = page_of(objects[4]), *c = page_of(objects[8]);
+    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{c, b, a})) << "the last to fill comes first";
     EXPECT_EQ(cache->partial_head, nullptr);
-    EXPECT_NE(cache->full_pages, nullptr);
-    mcache_free(cache, a);
+    EXPECT_EQ(cache->partial_tail, nullptr);
+    EXPECT_EQ(cache->page_count, 4U) << "with the spare";
+    EXPECT_EQ(cache->in_use, 12U);
+
+    mcache_free(cache, objects[5]); // from the middle of the full pages
+    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{c, a}));
+    mcache_free(cache, objects[0]); // from their end
+    mcache_free(cache, objects[9]); // and the last one
     EXPECT_EQ(cache->full_pages, nullptr);
-    EXPECT_NE(cache->partial_tail, nullptr);
-    mcache_free(cache, b);
-    EXPECT_EQ(cache->page_count, 1U);
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(pages(cache->partial_head), (std::vector<page_record *>{b, a, c})) << "in the order of their first frees";
+    EXPECT_EQ(as_page(cache->partial_tail), c);
+
+    EXPECT_EQ(mcache_alloc(cache), objects[5]) << "allocation draws from the head";
+    EXPECT_EQ(pages(cache->partial_head), (std::vector<page_record *>{a, c}));
+    EXPECT_EQ(as_page(cache->full_pages), b);
+
+    for (int i : {1, 2, 3})
+        mcache_free(cache, objects[static_cast<std::size_t>(i)]);
+    EXPECT_EQ(pages(cache->partial_head), std::vector<page_record *>{c}) << "an empty page goes at once";
+    EXPECT_EQ(cache->page_count, 3U);
+    for (int i : {8, 10, 11})
+        mcache_free(cache, objects[static_cast<std::size_t>(i)]);
     EXPECT_EQ(cache->partial_head, nullptr);
-}
-
-TEST(Mcache, ObjectsOfNoBytesStayWithinTheirSlots)
-{
-    mcache *cache = mcache_create("empty", 0, nullptr, 0, 1);
-    void *a = mcache_alloc(cache);
-    void *b = mcache_alloc(cache);
-    EXPECT_EQ(static_cast<char *>(b) - static_cast<char *>(a), 16);
-    mcache_free(cache, a);
-    EXPECT_EQ(mcache_alloc(cache), a);
-    mcache_free(cache, b);
-    mcache_free(cache, a);
+    EXPECT_EQ(cache->partial_tail, nullptr);
+    for (int i : {4, 5, 6, 7})
+        mcache_free(cache, objects[static_cast<std::size_t>(i)]);
+    EXPECT_EQ(cache->page_count, 1U) << "the spare stays";
     EXPECT_EQ(cache->in_use, 0U);
 }
 
-TEST(Mcache, MisuseCrashes)
+TEST(McachePages, FreedObjectsComeBackFirst)
 {
-    if (support::under_sanitizer())
-        GTEST_SKIP() << "the sanitizer reports the crash in its own way";
-    mcache *cache = mcache_create("crash", 16, nullptr, 0, 1);
-    auto *keep = static_cast<char *>(mcache_alloc(cache));
-    void *twice = mcache_alloc(cache);
-    EXPECT_TRUE(support::run_child([] { mcache_alloc(nullptr); }).killed_by(SIGSEGV));
-    EXPECT_TRUE(support::run_child([&] { mcache_free(nullptr, keep); }).killed_by(SIGSEGV));
-    EXPECT_TRUE(support::run_child([&] { mcache_free(cache, twice), mcache_free(cache, twice); }).killed_by(SIGSEGV));
-    EXPECT_TRUE(support::run_child([&] { keep[16] = 0, mcache_free(cache, keep); }).killed_by(SIGSEGV));
-    EXPECT_EQ(mcache_error(6), 5);
-    EXPECT_EQ(mcache_error(0), -1);
+    mcache *cache = mcache_create("lifo", 64, nullptr, 0, 1);
+    void *a = mcache_alloc(cache), *b = mcache_alloc(cache), *c = mcache_alloc(cache);
+    mcache_free(cache, a);
+    mcache_free(cache, c);
+    EXPECT_EQ(mcache_alloc(cache), c);
+    EXPECT_EQ(mcache_alloc(cache), a);
+    mcache_free(cache, nullptr);
+    EXPECT_EQ(cache->in_use, 3U);
+    mcache_free(cache, b);
+}
+
+TEST(McachePages, OneObjectAPage)
+{
+    mcache *cache = mcache_create("large", 8136, nullptr, 0, 0);
+    void *a = mcache_alloc(cache), *b = mcache_alloc(cache);
+    EXPECT_EQ(cache->page_count, 2U) << "without a spare";
+    EXPECT_EQ(cache->spare_page, nullptr);
+    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{page_of(b), page_of(a)}));
+    page_record *left = page_of(b);
+    mcache_free(cache, a); // not the head of the full pages
+    EXPECT_EQ(pages(cache->full_pages), std::vector<page_record *>{left});
+    EXPECT_EQ(cache->partial_head, nullptr);
+    mcache_free(cache, b);
+    EXPECT_EQ(cache->full_pages, nullptr);
+    EXPECT_EQ(cache->page_count, 0U);
+}
+
+TEST(McachePages, TheSpareIsTakenWhenMemoryRunsOut)
+{
+    mcache *cache = mcache_create("spare", 4000, nullptr, 0, 1); // two objects a page
+    mcache_alloc(cache);
+    mcache_alloc(cache);
+    page_record *spare = as_page(cache->spare_page);
+    ASSERT_NE(spare, nullptr);
+    allocations_left = 0;
+    void *c = mcache_alloc(cache), *d = mcache_alloc(cache), *none = mcache_alloc(cache);
+    allocations_left = -1;
+    EXPECT_EQ(page_of(c), spare);
+    EXPECT_EQ(page_of(d), spare);
+    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(cache->spare_page, nullptr);
+    EXPECT_EQ(cache->page_count, 2U);
+    EXPECT_EQ(cache->in_use, 4U);
+    EXPECT_NE(mcache_alloc(cache), nullptr) << "the lock was given back";
+    EXPECT_NE(cache->spare_page, nullptr) << "and there is a spare again";
+    EXPECT_EQ(cache->page_count, 4U);
+}
+
+TEST(McachePages, APageWithoutASpareIsEnough)
+{
+    mcache *cache = mcache_create("one", 64, nullptr, 0, 1);
+    allocations_left = 1;
+    void *object = mcache_alloc(cache);
+    allocations_left = -1;
+    EXPECT_NE(object, nullptr);
+    EXPECT_EQ(cache->spare_page, nullptr);
+    EXPECT_EQ(cache->page_count, 1U);
+}
+
+namespace {
+
+std::uint64_t first_word_freed = 1;
+
+void look_and_free(void *block, const void *)
+{
+    std::memcpy(&first_word_freed, block, sizeof first_word_freed);
+    __free_hook = nullptr;
+    std::free(block);
 }
 
 } // namespace
+
+TEST(McachePages, TheMagicIsGoneBeforeThePage)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator";
+    mcache *cache = mcache_create("magic", 64, nullptr, 0, 1);
+    void *object = mcache_alloc(cache);
+    __free_hook = look_and_free;
+    mcache_free(cache, object);
+    EXPECT_EQ(first_word_freed, 0U);
+}
+
+TEST(McachePages, ObjectsOfNoBytesStayWithinTheirSlots)
+{
+    mcache *cache = mcache_create("empty", 0, nullptr, 0, 1);
+    EXPECT_EQ(cache->objs_per_page, (8192U - 40) / 16);
+    std::vector<char *> objects(cache->objs_per_page);
+    for (char *&object : objects)
+        object = static_cast<char *>(mcache_alloc(cache));
+    for (std::size_t i = 1; i < objects.size(); i++)
+        ASSERT_EQ(objects[i] - objects[i - 1], 16);
+    for (char *object : objects)
+        mcache_free(cache, object);
+    EXPECT_EQ(cache->in_use, 0U);
+}
+
+TEST(Mcache, TheLockIsSharedBetweenProcesses)
+{
+    void *shared = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    auto *cache = static_cast<mcache *>(shared);
+    *cache = *mcache_create("shared", 64, nullptr, 0, 1);
+    pthread_spin_lock(&cache->lock);
+    pid_t child = ::fork();
+    if (child == 0) {
+        pthread_spin_lock(&cache->lock); // until the parent gives it back
+        cache->in_use = 77;
+        pthread_spin_unlock(&cache->lock);
+        ::_exit(0);
+    }
+    ::usleep(20000);
+    EXPECT_EQ(cache->in_use, 0U);
+    pthread_spin_unlock(&cache->lock);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(cache->in_use, 77U);
+}
+
+TEST(Mcache, ThreadsShareACache)
+{
+    mcache *cache = mcache_create("threads", 40, nullptr, 0, 1);
+    const std::size_t rounds = effort(50000);
+    std::vector<std::thread> threads;
+    for (unsigned seed = 1; seed <= 4; seed++)
+        threads.emplace_back([=] {
+            std::mt19937 random(seed);
+            std::vector<unsigned char *> own(100);
+            for (std::size_t i = 0; i < rounds; i++) {
+                unsigned char *&object = own[random() % own.size()];
+                if (object != nullptr) {
+                    EXPECT_EQ(object[0], seed);
+                    EXPECT_EQ(object[39], seed);
+                    mcache_free(cache, object);
+                    object = nullptr;
+                } else {
+                    object = static_cast<unsigned char *>(mcache_alloc(cache));
+                    std::memset(object, static_cast<int>(seed), 40);
+                }
+            }
+            for (unsigned char *object : own)
+                mcache_free(cache, object);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_LE(cache->page_count, 1U);
+}
+
+// ---- misuse: a crash where it is found, with the caller in the log ----
+
+namespace {
+
+[[gnu::noinline]] void misuse_null_alloc(mcache *)
+{
+    mcache_alloc(nullptr);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_null_free(mcache *cache)
+{
+    mcache_free(nullptr, mcache_alloc(cache));
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_lost_free_list(mcache *cache)
+{
+    page_of(mcache_alloc(cache))->free_head = nullptr;
+    mcache_alloc(cache);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_marked_slot(mcache *cache)
+{
+    flags_of(page_of(mcache_alloc(cache))->free_head) |= 1;
+    mcache_alloc(cache);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_foreign_pointer(mcache *cache)
+{
+    static std::uint64_t foreign[64];
+    mcache_free(cache, foreign + 32);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_stale_page(mcache *cache)
+{
+    void *object = mcache_alloc(cache);
+    page_of(object)->magic = 0;
+    mcache_free(cache, object);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_double_free(mcache *cache)
+{
+    mcache_alloc(cache);
+    void *object = mcache_alloc(cache);
+    mcache_free(cache, object);
+    mcache_free(cache, object);
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_overrun(mcache *cache)
+{
+    auto *object = static_cast<char *>(mcache_alloc(cache));
+    std::memset(object, 0, cache->obj_size + 1);
+    mcache_free(cache, object);
+    asm volatile("" ::: "memory");
+}
+
+struct Misuse {
+    const char *name;
+    void (*run)(mcache *cache);
+    const char *function; // where it is found
+};
+
+std::ostream &operator<<(std::ostream &out, const Misuse &misuse)
+{
+    return out << misuse.name;
+}
+
+class McacheMisuse : public testing::TestWithParam<Misuse> {};
+
+bool lies_in(const std::string &address, const void *function, unsigned long size)
+{
+    unsigned long at = std::strtoul(address.c_str(), nullptr, 16), begin = reinterpret_cast<unsigned long>(function);
+    return at > begin && at < begin + size;
+}
+
+// The code addresses of a log's backtrace, which stand in brackets at the ends of its lines.
+std::vector<std::string> addresses(const crash::Log &log)
+{
+    std::vector<std::string> result;
+    for (const auto &entry : log.entries)
+        if (std::size_t bracket = entry.text.rfind("[0x"); bracket != std::string::npos)
+            result.push_back(entry.text.substr(bracket + 1));
+    return result;
+}
+
+} // namespace
+
+TEST_P(McacheMisuse, CrashesWithItsCallerInTheLog)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer reports the crash in its own way";
+    ChildResult result = run_child([] {
+        mcache *cache = mcache_create("misused", 16, nullptr, 0, 1);
+        install_sighandler();
+        GetParam().run(cache);
+    });
+    EXPECT_TRUE(result.killed_by(SIGSEGV)) << result.status;
+    std::string text;
+    for (const std::string &name : list_dir("/etc/core"))
+        text = read_file("/etc/core/" + name);
+    crash::Log log = crash::LogReader(text).read();
+    EXPECT_EQ(log.error, "");
+    EXPECT_EQ(log.sig, SIGSEGV);
+    EXPECT_EQ(log.fault, 0U) << "a write to nowhere";
+    std::vector<std::string> at = addresses(log);
+    EXPECT_TRUE(std::any_of(at.begin(), at.end(), [](const std::string &a) {
+        return lies_in(a, reinterpret_cast<const void *>(GetParam().run), 256);
+    })) << text;
+    EXPECT_THAT(text, testing::HasSubstr(std::string("(") + GetParam().function + "+0x"));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, McacheMisuse,
+                         testing::Values(Misuse{"NullAlloc", misuse_null_alloc, "mcache_alloc"},
+                                         Misuse{"NullFree", misuse_null_free, "mcache_free"},
+                                         Misuse{"LostFreeList", misuse_lost_free_list, "mcache_alloc"},
+                                         Misuse{"MarkedSlot", misuse_marked_slot, "mcache_alloc"},
+                                         Misuse{"ForeignPointer", misuse_foreign_pointer, "mcache_free"},
+                                         Misuse{"StalePage", misuse_stale_page, "mcache_free"},
+                                         Misuse{"DoubleFree", misuse_double_free, "mcache_free"},
+                                         Misuse{"Overrun", misuse_overrun, "mcache_free"}),
+                         [](const auto &misuse) { return std::string(misuse.param.name); });
+
+TEST(McacheError, CodesThatCrash)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer reports the crash in its own way";
+    for (int code = 1; code <= 5; code++)
+        EXPECT_TRUE(run_child([=] { mcache_error(code); }).killed_by(SIGSEGV)) << code;
+}
+
+TEST(McacheError, OthersComeBackOneLess)
+{
+    for (int code : {0, 6, 7, -1, -100, 1000})
+        EXPECT_EQ(mcache_error(code), code - 1);
+}
+
+// ---- a model: which object comes next, and where the pages are ----
+
+namespace {
+
+struct Model {
+    struct page {
+        page_record *address;
+        std::deque<void *> free; // in the order in which they come
+        std::size_t used = 0;
+    };
+    std::list<page> partial, full;
+
+    std::list<page> *list_of(page_record *address, std::list<page>::iterator *at)
+    {
+        for (auto *list : {&partial, &full})
+            for (*at = list->begin(); *at != list->end(); ++*at)
+                if ((*at)->address == address)
+                    return list;
+        return nullptr;
+    }
+    void allocated(mcache *cache, void *object)
+    {
+        if (partial.empty()) {
+            page fresh{page_of(object), {}, 0};
+            for (std::uint32_t i = 0; i < cache->objs_per_page; i++)
+                fresh.free.push_back(reinterpret_cast<char *>(fresh.address) + 48 + i * (cache->obj_size + 16));
+            partial.push_back(fresh);
+        }
+        page &head = partial.front();
+        ASSERT_EQ(object, head.free.front());
+        head.free.pop_front();
+        head.used++;
+        if (head.free.empty())
+            full.splice(full.begin(), partial, partial.begin());
+    }
+    void released(void *object, page_record *address)
+    {
+        std::list<page>::iterator at;
+        auto *list = list_of(address, &at);
+        ASSERT_NE(list, nullptr);
+        at->used--;
+        at->free.push_front(object);
+        if (at->used == 0)
+            list->erase(at);
+        else if (list == &full)
+            partial.splice(partial.end(), full, at);
+    }
+    static std::vector<page_record *> addresses(const std::list<page> &list)
+    {
+        std::vector<page_record *> result;
+        for (const page &p : list)
+            result.push_back(p.address);
+        return result;
+    }
+};
+
+} // namespace
+
+TEST(McacheModel, RandomWork)
+{
+    for (unsigned seed = 1; seed <= 6; seed++) {
+        std::mt19937 random(seed);
+        unsigned size = 1 + static_cast<unsigned>(random() % (seed % 2 == 0 ? 2000 : 200));
+        mcache *cache = mcache_create("model", size, nullptr, 0, 1 + static_cast<int>(random() % 2));
+        Model model;
+        std::vector<void *> objects;
+        for (std::size_t step = 0; step < effort(40000); step++) {
+            bool grow = objects.empty() || random() % 100 < (step / 2000 % 2 == 0 ? 55 : 45);
+            if (grow) {
+                void *object = mcache_alloc(cache);
+                model.allocated(cache, object);
+                std::memset(object, 0xAA, size);
+                objects.push_back(object);
+            } else {
+                std::swap(objects[random() % objects.size()], objects.back());
+                page_record *page = page_of(objects.back());
+                mcache_free(cache, objects.back());
+                model.released(objects.back(), page);
+                objects.pop_back();
+            }
+            ASSERT_FALSE(testing::Test::HasFatalFailure());
+            ASSERT_EQ(cache->in_use, objects.size());
+            if (step % 50 == 0) {
+                ASSERT_EQ(pages(cache->partial_head), Model::addresses(model.partial));
+                ASSERT_EQ(pages(cache->full_pages), Model::addresses(model.full));
+                ASSERT_EQ(cache->page_count, model.partial.size() + model.full.size() + (cache->spare_page != nullptr));
+            }
+        }
+        for (void *object : objects)
+            mcache_free(cache, object);
+    }
+}

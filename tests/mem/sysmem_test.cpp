@@ -3,39 +3,218 @@
 
 #include "support/support.h"
 
+#include <cctype>
+#include <climits>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <random>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace support;
 
 namespace {
 
-alignas(16) char bytes[32] = "ABCDEFGH";
+int synced = 0;
+bool map_at_null = false;
 
-std::string address()
+alignas(16) unsigned char bytes[512];
+
+std::string dumped(const void *addr, int len)
+{
+    std::size_t before = read_file(kConsole).size();
+    mem_dump(addr, len);
+    return read_file(kConsole).substr(before);
+}
+
+std::string line_address(const void *at)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "%016llX: ", static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(bytes)));
+    std::snprintf(text, sizeof text, "%016llX: ",
+                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(at) & ~std::uintptr_t{15}));
     return text;
 }
 
+// The dump as it is described, character by character.
+std::string model_dump(const unsigned char *addr, int len)
+{
+    std::string all;
+    auto first = reinterpret_cast<std::uintptr_t>(addr), end = first + static_cast<std::uintptr_t>(len);
+    for (std::uintptr_t line = first / 16 * 16; line < end; line += 16) {
+        std::string hex = line_address(reinterpret_cast<void *>(line)), text;
+        for (std::uintptr_t at = line; at < line + 16; at++) {
+            bool inside = at >= first && at < end;
+            char cell[8] = "   ";
+            if (inside)
+                std::snprintf(cell, sizeof cell, " %02X", addr[at - first]);
+            hex += cell;
+            if (at % 8 == 7)
+                hex += ' ';
+            if (at < first)
+                text += ' ';
+            else if (inside)
+                text += std::isprint(addr[at - first]) != 0 ? static_cast<char>(addr[at - first]) : '.';
+            if (at % 16 == 7 && at + 1 < end)
+                text += ' ';
+        }
+        all += hex + "   " + text + "\n";
+    }
+    return all;
+}
+
+} // namespace
+
+extern "C" void sync(void)
+{
+    synced++;
+}
+
+// No kernel maps at 0 unasked.
+extern "C" void *mmap(void *addr, std::size_t length, int protection, int flags, int fd, off_t offset)
+{
+    if (map_at_null)
+        return nullptr;
+    return reinterpret_cast<void *>(::syscall(SYS_mmap, addr, length, protection, flags, fd, offset));
+}
+
+// ---- the page cache ----
+
+TEST(PageCache, WritesA3)
+{
+    bind_over("/proc/sys/vm/drop_caches", "");
+    EXPECT_EQ(clear_sys_pagecache(0), 0);
+    EXPECT_EQ(read_file("/proc/sys/vm/drop_caches"), "3");
+    EXPECT_EQ(synced, 0);
+}
+
+TEST(PageCache, SyncsWhenAsked)
+{
+    bind_over("/proc/sys/vm/drop_caches", "");
+    EXPECT_EQ(clear_sys_pagecache(1), 0);
+    EXPECT_EQ(clear_sys_pagecache(-1), 0);
+    EXPECT_EQ(synced, 2);
+    EXPECT_EQ(read_file("/proc/sys/vm/drop_caches"), "3");
+}
+
+TEST(PageCache, AFileThatCannotBeOpenedFails)
+{
+    bind_over("/proc/sys/vm/drop_caches", "");
+    ChildResult result = run_child([] {
+        rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        ::_exit(clear_sys_pagecache(1) == -1 && synced == 1 ? 7 : 1);
+    });
+    EXPECT_TRUE(result.exited(7));
+}
+
+TEST(PageCache, AWriteThatFailsFails)
+{
+    bind_over("/proc/sys/vm/drop_caches", "");
+    ChildResult result = run_child([] {
+        rlimit none = {0, 0};
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::setrlimit(RLIMIT_FSIZE, &none);
+        ::_exit(clear_sys_pagecache(0) == -1 ? 7 : 1);
+    });
+    EXPECT_TRUE(result.exited(7));
+}
+
+// ---- dumps ----
+
 TEST(MemDump, OneAlignedLine)
 {
-    mem_dump(bytes, 16);
-    EXPECT_EQ(support::read_file(support::kConsole),
-              address() + " 41 42 43 44 45 46 47 48  00 00 00 00 00 00 00 00    ABCDEFGH ........\n");
+    std::memcpy(bytes, "ABCDEFGH\0\x7F\xFFijklm", 16);
+    EXPECT_EQ(dumped(bytes, 16),
+              line_address(bytes) + " 41 42 43 44 45 46 47 48  00 7F FF 69 6A 6B 6C 6D    ABCDEFGH ...ijklm\n");
 }
 
 TEST(MemDump, LastByteOfALine)
 {
     bytes[15] = 'z';
-    mem_dump(bytes + 15, 1);
-    EXPECT_EQ(support::read_file(support::kConsole), address() + std::string(24, ' ') + " " + std::string(21, ' ') +
-                                                         " 7A " + "   " + std::string(16, ' ') + "z\n");
+    EXPECT_EQ(dumped(bytes + 15, 1), line_address(bytes) + std::string(24, ' ') + " " + std::string(21, ' ') + " 7A " +
+                                         "   " + std::string(16, ' ') + "z\n");
+}
+
+TEST(MemDump, TwentyBytesFromTheMiddle)
+{
+    std::memcpy(bytes + 8, "abcdefghijklmnopqrst", 20);
+    EXPECT_EQ(dumped(bytes + 8, 20), line_address(bytes) + std::string(25, ' ') + " 61 62 63 64 65 66 67 68    " +
+                                         std::string(9, ' ') + "abcdefgh\n" + line_address(bytes + 16) +
+                                         " 69 6A 6B 6C 6D 6E 6F 70  71 72 73 74" + std::string(12, ' ') +
+                                         "    ijklmnop qrst\n");
 }
 
 TEST(MemDump, NothingForNoLength)
 {
-    mem_dump(bytes, 0);
-    mem_dump(bytes, -1);
-    EXPECT_EQ(support::read_file(support::kConsole), "");
+    EXPECT_EQ(dumped(bytes, 0), "");
+    EXPECT_EQ(dumped(bytes, -1), "");
+    EXPECT_EQ(dumped(nullptr, INT_MIN), "");
 }
 
-} // namespace
+TEST(MemDumpModel, EveryAlignmentAndLength)
+{
+    std::mt19937 random(1);
+    for (unsigned char &byte : bytes)
+        byte = static_cast<unsigned char>(random());
+    for (int start = 0; start < 16; start++)
+        for (int len = 1; len <= 50; len++)
+            ASSERT_EQ(dumped(bytes + start, len), model_dump(bytes + start, len)) << start << " for " << len;
+}
+
+// ---- shared memory ----
+
+TEST(SharedMemory, IsMadeAndAttachedTo)
+{
+    mount_tmpfs("/dev/shm");
+    std::size_t open = list_dir("/proc/self/fd").size();
+    auto *made = static_cast<char *>(init_shared_mem("/region", 8192));
+    ASSERT_NE(made, MAP_FAILED);
+    struct stat status;
+    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
+    EXPECT_EQ(status.st_size, 8192);
+    std::strcpy(made, "from the first");
+    auto *attached = static_cast<char *>(init_shared_mem("/region", 4096));
+    EXPECT_STREQ(attached, "from the first");
+    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
+    EXPECT_EQ(status.st_size, 4096) << "resized";
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), open + 2) << "the descriptors stay open";
+}
+
+TEST(SharedMemory, ModeOfTheFile)
+{
+    mount_tmpfs("/dev/shm");
+    ::umask(0);
+    init_shared_mem("/region", 4096);
+    struct stat status;
+    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0777U);
+}
+
+TEST(SharedMemory, AFailedMappingIsHandedOn)
+{
+    mount_tmpfs("/dev/shm");
+    EXPECT_EQ(init_shared_mem("/region", 0), MAP_FAILED);
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+TEST(SharedMemory, ANameThatCannotBeOpenedGivesNull)
+{
+    EXPECT_EQ(init_shared_mem("/no/such/name", 4096), nullptr);
+    EXPECT_EQ(init_shared_mem("", 4096), nullptr);
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+TEST(SharedMemory, OnlyANullMappingIsSaid)
+{
+    mount_tmpfs("/dev/shm");
+    map_at_null = true;
+    void *address = init_shared_mem("/region", 4096);
+    map_at_null = false;
+    EXPECT_EQ(address, nullptr);
+    EXPECT_EQ(read_file(kConsole), "mmap /region failed\n");
+}
