@@ -32,7 +32,8 @@ std::vector<unsigned char> bytes(std::size_t size)
     return data;
 }
 
-template <typename Function> void encode(benchmark::State &state, Function function)
+template <typename Function>
+void encode(benchmark::State &state, Function function)
 {
     std::vector<unsigned char> data = bytes(static_cast<std::size_t>(state.range(0)));
     std::vector<char> text(data.size() * 2 + 8);
@@ -43,7 +44,8 @@ template <typename Function> void encode(benchmark::State &state, Function funct
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
 
-template <typename Function> void decode(benchmark::State &state, Function function)
+template <typename Function>
+void decode(benchmark::State &state, Function function)
 {
     std::vector<unsigned char> data = bytes(static_cast<std::size_t>(state.range(0)) / 3 * 3);
     std::vector<char> text(data.size() * 2 + 8);

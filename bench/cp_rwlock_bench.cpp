@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reader-writer lock against pthread's and a ticketed one, alone and with a second process that reads and writes too.
+// The reader-writer lock against pthread's and a ticketed one, alone and with a second process that reads and writes
+// too.
 #include "cp_rwlock.h"
 
 #include <atomic>

@@ -16,7 +16,8 @@
 
 namespace {
 
-template <typename Function> void over_buffer(benchmark::State &state, Function sum)
+template <typename Function>
+void over_buffer(benchmark::State &state, Function sum)
 {
     std::vector<unsigned char> data(static_cast<std::size_t>(state.range(0)));
     for (std::size_t i = 0; i < data.size(); i++)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What heap accounting costs: the light statistics against the bare allocator, full tracing with few and with many live
-// blocks, and a report of a full table. Another allocator is measured by preloading it: "ours" is malloc() as it is found.
+// blocks, and a report of a full table. Another allocator is measured by preloading it: "ours" is malloc() as it is
+// found.
 #include "qv_mtrace.h"
 
 #include <benchmark/benchmark.h>

@@ -61,17 +61,31 @@ hashtbl_link *&bucket_of(const hashtbl *table, unsigned hash)
     return table->buckets[hash & (bucket_count(table) - 1)];
 }
 
-template <typename IsSought>
-void *find(const hashtbl *table, unsigned hash, IsSought is_sought)
+hashtbl_link *next_with(unsigned hash, hashtbl_link *link)
 {
-    for (hashtbl_link *link = bucket_of(table, hash); link != nullptr; link = at(link).next) {
-        if (at(link).hash != hash)
-            continue;
+    while (link != nullptr && at(link).hash != hash)
+        link = at(link).next;
+    return link;
+}
+
+template <typename IsSought>
+[[gnu::noinline]] void *sought_from(hashtbl_link *link, const hashtbl *table, unsigned hash, IsSought is_sought)
+{
+    do {
         void *object = object_of(table, link);
         if (is_sought(object))
             return object;
-    }
+        link = next_with(hash, at(link).next);
+    } while (link != nullptr);
     return nullptr;
+}
+
+// In two functions, so that most misses end in one that calls nothing and so saves no registers.
+template <typename IsSought>
+void *find(const hashtbl *table, unsigned hash, IsSought is_sought)
+{
+    hashtbl_link *link = next_with(hash, bucket_of(table, hash));
+    return link != nullptr ? sought_from(link, table, hash, is_sought) : nullptr;
 }
 
 } // namespace

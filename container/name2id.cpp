@@ -34,7 +34,7 @@ constexpr int kNotFound = -1;
 
 unsigned hash_of(const char *name)
 {
-    return name2id_string_hash(name, static_cast<int>(std::strlen(name)));
+    return qv_string_hash(name, static_cast<int>(std::strlen(name)));
 }
 
 name2id_entry *create_entry(const char *name, unsigned id, unsigned id2)
@@ -146,8 +146,8 @@ name2id_entry *name2id_entry_find(hashtbl *hashtbl, const char *name)
 {
     if (name == nullptr)
         return nullptr;
-    auto match = [](void *entry, void *key) {
-        return name2id_comp(static_cast<name2id_entry *>(entry)->name, static_cast<const char *>(key));
+    auto match = [](void *entry, void *key) -> int {
+        return std::strcmp(static_cast<name2id_entry *>(entry)->name, static_cast<const char *>(key)) == 0;
     };
     return static_cast<name2id_entry *>(hashtbl_find(hashtbl, const_cast<char *>(name), hash_of(name), match));
 }

@@ -76,15 +76,16 @@ public:
 
     void insert(T &object)
     {
-        rb_node **slot = &root_.node;
         rb_node *parent = nullptr;
-        while (*slot != nullptr) {
-            parent = *slot;
-            slot = Less{}(key_of(object), key_of(*object_of(parent))) ? &parent->left : &parent->right;
+        bool goes_left = false;
+        for (rb_node *node = root_.node; node != nullptr;) {
+            parent = node;
+            goes_left = Less{}(key_of(object), key_of(*object_of(node)));
+            node = goes_left ? node->left : node->right;
         }
         rb_node *node = &(object.*Node);
         *node = {reinterpret_cast<std::uintptr_t>(parent), nullptr, nullptr};
-        *slot = node;
+        (parent == nullptr ? root_.node : goes_left ? parent->left : parent->right) = node;
         rb_insert_color(node, &root_);
     }
 

@@ -1,0 +1,11 @@
+# GLib for the benchmark of this name, if it is installed.
+if(PkgConfig_FOUND)
+    pkg_check_modules(GLIB QUIET glib-2.0)
+endif()
+if(GLIB_FOUND)
+    target_compile_definitions(${name} PRIVATE HAVE_GLIB)
+    target_include_directories(${name} SYSTEM PRIVATE ${GLIB_INCLUDE_DIRS})
+    target_link_libraries(${name} PRIVATE ${GLIB_LIBRARIES})
+else()
+    message(STATUS "${name} runs without GLib: it is not installed")
+endif()

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// Identifiers from a pool of a million: nearly all free, half taken, nearly all taken, and but one free, which is the
+// farthest from where the search starts.
+#include "idpool.h"
+
+#include <algorithm>
+#include <benchmark/benchmark.h>
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+#if __has_include(<boost/dynamic_bitset.hpp>)
+#define HAVE_BOOST
+#include <boost/dynamic_bitset.hpp>
+#endif
+#ifdef HAVE_JUDY
+#include <Judy.h>
+#endif
+
+namespace {
+
+constexpr int kSize = 1000000;
+
+// All go on from the identifier that was handed out last. take() does; release() gives back.
+struct Ours {
+    idpool *pool = idpool_create("bench", 0, kSize - 1);
+    ~Ours() { idpool_destroy(pool); }
+    int take()
+    {
+        int id = -1;
+        idpool_alloc_id(pool, &id);
+        return id;
+    }
+    void release(int id) { idpool_free_id(pool, id); }
+};
+
+// A loop over 32-bit words, as one writes it first.
+struct WordLoop {
+    std::vector<std::uint32_t> words = std::vector<std::uint32_t>(kSize / 32);
+    std::size_t next = 0;
+    int take()
+    {
+        for (std::size_t i = 0; i <= words.size(); i++) {
+            std::size_t at = (next / 32 + i) % words.size();
+            std::uint32_t used = i == 0 ? words[at] | ((1U << (next % 32)) - 1) : words[at];
+            if (used == UINT32_MAX)
+                continue;
+            const auto bit = static_cast<std::size_t>(__builtin_ctz(~used));
+            words[at] |= 1U << bit;
+            next = at * 32 + bit + 1 == kSize ? 0 : at * 32 + bit + 1;
+            return static_cast<int>(at * 32 + bit);
+        }
+        return -1;
+    }
+    void release(int id) { words[static_cast<std::size_t>(id) / 32] &= ~(1U << (id % 32)); }
+};
+
+#ifdef HAVE_BOOST
+// A set bit is a free identifier, which is what its search looks for.
+struct Bitset {
+    boost::dynamic_bitset<> free = ~boost::dynamic_bitset<>(kSize);
+    std::size_t last = kSize - 1;
+    int take()
+    {
+        std::size_t id = free.find_next(last);
+        if (id == free.npos)
+            id = free.find_first();
+        if (id == free.npos)
+            return -1;
+        free.reset(id);
+        last = id;
+        return static_cast<int>(id);
+    }
+    void release(int id) { free.set(static_cast<std::size_t>(id)); }
+};
+#endif
+
+#ifdef HAVE_JUDY
+// Keeps the taken ones and looks for the next empty place.
+struct Judy {
+    void *taken = nullptr;
+    Word_t next = 0;
+    ~Judy() { Judy1FreeArray(&taken, nullptr); }
+    int take()
+    {
+        Word_t id = next;
+        if (Judy1FirstEmpty(taken, &id, nullptr) == 0 || id >= kSize) {
+            id = 0;
+            if (Judy1FirstEmpty(taken, &id, nullptr) == 0 || id >= kSize)
+                return -1;
+        }
+        Judy1Set(&taken, id, nullptr);
+        next = id + 1 == kSize ? 0 : id + 1;
+        return static_cast<int>(id);
+    }
+    void release(int id) { Judy1Unset(&taken, static_cast<Word_t>(id), nullptr); }
+};
+#endif
+
+template <typename Pool>
+void fill(Pool &pool)
+{
+    for (int i = 0; i < kSize; i++)
+        pool.take();
+}
+
+// Of each thousand, so many are taken, evenly spread; what is handed out takes the place of another that is given back.
+template <typename Pool>
+void churn(benchmark::State &state, int taken_per_mille)
+{
+    Pool pool;
+    fill(pool);
+    std::mt19937 random(1);
+    std::vector<int> taken;
+    for (int id = 0; id < kSize; id++) {
+        if (random() % 1000 < static_cast<unsigned>(taken_per_mille))
+            taken.push_back(id);
+        else
+            pool.release(id);
+    }
+    std::shuffle(taken.begin(), taken.end(), random);
+    std::size_t i = 0;
+    for (auto _ : state) {
+        pool.release(taken[i]);
+        taken[i] = pool.take();
+        i = i + 1 == taken.size() ? 0 : i + 1;
+    }
+}
+
+// One identifier goes back and forth, so that each search passes all the words.
+template <typename Pool>
+void last_free(benchmark::State &state)
+{
+    Pool pool;
+    fill(pool);
+    const int id = kSize / 2;
+    pool.release(id);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(pool.take());
+        pool.release(id);
+    }
+}
+
+template <typename Pool>
+void add(const std::string &name)
+{
+    for (int per_mille : {10, 500, 990, 999})
+        benchmark::RegisterBenchmark((name + "/taken_per_mille:" + std::to_string(per_mille)).c_str(),
+                                     [=](auto &state) { churn<Pool>(state, per_mille); });
+    benchmark::RegisterBenchmark((name + "/last_free").c_str(), [](auto &state) { last_free<Pool>(state); });
+}
+
+const bool registered = [] {
+    add<Ours>("ours");
+    add<WordLoop>("word_loop");
+#ifdef HAVE_BOOST
+    add<Bitset>("boost_bitset");
+#endif
+#ifdef HAVE_JUDY
+    add<Judy>("judy1");
+#endif
+    return true;
+}();
+
+} // namespace

@@ -1,0 +1,10 @@
+# Judy arrays for the benchmark of this name, if they are installed.
+find_library(JUDY_LIBRARY Judy)
+find_path(JUDY_INCLUDE Judy.h)
+if(JUDY_LIBRARY AND JUDY_INCLUDE)
+    target_compile_definitions(${name} PRIVATE HAVE_JUDY)
+    target_include_directories(${name} SYSTEM PRIVATE ${JUDY_INCLUDE})
+    target_link_libraries(${name} PRIVATE ${JUDY_LIBRARY})
+else()
+    message(STATUS "${name} runs without Judy arrays: they are not installed")
+endif()
