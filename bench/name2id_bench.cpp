@@ -58,10 +58,10 @@ void find(benchmark::State &state)
         i = i + 1 == n ? 0 : i + 1;
     }
 }
-BENCHMARK_TEMPLATE(find, Ours)->RangeMultiplier(10)->Range(100, 1000000);
-BENCHMARK_TEMPLATE(find, Std)->RangeMultiplier(10)->Range(100, 1000000);
+BENCHMARK_TEMPLATE(find, Ours)->Name("find/ours")->RangeMultiplier(10)->Range(100, 1000000);
+BENCHMARK_TEMPLATE(find, Std)->Name("find/std")->RangeMultiplier(10)->Range(100, 1000000);
 #ifdef HAVE_GLIB
-BENCHMARK_TEMPLATE(find, Glib)->RangeMultiplier(10)->Range(100, 1000000);
+BENCHMARK_TEMPLATE(find, Glib)->Name("find/glib")->RangeMultiplier(10)->Range(100, 1000000);
 #endif
 
 } // namespace

@@ -14,20 +14,16 @@ constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
 pthread_mutex_t localtime_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Set while a caller keeps the mutex through localtime_safe_lock(), and who it is; the library's own conversions hold
-// it for microseconds. For the fork handlers alone.
+// What the fork handlers know of its holders. A caller that keeps it through localtime_safe_lock() may do so for as
+// long as it likes; the library's own conversions hold it for microseconds. `inside` is set for the whole of a thread's
+// way in and out, since the fork may be that of a signal handler which interrupted it anywhere.
 std::atomic<bool> kept;
-std::atomic<pthread_t> keeper;
+thread_local std::atomic<bool> inside;
 
 // Whether this thread's before_fork() took the mutex, for its counterparts.
 thread_local bool taken_for_fork;
 
 constexpr long kForkPatience = 10'000'000; // nanoseconds between two looks at a mutex that a caller may be keeping
-
-bool kept_by_this_thread()
-{
-    return kept && pthread_equal(keeper, pthread_self()) != 0;
-}
 
 bool lock_patiently()
 {
@@ -44,7 +40,7 @@ bool lock_patiently()
 void before_fork()
 {
     taken_for_fork = false;
-    if (kept_by_this_thread())
+    if (inside)
         return;
     do
         taken_for_fork = lock_patiently();
@@ -59,8 +55,8 @@ void after_fork_in_parent()
 
 void after_fork_in_child()
 {
-    if (kept_by_this_thread())
-        return; // forked between lock and unlock: the child goes on and unlocks its copy
+    if (inside)
+        return; // the child goes on and unlocks its copy
     kept = false;
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
@@ -76,7 +72,15 @@ pthread_once_t forks_watched = PTHREAD_ONCE_INIT;
 int lock()
 {
     pthread_once(&forks_watched, watch_forks);
+    inside = true;
     return pthread_mutex_lock(&localtime_mutex);
+}
+
+int unlock()
+{
+    int result = pthread_mutex_unlock(&localtime_mutex);
+    inside = false;
+    return result;
 }
 
 template <typename Convert>
@@ -84,7 +88,7 @@ tm *converted(Convert convert)
 {
     lock();
     tm *result = convert();
-    pthread_mutex_unlock(&localtime_mutex);
+    unlock();
     return result;
 }
 
@@ -140,17 +144,14 @@ int timeRT(struct timespec *ts)
 int localtime_safe_lock(void)
 {
     int result = lock();
-    if (result == 0) {
-        keeper = pthread_self();
-        kept = true;
-    }
+    kept = true;
     return result;
 }
 
 int localtime_safe_unlock(void)
 {
     kept = false;
-    return pthread_mutex_unlock(&localtime_mutex);
+    return unlock();
 }
 
 struct tm *localtime_safe(const time_t *t)

@@ -83,7 +83,7 @@ session *find_session(const char *client)
 
 bool sessions_init()
 {
-    unsigned log_size = qv_hashtbl_get_log2(kMost);
+    auto log_size = static_cast<unsigned>(qv_hashtbl_get_log2(kMost));
     return ids.emplace("sampled", 1, kMost) && names.emplace(log_size) && table.emplace(log_size);
 }
 

@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "database.h"
 
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <deque>
-#include <dlfcn.h>
 #include <map>
 #include <random>
 
 using namespace support;
 
 namespace {
-
-int allocations_left = -1; // -1: any number
 
 struct item {
     std::uint32_t a = 0, b = 0;
@@ -65,15 +63,6 @@ struct Database : testing::Test {
 };
 
 } // namespace
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    allocations_left -= allocations_left > 0;
-    return real(size);
-}
 
 TEST_F(Database, Layout)
 {

@@ -2,20 +2,18 @@
 #include "idpool.h"
 
 #include "cxx/idpool.hpp"
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <random>
 
 using namespace support;
 
 namespace {
-
-int allocations_left = -1; // -1: any number
 
 int take(idpool *pool)
 {
@@ -53,15 +51,6 @@ std::string said_with(int allowed, Call call)
 }
 
 } // namespace
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    allocations_left -= allocations_left > 0;
-    return real(size);
-}
 
 TEST(IdPool, SizeOfALaidPool)
 {

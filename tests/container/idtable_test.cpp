@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "idtable.h"
 
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
-#include <dlfcn.h>
 #include <map>
 #include <random>
 
 using namespace support;
 
 namespace {
-
-int allocations_left = -1; // -1: any number
 
 idtable_node *below(const idtable_node *node, unsigned slot)
 {
@@ -61,15 +59,6 @@ struct IdTable32 : Table {
 };
 
 } // namespace
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    allocations_left -= allocations_left > 0;
-    return real(size);
-}
 
 // ---- nodes ----
 

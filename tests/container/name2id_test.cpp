@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "name2id.h"
 
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <cstdlib>
@@ -67,6 +68,24 @@ TEST(Name2id, BadSizeGivesNoTable)
     EXPECT_EQ(name2id_tbl_create2(21, 0), nullptr);
     EXPECT_EQ(create_name2id_hash_tbl(21, 0), nullptr);
     EXPECT_EQ(support::read_file(support::kConsole).find("log size of the table must be between 1 and 2^20\n"), 0U);
+}
+
+TEST(Name2id, WithoutMemoryThereIsNothing)
+{
+    for (auto *create : {name2id_tbl_create, name2id_tbl_create2}) {
+        for (int allowed : {0, 1, 2}) { // the record, the hash table's record, its buckets
+            support::allocations_left = allowed;
+            name2id_tbl *table = create(4, 0);
+            support::allocations_left = -1;
+            EXPECT_EQ(table, nullptr);
+        }
+    }
+    support::allocations_left = 0;
+    name2id_entry *entry = name2id_entry_create("a", 1);
+    name2id_entry *scoped = name2id_entry_create2("a", 1, 1);
+    support::allocations_left = -1;
+    EXPECT_EQ(entry, nullptr);
+    EXPECT_EQ(scoped, nullptr);
 }
 
 TEST(Name2id, NewEntry)
@@ -258,7 +277,7 @@ TEST(Name2id, Model)
         std::mt19937 random(seed);
         name2id_tbl *table = name2id_tbl_create2(5, 0);
         std::map<std::pair<std::string, unsigned>, std::vector<name2id_entry *>> model;
-        for (std::size_t i = 0, n = support::effort(300000); i < n; i++) {
+        for (std::size_t i = 0, n = support::effort(1000000); i < n; i++) {
             std::string name = "n" + std::to_string(random() % 64);
             unsigned scope = random() % 4;
             auto &same = model[{name, scope}];

@@ -2,10 +2,10 @@
 #include "simphash.h"
 
 #include "debug_trace.h"
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <deque>
-#include <dlfcn.h>
 #include <map>
 #include <random>
 #include <sys/resource.h>
@@ -13,8 +13,6 @@
 using namespace support;
 
 namespace {
-
-int allocations_left = -1; // -1: any number
 
 int same(std::uintptr_t value, const void *key)
 {
@@ -50,15 +48,6 @@ void destroy(simphash *table)
 }
 
 } // namespace
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    allocations_left -= allocations_left > 0;
-    return real(size);
-}
 
 TEST(Simphash, SizeIsTakenModulo32)
 {

@@ -27,7 +27,8 @@ TEST(Sampled, TakesSamplesUntilItsTimeIsOver)
     EXPECT_THAT(log, testing::HasSubstr("sampled: started, pid "));
     EXPECT_THAT(log, testing::HasSubstr("sampled: sample 1 of client-0, session 1\n"));
     EXPECT_THAT(log, testing::HasSubstr("sampled: sample 2 of client-1, session 2\n"));
-    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 3 of client-0, session 1\n")) << "the first client's second sample";
+    EXPECT_THAT(log, testing::HasSubstr("sampled: sample 3 of client-0, session 1\n"))
+        << "the first client's second sample";
     EXPECT_THAT(log, testing::ContainsRegex("sampled: stopping after [0-9]+ samples\n"));
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Printing from several threads. Apart from the other console tests, whose stand-ins for the C library's functions the thread
-// sanitizer does not bear.
+// Printing from several threads. Apart from the other console tests, whose stand-ins for the C library's functions the
+// thread sanitizer does not bear.
 #include "console_print.h"
 
 #include "support/support.h"

@@ -3,13 +3,13 @@
 
 #include "fault/crash_support.h"
 #include "qv_mtrace.h"
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <dlfcn.h>
 #include <list>
 #include <pthread.h>
 #include <random>
@@ -77,18 +77,7 @@ std::vector<page_record *> pages(mcache_page *first)
 
 // ---- memory as the tests tell it ----
 
-int allocations_left = -1; // -1: any number
-
 } // namespace
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    allocations_left -= allocations_left > 0;
-    return real(size);
-}
 
 // ---- creation ----
 

@@ -143,7 +143,8 @@ TEST(MtraceFile, LinesTellThePlace)
 TEST(MtraceFile, FromTheProcessesStart)
 {
     NEEDS_INTERPOSITION();
-    ChildResult result = run_program({"/bin/sh", "-c", "MALLOC_TRACE=/tmp/own " + build_dir() + "/examples/sampled --run-for 0.1"});
+    ChildResult result =
+        run_program({"/bin/sh", "-c", "MALLOC_TRACE=/tmp/own " + build_dir() + "/examples/sampled --run-for 0.1"});
     EXPECT_TRUE(result.exited(0)) << result.err;
     auto log = lines(read_file("/tmp/own"));
     ASSERT_GE(log.size(), 3U);

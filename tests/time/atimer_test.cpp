@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "atimer.h"
 
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <map>
 #include <random>
 #include <vector>
@@ -20,8 +20,6 @@ namespace {
 long now = 1000;
 bool clock_fails = false;
 int clock_reads = 0;
-int allocations_left = INT_MAX;
-
 const std::string kTooMany = "atimer_init: max tick can not be greater than 2^30\n";
 
 std::vector<void *> fired;
@@ -81,16 +79,6 @@ extern "C" int clock_gettime(clockid_t, timespec *ts)
         return -1;
     *ts = {now, 0};
     return 0;
-}
-
-extern "C" void *calloc(std::size_t count, std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t, std::size_t)>(::dlsym(RTLD_NEXT, "calloc"));
-    if (allocations_left == 0)
-        return nullptr;
-    if (allocations_left != INT_MAX)
-        allocations_left--;
-    return real(count, size);
 }
 
 // ---- set-up ----
@@ -177,7 +165,7 @@ TEST(AtimerInit, FailedAllocationsLeaveNothing)
         atimer_context context;
         allocations_left = good;
         int result = atimer_init(&context, 3, 4);
-        allocations_left = INT_MAX;
+        allocations_left = -1;
         EXPECT_EQ(result, -1) << good;
         EXPECT_EQ(context.levels, nullptr);
     }

@@ -10,6 +10,8 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <random>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -252,4 +254,27 @@ TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
     stop = true;
     for (std::thread &thread : threads)
         thread.join();
+}
+
+TEST(LocaltimeMutex, AHandlerThatInterruptsAConversionMayFork)
+{
+    ChildResult child = run_child([] {
+        static std::atomic<std::size_t> forks{0};
+        struct sigaction action = {};
+        action.sa_handler = [](int) {
+            pid_t pid = ::fork();
+            if (pid == 0)
+                ::_exit(0);
+            ::waitpid(pid, nullptr, 0);
+            forks++;
+        };
+        ::sigaction(SIGALRM, &action, nullptr);
+        itimerval often = {{0, 300}, {0, 300}};
+        ::setitimer(ITIMER_REAL, &often, nullptr);
+        tm out;
+        while (forks < effort(500))
+            qv_localtime_r(&kSummer, &out);
+        ::_exit(0);
+    });
+    EXPECT_TRUE(child.exited(0));
 }

@@ -3,6 +3,7 @@
 
 #include "debug_trace.h"
 #include "heap.h"
+#include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <random>
 #include <vector>
 
@@ -22,7 +22,6 @@ namespace {
 
 timespec now = {1000, 500000};
 bool clock_fails = false;
-bool no_memory = false;
 
 void at(long seconds, long microseconds = 0)
 {
@@ -57,12 +56,6 @@ extern "C" int clock_gettime(clockid_t, timespec *ts)
         return -1;
     *ts = now;
     return 0;
-}
-
-extern "C" void *malloc(std::size_t size)
-{
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
-    return no_memory ? nullptr : real(size);
 }
 
 // ---- records ----
@@ -115,9 +108,9 @@ TEST(TimersMemory, FailuresAreReported)
     stimer_context_init(&good);
     __qv_debug_detail = 3;
     std::string said = capture_stderr([&] {
-        no_memory = true;
+        allocations_left = 0;
         int result = stimer_context_init(&ctx);
-        no_memory = false;
+        allocations_left = -1;
         EXPECT_EQ(result, -1);
         EXPECT_EQ(ctx, nullptr);
     });
@@ -125,9 +118,9 @@ TEST(TimersMemory, FailuresAreReported)
                 testing::MatchesRegex("\\[..:..:..\\] Error: qv_stimer:[0-9]+: Can not intialize stimer context\n"));
     EXPECT_EQ(__qv_print_val, 0);
     EXPECT_EQ(reported([&] {
-                  no_memory = true;
+                  allocations_left = 0;
                   stimer *timer = create_stimer(&good, 5, count_up, nullptr);
-                  no_memory = false;
+                  allocations_left = -1;
                   EXPECT_EQ(timer, nullptr);
               }),
               "Can not allocate stimer\n");

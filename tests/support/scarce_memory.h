@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// Memory that runs out when a test says so. Only one source of a test program may include this: it stands in the places
+// of malloc and calloc.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <dlfcn.h>
+
+namespace support {
+
+inline int allocations_left = -1; // -1: any number
+
+inline bool take_allocation()
+{
+    if (allocations_left == 0)
+        return false;
+    allocations_left -= allocations_left > 0;
+    return true;
+}
+
+} // namespace support
+
+extern "C" void *malloc(std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    return support::take_allocation() ? real(size) : nullptr;
+}
+
+extern "C" void *calloc(std::size_t count, std::size_t size)
+{
+    static auto real = reinterpret_cast<void *(*)(std::size_t, std::size_t)>(::dlsym(RTLD_NEXT, "calloc"));
+    return support::take_allocation() ? real(count, size) : nullptr;
+}
