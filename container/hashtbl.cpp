@@ -193,7 +193,7 @@ int hashtbl_remove(hashtbl *table, unsigned hash, void *object)
         at(record.next).prev = record.prev;
     if (record.prev != nullptr)
         at(record.prev).next = record.next;
-    else
+    if (head == link)
         head = record.next;
     record.prev = nullptr;
     record.next = nullptr;

@@ -64,11 +64,11 @@ void insert(name2id_tbl *table, name2id_entry *entry, unsigned hash)
 
 // By the hash that the entry was inserted with, not that of its key now: an entry whose name a caller has changed would
 // stay in its old chain after it is freed.
-bool unlink_from_hashtbl(hashtbl *hashtbl, name2id_entry *entry)
+bool unlink_from_hashtbl(hashtbl *index, name2id_entry *entry)
 {
-    std::uint32_t count = hashtbl->count;
-    hashtbl_remove(hashtbl, entry->link.hash, entry);
-    return hashtbl->count != count;
+    std::uint32_t count = index->count;
+    hashtbl_remove(index, entry->link.hash, entry);
+    return index->count != count;
 }
 
 // Takes the entry off the list first: the data's function may look into the table.
@@ -82,11 +82,21 @@ void release(name2id_tbl *table, name2id_entry *entry)
     std::free(entry);
 }
 
+bool is_listed(const name2id_tbl *table, const name2id_entry *entry)
+{
+    const name2id_entry *met = table->first;
+    while (met != nullptr && met != entry)
+        met = met->next;
+    return met != nullptr;
+}
+
+// A caller may have emptied the hash table by itself; only then is the list walked to tell a table's own entry from one
+// of another table, which unlinking here would leave dangling there.
 int remove(name2id_tbl *table, name2id_entry *entry)
 {
     if (!is_usable(table, entry))
         return -1;
-    if (unlink_from_hashtbl(table->hashtbl, entry))
+    if (unlink_from_hashtbl(table->hashtbl, entry) || is_listed(table, entry))
         release(table, entry);
     return 0;
 }
@@ -142,19 +152,19 @@ int name2id_entry_insert(name2id_tbl *table, name2id_entry *entry)
     return 0;
 }
 
-name2id_entry *name2id_entry_find(hashtbl *hashtbl, const char *name)
+name2id_entry *name2id_entry_find(hashtbl *index, const char *name)
 {
     if (name == nullptr)
         return nullptr;
     auto match = [](void *entry, void *key) -> int {
         return std::strcmp(static_cast<name2id_entry *>(entry)->name, static_cast<const char *>(key)) == 0;
     };
-    return static_cast<name2id_entry *>(hashtbl_find(hashtbl, const_cast<char *>(name), hash_of(name), match));
+    return static_cast<name2id_entry *>(hashtbl_find(index, const_cast<char *>(name), hash_of(name), match));
 }
 
-int name2id(hashtbl *hashtbl, const char *name)
+int name2id(hashtbl *index, const char *name)
 {
-    const name2id_entry *entry = name2id_entry_find(hashtbl, name);
+    const name2id_entry *entry = name2id_entry_find(index, name);
     return entry != nullptr ? static_cast<int>(entry->id) : kNotFound;
 }
 
@@ -201,7 +211,7 @@ int name2id_entry_insert2(name2id_tbl *table, name2id_entry *entry)
     return 0;
 }
 
-name2id_entry *name2id_entry_find2(hashtbl *hashtbl, const char *name, unsigned scope)
+name2id_entry *name2id_entry_find2(hashtbl *index, const char *name, unsigned scope)
 {
     if (name == nullptr)
         return nullptr;
@@ -209,12 +219,12 @@ name2id_entry *name2id_entry_find2(hashtbl *hashtbl, const char *name, unsigned 
     auto match = [](void *entry, void *wanted) {
         return name2id_comp2(static_cast<name2id_entry *>(entry)->name, wanted);
     };
-    return static_cast<name2id_entry *>(hashtbl_find(hashtbl, &key, hash_of(name) ^ scope, match));
+    return static_cast<name2id_entry *>(hashtbl_find(index, &key, hash_of(name) ^ scope, match));
 }
 
-int name2id2(hashtbl *hashtbl, const char *name, unsigned scope)
+int name2id2(hashtbl *index, const char *name, unsigned scope)
 {
-    const name2id_entry *entry = name2id_entry_find2(hashtbl, name, scope);
+    const name2id_entry *entry = name2id_entry_find2(index, name, scope);
     return entry != nullptr ? static_cast<int>(entry->id2) : kNotFound;
 }
 

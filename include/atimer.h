@@ -31,23 +31,23 @@ QV_BEGIN_DECLS
 
 struct atimer;
 
-struct atimer_bucket {
+typedef struct atimer_bucket {
     struct atimer *first;
     struct atimer **last; /* address of the last timer's next, or of first */
-};
+} atimer_bucket;
 
-struct atimer_level {
+typedef struct atimer_level {
     struct atimer_bucket *buckets; /* size of them, and behind them the level's occupancy words */
     int32_t current;               /* the bucket that came up last */
     int32_t bits;
     int32_t size;
     int32_t shift;
     uint32_t mask;
-};
+} atimer_level;
 
 /* Storage is the caller's; nothing takes a wheel down. A caller that is done with one frees each level's buckets and
  * the levels. */
-struct atimer_context {
+typedef struct atimer_context {
     struct atimer_level *levels; /* null after a failed atimer_init() */
     int32_t nlevels;
     uint32_t total_bits;
@@ -55,9 +55,9 @@ struct atimer_context {
     uint32_t max_expire; /* expiries must be below it, both read as signed */
     uint32_t tick;
     uint32_t last_second; /* of the monotonic clock, up to which ticks have been delivered */
-};
+} atimer_context;
 
-struct atimer {
+typedef struct atimer {
     struct atimer *next;
     struct atimer **prev;         /* address of what points at this timer */
     struct atimer_bucket *bucket; /* null while it does not run */
@@ -66,7 +66,7 @@ struct atimer {
     void *arg;
     uint32_t expire; /* ticks from start to firing */
     uint32_t remain; /* ticks still to count below the level it waits at */
-};
+} atimer;
 
 /**
  * Builds a wheel.

@@ -24,11 +24,11 @@ QV_BEGIN_DECLS
 #define QV_SECTION_MAX 128
 
 /** One executable mapping; a record with start 0 ends the table. */
-struct section_record {
+typedef struct section_record {
     uint64_t start;
     uint64_t end;      /* exclusive */
     uint64_t reserved; /* 0 */
-};
+} section_record;
 
 /** The calling thread's table: empty until the thread calls procps_read_maps(). */
 extern QV_API __thread struct section_record section_rec[QV_SECTION_MAX];

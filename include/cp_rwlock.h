@@ -24,11 +24,11 @@
 QV_BEGIN_DECLS
 
 /* The shared record. Bit 0 of lock_state is the writer's hold; each reader's hold adds 2. */
-struct qv_cp_rwlock {
+typedef struct qv_cp_rwlock {
     uint32_t lock_state;
     uint32_t next_ticket; /* handed to the next writer that asks */
     uint32_t now_serving; /* the ticket whose turn it is */
-};
+} qv_cp_rwlock;
 
 /* The lock that this process uses. */
 extern QV_API struct qv_cp_rwlock *rwlock;

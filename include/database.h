@@ -24,29 +24,29 @@
 
 QV_BEGIN_DECLS
 
-struct database_node {
+typedef struct database_node {
     void *record;
     struct database_node *next;
     struct database_node **prev; /* the pointer that points here */
-};
+} database_node;
 
-struct database_bucket {
+typedef struct database_bucket {
     struct database_node *first;
     struct database_node **last; /* the last node's next; first when empty */
-};
+} database_bucket;
 
-struct database_index {
+typedef struct database_index {
     struct database *db;
     uint32_t (*hash_fn)(const void *record);
     struct database_bucket *buckets;
     uint32_t log_size; /* 10 */
     uint32_t mask;     /* 1023 */
     struct database_index *next_index;
-};
+} database_index;
 
-struct database {
+typedef struct database {
     struct database_index *indexes; /* the newest first; null when there is none */
-};
+} database;
 
 /** Makes a database without an index. @return the database, or null when there is no memory */
 QV_API struct database *db_create_database(void);

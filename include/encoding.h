@@ -58,10 +58,10 @@ QV_API unsigned short qv_crc16(unsigned short crc, const unsigned char *buf, uns
 QV_API unsigned int qv_crc32(unsigned int crc, const unsigned char *buf, size_t len) QV_SIGNAL_SAFE;
 
 /**
- * The MD5 digest of a file. The digest functions come from the host's libcrypto.
+ * The MD5 digest of a file. The digest functions come from the libcrypto that the host links, or from the machine's.
  * @param dst     receives 32 lower-case hexadecimal digits and a zero
  * @param dstlen  room in dst, at least 33
- * @return 0; -1 without the room, when the file cannot be opened, or in a host without libcrypto. A read error ends the
+ * @return 0; -1 without the room, when the file cannot be opened, or where there is no libcrypto. A read error ends the
  *         digest like the end of the file
  */
 QV_API int filemd5str(const char *path, char *dst, size_t dstlen);

@@ -27,19 +27,19 @@
 
 QV_BEGIN_DECLS
 
-struct hashtbl_link {
+typedef struct hashtbl_link {
     struct hashtbl_link *prev; /* null in the head of a chain */
     struct hashtbl_link *next;
     uint32_t hash; /* as given at insertion */
-};
+} hashtbl_link;
 
-struct hashtbl {
+typedef struct hashtbl {
     uint8_t log_size; /* 2^log_size buckets, 0 to 20 */
     uint8_t flag;     /* 0 or 1, kept for the caller */
     uint16_t link_offset;
     uint32_t count; /* objects in the table */
     struct hashtbl_link **buckets;
-};
+} hashtbl;
 
 /* ---- life ---- */
 

@@ -24,14 +24,14 @@ QV_BEGIN_DECLS
 
 #define IDPOOL_NAME_SIZE 32 /* terminator included */
 
-struct idpool {
+typedef struct idpool {
     char name[IDPOOL_NAME_SIZE];
     int32_t min_id;
     int32_t max_id;
     uint32_t *bitmap; /* bit o % 32 of word o / 32 is set while min_id + o is allocated; bits behind max_id are set */
     int32_t words;    /* of the bitmap as it was made; a resize leaves it */
     int32_t next;     /* the cursor: where the next allocation starts, counted from min_id */
-};
+} idpool;
 
 /** Bytes that a laid pool takes; 0 for an invalid range (0 <= min <= max is valid). */
 QV_API int idpool_get_pool_size(int min, int max);

@@ -24,12 +24,12 @@
 
 QV_BEGIN_DECLS
 
-struct idtable_node {
+typedef struct idtable_node {
     uint16_t size;  /* slots */
     uint16_t count; /* of them in use */
     uint32_t reserved;
     uintptr_t slots[1]; /* size of them: nodes of the next level, or values in the last; 0 when empty */
-};
+} idtable_node;
 
 /* ---- tables ---- */
 

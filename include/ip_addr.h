@@ -95,14 +95,14 @@ QV_API int qv_check_ipv6_valid(const unsigned char addr[16], unsigned int prefix
 
 /* An address of either family. Functions take it as const void * at any alignment and read no further than the address
  * that its family has. */
-struct qv_addr_record {
+typedef struct qv_addr_record {
     unsigned char family; /* 10: IPv6; anything else: IPv4 */
     unsigned char reserved[7];
     union {
         unsigned int ipv4; /* host byte order */
         unsigned char ipv6[16];
     } address;
-};
+} qv_addr_record;
 
 /** Checks the address of a struct qv_addr_record as a single host (mask of /32 or /128). @return as above */
 QV_API int qv_check_addr_valid(const void *record, unsigned int flags);

@@ -19,7 +19,7 @@ QV_BEGIN_DECLS
 
 struct mcache_page;
 
-struct mcache {
+typedef struct mcache {
     uint32_t objs_per_page; /* sets up the free count of a page */
     int lock;               /* a pthread spin lock, shared between processes; strict C11 has no name for its type */
     struct mcache *next_cache;
@@ -35,7 +35,7 @@ struct mcache {
     uint32_t slot_size;
     uint32_t page_units;
     uint32_t objs_per_slab;
-};
+} mcache;
 
 /* The cache made last; the others follow by next_cache. Caches live as long as the process. */
 extern QV_API struct mcache *zlist;

@@ -10,7 +10,7 @@
  *     int id = name2id(zones->hashtbl, "trust");             // 7; -1 for a name that is not there
  *     name2id_tbl_destory(zones);
  *
- * Lookups take the inner hash table, not the table. Of two entries with the same key they find the one inserted last.
+ * Lookups take the inner hash table, the table's hashtbl field, not the table. Of two entries with the same key they find the one inserted last.
  * The key fields of an inserted entry are not to be changed. Not locked: callers that share a table serialise their
  * calls.
  */
@@ -26,7 +26,7 @@ QV_BEGIN_DECLS
 
 #define NAME2ID_NAME_SIZE 256 /* terminator included */
 
-struct name2id_entry {
+typedef struct name2id_entry {
     char name[NAME2ID_NAME_SIZE];
     uint32_t id;               /* first family: the identifier; second: the scope */
     uint32_t id2;              /* second family: the identifier */
@@ -35,19 +35,19 @@ struct name2id_entry {
     struct name2id_entry *next;
     struct name2id_entry **prev; /* the pointer that points here */
     struct hashtbl_link link;
-};
+} name2id_entry;
 
-struct name2id_tbl {
+typedef struct name2id_tbl {
     struct name2id_entry *first;
     struct name2id_entry **last; /* the last entry's next; first when empty */
     struct hashtbl *hashtbl;
-};
+} name2id_tbl;
 
 /* What name2id_comp2() compares with. */
-struct name2id_key2 {
+typedef struct name2id_key2 {
     const char *name;
     uint32_t scope;
-};
+} name2id_key2;
 
 /* ---- names alone ---- */
 
@@ -72,10 +72,10 @@ QV_API struct name2id_entry *name2id_entry_create(const char *name, unsigned id)
 QV_API int name2id_entry_insert(struct name2id_tbl *table, struct name2id_entry *entry);
 
 /** @return the entry of a name or null */
-QV_API struct name2id_entry *name2id_entry_find(struct hashtbl *hashtbl, const char *name);
+QV_API struct name2id_entry *name2id_entry_find(struct hashtbl *index, const char *name);
 
 /** @return the identifier of a name; -1, all ones, when it is not there */
-QV_API int name2id(struct hashtbl *hashtbl, const char *name);
+QV_API int name2id(struct hashtbl *index, const char *name);
 
 /**
  * Takes an entry out of the table, releases its data and frees it. The data's function may look into the table, where
@@ -97,8 +97,8 @@ QV_API struct name2id_tbl *name2id_tbl_create2(unsigned log_size, int flag);
 QV_API void name2id_tbl_destory2(struct name2id_tbl *table);
 QV_API struct name2id_entry *name2id_entry_create2(const char *name, unsigned scope, unsigned id);
 QV_API int name2id_entry_insert2(struct name2id_tbl *table, struct name2id_entry *entry);
-QV_API struct name2id_entry *name2id_entry_find2(struct hashtbl *hashtbl, const char *name, unsigned scope);
-QV_API int name2id2(struct hashtbl *hashtbl, const char *name, unsigned scope);
+QV_API struct name2id_entry *name2id_entry_find2(struct hashtbl *index, const char *name, unsigned scope);
+QV_API int name2id2(struct hashtbl *index, const char *name, unsigned scope);
 QV_API int name2id_entry_remove2(struct name2id_tbl *table, struct name2id_entry *entry);
 
 /**

@@ -27,6 +27,7 @@
 
 #include "libcommon_api.h"
 
+#include <mcheck.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -158,18 +159,15 @@ QV_API int qv_mtrace_stat_min(mtrace_stat_record *rec);
  */
 QV_API int qv_mtrace_stat(mtrace_stat_record *rec, int mode);
 
-/* ---- the trace file ---- */
-
-/** Starts a trace of every call into the file that MALLOC_TRACE names; nothing without that, or when one is on. */
-QV_API void mtrace(void);
-
-/** Ends the trace. */
-QV_API void muntrace(void);
+/* ---- the trace file ----
+ *
+ * mtrace() and muntrace() of <mcheck.h> are the library's: the one starts a trace of every call into the file that
+ * MALLOC_TRACE names (nothing happens without that variable, or when a trace is on), the other ends it. */
 
 /**
- * Takes SIGUSR2: starts a trace into /etc/mtrace<pid>.log in place of the library's hooks, or ends it and puts them
- * back. When the signal meets its thread inside malloc(), or another one inside the trace, it is done at the end of
- * that call.
+ * The handler of SIGUSR2: starts a trace into /etc/mtrace<pid>.log in place of the library's hooks, or ends it, puts
+ * them back and installs itself again for sig; either is told of on the console, and to the mirror hook. When the signal
+ * meets its thread inside malloc(), or another one inside the trace, it is done at the end of that call.
  */
 QV_API void signal_mtrace(int sig) QV_SIGNAL_SAFE;
 

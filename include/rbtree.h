@@ -26,15 +26,15 @@
 
 QV_BEGIN_DECLS
 
-struct rb_node {
+typedef struct rb_node {
     uintptr_t parent_color; /* the parent's address, null for the root; bit 0: 0 red, 1 black; bit 1 is 0 */
     struct rb_node *right;
     struct rb_node *left;
-};
+} rb_node;
 
-struct rb_root {
+typedef struct rb_root {
     struct rb_node *node; /* null when the tree is empty */
-};
+} rb_root;
 
 /** Restores the balance after the caller has linked a red leaf. */
 QV_API void rb_insert_color(struct rb_node *node, struct rb_root *root);

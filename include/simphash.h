@@ -20,17 +20,17 @@
 
 QV_BEGIN_DECLS
 
-struct simphash_entry {
+typedef struct simphash_entry {
     struct simphash_entry *next;
     struct simphash_entry **pprev; /* the pointer that points here: a bucket or another entry's next */
     uintptr_t value;
-};
+} simphash_entry;
 
-struct simphash {
+typedef struct simphash {
     struct simphash_entry **buckets;
     uint32_t log_size; /* as it was given */
     uint32_t mask;     /* buckets - 1 */
-};
+} simphash;
 
 /** 0 when the value is the one that the key stands for. */
 typedef int (*simphash_cmp_fn)(uintptr_t value, const void *key);

@@ -27,14 +27,14 @@
 
 QV_BEGIN_DECLS
 
-struct stimer {
+typedef struct stimer {
     void **ctx;              /* the context that it belongs to */
     int index;               /* its heap position plus one while it runs, else 0 */
     struct timeval interval; /* from start to expiry */
     struct timeval expire;   /* set by start_stimer() */
     void (*callback)(void *arg);
     void *arg;
-};
+} stimer;
 
 /** Makes an empty context. @param ctx  the caller's cell @return 0, or -1 when there is no memory */
 QV_API int stimer_context_init(void **ctx);

@@ -121,6 +121,14 @@ void show_to_mirror(const char *format, va_list ap, const base::errno_guard &cal
     va_end(copy);
 }
 
+int console_wanted()
+{
+    if (qv_is_numa_ssm == nullptr)
+        return 1;
+    base::errno_guard keep;
+    return qv_is_numa_ssm() == 0 ? 1 : 0;
+}
+
 // Remembers a yes; a no is asked again, since the marker file may be made after the process starts.
 int probe(int &cache, const char *path)
 {
@@ -157,6 +165,17 @@ bool list_prefers(const char *list, const char *name)
     va_end(ap);                                                                                                        \
     return length
 
+int console::print_from_handler(const char *format, ...)
+{
+    base::errno_guard caller;
+    va_list ap;
+    va_start(ap, format);
+    show_to_mirror(format, ap, caller);
+    int length = console_print_args_sigctx(console_wanted(), kConsoleLog, format, ap);
+    va_end(ap);
+    return length;
+}
+
 extern "C" {
 
 int console_print_args(int to_console, const char *log_path, const char *format, va_list ap)
@@ -192,12 +211,7 @@ int console_print_args(int to_console, const char *log_path, const char *format,
 
 int console_print(const char *format, ...)
 {
-    int to_console = 1;
-    if (qv_is_numa_ssm != nullptr) {
-        base::errno_guard keep;
-        to_console = qv_is_numa_ssm() == 0 ? 1 : 0;
-    }
-    PRINT_TO(to_console, kConsoleLog);
+    PRINT_TO(console_wanted(), kConsoleLog);
 }
 
 int console_print_t(const char *format, ...)

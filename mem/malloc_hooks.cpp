@@ -4,6 +4,7 @@
 // Built without the compiler's knowledge of these functions: it would make calloc() a call of itself.
 #include "mem/malloc_hooks.h"
 
+#include "base/fork_lock.h"
 #include "mem/light_stats.h"
 
 #include <cerrno>
@@ -86,22 +87,32 @@ bool find_out_whether_intercepting()
 
 namespace {
 
-// No thread is in the middle of the trace file or of the table when a child is made: it can allocate and trace.
+// No thread is in the middle of the trace file or of the table when a child is made: it can allocate and trace. Only
+// where the forking thread is itself in the middle (a signal handler forks, or a caller holds `mutex`) the child goes
+// on there, as the parent does.
+constinit thread_local bool mutex_taken = false;
+
 void before_fork()
 {
     trace_file::before_fork();
-    pthread_mutex_lock(&mutex);
+    mutex_taken = base::lock_for_fork(mutex, [] { return base::held_by_another_thread(mutex); });
+}
+
+void leave_mutex()
+{
+    if (mutex_taken)
+        pthread_mutex_unlock(&mutex);
 }
 
 void after_fork_in_parent()
 {
-    pthread_mutex_unlock(&mutex);
+    leave_mutex();
     trace_file::after_fork_in_parent();
 }
 
 void after_fork_in_child()
 {
-    pthread_mutex_unlock(&mutex);
+    leave_mutex();
     light::after_fork_in_child();
     trace_file::after_fork_in_child();
 }

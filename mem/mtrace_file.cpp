@@ -10,9 +10,9 @@
 #include "qv_mtrace.h"
 
 #include "base/errno_guard.h"
+#include "base/fork_lock.h"
 #include "base/unique_fd.h"
-#include "console_print.h"
-#include "fault/signal_format.h"
+#include "log/console_output.h"
 #include "mem/light_stats.h"
 #include "mem/malloc_hooks.h"
 #include "mem/trace_variable.h"
@@ -49,7 +49,9 @@ char buffer[kBufferSize]; // lines on their way to the file
 std::size_t buffered = 0;
 bool mtrace_sig = false; // the trace was started by SIGUSR2
 
-int pending_toggles = 0; // written atomically
+// Written atomically, without the lock.
+int pending_toggles = 0;
+int requested_by = SIGUSR2; // the signal of the last request
 
 void make_up_for_toggles();
 
@@ -266,13 +268,6 @@ void exchange_hooks()
     hooks::install_old(current);
 }
 
-void say(const char *format)
-{
-    __atomic_fetch_add(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
-    console_print(format, log_path());
-    __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
-}
-
 // Returns what is to be said, by somebody who does not hold the lock.
 const char *toggle()
 {
@@ -281,7 +276,7 @@ const char *toggle()
     if (mtrace_sig) {
         unset_trace_variable();
         mtrace_sig = false;
-        ::signal(SIGUSR2, signal_mtrace);
+        ::signal(__atomic_load_n(&requested_by, __ATOMIC_RELAXED), signal_mtrace);
         if (hooks::current().malloc != nullptr)
             mtrace();
         return "Stop mtrace log %s\n";
@@ -314,7 +309,7 @@ void make_up_for_toggles()
         toggling = false;
         pthread_mutex_unlock(&lock);
         if (said != nullptr)
-            say(said);
+            console::print_from_handler(said, log_path());
     }
 }
 
@@ -325,16 +320,21 @@ hooks::hook_set own_hooks()
     return {traced_malloc, traced_free, traced_realloc};
 }
 
+// Whether this thread's before_fork() took the lock, for its counterparts.
+constinit thread_local bool taken_for_fork = false;
+
 // The child does not write what the parent has yet to.
 void before_fork()
 {
-    pthread_mutex_lock(&lock);
-    if (file >= 0)
+    taken_for_fork = base::lock_for_fork(lock, [] { return base::held_by_another_thread(lock); });
+    if (taken_for_fork && file >= 0)
         flush();
 }
 
 void after_fork_in_parent()
 {
+    if (!taken_for_fork)
+        return;
     pthread_mutex_unlock(&lock);
     make_up_for_toggles();
 }
@@ -343,7 +343,8 @@ void after_fork_in_parent()
 void after_fork_in_child()
 {
     pending_toggles = 0;
-    pthread_mutex_unlock(&lock);
+    if (taken_for_fork)
+        pthread_mutex_unlock(&lock);
 }
 
 // At exit the lines that are left go out; whoever still allocates goes on with the trace.
@@ -359,18 +360,19 @@ void after_fork_in_child()
 
 extern "C" {
 
-void mtrace(void)
+[[gnu::visibility("default")]] void mtrace(void) noexcept
 {
     trace_file::change_trace(trace_file::start);
 }
 
-void muntrace(void)
+[[gnu::visibility("default")]] void muntrace(void) noexcept
 {
     trace_file::change_trace(trace_file::stop);
 }
 
-void signal_mtrace(int)
+void signal_mtrace(int sig)
 {
+    __atomic_store_n(&trace_file::requested_by, sig, __ATOMIC_RELAXED);
     __atomic_fetch_add(&trace_file::pending_toggles, 1, __ATOMIC_SEQ_CST);
     trace_file::make_up_for_toggles();
 }

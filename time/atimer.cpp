@@ -169,9 +169,10 @@ void free_levels(atimer_context &ctx, std::int32_t made)
     ctx.nlevels = 0;
 }
 
-constexpr std::uint32_t low_bits(std::uint64_t count)
+// As the machine shifts 32-bit words, by the count's low five bits: the fields of a refused wheel tell what was asked.
+constexpr std::uint32_t shifted(std::uint32_t word, std::uint32_t count)
 {
-    return count < 32 ? (std::uint32_t{1} << count) - 1 : UINT32_MAX;
+    return word << (count % 32);
 }
 
 } // namespace
@@ -185,19 +186,17 @@ int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits)
     ctx->levels = nullptr;
     ctx->nlevels = 0;
     ctx->tick = 0;
-    // Computed wide: a product that wraps must not pass for a small one.
-    std::uint64_t total = std::uint64_t{nlevels} * static_cast<std::uint32_t>(bits);
-    ctx->total_bits = static_cast<std::uint32_t>(total);
-    ctx->tick_mask = low_bits(total);
-    ctx->max_expire = 0;
-    if (bits < 0 || static_cast<unsigned>(bits) > kMaxTotalBits || total > kMaxTotalBits) {
+    auto width = static_cast<std::uint32_t>(bits);
+    ctx->total_bits = nlevels * width;
+    ctx->tick_mask = shifted(1, ctx->total_bits) - 1;
+    ctx->max_expire = shifted(shifted(1, width) - 1, ctx->total_bits - width);
+    if (ctx->total_bits > kMaxTotalBits) {
         console_print("atimer_init: max tick can not be greater than 2^30\n");
         return -1;
     }
-    if (nlevels > INT_MAX)
+    // A product that wrapped: no machine holds so many levels.
+    if (nlevels > INT_MAX || std::uint64_t{nlevels} * width > kMaxTotalBits)
         return -1;
-    if (nlevels > 0)
-        ctx->max_expire = low_bits(static_cast<std::uint64_t>(bits)) << (total - static_cast<unsigned>(bits));
 
     ctx->levels = static_cast<atimer_level *>(std::calloc(std::max<std::size_t>(nlevels, 1), sizeof(atimer_level)));
     if (ctx->levels == nullptr)
@@ -208,7 +207,7 @@ int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits)
         level.bits = bits;
         level.size = std::int32_t{1} << bits;
         level.shift = i * bits;
-        level.mask = low_bits(static_cast<std::uint64_t>(level.shift));
+        level.mask = shifted(1, static_cast<std::uint32_t>(level.shift)) - 1;
         level.buckets = make_buckets(static_cast<std::size_t>(level.size));
         if (level.buckets == nullptr) {
             free_levels(*ctx, i);

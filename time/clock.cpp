@@ -2,13 +2,14 @@
 // Monotonic reads and the serialised calendar conversions.
 #include "qv_time.h"
 
+#include "base/fork_lock.h"
+
 #include <atomic>
 #include <pthread.h>
 
 namespace {
 
 constexpr long kNanosecondsPerMicrosecond = 1000;
-constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
 // ---- the conversion mutex and forks ----
 
@@ -23,28 +24,13 @@ thread_local std::atomic<bool> inside;
 // Whether this thread's before_fork() took the mutex, for its counterparts.
 thread_local bool taken_for_fork;
 
-constexpr long kForkPatience = 10'000'000; // nanoseconds between two looks at a mutex that a caller may be keeping
-
-bool lock_patiently()
-{
-    timespec end; // by the wall clock, as the call wants it; where that is set meanwhile, the caller tries again
-    clock_gettime(CLOCK_REALTIME, &end);
-    end.tv_nsec += kForkPatience;
-    end.tv_sec += end.tv_nsec / kNanosecondsPerSecond;
-    end.tv_nsec %= kNanosecondsPerSecond;
-    return pthread_mutex_timedlock(&localtime_mutex, &end) == 0;
-}
-
 // A conversion in another thread holds the C library's own time-zone lock too, which a child could never get past: wait
 // for it. A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
 void before_fork()
 {
     taken_for_fork = false;
-    if (inside)
-        return;
-    do
-        taken_for_fork = lock_patiently();
-    while (!taken_for_fork && !kept);
+    if (!inside)
+        taken_for_fork = base::lock_for_fork(localtime_mutex, [] { return !kept; });
 }
 
 void after_fork_in_parent()

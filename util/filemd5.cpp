@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <dlfcn.h>
 #include <unistd.h>
 
 // Weak, so that a host that has no libcrypto can load the library.
@@ -19,30 +20,69 @@ namespace {
 constexpr std::size_t kDigest = 16;
 constexpr std::size_t kChunk = 2048;
 constexpr std::size_t kStateRoom = 256; // libcrypto's record has 92 bytes
+constexpr const char *kLibcrypto[] = {"libcrypto.so.3", "libcrypto.so.1.1", "libcrypto.so"};
+
+struct Digest
+{
+    decltype(&MD5_Init) init;
+    decltype(&MD5_Update) update;
+    decltype(&MD5_Final) final;
+
+    bool complete() const { return init != nullptr && update != nullptr && final != nullptr; }
+};
+
+Digest functions_of(void *libcrypto)
+{
+    auto find = [=]<typename F>(F *&function, const char *name) {
+        function = reinterpret_cast<F *>(::dlsym(libcrypto, name));
+    };
+    Digest found;
+    find(found.init, "MD5_Init");
+    find(found.update, "MD5_Update");
+    find(found.final, "MD5_Final");
+    return found;
+}
+
+// A link with --as-needed, the usual default, drops the libcrypto that a host names but does not call itself: a weak
+// reference does not count as a need. So where nothing bound the functions libcrypto is looked up by name.
+Digest digest_functions()
+{
+    Digest bound = {MD5_Init, MD5_Update, MD5_Final};
+    if (bound.complete())
+        return bound;
+    for (const char *name : kLibcrypto) {
+        if (void *libcrypto = ::dlopen(name, RTLD_NOW | RTLD_LOCAL))
+            return functions_of(libcrypto);
+    }
+    return {};
+}
 
 // A read error ends the input like the end of the file.
-void digest_of(int fd, unsigned char (&digest)[kDigest])
+void digest_of(const Digest &md5, int fd, unsigned char (&digest)[kDigest])
 {
     alignas(std::max_align_t) unsigned char room[kStateRoom];
     auto *state = reinterpret_cast<MD5state_st *>(room);
-    MD5_Init(state);
+    md5.init(state);
     unsigned char chunk[kChunk];
     for (ssize_t length; (length = ::read(fd, chunk, sizeof chunk)) > 0;)
-        MD5_Update(state, chunk, static_cast<std::size_t>(length));
-    MD5_Final(digest, state);
+        md5.update(state, chunk, static_cast<std::size_t>(length));
+    md5.final(digest, state);
 }
 
 } // namespace
 
 extern "C" int filemd5str(const char *path, char *dst, size_t dstlen)
 {
-    if (dst == nullptr || dstlen < 2 * kDigest + 1 || MD5_Init == nullptr)
+    if (dst == nullptr || dstlen < 2 * kDigest + 1)
+        return -1;
+    static const Digest md5 = digest_functions();
+    if (!md5.complete())
         return -1;
     std::FILE *file = std::fopen(path, "rb");
     if (file == nullptr)
         return -1;
     unsigned char digest[kDigest] = {};
-    digest_of(::fileno(file), digest);
+    digest_of(md5, ::fileno(file), digest);
     hex_to_str(digest, dst, kDigest, 2 * kDigest + 1);
     std::fclose(file);
     return 0;

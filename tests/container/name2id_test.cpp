@@ -224,6 +224,24 @@ TEST(Name2id, ForeignEntriesAreLeftAlone)
     name2id_tbl_destory(other);
 }
 
+TEST(Name2id, AnEntryIsReleasedThoughTheHashTableForgotIt)
+{
+    name2id_tbl *table = name2id_tbl_create(1, 0);
+    name2id_entry *entry = add(table, "a", 1);
+    add(table, "b", 2);
+    static int released;
+    released = 0;
+    entry->data = &released;
+    entry->data_free = [](void *count) { ++*static_cast<int *>(count); };
+    hashtbl_reset(table->hashtbl);
+    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
+    EXPECT_EQ(released, 1);
+    EXPECT_STREQ(table->first->name, "b");
+    EXPECT_EQ(table->first->prev, &table->first);
+    EXPECT_EQ(table->last, &table->first->next);
+    name2id_tbl_destory(table);
+}
+
 TEST(Name2id, AnEntryWhoseKeyChangedLeavesItsOldChain)
 {
     name2id_tbl *table = name2id_tbl_create(8, 0);

@@ -2,7 +2,9 @@
 // The trace file, and SIGUSR2 under fire.
 #include "qv_mtrace.h"
 
+#include "console_print.h"
 #include "sighandler.h"
+#include "signal_printf.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -11,6 +13,7 @@
 #include <ctime>
 #include <map>
 #include <random>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -194,12 +197,31 @@ TEST(Sigusr2, IsSaid)
     EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith("Stop mtrace log " + log_path() + "\n"));
 }
 
-TEST(Sigusr2, AStopInstallsTheHandlerAgain)
+TEST(Sigusr2, TheMirrorHookSeesItWithoutAnotherThreadsOutputBeingTouched)
 {
+    static std::vector<std::string> seen;
+    static int context;
+    console_print_mfunc_set([](const char *format, va_list ap) {
+        char text[128];
+        std::vsnprintf(text, sizeof text, format, ap);
+        seen.push_back(text);
+        context += in_signal_context();
+        return 0;
+    });
     signal_mtrace(SIGUSR2);
-    ::signal(SIGUSR2, SIG_DFL);
     signal_mtrace(SIGUSR2);
-    EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), signal_mtrace);
+    console_print_mfunc_set(nullptr);
+    EXPECT_EQ(seen, (std::vector<std::string>{"Start mtrace log " + log_path() + "\n",
+                                              "Stop mtrace log " + log_path() + "\n"}));
+    EXPECT_EQ(context, 0);
+}
+
+TEST(Sigusr2, AStopInstallsTheHandlerForTheSignalGiven)
+{
+    signal_mtrace(SIGUSR1);
+    signal_mtrace(SIGUSR1);
+    EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), signal_mtrace);
+    EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), SIG_DFL);
 }
 
 TEST(Sigusr2, AnOlderVariableIsOverwrittenAndOthersStay)
@@ -253,6 +275,77 @@ TEST(Sigusr2, TheScriptOfTheToolsNamesTheLeak)
     EXPECT_THAT(report.out, testing::ContainsRegex(std::string(address) + " +0x10e1 +at "));
     EXPECT_THAT(report.out, testing::Not(testing::HasSubstr(" 0x63 "))) << report.out;
     std::free(leak);
+}
+
+// ---- forks in the middle ----
+
+namespace {
+
+pid_t forked = -1;
+
+// Forks once: what a signal handler may do that interrupted its thread in a traced call, with the locks held.
+void *forking_hook(std::size_t size, const void *)
+{
+    __malloc_hook = nullptr;
+    if (forked < 0)
+        forked = ::fork();
+    void *block = std::malloc(size);
+    __malloc_hook = forking_hook;
+    return block;
+}
+
+// Whether the parent and the child made by `forks` both go on to the end.
+bool both_go_on(const std::function<void()> &forks)
+{
+    return run_child([&] {
+               ::alarm(10);
+               forks();
+               std::free(kept(std::malloc(20)));
+               int status = 0;
+               if (forked > 0)
+                   ::waitpid(forked, &status, 0);
+               ::_exit(forked < 0 || status != 0);
+           })
+        .exited(0);
+}
+
+} // namespace
+
+TEST(Fork, InATraceFilesCall)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_TRUE(both_go_on([] {
+        ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+        __malloc_hook = forking_hook;
+        mtrace();
+        std::free(kept(std::malloc(10)));
+        muntrace();
+        __malloc_hook = nullptr;
+    }));
+}
+
+TEST(Fork, InAFullyTracedCall)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_TRUE(both_go_on([] {
+        old_malloc_hook = forking_hook;
+        qv_mtrace_start();
+        std::free(kept(std::malloc(10)));
+        old_malloc_hook = nullptr;
+        qv_mtrace_reset();
+    }));
+}
+
+TEST(Fork, ByACallerThatHoldsTheTable)
+{
+    EXPECT_TRUE(both_go_on([] {
+        qv_mtrace_start();
+        pthread_mutex_lock(&mutex);
+        forked = ::fork();
+        add_malloc_record(10, nullptr, &forked);
+        pthread_mutex_unlock(&mutex);
+        qv_mtrace_reset();
+    }));
 }
 
 // ---- under fire ----

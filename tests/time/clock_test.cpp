@@ -269,11 +269,14 @@ TEST(LocaltimeMutex, AHandlerThatInterruptsAConversionMayFork)
             forks++;
         };
         ::sigaction(SIGALRM, &action, nullptr);
-        itimerval often = {{0, 300}, {0, 300}};
-        ::setitimer(ITIMER_REAL, &often, nullptr);
         tm out;
-        while (forks < effort(500))
-            qv_localtime_r(&kSummer, &out);
+        for (std::size_t i = 0; i < effort(500); i++) {
+            // Once at a time: an interval shorter than a fork would leave the conversions no time at all.
+            itimerval once = {{0, 0}, {0, static_cast<suseconds_t>(1 + i % 300)}};
+            ::setitimer(ITIMER_REAL, &once, nullptr);
+            while (forks <= i)
+                qv_localtime_r(&kSummer, &out);
+        }
         ::_exit(0);
     });
     EXPECT_TRUE(child.exited(0));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The digest of a file in a host that links libcrypto, against the command everyone has.
+// The digest of a file in a host that names libcrypto in its link line, against the command everyone has.
 #include "encoding.h"
 
 #include "support/support.h"

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// fork_lock.h - taking a mutex in a fork handler, where its holder may be one that never lets go.
+//
+// A mutex is taken before a fork so that the child does not begin in the middle of what it guards. Its holder may be
+// the very thread that forks (a signal handler forked, or a caller keeps an exported mutex) or one that waits for the
+// child, so the handler looks again now and then instead of waiting for good.
+#ifndef LIBCOMMON_BASE_FORK_LOCK_H
+#define LIBCOMMON_BASE_FORK_LOCK_H
+
+#include <ctime>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace base {
+
+// As the C library notes it in a mutex of the default kind. No owner in a mutex that stays locked: a signal handler
+// interrupted its thread between the two.
+inline bool held_by_another_thread(const pthread_mutex_t &mutex)
+{
+    int owner = __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED);
+    return owner != 0 && owner != ::gettid();
+}
+
+// Waits for the mutex while will_let_go(), asked every 10 ms, says that its holder will. Returns whether it was
+// taken.
+template <typename WillLetGo>
+bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
+{
+    constexpr long kPatience = 10'000'000;
+    constexpr long kSecond = 1'000'000'000;
+    do {
+        timespec end; // by the wall clock, as the call wants it; where that is set meanwhile, one look comes early or late
+        clock_gettime(CLOCK_REALTIME, &end);
+        end.tv_nsec += kPatience;
+        end.tv_sec += end.tv_nsec / kSecond;
+        end.tv_nsec %= kSecond;
+        if (pthread_mutex_timedlock(&mutex, &end) == 0)
+            return true;
+    } while (will_let_go());
+    return false;
+}
+
+} // namespace base
+
+#endif
