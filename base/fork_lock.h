@@ -29,7 +29,8 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
     constexpr long kPatience = 10'000'000;
     constexpr long kSecond = 1'000'000'000;
     do {
-        timespec end; // by the wall clock, as the call wants it; where that is set meanwhile, one look comes early or late
+        // By the wall clock, as the call wants it; where that is set meanwhile, one look comes early or late.
+        timespec end;
         clock_gettime(CLOCK_REALTIME, &end);
         end.tv_nsec += kPatience;
         end.tv_sec += end.tv_nsec / kSecond;

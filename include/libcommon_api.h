@@ -13,8 +13,9 @@
 /* A mark for readers; the build checks the crash path's objects against a list of allowed symbols. */
 #define QV_SIGNAL_SAFE
 
-/* Lets the compiler check a printf-style call: TEXT is the position of the format, FIRST that of its first argument. For
- * gcc %m, which these formats take, is a pedantic offence that cannot be allowed by itself; there the check is off. */
+/* Lets the compiler check a printf-style call: TEXT is the position of the format, FIRST that of its first argument.
+ * For gcc %m, which these formats take, is a pedantic offence that cannot be allowed by itself; there the check is off.
+ */
 #ifdef __clang__
 #define QV_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else

@@ -10,9 +10,9 @@
  *     int id = name2id(zones->hashtbl, "trust");             // 7; -1 for a name that is not there
  *     name2id_tbl_destory(zones);
  *
- * Lookups take the inner hash table, the table's hashtbl field, not the table. Of two entries with the same key they find the one inserted last.
- * The key fields of an inserted entry are not to be changed. Not locked: callers that share a table serialise their
- * calls.
+ * Lookups take the inner hash table, the table's hashtbl field, not the table. Of two entries with the same key they
+ * find the one inserted last. The key fields of an inserted entry are not to be changed. Not locked: callers that share
+ * a table serialise their calls.
  */
 #ifndef LIBCOMMON_NAME2ID_H
 #define LIBCOMMON_NAME2ID_H

@@ -166,8 +166,8 @@ QV_API int qv_mtrace_stat(mtrace_stat_record *rec, int mode);
 
 /**
  * The handler of SIGUSR2: starts a trace into /etc/mtrace<pid>.log in place of the library's hooks, or ends it, puts
- * them back and installs itself again for sig; either is told of on the console, and to the mirror hook. When the signal
- * meets its thread inside malloc(), or another one inside the trace, it is done at the end of that call.
+ * them back and installs itself again for sig; either is told of on the console, and to the mirror hook. When the
+ * signal meets its thread inside malloc(), or another one inside the trace, it is done at the end of that call.
  */
 QV_API void signal_mtrace(int sig) QV_SIGNAL_SAFE;
 

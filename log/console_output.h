@@ -111,8 +111,8 @@ private:
     static inline unsigned long fail_count_ = 0; // messages of all logs that were over the limit, since the last notice
 };
 
-// console_print() for the handler of a signal that is not fatal. The mirror hook sees the message as it sees every other;
-// the rest goes the way of the fatal handlers, since this thread may hold the heap's lock or the clock's.
+// console_print() for the handler of a signal that is not fatal. The mirror hook sees the message as it sees every
+// other; the rest goes the way of the fatal handlers, since this thread may hold the heap's lock or the clock's.
 int print_from_handler(const char *format, ...);
 
 } // namespace console

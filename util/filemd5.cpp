@@ -22,8 +22,7 @@ constexpr std::size_t kChunk = 2048;
 constexpr std::size_t kStateRoom = 256; // libcrypto's record has 92 bytes
 constexpr const char *kLibcrypto[] = {"libcrypto.so.3", "libcrypto.so.1.1", "libcrypto.so"};
 
-struct Digest
-{
+struct Digest {
     decltype(&MD5_Init) init;
     decltype(&MD5_Update) update;
     decltype(&MD5_Final) final;
