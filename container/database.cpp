@@ -48,7 +48,7 @@ struct database *db_create_database(void)
     return db;
 }
 
-struct database_index *db_create_database_index(struct database *db, uint32_t (*hash_fn)(const void *record))
+struct database_index *db_create_database_index(struct database *db, uint32_t (*hash_fn)(void *record))
 {
     auto *index = static_cast<database_index *>(std::malloc(sizeof(database_index)));
     if (index == nullptr)
@@ -95,8 +95,7 @@ int database_remove(struct database *db, void *record)
     return remove_before(db, nullptr, record);
 }
 
-void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, const void *key),
-                    const void *key)
+void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, void *key), void *key)
 {
     for (database_node *node = bucket_of(index, hash).first; node != nullptr; node = node->next) {
         if (match(node->record, key) != 0)

@@ -25,7 +25,7 @@ void report(report_line line, const char *text)
 }
 
 // The pointer that points at the first matching entry; null when none matches.
-simphash_entry **find(simphash *table, unsigned hash, simphash_cmp_fn cmp, const void *key)
+simphash_entry **find(simphash *table, unsigned hash, simphash_cmp_fn cmp, void *key)
 {
     for (simphash_entry **link = &table->buckets[hash & table->mask]; *link != nullptr; link = &(*link)->next) {
         if (cmp((*link)->value, key) == 0)
@@ -75,7 +75,7 @@ int simphash_insert(struct simphash *table, unsigned hash, uintptr_t value)
     return 0;
 }
 
-uintptr_t simphash_remove(struct simphash *table, unsigned hash, const void *key, simphash_cmp_fn cmp)
+uintptr_t simphash_remove(struct simphash *table, unsigned hash, void *key, simphash_cmp_fn cmp)
 {
     simphash_entry **link = find(table, hash, cmp, key);
     if (link == nullptr) {
@@ -91,7 +91,7 @@ uintptr_t simphash_remove(struct simphash *table, unsigned hash, const void *key
     return value;
 }
 
-uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, const void *key)
+uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, void *key)
 {
     simphash_entry **link = find(table, hash, cmp, key);
     return link != nullptr ? (*link)->value : 0;

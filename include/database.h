@@ -37,7 +37,7 @@ typedef struct database_bucket {
 
 typedef struct database_index {
     struct database *db;
-    uint32_t (*hash_fn)(const void *record);
+    uint32_t (*hash_fn)(void *record);
     struct database_bucket *buckets;
     uint32_t log_size; /* 10 */
     uint32_t mask;     /* 1023 */
@@ -56,7 +56,7 @@ QV_API struct database *db_create_database(void);
  * @param hash_fn  the index's hash of a record
  * @return the index, which the database owns; null when there is no memory
  */
-QV_API struct database_index *db_create_database_index(struct database *db, uint32_t (*hash_fn)(const void *record));
+QV_API struct database_index *db_create_database_index(struct database *db, uint32_t (*hash_fn)(void *record));
 
 /**
  * Frees the database and its indexes. What holds records in them is not freed: empty the database first, with
@@ -77,8 +77,8 @@ QV_API int database_remove(struct database *db, void *record);
  * @param match  non-zero for the record that the key stands for
  * @return the first record that matches, or null
  */
-QV_API void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, const void *key),
-                           const void *key);
+QV_API void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, void *key),
+                           void *key);
 
 /**
  * Takes all records out of all indexes.

@@ -33,7 +33,7 @@ typedef struct simphash {
 } simphash;
 
 /** 0 when the value is the one that the key stands for. */
-typedef int (*simphash_cmp_fn)(uintptr_t value, const void *key);
+typedef int (*simphash_cmp_fn)(uintptr_t value, void *key);
 
 /**
  * Makes an empty table.
@@ -46,10 +46,10 @@ QV_API struct simphash *simphash_create(unsigned log_size);
 QV_API int simphash_insert(struct simphash *table, unsigned hash, uintptr_t value);
 
 /** Takes out the first value that matches. @return the value; 0 when there is none, which is reported */
-QV_API uintptr_t simphash_remove(struct simphash *table, unsigned hash, const void *key, simphash_cmp_fn cmp);
+QV_API uintptr_t simphash_remove(struct simphash *table, unsigned hash, void *key, simphash_cmp_fn cmp);
 
 /** Looks for the first value that matches; mind the order of the arguments. @return the value; 0 when there is none */
-QV_API uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, const void *key);
+QV_API uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, void *key);
 
 QV_END_DECLS
 

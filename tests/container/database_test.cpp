@@ -17,22 +17,22 @@ struct item {
     std::uint32_t a = 0, b = 0;
 };
 
-std::uint32_t hash_a(const void *record)
+std::uint32_t hash_a(void *record)
 {
     return static_cast<const item *>(record)->a;
 }
 
-std::uint32_t hash_b(const void *record)
+std::uint32_t hash_b(void *record)
 {
     return static_cast<const item *>(record)->b * 1025;
 }
 
-int has_b(void *record, const void *key)
+int has_b(void *record, void *key)
 {
     return static_cast<item *>(record)->b == *static_cast<const std::uint32_t *>(key) ? -5 : 0;
 }
 
-int any(void *, const void *)
+int any(void *, void *)
 {
     return 1;
 }

@@ -14,13 +14,13 @@ using namespace support;
 
 namespace {
 
-int same(std::uintptr_t value, const void *key)
+int same(std::uintptr_t value, void *key)
 {
     return value == *static_cast<const std::uintptr_t *>(key) ? 0 : 1;
 }
 
 // Matches all values of the same ten; a compare that is positive or negative is no match.
-int same_tens(std::uintptr_t value, const void *key)
+int same_tens(std::uintptr_t value, void *key)
 {
     return static_cast<int>(value / 10) - static_cast<int>(*static_cast<const std::uintptr_t *>(key) / 10);
 }
