@@ -21,7 +21,7 @@ namespace console {
 inline constexpr const char *kConsolePath = "/dev/console";
 inline constexpr const char *kSerialPath = "/dev/ttyS0";
 inline constexpr const char *kSerialName = "ttyS0";
-inline constexpr off_t kLogLimit = 512 * 1024; // a larger file takes no more messages
+inline constexpr off_t kLogLimit = 0x80000; // a larger file takes no more messages
 inline constexpr mode_t kLogMode = 0777;
 inline constexpr std::size_t kMessageSize = 1024;
 inline constexpr std::size_t kPrefixSize = 128;

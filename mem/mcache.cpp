@@ -156,7 +156,7 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
     cache->slot_size = static_cast<uint32_t>(slot_size);
     cache->page_units = units;
     cache->objs_per_page = cache->objs_per_slab =
-        static_cast<uint32_t>((units * kUnit - sizeof(mcache_page)) / (obj_size + 16));
+        static_cast<uint32_t>((size_t{units} * kUnit - sizeof(mcache_page)) / (obj_size + 16));
     pthread_spin_init(&cache->lock, PTHREAD_PROCESS_SHARED);
     strlcpy(cache->name, name, sizeof cache->name);
     cache->next_cache = __atomic_load_n(&zlist, __ATOMIC_RELAXED);
