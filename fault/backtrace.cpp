@@ -50,6 +50,19 @@ bool is_code(unsigned long addr)
     return is_host_text(addr) || is_dynamic_lib(addr) != 0;
 }
 
+bool is_known_code(unsigned long addr)
+{
+    return is_host_text(addr) || (section_rec[0].start != 0 && is_dynamic_lib(addr) != 0);
+}
+
+// A return address may bear a signature in its upper bits. What is no signed address of code that is known here is told
+// as it stands in the record.
+unsigned long without_signature(unsigned long return_address)
+{
+    unsigned long address = fault::strip_signature(return_address);
+    return is_known_code(address) ? address : return_address;
+}
+
 // Reads words of memory that may not be there. The chain of a thread that was caught in code without frame pointers can
 // lead anywhere, and a dump request must not kill a healthy process.
 class frame_memory {
@@ -146,7 +159,7 @@ unsigned long walk_records(unsigned long record, frame_list *list)
         unsigned long return_address;
         if (!memory.load(record + kReturnAddressOffset, &return_address))
             break;
-        list->add(fault::strip_signature(return_address), link);
+        list->add(without_signature(return_address), link);
         record = link;
         unsigned long next;
         if (list->is_full() || !memory.load(record, &next) || next == 0)

@@ -47,9 +47,12 @@ void reset_fault_signals()
         ::signal(sig, SIG_DFL);
 }
 
-// How many handlers are at their logs in the process, and how many of them on this thread (a callback may crash in
-// turn).
+// How many handlers are at their logs in the process, and which of them on this thread: the addresses of their scopes,
+// the outermost first (a callback may crash in turn). One that a callback left by siglongjmp() is dropped when the next
+// begins, whose scope then lies where that one's was or further out; it would count as running for good.
 std::atomic<int> handlers_running;
+constexpr int kMaxNested = 8;
+__thread const void *scopes[kMaxNested];
 __thread int handlers_on_thread;
 
 // One run of signal_err(). Lets a dying thread leave only when no other log is being written: its return is the end of
@@ -61,21 +64,30 @@ class handler_scope {
 public:
     handler_scope()
     {
-        handlers_running.fetch_add(1);
+        while (handlers_on_thread > 0 && handlers_on_thread <= kMaxNested && scopes[handlers_on_thread - 1] <= this) {
+            count_out();
+            lower_flag();
+        }
+        level_ = handlers_on_thread;
+        if (level_ < kMaxNested)
+            scopes[level_] = this;
         handlers_on_thread++;
+        handlers_running.fetch_add(1);
         __atomic_fetch_add(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
     }
 
     ~handler_scope()
     {
-        int nested = --handlers_on_thread;
-        handlers_running.fetch_sub(1);
+        bool counted = handlers_on_thread > level_; // not where a run on another stack took this one for left
+        if (counted)
+            count_out();
         if (is_dying_) {
-            await_others(nested);
+            await_others();
             if (!__libc_single_threaded)
                 reset_fault_signals();
         }
-        __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
+        if (counted)
+            lower_flag();
     }
 
     handler_scope(const handler_scope &) = delete;
@@ -91,16 +103,25 @@ public:
     }
 
 private:
+    static void count_out()
+    {
+        handlers_on_thread--;
+        handlers_running.fetch_sub(1);
+    }
+
+    static void lower_flag() { __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST); }
+
     // Bounded: another thread's callback may hang, and this process must die.
-    static void await_others(int nested)
+    static void await_others()
     {
         constexpr timespec kStep = {0, 1000000};
         constexpr int kMaxSteps = 2000;
-        for (int i = 0; i < kMaxSteps && handlers_running.load() > nested; i++)
+        for (int i = 0; i < kMaxSteps && handlers_running.load() > handlers_on_thread; i++)
             ::nanosleep(&kStep, nullptr);
     }
 
     bool is_dying_ = false;
+    int level_; // this scope's place among the thread's
 };
 
 void announce_dump(const crash_record &rec)

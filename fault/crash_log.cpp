@@ -3,6 +3,7 @@
 #include "fault/crash_log.h"
 
 #include "backtrace.h"
+#include "base/errno_guard.h"
 #include "fault/backtrace_internal.h"
 #include "fault/machine_context.h"
 #include "signal_printf.h"
@@ -70,7 +71,10 @@ bool folder_exists(const char *folder)
 
 bool ensure_folder(const char *folder)
 {
-    return folder_exists(folder) || ::mkdir(folder, kMode) == 0 || errno == EEXIST;
+    if (folder_exists(folder) || ::mkdir(folder, kMode) == 0)
+        return true;
+    base::errno_guard reason;
+    return folder_exists(folder); // another thread's dump may have made it meanwhile
 }
 
 base::unique_fd open_log(const char *path)

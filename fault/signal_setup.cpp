@@ -34,8 +34,9 @@ constexpr armed_signal kCrashSignals[] = {
     {kBacktraceSignal, "sig_backtrace"},
 };
 
-constexpr int kTerminationSignals[] = {SIGHUP,  SIGINT,  SIGUSR1,   SIGUSR2, SIGPIPE,
-                                       SIGALRM, SIGTERM, SIGVTALRM, SIGIO,   SIGPWR};
+// SIGIO twice, under both its names, as ever; whoever traces the calls sees it.
+constexpr int kTerminationSignals[] = {SIGHUP,  SIGINT,    SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM,
+                                       SIGTERM, SIGVTALRM, SIGIO,   SIGPOLL, SIGPWR};
 
 constexpr int kIgnoredSignals[] = {SIGBUS,  SIGILL,  SIGSEGV, SIGABRT,         SIGALRM,         SIGHUP,
                                    SIGCHLD, SIGPIPE, 50,      kDumpFileSignal, kBacktraceSignal};

@@ -338,10 +338,21 @@ TEST(Walk, OutputsMayBeLeftOut)
     EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr), 0);
 }
 
+TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
+{
+    for (bool with_table : {false, true}) {
+        if (with_table)
+            load_one_section();
+        Chain chain(2);
+        chain.words[1] = 0xDEADBEEFCAFEBABE;
+        EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code().back(), 0xDEADBEEFCAFEBABE);
+    }
+}
+
 #if defined(__aarch64__)
 TEST(Walk, SignaturesOfReturnAddressesAreStripped)
 {
-    load_one_section();
+    procps_read_maps();
     unsigned long address = at(reinterpret_cast<void *>(&qv_backtrace_spec));
     unsigned long with_signature = address;
     asm("mov x30, %0\n\thint #25\n\tmov %0, x30" : "+r"(with_signature) : : "x30"); // PACIASP

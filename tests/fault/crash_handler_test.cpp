@@ -5,6 +5,7 @@
 #include "signal_printf.h"
 
 #include <cerrno>
+#include <csetjmp>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <ucontext.h>
@@ -29,6 +30,7 @@ long first_result[8]; // the first callback's result, by phase
 const char *path_to_set;
 bool fill_whole_path;
 bool is_reset_at_backtrace;
+sigjmp_buf *way_out; // taken by the last phase
 
 struct sigaction disposition(int sig)
 {
@@ -59,6 +61,8 @@ long callback_a(unsigned phase, unsigned long arg, void *record)
         signal_printf(static_cast<int>(arg), "depth %d\n", rec->depth);
     if (phase == QV_COREDUMP_LAST)
         signal_printf(static_cast<int>(arg), "last\n");
+    if (phase == QV_COREDUMP_LAST && way_out != nullptr)
+        siglongjmp(*way_out, 1);
     return record_call('a', phase, arg, record);
 }
 
@@ -239,6 +243,23 @@ TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
+TEST(Crash, AHandlerThatACallbackLeftIsForgottenByTheNext)
+{
+    ChildResult child = crash_child([] {
+        static sigjmp_buf out;
+        for (int i = 0; i < 3; i++) {
+            way_out = &out;
+            if (sigsetjmp(out, 1) == 0)
+                ::raise(52);
+            EXPECT_EQ(in_signal_context(), 1);
+            way_out = nullptr;
+            ::raise(52);
+            EXPECT_EQ(in_signal_context(), 0);
+        }
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
 // ---- dump requests ----
 
 TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
@@ -399,6 +420,16 @@ TEST(Failure, NoFolderToBeMade)
         read_file(kConsole).find("mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"),
         std::string::npos)
         << read_file(kConsole);
+}
+
+TEST(Failure, ALinkToNowhereIsNoFolder)
+{
+    ASSERT_EQ(::symlink("/nowhere/core", "/etc/core"), 0);
+    ChildResult child = crash_child([] { write_null(); });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    std::string path = core_path(child, "coredump", SIGSEGV);
+    EXPECT_NE(printed().find("mkdir /etc/core\tfailed, File exists\nFail to create " + path + " \n"), std::string::npos)
+        << printed();
 }
 
 TEST(Failure, NoFileToBeMade)
