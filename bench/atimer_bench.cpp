@@ -158,17 +158,7 @@ void all(const char *name)
 const bool registered = [] {
     all<Wheel>("ours");
     all<List>("plain_list");
-    all<BoostHeap>("boost_d_ary_heap");
-    all<Multimap>("multimap");
-#ifdef HAVE_EV
-    all<Ev>("libev");
-#endif
-#ifdef HAVE_EVENT
-    all<Event>("libevent");
-#endif
-#ifdef HAVE_UV
-    all<Uv>("libuv");
-#endif
+    bench::with_each_peer([]<typename Timers>(const char *name, Timers *) { all<Timers>(name); });
     return true;
 }();
 

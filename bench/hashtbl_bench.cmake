@@ -1,4 +1,4 @@
-include(${CMAKE_CURRENT_LIST_DIR}/glib_peer.cmake)
+glib_peer()
 find_package(absl QUIET)
 if(absl_FOUND)
     target_compile_definitions(hashtbl_bench PRIVATE HAVE_ABSL)

@@ -1,1 +1,1 @@
-include(${CMAKE_CURRENT_LIST_DIR}/judy_peer.cmake)
+peer(JUDY Judy Judy.h)

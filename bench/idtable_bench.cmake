@@ -1,2 +1,2 @@
-include(${CMAKE_CURRENT_LIST_DIR}/glib_peer.cmake)
-include(${CMAKE_CURRENT_LIST_DIR}/judy_peer.cmake)
+glib_peer()
+peer(JUDY Judy Judy.h)

@@ -1,1 +1,1 @@
-include(${CMAKE_CURRENT_LIST_DIR}/glib_peer.cmake)
+glib_peer()

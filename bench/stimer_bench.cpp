@@ -86,17 +86,7 @@ void all(const std::string &name)
 const bool registered = [] {
     all<Ours>("ours");
     all<Binary>("binary_heap");
-    all<BoostHeap>("boost_d_ary_heap");
-    all<Multimap>("multimap");
-#ifdef HAVE_EV
-    all<Ev>("libev");
-#endif
-#ifdef HAVE_EVENT
-    all<Event>("libevent");
-#endif
-#ifdef HAVE_UV
-    all<Uv>("libuv");
-#endif
+    bench::with_each_peer([]<typename Timers>(const char *name, Timers *) { all<Timers>(name); });
     return true;
 }();
 

@@ -279,6 +279,23 @@ private:
 };
 #endif
 
+// Calls what(name, type), the type as a null pointer, for each library that is there.
+template <typename What>
+void with_each_peer(What what)
+{
+    what("boost_d_ary_heap", static_cast<BoostHeap *>(nullptr));
+    what("multimap", static_cast<Multimap *>(nullptr));
+#ifdef HAVE_EV
+    what("libev", static_cast<Ev *>(nullptr));
+#endif
+#ifdef HAVE_EVENT
+    what("libevent", static_cast<Event *>(nullptr));
+#endif
+#ifdef HAVE_UV
+    what("libuv", static_cast<Uv *>(nullptr));
+#endif
+}
+
 } // namespace bench
 
 #endif
