@@ -331,21 +331,21 @@ TEST(SignalFormatModel, RandomConversionsAgreeWithTheCLibrary)
     std::mt19937_64 random(20260131);
     auto pick = [&](std::uint64_t n) { return random() % n; };
     for (std::size_t i = 0; i < effort(300000); i++) {
-        std::string spec = "%";
+        std::string directive = "%";
         for (const char *flag : {"-", "0"})
-            spec += pick(3) == 0 ? flag : "";
+            directive += pick(3) == 0 ? flag : "";
         char conversion = "dxXocs"[pick(6)];
         bool is_signed = conversion == 'd';
         if (is_signed)
-            spec += pick(4) == 0 ? "+" : pick(4) == 0 ? " " : "";
+            directive += pick(4) == 0 ? "+" : pick(4) == 0 ? " " : "";
         if (pick(2) == 0)
-            spec += std::to_string(1 + pick(40));
+            directive += std::to_string(1 + pick(40));
         // A precision together with '0' is the one place where the padding differs, and 0 digits of a 0 another.
-        bool precise = conversion != 'c' && spec.find('0') == std::string::npos && pick(3) == 0;
+        bool precise = conversion != 'c' && directive.find('0') == std::string::npos && pick(3) == 0;
         if (precise)
-            spec += "." + std::to_string(1 + pick(30));
+            directive += "." + std::to_string(1 + pick(30));
         unsigned long value = random() >> pick(64);
-        std::string fmt = "<" + spec;
+        std::string fmt = "<" + directive;
         std::string text = std::string(pick(60), 's');
         if (conversion == 'c') {
             if (spec.find('0') != std::string::npos)
