@@ -5,6 +5,8 @@ set(CMAKE_CXX_EXTENSIONS ON)
 set(CMAKE_C_STANDARD 11)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+# Wherever the tree is installed to: the libraries lie beside one another, the programs one folder away.
+set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 set(CMAKE_CXX_FLAGS_SANITIZE "-O1 -g1")
 set(CMAKE_C_FLAGS_SANITIZE "-O1 -g1")
 

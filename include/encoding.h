@@ -17,6 +17,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* <resolv.h> has the C library's of the same names behind these. */
+#undef b64_ntop
+#undef b64_pton
+
 QV_BEGIN_DECLS
 
 /* ---- base64 ---- */

@@ -348,13 +348,13 @@ TEST(SignalFormatModel, RandomConversionsAgreeWithTheCLibrary)
         std::string fmt = "<" + directive;
         std::string text = std::string(pick(60), 's');
         if (conversion == 'c') {
-            if (spec.find('0') != std::string::npos)
+            if (directive.find('0') != std::string::npos)
                 continue;
             fmt += "c>";
             int c = 'a' + static_cast<int>(pick(26));
             ASSERT_EQ(format(fmt, c), libc(fmt.c_str(), c)) << fmt;
         } else if (conversion == 's') {
-            if (spec.find('0') != std::string::npos)
+            if (directive.find('0') != std::string::npos)
                 continue;
             fmt += "s>";
             ASSERT_EQ(format(fmt, text.c_str()), libc(fmt.c_str(), text.c_str())) << fmt;

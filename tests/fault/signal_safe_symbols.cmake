@@ -4,7 +4,7 @@ if(NOT LIBCOMMON_SANITIZE AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
     set(crash_path backtrace crash_handler crash_log hex_dump machine_context_x86_64 signal_format stack_info)
     list(TRANSFORM crash_path PREPEND "fault/")
     list(APPEND crash_path log/console_sigctx)
-    list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/common.dir/")
+    list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")
     list(TRANSFORM crash_path APPEND ".cpp.o")
     add_test(NAME fault.signal_safe_symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols
         ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols.txt ${crash_path})
