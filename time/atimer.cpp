@@ -190,12 +190,12 @@ int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits)
     ctx->total_bits = nlevels * width;
     ctx->tick_mask = shifted(1, ctx->total_bits) - 1;
     ctx->max_expire = shifted(shifted(1, width) - 1, ctx->total_bits - width);
-    if (ctx->total_bits > kMaxTotalBits) {
+    // Judged wide: a product that wraps must not pass for a small one.
+    if (bits < 0 || width > kMaxTotalBits || std::uint64_t{nlevels} * width > kMaxTotalBits) {
         console_print("atimer_init: max tick can not be greater than 2^30\n");
         return -1;
     }
-    // A product that wrapped: no machine holds so many levels.
-    if (nlevels > INT_MAX || std::uint64_t{nlevels} * width > kMaxTotalBits)
+    if (nlevels > INT_MAX)
         return -1;
 
     ctx->levels = static_cast<atimer_level *>(std::calloc(std::max<std::size_t>(nlevels, 1), sizeof(atimer_level)));
