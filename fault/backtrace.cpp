@@ -60,7 +60,7 @@ bool is_known_code(unsigned long addr)
 unsigned long without_signature(unsigned long return_address)
 {
     unsigned long address = fault::strip_signature(return_address);
-    return is_known_code(address) ? address : return_address;
+    return address == return_address || is_known_code(address) ? address : return_address;
 }
 
 // Reads words of memory that may not be there. The chain of a thread that was caught in code without frame pointers can
