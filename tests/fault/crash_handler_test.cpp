@@ -243,16 +243,25 @@ TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
+namespace {
+
+void raise_and_leave(int sig)
+{
+    static sigjmp_buf out;
+    way_out = &out;
+    if (sigsetjmp(out, 1) == 0)
+        ::raise(sig);
+    way_out = nullptr;
+}
+
+} // namespace
+
 TEST(Crash, AHandlerThatACallbackLeftIsForgottenByTheNext)
 {
     ChildResult child = crash_child([] {
-        static sigjmp_buf out;
         for (int i = 0; i < 3; i++) {
-            way_out = &out;
-            if (sigsetjmp(out, 1) == 0)
-                ::raise(52);
+            raise_and_leave(52);
             EXPECT_EQ(in_signal_context(), 1);
-            way_out = nullptr;
             ::raise(52);
             EXPECT_EQ(in_signal_context(), 0);
         }
