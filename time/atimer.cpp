@@ -106,14 +106,30 @@ void cascade(atimer_context &ctx, std::int32_t i, atimer &timer)
     fire(timer);
 }
 
-void bring_up_next(atimer_context &ctx, std::int32_t i)
+// A level whose turn it is not ends a tick: the masks of the higher ones only add bits.
+bool comes_up(const atimer_context &ctx, std::int32_t i)
 {
-    atimer_level &level = ctx.levels[i];
+    return i < ctx.nlevels && (ctx.tick & ctx.levels[i].mask) == 0;
+}
+
+atimer_bucket &bring_up_next(atimer_level &level)
+{
     level.current = (level.current + 1) & (level.size - 1);
-    atimer_bucket &bucket = level.buckets[level.current];
-    // Read anew after every step: a callback may stop, free or start any timer, of this bucket too.
-    while (bucket.first != nullptr)
-        cascade(ctx, i, *bucket.first);
+    return level.buckets[level.current];
+}
+
+// The rest of a tick, from the first level on whose bucket holds timers. By itself, so that an idle tick calls nothing
+// and saves no registers.
+[[gnu::noinline]] void finish_tick(atimer_context &ctx, std::int32_t i, atimer_bucket *bucket)
+{
+    for (;;) {
+        // Read anew after every step: a callback may stop, free or start any timer, of this bucket too.
+        while (bucket->first != nullptr)
+            cascade(ctx, i, *bucket->first);
+        if (!comes_up(ctx, ++i))
+            return;
+        bucket = &bring_up_next(ctx.levels[i]);
+    }
 }
 
 // ---- stalls ----
@@ -293,9 +309,11 @@ void free_atimer(struct atimer *timer)
 void per_tick_call(struct atimer_context *ctx)
 {
     ctx->tick++;
-    // A level whose turn it is not ends it: the masks of the higher ones only add bits.
-    for (std::int32_t i = 0; i < ctx->nlevels && (ctx->tick & ctx->levels[i].mask) == 0; i++)
-        bring_up_next(*ctx, i);
+    for (std::int32_t i = 0; comes_up(*ctx, i); i++) {
+        atimer_bucket &bucket = bring_up_next(ctx->levels[i]);
+        if (bucket.first != nullptr)
+            return finish_tick(*ctx, i, &bucket);
+    }
 }
 
 int process_atimer(struct atimer_context *ctx)
