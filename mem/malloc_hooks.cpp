@@ -119,7 +119,8 @@ void after_fork_in_child()
 
 } // namespace
 
-extern "C" [[gnu::constructor]] void my_init_hook(void)
+// Before every other constructor of the library.
+extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
 {
     static bool loaded = false;
     if (!loaded) {

@@ -47,17 +47,16 @@ void after_fork_in_child()
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
 
-void watch_forks()
+// At load: a fork that began before the handlers were registered would run without them and could leave the child in the
+// middle of another thread's conversion. After the allocation hooks', so that before a fork it comes first: conversions
+// allocate.
+[[gnu::constructor]] void watch_forks()
 {
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
-// At first use and not at load: a process that never converts pays nothing at its forks.
-pthread_once_t forks_watched = PTHREAD_ONCE_INIT;
-
 int lock()
 {
-    pthread_once(&forks_watched, watch_forks);
     inside = true;
     return pthread_mutex_lock(&localtime_mutex);
 }

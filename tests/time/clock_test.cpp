@@ -256,6 +256,37 @@ TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
         thread.join();
 }
 
+TEST(LocaltimeMutex, AForkDuringTheVeryFirstConversionLeavesAChildThatCanConvert)
+{
+    for (std::size_t i = 0; i < effort(400); i++) {
+        // A process of its own, which has never converted; the delay looks for the moment.
+        ChildResult child = run_child(
+            [i] {
+                std::thread converting([] {
+                    tm out;
+                    for (int k = 0; k < 1000; k++)
+                        qv_localtime_r(&kSummer, &out);
+                });
+                timespec begin, now;
+                ::clock_gettime(CLOCK_MONOTONIC, &begin);
+                do
+                    ::clock_gettime(CLOCK_MONOTONIC, &now);
+                while ((now.tv_sec - begin.tv_sec) * 1000000000 + now.tv_nsec - begin.tv_nsec < long(i % 100) * 1000);
+                pid_t pid = ::fork();
+                if (pid == 0) {
+                    tm out;
+                    ::_exit(qv_localtime_r(&kSummer, &out) != nullptr ? 0 : 1);
+                }
+                int status = -1;
+                ::waitpid(pid, &status, 0);
+                converting.join();
+                ::_exit(status != 0);
+            },
+            10000);
+        ASSERT_TRUE(child.exited(0)) << i;
+    }
+}
+
 TEST(LocaltimeMutex, AHandlerThatInterruptsAConversionMayFork)
 {
     ChildResult child = run_child([] {
