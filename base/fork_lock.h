@@ -38,7 +38,7 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
         if (pthread_mutex_timedlock(&mutex, &end) == 0)
             return true;
     } while (will_let_go());
-    return false;
+    return pthread_mutex_trylock(&mutex) == 0; // it may have been given back just now
 }
 
 } // namespace base
