@@ -13,16 +13,7 @@
 
 namespace base {
 
-// As the C library notes it in a mutex of the default kind. No owner in a mutex that stays locked: a signal handler
-// interrupted its thread between the two.
-inline bool held_by_another_thread(const pthread_mutex_t &mutex)
-{
-    int owner = __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED);
-    return owner != 0 && owner != ::gettid();
-}
-
-// Waits for the mutex while will_let_go(), asked every 10 ms, says that its holder will. Returns whether it was
-// taken.
+// Waits for the mutex while will_let_go(), asked every 10 ms, says that its holder will. Returns whether it was taken.
 template <typename WillLetGo>
 bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
 {
@@ -39,6 +30,20 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
             return true;
     } while (will_let_go());
     return pthread_mutex_trylock(&mutex) == 0; // it may have been given back just now
+}
+
+// The same for a mutex whose holders let go unless they are the forking thread itself. The C library notes the owner
+// behind taking the mutex and forgets it before giving it back: none for a look or two is another thread that is not
+// scheduled there, none for good is this thread, whose signal handler forks.
+inline bool lock_for_fork(pthread_mutex_t &mutex)
+{
+    constexpr int kForGood = 100;
+    int looks_without_owner = 0;
+    return lock_for_fork(mutex, [&] {
+        int owner = __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED);
+        looks_without_owner = owner == 0 ? looks_without_owner + 1 : 0;
+        return owner != ::gettid() && looks_without_owner < kForGood;
+    });
 }
 
 } // namespace base

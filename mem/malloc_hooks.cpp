@@ -95,7 +95,7 @@ constinit thread_local bool mutex_taken = false;
 void before_fork()
 {
     trace_file::before_fork();
-    mutex_taken = base::lock_for_fork(mutex, [] { return base::held_by_another_thread(mutex); });
+    mutex_taken = base::lock_for_fork(mutex);
 }
 
 void leave_mutex()

@@ -326,7 +326,7 @@ constinit thread_local bool taken_for_fork = false;
 // The child does not write what the parent has yet to.
 void before_fork()
 {
-    taken_for_fork = base::lock_for_fork(lock, [] { return base::held_by_another_thread(lock); });
+    taken_for_fork = base::lock_for_fork(lock);
     if (taken_for_fork && file >= 0)
         flush();
 }

@@ -902,12 +902,14 @@ TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
     NEEDS_INTERPOSITION();
     qv_mtrace_start();
     static volatile bool stop = false;
-    std::thread busy([] {
-        while (!stop) {
-            void *volatile block = std::malloc(40);
-            std::free(block);
-        }
-    });
+    std::vector<std::thread> busy; // more than processors, so that one is often stopped somewhere in the lock
+    for (int i = 0; i < 6; i++)
+        busy.emplace_back([] {
+            while (!stop) {
+                void *volatile block = std::malloc(40);
+                std::free(block);
+            }
+        });
     for (std::size_t i = 0; i < effort(200); i++) {
         pid_t child = ::fork();
         if (child == 0) {
@@ -922,6 +924,7 @@ TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
         ASSERT_EQ(status, 0);
     }
     stop = true;
-    busy.join();
+    for (std::thread &thread : busy)
+        thread.join();
     qv_mtrace_reset();
 }
