@@ -189,6 +189,21 @@ TEST(Hashtbl, RemoveFromEveryPlace)
     }
 }
 
+TEST(Hashtbl, AnObjectInsertedTwiceTakesNoOtherAlong)
+{
+    Table table(0);
+    Object twice{1, 1, {}}, other{2, 2, {}};
+    hashtbl_insert(table, 1, &twice);
+    hashtbl_insert(table, 1, &other);
+    hashtbl_insert(table, 1, &twice);
+    hashtbl_remove(table, 1, &twice);
+    EXPECT_EQ(table.table->buckets[0], &other.link);
+    hashtbl_remove(table, 1, &twice);
+    EXPECT_EQ(table.table->buckets[0], &other.link) << "it is not the head, though it has none in front of it";
+    EXPECT_EQ(table.table->count, 1U);
+    EXPECT_EQ(find(table, 2, 1), &other);
+}
+
 TEST(Hashtbl, RemoveGoesByTheGivenHash)
 {
     Table table(4);

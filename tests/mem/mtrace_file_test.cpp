@@ -218,10 +218,13 @@ TEST(Sigusr2, TheMirrorHookSeesItWithoutAnotherThreadsOutputBeingTouched)
 
 TEST(Sigusr2, AStopInstallsTheHandlerForTheSignalGiven)
 {
-    signal_mtrace(SIGUSR1);
-    signal_mtrace(SIGUSR1);
-    EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), signal_mtrace);
-    EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), SIG_DFL);
+    for (int sig : {SIGUSR1, SIGUSR2}) {
+        signal_mtrace(sig);
+        ::signal(sig, SIG_DFL);
+        signal_mtrace(sig);
+        EXPECT_EQ(::signal(sig, SIG_DFL), signal_mtrace);
+        EXPECT_EQ(::signal(sig == SIGUSR1 ? SIGUSR2 : SIGUSR1, SIG_DFL), SIG_DFL);
+    }
 }
 
 TEST(Sigusr2, AnOlderVariableIsOverwrittenAndOthersStay)
