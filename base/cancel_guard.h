@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// cancel_guard.h - no cancellation of the calling thread within the scope.
+#ifndef LIBCOMMON_BASE_CANCEL_GUARD_H
+#define LIBCOMMON_BASE_CANCEL_GUARD_H
+
+#include <pthread.h>
+
+namespace base {
+
+// Signal-safe. open(), write() and their like are cancellation points: a pending pthread_cancel() would end the thread
+// there and leave descriptors and locks behind. The request stays pending and acts after the scope.
+class cancel_guard {
+public:
+    cancel_guard() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
+    ~cancel_guard() { ::pthread_setcancelstate(saved_, nullptr); }
+    cancel_guard(const cancel_guard &) = delete;
+    cancel_guard &operator=(const cancel_guard &) = delete;
+
+private:
+    int saved_;
+};
+
+} // namespace base
+
+#endif
