@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t kLogSize = 10;
 constexpr std::uint32_t kBuckets = 1U << kLogSize;
 
-// What emptying an index returns even when all went well; callers have come to know it.
+// Contract: what emptying an index returns, also when all went well.
 constexpr int kEmptied = -1;
 
 database_bucket &bucket_of(database_index *index, std::uint32_t hash)
@@ -27,13 +27,26 @@ database_bucket &bucket_of(database_index *index, std::uint32_t hash)
     return index->buckets[hash & index->mask];
 }
 
-// Takes the record out of the indexes before `end`; 0 only if each of them held it.
-int remove_before(database *db, const database_index *end, void *record)
+void drop(database_bucket &bucket, database_node *node)
 {
-    int result = 0;
-    for (database_index *index = db->indexes; index != end; index = index->next_index)
-        result |= database_index_remove(index, record, index->hash_fn(record));
-    return result;
+    base::tail_queue_unlink(bucket, *node);
+    std::free(node);
+}
+
+// Takes the newest node of the record out of each index before `end`. A record may be in the database more than once,
+// and its older nodes must stay where they are.
+void undo_insert(database *db, const database_index *end, void *record)
+{
+    for (database_index *index = db->indexes; index != end; index = index->next_index) {
+        database_bucket &bucket = bucket_of(index, index->hash_fn(record));
+        database_node *newest = nullptr;
+        for (database_node *node = bucket.first; node != nullptr; node = node->next) {
+            if (node->record == record)
+                newest = node;
+        }
+        if (newest != nullptr)
+            drop(bucket, newest);
+    }
 }
 
 } // namespace
@@ -83,7 +96,7 @@ int database_insert(struct database *db, void *record)
     for (database_index *index = db->indexes; index != nullptr; index = index->next_index) {
         int result = database_index_insert(index, record, index->hash_fn(record));
         if (result != 0) {
-            remove_before(db, index, record);
+            undo_insert(db, index, record);
             return result;
         }
     }
@@ -92,7 +105,10 @@ int database_insert(struct database *db, void *record)
 
 int database_remove(struct database *db, void *record)
 {
-    return remove_before(db, nullptr, record);
+    int result = 0;
+    for (database_index *index = db->indexes; index != nullptr; index = index->next_index)
+        result |= database_index_remove(index, record, index->hash_fn(record));
+    return result;
 }
 
 void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, void *key), void *key)
@@ -128,8 +144,7 @@ int database_index_remove(struct database_index *index, void *record, uint32_t h
     for (database_node *node = bucket.first; node != nullptr; node = node->next) {
         if (node->record != record)
             continue;
-        base::tail_queue_unlink(bucket, *node);
-        std::free(node);
+        drop(bucket, node);
         return 0;
     }
     return -1;

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Identifier pools.
 //
-// Identifiers, offsets and counts are reckoned in 64 bits, since ranges reach INT_MAX. `words` is what the pool was
-// made with and is what scans go by; a resize changes the bitmap under it. So a bitmap always has at least `words`
-// words, and after a pool has grown it has more than the scans look at.
+// Identifiers, offsets and counts are computed in 64 bits, since ranges reach INT_MAX. `words` is the number of bitmap
+// words that the pool was made with; scans use it, and a resize does not change it. Three consequences:
+//   - a bitmap always has at least `words` words;
+//   - a bitmap that has grown has words that the scans do not reach;
+//   - a bitmap that has shrunk has words after its last identifier. All their bits are set, so that a scan never finds
+//     an identifier there while a lower one is free.
 #include "idpool.h"
 
 #include "base/zeroed_malloc.h"
@@ -42,11 +45,13 @@ std::int64_t size_of(const idpool *pool)
     return std::int64_t{pool->max_id} - pool->min_id + 1;
 }
 
-// Marks what lies behind the last identifier as taken.
-void set_spare_bits(std::uint32_t *bitmap, std::int64_t count)
+// Marks what lies after the last of count identifiers as taken, up to the end of a bitmap of so many words.
+void set_spare_bits(std::uint32_t *bitmap, std::int64_t count, std::int64_t words)
 {
     if (count % kWordBits != 0)
         bitmap[count / kWordBits] |= kFull << (count % kWordBits);
+    if (std::int64_t used = words_for(count); used < words)
+        std::fill(bitmap + used, bitmap + words, kFull);
 }
 
 std::uint32_t *make_bitmap(std::int64_t words)
@@ -63,7 +68,7 @@ void lay(idpool *pool, const char *name, int min, int max, std::uint32_t *bitmap
     pool->bitmap = bitmap;
     pool->words = static_cast<std::int32_t>(words_for(size_of(pool)));
     pool->next = 0;
-    set_spare_bits(bitmap, size_of(pool));
+    set_spare_bits(bitmap, size_of(pool), pool->words);
 }
 
 // ---- scanning ----
@@ -114,7 +119,7 @@ std::int64_t take_next(idpool *pool)
     return found <= start ? take_lowest(pool, found) : -1;
 }
 
-// Hands out a bit that has been taken. One behind max_id, in the words that a smaller pool was left with, stays taken.
+// Hands out a bit that has been taken. One after max_id is never handed out and stays taken.
 int hand_out(const idpool *pool, std::int64_t offset, int *id_out)
 {
     if (offset >= size_of(pool))
@@ -267,15 +272,18 @@ int idpool_resize(struct idpool *pool, int count)
         return 1;
     if (max > INT_MAX)
         return 0;
-    std::int64_t words = words_for(count);
-    std::uint32_t *bitmap = make_bitmap(std::max<std::int64_t>(words, pool->words));
+    const std::int64_t words = words_for(count);
+    const std::int64_t room = std::max<std::int64_t>(words, pool->words);
+    std::uint32_t *bitmap = make_bitmap(room);
     if (bitmap == nullptr) {
         qv_clog("Malloc bitmap failed when resize pool %s\n", pool->name);
         return 0;
     }
-    // As many bytes as there are words: what is lost thereby comes back free, and callers have come to know it.
-    std::memcpy(bitmap, pool->bitmap, static_cast<std::size_t>(std::min<std::int64_t>(words, pool->words)));
-    set_spare_bits(bitmap, count);
+    // Contract: as many bytes as there are words. Identifiers whose bits are not copied come back free. The old bitmap
+    // counts with the words that its identifiers need, not with `words`: after a shrink those include set spare bits.
+    const std::int64_t kept = std::min(words, words_for(size_of(pool)));
+    std::memcpy(bitmap, pool->bitmap, static_cast<std::size_t>(kept));
+    set_spare_bits(bitmap, count, room);
     std::free(pool->bitmap);
     pool->bitmap = bitmap;
     pool->max_id = static_cast<std::int32_t>(max);

@@ -65,7 +65,11 @@ QV_API struct database_index *db_create_database_index(struct database *db, uint
  */
 QV_API int db_destroy_database(struct database *db);
 
-/** Puts a record into every index, or into none. @return 0; -1 when there is no memory */
+/**
+ * Puts a record into every index, or into none. A record may be put in several times; database_remove() then takes the
+ * oldest out first.
+ * @return 0; -1 when there is no memory: the database is then as it was before the call
+ */
 QV_API int database_insert(struct database *db, void *record);
 
 /** Takes a record out of every index. @return 0; -1 when an index did not hold it */

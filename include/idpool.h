@@ -74,9 +74,10 @@ QV_API void idpool_destroy(struct idpool *pool);
 /**
  * Gives a pool from idpool_create() another size; never one from idpool_init(). min_id stays.
  *
- * Not what it seems: the number of bitmap words is taken for a number of bytes when the old bitmap is copied, so only
- * the first few identifiers stay allocated (of 64, the first 16), and idpool_alloc_id() goes on looking through as many
- * words as the pool was made with. Callers live with both.
+ * Two results are contracts and not what a caller expects. The number of bitmap words is used as a number of bytes when
+ * the old bitmap is copied: of a pool that had n words only the first 8 * n bits survive (of 64 identifiers, the first
+ * 16). All identifiers after them come back free; a pool of fewer than 8 identifiers that grows gets those from the old
+ * end up to the 8th allocated. And idpool_alloc_id() goes on searching as many words as the pool was made with.
  * @param count  identifiers from now on, at least 1; min_id + count - 1 at most INT_MAX
  * @return 1, also when nothing changes; 0 for a bad count, a null pool or without memory (the latter is logged)
  */

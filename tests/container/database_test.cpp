@@ -223,6 +223,80 @@ TEST_F(Database, AFailedInsertionIsUndone)
     EXPECT_EQ(records(by_a), std::vector<void *>{&x});
 }
 
+TEST_F(Database, AFailedInsertionIsUndoneInEveryIndexBeforeTheFailingOne)
+{
+    database_index *third = db_create_database_index(db, hash_a);
+    database_index *fourth = db_create_database_index(db, hash_b);
+    item x{1, 1}, y{1, 1};
+    database_insert(db, &x);
+    for (int nodes = 0; nodes < 4; nodes++) {
+        allocations_left = nodes;
+        int result = database_insert(db, &y);
+        allocations_left = -1;
+        EXPECT_EQ(result, -1);
+        for (database_index *index : {by_a, by_b, third, fourth})
+            EXPECT_EQ(records(index), std::vector<void *>{&x}) << nodes;
+    }
+    EXPECT_EQ(database_insert(db, &y), 0);
+    for (database_index *index : {by_a, by_b, third, fourth})
+        EXPECT_EQ(records(index), (std::vector<void *>{&x, &y}));
+}
+
+TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
+{
+    item x{1, 1}, y{1, 1};
+    database_insert(db, &x);
+    database_insert(db, &y);
+    database_node *oldest = by_b->buckets[hash_b(&x) & 1023].first;
+    allocations_left = 1;
+    int result = database_insert(db, &x);
+    allocations_left = -1;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(records(by_b), (std::vector<void *>{&x, &y})) << "in the order in which they came";
+    EXPECT_EQ(by_b->buckets[hash_b(&x) & 1023].first, oldest);
+    EXPECT_EQ(records(by_a), (std::vector<void *>{&x, &y}));
+    item z{1, 1};
+    database_insert(db, &z);
+    EXPECT_EQ(records(by_b), (std::vector<void *>{&x, &y, &z}));
+}
+
+TEST_F(Database, EveryBucketIsWalkedAndEmptied)
+{
+    std::vector<item> items(1024);
+    std::vector<void *> all;
+    for (std::uint32_t i = 0; i < items.size(); i++) {
+        items[i].a = i;
+        database_index_insert(by_a, &items[i], i);
+        all.push_back(&items[i]);
+    }
+    EXPECT_EQ(records(by_a), all) << "bucket 0 first, bucket 1023 last";
+    visited.clear();
+    EXPECT_EQ(database_index_remove_all(by_a, visit), -1);
+    EXPECT_EQ(visited, all);
+    EXPECT_EQ(records(by_a), std::vector<void *>{});
+}
+
+TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
+{
+    static database_index *index;
+    static std::vector<std::size_t> left;
+    left.clear();
+    index = by_a;
+    item items[3] = {{7, 0}, {7, 1}, {7, 2}};
+    for (item &x : items)
+        database_insert(db, &x);
+    database_index_remove_all(by_a, [](void *record) {
+        std::size_t count = 0;
+        for (database_node *node = index->buckets[7].first; node != nullptr; node = node->next) {
+            EXPECT_NE(node->record, record);
+            count++;
+        }
+        EXPECT_EQ(database_index_remove(index, record, 7), -1);
+        left.push_back(count);
+    });
+    EXPECT_EQ(left, (std::vector<std::size_t>{2, 1, 0}));
+}
+
 TEST(DatabaseModel, RandomWorkAgreesWithLists)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
