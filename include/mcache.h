@@ -35,6 +35,7 @@ typedef struct mcache {
     uint32_t slot_size;
     uint32_t page_units;
     uint32_t objs_per_slab;
+    uint32_t id; /* unique in the process; each page holds that of its cache */
 } mcache;
 
 /* The cache made last; the others follow by next_cache. Caches live as long as the process. */
@@ -54,7 +55,10 @@ QV_API struct mcache *mcache_create(const char *name, unsigned size, void *reser
 /** An object, its bytes undefined; null when there is no memory. A null cache crashes. */
 QV_API void *mcache_alloc(struct mcache *cache);
 
-/** Gives an object of this cache back; a null object is ignored. */
+/**
+ * Gives an object of this cache back; a null object is ignored. A null cache, an object of another cache or of none, a
+ * second free and an overrun crash.
+ */
 QV_API void mcache_free(struct mcache *cache, void *object);
 
 /** Crashes on purpose for the codes 1 to 5; @return code - 1 for any other. */

@@ -13,7 +13,7 @@
 struct mcache_page {
     uint64_t magic;
     uint32_t free_count;
-    uint32_t unused;
+    uint32_t owner; // the cache's id
     mcache_page *prev;
     mcache_page *next;
     void *free_head; // an object, not its slot
@@ -39,7 +39,10 @@ static_assert(std::is_same_v<pthread_spinlock_t, volatile int>);
 static_assert(sizeof(mcache_page) == 40 && offsetof(mcache_page, prev) == 16 && offsetof(mcache_page, free_head) == 32);
 static_assert(sizeof(slot_header) == 8);
 static_assert(sizeof(mcache) == 144 && offsetof(mcache, next_cache) == 8 && offsetof(mcache, name) == 48 &&
-              offsetof(mcache, objs_per_slab) == 136);
+              offsetof(mcache, objs_per_slab) == 136 && offsetof(mcache, id) == 140);
+
+// The id of the cache made last. No cache has the id 0.
+uint32_t last_id;
 
 slot_header *header_of(void *object)
 {
@@ -68,7 +71,7 @@ void mcache_init_page(mcache *cache, mcache_page *page)
 {
     const size_t stride = size_t{cache->obj_size} + 16;
     char *object = reinterpret_cast<char *>(page + 1) + sizeof(slot_header);
-    *page = {kMagic, cache->objs_per_page, 0, nullptr, nullptr, object};
+    *page = {kMagic, cache->objs_per_page, cache->id, nullptr, nullptr, object};
     for (uint32_t left = cache->objs_per_page; left != 0; left--, object += stride) {
         *header_of(object) = {static_cast<uint32_t>(object - reinterpret_cast<char *>(page)), 0};
         *guard_of(cache, object) = kGuard;
@@ -157,6 +160,7 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
     cache->page_units = units;
     cache->objs_per_page = cache->objs_per_slab =
         static_cast<uint32_t>((size_t{units} * kUnit - sizeof(mcache_page)) / (obj_size + 16));
+    cache->id = __atomic_add_fetch(&last_id, 1, __ATOMIC_RELAXED);
     pthread_spin_init(&cache->lock, PTHREAD_PROCESS_SHARED);
     strlcpy(cache->name, name, sizeof cache->name);
     cache->next_cache = __atomic_load_n(&zlist, __ATOMIC_RELAXED);
@@ -206,7 +210,7 @@ void mcache_free(mcache *cache, void *object)
     pthread_spin_lock(&cache->lock);
     slot_header *header = header_of(object);
     auto *page = reinterpret_cast<mcache_page *>(static_cast<char *>(object) - header->offset);
-    if (page->magic != kMagic)
+    if (page->magic != kMagic || page->owner != cache->id)
         fail(4);
     if (!(header->flags & kAllocated) || *guard_of(cache, object) != kGuard)
         fail(5);

@@ -2,6 +2,7 @@
 // The MD5 digest of a file, by the digest functions of the host's libcrypto.
 #include "encoding.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <dlfcn.h>
@@ -30,16 +31,44 @@ struct Digest {
     bool complete() const { return init != nullptr && update != nullptr && final != nullptr; }
 };
 
-Digest functions_of(void *libcrypto)
+// The library that a search found; null before. It stays loaded. Only the handle is kept: one word, published at once,
+// so that threads which search at the same time never mix the functions of two libraries.
+std::atomic<void *> found_library;
+
+Digest functions_of(void *library)
 {
     auto find = [=]<typename F>(F *&function, const char *name) {
-        function = reinterpret_cast<F *>(::dlsym(libcrypto, name));
+        function = reinterpret_cast<F *>(::dlsym(library, name));
     };
     Digest found;
     find(found.init, "MD5_Init");
     find(found.update, "MD5_Update");
     find(found.final, "MD5_Final");
     return found;
+}
+
+// Keeps the library unless another thread was faster. Returns the one that is kept.
+void *keep(void *library)
+{
+    void *first = nullptr;
+    if (found_library.compare_exchange_strong(first, library))
+        return library;
+    ::dlclose(library);
+    return first;
+}
+
+// A failure is not remembered: the library may be installed, or memory come free, later.
+Digest search()
+{
+    for (const char *name : kLibcrypto) {
+        void *library = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr)
+            continue;
+        if (functions_of(library).complete())
+            return functions_of(keep(library));
+        ::dlclose(library); // built without MD5
+    }
+    return {};
 }
 
 // A link with --as-needed, the usual default, drops the libcrypto that a host names but does not call itself: a weak
@@ -49,11 +78,8 @@ Digest digest_functions()
     Digest bound = {MD5_Init, MD5_Update, MD5_Final};
     if (bound.complete())
         return bound;
-    for (const char *name : kLibcrypto) {
-        if (void *libcrypto = ::dlopen(name, RTLD_NOW | RTLD_LOCAL))
-            return functions_of(libcrypto);
-    }
-    return {};
+    void *library = found_library.load();
+    return library != nullptr ? functions_of(library) : search();
 }
 
 // A read error ends the input like the end of the file.
@@ -74,7 +100,7 @@ extern "C" int filemd5str(const char *path, char *dst, size_t dstlen)
 {
     if (dst == nullptr || dstlen < 2 * kDigest + 1)
         return -1;
-    static const Digest md5 = digest_functions();
+    const Digest md5 = digest_functions();
     if (!md5.complete())
         return -1;
     std::FILE *file = std::fopen(path, "rb");

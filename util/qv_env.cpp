@@ -64,26 +64,45 @@ public:
         text_ = static_cast<char *>(std::malloc(size + 1));
         if (text_ == nullptr)
             return false;
-        ssize_t length = ::read(fd_.get(), text_, size);
-        if (length < 0)
-            return false;
-        text_[length] = '\0';
-        return true;
+        return read_text(size);
     }
 
     int fd() const { return fd_.get(); }
     const char *text() const { return text_; }
 
 private:
+    // A read may give less than there is. Whatever is not read here is lost when a record before it is cut out.
+    bool read_text(std::size_t size)
+    {
+        std::size_t have = 0;
+        while (have < size) {
+            ssize_t length = ::read(fd_.get(), text_ + have, size - have);
+            if (length < 0)
+                return false;
+            if (length == 0)
+                break; // somebody without the lock has cut the file off
+            have += static_cast<std::size_t>(length);
+        }
+        text_[have] = '\0';
+        return true;
+    }
+
     base::unique_fd fd_;
     bool locked_ = false;
     char *text_ = nullptr;
 };
 
-// A record is best effort: on a full file system the settings written before stay readable.
+// A record is best effort: on a full file system the settings written before stay readable. One write, unless the
+// system takes less than it is given.
 void put(int fd, const char *text)
 {
-    [[maybe_unused]] ssize_t written = ::write(fd, text, std::strlen(text));
+    std::size_t left = std::strlen(text);
+    ssize_t written;
+    do {
+        written = ::write(fd, text, left);
+        text += std::max<ssize_t>(written, 0);
+        left -= static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+    } while (left != 0 && written > 0);
 }
 
 // Takes the old record out and leaves the file offset at the new end. The cut is at the match, also within a line: what

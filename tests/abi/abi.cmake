@@ -5,3 +5,5 @@ if(NOT LIBCOMMON_SANITIZE)
     add_test(NAME abi.needed.common COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:common> libc.so.6 libheap.so.1)
     add_test(NAME abi.needed.heap COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:heap> libc.so.6)
 endif()
+add_test(NAME abi.guard_variables COMMAND ${CMAKE_CURRENT_LIST_DIR}/guard_variables $<TARGET_OBJECTS:libcommon>
+    $<TARGET_OBJECTS:heap> COMMAND_EXPAND_LISTS)

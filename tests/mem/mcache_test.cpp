@@ -31,7 +31,7 @@ constexpr std::uint64_t kGuard = 0xdeaddeaddeaddead;
 struct page_record {
     std::uint64_t magic;
     std::uint32_t free_count;
-    std::uint32_t unused;
+    std::uint32_t owner;
     page_record *prev, *next;
     char *free_head;
 };
@@ -419,6 +419,21 @@ namespace {
     asm volatile("" ::: "memory");
 }
 
+[[gnu::noinline]] void misuse_other_cache(mcache *cache)
+{
+    mcache *twin = mcache_create("twin", cache->obj_size, nullptr, cache->flags, 1);
+    mcache_alloc(twin);
+    mcache_free(twin, mcache_alloc(cache));
+    asm volatile("" ::: "memory");
+}
+
+[[gnu::noinline]] void misuse_empty_other_cache(mcache *cache)
+{
+    mcache *twin = mcache_create("twin", cache->obj_size, nullptr, cache->flags, 1);
+    mcache_free(twin, mcache_alloc(cache));
+    asm volatile("" ::: "memory");
+}
+
 [[gnu::noinline]] void misuse_stale_page(mcache *cache)
 {
     void *object = mcache_alloc(cache);
@@ -505,6 +520,8 @@ INSTANTIATE_TEST_SUITE_P(All, McacheMisuse,
                                          Misuse{"LostFreeList", misuse_lost_free_list, "mcache_alloc"},
                                          Misuse{"MarkedSlot", misuse_marked_slot, "mcache_alloc"},
                                          Misuse{"ForeignPointer", misuse_foreign_pointer, "mcache_free"},
+                                         Misuse{"OtherCache", misuse_other_cache, "mcache_free"},
+                                         Misuse{"EmptyOtherCache", misuse_empty_other_cache, "mcache_free"},
                                          Misuse{"StalePage", misuse_stale_page, "mcache_free"},
                                          Misuse{"DoubleFree", misuse_double_free, "mcache_free"},
                                          Misuse{"Overrun", misuse_overrun, "mcache_free"}),

@@ -3,6 +3,7 @@
 #include "support/support.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace support;
@@ -84,6 +85,43 @@ TEST(QvenvTool, ListOfAMissingFileIsTrouble)
 {
     expect(qvenv({"list"}), 2, "", "qvenv: /tmp/qvenv: No such file or directory\n");
     expect(qvenv({"-f", "/tmp", "list"}), 2, "", "qvenv: /tmp: Is a directory\n");
+}
+
+TEST(QvenvTool, GetFromWhatCannotBeReadIsTrouble)
+{
+    expect(qvenv({"-f", "/tmp", "get", "a"}), 2, "", "qvenv: /tmp: Is a directory\n");
+    ASSERT_EQ(::mkdir(kStore, 0755), 0);
+    expect(qvenv({"get", "a"}), 2, "", "qvenv: /tmp/qvenv: Is a directory\n");
+    expect(qvenv({"set", "a", "1"}), 2, "", "qvenv: /tmp/qvenv: Is a directory\n");
+}
+
+TEST(QvenvTool, AnEmptyNameIsNoName)
+{
+    write_file(kStore, "a=1\n=2\n");
+    expect(qvenv({"get", ""}), 2, "", "qvenv: : not a valid name\n");
+    expect(qvenv({"-f", kStore, "get", ""}), 2, "", "qvenv: : not a valid name\n");
+}
+
+TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
+{
+    const std::string full = "qvenv: /tmp/qvenv: No space left on device\n";
+    mount_tmpfs("/tmp", 64 * 1024);
+    std::string settings;
+    while (settings.size() < 4090)
+        settings += "n" + std::to_string(10000 + settings.size()) + "=1\n";
+    settings.resize(4090, '\n');
+    write_file(kStore, settings);
+    run_program({"/bin/sh", "-c", "cat /dev/zero >/tmp/ballast 2>/dev/null"});
+    expect(qvenv({"set", "slot", "number three"}), 2, "", full);
+    EXPECT_EQ(read_file(kStore), settings + "slot=n") << "what fits into the last page";
+    expect(qvenv({"set", "-n", "fan", "1"}), 2, "", full);
+    ::unlink("/tmp/ballast");
+    expect(qvenv({"set", "fan", "1"}), 0, "", "");
+    expect(qvenv({"get", "fan"}), 0, "1\n", "");
+
+    ::unlink(kStore);
+    run_program({"/bin/sh", "-c", "cat /dev/zero >/tmp/ballast 2>/dev/null"});
+    expect(qvenv({"set", "slot", "3"}), 2, "", full);
 }
 
 TEST(QvenvTool, ReadsAnotherFile)

@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <map>
 #include <random>
@@ -24,6 +27,30 @@ namespace {
 
 constexpr const char *kStore = "/tmp/qvenv";
 constexpr const char *kOther = "/tmp/settings";
+
+// What the library asks of the system: noted, cut short or failed as a case says.
+namespace io {
+
+std::vector<std::string> calls; // changes of the store
+std::vector<int> open_flags;
+std::size_t most_read, most_written; // bytes a call; 0 for no limit
+int good_reads = -1;                 // before one fails; -1 for all
+bool killed_after_cut;
+
+template <typename Function>
+Function *real(const char *name)
+{
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+
+bool is_store(int fd)
+{
+    struct stat of_fd, of_path;
+    return ::fstat(fd, &of_fd) == 0 && ::stat(kStore, &of_path) == 0 && of_fd.st_ino == of_path.st_ino &&
+           of_fd.st_dev == of_path.st_dev;
+}
+
+} // namespace io
 
 std::string text(std::size_t length, char c = 'x')
 {
@@ -58,6 +85,51 @@ struct flock blocking_lock(int fd, short type)
     EXPECT_EQ(::fcntl(fd, F_GETLK, &lock), 0);
     return lock;
 }
+
+} // namespace
+
+extern "C" ssize_t read(int fd, void *buffer, std::size_t size)
+{
+    static auto *real = io::real<ssize_t(int, void *, std::size_t)>("read");
+    if (io::good_reads == 0) {
+        errno = EIO;
+        return -1;
+    }
+    io::good_reads -= io::good_reads > 0;
+    return real(fd, buffer, io::most_read != 0 ? std::min(size, io::most_read) : size);
+}
+
+extern "C" ssize_t write(int fd, const void *buffer, std::size_t size)
+{
+    static auto *real = io::real<ssize_t(int, const void *, std::size_t)>("write");
+    if (io::is_store(fd))
+        io::calls.push_back("write " + std::string(static_cast<const char *>(buffer), size));
+    return real(fd, buffer, io::most_written != 0 ? std::min(size, io::most_written) : size);
+}
+
+extern "C" int ftruncate(int fd, off_t size) noexcept
+{
+    static auto *real = io::real<int(int, off_t)>("ftruncate");
+    io::calls.push_back("cut " + std::to_string(size));
+    int result = real(fd, size);
+    if (io::killed_after_cut)
+        ::raise(SIGKILL);
+    return result;
+}
+
+extern "C" int open(const char *path, int flags, ...)
+{
+    static auto *real = io::real<int(const char *, int, ...)>("open");
+    va_list arguments;
+    va_start(arguments, flags);
+    mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if (std::strcmp(path, kStore) == 0)
+        io::open_flags.push_back(flags);
+    return real(path, flags, mode);
+}
+
+namespace {
 
 // ---- locks ----
 
@@ -294,6 +366,88 @@ TEST(SetEnv, WriteErrorsAreIgnored)
     });
     EXPECT_TRUE(child.exited(0));
     EXPECT_EQ(read_file(kStore), "a=1\nb=2\n");
+}
+
+TEST(SetEnv, ShortReadsLoseNothing)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    io::most_read = 5;
+    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
+    EXPECT_EQ(qv_setenv("c", "8", 0), -2);
+    EXPECT_EQ(get("b"), "2");
+    EXPECT_EQ(get("a"), "9");
+    EXPECT_EQ(get_from(kStore, "c"), "3");
+    io::most_read = 0;
+    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=9\n");
+}
+
+TEST(SetEnv, ShortWritesLoseNothing)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    io::most_written = 3;
+    EXPECT_EQ(qv_setenv("a", "long value", 1), 0);
+    io::most_written = 0;
+    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=long value\n");
+}
+
+TEST(SetEnv, AFailedReadChangesNothing)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    io::most_read = 5;
+    for (int good = 0; good < 3; good++) {
+        io::good_reads = good;
+        EXPECT_EQ(qv_setenv("a", "9", 1), -1);
+        io::good_reads = good;
+        EXPECT_EQ(get("a"), "(null)");
+    }
+    io::good_reads = -1;
+    EXPECT_EQ(read_file(kStore), "a=1\nb=2\nc=3\n");
+}
+
+// The order is part of the contract: what a writer that is killed in between leaves is a cut-off file, never one that
+// holds a record twice.
+TEST(SetEnv, CutsFirstThenWritesTheRestAtOnceThenTheRecordInFourPieces)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    io::calls.clear();
+    EXPECT_EQ(qv_setenv("b", "two", 1), 0);
+    EXPECT_EQ(io::calls, (std::vector<std::string>{"cut 4", "write c=3\n", "write b", "write =", "write two", "write \n"}));
+    io::calls.clear();
+    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
+    EXPECT_EQ(io::calls, (std::vector<std::string>{"cut 8", "write b", "write =", "write 2", "write \n"}));
+    io::calls.clear();
+    EXPECT_EQ(qv_setenv("d", "4", 1), 0);
+    EXPECT_EQ(io::calls, (std::vector<std::string>{"write d", "write =", "write 4", "write \n"}));
+    io::calls.clear();
+    EXPECT_EQ(qv_setenv("a", "5", 0), -2);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(io::calls, std::vector<std::string>{});
+}
+
+TEST(SetEnv, AKillBetweenTheCutAndTheRestLosesWhatFollowed)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    ChildResult child = run_child([] {
+        io::killed_after_cut = true;
+        qv_setenv("b", "9", 1);
+    });
+    EXPECT_TRUE(child.killed_by(SIGKILL));
+    EXPECT_EQ(read_file(kStore), "a=1\n");
+    EXPECT_EQ(qv_setenv("d", "4", 0), 0) << "the lock went with the process";
+    EXPECT_EQ(read_file(kStore), "a=1\nd=4\n");
+}
+
+TEST(SetEnv, NoDescriptorReachesAProgramThatIsStartedMeanwhile)
+{
+    write_file(kStore, "a=1\n");
+    io::open_flags.clear();
+    qv_setenv("a", "2", 1);
+    get("a");
+    get_from(kStore, "a");
+    ASSERT_EQ(io::open_flags.size(), 3U);
+    EXPECT_EQ(io::open_flags[0] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDWR | O_CLOEXEC | O_CREAT);
+    EXPECT_EQ(io::open_flags[1] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(io::open_flags[2] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
 }
 
 TEST(SetEnv, LeavesNoDescriptorAndNoLockBehind)

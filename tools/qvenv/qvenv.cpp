@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -66,9 +67,21 @@ exit_code list(const char *path)
     return flushed(kDone);
 }
 
+// Whether a file's text can be read; errno says why not. The lookups answer the same for a file that they cannot read and
+// for a name that is not set.
+bool is_readable(const char *path)
+{
+    base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
+    char byte;
+    return file && file_lock(file.get(), F_RDLCK, 1) == 0 && ::read(file.get(), &byte, 1) >= 0;
+}
+
 // The two lookups differ: see qv_getenv_filename(). `file` is null for the store.
 exit_code get(const char *file, const char *name)
 {
+    // Any '=' would match.
+    if (*name == '\0')
+        return trouble(name, "not a valid name");
     const char *value = file != nullptr ? qv_getenv_filename(file, name) : qv_getenv(name);
     if (value != nullptr) {
         std::puts(value);
@@ -76,9 +89,25 @@ exit_code get(const char *file, const char *name)
     }
     // A store that nobody has written to is empty, no trouble; a file that was asked for by name has to be there.
     const char *path = file != nullptr ? file : QV_ENV_FILE;
-    if (::access(path, R_OK) != 0 && (file != nullptr || errno != ENOENT))
+    if (!is_readable(path) && (file != nullptr || errno != ENOENT))
         return trouble(path, std::strerror(errno));
     return kNo;
+}
+
+// Whether the store holds a whole record of this name. qv_setenv() ignores failed writes: a full disk leaves no record,
+// or a piece without its newline. Another process may have replaced the value since, so the value may be any.
+bool is_stored(const char *name)
+{
+    base::unique_fd file(::open(QV_ENV_FILE, O_RDONLY | O_CLOEXEC));
+    if (!file || file_lock(file.get(), F_RDLCK, 1) != 0)
+        return false;
+    std::string text;
+    char chunk[4096];
+    ssize_t length;
+    while ((length = ::read(file.get(), chunk, sizeof chunk)) > 0)
+        text.append(chunk, static_cast<std::size_t>(length));
+    std::size_t record = text.find(std::string(name) + "=");
+    return length == 0 && record != text.npos && text.find('\n', record) != text.npos;
 }
 
 exit_code set(const char *name, const char *value, bool overwrite)
@@ -103,6 +132,8 @@ exit_code set(const char *name, const char *value, bool overwrite)
     }
     if (result != 0)
         return trouble(QV_ENV_FILE, std::strerror(errno));
+    if (!is_stored(name))
+        return trouble(QV_ENV_FILE, std::strerror(errno != 0 ? errno : ENOSPC));
     if (value_text.size() == QV_ENV_VALUE_MAX)
         std::fprintf(stderr, "qvenv: %s: warning: a value of %d characters reads as not set\n", name, QV_ENV_VALUE_MAX);
     return kDone;

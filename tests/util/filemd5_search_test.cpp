@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+// The search for digest functions in a host that brings none: what is not found is searched for again, and a library
+// without them does not end the search.
+#include "encoding.h"
+
+#include "support/support.h"
+
+#include <atomic>
+#include <barrier>
+#include <dlfcn.h>
+#include <map>
+#include <thread>
+
+using namespace support;
+
+namespace {
+
+constexpr const char *kDigest = "900150983cd24fb0d6963f7d28e17f72"; // of "abc"
+
+// The library that each name opens; others cannot be opened.
+std::map<std::string, const char *> libraries;
+std::atomic<int> opened, closed;
+
+template <typename Function>
+Function *real(const char *name)
+{
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+
+std::string digest()
+{
+    write_file("/tmp/file", "abc");
+    char text[33] = "";
+    int result = filemd5str("/tmp/file", text, sizeof text);
+    return result == 0 ? text : std::to_string(result);
+}
+
+} // namespace
+
+extern "C" void *dlopen(const char *name, int flags) noexcept
+{
+    auto found = libraries.find(name);
+    if (found == libraries.end())
+        return nullptr;
+    opened++;
+    return real<void *(const char *, int)>("dlopen")(found->second, flags);
+}
+
+extern "C" int dlclose(void *library) noexcept
+{
+    closed++;
+    return real<int(void *)>("dlclose")(library);
+}
+
+TEST(FileMd5Search, AFailureIsNotForGood)
+{
+    EXPECT_EQ(digest(), "-1");
+    libraries["libcrypto.so.3"] = "libm.so.6";
+    EXPECT_EQ(digest(), "-1");
+    libraries["libcrypto.so.3"] = "libcrypto.so.3";
+    EXPECT_EQ(digest(), kDigest);
+}
+
+TEST(FileMd5Search, ALibraryWithoutTheDigestDoesNotEndTheSearch)
+{
+    libraries["libcrypto.so.3"] = "libm.so.6";
+    libraries["libcrypto.so"] = "libcrypto.so.3";
+    EXPECT_EQ(digest(), kDigest);
+    EXPECT_EQ(opened, 2);
+    EXPECT_EQ(closed, 1);
+}
+
+TEST(FileMd5Search, TheLibraryIsFoundOnce)
+{
+    libraries["libcrypto.so.3"] = "libcrypto.so.3";
+    EXPECT_EQ(digest(), kDigest);
+    libraries.clear();
+    EXPECT_EQ(digest(), kDigest);
+    EXPECT_EQ(opened, 1);
+    EXPECT_EQ(closed, 0);
+}
+
+TEST(FileMd5Search, ThreadsMayAllBeTheFirst)
+{
+    constexpr int kThreads = 8;
+    libraries["libcrypto.so.3"] = "libcrypto.so.3";
+    write_file("/tmp/file", "abc");
+    std::barrier start(kThreads);
+    std::atomic<int> good = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; i++) {
+        threads.emplace_back([&] {
+            start.arrive_and_wait();
+            char text[33] = "";
+            good += filemd5str("/tmp/file", text, sizeof text) == 0 && text == std::string(kDigest);
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(good, kThreads);
+    EXPECT_EQ(opened - closed, 1) << "one is kept";
+}
