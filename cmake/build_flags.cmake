@@ -31,7 +31,9 @@ function(libcommon_runtime_flags target)
     target_compile_options(${target} PRIVATE -fvisibility=hidden -fno-builtin-malloc
         $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
     # No symbol may be bound lazily inside a signal handler.
-    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed)
+    set(map ${PROJECT_SOURCE_DIR}/cmake/c-symbols-only.map)
+    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed LINKER:--version-script,${map})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
     if(NOT LIBCOMMON_SANITIZE)
         target_link_options(${target} PRIVATE LINKER:-z,defs)
     endif()
