@@ -13,6 +13,36 @@
 
 namespace base {
 
+// What hold_for_fork() found, for the handlers after the fork.
+enum class fork_hold {
+    taken,   // by the fork handler
+    own,     // the forking thread holds it: a signal handler forks, or a caller keeps an exported mutex
+    foreign, // another thread keeps it
+};
+
+namespace detail {
+
+// The C library sets the owner after locking and clears it before unlocking. No owner for a moment means that another
+// thread is in one of those gaps; none for good means that this thread is, and its signal handler forks.
+class owner_watch {
+public:
+    explicit owner_watch(const pthread_mutex_t &watched) : owner_(&watched.__data.__owner) {}
+
+    bool is_this_thread()
+    {
+        int owner = __atomic_load_n(owner_, __ATOMIC_RELAXED);
+        looks_without_owner_ = owner == 0 ? looks_without_owner_ + 1 : 0;
+        return owner == ::gettid() || looks_without_owner_ >= kForGood;
+    }
+
+private:
+    static constexpr int kForGood = 100;
+    const int *owner_;
+    int looks_without_owner_ = 0;
+};
+
+} // namespace detail
+
 // Waits for the mutex while will_let_go(), asked every 10 ms, says that its holder will. Returns whether it was taken.
 template <typename WillLetGo>
 bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
@@ -20,7 +50,7 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
     constexpr long kPatience = 10'000'000;
     constexpr long kSecond = 1'000'000'000;
     do {
-        // By the wall clock, as the call wants it; where that is set meanwhile, one look comes early or late.
+        // By the wall clock, as the call requires; if that is set meanwhile, one look comes early or late.
         timespec end;
         clock_gettime(CLOCK_REALTIME, &end);
         end.tv_nsec += kPatience;
@@ -32,18 +62,51 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
     return pthread_mutex_trylock(&mutex) == 0; // it may have been given back just now
 }
 
-// The same for a mutex whose holders let go unless they are the forking thread itself. The C library notes the owner
-// behind taking the mutex and forgets it before giving it back: none for a look or two is another thread that is not
-// scheduled there, none for good is this thread, whose signal handler forks.
+// The same for a mutex whose holders let go unless they are the forking thread itself.
 inline bool lock_for_fork(pthread_mutex_t &mutex)
 {
-    constexpr int kForGood = 100;
-    int looks_without_owner = 0;
-    return lock_for_fork(mutex, [&] {
-        int owner = __atomic_load_n(&mutex.__data.__owner, __ATOMIC_RELAXED);
-        looks_without_owner = owner == 0 ? looks_without_owner + 1 : 0;
-        return owner != ::gettid() && looks_without_owner < kForGood;
+    detail::owner_watch owner(mutex);
+    return lock_for_fork(mutex, [&] { return !owner.is_this_thread(); });
+}
+
+// For a mutex that callers may keep for as long as they like: another thread is waited for only while
+// is_held_briefly() says that the library holds it. With release_in_parent() or release_in_child() after the fork.
+template <typename IsHeldBriefly>
+fork_hold hold_for_fork(pthread_mutex_t &mutex, IsHeldBriefly is_held_briefly)
+{
+    detail::owner_watch owner(mutex);
+    bool is_own = false;
+    bool taken = lock_for_fork(mutex, [&] {
+        is_own = owner.is_this_thread();
+        return !is_own && is_held_briefly();
     });
+    if (taken)
+        return fork_hold::taken;
+    return is_own ? fork_hold::own : fork_hold::foreign;
+}
+
+inline void release_in_parent(pthread_mutex_t &mutex, fork_hold hold)
+{
+    if (hold == fork_hold::taken)
+        pthread_mutex_unlock(&mutex);
+}
+
+// A thread that holds the mutex goes on holding its copy. The copy's owner becomes the thread's new id: with the old one
+// it would look like another thread when the child forks in turn.
+inline void release_in_child(pthread_mutex_t &mutex, fork_hold hold)
+{
+    switch (hold) {
+    case fork_hold::taken:
+        pthread_mutex_unlock(&mutex);
+        break;
+    case fork_hold::own:
+        if (mutex.__data.__owner != 0)
+            mutex.__data.__owner = ::gettid();
+        break;
+    case fork_hold::foreign:
+        pthread_mutex_init(&mutex, nullptr); // its holder does not exist in the child
+        break;
+    }
 }
 
 } // namespace base

@@ -89,30 +89,25 @@ namespace {
 
 // No thread is in the middle of the trace file or of the table when a child is made: it can allocate and trace. Only
 // where the forking thread is itself in the middle (a signal handler forks, or a caller holds `mutex`) the child goes
-// on there, as the parent does.
-constinit thread_local bool mutex_taken = false;
+// on there, as the parent does. Another thread that keeps `mutex` outside the library is not waited for: it may keep it
+// for good, or wait for the child.
+constinit thread_local base::fork_hold mutex_hold = base::fork_hold::foreign;
 
 void before_fork()
 {
     trace_file::before_fork();
-    mutex_taken = base::lock_for_fork(mutex);
-}
-
-void leave_mutex()
-{
-    if (mutex_taken)
-        pthread_mutex_unlock(&mutex);
+    mutex_hold = base::hold_for_fork(mutex, [] { return full::holds_mutex.load(); });
 }
 
 void after_fork_in_parent()
 {
-    leave_mutex();
+    base::release_in_parent(mutex, mutex_hold);
     trace_file::after_fork_in_parent();
 }
 
 void after_fork_in_child()
 {
-    leave_mutex();
+    base::release_in_child(mutex, mutex_hold);
     light::after_fork_in_child();
     trace_file::after_fork_in_child();
 }

@@ -10,6 +10,7 @@
 
 #include "qv_mtrace.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -161,6 +162,9 @@ inline std::uint32_t chunk_size(void *ptr)
 // ---- full tracing and the trace file, as malloc() calls them: they are installed already ----
 
 namespace full {
+// The library itself holds `mutex`, for a moment. Callers may keep the exported mutex for as long as they like.
+extern std::atomic<bool> holds_mutex;
+
 void *allocate(std::size_t size, const void *caller);
 void release(void *ptr, const void *caller);
 void *reallocate(void *ptr, std::size_t size, const void *caller);

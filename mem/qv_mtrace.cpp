@@ -48,8 +48,16 @@ std::uint32_t free_by_realloc = 0;
 // Nothing that allocates is called with `mutex` held but the allocator below the hooks.
 class table_lock {
 public:
-    table_lock() { pthread_mutex_lock(&mutex); }
-    ~table_lock() { pthread_mutex_unlock(&mutex); }
+    table_lock()
+    {
+        pthread_mutex_lock(&mutex);
+        full::holds_mutex = true;
+    }
+    ~table_lock()
+    {
+        full::holds_mutex = false;
+        pthread_mutex_unlock(&mutex);
+    }
     table_lock(const table_lock &) = delete;
     table_lock &operator=(const table_lock &) = delete;
 };
@@ -309,6 +317,8 @@ leak_group group_of(const malloc_stat_entry &entry)
 // ---- full tracing as malloc() calls it ----
 
 namespace full {
+
+std::atomic<bool> holds_mutex = false;
 
 void *allocate(std::size_t size, const void *caller)
 {
