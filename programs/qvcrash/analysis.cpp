@@ -1,0 +1,506 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "analysis.h"
+
+#include "allocation_trace.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <numeric>
+
+namespace qvcrash {
+namespace {
+
+constexpr std::size_t kLinkRegister = 30;
+constexpr std::uint64_t kNullRange = 65536;    // nothing is mapped below it, so such an address is null and an offset
+constexpr std::uint64_t kStackReach = 1 << 20; // how far from the stack pointer one frame's data may lie
+constexpr std::size_t kMaxGroups = 20;
+constexpr std::size_t kMaxLines = 10000;
+
+std::string hex(std::uint64_t value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+std::string quoted_function(const explained_frame &frame)
+{
+    std::string text = describe(frame.where);
+    return text.empty() ? std::string() : ", in " + text;
+}
+
+// ---- the frames ----
+
+std::vector<explained_frame> explain_frames(const crash_log &log, const module_map &modules)
+{
+    std::vector<explained_frame> frames;
+    for (std::size_t i = 0; i < log.frames.size(); i++) {
+        explained_frame frame;
+        frame.logged = log.frames[i];
+        // The walk starts with the program counter where that is code, which it is not after a wild jump.
+        bool is_pc = i == 0 && log.pc && frame.logged.code.address == *log.pc;
+        frame.origin = is_pc ? frame_origin::program_counter : frame_origin::frame_record;
+        frame.where = modules.resolve(frame.logged.code, !is_pc);
+        frames.push_back(std::move(frame));
+    }
+    return frames;
+}
+
+const source_frame *outermost(const resolved_address &where)
+{
+    return where.frames.empty() ? nullptr : &where.frames.back();
+}
+
+bool is_same_function(const resolved_address &a, const resolved_address &b)
+{
+    const source_frame *first = outermost(a), *second = outermost(b);
+    return first != nullptr && second != nullptr && a.module == b.module && first->function == second->function;
+}
+
+// A function that has not saved the link register yet, or never does, is missing from the walk's second place. A value
+// within the function itself was left there by a call that has returned.
+void add_link_register(const crash_log &log, const module_map &modules, std::vector<explained_frame> *frames)
+{
+    std::optional<std::uint64_t> value = register_value(log, kLinkRegister);
+    if (log.from != machine::aarch64 || !value || *value == 0)
+        return;
+    bool is_in_walk = std::any_of(frames->begin(), frames->end(),
+                                  [&](const explained_frame &frame) { return frame.logged.code.address == *value; });
+    const used_module *module = modules.module_at(*value);
+    if (is_in_walk || module == nullptr || !module->file->follows_call(*value - *module->bias).value_or(false))
+        return;
+    explained_frame frame;
+    frame.origin = frame_origin::link_register;
+    frame.logged.code.address = *value;
+    frame.where = modules.resolve(*value, true);
+    bool has_pc = !frames->empty() && frames->front().origin == frame_origin::program_counter;
+    if (has_pc && is_same_function(frames->front().where, frame.where))
+        return;
+    frames->insert(frames->begin() + (has_pc ? 1 : 0), std::move(frame));
+}
+
+// Recursion to the end of the stack fills the walk with one frame.
+void collapse_repeats(std::vector<explained_frame> *frames)
+{
+    std::vector<explained_frame> kept;
+    for (explained_frame &frame : *frames) {
+        if (!kept.empty() && kept.back().logged.code.address == frame.logged.code.address)
+            kept.back().repeats++;
+        else
+            kept.push_back(std::move(frame));
+    }
+    *frames = std::move(kept);
+}
+
+// ---- the cause ----
+
+bool is_named(const explained_frame &frame, std::string_view name)
+{
+    if (frame.logged.code.symbol == name)
+        return true;
+    return std::any_of(frame.where.frames.begin(), frame.where.frames.end(), [&](const source_frame &f) {
+        return f.function == name || f.function.starts_with(std::string(name) + '(');
+    });
+}
+
+struct known_function {
+    const char *name;
+    const char *meaning;
+};
+
+// Functions that end a process on purpose, the most telling first.
+constexpr known_function kEndings[] = {
+    {"mcache_error", "The object cache found one of its rules broken."},
+    {"__assert_fail", "An assertion failed."},
+    {"__assert", "An assertion failed."},
+    {"__assert_perror_fail", "An assertion on an error number failed."},
+    {"__stack_chk_fail", "A function's stack frame was overrun: its guard word had changed."},
+    {"__fortify_fail", "A checked C library call would have overrun its destination."},
+    {"__chk_fail", "A checked C library call would have overrun its destination."},
+    {"malloc_printerr", "The C library found the heap damaged."},
+    {"__libc_fatal", "The C library ended the process."},
+    {"__cxa_pure_virtual", "A pure virtual function was called: the object is being made or destroyed."},
+    {"std::terminate", "std::terminate() was called, as after an exception that nobody catches."},
+    {"__gnu_cxx::__verbose_terminate_handler", "An exception was thrown that nobody catches."},
+    {"__cxa_throw", "An exception was thrown that nobody catches."},
+};
+
+const explained_frame *find_function(const std::vector<explained_frame> &frames, std::string_view name)
+{
+    auto found =
+        std::find_if(frames.begin(), frames.end(), [&](const explained_frame &frame) { return is_named(frame, name); });
+    return found != frames.end() ? &*found : nullptr;
+}
+
+// The object cache's codes that the function can have crashed for.
+std::string cache_rule(const std::vector<explained_frame> &frames)
+{
+    if (find_function(frames, "mcache_free") != nullptr)
+        return " In mcache_free(): no cache (1), a pointer that is not this cache's (4), or a double free or an "
+               "overrun (5).";
+    if (find_function(frames, "mcache_alloc") != nullptr)
+        return " In mcache_alloc(): no cache (1), or a free list that was overwritten (2, 3).";
+    return {};
+}
+
+bool explain_by_function(const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+{
+    for (const known_function &known : kEndings) {
+        if (find_function(frames, known.name) == nullptr)
+            continue;
+        std::string text = known.meaning;
+        if (std::strcmp(known.name, "mcache_error") == 0)
+            text += cache_rule(frames);
+        causes->push_back(std::move(text));
+        return true;
+    }
+    return false;
+}
+
+// Words that memory is filled with on purpose.
+struct poison {
+    std::uint64_t word;
+    std::uint64_t mask;
+    const char *meaning;
+};
+
+constexpr std::uint64_t kAllBits = ~0ULL;
+constexpr std::uint64_t kSmallOffset = 0xFFF;
+
+constexpr poison kPoisons[] = {
+    {0xDEADDEADDEADDEAD, kAllBits ^ kSmallOffset, "the object cache's guard word: it was read behind an object"},
+    {0xA68F25E04B37D14C, kAllBits ^ kSmallOffset, "the magic number of an object cache's page"},
+};
+
+// One byte eight times over, the last of them perhaps moved by an offset: what fill patterns look like.
+bool is_repeated_byte(std::uint64_t value)
+{
+    std::uint64_t byte = value >> 56;
+    std::uint64_t filled = byte * 0x0101010101010101ULL;
+    return byte != 0 && byte != 0xFF && (value ^ filled) >> 16 == 0;
+}
+
+std::string poison_in(std::uint64_t value)
+{
+    for (const poison &known : kPoisons) {
+        if ((value & known.mask) == (known.word & known.mask))
+            return known.meaning;
+    }
+    if (is_repeated_byte(value))
+        return "a fill pattern: memory that was freed or never set";
+    return {};
+}
+
+// x86-64 reports no address for a pointer whose upper bits are no sign extension.
+bool is_canonical(std::uint64_t value)
+{
+    std::uint64_t upper = value >> 47;
+    return upper == 0 || upper == (kAllBits >> 47);
+}
+
+bool is_near(std::uint64_t a, std::uint64_t b, std::uint64_t reach)
+{
+    return (a > b ? a - b : b - a) < reach;
+}
+
+void explain_poisoned_registers(const crash_log &log, std::vector<std::string> *causes)
+{
+    for (const register_slot &slot : log.registers) {
+        std::string meaning = poison_in(slot.value);
+        if (!meaning.empty())
+            causes->push_back(slot.name + " holds " + hex(slot.value) + ", " + meaning + ".");
+    }
+}
+
+// A jump is told from a bad access by the program counter, which lies in no code.
+bool explain_jump(const crash_log &log, const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+{
+    bool has_pc = !frames.empty() && frames.front().origin == frame_origin::program_counter;
+    bool is_jump = log.pc && (*log.pc < kNullRange || (log.fault && *log.pc == *log.fault) || !has_pc);
+    if (!is_jump)
+        return false;
+    const explained_frame *caller =
+        frames.empty() ? nullptr : &frames[has_pc ? std::min<std::size_t>(1, frames.size() - 1) : 0];
+    std::string from =
+        caller != nullptr && !describe(caller->where).empty() ? ", called from " + describe(caller->where) : "";
+    if (*log.pc < kNullRange)
+        causes->push_back("Jump through a null pointer" + (*log.pc == 0 ? std::string() : " plus " + hex(*log.pc)) +
+                          from + ".");
+    else
+        causes->push_back("Jump through a wild pointer, to " + hex(*log.pc) + ", which is no code" + from + ".");
+    return true;
+}
+
+bool explain_stack(const crash_log &log, const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+{
+    if (!log.fault || !log.sp || *log.sp < kNullRange || *log.fault < kNullRange ||
+        !is_near(*log.fault, *log.sp, kStackReach))
+        return false;
+    auto is_above = [&](const explained_frame &frame) { return frame.logged.frame_address >= *log.fault; };
+    bool is_beyond_frames = !frames.empty() && std::none_of(frames.begin(), frames.end(), is_above);
+    if (is_beyond_frames && *log.fault > *log.sp) {
+        causes->push_back("The end of the stack was passed upwards, at " + hex(*log.fault) +
+                          ": a local array was overrun" + quoted_function(frames.front()) + ".");
+        return true;
+    }
+    causes->push_back("Stack overflow: " + hex(*log.fault) + " was touched with the stack pointer at " + hex(*log.sp) +
+                      (frames.empty() ? "" : quoted_function(frames.front())) + ".");
+    return true;
+}
+
+void explain_access(const crash_log &log, const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+{
+    if (!log.fault || explain_jump(log, frames, causes) || explain_stack(log, frames, causes))
+        return;
+    std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
+    bool may_be_hidden = log.from == machine::x86_64 && *log.fault == 0 &&
+                         std::any_of(log.registers.begin(), log.registers.end(),
+                                     [](const register_slot &slot) { return !is_canonical(slot.value); });
+    if (may_be_hidden) {
+        causes->push_back(
+            "A pointer that is no address was followed (the processor reports none then), or a null pointer" + where +
+            ".");
+    } else if (*log.fault < kNullRange) {
+        std::string offset = std::to_string(*log.fault);
+        causes->push_back(*log.fault == 0
+                              ? "A null pointer was followed" + where + "."
+                              : "A member at offset " + offset + " of a null pointer was touched" + where + ".");
+    } else if (std::string meaning = poison_in(*log.fault); !meaning.empty()) {
+        causes->push_back("The address " + hex(*log.fault) + " is " + meaning + where + ".");
+    } else {
+        causes->push_back("The address " + hex(*log.fault) + " may not be accessed so" + where + ".");
+    }
+    explain_poisoned_registers(log, causes);
+}
+
+void explain_fatal_signal(const crash_log &log, const std::vector<explained_frame> &frames,
+                          std::vector<std::string> *causes)
+{
+    if (explain_by_function(frames, causes))
+        return;
+    std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
+    switch (log.signal.value_or(0)) {
+    case SIGSEGV:
+    case SIGBUS:
+        explain_access(log, frames, causes);
+        break;
+    case SIGILL:
+        causes->push_back("An instruction that the processor does not have, or a trap" + where + ".");
+        break;
+    case SIGTRAP:
+        causes->push_back("A trap instruction" + where + ".");
+        break;
+    case SIGFPE:
+        causes->push_back("An arithmetic error, most often a division by 0" + where + ".");
+        break;
+    case SIGABRT:
+        causes->push_back("The process called abort(), or was sent the signal" + where + ".");
+        break;
+    default:
+        break;
+    }
+}
+
+std::vector<std::string> explain_causes(const crash_log &log, const std::vector<explained_frame> &frames)
+{
+    std::vector<std::string> causes;
+    switch (log.kind) {
+    case log_kind::coredump:
+        explain_fatal_signal(log, frames, &causes);
+        break;
+    case log_kind::attach:
+        causes.push_back("A dump was requested; the process went on.");
+        break;
+    case log_kind::term:
+        if (log.sender && *log.sender > 0)
+            causes.push_back("Process " + std::to_string(*log.sender) + " sent the signal.");
+        else
+            causes.push_back("The kernel or the process itself sent the signal.");
+        break;
+    default:
+        break;
+    }
+    return causes;
+}
+
+// ---- everything else ----
+
+std::string make_headline(const crash_log &log)
+{
+    std::string text = log.process.empty() ? "A process" : log.process;
+    if (log.id)
+        text += (log.is_thread_id ? ", thread " : ", process ") + std::to_string(*log.id);
+    if (log.from != machine::unknown)
+        text += std::string(", ") + name_of(log.from);
+    switch (log.kind) {
+    case log_kind::coredump:
+        text += ": ended by ";
+        break;
+    case log_kind::attach:
+        text += ": dump request by ";
+        break;
+    case log_kind::term:
+        text += ": told to end by ";
+        break;
+    case log_kind::backtrace:
+        return text + ": a backtrace";
+    case log_kind::allocation:
+        return "A trace of allocations";
+    case log_kind::text:
+        return "A text with code addresses";
+    case log_kind::unknown:
+        return "Nothing of a crash log is in this file";
+    }
+    return text + (log.signal ? describe_signal(*log.signal) : "an unknown signal");
+}
+
+std::vector<explained_register> explain_registers(const crash_log &log, const module_map &modules)
+{
+    std::vector<explained_register> known;
+    for (const register_slot &slot : log.registers) {
+        if (slot.value != 0 && modules.module_at(slot.value) != nullptr)
+            known.push_back({slot.name, slot.value, modules.resolve(slot.value, false)});
+    }
+    return known;
+}
+
+std::vector<std::string> make_remarks(const crash_log &log, const module_map &modules)
+{
+    std::vector<std::string> remarks;
+    auto add = [&](std::string text) {
+        if (std::find(remarks.begin(), remarks.end(), text) == remarks.end())
+            remarks.push_back(std::move(text));
+    };
+    for (const std::string &problem : log.problems)
+        add("Log: " + problem + ".");
+    if (!log.tail.empty())
+        add("Log: " + std::to_string(log.tail.size()) + " bytes of an older, longer log follow; they are left out.");
+    bool has_unsure = false;
+    for (const auto &module : modules.modules()) {
+        if (module->sameness == identity::missing)
+            add("No file for " + module->logged_path + ".");
+        else if (module->sameness == identity::differs)
+            add(module->found_path + " is not the file that was running: the log's addresses do not fit it.");
+        has_unsure |= module->sameness == identity::unknown;
+        if (module->sameness != identity::missing && module->sameness != identity::differs &&
+            !module->file->has_lines())
+            add("No debug information for " + module->found_path + ".");
+    }
+    if (has_unsure)
+        add("The log names no build ids, so whether the files are those that were running cannot be known.");
+    return remarks;
+}
+
+std::vector<code_reference> references_of(const crash_log &log)
+{
+    std::vector<code_reference> references;
+    for (const logged_frame &frame : log.frames)
+        references.push_back(frame.code);
+    return references;
+}
+
+void explain_trace(std::string_view text, symbolizer *symbols, analysis *result)
+{
+    allocation_trace trace = parse_allocation_trace(text);
+    std::vector<code_reference> references;
+    for (const live_group &group : trace.groups)
+        references.push_back(group.caller);
+    result->modules = symbols->load(result->log, references);
+    std::size_t count = std::min(trace.groups.size(), kMaxGroups);
+    for (std::size_t i = 0; i < count; i++) {
+        const live_group &group = trace.groups[i];
+        result->groups.push_back(
+            {group.caller, result->modules.resolve(group.caller, true), group.blocks, group.bytes});
+    }
+    std::uint64_t bytes = std::accumulate(trace.groups.begin(), trace.groups.end(), std::uint64_t{0},
+                                          [](std::uint64_t sum, const live_group &group) { return sum + group.bytes; });
+    result->causes.push_back(std::to_string(trace.calls) + " calls; " + std::to_string(bytes) + " bytes in " +
+                             std::to_string(trace.live_blocks) + " blocks were not freed.");
+    if (trace.unknown_frees != 0)
+        result->remarks.push_back(std::to_string(trace.unknown_frees) +
+                                  " blocks were freed that the trace does not know.");
+}
+
+void explain_text(std::string_view text, symbolizer *symbols, analysis *result)
+{
+    struct referring_line {
+        std::string_view text;
+        std::vector<code_reference> codes;
+    };
+    std::vector<referring_line> lines;
+    std::vector<code_reference> references;
+    while (!text.empty() && lines.size() < kMaxLines) {
+        std::size_t end = std::min(text.find('\n'), text.size());
+        referring_line line{text.substr(0, end), {}};
+        std::string_view rest = line.text;
+        while (std::optional<found_reference> found = find_reference(rest)) {
+            line.codes.push_back(found->code);
+            references.push_back(found->code);
+            rest.remove_prefix(found->end);
+        }
+        lines.push_back(std::move(line));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    result->modules = symbols->load(result->log, references);
+    for (const referring_line &line : lines) {
+        explained_line explained{std::string(line.text), {}};
+        for (const code_reference &code : line.codes)
+            explained.where.push_back(result->modules.resolve(code, true));
+        result->lines.push_back(std::move(explained));
+    }
+}
+
+} // namespace
+
+analysis explain(std::string_view text, const std::string &file_name, symbolizer *symbols)
+{
+    analysis result;
+    result.file_name = file_name;
+    result.log = parse_crash_log(text, file_name);
+    const crash_log &log = result.log;
+    if (log.kind == log_kind::allocation) {
+        explain_trace(text, symbols, &result);
+    } else if (log.kind == log_kind::text) {
+        explain_text(text, symbols, &result);
+    } else {
+        result.modules = symbols->load(log, references_of(log));
+        result.frames = explain_frames(log, result.modules);
+        add_link_register(log, result.modules, &result.frames);
+        result.causes = explain_causes(log, result.frames);
+        collapse_repeats(&result.frames);
+        result.registers = explain_registers(log, result.modules);
+    }
+    result.headline = make_headline(log);
+    std::vector<std::string> remarks = make_remarks(log, result.modules);
+    result.remarks.insert(result.remarks.end(), remarks.begin(), remarks.end());
+    return result;
+}
+
+std::string describe(const resolved_address &where)
+{
+    if (where.frames.empty())
+        return {};
+    const source_frame &frame = where.frames.front();
+    std::string text = frame.function;
+    if (!frame.file.empty()) {
+        text += text.empty() ? "" : " at ";
+        text += frame.file;
+        if (frame.line != 0)
+            text += ':' + std::to_string(frame.line);
+    }
+    return text;
+}
+
+std::string describe_signal(int signal)
+{
+    // Numbers 32 and up differ between C libraries in name only.
+    const char *name = ::sigabbrev_np(signal);
+    const char *description = ::sigdescr_np(signal);
+    if (name == nullptr || description == nullptr)
+        return "signal " + std::to_string(signal);
+    return std::string("SIG") + name + " (" + description + ")";
+}
+
+} // namespace qvcrash

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+// root_folder.h - files below a folder that stands for another machine's root.
+//
+// Every path, "..", and symbolic link is resolved inside the folder, so that an unpacked image reads as it would on its
+// own machine and nothing outside it is opened, whatever the log says.
+#ifndef QVCRASH_ROOT_FOLDER_H
+#define QVCRASH_ROOT_FOLDER_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace qvcrash {
+
+// Owns one file descriptor.
+class open_file {
+public:
+    explicit open_file(int fd = -1) : fd_(fd) {}
+    ~open_file();
+    open_file(open_file &&other) noexcept : fd_(other.release()) {}
+    open_file &operator=(open_file &&other) noexcept;
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release();
+
+private:
+    int fd_;
+};
+
+class root_folder {
+public:
+    /** A folder that is used as a root. "/" is this machine. */
+    explicit root_folder(std::string path);
+
+    /** False when there is no such folder. */
+    bool exists() const { return static_cast<bool>(folder_); }
+
+    const std::string &path() const { return path_; }
+
+    /** Opens a regular file for reading; an empty handle when there is none. */
+    open_file open(std::string_view path) const;
+
+    /** Where a path of the other machine lies on this one, for messages. */
+    std::string display(std::string_view path) const;
+
+    /**
+     * Looks for a file by its last component, in breadth, until `accepts` is true for one.
+     * @param accepts  is given the path below the root and the open file
+     * @return its path below the root, or an empty text. At most 100,000 entries are read.
+     */
+    std::string find(std::string_view name,
+                     const std::function<bool(const std::string &, const open_file &)> &accepts) const;
+
+private:
+    std::string path_;
+    open_file folder_;
+};
+
+/** Reads a whole file, at most `limit` bytes of it. False when it cannot be read. */
+bool read_all(const open_file &file, std::size_t limit, std::string *content);
+
+} // namespace qvcrash
+
+#endif

@@ -1,0 +1,12 @@
+# The crash-log reader's tests: the reader's own, and the command on logs of a host that fails.
+add_executable(failing_host ${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp)
+target_compile_options(failing_host PRIVATE -g -UNDEBUG)
+target_link_libraries(failing_host PRIVATE libcommon::common libcommon::heap libcommon::host)
+target_link_options(failing_host PRIVATE -rdynamic)
+set_target_properties(failing_host PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
+
+target_link_libraries(crash_log_test PRIVATE libcommon_qvcrash)
+target_compile_definitions(crash_log_test PRIVATE LIBCOMMON_LOGS="${CMAKE_CURRENT_LIST_DIR}/logs")
+target_link_libraries(show_test PRIVATE libcommon_qvcrash)
+target_compile_definitions(show_test PRIVATE LIBCOMMON_FAILING_HOST="${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp")
+add_dependencies(show_test qvcrash qvenv failing_host)

@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: Apache-2.0
+// qvcrash show, run as a support engineer would on logs that real processes leave.
+#include "support/support.h"
+
+#include <nlohmann/json.hpp>
+#include <signal.h>
+#include <sys/stat.h>
+
+using namespace support;
+using nlohmann::json;
+
+namespace {
+
+const std::string kHost = build_dir() + "/tests/failing_host";
+
+// The number of the line of the failing host that has this mark.
+int marked_line(const std::string &mark)
+{
+    std::vector<std::string> source = lines(read_file(LIBCOMMON_FAILING_HOST));
+    for (std::size_t i = 0; i < source.size(); i++) {
+        if (source[i].ends_with("// line: " + mark))
+            return static_cast<int>(i + 1);
+    }
+    ADD_FAILURE() << "no line is marked " << mark;
+    return 0;
+}
+
+// Lets the host fail and returns the path of the log that it left.
+std::string log_of(const std::string &failure)
+{
+    run_program({kHost, failure});
+    std::vector<std::string> logs = list_dir("/etc/core");
+    if (logs.size() != 1) {
+        ADD_FAILURE() << failure << " left " << logs.size() << " logs";
+        return {};
+    }
+    return "/etc/core/" + logs.front();
+}
+
+ChildResult show(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), {build_dir() + "/qvcrash", "show"});
+    return run_program(arguments);
+}
+
+json show_json(const std::string &log, std::vector<std::string> arguments = {})
+{
+    arguments.insert(arguments.begin(), {"--json", log});
+    ChildResult result = show(arguments);
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    json object = json::parse(result.out, nullptr, false);
+    EXPECT_FALSE(object.is_discarded()) << result.out;
+    return object;
+}
+
+std::string causes_of(const json &object)
+{
+    std::string text;
+    for (const json &cause : object["causes"])
+        text += cause.get<std::string>() + '\n';
+    return text;
+}
+
+bool names_line(const json &object, int line)
+{
+    for (const json &frame : object["frames"]) {
+        for (const json &function : frame["functions"]) {
+            if (function.value("line", 0) == line)
+                return true;
+        }
+    }
+    return false;
+}
+
+struct expected_answer {
+    const char *failure;
+    const char *mark;
+    const char *cause;
+};
+
+class Explained : public testing::TestWithParam<expected_answer> {};
+
+TEST_P(Explained, NamesCauseAndLine)
+{
+    json object = show_json(log_of(GetParam().failure));
+    EXPECT_TRUE(names_line(object, marked_line(GetParam().mark))) << object.dump(1);
+    EXPECT_THAT(causes_of(object), testing::HasSubstr(GetParam().cause));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, Explained,
+    testing::Values(expected_answer{"null-member", "null member", "A member at offset 8 of a null pointer"},
+                    expected_answer{"stale-object", "stale object", "a fill pattern"},
+                    expected_answer{"vtable", "corrupted vtable", "was followed"},
+                    expected_answer{"inlined", "inlined", "A null pointer was followed"},
+                    expected_answer{"inlined", "around inlined", "inlined_store"},
+                    expected_answer{"double-free", "double free", "a double free or an overrun (5)"}),
+    [](const auto &failure) {
+        std::string name = failure.param.mark;
+        std::replace_if(
+            name.begin(), name.end(), [](char c) { return c == ' '; }, '_');
+        return name;
+    });
+
+TEST(QvcrashShow, JumpsThroughPointers)
+{
+    EXPECT_THAT(causes_of(show_json(log_of("null-call"))), testing::HasSubstr("Jump through a null pointer"));
+}
+
+TEST(QvcrashShow, JumpsToNoCode)
+{
+    EXPECT_THAT(causes_of(show_json(log_of("wild-call"))),
+                testing::HasSubstr("Jump through a wild pointer, to 0x7777000, which is no code"));
+}
+
+TEST(QvcrashShow, DumpRequestsAreNoCrashes)
+{
+    json object = show_json(log_of("dump"));
+    EXPECT_EQ("attach", object["kind"]);
+    EXPECT_THAT(causes_of(object), testing::HasSubstr("the process went on"));
+}
+
+TEST(QvcrashShow, TextNamesFunctionsAndSourceLines)
+{
+    ChildResult result = show({"--source", "3", log_of("null-member")});
+    EXPECT_TRUE(result.exited(0));
+    EXPECT_THAT(result.out, testing::HasSubstr("ended by SIGSEGV (Segmentation fault)"));
+    EXPECT_THAT(result.out, testing::HasSubstr("s->count++; // line: null member"));
+    EXPECT_THAT(result.out, testing::HasSubstr("cannot be known")) << "the log has no build ids";
+}
+
+// An image has its own files at the log's paths; nothing outside it is read.
+TEST(QvcrashShow, RootIsNotLeft)
+{
+    std::string log = log_of("null-member");
+    ::mkdir("/tmp/image", 0755);
+    json empty = show_json(log, {"--root", "/tmp/image"});
+    EXPECT_FALSE(names_line(empty, marked_line("null member")));
+    EXPECT_EQ("missing", empty["modules"][0]["identity"]);
+
+    // A link inside the image leads nowhere outside.
+    std::string folder = "/tmp/image" + kHost.substr(0, kHost.rfind('/'));
+    ASSERT_TRUE(run_program({"/bin/mkdir", "-p", folder}).exited(0));
+    ASSERT_EQ(0, ::symlink(kHost.c_str(), ("/tmp/image" + kHost).c_str()));
+    EXPECT_EQ("missing", show_json(log, {"--root", "/tmp/image"})["modules"][0]["identity"]);
+
+    ASSERT_EQ(0, ::unlink(("/tmp/image" + kHost).c_str()));
+    ASSERT_TRUE(run_program({"/bin/cp", kHost, folder}).exited(0));
+    EXPECT_TRUE(names_line(show_json(log, {"--root", "/tmp/image"}), marked_line("null member")));
+}
+
+TEST(QvcrashShow, SeparateDebugFilesByBuildIdAndByLink)
+{
+    std::string log = log_of("null-member");
+    std::string folder = "/tmp/image" + kHost.substr(0, kHost.rfind('/'));
+    ASSERT_TRUE(run_program({"/bin/mkdir", "-p", folder, "/tmp/debug"}).exited(0));
+    std::string stripped = "/tmp/image" + kHost;
+    ASSERT_TRUE(run_program({"/usr/bin/objcopy", "--only-keep-debug", kHost, "/tmp/debug/host.debug"}).exited(0));
+    ASSERT_TRUE(run_program({"/usr/bin/objcopy", "--strip-debug", kHost, stripped}).exited(0));
+    int line = marked_line("null member");
+    EXPECT_FALSE(names_line(show_json(log, {"--root", "/tmp/image", "--debug", "/tmp/debug"}), line))
+        << "nothing leads there";
+
+    ASSERT_TRUE(run_program({"/usr/bin/objcopy", "--add-gnu-debuglink=/tmp/debug/host.debug", stripped}).exited(0));
+    EXPECT_TRUE(names_line(show_json(log, {"--root", "/tmp/image", "--debug", "/tmp/debug"}), line));
+
+    // Another file of that name does not count.
+    ASSERT_TRUE(run_program({"/usr/bin/objcopy", "--only-keep-debug", build_dir() + "/qvenv", "/tmp/debug/host.debug"})
+                    .exited(0));
+    EXPECT_FALSE(names_line(show_json(log, {"--root", "/tmp/image", "--debug", "/tmp/debug"}), line));
+}
+
+// Return addresses of the log follow no call there.
+TEST(QvcrashShow, AnotherBuildIsNoticed)
+{
+    std::string log = log_of("double-free");
+    std::string folder = "/tmp/image" + kHost.substr(0, kHost.rfind('/'));
+    ASSERT_TRUE(run_program({"/bin/mkdir", "-p", folder}).exited(0));
+    ASSERT_TRUE(run_program({"/bin/cp", build_dir() + "/qvenv", "/tmp/image" + kHost}).exited(0));
+    json object = show_json(log, {"--root", "/tmp/image"});
+    EXPECT_FALSE(names_line(object, marked_line("double free")));
+    for (const json &module : object["modules"]) {
+        if (module["path"] == kHost) {
+            EXPECT_EQ("differs", module["identity"]);
+        }
+    }
+}
+
+TEST(QvcrashShow, ExitStatuses)
+{
+    write_file("/tmp/other.txt", "no log\n");
+    EXPECT_TRUE(show({"/tmp/other.txt"}).exited(1));
+    EXPECT_TRUE(show({"/tmp/missing.log"}).exited(1));
+    EXPECT_TRUE(show({}).exited(2));
+    EXPECT_TRUE(show({"--root", "/tmp/missing", "/tmp/other.txt"}).exited(2));
+    EXPECT_TRUE(show({"--source", "0", "/tmp/other.txt"}).exited(2));
+}
+
+TEST(QvcrashShow, TerminalControlsInALogAreNotPassedOn)
+{
+    write_file("/tmp/x1.coredump.11.log",
+               "PID 1 for signal(11).\nBacktracing:\n\tStack bottom is at 0x0\n\nbell \x1b]0;x\x07\n");
+    ChildResult result = show({"/tmp/x1.coredump.11.log"});
+    EXPECT_TRUE(result.exited(0));
+    EXPECT_EQ(std::string::npos, result.out.find('\x1b'));
+    EXPECT_THAT(result.out, testing::HasSubstr("\\x1b]0;x\\x07"));
+}
+
+TEST(QvcrashShow, TracesOfAllocationsAreSummedUpByCaller)
+{
+    write_file("/tmp/mtrace7.log", "= Start\n"
+                                   "@ /bin/x:(f+0x1)[0x10] + 0x1000 0x20\n"
+                                   "@ /bin/x:(f+0x1)[0x10] + 0x2000 0x30\n"
+                                   "@ /bin/x:(g+0x1)[0x40] + 0x3000 0x10\n"
+                                   "@ /bin/x:(g+0x1)[0x40] < 0x3000\n"
+                                   "@ /bin/x:(g+0x1)[0x40] > 0x4000 0x100\n"
+                                   "@ /bin/x:(h+0x1)[0x50] - 0x2000\n"
+                                   "@ /bin/x:(h+0x1)[0x50] - 0x9000\n"
+                                   "= End\n");
+    json object = show_json("/tmp/mtrace7.log");
+    ASSERT_EQ(2u, object["groups"].size());
+    EXPECT_EQ(0x100, object["groups"][0]["bytes"]);
+    EXPECT_EQ("0x40", object["groups"][0]["offset"]);
+    EXPECT_EQ(0x20, object["groups"][1]["bytes"]);
+    EXPECT_EQ(1, object["groups"][1]["blocks"]);
+    EXPECT_THAT(object["remarks"][0].get<std::string>(), testing::HasSubstr("1 blocks were freed"));
+}
+
+} // namespace
