@@ -1,25 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
 // hashtbl.hpp - a typed view of the intrusive hash table for C++ hosts.
 //
-// The table of the C functions, owned, with the object's type and the place of its link known to the compiler and
-// lambdas for callbacks. Nothing is kept besides the C table's pointer; every operation is one call of the C function.
+// The table of the C functions, owned, with the object's type and the place of its link known to the compiler. A view
+// keeps nothing but the C table's pointer, and the C functions may be used on get() too. Lookups and walks are inline.
 //
 //     struct session { unsigned id; hashtbl_link link; };
 //     qv::intrusive_table<session, &session::link> table(qv_hashtbl_get_log2(100000));
 //     table.insert(qv_hash_uint32(s->id, 0), *s);
 //     session *found = table.find(hash, [&](const session &other) { return other.id == id; });
+//
+// Callbacks are anything that std::invoke() accepts: lambdas, functions, member pointers. They may throw: a lookup or a
+// walk then ends, and the table is as the callback left it.
 #ifndef LIBCOMMON_CXX_HASHTBL_HPP
 #define LIBCOMMON_CXX_HASHTBL_HPP
 
 #include "../hashtbl.h"
+#include "member_object.hpp"
 
+#include <concepts>
 #include <cstddef>
+#include <functional>
 #include <type_traits>
 #include <utility>
 
 namespace qv {
 
-template <typename T, hashtbl_link T::*Link>
+// Link is the pointer to the objects' hashtbl_link, which may lie in a base class of T. The table does not own the
+// objects; one that is destroyed while it holds objects just forgets them.
+template <typename T, auto Link>
+requires detail::member_of<Link, hashtbl_link, T>
 class intrusive_table {
 public:
     // Empty, or no table at all (it then converts to false and must not be used) as hashtbl_init() fails.
@@ -39,62 +48,110 @@ public:
     explicit operator bool() const { return table_ != nullptr; }
     hashtbl *get() const { return table_; }
     std::size_t size() const { return table_->count; }
+    bool empty() const { return table_->count == 0; }
 
     void insert(unsigned hash, T &object) { hashtbl_insert(table_, hash, &object); }
-    void remove(unsigned hash, T &object) { hashtbl_remove(table_, hash, &object); }
 
-    // match(const T &) -> bool
+    // Returns whether the object was in the bucket of this hash and has been removed.
+    bool remove(unsigned hash, T &object)
+    {
+        const std::size_t before = size();
+        hashtbl_remove(table_, hash, &object);
+        return size() != before;
+    }
+
+    // The newest object with this hash for which match(object) holds, or null.
     template <typename Match>
-    T *find(unsigned hash, Match &&match) const
-    {
-        auto call = [](void *object, void *key) -> int { return as_callable<Match>(key)(as_object(object)) ? 1 : 0; };
-        return static_cast<T *>(hashtbl_find(table_, argument(match), hash, call));
-    }
+    requires std::predicate<Match &, T &> T *find(unsigned hash, Match &&match) { return find_as<T>(hash, match); }
+    template <typename Match>
+    requires std::predicate<Match &, const T &>
+    const T *find(unsigned hash, Match &&match) const { return find_as<const T>(hash, match); }
 
-    // visit(T &) -> bool: true goes on. Returns false when the visit was stopped. No object may leave meanwhile.
+    // Calls visit(object) -> bool for each object; true goes on. Returns false when the visit was stopped. No object
+    // may leave meanwhile.
     template <typename Visit>
-    bool for_each(Visit &&visit) const
-    {
-        auto call = [](void *object, void *arg) -> int { return as_callable<Visit>(arg)(as_object(object)) ? 0 : 1; };
-        return hashtbl_traverse_each(table_, call, argument(visit)) == 0;
-    }
+    requires std::predicate<Visit &, T &>
+    bool for_each(Visit &&visit) { return for_each_as<T>(visit); }
+    template <typename Visit>
+    requires std::predicate<Visit &, const T &>
+    bool for_each(Visit &&visit) const { return for_each_as<const T>(visit); }
 
-    // visit(T &) may remove or free its object.
+    // Calls visit(object), which may remove or free its object.
     template <typename Visit>
+    requires std::invocable<Visit &, T &>
     void for_each_safe(Visit &&visit)
     {
-        auto call = [](void *object, void *arg) -> int { return as_callable<Visit>(arg)(as_object(object)), 0; };
-        hashtbl_traverse_each_safe(table_, call, argument(visit));
+        for (std::size_t i = 0; i < used_buckets(); i++)
+            visit_chain(table_->buckets[i], visit);
     }
 
-    // Empties the table, handing each object to release(T &), which may free it.
+    // Empties the table, then hands each object to release(object), which may free it, or insert it here again. Objects
+    // that are left when release throws are in no table.
     template <typename Release>
+    requires std::invocable<Release &, T &>
     void clear(Release &&release)
     {
-        auto call = [](void *object, void *arg) { as_callable<Release>(arg)(as_object(object)); };
-        hashtbl_free_all_objects(table_, call, argument(release));
+        hashtbl_link *objects = detach();
+        visit_chain(objects, release);
     }
 
 private:
-    static T &as_object(void *object) { return *static_cast<T *>(object); }
+    static unsigned link_offset() { return static_cast<unsigned>(detail::member_offset<T, Link>()); }
+    static T &object_of(hashtbl_link *link) { return *detail::object_of<T, Link>(link); }
 
-    template <typename Callable>
-    static std::remove_reference_t<Callable> &as_callable(void *arg)
+    // Number of buckets to walk: none of an empty table.
+    std::size_t used_buckets() const { return empty() ? 0 : std::size_t{1} << table_->log_size; }
+
+    template <typename U, typename Match>
+    U *find_as(unsigned hash, Match &match) const
     {
-        return *static_cast<std::remove_reference_t<Callable> *>(arg);
+        const unsigned mask = (1U << table_->log_size) - 1;
+        for (hashtbl_link *link = table_->buckets[hash & mask]; link != nullptr; link = link->next) {
+            if (link->hash != hash)
+                continue;
+            U &object = object_of(link);
+            if (std::invoke(match, object))
+                return &object;
+        }
+        return nullptr;
     }
 
-    template <typename Callable>
-    static void *argument(Callable &callable)
+    template <typename U, typename Visit>
+    bool for_each_as(Visit &visit) const
     {
-        return const_cast<void *>(static_cast<const void *>(&callable));
+        for (std::size_t i = 0; i < used_buckets(); i++) {
+            for (hashtbl_link *link = table_->buckets[i]; link != nullptr; link = link->next) {
+                U &object = object_of(link);
+                if (!std::invoke(visit, object))
+                    return false;
+            }
+        }
+        return true;
     }
 
-    static unsigned link_offset()
+    template <typename Visit>
+    static void visit_chain(hashtbl_link *link, Visit &visit)
     {
-        alignas(T) static char room[sizeof(T)];
-        auto *link = reinterpret_cast<char *>(&(reinterpret_cast<T *>(room)->*Link));
-        return static_cast<unsigned>(link - room);
+        while (link != nullptr) {
+            hashtbl_link *next = link->next;
+            std::invoke(visit, object_of(link));
+            link = next;
+        }
+    }
+
+    // Empties the table. Returns its objects as one chain, bucket by bucket.
+    hashtbl_link *detach()
+    {
+        hashtbl_link *first = nullptr;
+        hashtbl_link **end = &first;
+        const std::size_t buckets = used_buckets();
+        for (std::size_t i = 0; i < buckets; i++) {
+            *end = std::exchange(table_->buckets[i], nullptr);
+            while (*end != nullptr)
+                end = &(*end)->next;
+        }
+        table_->count = 0;
+        return first;
     }
 
     hashtbl *table_;

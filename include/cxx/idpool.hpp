@@ -10,8 +10,9 @@
 
 #include "../idpool.h"
 
-#include <climits>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <optional>
 #include <utility>
@@ -20,9 +21,12 @@ namespace qv {
 
 class id_pool {
 public:
-    // Over the identifiers that are allocated as it goes; freeing the one it stands on is fine.
+    // Over the identifiers that are allocated as it goes: each step reads the bitmap, so the identifier that it stands
+    // on may be freed. It is a forward iterator by its concept; its references are values, so that algorithms from
+    // before C++20 see an input iterator.
     class iterator {
     public:
+        using iterator_concept = std::forward_iterator_tag;
         using iterator_category = std::input_iterator_tag;
         using value_type = int;
         using difference_type = std::ptrdiff_t;
@@ -30,29 +34,47 @@ public:
         using reference = int;
 
         iterator() = default;
-        iterator(const idpool *pool, int from) : pool_(pool) { seek(from); }
+        // Begins with the lowest allocated identifier from `from` on; after the last when from is out of range.
+        iterator(const idpool *pool, int from) : pool_(pool) { seek(std::int64_t{from} - pool->min_id); }
         int operator*() const { return id_; }
         iterator &operator++()
         {
-            if (id_ == INT_MAX)
-                pool_ = nullptr;
-            else
-                seek(id_ + 1);
+            seek(std::int64_t{id_} - pool_->min_id + 1);
             return *this;
         }
-        void operator++(int) { ++*this; }
+        iterator operator++(int)
+        {
+            iterator before = *this;
+            ++*this;
+            return before;
+        }
         bool operator==(const iterator &other) const
         {
             return pool_ == other.pool_ && (pool_ == nullptr || id_ == other.id_);
         }
 
     private:
-        void seek(int from)
+        // Goes to the first set bit from this offset on, as far as idpool_get_next_allocated_id() searches.
+        void seek(std::int64_t offset)
         {
-            if (idpool_get_next_allocated_id(pool_, from, &id_) != 0)
-                pool_ = nullptr;
+            const std::int64_t last = std::int64_t{pool_->max_id} - pool_->min_id;
+            std::int64_t word = offset / kWordBits;
+            if (offset >= 0 && offset <= last && word < pool_->words) {
+                std::uint32_t set = pool_->bitmap[word] & (UINT32_MAX << (offset % kWordBits));
+                while (set == 0 && ++word < pool_->words)
+                    set = pool_->bitmap[word];
+                offset = set != 0 ? word * kWordBits + std::countr_zero(set) : last + 1;
+                if (offset <= last) {
+                    id_ = static_cast<int>(pool_->min_id + offset);
+                    return;
+                }
+            }
+            pool_ = nullptr;
         }
-        const idpool *pool_ = nullptr; // null behind the last
+
+        static constexpr std::int64_t kWordBits = 32;
+
+        const idpool *pool_ = nullptr; // null after the last
         int id_ = 0;
     };
 
@@ -89,6 +111,8 @@ public:
 private:
     idpool *pool_;
 };
+
+static_assert(std::forward_iterator<id_pool::iterator> && !std::bidirectional_iterator<id_pool::iterator>);
 
 } // namespace qv
 

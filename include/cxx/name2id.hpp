@@ -2,7 +2,8 @@
 // name2id.hpp - name-to-identifier tables for C++ hosts: owned, with results that tell a miss from all ones.
 //
 //     qv::name_table zones(8);
-//     zones.insert("trust", 7);
+//     if (zones.insert("trust", 7) == nullptr)
+//         ...                                           // no memory
 //     if (auto id = zones.find("trust"))
 //         ...                                           // *id == 7
 #ifndef LIBCOMMON_CXX_NAME2ID_HPP
@@ -11,12 +12,14 @@
 #include "../name2id.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <utility>
 
 namespace qv {
 
-// Names alone. A table that could not be made converts to false and must not be used.
+// Names alone. A table that could not be made, or was moved away, converts to false; only insert() may be called on it,
+// which fails.
 class name_table {
 public:
     explicit name_table(unsigned log_size) : table_(name2id_tbl_create(log_size, 0)) {}
@@ -31,12 +34,15 @@ public:
     explicit operator bool() const { return table_ != nullptr; }
     name2id_tbl *get() const { return table_; }
 
-    // The new entry, owned by the table, or null without memory.
+    // The new entry, owned by the table. Null when it is not in the table: without memory, for a null name, or where
+    // there is no table.
     name2id_entry *insert(const char *name, std::uint32_t id)
     {
         name2id_entry *entry = name2id_entry_create(name, id);
-        name2id_entry_insert(table_, entry);
-        return entry;
+        if (name2id_entry_insert(table_, entry) == 0)
+            return entry;
+        std::free(entry);
+        return nullptr;
     }
 
     std::optional<std::uint32_t> find(const char *name) const

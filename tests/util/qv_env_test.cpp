@@ -411,7 +411,8 @@ TEST(SetEnv, CutsFirstThenWritesTheRestAtOnceThenTheRecordInFourPieces)
     write_file(kStore, "a=1\nb=2\nc=3\n");
     io::calls.clear();
     EXPECT_EQ(qv_setenv("b", "two", 1), 0);
-    EXPECT_EQ(io::calls, (std::vector<std::string>{"cut 4", "write c=3\n", "write b", "write =", "write two", "write \n"}));
+    EXPECT_EQ(io::calls,
+              (std::vector<std::string>{"cut 4", "write c=3\n", "write b", "write =", "write two", "write \n"}));
     io::calls.clear();
     EXPECT_EQ(qv_setenv("b", "2", 1), 0);
     EXPECT_EQ(io::calls, (std::vector<std::string>{"cut 8", "write b", "write =", "write 2", "write \n"}));

@@ -67,8 +67,8 @@ exit_code list(const char *path)
     return flushed(kDone);
 }
 
-// Whether a file's text can be read; errno says why not. The lookups answer the same for a file that they cannot read and
-// for a name that is not set.
+// Whether a file's text can be read; errno says why not. The lookups answer the same for a file that they cannot read
+// and for a name that is not set.
 bool is_readable(const char *path)
 {
     base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
