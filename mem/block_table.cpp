@@ -2,6 +2,7 @@
 #include "mem/block_table.h"
 
 #include <bit>
+#include <cstring>
 
 namespace full {
 namespace {
@@ -68,11 +69,22 @@ int block_table::free_slot(unsigned count) const
     return -1;
 }
 
+// A record has its address last and loses it first: rebuild() takes each for whole.
+
 void block_table::enter(unsigned slot, std::uintptr_t ptr, std::uint32_t size, std::uint64_t when,
                         const call_chain &trace)
 {
-    records[slot] = {ptr, size, when, trace};
-    std::uint32_t &list = head[hash_of(ptr)];
+    block_record &record = records[slot];
+    record.size = size;
+    record.when = when;
+    record.trace = trace;
+    __atomic_store_n(&record.ptr, ptr, __ATOMIC_RELEASE);
+    add_to_index(slot);
+}
+
+void block_table::add_to_index(unsigned slot)
+{
+    std::uint32_t &list = head[hash_of(records[slot].ptr)];
     next[slot] = list;
     list = slot + 1;
     set(used, slot);
@@ -89,6 +101,21 @@ void block_table::remove(unsigned slot)
     records[slot].ptr = 0;
     clear(used, slot);
     clear(full, slot / kWordBits);
+}
+
+unsigned block_table::rebuild()
+{
+    std::memset(head, 0, sizeof head);
+    std::memset(used, 0, sizeof used);
+    std::memset(full, 0, sizeof full);
+    unsigned blocks = 0;
+    for (unsigned slot = 0; slot < kSlots; slot++) {
+        if (records[slot].ptr == 0)
+            continue;
+        add_to_index(slot);
+        blocks++;
+    }
+    return blocks;
 }
 
 } // namespace full

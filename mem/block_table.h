@@ -39,6 +39,9 @@ struct block_table {
     void enter(unsigned slot, std::uintptr_t ptr, std::uint32_t size, std::uint64_t when, const call_chain &trace);
     void remove(unsigned slot);
 
+    // Makes everything else from the records, after a writer has vanished in the middle. Returns the number of blocks.
+    unsigned rebuild();
+
 private:
     static constexpr unsigned kWordBits = 64;
     static constexpr unsigned kWords = kSlots / kWordBits;
@@ -47,6 +50,8 @@ private:
     std::uint32_t next[kSlots];             // of a slot: the next one in its list, likewise
     std::uint64_t used[kWords];             // a bit a slot
     std::uint64_t full[kWords / kWordBits]; // a bit for each word of those that has no free slot
+
+    void add_to_index(unsigned slot);
 };
 
 } // namespace full

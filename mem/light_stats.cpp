@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 #include <pthread.h>
+#include <unistd.h>
 
 namespace light {
 
@@ -22,11 +23,30 @@ statistics cleared;
 
 pthread_key_t thread_end;
 bool thread_end_is_watched;
-constinit thread_local bool is_ending = false;
+
+// The last threads that gave their shard back. What such a thread still allocates and frees, it counts in the common
+// shard: nobody would give a second one back. The C library's thread id tells it from a later thread that has the same
+// thread pointer.
+std::uint64_t ending[64];
+unsigned next_ending = 0;
+
+std::uint64_t ending_mark()
+{
+    constexpr int kIdShift = 42;
+    return threads::self() ^ static_cast<std::uint64_t>(::gettid()) << kIdShift;
+}
+
+bool is_ending()
+{
+    return std::any_of(std::begin(ending), std::end(ending), [mark = ending_mark()](std::uint64_t &each) {
+        return __atomic_load_n(&each, __ATOMIC_RELAXED) == mark;
+    });
+}
 
 void give_back(void *owner)
 {
-    is_ending = true; // what it still allocates and frees, it counts in the common one
+    unsigned i = __atomic_fetch_add(&next_ending, 1, __ATOMIC_RELAXED) % std::size(ending);
+    __atomic_store_n(&ending[i], ending_mark(), __ATOMIC_RELAXED);
     __atomic_store_n(static_cast<std::uintptr_t *>(owner), 0, __ATOMIC_RELEASE);
 }
 
@@ -34,7 +54,7 @@ void give_back(void *owner)
 std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
 {
     for (unsigned i = 0; i < kProbes; i++) {
-        std::uintptr_t &each = owners[(home_of(thread) + i) % kShards];
+        std::uintptr_t &each = owners[(threads::hash_of(thread, kShardBits) + i) % kShards];
         if (__atomic_load_n(&each, __ATOMIC_RELAXED) == owner)
             return &each;
     }
@@ -44,6 +64,8 @@ std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
 std::uintptr_t *claim(std::uintptr_t thread)
 {
     while (std::uintptr_t *free = probe(thread, 0)) {
+        if (is_ending())
+            return nullptr;
         std::uintptr_t nobody = 0;
         if (!__atomic_compare_exchange_n(free, &nobody, thread, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
             continue;
@@ -57,9 +79,9 @@ std::uintptr_t *claim(std::uintptr_t thread)
 // Null for a thread that must do with the common one.
 statistics *find_or_claim()
 {
-    std::uintptr_t thread = thread_pointer();
+    std::uintptr_t thread = threads::self();
     std::uintptr_t *own = probe(thread, thread);
-    if (own == nullptr && !is_ending)
+    if (own == nullptr)
         own = claim(thread);
     return own != nullptr ? &shards[own - owners] : nullptr;
 }
@@ -129,7 +151,7 @@ void watch_threads()
 void after_fork_in_child()
 {
     for (std::uintptr_t &owner : owners)
-        if (owner != thread_pointer())
+        if (owner != threads::self())
             owner = 0;
 }
 

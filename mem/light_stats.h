@@ -41,27 +41,11 @@ static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 extern std::uintptr_t owners[kShards];
 extern statistics shards[kShards];
 
-inline std::uintptr_t thread_pointer()
-{
-    std::uintptr_t pointer;
-#if defined(__x86_64__)
-    asm("mov %%fs:0, %0" : "=r"(pointer));
-#else
-    asm("mrs %0, tpidr_el0" : "=r"(pointer));
-#endif
-    return pointer;
-}
-
-inline unsigned home_of(std::uintptr_t thread)
-{
-    return static_cast<unsigned>(thread * 0x9E3779B97F4A7C15 >> (64 - kShardBits));
-}
-
 // The thread's shard if it is where it should be; else null, and the slow way finds or makes it.
 inline statistics *shard_at_home()
 {
-    std::uintptr_t thread = thread_pointer();
-    unsigned home = home_of(thread);
+    std::uintptr_t thread = threads::self();
+    unsigned home = threads::hash_of(thread, kShardBits);
     return __atomic_load_n(&owners[home], __ATOMIC_RELAXED) == thread ? &shards[home] : nullptr;
 }
 

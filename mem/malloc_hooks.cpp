@@ -4,7 +4,7 @@
 // Built without the compiler's knowledge of these functions: it would make calloc() a call of itself.
 #include "mem/malloc_hooks.h"
 
-#include "base/fork_lock.h"
+#include "mem/hook_change.h"
 #include "mem/light_stats.h"
 
 #include <cerrno>
@@ -21,8 +21,9 @@ hooks::realloc_fn old_realloc_hook = nullptr;
 
 namespace hooks {
 
-constinit thread_local bool inside = false;
+constinit threads::set inside;
 bool intercepting = false;
+bool headers_are_known = false;
 
 hook_set current()
 {
@@ -46,6 +47,22 @@ void install_old(const hook_set &set)
     store(old_malloc_hook, set.malloc);
     store(old_free_hook, set.free);
     store(old_realloc_hook, set.realloc);
+}
+
+put_aside::put_aside() : found_(current()), below_(old())
+{
+    if (is_ours(below_.malloc)) // from one SIGUSR2 to the next
+        below_ = {};
+    if (is_ours(found_.malloc) || is_ours(found_.free) || is_ours(found_.realloc))
+        install(below_);
+    else
+        found_ = below_;
+}
+
+put_aside::~put_aside()
+{
+    if (current() == below_)
+        install(found_);
 }
 
 bool is_ours(malloc_fn hook)
@@ -80,6 +97,16 @@ bool find_out_whether_intercepting()
 #endif
 }
 
+// Its malloc() has two names; another one is found under the first only.
+bool is_malloc_of_the_c_library()
+{
+#if LIBCOMMON_MALLOC_HOOKS
+    return &std::malloc == &__libc_malloc;
+#else
+    return false;
+#endif
+}
+
 } // namespace
 } // namespace hooks
 
@@ -87,29 +114,28 @@ bool find_out_whether_intercepting()
 
 namespace {
 
-// No thread is in the middle of the trace file or of the table when a child is made: it can allocate and trace. Only
-// where the forking thread is itself in the middle (a signal handler forks, or a caller holds `mutex`) the child goes
-// on there, as the parent does. Another thread that keeps `mutex` outside the library is not waited for: it may keep it
-// for good, or wait for the child.
-constinit thread_local base::fork_hold mutex_hold = base::fork_hold::foreign;
+// No lock is held between the handlers: those of libraries that were initialised earlier run in between, and they may
+// allocate, or wait for a thread that does. What another thread was in the middle of is put right in the child.
 
 void before_fork()
 {
-    trace_file::before_fork();
-    mutex_hold = base::hold_for_fork(mutex, [] { return full::holds_mutex.load(); });
+    hooks::before_fork();
+    full::before_fork();
 }
 
 void after_fork_in_parent()
 {
-    base::release_in_parent(mutex, mutex_hold);
-    trace_file::after_fork_in_parent();
+    full::after_fork_in_parent();
+    hooks::after_fork_in_parent();
 }
 
 void after_fork_in_child()
 {
-    base::release_in_child(mutex, mutex_hold);
+    hooks::inside.keep_only_self();
     light::after_fork_in_child();
+    full::after_fork_in_child();
     trace_file::after_fork_in_child();
+    hooks::after_fork_in_child();
 }
 
 } // namespace
@@ -121,9 +147,11 @@ extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
     if (!loaded) {
         loaded = true;
         hooks::intercepting = hooks::find_out_whether_intercepting();
+        hooks::headers_are_known = hooks::intercepting || hooks::is_malloc_of_the_c_library();
         light::watch_threads();
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     }
+    hooks::change_scope scope;
     hooks::install_old(hooks::current());
     light::clear();
     muntrace();
@@ -140,7 +168,7 @@ namespace {
 template <typename Hook>
 bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 {
-    return hooks::load(hook) == light_hook && hooks::load(old_hook) == nullptr;
+    return hooks::is(hook, light_hook) && hooks::is(old_hook, static_cast<Hook>(nullptr));
 }
 
 // The rest, out of line so that plain calls need not save registers for it.
@@ -148,7 +176,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void *malloc_otherwise(std::size_t size, const void *caller)
 {
     hooks::malloc_fn hook = hooks::load(__malloc_hook);
-    if (hooks::inside) {
+    if (hooks::inside.contains_self()) {
         hooks::malloc_was_called_inside = true;
         return __libc_malloc(size);
     }
@@ -162,7 +190,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void free_otherwise(void *ptr, const void *caller)
 {
     hooks::free_fn hook = hooks::load(__free_hook);
-    if (hook == nullptr || hooks::inside)
+    if (hook == nullptr || hooks::inside.contains_self())
         return __libc_free(ptr);
     if (hook == my_free_light_hook)
         return light::release(ptr, caller);
@@ -172,7 +200,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
 [[gnu::noinline]] void *realloc_otherwise(void *ptr, std::size_t size, const void *caller)
 {
     hooks::realloc_fn hook = hooks::load(__realloc_hook);
-    if (hook == nullptr || hooks::inside)
+    if (hook == nullptr || hooks::inside.contains_self())
         return __libc_realloc(ptr, size);
     if (hook == my_realloc_light_hook)
         return light::reallocate(ptr, size, caller);
@@ -186,7 +214,7 @@ bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
         errno = ENOMEM;
         return nullptr;
     }
-    if (hooks::load(__malloc_hook) == nullptr || hooks::inside)
+    if (hooks::load(__malloc_hook) == nullptr || hooks::inside.contains_self())
         return __libc_calloc(count, size);
     void *block = malloc_otherwise(bytes, caller);
     return block != nullptr ? std::memset(block, 0, bytes) : nullptr;

@@ -10,7 +10,8 @@
 
 #include "qv_mtrace.h"
 
-#include <atomic>
+#include "mem/thread_set.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -30,30 +31,35 @@ using malloc_fn = void *(*)(std::size_t size, const void *caller);
 using free_fn = void (*)(void *ptr, const void *caller);
 using realloc_fn = void *(*)(void *ptr, std::size_t size, const void *caller);
 
-// Set while this thread is in a hook that must not be entered again. Not of the initial-exec kind: together with the
-// crash log's table of mappings that would take more static room than a process has left for a library that it loads
-// late.
-extern constinit thread_local bool inside;
+// The threads in a hook that must not be entered again.
+extern constinit threads::set inside;
 
 class inside_scope {
 public:
-    inside_scope() : before_(std::exchange(inside, true)) {}
-    ~inside_scope() { inside = before_; }
-
-private:
-    bool before_;
+    inside_scope() { inside.insert_self(); }
+    ~inside_scope() { inside.remove_self(); }
+    inside_scope(const inside_scope &) = delete;
+    inside_scope &operator=(const inside_scope &) = delete;
 };
 
+// What a hook's owner wrote before the hook was stored is visible to whoever calls the hook.
 template <typename Hook>
 Hook load(Hook &variable)
 {
-    return __atomic_load_n(&variable, __ATOMIC_RELAXED);
+    return __atomic_load_n(&variable, __ATOMIC_ACQUIRE);
 }
 
 template <typename Hook>
 void store(Hook &variable, Hook hook)
 {
-    __atomic_store_n(&variable, hook, __ATOMIC_RELAXED);
+    __atomic_store_n(&variable, hook, __ATOMIC_RELEASE);
+}
+
+// For a comparison with a hook that will not be called.
+template <typename Hook>
+bool is(Hook &variable, Hook hook)
+{
+    return __atomic_load_n(&variable, __ATOMIC_RELAXED) == hook;
 }
 
 // All three at a time.
@@ -72,6 +78,28 @@ void install_old(const hook_set &set);
 // out at load; before, no hook is installed.
 extern bool intercepting;
 
+// Whether a hook was called by the allocator that it called itself: then it only allocates. Another malloc() than the
+// library's may ask the hook variables too.
+inline bool is_reentered()
+{
+    return !intercepting && inside.contains_self();
+}
+
+// For a call of another malloc(): puts the hooks below the library's in place, as far as the library's are installed,
+// and the ones that it found back at the end. Other threads' allocations are not seen meanwhile.
+class put_aside {
+public:
+    put_aside();
+    ~put_aside();
+    put_aside(const put_aside &) = delete;
+    put_aside &operator=(const put_aside &) = delete;
+
+private:
+    inside_scope inside_;
+    hook_set found_;
+    hook_set below_;
+};
+
 // ---- the allocator below ----
 
 inline void *allocate(std::size_t size)
@@ -80,6 +108,7 @@ inline void *allocate(std::size_t size)
     if (intercepting) [[likely]]
         return __libc_malloc(size);
 #endif
+    put_aside scope;
     return std::malloc(size);
 }
 
@@ -89,6 +118,7 @@ inline void *reallocate(void *ptr, std::size_t size)
     if (intercepting) [[likely]]
         return __libc_realloc(ptr, size);
 #endif
+    put_aside scope;
     return std::realloc(ptr, size);
 }
 
@@ -98,6 +128,7 @@ inline void release(void *ptr)
     if (intercepting) [[likely]]
         return __libc_free(ptr);
 #endif
+    put_aside scope;
     std::free(ptr);
 }
 
@@ -113,7 +144,7 @@ template <typename Hook>
 Hook foreign(Hook &variable)
 {
     Hook hook = load(variable);
-    return hook == nullptr || is_ours(hook) || inside ? nullptr : hook;
+    return hook == nullptr || is_ours(hook) || inside.contains_self() ? nullptr : hook;
 }
 
 inline void *old_malloc(std::size_t size, const void *caller)
@@ -143,18 +174,30 @@ inline void *old_realloc(void *ptr, std::size_t size, const void *caller)
     return hook(ptr, size, caller);
 }
 
+// Whether blocks are the C library's, which keeps a header word before each.
+extern bool headers_are_known;
+
+// A pointer without the tag that the allocator gives its blocks where the processor checks tags: the header before the
+// block has none. Addresses end below the tag on every port.
+inline void *without_tag(void *ptr)
+{
+    constexpr int kTagBits = 8;
+    return reinterpret_cast<void *>(reinterpret_cast<std::uintptr_t>(ptr) << kTagBits >> kTagBits);
+}
+
 // What a block takes in the heap: the allocator's header word before it without its three flag bits. The header of
 // another allocator is its own; what it says of itself is taken instead.
 inline std::uint32_t own_chunk_size(void *ptr)
 {
+    ptr = without_tag(ptr);
     asm volatile("" : "+r"(ptr)); // the compiler knows malloc's blocks and takes the header for out of bounds
     return static_cast<std::uint32_t>(static_cast<const std::size_t *>(ptr)[-1] & ~std::size_t{7});
 }
 
 inline std::uint32_t chunk_size(void *ptr)
 {
-    return intercepting ? own_chunk_size(ptr)
-                        : static_cast<std::uint32_t>(::malloc_usable_size(ptr) + sizeof(std::size_t));
+    return headers_are_known ? own_chunk_size(ptr)
+                             : static_cast<std::uint32_t>(::malloc_usable_size(ptr) + sizeof(std::size_t));
 }
 
 } // namespace hooks
@@ -162,19 +205,24 @@ inline std::uint32_t chunk_size(void *ptr)
 // ---- full tracing and the trace file, as malloc() calls them: they are installed already ----
 
 namespace full {
-// The library itself holds `mutex`, for a moment. Callers may keep the exported mutex for as long as they like.
-extern std::atomic<bool> holds_mutex;
-
 void *allocate(std::size_t size, const void *caller);
 void release(void *ptr, const void *caller);
 void *reallocate(void *ptr, std::size_t size, const void *caller);
 } // namespace full
 
+namespace full {
+// Around a fork, for a table that other threads may be writing.
+void before_fork();
+void after_fork_in_parent();
+void after_fork_in_child();
+} // namespace full
+
 namespace trace_file {
 hooks::hook_set own_hooks();
 
-void before_fork();
-void after_fork_in_parent();
+// Carries out toggles that were requested where they could not be. For whoever ends what was in their way.
+void make_up_for_toggles();
+
 void after_fork_in_child();
 } // namespace trace_file
 

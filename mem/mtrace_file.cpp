@@ -4,15 +4,15 @@
 // A trace stands on the hooks that it found: its own hooks call those and write a line for each call. One lock keeps
 // the lines in the order of the calls, so that an address is never seen allocated again before it was freed.
 //
-// SIGUSR2 may meet its thread inside the allocator or with that lock held, where waiting would be for ever. So a toggle
-// is a request first. It is carried out at once if this thread is in no call of malloc() or its kin and the lock is
-// free; else by whoever ends that call or gives back the lock.
+// SIGUSR2 may meet its thread inside the allocator, with that lock held, or in the middle of a change of hooks, where
+// waiting would be for ever. So a toggle is a request first. It is carried out at once if this thread is in no call of
+// malloc() or its kin and nobody holds the lock or makes a change; else by whoever ends what was in its way.
 #include "qv_mtrace.h"
 
 #include "base/errno_guard.h"
-#include "base/fork_lock.h"
 #include "base/unique_fd.h"
 #include "log/console_output.h"
+#include "mem/hook_change.h"
 #include "mem/light_stats.h"
 #include "mem/malloc_hooks.h"
 #include "mem/trace_variable.h"
@@ -41,19 +41,27 @@ constexpr int kFileMode = 0666;
 // ---- state, under `lock` ----
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-bool toggling = false;    // the holder of the lock carries out a toggle; written by it alone
-pthread_t toggler;        // who that is
-int file = -1;            // the trace file; -1 while there is no trace
-hooks::hook_set below;    // what the trace stands on
-char buffer[kBufferSize]; // lines on their way to the file
+std::uintptr_t lock_holder = 0; // by thread pointer, 0 for none; written by the holder alone
+int file = -1;                  // the trace file; -1 while there is no trace
+hooks::hook_set below;          // what the trace stands on
+char buffer[kBufferSize];       // lines on their way to the file
 std::size_t buffered = 0;
-bool mtrace_sig = false; // the trace was started by SIGUSR2
+bool mtrace_sig = false;  // the trace was started by SIGUSR2
+bool is_buffering = true; // until the library's end
 
 // Written atomically, without the lock.
 int pending_toggles = 0;
 int requested_by = SIGUSR2; // the signal of the last request
 
-void make_up_for_toggles();
+bool is_lock_holder()
+{
+    return __atomic_load_n(&lock_holder, __ATOMIC_RELAXED) == threads::self();
+}
+
+void note_holder(std::uintptr_t thread)
+{
+    __atomic_store_n(&lock_holder, thread, __ATOMIC_RELAXED);
+}
 
 // ---- lines ----
 
@@ -116,6 +124,8 @@ void put(std::string_view text)
         flush();
     std::memcpy(buffer + buffered, text.data(), text.size());
     buffered += text.size();
+    if (!is_buffering)
+        flush();
 }
 
 // ---- calling what the trace stands on ----
@@ -163,9 +173,14 @@ void *realloc_below(void *ptr, std::size_t size, const void *caller)
 
 class trace_lock {
 public:
-    trace_lock() { pthread_mutex_lock(&lock); }
+    trace_lock()
+    {
+        pthread_mutex_lock(&lock);
+        note_holder(threads::self());
+    }
     ~trace_lock()
     {
+        note_holder(0);
         pthread_mutex_unlock(&lock);
         make_up_for_toggles();
     }
@@ -175,6 +190,8 @@ public:
 
 void *traced_malloc(std::size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::allocate(size);
     line text(caller);
     trace_lock held;
     void *block = malloc_below(size, caller);
@@ -185,6 +202,8 @@ void *traced_malloc(std::size_t size, const void *caller)
 
 void traced_free(void *ptr, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::release(ptr);
     if (ptr == nullptr)
         return;
     line text(caller);
@@ -196,6 +215,8 @@ void traced_free(void *ptr, const void *caller)
 
 void *traced_realloc(void *ptr, std::size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::reallocate(ptr, size);
     line text(caller);
     std::size_t place = text.length();
     auto before = reinterpret_cast<std::uintptr_t>(ptr);
@@ -242,12 +263,13 @@ void stop()
     file = -1;
 }
 
-// mtrace() and muntrace() are called from a toggle too, which has the lock.
+// mtrace() and muntrace() are called from a toggle too, which has the lock, and by hooks that a trace stands on.
 template <typename Change>
 void change_trace(Change change)
 {
-    if (toggling && pthread_equal(toggler, pthread_self()) != 0)
+    if (is_lock_holder())
         return change();
+    hooks::change_scope scope;
     trace_lock held;
     change();
 }
@@ -298,19 +320,22 @@ bool take_request()
     return false;
 }
 
-// Whoever holds the lock comes here after giving it back, so no request is left lying.
-void make_up_for_toggles()
+// False for a lock that is held, perhaps by the thread that a signal interrupted here.
+bool toggle_if_lock_is_free(const char *&said)
 {
-    base::errno_guard keep;
-    while (__atomic_load_n(&pending_toggles, __ATOMIC_SEQ_CST) > 0 && pthread_mutex_trylock(&lock) == 0) {
-        toggler = pthread_self();
-        toggling = true;
-        const char *said = take_request() ? toggle() : nullptr;
-        toggling = false;
-        pthread_mutex_unlock(&lock);
-        if (said != nullptr)
-            console::print_from_handler(said, log_path());
-    }
+    if (pthread_mutex_trylock(&lock) != 0)
+        return false;
+    note_holder(threads::self());
+    if (take_request())
+        said = toggle();
+    note_holder(0);
+    pthread_mutex_unlock(&lock);
+    return true;
+}
+
+bool is_lock_free()
+{
+    return __atomic_load_n(&lock.__data.__lock, __ATOMIC_SEQ_CST) == 0;
 }
 
 } // namespace
@@ -320,40 +345,40 @@ hooks::hook_set own_hooks()
     return {traced_malloc, traced_free, traced_realloc};
 }
 
-// Whether this thread's before_fork() took the lock, for its counterparts.
-constinit thread_local bool taken_for_fork = false;
-
-// The child does not write what the parent has yet to.
-void before_fork()
+// Whoever holds the lock or makes a change comes here after it, so no request stays undone.
+void make_up_for_toggles()
 {
-    taken_for_fork = base::lock_for_fork(lock);
-    if (taken_for_fork && file >= 0)
-        flush();
+    base::errno_guard keep;
+    while (__atomic_load_n(&pending_toggles, __ATOMIC_SEQ_CST) > 0 && hooks::try_begin_change()) {
+        const char *said = nullptr;
+        bool done = toggle_if_lock_is_free(said);
+        hooks::end_change();
+        if (said != nullptr)
+            console::print_from_handler(said, log_path());
+        // A holder that gave the lock back meanwhile found the change in its way.
+        if (!done && !is_lock_free())
+            return;
+    }
 }
 
-void after_fork_in_parent()
-{
-    if (!taken_for_fork)
-        return;
-    pthread_mutex_unlock(&lock);
-    make_up_for_toggles();
-}
-
-// A request that the parent had not got round to stays the parent's.
+// The parent writes the lines that are in the buffer, and carries out the toggles that are pending.
 void after_fork_in_child()
 {
     pending_toggles = 0;
-    if (taken_for_fork)
-        pthread_mutex_unlock(&lock);
+    buffered = 0;
+    if (is_lock_holder())
+        return; // the child goes on and unlocks its copy
+    lock_holder = 0;
+    pthread_mutex_init(&lock, nullptr);
 }
 
-// At exit the lines that are left go out; whoever still allocates goes on with the trace.
+// Libraries that were initialised earlier end later, and free their blocks: from here on each line goes out at once.
 [[gnu::destructor]] void flush_at_exit()
 {
-    pthread_mutex_lock(&lock);
+    trace_lock held;
+    is_buffering = false;
     if (file >= 0)
         flush();
-    pthread_mutex_unlock(&lock);
 }
 
 } // namespace trace_file

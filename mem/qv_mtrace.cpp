@@ -4,6 +4,7 @@
 
 #include "console_print.h"
 #include "mem/block_table.h"
+#include "mem/hook_change.h"
 #include "mem/light_stats.h"
 #include "mem/malloc_hooks.h"
 
@@ -13,6 +14,7 @@
 #include <ctime>
 #include <execinfo.h>
 #include <span>
+#include <unistd.h>
 #include <utility>
 
 static_assert(sizeof(leak_group) == 72 && offsetof(leak_group, trace) == 8);
@@ -48,16 +50,8 @@ std::uint32_t free_by_realloc = 0;
 // Nothing that allocates is called with `mutex` held but the allocator below the hooks.
 class table_lock {
 public:
-    table_lock()
-    {
-        pthread_mutex_lock(&mutex);
-        full::holds_mutex = true;
-    }
-    ~table_lock()
-    {
-        full::holds_mutex = false;
-        pthread_mutex_unlock(&mutex);
-    }
+    table_lock() { pthread_mutex_lock(&mutex); }
+    ~table_lock() { pthread_mutex_unlock(&mutex); }
     table_lock(const table_lock &) = delete;
     table_lock &operator=(const table_lock &) = delete;
 };
@@ -318,7 +312,44 @@ leak_group group_of(const malloc_stat_entry &entry)
 
 namespace full {
 
-std::atomic<bool> holds_mutex = false;
+namespace {
+
+// The forking thread if it holds `mutex`: a caller keeps it, or a signal handler forks. Written by its holder alone.
+std::uintptr_t forks_with_mutex = 0;
+
+bool takes_mutex_to_child()
+{
+    return __atomic_load_n(&forks_with_mutex, __ATOMIC_RELAXED) == threads::self();
+}
+
+} // namespace
+
+void before_fork()
+{
+    if (mutex.__data.__owner == ::gettid())
+        __atomic_store_n(&forks_with_mutex, threads::self(), __ATOMIC_RELAXED);
+}
+
+void after_fork_in_parent()
+{
+    if (takes_mutex_to_child())
+        __atomic_store_n(&forks_with_mutex, 0, __ATOMIC_RELAXED);
+}
+
+void after_fork_in_child()
+{
+    bool mine = takes_mutex_to_child();
+    forks_with_mutex = 0;
+    if (mine) { // the child goes on and unlocks it, and may fork before that
+        mutex.__data.__owner = ::gettid();
+        return;
+    }
+    if (mutex.__data.__lock == 0)
+        return;
+    pthread_mutex_init(&mutex, nullptr); // its holder is not in the child
+    if (malloc_table != nullptr)
+        malloc_count = malloc_table->rebuild();
+}
 
 void *allocate(std::size_t size, const void *caller)
 {
@@ -343,6 +374,8 @@ extern "C" {
 
 void *my_malloc_light_hook(size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::allocate(size);
     void *block = light::allocate(size, caller);
     install_again(kLightHooks);
     return block;
@@ -350,12 +383,16 @@ void *my_malloc_light_hook(size_t size, const void *caller)
 
 void my_free_light_hook(void *ptr, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::release(ptr);
     light::release(ptr, caller);
     install_again(kLightHooks);
 }
 
 void *my_realloc_light_hook(void *ptr, size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::reallocate(ptr, size);
     void *block = light::reallocate(ptr, size, caller);
     install_again(kLightHooks);
     return block;
@@ -363,16 +400,22 @@ void *my_realloc_light_hook(void *ptr, size_t size, const void *caller)
 
 void *my_malloc_hook(size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::allocate(size);
     return traced_malloc(size, caller, chain_here(), install_full_again);
 }
 
 void my_free_hook(void *ptr, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::release(ptr);
     traced_free(ptr, caller, install_full_again);
 }
 
 void *my_realloc_hook(void *ptr, size_t size, const void *caller)
 {
+    if (hooks::is_reentered())
+        return hooks::reallocate(ptr, size);
     return traced_realloc(ptr, size, caller, chain_here(), install_full_again);
 }
 
@@ -385,9 +428,10 @@ int add_malloc_record(size_t size, const void *, void *ptr)
 
 void qv_mtrace_start(void)
 {
+    chain_here(); // loads the unwinder before it is needed, and before anybody waits for this thread
+    hooks::change_scope scope;
     muntrace();
-    chain_here(); // has the unwinder loaded before it is needed
-    // Outside the lock, and so perhaps for nothing.
+    // Outside the lock: malloc() takes it if full tracing is on.
     void *fresh = malloc_table == nullptr ? std::calloc(1, sizeof(full::block_table)) : nullptr;
     {
         table_lock lock;
@@ -403,6 +447,7 @@ void qv_mtrace_start(void)
 
 void qv_mtrace_stop(void)
 {
+    hooks::change_scope scope;
     muntrace();
     table_lock lock;
     hooks::install(hooks::old());

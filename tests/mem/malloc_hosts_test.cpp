@@ -1,16 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
-// Hosts whose malloc() is not the library's.
+// Hosts that need a process of their own: their malloc() is not the library's, or other libraries take part.
 #include "support/support.h"
+
+#include <cstdlib>
 
 using namespace support;
 
 namespace {
 
-std::string said_by(const std::string &host, const std::string &argument = "")
+#define NEEDS_INTERPOSITION()                                                                                          \
+    if (under_sanitizer())                                                                                             \
+    GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator"
+
+ChildResult run_host(std::vector<std::string> arguments, int timeout_ms = 20000)
 {
-    ChildResult result = run_program({build_dir() + "/tests/" + host, argument});
+    arguments[0] = build_dir() + "/tests/" + arguments[0];
+    ChildResult result = run_program(arguments, timeout_ms);
+    EXPECT_FALSE(result.timed_out);
     EXPECT_TRUE(result.exited(0)) << result.status << result.err;
-    return result.out;
+    return result;
+}
+
+std::string said_by(std::vector<std::string> arguments)
+{
+    return run_host(std::move(arguments)).out;
+}
+
+std::string loader_host(const char *mode)
+{
+    return run_host({"loader_host", mode, "2", build_dir() + "/tests/libtls_plugin.so"}, 60000).out;
 }
 
 } // namespace
@@ -19,12 +37,64 @@ TEST(MallocHosts, OneThatLoadsTheLibraryLateIsNotIntercepted)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "a sanitizer's run time must come before the library";
-    EXPECT_EQ(said_by("late_host", build_dir() + "/libcommon.so.1"), "good\n");
+    EXPECT_EQ(said_by({"late_host", build_dir() + "/libcommon.so.1"}), "good\n");
 }
 
 TEST(MallocHosts, OneWithItsOwnAllocatorServesTheLibraryToo)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "the sanitizer has the allocator";
-    EXPECT_EQ(said_by("own_allocator_host"), "good\n");
+    EXPECT_EQ(said_by({"own_allocator_host"}), "good\n");
+}
+
+TEST(MallocHosts, OneUnderTheCLibrarysChecker)
+{
+    NEEDS_INTERPOSITION();
+    for (const char *check : {"0", "3"}) {
+        ::setenv("GLIBC_TUNABLES", (std::string("glibc.malloc.check=") + check).c_str(), 1);
+        ::setenv("LD_PRELOAD", "libc_malloc_debug.so.0", 1);
+        ChildResult result = run_program({build_dir() + "/tests/checked_host"});
+        ::unsetenv("LD_PRELOAD");
+        ::unsetenv("GLIBC_TUNABLES");
+        EXPECT_TRUE(result.exited(0)) << result.status << result.err;
+        EXPECT_EQ(result.out, "good\n");
+    }
+}
+
+// ---- fork handlers and finalisers of a library that was initialised earlier ----
+
+TEST(EarlyLibrary, ItsForkHandlersAllocateUnderFullTracing)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_EQ(said_by({"early_host", "full"}), "good\n");
+}
+
+TEST(EarlyLibrary, ItsForkHandlersAllocateWithATraceFile)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_EQ(said_by({"early_host", "file"}), "good\n");
+}
+
+TEST(EarlyLibrary, WhatItFreesAtItsEndIsInTheTraceFile)
+{
+    NEEDS_INTERPOSITION();
+    run_host({"early_host", "exit"});
+    std::string address;
+    bool freed = false;
+    for (const std::string &line : lines(read_file("/tmp/trace"))) {
+        std::size_t sign = line.find("] + 0x");
+        if (sign != line.npos && line.ends_with(" 0x1234"))
+            address = line.substr(sign + 4, line.find(' ', sign + 4) - sign - 4);
+        freed = freed || (!address.empty() && line.ends_with("] - " + address));
+    }
+    EXPECT_NE(address, "");
+    EXPECT_TRUE(freed) << read_file("/tmp/trace");
+}
+
+// ---- the loader's locks ----
+
+TEST(LoaderThreads, ForksUnderFullTracing)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_EQ(loader_host("full"), "good\n");
 }

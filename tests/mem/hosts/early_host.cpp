@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// A host of a library that is initialised before ours. Prints "good", or a shorter text for what is wrong.
+//   early_host full    forks with full tracing on
+//   early_host file    forks with a trace file on
+//   early_host exit    ends with a trace file on; prints nothing
+#include "early_library.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <qv_mtrace.h>
+#include <string_view>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> stop;
+
+void *allocate_under_the_lock(void *)
+{
+    while (!stop) {
+        pthread_mutex_lock(&early_lock);
+        std::free(std::malloc(50));
+        pthread_mutex_unlock(&early_lock);
+    }
+    return nullptr;
+}
+
+bool child_allocates()
+{
+    pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(10);
+        std::free(std::malloc(30));
+        ::_exit(0);
+    }
+    int status = -1;
+    return child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+} // namespace
+
+int main(int, char **argv)
+{
+    std::string_view mode = argv[1];
+    ::alarm(20);
+    if (mode == "full") {
+        qv_mtrace_start();
+    } else {
+        ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+        mtrace();
+    }
+    early_library_allocate();
+    if (mode == "exit")
+        return 0;
+    if (!child_allocates())
+        return std::puts("alone"), 1;
+
+    pthread_t thread;
+    pthread_create(&thread, nullptr, allocate_under_the_lock, nullptr);
+    bool good = true;
+    for (int i = 0; i < 200 && good; i++)
+        good = child_allocates();
+    stop = true;
+    pthread_join(thread, nullptr);
+    muntrace();
+    qv_mtrace_reset();
+    std::puts(good ? "good" : "with a thread");
+    return 0;
+}
