@@ -319,18 +319,16 @@ void per_tick_call(struct atimer_context *ctx)
 int process_atimer(struct atimer_context *ctx)
 {
     for (;;) {
-        std::uint32_t now = get_time_second();
-        auto behind = static_cast<std::int32_t>(now - ctx->last_second);
+        // Read again after every tick that may have run a callback: it takes time, and the clock may fail or jump in it.
+        auto behind = static_cast<std::int32_t>(get_time_second() - ctx->last_second);
         if (behind < 1)
             return behind;
-        // Until this reading is caught up with; a callback may itself have moved the wheel on.
-        while ((behind = static_cast<std::int32_t>(now - ctx->last_second)) >= 1) {
-            pass(*ctx, idle_ticks(*ctx, static_cast<std::uint32_t>(behind)));
-            if (now == ctx->last_second)
-                break;
-            ctx->last_second++;
-            per_tick_call(ctx);
-        }
+        std::uint32_t idle = idle_ticks(*ctx, static_cast<std::uint32_t>(behind));
+        pass(*ctx, idle);
+        if (idle == static_cast<std::uint32_t>(behind))
+            continue;
+        ctx->last_second++;
+        per_tick_call(ctx);
     }
 }
 }

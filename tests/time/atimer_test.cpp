@@ -19,7 +19,6 @@ namespace {
 
 long now = 1000;
 bool clock_fails = false;
-int clock_reads = 0;
 const std::string kTooMany = "atimer_init: max tick can not be greater than 2^30\n";
 
 std::vector<void *> fired;
@@ -74,7 +73,6 @@ std::pair<int, long> place_of(const Wheel &wheel, const atimer &timer)
 
 extern "C" int clock_gettime(clockid_t, timespec *ts)
 {
-    clock_reads++;
     if (clock_fails)
         return -1;
     *ts = {now, 0};
@@ -187,6 +185,17 @@ TEST(Atimer, CreateSetsItsFields)
     EXPECT_EQ(t->expire, 7u);
     EXPECT_EQ(t->remain, 7u);
     free_atimer(t);
+}
+
+TEST(Atimer, CreateWithoutMemoryGivesNothingAndSaysNothing)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer's allocator cannot be stood in for";
+    allocations_left = 0;
+    atimer *t = create_atimer(7, note, nullptr);
+    allocations_left = -1;
+    EXPECT_EQ(t, nullptr);
+    EXPECT_EQ(read_file(kConsole), "");
 }
 
 TEST(Atimer, InitStopsWhatRuns)
@@ -320,12 +329,23 @@ TEST(Atimer, StopAndAdjust)
     per_tick_call(&wheel);
     adjust_atimer(&wheel, t, 3);
     EXPECT_EQ(wheel.ticks_to_fire(20), 3u);
-    adjust_atimer(nullptr, t, 9);
-    adjust_atimer(&wheel, nullptr, 9);
-    EXPECT_EQ(t->expire, 3u);
     adjust_atimer(&wheel, t, 500);
     EXPECT_EQ(t->bucket, nullptr) << "stopped, and refused";
     EXPECT_EQ(t->expire, 500u);
+    free_atimer(t);
+}
+
+TEST(Atimer, AdjustWithoutAWheelOrATimerDoesNothing)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(5, note, nullptr);
+    adjust_atimer(nullptr, t, 9);
+    EXPECT_EQ(t->expire, 5u);
+    start_atimer(&wheel, t);
+    adjust_atimer(nullptr, t, 9);
+    adjust_atimer(&wheel, nullptr, 9);
+    EXPECT_EQ(t->expire, 5u);
+    EXPECT_EQ(wheel.ticks_to_fire(20), 5u) << "it has run on";
     free_atimer(t);
 }
 
@@ -341,6 +361,33 @@ TEST(Atimer, TimersOfABucketFireInTheOrderOfTheirStarts)
     ASSERT_EQ(fired.size(), 4u);
     for (long i = 0; i < 4; i++)
         EXPECT_EQ(fired[static_cast<std::size_t>(i)], reinterpret_cast<void *>(i));
+    for (atimer *t : timers)
+        free_atimer(t);
+}
+
+TEST(Atimer, ACascadeKeepsTheOrderOfTheStarts)
+{
+    Wheel wheel(2, 4);
+    std::vector<atimer *> timers;
+    auto start = [&](unsigned expire) {
+        auto number = static_cast<long>(timers.size());
+        timers.push_back(create_atimer(expire, note, reinterpret_cast<void *>(number)));
+        start_atimer(&wheel, timers.back());
+        return place_of(wheel, *timers.back());
+    };
+    for (unsigned i = 0; i < 3; i++)
+        EXPECT_EQ(start(20).first, 1);
+    for (int i = 0; i < 10; i++)
+        per_tick_call(&wheel);
+    EXPECT_EQ(start(10).first, 1) << "due on the same tick, and queued after the others";
+    for (int i = 0; i < 6; i++)
+        per_tick_call(&wheel);
+    EXPECT_EQ(start(4), (std::pair<int, long>{0, 4})) << "after the cascade";
+    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    std::vector<void *> wanted;
+    for (long i = 0; i < 5; i++)
+        wanted.push_back(reinterpret_cast<void *>(i));
+    EXPECT_EQ(fired, wanted);
     for (atimer *t : timers)
         free_atimer(t);
 }
@@ -375,6 +422,25 @@ TEST(AtimerCallbacks, MayStopFreeAndStartTimersOfTheSameBucket)
     EXPECT_EQ(wheel.ticks_to_fire(20), 14u);
     for (int i : {1, 3, 4})
         free_atimer(shared[static_cast<std::size_t>(i)]);
+}
+
+TEST(AtimerCallbacks, ACascadeAppendsAfterATimerThatACallbackStarted)
+{
+    Wheel wheel(2, 4);
+    static Wheel *seen;
+    static atimer *started;
+    seen = &wheel;
+    started = create_atimer(2, note, &started);
+    atimer *starter = create_atimer(
+        16, [](void *) { start_atimer(seen, started); }, nullptr);
+    atimer *cascaded = create_atimer(18, note, &wheel);
+    start_atimer(&wheel, starter);
+    start_atimer(&wheel, cascaded);
+    EXPECT_EQ(starter->bucket, cascaded->bucket) << "the first fires and the second moves down in the same tick";
+    EXPECT_EQ(wheel.ticks_to_fire(20), 18u);
+    EXPECT_EQ(fired, (std::vector<void *>{&started, &wheel}));
+    for (atimer *t : {starter, started, cascaded})
+        free_atimer(t);
 }
 
 TEST(AtimerCallbacks, StartingAgainForAFullTurnIsNotFiredAtOnce)
@@ -476,6 +542,45 @@ TEST(AtimerProcess, ACallbackMayDriveTheWheelItself)
     EXPECT_EQ(process_atimer(&wheel), 0);
     EXPECT_EQ(wheel.tick, 50u) << "no second is delivered twice";
     free_atimer(t);
+}
+
+// What the clock does inside a callback is seen by the next tick, not by the next call.
+TEST(AtimerProcess, AClockThatFailsInACallbackEndsTheCall)
+{
+    Wheel wheel(2, 4);
+    atimer *t = create_atimer(
+        3, [](void *) { clock_fails = true; }, nullptr);
+    start_atimer(&wheel, t);
+    now += 10;
+    EXPECT_EQ(process_atimer(&wheel), -1003);
+    EXPECT_EQ(wheel.tick, 3u);
+    EXPECT_EQ(wheel.last_second, 1003u);
+    clock_fails = false;
+    EXPECT_EQ(process_atimer(&wheel), 0) << "the rest of the stall is delivered later";
+    EXPECT_EQ(wheel.tick, 10u);
+    free_atimer(t);
+}
+
+TEST(AtimerProcess, AClockThatJumpsInACallbackIsFollowed)
+{
+    Wheel wheel(2, 4);
+    atimer *forward = create_atimer(
+        3, [](void *) { now += 30; }, nullptr);
+    atimer *back = create_atimer(
+        20, [](void *) { now = 1005; }, nullptr);
+    atimer *late = create_atimer(21, note, nullptr);
+    for (atimer *t : {forward, back, late})
+        start_atimer(&wheel, t);
+    now += 10;
+    fired.clear();
+    EXPECT_EQ(process_atimer(&wheel), 1005 - 1020);
+    EXPECT_EQ(wheel.tick, 20u) << "on to the new time, and no further once the clock is behind";
+    EXPECT_TRUE(fired.empty());
+    now = 1021;
+    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(fired.size(), 1u);
+    for (atimer *t : {forward, back, late})
+        free_atimer(t);
 }
 
 TEST(AtimerProcess, ALongStallOfAnEmptyWheelIsCaughtUpWith)
