@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* stimer.h - one-shot timers in microseconds, sorted by expiry, for a caller's event loop.
  *
- * A context is one pointer in the caller's hands; behind it stands a priority queue (heap.h). A loop asks for the next
- * expiry to size its wait, and then has all timers fired that are due. Time is the monotonic clock (qv_time.h).
+ * A context is one pointer that the caller owns: the handle of a priority queue (heap.h). A loop asks for the next expiry
+ * to size its wait, and then has all timers fired that are due. Time is the monotonic clock (qv_time.h).
  *
  *     void *timers;
  *     stimer_context_init(&timers);
@@ -31,7 +31,7 @@ typedef struct stimer {
     void **ctx;              /* the context that it belongs to */
     int index;               /* its heap position plus one while it runs, else 0 */
     struct timeval interval; /* from start to expiry */
-    struct timeval expire;   /* set by start_stimer() */
+    struct timeval expire;   /* set by start_stimer(); must not change while it runs */
     void (*callback)(void *arg);
     void *arg;
 } stimer;
@@ -39,11 +39,11 @@ typedef struct stimer {
 /** Makes an empty context. @param ctx  the caller's cell @return 0, or -1 when there is no memory */
 QV_API int stimer_context_init(void **ctx);
 
-/** Frees what stands behind a context; its timers are not touched, and must have been stopped or freed before. */
+/** Frees the queue of a context; its timers are not touched, and must have been stopped or freed before. */
 QV_API void stimer_context_fini(void **ctx);
 
 /**
- * Tells when the earliest timer expires.
+ * Reports when the earliest timer expires.
  * @param out  receives the monotonic time; left alone when no timer runs
  * @return 0, or -1 when no timer runs
  */
@@ -80,7 +80,7 @@ QV_API void free_stimer(struct stimer *timer);
 /** 1 when the timer runs, else 0. (The name is spelled so.) */
 QV_API int stimer_isruning(const struct stimer *timer);
 
-/* The callbacks that order the heap: whether a expires strictly before b, and where a timer stands. */
+/* The callbacks of the heap: whether a expires strictly before b, and the position that a timer was given. */
 QV_API int stimer_higher_priority_func(const void *a, const void *b);
 QV_API void stimer_index_func(void *timer, unsigned int position);
 

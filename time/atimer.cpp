@@ -319,7 +319,8 @@ void per_tick_call(struct atimer_context *ctx)
 int process_atimer(struct atimer_context *ctx)
 {
     for (;;) {
-        // Read again after every tick that may have run a callback: it takes time, and the clock may fail or jump in it.
+        // Read again after every tick that may have run a callback: it takes time, and the clock may fail or jump in
+        // it.
         auto behind = static_cast<std::int32_t>(get_time_second() - ctx->last_second);
         if (behind < 1)
             return behind;

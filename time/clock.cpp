@@ -47,9 +47,9 @@ void after_fork_in_child()
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
 
-// At load: a fork that began before the handlers were registered would run without them and could leave the child in the
-// middle of another thread's conversion. After the allocation hooks', so that before a fork it comes first: conversions
-// allocate.
+// At load: a fork that began before the handlers were registered would run without them and could leave the child in
+// the middle of another thread's conversion. After the allocation hooks', so that before a fork it comes first:
+// conversions allocate.
 [[gnu::constructor]] void watch_forks()
 {
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
@@ -65,6 +65,24 @@ int unlock()
 {
     int result = pthread_mutex_unlock(&localtime_mutex);
     inside = false;
+    return result;
+}
+
+// Within the file, since a call of an exported function goes through its table entry. A clock that fails reads 0.
+inline int read_monotonic(timespec &ts)
+{
+    int result = clock_gettime(CLOCK_MONOTONIC, &ts);
+    if (result != 0)
+        ts = {0, 0};
+    return result;
+}
+
+inline int read_monotonic(timeval &tv)
+{
+    timespec now;
+    int result = read_monotonic(now);
+    tv.tv_sec = now.tv_sec;
+    tv.tv_usec = now.tv_nsec / kNanosecondsPerMicrosecond;
     return result;
 }
 
@@ -97,22 +115,18 @@ unsigned int get_time_second(void)
 
 int gettimeofday_qv(struct timeval *tv)
 {
-    timespec now;
-    int result = timeRT(&now);
-    tv->tv_sec = now.tv_sec;
-    tv->tv_usec = now.tv_nsec / kNanosecondsPerMicrosecond;
-    return result;
+    return read_monotonic(*tv);
 }
 
 int qv_gettimeofday(struct timeval *tv)
 {
-    return gettimeofday_qv(tv);
+    return read_monotonic(*tv);
 }
 
 time_t qv_time(time_t *t)
 {
     timespec now;
-    timeRT(&now);
+    read_monotonic(now);
     if (t != nullptr)
         *t = now.tv_sec;
     return now.tv_sec;
@@ -120,10 +134,7 @@ time_t qv_time(time_t *t)
 
 int timeRT(struct timespec *ts)
 {
-    int result = clock_gettime(CLOCK_MONOTONIC, ts);
-    if (result != 0)
-        *ts = {0, 0};
-    return result;
+    return read_monotonic(*ts);
 }
 
 int localtime_safe_lock(void)

@@ -16,6 +16,9 @@
 extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
                                            const char *function) noexcept;
 
+// Only where the loaded heap library has it.
+extern "C" [[gnu::weak]] decltype(__heap_new_keyed) __heap_new_keyed;
+
 namespace {
 
 constexpr const char *kSource = "qv_stimer";
@@ -26,6 +29,17 @@ constexpr long kMicrosecondsPerSecond = 1'000'000;
 static_assert(offsetof(stimer, ctx) == 0 && offsetof(stimer, index) == 8 && offsetof(stimer, interval) == 16);
 static_assert(offsetof(stimer, expire) == 32 && offsetof(stimer, callback) == 48 && offsetof(stimer, arg) == 56);
 static_assert(sizeof(stimer) == 64);
+
+constexpr heap_layout kLayout = {
+    .time_offset = offsetof(stimer, expire), .position_offset = offsetof(stimer, index), .position_bias = 1};
+
+// A heap that evaluates kLayout itself must agree with stimer_higher_priority_func() and stimer_index_func().
+void *new_heap()
+{
+    if (__heap_new_keyed != nullptr)
+        return __heap_new_keyed(stimer_higher_priority_func, stimer_index_func, kInitialHeapSize, &kLayout);
+    return __heap_new(stimer_higher_priority_func, stimer_index_func, kInitialHeapSize);
+}
 
 void report(const char *text, int line = __builtin_LINE())
 {
@@ -57,7 +71,7 @@ extern "C" {
 
 int stimer_context_init(void **ctx)
 {
-    *ctx = __heap_new(stimer_higher_priority_func, stimer_index_func, kInitialHeapSize);
+    *ctx = new_heap();
     if (*ctx != nullptr)
         return 0;
     report("Can not intialize stimer context\n"); // log readers know it misspelt

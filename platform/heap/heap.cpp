@@ -1,26 +1,160 @@
 // SPDX-License-Identifier: Apache-2.0
-// An implicit 4-ary heap of element pointers.
+// An implicit 4-ary heap of element pointers, ordered by a callback or by a time inside the elements.
 //
-// Comparing two elements touches both, and in a large heap each is a cache miss; those misses are what an operation
-// costs. Four children a node halve the depth, and the four are fetched at once while something else is looked at.
+// Comparing two elements by a callback touches both, and in a large heap each is a cache miss; those misses are what an
+// operation costs. Four children a node halve the depth, and the four are fetched at once while something else is read.
+//
+// A keyed heap keeps a 64-bit rank of the element's time beside the pointer, so that a comparison touches the heap's
+// own array only, and stores positions itself. A node's four children share one cache line:
+//
+//     slot    0    1    2     3      4     5     6     7      8 ...
+//           [ -  | -  | -  | root ][ c1  | c2  | c3  | c4  ][ c1's children ...
+//           ^ cache line            ^ cache line             ^ cache line
 #include "heap.h"
+
+#include "base/timeval.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <sys/time.h>
 
 namespace {
 
 constexpr std::size_t kArity = 4;
+constexpr std::size_t kCacheLine = 64;
+constexpr std::size_t kRootSlot = kArity - 1; // puts every group of siblings at a multiple of four slots
 
 struct heap {
+    heap_higher_priority_fn higher_priority = nullptr; // null in a keyed heap
+    heap_set_index_fn set_index = nullptr;
+    heap_layout layout = {};  // of a keyed heap's elements
+    bool ranks_decide = true; // keyed: no two different times in the heap share a rank
+    void *block = nullptr;    // the allocation that holds nodes
+    void *nodes = nullptr;    // in heap order: none comes before its parent. nodes[p - 1] is at position p
+    std::size_t count = 0;
+    std::size_t capacity = 0;
+};
+
+// ---- ranks ----
+//
+// A rank orders as the time does: a smaller time never has the larger rank. Seconds of 43 bits above microseconds of 21
+// bits; both fields keep their ends for what does not fit, so that only there different times share a rank.
+
+constexpr int kMicrosecondBits = 21;
+constexpr std::int64_t kMicrosecondsEnd = (std::int64_t{1} << kMicrosecondBits) - 1;
+constexpr std::int64_t kSecondsOffset = std::int64_t{1} << (62 - kMicrosecondBits + 1);
+
+const timeval &time_of(const void *element, std::size_t offset)
+{
+    return *reinterpret_cast<const timeval *>(static_cast<const char *>(element) + offset);
+}
+
+struct rank {
+    std::uint64_t value;
+    bool exact; // no other time has this value
+};
+
+// The ends of the fields.
+[[gnu::cold, gnu::noinline]] rank shared_rank_of(const timeval &time)
+{
+    if (time.tv_sec <= -kSecondsOffset)
+        return {0, false};
+    if (time.tv_sec >= kSecondsOffset - 1)
+        return {UINT64_MAX, false};
+    std::uint64_t seconds = static_cast<std::uint64_t>(time.tv_sec + kSecondsOffset) << kMicrosecondBits;
+    return {time.tv_usec < 0 ? seconds : seconds + kMicrosecondsEnd, false};
+}
+
+rank rank_of(const timeval &time)
+{
+    // Both fields from 1 on, so that one unsigned comparison each finds what does not fit.
+    std::uint64_t seconds = static_cast<std::uint64_t>(time.tv_sec) + kSecondsOffset;
+    std::uint64_t microseconds = static_cast<std::uint64_t>(time.tv_usec) + 1;
+    if (seconds - 1 >= 2 * kSecondsOffset - 2 || microseconds - 1 >= kMicrosecondsEnd - 1)
+        return shared_rank_of(time);
+    return {(seconds << kMicrosecondBits) + microseconds, true};
+}
+
+// ---- the three orders ----
+//
+// Each names the node it works on, how two of them compare, what placing one entails and what to fetch ahead of a
+// comparison. They hold copies of what they need of the heap, since the compiler takes every store of a position for
+// one that may change it.
+
+struct by_callback {
+    using node = void *;
+    static constexpr bool kCheap = false;
+
     heap_higher_priority_fn higher_priority;
     heap_set_index_fn set_index;
-    void **elements; // in heap order: no element comes before its parent. Position p is elements[p - 1]
-    std::size_t count;
-    std::size_t capacity;
+
+    explicit by_callback(const heap &h) : higher_priority(h.higher_priority), set_index(h.set_index) {}
+
+    bool before(const void *a, const void *b) const { return higher_priority(a, b) != 0; }
+    void placed(node n, std::size_t i) const { set_index(n, static_cast<unsigned>(i + 1)); }
+
+    // The elements of the children.
+    void fetch_ahead(const node *nodes, std::size_t first, std::size_t count) const
+    {
+        std::size_t end = std::min(first + kArity, count);
+        for (std::size_t child = first; child < end; child++)
+            __builtin_prefetch(nodes[child]);
+    }
 };
+
+struct keyed_node {
+    std::uint64_t rank;
+    void *element;
+};
+
+struct by_rank {
+    using node = keyed_node;
+    static constexpr bool kCheap = true;
+
+    std::size_t position_offset;
+    unsigned first_position;
+
+    explicit by_rank(const heap &h)
+        : position_offset(h.layout.position_offset), first_position(1 + h.layout.position_bias)
+    {}
+
+    bool before(const node &a, const node &b) const { return a.rank < b.rank; }
+
+    void placed(const node &n, std::size_t i) const
+    {
+        unsigned position = first_position + static_cast<unsigned>(i);
+        std::memcpy(static_cast<char *>(n.element) + position_offset, &position, sizeof position);
+    }
+
+    // The nodes of the grandchildren, four lines in a row.
+    void fetch_ahead(const node *nodes, std::size_t first, std::size_t count) const
+    {
+        std::size_t grandchild = first * kArity + 1;
+        if (grandchild + kArity * kArity > count)
+            return;
+        for (std::size_t line = 0; line < kArity; line++)
+            __builtin_prefetch(&nodes[grandchild + line * kArity]);
+    }
+};
+
+struct by_time : by_rank {
+    std::size_t time_offset;
+
+    explicit by_time(const heap &h) : by_rank(h), time_offset(h.layout.time_offset) {}
+
+    bool before(const node &a, const node &b) const
+    {
+        if (a.rank != b.rank)
+            return a.rank < b.rank;
+        return base::is_later(time_of(b.element, time_offset), time_of(a.element, time_offset));
+    }
+};
+
+// ---- the heap ----
 
 constexpr std::size_t parent_of(std::size_t i)
 {
@@ -32,94 +166,193 @@ constexpr std::size_t first_child_of(std::size_t i)
     return i * kArity + 1;
 }
 
-void place(heap &h, std::size_t i, void *element)
-{
-    h.elements[i] = element;
-    h.set_index(element, static_cast<unsigned>(i + 1));
-}
+// The first count nodes of a heap while a node enters or leaves.
+template <typename Order>
+class sifter {
+    using node = typename Order::node;
 
-// Moves the hole at i up until element may stand in it; returns where that is.
-std::size_t hole_up(heap &h, std::size_t i, const void *element)
-{
-    while (i > 0 && h.higher_priority(element, h.elements[parent_of(i)]) != 0) {
-        place(h, i, h.elements[parent_of(i)]);
-        i = parent_of(i);
+public:
+    sifter(const heap &h, std::size_t count) : order_(h), nodes_(static_cast<node *>(h.nodes)), count_(count) {}
+
+    // The node takes the last place, or one further up.
+    void insert(node n) { place(hole_up(count_ - 1, n), n); }
+
+    // The node after the last takes the place of the one that leaves, or one further up or down.
+    void remove(std::size_t hole)
+    {
+        if (hole == count_)
+            return;
+        node moved = nodes_[count_];
+        std::size_t found = hole_up(hole, moved);
+        if (found == hole)
+            found = hole_down(hole, moved);
+        place(found, moved);
     }
-    return i;
-}
 
-void prefetch_children(const heap &h, std::size_t i)
-{
-    std::size_t end = std::min(first_child_of(i) + kArity, h.count);
-    for (std::size_t child = first_child_of(i); child < end; child++)
-        __builtin_prefetch(h.elements[child]);
-}
-
-std::size_t earliest_child(const heap &h, std::size_t first)
-{
-    std::size_t end = std::min(first + kArity, h.count);
-    std::size_t best = first;
-    for (std::size_t i = first + 1; i < end; i++) {
-        if (h.higher_priority(h.elements[i], h.elements[best]) != 0)
-            best = i;
+private:
+    void place(std::size_t i, node n)
+    {
+        nodes_[i] = n;
+        order_.placed(n, i);
     }
-    return best;
-}
 
-// Moves the hole at i down to a leaf. What is to fill it was a leaf before and will hardly stay higher up, so comparing
-// with that on the way costs more than moving it up again from there.
-std::size_t hole_down(heap &h, std::size_t i)
-{
-    for (std::size_t first; (first = first_child_of(i)) < h.count;) {
-        std::size_t child = earliest_child(h, first);
-        prefetch_children(h, child);
-        place(h, i, h.elements[child]);
-        i = child;
+    // Moves the hole at i up until n may take it; returns where that is.
+    std::size_t hole_up(std::size_t i, node n)
+    {
+        while (i > 0 && order_.before(n, nodes_[parent_of(i)])) {
+            place(i, nodes_[parent_of(i)]);
+            i = parent_of(i);
+        }
+        return i;
     }
-    return i;
+
+    // The outcome is as good as random, so it must not become a branch: it selects the bits of the difference.
+    std::size_t earlier(std::size_t a, std::size_t b) const
+    {
+        std::size_t mask = 0 - std::size_t{order_.before(nodes_[b], nodes_[a])};
+        return a + ((b - a) & mask);
+    }
+
+    std::size_t earliest_child(std::size_t first) const
+    {
+        if (first + kArity <= count_)
+            return earlier(earlier(first, first + 1), earlier(first + 2, first + 3));
+        std::size_t best = first;
+        for (std::size_t i = first + 1; i < count_; i++)
+            best = earlier(best, i);
+        return best;
+    }
+
+    // Moves the hole at i down until n may take it; returns where that is. n was a leaf and usually belongs near the
+    // bottom: where comparisons are calls, going down to a leaf first and then up takes fewer of them.
+    std::size_t hole_down(std::size_t i, node n)
+    {
+        order_.fetch_ahead(nodes_, first_child_of(i), count_);
+        for (std::size_t first; (first = first_child_of(i)) < count_;) {
+            std::size_t child = earliest_child(first);
+            if (Order::kCheap && !order_.before(nodes_[child], n))
+                return i;
+            order_.fetch_ahead(nodes_, first_child_of(child), count_);
+            place(i, nodes_[child]);
+            i = child;
+        }
+        return Order::kCheap ? i : hole_up(i, n);
+    }
+
+    Order order_;
+    node *nodes_;
+    std::size_t count_;
+};
+
+// By themselves, so that none pays for the registers of the others.
+template <typename Order>
+[[gnu::noinline]] int insert(const heap &h, std::size_t count, typename Order::node n)
+{
+    sifter<Order>(h, count).insert(n);
+    return 0;
 }
 
-bool make_room(heap &h)
+template <typename Order>
+[[gnu::noinline]] int remove(const heap &h, std::size_t count, std::size_t hole)
 {
-    if (h.count < h.capacity)
-        return true;
+    sifter<Order>(h, count).remove(hole);
+    return 0;
+}
+
+// ---- memory ----
+
+std::size_t node_size(const heap &h)
+{
+    return h.higher_priority != nullptr ? sizeof(by_callback::node) : sizeof(keyed_node);
+}
+
+std::size_t block_size(const heap &h, std::size_t capacity)
+{
+    return kCacheLine - 1 + (kRootSlot + capacity) * node_size(h);
+}
+
+std::size_t root_offset(const heap &h, const void *block)
+{
+    return (0 - reinterpret_cast<std::uintptr_t>(block)) % kCacheLine + kRootSlot * node_size(h);
+}
+
+void adopt_block(heap &h, void *block, std::size_t capacity)
+{
+    h.block = block;
+    h.nodes = static_cast<char *>(block) + root_offset(h, block);
+    h.capacity = capacity;
+}
+
+[[gnu::noinline]] bool grow(heap &h)
+{
     if (h.count >= UINT_MAX) // positions would no longer fit
         return false;
     std::size_t capacity = h.capacity * 2;
-    auto *grown = static_cast<void **>(std::realloc(h.elements, capacity * sizeof(void *)));
+    std::size_t root_before = root_offset(h, h.block);
+    void *grown = std::realloc(h.block, block_size(h, capacity));
     if (grown == nullptr)
         return false;
-    h.elements = grown;
-    h.capacity = capacity;
+    adopt_block(h, grown, capacity);
+    // The new block may begin elsewhere in its cache line.
+    std::memmove(h.nodes, static_cast<char *>(grown) + root_before, h.count * node_size(h));
     return true;
+}
+
+void *make_heap(const heap &empty, unsigned initial_size)
+{
+    std::size_t capacity = std::max(initial_size, 1U);
+    auto *h = static_cast<heap *>(std::malloc(sizeof(heap)));
+    void *block = std::malloc(block_size(empty, capacity));
+    if (h == nullptr || block == nullptr) {
+        std::free(h);
+        std::free(block);
+        return nullptr;
+    }
+    *h = empty;
+    adopt_block(*h, block, capacity);
+    return h;
 }
 
 } // namespace
 
 extern "C" {
 
+// This library's five functions, whatever the process binds their names to.
+[[gnu::alias("__heap_new"), gnu::visibility("hidden")]] decltype(__heap_new) own_new;
+[[gnu::alias("__heap_insert"), gnu::visibility("hidden")]] decltype(__heap_insert) own_insert;
+[[gnu::alias("__heap_delete"), gnu::visibility("hidden")]] decltype(__heap_delete) own_delete;
+[[gnu::alias("__heap_element"), gnu::visibility("hidden")]] decltype(__heap_element) own_element;
+[[gnu::alias("__heap_free"), gnu::visibility("hidden")]] decltype(__heap_free) own_free;
+
 void *__heap_new(heap_higher_priority_fn higher_priority, heap_set_index_fn set_index, unsigned int initial_size)
 {
-    std::size_t capacity = std::max(initial_size, 1U);
-    auto *h = static_cast<heap *>(std::malloc(sizeof(heap)));
-    auto *elements = static_cast<void **>(std::malloc(capacity * sizeof(void *)));
-    if (h == nullptr || elements == nullptr) {
-        std::free(h);
-        std::free(elements);
-        return nullptr;
-    }
-    *h = {higher_priority, set_index, elements, 0, capacity};
-    return h;
+    return make_heap({.higher_priority = higher_priority, .set_index = set_index}, initial_size);
+}
+
+void *__heap_new_keyed(heap_higher_priority_fn higher_priority, heap_set_index_fn set_index, unsigned int initial_size,
+                       const struct heap_layout *layout)
+{
+    // A program may define some of the five itself, to watch or to replace them. They must see what they expect.
+    bool replaced = __heap_new != own_new || __heap_insert != own_insert || __heap_delete != own_delete ||
+                    __heap_element != own_element || __heap_free != own_free;
+    if (replaced)
+        return __heap_new(higher_priority, set_index, initial_size);
+    return make_heap({.layout = *layout}, initial_size);
 }
 
 int __heap_insert(void *handle, void *element)
 {
     auto *h = static_cast<heap *>(handle);
-    if (h == nullptr || !make_room(*h))
+    if (h == nullptr || (h->count == h->capacity && !grow(*h)))
         return -1;
-    std::size_t last = h->count++;
-    place(*h, hole_up(*h, last, element), element);
-    return 0;
+    std::size_t count = ++h->count;
+    if (h->higher_priority != nullptr)
+        return insert<by_callback>(*h, count, element);
+    rank r = rank_of(time_of(element, h->layout.time_offset));
+    h->ranks_decide = r.exact && (h->ranks_decide || count == 1);
+    if (h->ranks_decide)
+        return insert<by_rank>(*h, count, {r.value, element});
+    return insert<by_time>(*h, count, {r.value, element});
 }
 
 int __heap_delete(void *handle, unsigned int position)
@@ -127,16 +360,12 @@ int __heap_delete(void *handle, unsigned int position)
     auto *h = static_cast<heap *>(handle);
     if (h == nullptr || position == 0 || position > h->count)
         return -1;
-    std::size_t hole = position - 1;
-    void *moved = h->elements[--h->count];
-    if (hole == h->count)
-        return 0;
-    prefetch_children(*h, hole);
-    std::size_t found = hole_up(*h, hole, moved);
-    if (found == hole)
-        found = hole_up(*h, hole_down(*h, hole), moved);
-    place(*h, found, moved);
-    return 0;
+    std::size_t count = --h->count;
+    if (h->higher_priority != nullptr)
+        return remove<by_callback>(*h, count, position - 1);
+    if (h->ranks_decide)
+        return remove<by_rank>(*h, count, position - 1);
+    return remove<by_time>(*h, count, position - 1);
 }
 
 void *__heap_element(void *handle, unsigned int position)
@@ -144,7 +373,10 @@ void *__heap_element(void *handle, unsigned int position)
     auto *h = static_cast<heap *>(handle);
     if (h == nullptr || position > h->count || h->count == 0)
         return nullptr;
-    return h->elements[position == 0 ? 0 : position - 1];
+    std::size_t i = position == 0 ? 0 : position - 1;
+    if (h->higher_priority != nullptr)
+        return static_cast<by_callback::node *>(h->nodes)[i];
+    return static_cast<keyed_node *>(h->nodes)[i].element;
 }
 
 void __heap_free(void *handle)
@@ -152,7 +384,7 @@ void __heap_free(void *handle)
     auto *h = static_cast<heap *>(handle);
     if (h == nullptr)
         return;
-    std::free(h->elements);
+    std::free(h->block);
     std::free(h);
 }
 }

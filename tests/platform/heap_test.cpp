@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The contract of the heap library, as heap.h tells it.
+// The contract of the heap library, as heap.h states it.
 #include "heap.h"
 
 #include "support/support.h"
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <random>
 #include <set>
+#include <utility>
 
 using namespace support;
 
@@ -188,5 +190,149 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
                     ASSERT_EQ(heap.at(e->position), e);
             }
         }
+    }
+}
+
+// ---- heaps that know the key ----
+
+namespace {
+
+struct Timed {
+    char before = 0;
+    int position = -1; // plus 1
+    timeval time = {};
+};
+
+int timed_before(const void *a, const void *b)
+{
+    auto key = [](const void *t) {
+        const timeval &time = static_cast<const Timed *>(t)->time;
+        return std::pair(time.tv_sec, time.tv_usec);
+    };
+    return key(a) < key(b) ? 1 : 0;
+}
+
+int told = 0;
+
+void timed_tell(void *t, unsigned position)
+{
+    told++;
+    static_cast<Timed *>(t)->position = static_cast<int>(position + 1);
+}
+
+constexpr heap_layout kTimedLayout = {offsetof(Timed, time), offsetof(Timed, position), 1};
+
+struct KeyedHeap {
+    void *handle = __heap_new_keyed(timed_before, timed_tell, 16, &kTimedLayout);
+    ~KeyedHeap() { __heap_free(handle); }
+    Timed *at(unsigned position) { return static_cast<Timed *>(__heap_element(handle, position)); }
+    bool holds(Timed &t) { return at(static_cast<unsigned>(t.position - 1)) == &t; }
+};
+
+} // namespace
+
+TEST(KeyedHeap, OrdersAndStoresPositionsWithoutACall)
+{
+    KeyedHeap heap;
+    Timed five, three, four;
+    five.time = {5, 0};
+    three.time = {3, 999999};
+    four.time = {4, -1};
+    for (Timed *t : {&five, &three, &four})
+        EXPECT_EQ(__heap_insert(heap.handle, t), 0);
+    EXPECT_EQ(heap.at(0), &three);
+    EXPECT_EQ(heap.at(1), &three);
+    EXPECT_EQ(three.position, 2);
+    EXPECT_EQ(__heap_delete(heap.handle, 1), 0);
+    EXPECT_EQ(heap.at(1), &four);
+    EXPECT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(five.position - 1)), 0);
+    EXPECT_EQ(__heap_delete(heap.handle, 2), -1);
+    EXPECT_EQ(heap.at(1), &four);
+    EXPECT_EQ(told, 0);
+}
+
+TEST(KeyedHeap, AnswersLikeTheOther)
+{
+    KeyedHeap heap;
+    for (unsigned position : {0u, 1u, 2u, UINT_MAX}) {
+        EXPECT_EQ(heap.at(position), nullptr);
+        EXPECT_LT(__heap_delete(heap.handle, position), 0);
+    }
+    Timed one;
+    EXPECT_EQ(__heap_insert(heap.handle, &one), 0);
+    for (unsigned position : {0u, 2u, UINT_MAX})
+        EXPECT_LT(__heap_delete(heap.handle, position), 0) << position;
+    EXPECT_EQ(heap.at(2), nullptr);
+}
+
+TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
+{
+    void *handle = __heap_new_keyed(timed_before, timed_tell, 0, &kTimedLayout);
+    Timed first, second;
+    first.time = {2, 0};
+    second.time = {1, 0};
+    EXPECT_EQ(__heap_insert(handle, &first), 0);
+    no_memory = true;
+    EXPECT_LT(__heap_insert(handle, &second), 0);
+    no_memory = false;
+    EXPECT_EQ(second.position, -1);
+    EXPECT_EQ(__heap_element(handle, 1), &first);
+    EXPECT_EQ(__heap_insert(handle, &second), 0);
+    EXPECT_EQ(__heap_element(handle, 1), &second);
+    __heap_free(handle);
+}
+
+// Times that are no times, all mixed: the order is exact at the ends of the range and between neighbours everywhere.
+TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
+{
+    constexpr long kSeconds[] = {
+        LONG_MIN,   LONG_MIN + 1,   -(1L << 43),    -(1L << 42) - 1, -(1L << 42), -(1L << 42) + 1, -1,      0, 1, 1000,
+        (1L << 41), (1L << 42) - 3, (1L << 42) - 2, (1L << 42) - 1,  1L << 42,    LONG_MAX - 1,    LONG_MAX};
+    constexpr long kMicroseconds[] = {
+        LONG_MIN,       -2,       -1,       0,       1, 999999, 1000000, (1L << 21) - 4, (1L << 21) - 3,
+        (1L << 21) - 2, 1L << 21, 1L << 22, LONG_MAX};
+    for (unsigned seed = 1; seed <= 6; seed++) {
+        std::mt19937 random(seed);
+        KeyedHeap heap;
+        std::vector<Timed> elements(seed * 60);
+        std::vector<Timed *> in, out;
+        for (Timed &t : elements)
+            out.push_back(&t);
+        auto some_time = [&](std::size_t step) -> timeval {
+            if (seed % 2 == 0 || step / 2000 % 2 == 0) // ordinary ones, with the odd one between
+                return {static_cast<long>(random() % 20), static_cast<long>(random() % 20)};
+            return {kSeconds[random() % std::size(kSeconds)], kMicroseconds[random() % std::size(kMicroseconds)]};
+        };
+        auto earlier = [](const Timed *a, const Timed *b) { return timed_before(a, b) != 0; };
+        for (std::size_t step = 0; step < effort(60000); step++) {
+            // Mostly filling, mostly emptying, in turns.
+            bool filling = random() % 16 < (step / 1000 % 2 == 0 ? 12U : 4U);
+            if (in.empty() || (!out.empty() && filling)) {
+                std::swap(out[random() % out.size()], out.back());
+                Timed *t = out.back();
+                out.pop_back();
+                t->time = some_time(step);
+                ASSERT_EQ(__heap_insert(heap.handle, t), 0);
+                in.push_back(t);
+            } else {
+                std::size_t which = random() % in.size();
+                if (random() % 2 == 0)
+                    which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
+                ASSERT_TRUE(heap.holds(*in[which]));
+                ASSERT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(in[which]->position - 1)), 0);
+                out.push_back(in[which]);
+                in[which] = in.back();
+                in.pop_back();
+            }
+            ASSERT_EQ(heap.at(1) == nullptr, in.empty());
+            if (!in.empty()) {
+                ASSERT_FALSE(earlier(*std::min_element(in.begin(), in.end(), earlier), heap.at(1)));
+            }
+            if (step % 1000 == 0) {
+                for (Timed *t : in)
+                    ASSERT_TRUE(heap.holds(*t));
+            }
+        }
+        ASSERT_EQ(told, 0);
     }
 }

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <random>
 #include <vector>
 
@@ -125,6 +126,14 @@ TEST(TimersMemory, FailuresAreReported)
               }),
               "Can not allocate stimer\n");
     stimer_context_fini(&good);
+}
+
+// The cases run once with the library of this tree and once with one that has only the stated functions.
+TEST(TimersContext, TheHeapLibraryIsTheOneToTest)
+{
+    const char *path = std::getenv("LD_LIBRARY_PATH");
+    bool plain = path != nullptr && std::strstr(path, "plain_heap") != nullptr;
+    EXPECT_EQ(::dlsym(RTLD_DEFAULT, "__heap_new_keyed") == nullptr, plain);
 }
 
 // ---- starting and stopping ----
