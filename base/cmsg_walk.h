@@ -22,12 +22,34 @@ struct cmsg_header {
 };
 static_assert(sizeof(cmsg_header) == 16);
 
+// What a message of this length takes with its padding.
+constexpr std::uint64_t padded_cmsg(std::uint64_t length)
+{
+    return (length + 7) & ~std::uint64_t{7};
+}
+
+// Writes a message of one T at the start of out; returns the bytes that it takes with its padding.
+template <typename T>
+std::size_t put_cmsg(unsigned char *out, int level, int type, const T &data)
+{
+    cmsg_header header = {sizeof header + sizeof data, level, type};
+    std::memcpy(out, &header, sizeof header);
+    std::memcpy(out + sizeof header, &data, sizeof data);
+    return padded_cmsg(header.length);
+}
+
 // Messages in buffer[0, used), which may be less than the buffer's capacity.
 class cmsg_walk {
 public:
-    cmsg_walk(const void *buffer, std::size_t used, std::size_t capacity)
+    // What a further message must fit into the buffer with to be stepped to.
+    enum class fit {
+        padded, // its length and its padding; what receivers in programs require
+        header, // its header: the caller looks at every length, as the kernel does with what a program sends
+    };
+
+    cmsg_walk(const void *buffer, std::size_t used, std::size_t capacity, fit required = fit::padded)
         : buffer_(static_cast<const unsigned char *>(buffer)), end_(buffer == nullptr ? 0 : std::min(used, capacity)),
-          capacity_(capacity)
+          capacity_(capacity), required_(required)
     {
         read_header();
     }
@@ -56,8 +78,7 @@ public:
         return value;
     }
 
-    // The next message must have room for its header, and the length that it claims must fit too, padding included. A
-    // current length below that of a header ends the walk: there is no telling where the next one would start.
+    // A current length below that of a header ends the walk: there is no telling where the next one would start.
     void next()
     {
         std::uint64_t left = end_ - at_;
@@ -65,15 +86,14 @@ public:
             at_ = end_;
             return;
         }
-        at_ += std::min<std::uint64_t>(padded(header_.length), left);
+        at_ += std::min<std::uint64_t>(padded_cmsg(header_.length), left);
         read_header();
-        if (*this && (header_.length > end_ - at_ || padded(header_.length) > end_ - at_))
+        if (required_ == fit::padded && *this &&
+            (header_.length > end_ - at_ || padded_cmsg(header_.length) > end_ - at_))
             at_ = end_;
     }
 
 private:
-    static std::uint64_t padded(std::uint64_t length) { return (length + 7) & ~std::uint64_t{7}; }
-
     void read_header()
     {
         if (*this)
@@ -83,6 +103,7 @@ private:
     const unsigned char *buffer_;
     std::size_t end_;
     std::size_t capacity_;
+    fit required_;
     std::size_t at_ = 0;
     cmsg_header header_{};
 };

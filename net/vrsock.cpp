@@ -19,11 +19,6 @@ constexpr std::size_t kVrControlSize = 80;      // of the receive calls that onl
 constexpr std::size_t kPacketControlSize = 256; // of those that want the destination too
 constexpr int kLeastToLength = 8;               // a caller with less room for the destination declines it
 
-constexpr std::size_t padded(std::size_t length)
-{
-    return (length + 7) & ~std::size_t{7};
-}
-
 struct ipv4 {
     using address = sockaddr_in;
     using packet_info = in_pktinfo;
@@ -110,16 +105,6 @@ int get_vr(int fd, int *vrid)
 
 // ---- sending ----
 
-// Writes one control message at the start of out; returns the bytes that it takes with its padding.
-template <typename T>
-std::size_t put_message(unsigned char *out, int level, int type, const T &data)
-{
-    base::cmsg_header header = {kHeader + sizeof data, level, type};
-    std::memcpy(out, &header, sizeof header);
-    std::memcpy(out + sizeof header, &data, sizeof data);
-    return padded(kHeader + sizeof data);
-}
-
 int send_with(int fd, const void *buf, std::size_t len, int flags, const sockaddr *to, socklen_t tolen, void *control,
               std::size_t control_size)
 {
@@ -139,8 +124,8 @@ template <typename Ip>
 int send_in_vr(int fd, const void *buf, std::size_t len, int flags, const sockaddr *to, socklen_t tolen,
                std::uint32_t vrid)
 {
-    alignas(base::cmsg_header) unsigned char control[padded(kVrMessageLength)]{};
-    put_message(control, Ip::kLevel, Ip::kSetVr, vrid);
+    alignas(base::cmsg_header) unsigned char control[base::padded_cmsg(kVrMessageLength)]{};
+    base::put_cmsg(control, Ip::kLevel, Ip::kSetVr, vrid);
     return send_with(fd, buf, len, flags, to, tolen, control, sizeof control);
 }
 
@@ -149,9 +134,10 @@ int send_through(int fd, const void *buf, std::size_t len, int flags, const sock
                  const typename Ip::address *from, socklen_t tolen, int ifindex, std::uint32_t vrid)
 {
     constexpr std::size_t kInfoLength = kHeader + sizeof(typename Ip::packet_info);
-    alignas(base::cmsg_header) unsigned char control[padded(kVrMessageLength) + padded(kInfoLength)]{};
-    std::size_t at = put_message(control, Ip::kLevel, Ip::kSetVr, vrid);
-    put_message(control + at, Ip::kLevel, Ip::kPacketInfo, Ip::make_info(from, ifindex));
+    alignas(base::cmsg_header) unsigned char
+        control[base::padded_cmsg(kVrMessageLength) + base::padded_cmsg(kInfoLength)]{};
+    std::size_t at = base::put_cmsg(control, Ip::kLevel, Ip::kSetVr, vrid);
+    base::put_cmsg(control + at, Ip::kLevel, Ip::kPacketInfo, Ip::make_info(from, ifindex));
     return send_with(fd, buf, len, flags, to, tolen, control, sizeof control);
 }
 
