@@ -8,6 +8,7 @@
 // Entries may refer to later ones, so the file is read twice: once for the entries, once for what they refer to.
 #include "config.h"
 
+#include "base/unique_fd.h"
 #include "tables.h"
 
 #include <cerrno>
@@ -16,13 +17,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
+#include <fcntl.h>
 
 namespace vrkernel {
 
 namespace {
 
 constexpr std::size_t kLineSize = 512;
+constexpr std::size_t kFileSize = 4 << 20; // more than all tables with the longest lines; a larger file is no such file
 constexpr const char *kBlanks = " \t\r\n";
 constexpr unsigned kIdMax = USHRT_MAX;
 
@@ -77,12 +79,8 @@ private:
     {
         char line[kLineSize];
         line_ = 0;
-        while (std::fgets(line, sizeof line, file) != nullptr) {
-            line_++;
-            if (std::strchr(line, '\n') == nullptr && std::strlen(line) == sizeof line - 1) {
-                mistake("line too long, at most %zu characters", sizeof line - 2);
-                return false;
-            }
+        read_ = 0;
+        while (read_line(file, line)) {
             line[std::strcspn(line, "#")] = '\0';
             entry e{};
             if (parse(line, e))
@@ -90,7 +88,27 @@ private:
         }
         if (std::ferror(file) != 0)
             mistake("%s", std::strerror(errno));
-        return true;
+        return std::feof(file) != 0;
+    }
+
+    // False at the end, and after a mistake that makes the rest meaningless.
+    bool read_line(std::FILE *file, char (&line)[kLineSize])
+    {
+        std::size_t length = 0;
+        int c = std::getc(file);
+        if (c == EOF)
+            return false;
+        line_++;
+        for (; c != EOF && c != '\n'; c = std::getc(file)) {
+            if (c == '\0')
+                return mistake("zero byte in the line");
+            if (length == sizeof line - 2)
+                return mistake("line too long, at most %zu characters", sizeof line - 2);
+            line[length++] = static_cast<char>(c);
+        }
+        line[length] = '\0';
+        read_ += length + 1;
+        return read_ <= kFileSize || mistake("file too long, at most %zu bytes", kFileSize);
     }
 
     // False for an empty line and after a mistake.
@@ -224,6 +242,15 @@ private:
             if ((e.given & set_of(a)) != 0 && into_.find_vr(e.values[a]) == nullptr)
                 mistake("there is no VR %u", e.values[a]);
         }
+        if (e.kind == kInterfaceKind)
+            check_interfaces_vr(e);
+    }
+
+    void check_interfaces_vr(const entry &e)
+    {
+        const vr *one = into_.find_vr(e.values[kVr]);
+        if (one != nullptr && !may_hold(*one, e.values[kVsys]))
+            mistake("VR %u belongs to vsys %u and is not shared", e.values[kVr], one->vsys);
     }
 
     // Always false, for the caller to hand on.
@@ -242,6 +269,7 @@ private:
     const char *config_;
     tables &into_;
     unsigned line_ = 0;
+    std::size_t read_ = 0; // bytes of this pass
     unsigned mistakes_ = 0;
 };
 
@@ -249,11 +277,13 @@ private:
 
 bool read_config(const char *config, int fd, tables &into)
 {
-    std::FILE *file = ::fdopen(::dup(fd), "r");
+    base::unique_fd own(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    std::FILE *file = ::fdopen(own.get(), "r");
     if (file == nullptr) {
         std::fprintf(stderr, "vrkernel: %s: %s\n", config, std::strerror(errno));
         return false;
     }
+    own.release();
     bool good = reader(config, into).read(file);
     std::fclose(file);
     return good;

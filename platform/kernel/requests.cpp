@@ -207,13 +207,21 @@ int take_interface_request(tables &all, unsigned long request, record r)
         return 0;
     }
     auto id = r.get<std::uint32_t>(kIfVrId);
-    if (all.find_vr(id) == nullptr)
+    const vr *to = all.find_vr(id);
+    if (to == nullptr)
         return ENOENT;
+    if (!may_hold(*to, one->vsys))
+        return EINVAL;
     one->vr = id;
     return 0;
 }
 
 } // namespace
+
+bool is_known(unsigned long request)
+{
+    return request == kPrivateChannel || request == kGetIfVr || request == kSetIfVr;
+}
 
 bool is_ours(unsigned long request, const void *argument)
 {

@@ -7,7 +7,9 @@ namespace vrkernel {
 
 struct tables;
 
-// Whether this request is one of ours: the interface requests, and the private channel when it names our device.
+// Whether a request on a socket may be one of ours, and whether it is one with this argument: the interface requests,
+// and the private channel when it names our device.
+bool is_known(unsigned long request);
 bool is_ours(unsigned long request, const void *argument);
 
 // Answers it: 0 or an errno value. ENODEV: no such interface; ENOENT: no such VR or vsys; EOPNOTSUPP: no such command;

@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <span>
 #include <sys/file.h>
@@ -18,8 +20,10 @@ namespace vrkernel {
 
 namespace {
 
-constexpr std::uint32_t kLayout = 0x56524B01; // the last byte counts the layouts
+constexpr std::uint32_t kLayout = 0x56524B02; // the last byte counts the layouts
 
+constexpr const char *kFolder = "/dev/shm"; // where shm_open() puts them
+constexpr const char *kPrefix = "vrkernel.";
 using segment_name = char[64];
 
 void complain(const char *config)
@@ -30,8 +34,19 @@ void complain(const char *config)
 // The configuration file, open and locked: attaching and forgetting happen one at a time.
 base::unique_fd open_locked(const char *config, struct stat &st)
 {
-    base::unique_fd file(::open(config, O_RDONLY | O_CLOEXEC));
-    if (!file || ::flock(file.get(), LOCK_EX) < 0 || ::fstat(file.get(), &st) < 0) {
+    base::unique_fd file(::open(config, O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe must not make us wait
+    if (!file || ::fstat(file.get(), &st) < 0) {
+        complain(config);
+        return {};
+    }
+    if (!S_ISREG(st.st_mode)) { // which may never end
+        std::fprintf(stderr, "vrkernel: %s: not a regular file\n", config);
+        return {};
+    }
+    int locked;
+    while ((locked = ::flock(file.get(), LOCK_EX)) < 0 && errno == EINTR)
+        ;
+    if (locked < 0 || ::fstat(file.get(), &st) < 0) { // it may have changed meanwhile
         complain(config);
         return {};
     }
@@ -40,8 +55,16 @@ base::unique_fd open_locked(const char *config, struct stat &st)
 
 void name_segment(const struct stat &st, segment_name &name)
 {
-    std::snprintf(name, sizeof name, "/vrkernel.%u.%llx.%llx", ::getuid(), static_cast<unsigned long long>(st.st_dev),
+    std::snprintf(name, sizeof name, "/%s%u.%llx.%llx", kPrefix, ::getuid(), static_cast<unsigned long long>(st.st_dev),
                   static_cast<unsigned long long>(st.st_ino));
+}
+
+origin origin_of(const char *config, const struct stat &st)
+{
+    origin from = {kLayout, st.st_size, st.st_mtim, st.st_dev, st.st_ino, {}};
+    if (::realpath(config, from.path) == nullptr)
+        from.path[0] = '\0';
+    return from;
 }
 
 tables *map(const base::unique_fd &memory)
@@ -50,21 +73,29 @@ tables *map(const base::unique_fd &memory)
     return at != MAP_FAILED ? static_cast<tables *>(at) : nullptr;
 }
 
-// The tables that an earlier process made from the same file.
-tables *open_segment(const segment_name &name, const origin &from)
+// A segment of this user's that has the size of tables, or none.
+tables *map_segment(const char *name)
 {
     base::unique_fd memory(::shm_open(name, O_RDWR, 0));
     struct stat st {};
     if (!memory || ::fstat(memory.get(), &st) < 0 || st.st_uid != ::getuid() ||
         st.st_size != static_cast<off_t>(sizeof(tables)))
         return nullptr;
-    tables *found = map(memory);
+    return map(memory);
+}
+
+// The tables that an earlier process made from the same file.
+tables *open_segment(const segment_name &name, const origin &from)
+{
+    tables *found = map_segment(name);
     if (found == nullptr)
         return nullptr;
-    const origin &was = found->from;
+    origin &was = found->from;
     if (was.layout == from.layout && was.size == from.size && was.changed.tv_sec == from.changed.tv_sec &&
-        was.changed.tv_nsec == from.changed.tv_nsec)
+        was.changed.tv_nsec == from.changed.tv_nsec) {
+        std::memcpy(was.path, from.path, sizeof was.path);
         return found;
+    }
     ::munmap(found, sizeof(tables));
     return nullptr;
 }
@@ -85,6 +116,36 @@ tables *make_segment(const char *config, const base::unique_fd &file, const segm
     }
     fresh->from = from; // last: tables half made are nobody's
     return fresh;
+}
+
+// Whether a segment's file is not at its path any more.
+bool is_orphan(const origin &was)
+{
+    struct stat st {};
+    if (was.layout != kLayout || ::strnlen(was.path, sizeof was.path) == sizeof was.path || was.path[0] != '/')
+        return false;
+    if (::stat(was.path, &st) < 0)
+        return errno == ENOENT || errno == ENOTDIR;
+    return st.st_dev != was.device || st.st_ino != was.inode;
+}
+
+// Editors put a new file in the place of the old one, whose segment nobody would find again.
+void remove_orphans()
+{
+    DIR *folder = ::opendir(kFolder);
+    if (folder == nullptr)
+        return;
+    while (const dirent *one = ::readdir(folder)) {
+        if (std::strncmp(one->d_name, kPrefix, std::strlen(kPrefix)) != 0)
+            continue;
+        tables *found = map_segment(one->d_name);
+        if (found == nullptr)
+            continue;
+        if (is_orphan(found->from))
+            ::shm_unlink(one->d_name);
+        ::munmap(found, sizeof(tables));
+    }
+    ::closedir(folder);
 }
 
 } // namespace
@@ -147,7 +208,7 @@ tables *attach(const char *config)
         return nullptr;
     segment_name name;
     name_segment(st, name);
-    origin from = {kLayout, st.st_size, st.st_mtim};
+    origin from = origin_of(config, st);
     tables *found = open_segment(name, from);
     return found != nullptr ? found : make_segment(config, file, name, from);
 }
@@ -160,6 +221,7 @@ bool forget(const char *config)
         return false;
     segment_name name;
     name_segment(st, name);
+    remove_orphans();
     return ::shm_unlink(name) == 0 || errno == ENOENT;
 }
 

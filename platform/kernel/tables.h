@@ -11,6 +11,7 @@
 #include "vrsock.h"
 
 #include <atomic>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -48,11 +49,20 @@ struct interface {
     std::atomic<std::uint64_t> mac;        // its bytes in their order in memory
 };
 
+// Whether an interface of a vsys may be in a VR: one of its vsys, or one that is shared.
+inline bool may_hold(const vr &one, unsigned vsys)
+{
+    return one.vsys == vsys || (one.flags & vr_abi::kShared) != 0;
+}
+
 // The file that tables were read from, as it was then.
 struct origin {
     std::uint32_t layout; // of this record and the tables; another one is not ours
     std::int64_t size;
     timespec changed;
+    std::uint64_t device;
+    std::uint64_t inode;
+    char path[PATH_MAX]; // of its last user, absolute; only for finding segments that no file leads to any more
 };
 
 struct tables {
@@ -79,7 +89,8 @@ static_assert(std::atomic<std::uint32_t>::is_always_lock_free && std::atomic<std
 // message on standard error for every mistake in the file.
 tables *attach(const char *config);
 
-// Forgets the tables of a configuration file: the next process reads it anew. Those that run keep what they have.
+// Forgets the tables of a configuration file, also those of files that were in its place before or are gone: the next
+// process reads it again. Those that run keep what they have.
 bool forget(const char *config);
 
 } // namespace vrkernel

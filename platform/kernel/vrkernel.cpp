@@ -47,6 +47,15 @@ bool find_library(char (&path)[PATH_MAX])
     return false;
 }
 
+// The loader takes a blank or a colon for the end of a name.
+bool can_be_preloaded(const char *library)
+{
+    if (library[std::strcspn(library, " :")] == '\0')
+        return true;
+    std::fprintf(stderr, "vrkernel: %s: a path with a blank or a colon cannot be preloaded\n", library);
+    return false;
+}
+
 // Puts the library before what is preloaded already.
 bool set_preload(const char *library)
 {
@@ -69,8 +78,14 @@ int run(const char *config, char **program)
     }
     if (attach(file) == nullptr)
         return kNoTables;
-    if (!find_library(library) || !set_preload(library) || ::setenv(kConfigVariable, file, 1) < 0) {
+    if (!find_library(library)) {
         std::fputs("vrkernel: libvrkernel.so is not to be found\n", stderr);
+        return kNoTables;
+    }
+    if (!can_be_preloaded(library))
+        return kNoTables;
+    if (!set_preload(library) || ::setenv(kConfigVariable, file, 1) < 0) {
+        std::fprintf(stderr, "vrkernel: %s\n", std::strerror(errno));
         return kNoTables;
     }
     ::execvp(program[0], program);

@@ -3,16 +3,22 @@
 #include "support/support.h"
 
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -522,6 +528,8 @@ TEST_F(Vrkernel, InterfaceRequests)
     EXPECT_EQ("0", peer("set_if_vr eth0-1 8"));
     EXPECT_EQ("8", peer("get_if_vr eth0-1"));
     EXPECT_EQ("ENOENT", peer("set_if_vr eth0-1 9"));
+    EXPECT_EQ("EINVAL", peer("set_if_vr eth0-1 1")); // of another vsys
+    EXPECT_EQ("0", peer("set_if_vr cellular0 8"));   // of another vsys, but shared
     EXPECT_EQ("ENODEV", peer("set_if_vr eth0-3 7"));
     EXPECT_EQ("8", peer("get_if_vr eth0-1"));
     EXPECT_EQ("3", peer("ifname_2_vsysid ethernet0/1"));
@@ -647,6 +655,140 @@ TEST_F(VrkernelCommand, ResetAndAChangedFileStartAnew)
     EXPECT_EQ("1", changed("get_if_vr eth0-1"));
     EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
     EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0)); // nothing there is as good
+}
+
+std::vector<std::string> segments()
+{
+    std::vector<std::string> found;
+    for (const std::string &name : list_dir("/dev/shm")) {
+        if (name.rfind("vrkernel.", 0) == 0)
+            found.push_back("/dev/shm/" + name);
+    }
+    return found;
+}
+
+TEST_F(VrkernelCommand, ResetRemovesTheSegmentsOfFilesThatAreGone)
+{
+    auto replace = [] { // as editors do
+        write_file("/tmp/new.conf", kTables);
+        ASSERT_EQ(0, ::rename("/tmp/new.conf", kConfig));
+    };
+    Peer first;
+    EXPECT_EQ("7", first("get_if_vr eth0-1"));
+    for (int i = 0; i < 2; i++) {
+        replace();
+        EXPECT_TRUE(command({"show", "-c", kConfig}).exited(0));
+    }
+    write_file("/tmp/other.conf", kTables);
+    EXPECT_TRUE(command({"show", "-c", "/tmp/other.conf"}).exited(0));
+    write_file("/tmp/removed.conf", kTables);
+    EXPECT_TRUE(command({"show", "-c", "/tmp/removed.conf"}).exited(0));
+    write_file("/tmp/before.conf", kTables);
+    EXPECT_TRUE(command({"show", "-c", "/tmp/before.conf"}).exited(0));
+    ASSERT_EQ(0, ::rename("/tmp/before.conf", "/tmp/after.conf"));
+    EXPECT_TRUE(command({"show", "-c", "/tmp/after.conf"}).exited(0));
+    ::unlink("/tmp/removed.conf");
+    write_file("/dev/shm/vrkernel.strange", "not tables");
+    EXPECT_EQ(7u, segments().size());
+
+    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
+    EXPECT_EQ(3u, segments().size()); // those of other files stay, and what is no segment
+    EXPECT_TRUE(command({"reset", "-c", "/tmp/other.conf"}).exited(0));
+    EXPECT_TRUE(command({"reset", "-c", "/tmp/after.conf"}).exited(0));
+    EXPECT_EQ(std::vector<std::string>{"/dev/shm/vrkernel.strange"}, segments());
+    EXPECT_EQ("7", first("get_if_vr eth0-1"));
+}
+
+TEST_F(VrkernelCommand, ASegmentThatIsNotOfThisFileIsMadeAgain)
+{
+    struct stat st;
+    write_file(kConfig, kTables); // with a known time
+    const timespec times[2] = {{1000, 5}, {1000, 5}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, kConfig, times, 0));
+    auto touch = [](time_t seconds, long nanoseconds) {
+        const timespec changed[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+        EXPECT_EQ(0, ::utimensat(AT_FDCWD, kConfig, changed, 0));
+    };
+    auto is_kept_after = [](const std::function<void(const std::string &)> &spoil) {
+        {
+            Peer before;
+            EXPECT_EQ("0", before("set_if_vr eth0-1 8"));
+        }
+        EXPECT_EQ(1u, segments().size());
+        spoil(segments().at(0));
+        Peer after;
+        std::string vr = after("get_if_vr eth0-1");
+        EXPECT_EQ("0", after("set_if_vr eth0-1 7"));
+        EXPECT_THAT(vr, testing::AnyOf("7", "8"));
+        return vr == "8";
+    };
+    auto overwrite = [](const std::string &path, const std::string &bytes) {
+        int fd = ::open(path.c_str(), O_WRONLY);
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), ::pwrite(fd, bytes.data(), bytes.size(), 0));
+        ::close(fd);
+    };
+    EXPECT_TRUE(is_kept_after([](const std::string &) {}));
+    EXPECT_FALSE(is_kept_after([](const std::string &path) { EXPECT_EQ(0, ::chown(path.c_str(), 1000, 1000)); }));
+    EXPECT_FALSE(is_kept_after([](const std::string &path) { EXPECT_EQ(0, ::truncate(path.c_str(), 100)); }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &path) {
+        ASSERT_EQ(0, ::stat(path.c_str(), &st));
+        EXPECT_EQ(0, ::truncate(path.c_str(), st.st_size + 4096));
+    }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &path) { overwrite(path, std::string(4, '\0')); }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &path) { overwrite(path, "abcd"); }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &) { touch(1001, 5); }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &) { touch(1001, 6); }));
+    EXPECT_FALSE(is_kept_after([&](const std::string &) {
+        write_file(kConfig, std::string(kTables) + "\n");
+        touch(1001, 6);
+    }));
+    EXPECT_TRUE(is_kept_after([&](const std::string &) { touch(1001, 6); }));
+}
+
+// A process of the test holds the lock until the one that starts is seen to wait for it.
+TEST_F(VrkernelCommand, ThoseThatStartWaitForTheLockOfTheFile)
+{
+    for (const char *word : {"show", "reset"}) {
+        write_file(kConfig, "nonsense\n");
+        int fd = ::open(kConfig, O_RDWR | O_CLOEXEC);
+        ASSERT_EQ(0, ::flock(fd, LOCK_EX));
+        std::thread holder([fd] {
+            for (int waited = 0; waited < kAnswerMs && read_file("/proc/locks").find("-> FLOCK") == std::string::npos;
+                 waited += 5)
+                ::usleep(5000);
+            EXPECT_THAT(read_file("/proc/locks"), HasSubstr("-> FLOCK"));
+            std::string tables = kTables;
+            EXPECT_EQ(static_cast<ssize_t>(tables.size()), ::pwrite(fd, tables.data(), tables.size(), 0));
+            ::flock(fd, LOCK_UN);
+        });
+        auto result = command({word, "-c", kConfig});
+        holder.join();
+        ::close(fd);
+        EXPECT_TRUE(result.exited(0)) << result.err;
+    }
+}
+
+TEST_F(VrkernelCommand, APathThatCannotBePreloadedIsRefused)
+{
+    for (const char *folder : {"/tmp/a b", "/tmp/a:b", "/tmp/c"}) {
+        ASSERT_EQ(0, ::mkdir(folder, 0755));
+        for (const char *file : {"/vrkernel", "/libvrkernel.so"}) {
+            write_file(folder + std::string(file), read_file(build_dir() + file));
+            ASSERT_EQ(0, ::chmod((folder + std::string(file)).c_str(), 0755));
+        }
+        auto result = run_program({folder + std::string("/vrkernel"), "run", "-c", kConfig, "--", "/bin/true"});
+        if (std::string(folder) == "/tmp/c") {
+            EXPECT_TRUE(under_sanitizer() || result.exited(0)) << result.err;
+            continue;
+        }
+        EXPECT_TRUE(result.exited(125)) << folder;
+        EXPECT_EQ("vrkernel: " + std::string(folder) +
+                      "/libvrkernel.so: a path with a blank or a colon cannot be preloaded\n",
+                  result.err);
+    }
+    // The tables' file may have any name.
+    write_file("/tmp/a b/my tables.conf", kTables);
+    EXPECT_TRUE(command({"show", "-c", "/tmp/a b/my tables.conf"}).exited(0));
 }
 
 TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
@@ -821,9 +963,12 @@ TEST_F(VrkernelConfig, EveryMistakeIsToldWithItsLine)
         {"vr a id=2 vsys=9", "there is no vsys 9"},
         {"vsys a id=2 default-vr=9", "there is no VR 9"},
         {"interface a id=2 vsys=0 vr=9", "there is no VR 9"},
+        {"vsys b id=2 default-vr=1 # and\ninterface a id=2 vsys=2 vr=1", "VR 1 belongs to vsys 0 and is not shared"},
     };
     for (const auto &[line, message] : cases)
-        EXPECT_EQ("4: " + message + "\n", said_of(std::string(kLeast) + "\n" + line + "\n")) << line;
+        EXPECT_EQ((line.find('\n') == std::string::npos ? "4: " : "5: ") + message + "\n",
+                  said_of(std::string(kLeast) + "\n" + line + "\n"))
+            << line;
     EXPECT_EQ("1: the default VR of vsys 0 is always 1\n", said_of("vsys root id=0 default-vr=2\nvr a id=2 vsys=0\n"));
 }
 
@@ -860,6 +1005,34 @@ TEST_F(VrkernelConfig, TablesHaveTheirLimits)
     EXPECT_EQ("", said_of(interfaces));
     EXPECT_EQ("1027: too many interfaces, at most 1024\n",
               said_of(interfaces + "interface one-more id=9999 vsys=0 vr=1\n"));
+}
+
+TEST_F(VrkernelConfig, AnInterfaceMayBeInASharedVrOfAnotherVsys)
+{
+    EXPECT_EQ("", said_of(std::string(kLeast) + "vsys b id=2 default-vr=1\nvr c id=2 vsys=0 shared\n" +
+                          "interface a id=2 vsys=2 vr=2\n"));
+}
+
+TEST_F(VrkernelConfig, ZeroBytesAreRefused)
+{
+    EXPECT_EQ("3: zero byte in the line\n", said_of(std::string(kLeast) + std::string("# a\0b\n", 6)));
+    EXPECT_EQ("3: zero byte in the line\n", said_of(std::string(kLeast) + '\0'));
+    EXPECT_EQ("1: zero byte in the line\n", said_of(std::string(4096, '\0')));
+}
+
+TEST_F(VrkernelConfig, EndlessFilesAreRefused)
+{
+    EXPECT_EQ(0, ::mkfifo("/tmp/pipe.conf", 0600));
+    for (const char *path : {"/dev/zero", "/tmp/pipe.conf", "/tmp"}) {
+        auto result = run_program({build_dir() + "/vrkernel", "show", "-c", path});
+        EXPECT_TRUE(result.exited(125)) << path;
+        EXPECT_EQ("vrkernel: " + std::string(path) + ": not a regular file\n", result.err);
+    }
+    std::string comments;
+    for (int i = 0; i < 4 << 14; i++)
+        comments += std::string(63, '#') + "\n";
+    EXPECT_EQ("", said_of(comments));
+    EXPECT_EQ("65537: file too long, at most 4194304 bytes\n", said_of(comments + "\n"));
 }
 
 TEST_F(VrkernelConfig, AProgramWithoutItsTablesDoesNotRun)
