@@ -4,12 +4,16 @@
 #include "datagrams.h"
 
 #include "base/cmsg_walk.h"
+#include "base/unique_fd.h"
 #include "names.h"
 #include "system_calls.h"
 #include "tables.h"
 
 #include <algorithm>
+#include <linux/errqueue.h>
+#include <pthread.h>
 #include <span>
+#include <sys/uio.h>
 
 using namespace vr_abi;
 
@@ -18,12 +22,13 @@ namespace vrkernel {
 namespace {
 
 constexpr std::size_t kHeader = sizeof(base::cmsg_header);
-constexpr std::size_t kControlSize = 1024; // of what a program may send along
-constexpr std::size_t kMessageUnit = 8;    // control messages are padded to multiples of it
+constexpr std::size_t kControlSize = 1024;        // of what travels on to the real kernel
+constexpr std::size_t kProgramControlMax = 20480; // of what a program may send along, as a stock kernel is set up
 
-constexpr std::size_t padded(std::size_t length)
+// The control messages of a message, all those with a whole header: the kernel takes a last one without its padding.
+base::cmsg_walk control_of(const msghdr &message)
 {
-    return (length + kMessageUnit - 1) / kMessageUnit * kMessageUnit;
+    return {message.msg_control, message.msg_controllen, message.msg_controllen, base::cmsg_walk::fit::header};
 }
 
 bool is_vr(const base::cmsg_walk &found)
@@ -36,32 +41,26 @@ bool is_packet_info(const base::cmsg_walk &found)
     return found.is(IPPROTO_IP, IP_PKTINFO) || found.is(IPPROTO_IPV6, IPV6_PKTINFO);
 }
 
-template <typename T>
-void put_message(unsigned char *out, int level, int type, const T &data)
-{
-    base::cmsg_header header = {kHeader + sizeof data, level, type};
-    std::memcpy(out, &header, sizeof header);
-    std::memcpy(out + sizeof header, &data, sizeof data);
-}
-
 // ---- sending ----
 
 // How a datagram is to be sent.
 struct route {
-    unsigned vr = 0;
-    std::optional<name> source;
+    unsigned vr;
+    bool names_vr = false; // by a control message
+    std::optional<name> source{};
     int ifindex = 0;
 
     // Takes what the control messages say over what the socket has. 0 or an errno value.
     int read(tables &all, const msghdr &message, bool takes_vr)
     {
-        base::cmsg_walk found(message.msg_control, message.msg_controllen, message.msg_controllen);
-        for (; found; found.next()) {
+        if (message.msg_controllen > kProgramControlMax)
+            return ENOBUFS;
+        for (auto found = control_of(message); found; found.next()) {
             if (found.length() < kHeader || found.bytes().size() != found.length())
                 return EINVAL;
             int error = 0;
-            if (takes_vr && is_vr(found))
-                error = read_vr(all, found);
+            if (is_vr(found))
+                error = takes_vr ? read_vr(all, found) : 0;
             else if (is_packet_info(found))
                 error = read_packet_info(found);
             if (error != 0)
@@ -79,39 +78,38 @@ private:
         if (id != -1 && all.find_vr(static_cast<unsigned>(id)) == nullptr)
             return ENOENT;
         vr = id != -1 ? static_cast<unsigned>(id) : 0;
+        names_vr = true;
         return 0;
     }
 
     int read_packet_info(const base::cmsg_walk &found)
     {
-        name from;
         if (found.level() == IPPROTO_IP) {
             auto info = found.data<in_pktinfo>();
             if (found.length() != kHeader + sizeof info)
                 return EINVAL;
-            from.at.ip = {.sin_family = AF_INET, .sin_port = 0, .sin_addr = info.ipi_spec_dst, .sin_zero = {}};
+            source = name::ip4(info.ipi_spec_dst, 0);
             ifindex = info.ipi_ifindex;
         } else {
             auto info = found.data<in6_pktinfo>();
             if (found.length() < kHeader + sizeof info)
                 return EINVAL;
-            from.at.ip6 = {AF_INET6, 0, 0, info.ipi6_addr, 0};
+            source = name::ip6(info.ipi6_addr, 0);
             ifindex = static_cast<int>(info.ipi6_ifindex);
         }
-        source = from;
         return 0;
     }
 };
 
 // The source address to use outside: the one asked for, else the one that the socket is bound to, else the VR's main
 // one. Nothing when the VR does not have the one asked for.
-std::optional<std::uint32_t> source_outside(int fd, const route &way)
+std::optional<std::uint32_t> source_outside(tables &all, int fd, const route &way)
 {
     auto a = way.source ? inner_of(*way.source, way.vr) : std::nullopt;
     if (way.source && !a)
         return std::nullopt;
     if (!a || a->host == kAnyHost) {
-        name own = outside_name(fd, real::getsockname);
+        name own = inside_name(all, fd, real::getsockname);
         a = inner_of(own, way.vr).value_or(inner{way.vr, own.is_ip6(), kMainHost});
     }
     if (a->host == kAnyHost)
@@ -129,66 +127,108 @@ struct outgoing {
         in_pktinfo info{};
         info.ipi_ifindex = ifindex;
         info.ipi_spec_dst.s_addr = htonl(source);
-        put_message(bytes + used, IPPROTO_IP, IP_PKTINFO, info);
-        used += padded(kHeader + sizeof info);
+        used += base::put_cmsg(bytes + used, IPPROTO_IP, IP_PKTINFO, info);
     }
 
     // False when there is no room for all.
     bool add_others(const msghdr &message, bool in_vr)
     {
-        base::cmsg_walk found(message.msg_control, message.msg_controllen, message.msg_controllen);
-        for (; found; found.next()) {
+        for (auto found = control_of(message); found; found.next()) {
             if (is_vr(found) || (in_vr && is_packet_info(found)))
                 continue;
             auto whole = found.bytes();
-            if (padded(whole.size()) > sizeof bytes - used)
+            if (base::padded_cmsg(whole.size()) > sizeof bytes - used)
                 return false;
             std::memcpy(bytes + used, whole.data(), whole.size());
-            used += padded(whole.size());
+            used += base::padded_cmsg(whole.size());
         }
         return true;
     }
 };
 
-// The name to send to: the one given, or the one that the socket is connected to. Nothing when the VR does not have it.
-std::optional<name> destination_outside(int fd, const msghdr &message, unsigned vr)
+// The name that a message gives, read as the real kernel reads it: AF_UNSPEC is IPv4 to an IPv4 socket, and no name to
+// an IPv6 one.
+std::optional<name> given_destination(const msghdr &message, int family)
 {
-    name to =
-        message.msg_name != nullptr ? name(message.msg_name, message.msg_namelen) : outside_name(fd, real::getpeername);
-    return bring_outside(to, vr) ? std::optional(to) : std::nullopt;
+    if (message.msg_name == nullptr || message.msg_namelen == 0)
+        return std::nullopt;
+    name to(message.msg_name, message.msg_namelen);
+    if (to.at.any.sa_family == AF_UNSPEC) {
+        if (family == AF_INET6)
+            return std::nullopt;
+        to.at.any.sa_family = AF_INET;
+    }
+    return to;
 }
 
-ssize_t send_in_vr(int fd, const msghdr &message, int flags, const route &way)
+// A socket that takes IPv6 only cannot send to the mapped addresses of VRs. A socket of IPv4 does it from the same
+// port; several of them may do so at a time.
+ssize_t send_for_ipv6_only(in_port_t port, const msghdr &outside, in_addr source, int flags)
 {
-    if (unsigned own = vr_of(fd); own != 0 && bind_if_unbound(fd, own) < 0)
+    base::unique_fd helper(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    int on = 1;
+    name from = name::ip4(source, port);
+    if (!helper || real::setsockopt(helper.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) < 0 ||
+        real::bind(helper.get(), &from.at, from.length) < 0)
         return -1;
-    auto to = destination_outside(fd, message, way.vr);
-    if (!to)
+    return real::sendmsg(helper.get(), &outside, flags);
+}
+
+ssize_t send_for_ipv6_only(tables &all, int fd, msghdr outside, const name &to, in_addr source, int flags)
+{
+    if (bind_if_unbound(all, fd, 0) < 0)
+        return -1;
+    name ip4 = name::ip4(to.is_ip() ? to.at.ip.sin_addr : mapped_part(to.at.ip6.sin6_addr), to.port());
+    outside.msg_name = &ip4.at;
+    outside.msg_namelen = ip4.length;
+    in_port_t port = inside_name(all, fd, real::getsockname).port();
+    int as_it_was; // a thread that is cancelled must not leave the helper's descriptor behind
+    ::pthread_testcancel();
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &as_it_was);
+    ssize_t n = send_for_ipv6_only(port, outside, source, flags);
+    ::pthread_setcancelstate(as_it_was, nullptr);
+    return n;
+}
+
+// `own` is the socket's VR, which may not be the datagram's.
+ssize_t send_in_vr(tables &all, int fd, const msghdr &message, int flags, const route &way, unsigned own, int family)
+{
+    auto given = given_destination(message, family);
+    name to = given ? *given : inside_name(all, fd, real::getpeername);
+    if (!bring_outside(to, way.vr))
         return fail(ENETUNREACH);
-    auto source = source_outside(fd, way);
+    auto source = source_outside(all, fd, way);
     if (!source)
         return fail(EINVAL);
     outgoing control;
     control.add_packet_info(*source, way.ifindex);
     if (!control.add_others(message, true))
         return fail(ENOBUFS);
+    if (own != 0 && bind_if_unbound(all, fd, own) < 0)
+        return -1;
     msghdr outside = message;
-    if (message.msg_name != nullptr || to->port() != 0) { // else there is none, which the real kernel will say
-        outside.msg_name = &to->at;
-        outside.msg_namelen = to->length;
+    outside.msg_name = nullptr; // there is none when the socket is not connected either, which the real kernel will say
+    outside.msg_namelen = 0;
+    if (given || to.port() != 0) {
+        outside.msg_name = &to.at;
+        outside.msg_namelen = to.length;
     }
     outside.msg_control = control.bytes;
     outside.msg_controllen = control.used;
+    if (own == 0 && family == AF_INET6 && (to.is_ip() || to.is_ip6()) && is_ipv6_only(fd))
+        return send_for_ipv6_only(all, fd, outside, to, {htonl(*source)}, flags);
     return real::sendmsg(fd, &outside, flags);
 }
 
-// A message without ours, whatever flag asked for them.
-ssize_t send_plain(int fd, const msghdr &message, int flags)
+// A message without ours.
+ssize_t send_in_no_vr(tables &all, int fd, const msghdr &message, int flags, unsigned own)
 {
-    msghdr outside = message;
     outgoing control;
     if (!control.add_others(message, false))
         return fail(ENOBUFS);
+    if (own != 0 && bind_if_unbound(all, fd, own) < 0)
+        return -1;
+    msghdr outside = message;
     outside.msg_control = control.used != 0 ? control.bytes : nullptr;
     outside.msg_controllen = control.used;
     return real::sendmsg(fd, &outside, flags);
@@ -196,103 +236,150 @@ ssize_t send_plain(int fd, const msghdr &message, int flags)
 
 // ---- receiving ----
 
-// Turns the destinations that were received into what the program is to see.
-void bring_packet_infos_inside(tables &all, const msghdr &message)
+// Turns a name within a control message into what the program is to see.
+void bring_name_inside(tables &all, unsigned char *data, std::size_t size)
+{
+    name n(data, static_cast<socklen_t>(size));
+    if (bring_inside(all, n))
+        std::memcpy(data, &n.at, n.length);
+}
+
+void bring_packet_info_inside(tables &all, unsigned char *data, in_pktinfo info)
+{
+    for (in_addr *address : {&info.ipi_spec_dst, &info.ipi_addr}) {
+        if (auto a = vr_behind(all, *address))
+            *address = inner_address(*a);
+    }
+    std::memcpy(data, &info, sizeof info);
+}
+
+void bring_packet_info_inside(tables &all, unsigned char *data, in6_pktinfo info)
+{
+    if (auto a = vr_behind(all, info.ipi6_addr))
+        info.ipi6_addr = inner_address6(*a);
+    std::memcpy(data, &info, sizeof info);
+}
+
+// Turns the addresses in control messages into what the program is to see: destinations, and in the error queue those
+// who reported the error.
+void bring_control_inside(tables &all, const msghdr &message)
 {
     auto *control = static_cast<unsigned char *>(message.msg_control);
-    base::cmsg_walk found(control, message.msg_controllen, message.msg_controllen);
-    for (; found; found.next()) {
-        unsigned char *data = control + (found.bytes().data() - control) + kHeader;
-        if (found.is(IPPROTO_IP, IP_PKTINFO) && found.bytes().size() >= kHeader + sizeof(in_pktinfo)) {
-            auto info = found.data<in_pktinfo>();
-            for (in_addr *address : {&info.ipi_spec_dst, &info.ipi_addr}) {
-                if (auto a = vr_behind(all, *address))
-                    *address = inner_address(*a);
-            }
-            std::memcpy(data, &info, sizeof info);
-        } else if (found.is(IPPROTO_IPV6, IPV6_PKTINFO) && found.bytes().size() >= kHeader + sizeof(in6_pktinfo)) {
-            auto info = found.data<in6_pktinfo>();
-            if (auto a = vr_behind(all, info.ipi6_addr))
-                info.ipi6_addr = inner_address6(*a);
-            std::memcpy(data, &info, sizeof info);
-        }
+    for (auto found = control_of(message); found; found.next()) {
+        auto whole = found.bytes();
+        if (whole.size() < kHeader)
+            continue;
+        unsigned char *data = control + (whole.data() - control) + kHeader;
+        std::size_t size = whole.size() - kHeader;
+        if (found.is(IPPROTO_IP, IP_PKTINFO) && size >= sizeof(in_pktinfo))
+            bring_packet_info_inside(all, data, found.data<in_pktinfo>());
+        else if (found.is(IPPROTO_IPV6, IPV6_PKTINFO) && size >= sizeof(in6_pktinfo))
+            bring_packet_info_inside(all, data, found.data<in6_pktinfo>());
+        else if (found.is(IPPROTO_IP, IP_ORIGDSTADDR) || found.is(IPPROTO_IPV6, IPV6_ORIGDSTADDR))
+            bring_name_inside(all, data, size);
+        else if ((found.is(IPPROTO_IP, IP_RECVERR) || found.is(IPPROTO_IPV6, IPV6_RECVERR)) &&
+                 size > sizeof(sock_extended_err))
+            bring_name_inside(all, data + sizeof(sock_extended_err), size - sizeof(sock_extended_err));
     }
 }
 
 // Adds the VR to the control messages of a datagram; one for which there is no room is dropped with a mark.
 void add_vr_message(msghdr &message, std::size_t room, int family, std::uint32_t vr)
 {
-    std::size_t at = padded(message.msg_controllen);
+    std::size_t at = base::padded_cmsg(message.msg_controllen);
     if (message.msg_control == nullptr || room < at || room - at < kHeader + sizeof vr) {
         message.msg_flags |= MSG_CTRUNC;
         return;
     }
     auto *control = static_cast<unsigned char *>(message.msg_control);
-    put_message(control + at, family == AF_INET ? IPPROTO_IP : IPPROTO_IPV6, family == AF_INET ? kIpGetVr : kIpv6GetVr,
-                vr);
-    message.msg_controllen = std::min(room, at + padded(kHeader + sizeof vr));
+    bool ip4 = family == AF_INET;
+    at += base::put_cmsg(control + at, ip4 ? IPPROTO_IP : IPPROTO_IPV6, ip4 ? kIpGetVr : kIpv6GetVr, vr);
+    message.msg_controllen = std::min(room, at);
 }
 
-// ---- time ----
-
-timespec now()
+// Whether a name that is received is whole there. UDP has no longer ones.
+bool has_room_for_name(const msghdr &message)
 {
-    timespec time;
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    return time;
+    return message.msg_name == nullptr || message.msg_namelen >= sizeof(sockaddr_in6);
 }
 
-timespec later_by(const timespec &wait)
+void bring_name_and_control_inside(tables &all, msghdr &message)
 {
-    constexpr long kSecond = 1000000000;
-    timespec time = now();
-    time.tv_nsec += wait.tv_nsec;
-    time.tv_sec += wait.tv_sec + time.tv_nsec / kSecond;
-    time.tv_nsec %= kSecond;
-    return time;
+    bring_control_inside(all, message);
+    if (message.msg_name != nullptr)
+        bring_name_inside(all, static_cast<unsigned char *>(message.msg_name),
+                          std::min<std::size_t>(message.msg_namelen, sizeof(sockaddr_in6)));
 }
 
-bool is_past(const timespec &end)
+// One of several whose name is to be cut, which must be translated while it is whole.
+int receive_one_of_several(tables &all, int fd, mmsghdr &message, int flags, timespec *timeout)
 {
-    timespec time = now();
-    return time.tv_sec > end.tv_sec || (time.tv_sec == end.tv_sec && time.tv_nsec >= end.tv_nsec);
+    name from;
+    mmsghdr outside = message;
+    outside.msg_hdr.msg_name = &from.at;
+    outside.msg_hdr.msg_namelen = from.length;
+    int n = real::recvmmsg(fd, &outside, 1, flags, timeout);
+    if (n <= 0)
+        return n;
+    bring_name_and_control_inside(all, outside.msg_hdr);
+    from.length = outside.msg_hdr.msg_namelen;
+    outside.msg_hdr.msg_name = message.msg_hdr.msg_name;
+    outside.msg_hdr.msg_namelen = message.msg_hdr.msg_namelen;
+    message = outside;
+    if (message.msg_hdr.msg_name != nullptr && from.give(message.msg_hdr.msg_name, &message.msg_hdr.msg_namelen) < 0)
+        return -1;
+    return n;
+}
+
+bool is_over(const timespec *timeout)
+{
+    return timeout != nullptr && timeout->tv_sec == 0 && timeout->tv_nsec == 0;
 }
 
 } // namespace
 
 ssize_t send(tables &all, int fd, const msghdr *message, int flags)
 {
+    unsigned own = vr_of(fd);
     bool takes_vr = (flags & kMsgVr) != 0;
-    flags &= ~kMsgVr;
-    route way = {vr_of(fd), {}, 0};
-    if (message == nullptr || (way.vr == 0 && !takes_vr) || udp_family(fd) == 0)
+    int family = own != 0 || takes_vr ? udp_family(fd) : 0;
+    if (family == 0 || message == nullptr)
         return real::sendmsg(fd, message, flags);
     if (static_cast<int>(message->msg_namelen) < 0)
         return fail(EINVAL);
+    flags &= ~kMsgVr;
+    route way = {.vr = own};
     if (int error = way.read(all, *message, takes_vr))
         return fail(error);
-    return way.vr != 0 ? send_in_vr(fd, *message, flags, way) : send_plain(fd, *message, flags);
+    if (way.vr != 0)
+        return send_in_vr(all, fd, *message, flags, way, own, family);
+    if (own != 0 || way.names_vr)
+        return send_in_no_vr(all, fd, *message, flags, own);
+    return real::sendmsg(fd, message, flags);
 }
 
 ssize_t receive(tables &all, int fd, msghdr *message, int flags)
 {
-    if (message == nullptr)
-        return real::recvmsg(fd, message, flags & ~kMsgVr);
+    if (message == nullptr || udp_family(fd) == 0)
+        return real::recvmsg(fd, message, flags);
     if (message->msg_name != nullptr && static_cast<int>(message->msg_namelen) < 0)
         return fail(EINVAL);
     name from;
     msghdr outside = *message;
-    outside.msg_name = &from.at;
-    outside.msg_namelen = from.length;
+    bool has_room = message->msg_name != nullptr && has_room_for_name(*message);
+    if (!has_room) { // which the translation needs
+        outside.msg_name = &from.at;
+        outside.msg_namelen = from.length;
+    }
     ssize_t n = real::recvmsg(fd, &outside, flags & ~kMsgVr);
     if (n < 0)
         return n;
-    from.length = outside.msg_namelen;
+    from = name(outside.msg_name, outside.msg_namelen);
     auto source = bring_inside(all, from);
     std::size_t room = message->msg_controllen;
     message->msg_controllen = outside.msg_controllen;
     message->msg_flags = outside.msg_flags;
-    bring_packet_infos_inside(all, *message);
+    bring_control_inside(all, *message);
     if (source && (flags & kMsgVr) != 0)
         add_vr_message(*message, room, from.at.any.sa_family, source->vr);
     if (message->msg_name != nullptr)
@@ -300,10 +387,37 @@ ssize_t receive(tables &all, int fd, msghdr *message, int flags)
     return n;
 }
 
-int send_all(tables &all, int fd, std::span<mmsghdr> messages, int flags)
+ssize_t send_to(tables &all, int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen)
 {
+    if (vr_of(fd) == 0 || (to != nullptr && tolen > sizeof(sockaddr_storage)))
+        return real::sendto(fd, data, size, flags, to, tolen);
+    iovec part = {const_cast<void *>(data), size};
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr *>(to);
+    message.msg_namelen = to != nullptr ? tolen : 0;
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return send(all, fd, &message, flags & ~kMsgVr);
+}
+
+ssize_t receive_from(tables &all, int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *fromlen)
+{
+    if (from == nullptr || udp_family(fd) == 0)
+        return real::recvfrom(fd, data, size, flags, from, fromlen);
+    name source;
+    ssize_t n = real::recvfrom(fd, data, size, flags, &source.at, &source.length);
+    if (n < 0)
+        return n;
+    bring_inside(all, source);
+    return source.give(from, fromlen) == 0 ? n : -1;
+}
+
+int send_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags)
+{
+    if (udp_family(fd) == 0 || (vr_of(fd) == 0 && (flags & kMsgVr) == 0))
+        return real::sendmmsg(fd, messages, count, flags);
     int done = 0;
-    for (mmsghdr &one : messages) {
+    for (mmsghdr &one : std::span(messages, std::min<unsigned>(count, UIO_MAXIOV))) {
         ssize_t n = send(all, fd, &one.msg_hdr, flags);
         if (n < 0)
             return done != 0 ? done : -1;
@@ -313,21 +427,28 @@ int send_all(tables &all, int fd, std::span<mmsghdr> messages, int flags)
     return done;
 }
 
-// Like the real kernel, it looks at the clock between datagrams only.
-int receive_all(tables &all, int fd, std::span<mmsghdr> messages, int flags, const timespec *timeout)
+// The VR flag has the number of MSG_WAITFORONE, which is what it means here.
+int receive_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
 {
-    timespec end = timeout != nullptr ? later_by(*timeout) : timespec{};
+    std::span wanted(messages, count);
+    if (udp_family(fd) == 0)
+        return real::recvmmsg(fd, messages, count, flags, timeout);
+    if (std::all_of(wanted.begin(), wanted.end(), [](const mmsghdr &m) { return has_room_for_name(m.msg_hdr); })) {
+        int n = real::recvmmsg(fd, messages, count, flags, timeout);
+        for (int i = 0; i < n; i++)
+            bring_name_and_control_inside(all, messages[i].msg_hdr);
+        return n;
+    }
     int done = 0;
-    for (mmsghdr &one : messages) {
-        ssize_t n = receive(all, fd, &one.msg_hdr, flags & ~MSG_WAITFORONE);
-        if (n < 0)
-            return done != 0 ? done : -1;
-        one.msg_len = static_cast<unsigned>(n);
+    for (mmsghdr &one : wanted) {
+        int n = receive_one_of_several(all, fd, one, flags, timeout);
+        if (n <= 0)
+            return done != 0 ? done : n;
         done++;
+        if (is_over(timeout))
+            break;
         if ((flags & MSG_WAITFORONE) != 0)
             flags |= MSG_DONTWAIT;
-        if (timeout != nullptr && is_past(end))
-            break;
     }
     return done;
 }

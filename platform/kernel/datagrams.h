@@ -4,7 +4,6 @@
 #define LIBCOMMON_PLATFORM_KERNEL_DATAGRAMS_H
 
 #include <ctime>
-#include <span>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -12,12 +11,13 @@ namespace vrkernel {
 
 struct tables;
 
+// Arguments and results are those of the system calls. Sockets that are no UDP sockets are the real kernel's.
 ssize_t send(tables &all, int fd, const msghdr *message, int flags);
 ssize_t receive(tables &all, int fd, msghdr *message, int flags);
-
-// Several at a time: how many, or -1 when already the first one fails.
-int send_all(tables &all, int fd, std::span<mmsghdr> messages, int flags);
-int receive_all(tables &all, int fd, std::span<mmsghdr> messages, int flags, const timespec *timeout);
+ssize_t send_to(tables &all, int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen);
+ssize_t receive_from(tables &all, int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *fromlen);
+int send_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags);
+int receive_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout);
 
 } // namespace vrkernel
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The C library's functions that a preloaded stand-in kernel takes the place of. Without a configuration, and for all
 // that is not the appliance kernel's, they are the plain system calls.
+#include "base/errno_guard.h"
 #include "datagrams.h"
 #include "requests.h"
 #include "sockets.h"
@@ -14,6 +15,8 @@
 
 #define VRKERNEL_EXPORT extern "C" [[gnu::visibility("default")]]
 
+extern "C" [[noreturn]] void __chk_fail(); // the C library's end of a program that overruns a buffer
+
 namespace {
 
 constexpr int kNoTables = 125; // exit status of a program that cannot be given its kernel
@@ -23,6 +26,7 @@ vrkernel::tables *kernel = nullptr;
 
 [[gnu::constructor]] void start()
 {
+    vrkernel::real::look_up();
     const char *config = std::getenv(vrkernel::kConfigVariable);
     if (config == nullptr)
         return;
@@ -31,16 +35,12 @@ vrkernel::tables *kernel = nullptr;
         ::_exit(kNoTables);
 }
 
-// What a request on something that is no socket gets.
 bool is_socket(int fd)
 {
+    base::errno_guard keep;
     int type;
     socklen_t length = sizeof type;
-    if (vrkernel::real::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0)
-        return true;
-    if (errno == ENOTSOCK)
-        errno = ENOTTY;
-    return false;
+    return vrkernel::real::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0;
 }
 
 bool sets_vr(int level, int name)
@@ -61,10 +61,9 @@ VRKERNEL_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
     va_start(arguments, request);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
-    if (kernel == nullptr || !vrkernel::is_ours(request, argument))
+    // The argument of a request on anything but a socket may be of any kind.
+    if (kernel == nullptr || !vrkernel::is_known(request) || !is_socket(fd) || !vrkernel::is_ours(request, argument))
         return vrkernel::real::ioctl(fd, request, argument);
-    if (!is_socket(fd))
-        return -1;
     int error = vrkernel::answer(*kernel, request, argument);
     if (error == 0)
         return 0;
@@ -74,9 +73,12 @@ VRKERNEL_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
 
 VRKERNEL_EXPORT int setsockopt(int fd, int level, int name, const void *value, socklen_t length) noexcept
 {
-    if (kernel == nullptr || !sets_vr(level, name))
-        return vrkernel::real::setsockopt(fd, level, name, value, length);
-    return vrkernel::set_option(*kernel, fd, level, name, value, length);
+    if (kernel != nullptr && sets_vr(level, name))
+        return vrkernel::set_option(*kernel, fd, level, name, value, length);
+    int result = vrkernel::real::setsockopt(fd, level, name, value, length);
+    if (kernel != nullptr && result == 0 && level == IPPROTO_IPV6 && name == IPV6_RECVERR)
+        vrkernel::want_errors_of_ipv4(fd);
+    return result;
 }
 
 VRKERNEL_EXPORT int getsockopt(int fd, int level, int name, void *value, socklen_t *length) noexcept
@@ -93,7 +95,8 @@ VRKERNEL_EXPORT int bind(int fd, const sockaddr *address, socklen_t length) noex
 
 VRKERNEL_EXPORT int connect(int fd, const sockaddr *address, socklen_t length)
 {
-    return kernel != nullptr ? vrkernel::connect(fd, address, length) : vrkernel::real::connect(fd, address, length);
+    return kernel != nullptr ? vrkernel::connect(*kernel, fd, address, length)
+                             : vrkernel::real::connect(fd, address, length);
 }
 
 VRKERNEL_EXPORT int getsockname(int fd, sockaddr *address, socklen_t *length) noexcept
@@ -122,43 +125,26 @@ VRKERNEL_EXPORT ssize_t recvmsg(int fd, msghdr *message, int flags)
 
 VRKERNEL_EXPORT int sendmmsg(int fd, mmsghdr *messages, unsigned count, int flags)
 {
-    return kernel != nullptr ? vrkernel::send_all(*kernel, fd, {messages, count}, flags)
+    return kernel != nullptr ? vrkernel::send_all(*kernel, fd, messages, count, flags)
                              : vrkernel::real::sendmmsg(fd, messages, count, flags);
 }
 
 VRKERNEL_EXPORT int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
 {
-    return kernel != nullptr ? vrkernel::receive_all(*kernel, fd, {messages, count}, flags, timeout)
+    return kernel != nullptr ? vrkernel::receive_all(*kernel, fd, messages, count, flags, timeout)
                              : vrkernel::real::recvmmsg(fd, messages, count, flags, timeout);
 }
 
 VRKERNEL_EXPORT ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen)
 {
-    iovec part = {const_cast<void *>(data), size};
-    msghdr message{};
-    message.msg_name = const_cast<sockaddr *>(to);
-    message.msg_namelen = to != nullptr ? tolen : 0;
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    return sendmsg(fd, &message, flags);
+    return kernel != nullptr ? vrkernel::send_to(*kernel, fd, data, size, flags, to, tolen)
+                             : vrkernel::real::sendto(fd, data, size, flags, to, tolen);
 }
 
 VRKERNEL_EXPORT ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *fromlen)
 {
-    if (from != nullptr && fromlen == nullptr) {
-        errno = EFAULT;
-        return -1;
-    }
-    iovec part = {data, size};
-    msghdr message{};
-    message.msg_name = from;
-    message.msg_namelen = from != nullptr ? *fromlen : 0;
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    ssize_t n = recvmsg(fd, &message, flags);
-    if (n >= 0 && from != nullptr)
-        *fromlen = message.msg_namelen;
-    return n;
+    return kernel != nullptr ? vrkernel::receive_from(*kernel, fd, data, size, flags, from, fromlen)
+                             : vrkernel::real::recvfrom(fd, data, size, flags, from, fromlen);
 }
 
 // What programs compiled with checks of their buffers call instead.
@@ -166,6 +152,6 @@ VRKERNEL_EXPORT ssize_t __recvfrom_chk(int fd, void *data, size_t size, size_t r
                                        socklen_t *fromlen)
 {
     if (size > room)
-        std::abort();
+        __chk_fail();
     return recvfrom(fd, data, size, flags, from, fromlen);
 }

@@ -2,7 +2,8 @@
 # installed for those who write programs for the appliance, but are not part of find_package(libcommon).
 set(kernel_dir ${CMAKE_CURRENT_LIST_DIR})
 add_library(vrkernel SHARED ${kernel_dir}/config.cpp ${kernel_dir}/datagrams.cpp ${kernel_dir}/interpose.cpp
-    ${kernel_dir}/names.cpp ${kernel_dir}/requests.cpp ${kernel_dir}/sockets.cpp ${kernel_dir}/tables.cpp)
+    ${kernel_dir}/names.cpp ${kernel_dir}/requests.cpp ${kernel_dir}/sockets.cpp ${kernel_dir}/system_calls.cpp
+    ${kernel_dir}/tables.cpp)
 libcommon_runtime_flags(vrkernel)
 set_property(TARGET vrkernel PROPERTY VERSION) # nobody links with it: one file, under its plain name
 set_property(TARGET vrkernel PROPERTY SOVERSION)

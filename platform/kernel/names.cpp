@@ -17,12 +17,20 @@ constexpr int kVrMark = 0x56520000;
 constexpr int kVrMarkMask = 0x7FFF0000;
 constexpr int kNoMark = 1; // as sockets are made
 
-int socket_option(int fd, int option)
+int socket_option(int fd, int option, int level = SOL_SOCKET)
 {
     base::errno_guard keep;
     int value = 0;
     socklen_t length = sizeof value;
-    return real::getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 ? value : 0;
+    return real::getsockopt(fd, level, option, &value, &length) == 0 ? value : 0;
+}
+
+// The outside name that getsockname() or getpeername() returns; an empty one when there is none. errno stays.
+name outside_name(int fd, name_call ask)
+{
+    base::errno_guard keep;
+    name n;
+    return ask(fd, &n.at, &n.length) == 0 ? n : name();
 }
 
 } // namespace
@@ -30,7 +38,9 @@ int socket_option(int fd, int option)
 unsigned vr_of(int fd)
 {
     int mark = socket_option(fd, SO_RCVLOWAT);
-    return (mark & kVrMarkMask) == kVrMark ? static_cast<unsigned>(mark & ~kVrMarkMask) : 0;
+    if ((mark & kVrMarkMask) != kVrMark || udp_family(fd) == 0)
+        return 0;
+    return static_cast<unsigned>(mark & ~kVrMarkMask);
 }
 
 int put_in_vr(int fd, unsigned vr)
@@ -41,7 +51,30 @@ int put_in_vr(int fd, unsigned vr)
 
 int udp_family(int fd)
 {
-    return socket_option(fd, SO_PROTOCOL) == IPPROTO_UDP ? socket_option(fd, SO_DOMAIN) : 0;
+    if (socket_option(fd, SO_PROTOCOL) != IPPROTO_UDP || socket_option(fd, SO_TYPE) != SOCK_DGRAM)
+        return 0; // a raw socket may have the protocol
+    return socket_option(fd, SO_DOMAIN);
+}
+
+bool is_ipv6_only(int fd)
+{
+    return socket_option(fd, IPV6_V6ONLY, IPPROTO_IPV6) != 0;
+}
+
+name name::ip4(in_addr address, in_port_t port)
+{
+    name n;
+    n.at.ip = {.sin_family = AF_INET, .sin_port = port, .sin_addr = address, .sin_zero = {}};
+    n.length = sizeof n.at.ip;
+    return n;
+}
+
+name name::ip6(const in6_addr &address, in_port_t port)
+{
+    name n;
+    n.at.ip6 = {AF_INET6, port, 0, address, 0};
+    n.length = sizeof n.at.ip6;
+    return n;
 }
 
 // A longer one is cut, as the real kernel does.
@@ -61,13 +94,6 @@ int name::give(void *to, socklen_t *to_room) const
     return 0;
 }
 
-name outside_name(int fd, name_call ask)
-{
-    base::errno_guard keep;
-    name n;
-    return ask(fd, &n.at, &n.length) == 0 ? n : name();
-}
-
 std::optional<inner> vr_behind(tables &all, const in_addr &outside)
 {
     auto a = inside_of(ntohl(outside.s_addr));
@@ -79,6 +105,13 @@ std::optional<inner> vr_behind(tables &all, const in6_addr &outside)
     return IN6_IS_ADDR_V4MAPPED(&outside) ? vr_behind(all, mapped_part(outside)) : std::nullopt;
 }
 
+name inside_name(tables &all, int fd, name_call ask)
+{
+    name n = outside_name(fd, ask);
+    bring_inside(all, n);
+    return n;
+}
+
 std::optional<inner> inner_of(const name &n, unsigned vr)
 {
     if (n.is_ip6() && !IN6_IS_ADDR_V4MAPPED(&n.at.ip6.sin6_addr)) {
@@ -87,10 +120,7 @@ std::optional<inner> inner_of(const name &n, unsigned vr)
     }
     if (!n.is_ip() && !n.is_ip6())
         return std::nullopt;
-    in_addr ip = n.is_ip() ? n.at.ip.sin_addr : mapped_part(n.at.ip6.sin6_addr);
-    if (auto outside = inside_of(ntohl(ip.s_addr)))
-        return inner{vr, outside->ipv6, outside->host};
-    auto host = host_of(ip);
+    auto host = host_of(n.is_ip() ? n.at.ip.sin_addr : mapped_part(n.at.ip6.sin6_addr));
     return host ? std::optional(inner{vr, false, *host}) : std::nullopt;
 }
 
@@ -132,10 +162,29 @@ int bind_outside(int fd, name inside, unsigned vr)
     return real::bind(fd, &inside.at, inside.length);
 }
 
-int bind_if_unbound(int fd, unsigned vr)
+int bind_if_unbound(tables &all, int fd, unsigned vr)
 {
+    name own = inside_name(all, fd, real::getsockname);
+    if (own.port() != 0)
+        return 0;
+    int result = vr != 0 ? bind_outside(fd, own, vr) : real::bind(fd, &own.at, own.length);
+    if (result < 0 && errno == EINVAL && outside_name(fd, real::getsockname).port() != 0)
+        return 0;
+    return result;
+}
+
+void forget_main_address(tables &all, int fd)
+{
+    base::errno_guard keep;
     name own = outside_name(fd, real::getsockname);
-    return own.port() == 0 ? bind_outside(fd, own, vr) : 0;
+    auto bound = bring_inside(all, own);
+    if (own.port() != 0 || !bound || bound->host != kMainHost)
+        return;
+    name any = own.is_ip() ? name::ip4({}, 0) : name::ip6({}, 0);
+    int as_it_was = socket_option(fd, IP_BIND_ADDRESS_NO_PORT, IPPROTO_IP), without_port = 1;
+    real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &without_port, sizeof without_port);
+    real::bind(fd, &any.at, any.length);
+    real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &as_it_was, sizeof as_it_was);
 }
 
 } // namespace vrkernel

@@ -16,8 +16,12 @@ struct tables;
 int set_option(tables &all, int fd, int level, int name, const void *value, socklen_t length);
 int get_option(int fd, int level, int name, void *value, socklen_t *length);
 
+// Lets an IPv6 socket in a VR that wants an error queue (IPV6_RECVERR) have the errors of its datagrams, which are
+// IPv4's outside.
+void want_errors_of_ipv4(int fd);
+
 int bind(int fd, const sockaddr *address, socklen_t length);
-int connect(int fd, const sockaddr *address, socklen_t length);
+int connect(tables &all, int fd, const sockaddr *address, socklen_t length);
 int own_name(tables &all, int fd, sockaddr *address, socklen_t *length);  // getsockname()
 int peer_name(tables &all, int fd, sockaddr *address, socklen_t *length); // getpeername()
 

@@ -3,66 +3,31 @@
 #ifndef LIBCOMMON_PLATFORM_KERNEL_SYSTEM_CALLS_H
 #define LIBCOMMON_PLATFORM_KERNEL_SYSTEM_CALLS_H
 
+#include <ctime>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 namespace vrkernel::real {
 
-inline int setsockopt(int fd, int level, int name, const void *value, socklen_t length)
-{
-    return static_cast<int>(::syscall(SYS_setsockopt, fd, level, name, value, length));
-}
+// Finds the C library's functions. Called once at load: a look-up at the first call could be inside a signal handler.
+void look_up();
 
-inline int getsockopt(int fd, int level, int name, void *value, socklen_t *length)
-{
-    return static_cast<int>(::syscall(SYS_getsockopt, fd, level, name, value, length));
-}
+// Calls that may block. They are cancellation points, so they go through the C library's own functions.
+int connect(int fd, const void *address, socklen_t length);
+ssize_t sendto(int fd, const void *data, size_t size, int flags, const void *address, socklen_t length);
+ssize_t recvfrom(int fd, void *data, size_t size, int flags, void *address, socklen_t *length);
+ssize_t sendmsg(int fd, const msghdr *message, int flags);
+ssize_t recvmsg(int fd, msghdr *message, int flags);
+int sendmmsg(int fd, mmsghdr *messages, unsigned count, int flags);
+int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout);
 
-inline int bind(int fd, const void *address, socklen_t length)
-{
-    return static_cast<int>(::syscall(SYS_bind, fd, address, length));
-}
-
-inline int connect(int fd, const void *address, socklen_t length)
-{
-    return static_cast<int>(::syscall(SYS_connect, fd, address, length));
-}
-
-inline int getsockname(int fd, void *address, socklen_t *length)
-{
-    return static_cast<int>(::syscall(SYS_getsockname, fd, address, length));
-}
-
-inline int getpeername(int fd, void *address, socklen_t *length)
-{
-    return static_cast<int>(::syscall(SYS_getpeername, fd, address, length));
-}
-
-inline ssize_t sendmsg(int fd, const msghdr *message, int flags)
-{
-    return ::syscall(SYS_sendmsg, fd, message, flags);
-}
-
-inline ssize_t recvmsg(int fd, msghdr *message, int flags)
-{
-    return ::syscall(SYS_recvmsg, fd, message, flags);
-}
-
-inline int sendmmsg(int fd, mmsghdr *messages, unsigned count, int flags)
-{
-    return static_cast<int>(::syscall(SYS_sendmmsg, fd, messages, count, flags));
-}
-
-inline int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
-{
-    return static_cast<int>(::syscall(SYS_recvmmsg, fd, messages, count, flags, timeout));
-}
-
-inline int ioctl(int fd, unsigned long request, void *argument)
-{
-    return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
-}
+// The others are plain system calls.
+int setsockopt(int fd, int level, int name, const void *value, socklen_t length);
+int getsockopt(int fd, int level, int name, void *value, socklen_t *length);
+int bind(int fd, const void *address, socklen_t length);
+int getsockname(int fd, void *address, socklen_t *length);
+int getpeername(int fd, void *address, socklen_t *length);
+int ioctl(int fd, unsigned long request, void *argument);
 
 } // namespace vrkernel::real
 

@@ -8,20 +8,25 @@
 #include "vrctl.h"
 #include "vrsock.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <iostream>
+#include <linux/errqueue.h>
 #include <map>
 #include <net/if.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sstream>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -195,6 +200,50 @@ std::string send_to_length(Words &words)
     return told(::sendto(fd, "x", 1, 0, to[0].any(), next<socklen_t>(words)));
 }
 
+// The same with sendmsg(), which cuts where sendto() refuses.
+std::string send_message_to_length(Words &words)
+{
+    int fd = next<int>(words);
+    Name to[2] = {read_name(words), {}};
+    char data = 'x';
+    iovec part = {&data, 1};
+    msghdr message{};
+    message.msg_name = to[0].any();
+    message.msg_namelen = next<socklen_t>(words);
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return told(::sendmsg(fd, &message, 0));
+}
+
+// FD ADDRESS PORT: a name that says no family.
+Name read_unspecified(Words &words)
+{
+    Name name = read_name(words);
+    name.room.ss_family = AF_UNSPEC;
+    return name;
+}
+
+std::string send_unspecified(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_unspecified(words);
+    return told(::sendto(fd, "x", 1, 0, to.any(), to.length));
+}
+
+std::string bind_unspecified(Words &words)
+{
+    int fd = next<int>(words);
+    Name name = read_unspecified(words);
+    return ::bind(fd, name.any(), name.length) == 0 ? own_name(fd) : told(-1);
+}
+
+std::string connect_unspecified(Words &words)
+{
+    int fd = next<int>(words);
+    Name name = read_unspecified(words);
+    return told(::connect(fd, name.any(), name.length));
+}
+
 // FD ADDRESS PORT COUNT: several at a time, "0", "1" and so on.
 std::string send_several(Words &words)
 {
@@ -236,6 +285,58 @@ std::string receive_several(Words &words)
     return text;
 }
 
+// FD COUNT SECONDS NANOSECONDS: how many came within the time, and the seconds that are left of it.
+std::string receive_within(Words &words)
+{
+    int fd = next<int>(words);
+    auto count = next<unsigned>(words);
+    timespec time;
+    words >> time.tv_sec >> time.tv_nsec;
+    std::vector<mmsghdr> messages(count);
+    return told(::recvmmsg(fd, messages.data(), count, MSG_DONTWAIT, &time)) + " " + std::to_string(time.tv_sec);
+}
+
+// FD ROOM: several at a time, into names with this room; what was written there, and the lengths.
+std::string receive_cut_names(Words &words)
+{
+    int fd = next<int>(words);
+    auto room = next<socklen_t>(words);
+    std::vector<mmsghdr> messages(3);
+    std::vector<std::vector<unsigned char>> names(3, std::vector<unsigned char>(room + 4, 0xEE));
+    for (std::size_t i = 0; i < messages.size(); i++)
+        messages[i].msg_hdr = {names[i].data(), room, nullptr, 0, nullptr, 0, 0};
+    int n = ::recvmmsg(fd, messages.data(), 3, MSG_DONTWAIT, nullptr);
+    std::string text = told(n);
+    for (std::size_t i = 0; static_cast<int>(i) < n; i++) {
+        text += " " + std::to_string(messages[i].msg_hdr.msg_namelen) + ":";
+        for (std::size_t at = 4; at < names[i].size(); at++)
+            text += " " + std::to_string(names[i][at]);
+    }
+    return text;
+}
+
+// FD LENGTH ("null": no place for it): a plain receive into a name with that room.
+std::string receive_into_length(Words &words)
+{
+    int fd = next<int>(words);
+    auto given = next<std::string>(words);
+    Name from;
+    char data[16];
+    bool null = given == "null";
+    from.length = null ? 0 : static_cast<socklen_t>(std::stoul(given));
+    ssize_t n = ::recvfrom(fd, data, sizeof data, MSG_DONTWAIT, from.any(), null ? nullptr : &from.length);
+    return told(n) + " " + std::to_string(from.length);
+}
+
+std::string own_into_length(Words &words)
+{
+    int fd = next<int>(words);
+    Name own;
+    own.length = next<socklen_t>(words);
+    int result = ::getsockname(fd, own.any(), &own.length);
+    return told(result) + " " + std::to_string(own.length);
+}
+
 std::string received(ssize_t n, const char *data, const Name &from, const std::string &rest)
 {
     return n < 0 ? told(n) : std::string(data, static_cast<std::size_t>(n)) + " " + text_of(from) + rest;
@@ -275,6 +376,53 @@ std::string receive_plain(Words &words)
     Name from;
     ssize_t n = ::recvfrom(next<int>(words), data, sizeof data, MSG_DONTWAIT, from.any(), &from.length);
     return received(n, data, from, "");
+}
+
+std::string name_at(const unsigned char *data, std::size_t size)
+{
+    Name name;
+    name.length = static_cast<socklen_t>(std::min(size, sizeof name.room));
+    std::memcpy(name.any(), data, name.length);
+    return text_of(name);
+}
+
+// What a control message says.
+std::string text_of(const cmsghdr &c)
+{
+    auto *data = reinterpret_cast<const unsigned char *>(CMSG_DATA(&c));
+    std::size_t size = c.cmsg_len - sizeof c;
+    if (c.cmsg_level == IPPROTO_IP && c.cmsg_type == IP_PKTINFO) {
+        in_pktinfo info;
+        std::memcpy(&info, data, sizeof info);
+        std::string specific = ::inet_ntoa(info.ipi_spec_dst);
+        return "info " + specific + " " + ::inet_ntoa(info.ipi_addr);
+    }
+    if (c.cmsg_level == IPPROTO_IP && c.cmsg_type == IP_TTL)
+        return "ttl " + std::to_string(data[0]);
+    if (c.cmsg_type == (c.cmsg_level == IPPROTO_IP ? IP_ORIGDSTADDR : IPV6_ORIGDSTADDR))
+        return "original " + name_at(data, size);
+    if (c.cmsg_type == (c.cmsg_level == IPPROTO_IP ? IP_RECVERR : IPV6_RECVERR))
+        return "error from " + name_at(data + sizeof(sock_extended_err), size - sizeof(sock_extended_err));
+    return std::to_string(c.cmsg_level) + "/" + std::to_string(c.cmsg_type);
+}
+
+// FD FLAGS: the name, and what the control messages say.
+std::string receive_control(Words &words)
+{
+    int fd = next<int>(words);
+    int flags = MSG_DONTWAIT | next<int>(words);
+    char data[2048];
+    alignas(cmsghdr) char control[512];
+    Name from;
+    iovec part = {data, sizeof data};
+    msghdr message = {from.any(), from.length, &part, 1, control, sizeof control, 0};
+    if (::recvmsg(fd, &message, flags) < 0)
+        return told(-1);
+    from.length = message.msg_namelen;
+    std::string text = text_of(from);
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
+        text += ", " + text_of(*c);
+    return text;
 }
 
 // With recvmsg() and no flag of ours: the levels and types of the control messages.
@@ -326,6 +474,108 @@ std::string send_message(Words &words)
     message.msg_control = control;
     message.msg_controllen = next<std::size_t>(words);
     return told(::sendmsg(fd, &message, 0x10000));
+}
+
+// FD ADDRESS PORT BYTES: with the VR flag and control data of these bytes, two digits each.
+std::string send_control(Words &words)
+{
+    int fd = next<int>(words);
+    Name to = read_name(words);
+    auto digits = next<std::string>(words);
+    std::vector<char> control;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+        control.push_back(static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    char data = 'x';
+    iovec part = {&data, 1};
+    msghdr message = {to.any(), to.length, &part, 1, control.data(), control.size(), 0};
+    return told(::sendmsg(fd, &message, 0x10000));
+}
+
+// FD LEVEL NAME VALUE
+std::string set_option(Words &words)
+{
+    int fd = next<int>(words), level = next<int>(words), name = next<int>(words), value = next<int>(words);
+    return told(::setsockopt(fd, level, name, &value, sizeof value));
+}
+
+// ---- threads ----
+
+// VR ADDRESS PORT ROUNDS: two threads are the first to send on a socket, again and again; how many sends failed.
+std::string first_sends(Words &words)
+{
+    int vr = next<int>(words);
+    Name to = read_name(words);
+    int rounds = next<int>(words);
+    std::atomic<int> failed = 0, arrived = 0;
+    std::vector<int> sockets;
+    for (int i = 0; i < rounds; i++) {
+        sockets.push_back(::socket(AF_INET, SOCK_DGRAM, 0));
+        qv_bindvr(sockets.back(), vr);
+    }
+    auto send_first = [&] {
+        int others = 0;
+        for (int fd : sockets) {
+            arrived++;
+            others += 2;
+            while (arrived < others) // not asleep: both are to come at the same time
+                ;
+            failed += ::sendto(fd, "x", 1, 0, to.any(), to.length) != 1;
+        }
+    };
+    std::thread other(send_first);
+    send_first();
+    other.join();
+    for (int fd : sockets)
+        ::close(fd);
+    return std::to_string(failed);
+}
+
+// FD CALL: whether a thread that is to be cancelled ends in that call.
+int cancelled_fd;
+std::string cancelled_call;
+
+void *call_when_cancelled(void *)
+{
+    Name to;
+    char data = 'x';
+    iovec part = {&data, 1};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    mmsghdr several = {message, 0};
+    to.ip()->sin_family = AF_INET;
+    to.ip()->sin_port = htons(5000);
+    to.ip()->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to.length = sizeof *to.ip();
+    ::pthread_cancel(::pthread_self());
+    if (cancelled_call == "connect")
+        ::connect(cancelled_fd, to.any(), to.length);
+    else if (cancelled_call == "sendto")
+        ::sendto(cancelled_fd, "x", 1, 0, to.any(), to.length);
+    else if (cancelled_call == "sendmsg")
+        ::sendmsg(cancelled_fd, &message, 0);
+    else if (cancelled_call == "sendmmsg")
+        ::sendmmsg(cancelled_fd, &several, 1, 0);
+    else if (cancelled_call == "recvfrom")
+        ::recvfrom(cancelled_fd, &data, 1, MSG_DONTWAIT, to.any(), &to.length);
+    else if (cancelled_call == "recvmsg")
+        ::recvmsg(cancelled_fd, &message, MSG_DONTWAIT);
+    else if (cancelled_call == "recvmmsg")
+        ::recvmmsg(cancelled_fd, &several, 1, MSG_DONTWAIT, nullptr);
+    else if (cancelled_call == "vr")
+        qv_ipv6_sendto(cancelled_fd, "x", 1, 0, to.any(), to.length, 7);
+    return nullptr;
+}
+
+std::string is_cancelled(Words &words)
+{
+    cancelled_fd = next<int>(words);
+    cancelled_call = next<std::string>(words);
+    pthread_t thread;
+    void *result = nullptr;
+    ::pthread_create(&thread, nullptr, call_when_cancelled, nullptr);
+    ::pthread_join(thread, &result);
+    return result == PTHREAD_CANCELED ? "cancelled" : "returned";
 }
 
 // ---- the private requests ----
@@ -419,6 +669,9 @@ std::string ask_after_exec(Words &words)
 const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
     {"socket", open_socket},
     {"tcp", [](Words &) { return told(::socket(AF_INET, SOCK_STREAM, 0)); }},
+    {"raw", [](Words &) { return told(::socket(AF_INET, SOCK_RAW, IPPROTO_UDP)); }},
+    {"listen", [](Words &words) { return told(::listen(next<int>(words), 1)); }},
+    {"setoption", set_option},
     {"bindvr", bind_vr},
     {"getvr", get_vr},
     {"bind", bind_name},
@@ -430,6 +683,18 @@ const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
     {"sendplain", send_plain},
     {"sendmessage", send_message},
     {"sendtolength", send_to_length},
+    {"sendmsglength", send_message_to_length},
+    {"sendunspecified", send_unspecified},
+    {"bindunspecified", bind_unspecified},
+    {"connectunspecified", connect_unspecified},
+    {"sendcontrol", send_control},
+    {"recvcontrol", receive_control},
+    {"recvwithin", receive_within},
+    {"recvcutnames", receive_cut_names},
+    {"recvintolength", receive_into_length},
+    {"ownintolength", own_into_length},
+    {"firstsends", first_sends},
+    {"cancel", is_cancelled},
     {"sendseveral", send_several},
     {"recvseveral", receive_several},
     {"recv", receive_in_vr},
