@@ -2,20 +2,19 @@
 // Executable mappings, the frame walk and symbol texts. Everything here runs inside the fatal-signal handlers.
 #include "backtrace.h"
 
+#include "base/cancel_guard.h"
 #include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 #include "fault/machine_context.h"
+#include "fault/module_symbols.h"
+#include "fault/safe_memory.h"
+#include "fault/section_table.h"
 #include "signal_printf.h"
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <link.h>
 
 extern "C" {
 
@@ -23,12 +22,9 @@ extern "C" {
 [[gnu::weak]] extern const char __qv_text_start[];
 [[gnu::weak]] extern const char __qv_text_end[];
 
-__thread struct section_record section_rec[QV_SECTION_MAX];
 uint64_t stack_main_top;
 int qv_handle_thread;
 }
-
-static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
 
 namespace {
 
@@ -50,9 +46,12 @@ bool is_code(unsigned long addr)
     return is_host_text(addr) || is_dynamic_lib(addr) != 0;
 }
 
+// Unlike is_code(), false for any odd address when /proc is hidden and there is no table.
 bool is_known_code(unsigned long addr)
 {
-    return is_host_text(addr) || (section_rec[0].start != 0 && is_dynamic_lib(addr) != 0);
+    const section_record *table = fault::section_table();
+    bool has_table = table != nullptr && table[0].start != 0;
+    return is_host_text(addr) || (has_table ? is_dynamic_lib(addr) != 0 : fault::is_in_module(addr));
 }
 
 // A return address may bear a signature in its upper bits. What is no signed address of code that is known here is told
@@ -62,65 +61,6 @@ unsigned long without_signature(unsigned long return_address)
     unsigned long address = fault::strip_signature(return_address);
     return address == return_address || is_known_code(address) ? address : return_address;
 }
-
-// Reads words of memory that may not be there. The chain of a thread that was caught in code without frame pointers can
-// lead anywhere, and a dump request must not kill a healthy process.
-class frame_memory {
-public:
-    // False when the word at `address` cannot be read.
-    bool load(unsigned long address, unsigned long *word)
-    {
-        if (!is_readable_page(address) || !is_readable_page(address + sizeof *word - 1))
-            return false;
-        *word = read_word(address);
-        return true;
-    }
-
-private:
-    // The smallest page of any port: with larger ones a few probes more are made.
-    static constexpr unsigned long kPage = 4096;
-
-    bool is_readable_page(unsigned long address)
-    {
-        unsigned long page = address & ~(kPage - 1);
-        if (page == known_page_)
-            return true;
-        if (!probe(page))
-            return false;
-        known_page_ = page;
-        return true;
-    }
-
-    // The kernel copies the new mask in before it looks at `how`. So an invalid `how` changes nothing and tells
-    // readable memory (EINVAL) from the rest (EFAULT), without a descriptor and cheaper than any copying call. A null
-    // mask would not be read at all; nothing is ever mapped there.
-    static bool probe(unsigned long page)
-    {
-        constexpr int kInvalidHow = -1;
-        constexpr std::size_t kKernelMaskSize = 8;
-        if (page == 0)
-            return false;
-        return ::syscall(SYS_rt_sigprocmask, kInvalidHow, page, nullptr, kKernelMaskSize) == -1 && errno == EINVAL;
-    }
-
-    // Links may be unaligned, and the memory is another frame's: the sanitizers have no say here.
-#if defined(__clang__)
-    __attribute__((no_sanitize("address", "thread", "undefined")))
-#else
-    __attribute__((no_sanitize("address,thread,undefined")))
-#endif
-    static unsigned long
-    read_word(unsigned long address)
-    {
-        struct [[gnu::packed, gnu::may_alias]] unaligned_word
-        {
-            unsigned long value;
-        };
-        return reinterpret_cast<const unaligned_word *>(address)->value;
-    }
-
-    unsigned long known_page_ = 1; // no page starts there
-};
 
 // The entries of a walk, written to the caller's arrays.
 class frame_list {
@@ -151,7 +91,7 @@ private:
 // the code ranges nor records with the stack: a sound chain may lie anywhere, and a broken one ends by itself.
 unsigned long walk_records(unsigned long record, frame_list *list)
 {
-    frame_memory memory;
+    fault::safe_memory memory(fault::safe_memory::subject::stack);
     unsigned long link = 0;
     if (record == 0 || !memory.load(record, &link))
         return 0;
@@ -192,14 +132,36 @@ bool is_code_mapping(const base::mapping_line &mapping)
            mapping.start < mapping.end;
 }
 
+// How often a look-up starts again because the module was exchanged meanwhile.
+constexpr int kLookUps = 3;
+
+// "file(symbol+0x10) [0x...]"; without a symbol the distance is from the load bias, if there is one.
+void append_symbol(unsigned long addr, fault::symbol_lookup *lookup, fault::text_buffer *text)
+{
+    lookup->append_file_name(text);
+    text->append('(');
+    unsigned long base = lookup->has_symbol() ? lookup->symbol_address() : lookup->load_bias();
+    if (lookup->has_symbol() || base != 0) {
+        lookup->append_symbol_name(text);
+        text->append(addr < base ? '-' : '+');
+        text->append_hex(addr < base ? base - addr : addr - base);
+    }
+    text->append(") [");
+    text->append_pointer(addr);
+    text->append(']');
+}
+
 } // namespace
 
-extern "C" {
+namespace fault {
 
-int procps_read_maps(void)
+int load_section_table(section_record *table)
 {
+    if (table == nullptr)
+        return -1;
     base::errno_guard keep;
-    std::memset(section_rec, 0, sizeof section_rec);
+    base::cancel_guard no_cancellation;
+    std::memset(table, 0, QV_SECTION_MAX * sizeof *table);
     base::unique_fd fd(open_process_maps());
     if (!fd)
         return -1;
@@ -216,19 +178,27 @@ int procps_read_maps(void)
         }
         base::mapping_line mapping;
         if (base::parse_mapping(line, &mapping) && is_code_mapping(mapping))
-            section_rec[count++] = {mapping.start, mapping.end, 0};
+            table[count++] = {mapping.start, mapping.end, 0};
     }
     return 0;
 }
 
+} // namespace fault
+
+extern "C" {
+
+int procps_read_maps(void)
+{
+    return fault::load_section_table(fault::make_section_table());
+}
+
 int is_dynamic_lib(unsigned long addr)
 {
-    if (section_rec[0].start == 0)
+    const section_record *table = fault::section_table();
+    if (table == nullptr || table[0].start == 0)
         return 1; // without a table every address passes for code: better a wrong entry in a log than none
-    for (const section_record &section : section_rec) {
-        if (section.start == 0)
-            return 0;
-        if (addr >= section.start && addr < section.end)
+    for (int i = 0; i < QV_SECTION_MAX && table[i].start != 0; i++) {
+        if (addr >= table[i].start && addr < table[i].end)
             return 1;
     }
     return 0;
@@ -243,6 +213,7 @@ int qv_backtrace_spec(unsigned long fp, unsigned long pc, unsigned long lr, unsi
     frame_list list(addrs, frames, max);
     if (is_code(pc))
         list.add(pc, fp);
+    lr = without_signature(lr);
     if (lr != 0 && is_code(lr))
         list.add(lr, kNoFrameMark);
     unsigned long outermost = walk_records(round_up_to_word(fp), &list);
@@ -253,44 +224,51 @@ int qv_backtrace_spec(unsigned long fp, unsigned long pc, unsigned long lr, unsi
 
 void backtrace_symbol_to_buffer(unsigned long addr, char *out)
 {
-    auto pointer = reinterpret_cast<void *>(addr);
-    Dl_info info = {};
-    link_map *object = nullptr;
-    int found = ::dladdr1(pointer, &info, reinterpret_cast<void **>(&object), RTLD_DL_LINKMAP);
-    if (found == 0 || info.dli_fname == nullptr || info.dli_fname[0] == '\0') {
-        std::snprintf(out, kSymbolTextSize, "%p", pointer);
-        return;
+    fault::text_buffer text(out, kSymbolTextSize);
+    for (int i = 0; i < kLookUps; i++) {
+        fault::symbol_lookup lookup(addr);
+        text.clear();
+        if (lookup.is_found())
+            append_symbol(addr, &lookup, &text);
+        else
+            text.append_pointer(addr);
+        if (lookup.is_current())
+            return;
     }
-
-    const char *symbol = info.dli_sname != nullptr ? info.dli_sname : "";
-    unsigned long load_bias = object != nullptr ? object->l_addr : 0;
-    unsigned long base = info.dli_sname != nullptr ? reinterpret_cast<unsigned long>(info.dli_saddr) : load_bias;
-    if (info.dli_sname == nullptr && load_bias == 0) {
-        std::snprintf(out, kSymbolTextSize, "%s(%s) [%p]", info.dli_fname, "", pointer);
-        return;
-    }
-    char sign = addr < base ? '-' : '+';
-    std::size_t offset = addr < base ? base - addr : addr - base;
-    std::snprintf(out, kSymbolTextSize, "%s(%s%c%#tx) [%p]", info.dli_fname, symbol, sign,
-                  static_cast<std::ptrdiff_t>(offset), pointer);
+    text.clear();
+    text.append_pointer(addr);
 }
 
 int get_function_name_by_ptr(void *ptr, char *dst, int size)
 {
-    std::size_t room = size > 0 ? static_cast<std::size_t>(size) : 0;
-    if (ptr == nullptr)
-        return std::snprintf(dst, room, "NULL");
-    Dl_info info = {};
-    bool named = ::dladdr(ptr, &info) != 0 && info.dli_sname != nullptr;
-    int length = named ? std::snprintf(dst, room, "%s@%p", info.dli_sname, ptr) : std::snprintf(dst, room, "%p", ptr);
-    if (room != 0)
-        dst[room - 1] = '\0'; // callers hand the whole of dst on, so its last byte is set even behind a short text
-    return length;
+    fault::text_buffer text(dst, size > 0 ? static_cast<std::size_t>(size) : 0);
+    if (ptr == nullptr) {
+        text.append("NULL");
+        return static_cast<int>(text.length());
+    }
+    auto address = reinterpret_cast<unsigned long>(ptr);
+    bool is_named = false;
+    for (int i = 0; i < kLookUps && !is_named; i++) {
+        fault::symbol_lookup lookup(address);
+        text.clear();
+        if (lookup.has_symbol()) {
+            lookup.append_symbol_name(&text);
+            text.append('@');
+        }
+        is_named = lookup.is_current();
+    }
+    if (!is_named)
+        text.clear();
+    text.append_pointer(address);
+    if (size > 0)
+        dst[size - 1] = '\0'; // callers hand the whole of dst on, so its last byte is set even behind a short text
+    return static_cast<int>(text.length());
 }
 
 int get_proc_comm_name(char *buf, int len)
 {
     base::errno_guard keep;
+    base::cancel_guard no_cancellation;
     char path[kPathSize] = "/proc/self/comm";
     if (qv_handle_thread != 0)
         signal_snprintf(path, sizeof path, "/proc/%u/task/%u/comm", ::getpid(), fault::thread_id());

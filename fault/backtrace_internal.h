@@ -3,6 +3,8 @@
 #ifndef LIBCOMMON_FAULT_BACKTRACE_INTERNAL_H
 #define LIBCOMMON_FAULT_BACKTRACE_INTERNAL_H
 
+#include "backtrace.h"
+
 #include <cstddef>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -22,6 +24,9 @@ void backtrace_symbol_to_buffer(unsigned long addr, char *out);
 }
 
 namespace fault {
+
+// Fills a table of QV_SECTION_MAX records from /proc, as procps_read_maps() does. Null is ignored.
+int load_section_table(section_record *table);
 
 inline pid_t thread_id()
 {

@@ -2,13 +2,13 @@
 // The fatal-signal handler, the termination logger and the callback table. Everything here runs inside signal handlers.
 #include "sighandler.h"
 
-#include "backtrace.h"
 #include "base/errno_guard.h"
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
 #include "fault/crash_log.h"
 #include "fault/machine_context.h"
+#include "fault/section_table.h"
 #include "fault/signal_format.h"
 #include "signal_printf.h"
 
@@ -219,7 +219,7 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
     using namespace fault;
     base::errno_guard keep;
     handler_scope scope;
-    procps_read_maps();
+    handler_section_table sections;
 
     crash_record rec = make_record(sig, info, uctx);
     if (call_signal_table(QV_COREDUMP_FIRST, 0, &rec) == 0) {

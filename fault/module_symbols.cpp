@@ -1,0 +1,390 @@
+// SPDX-License-Identifier: Apache-2.0
+// The lock-free twin of dladdr1(). Nothing that is read here is trusted: another thread may unload the module
+// meanwhile, and what was its memory may hold anything. Reads go through safe_memory, indexes stay within the module's
+// range, and no table is walked further than the range is long.
+#include "fault/module_symbols.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/auxv.h>
+
+extern "C" {
+// Since glibc 2.35.
+[[gnu::weak]] decltype(_dl_find_object) _dl_find_object;
+}
+
+namespace fault {
+namespace {
+
+using symbol = ElfW(Sym);
+using hash_word = Elf32_Word;
+
+char **program_arguments;
+
+// The loader takes the program's file name from this array whenever it is asked, so a host that exchanges the first
+// argument sees the new one.
+[[gnu::constructor]] void save_program_arguments(int, char **argv)
+{
+    program_arguments = argv;
+}
+
+unsigned long program_name()
+{
+    return reinterpret_cast<unsigned long>(program_arguments != nullptr ? program_arguments[0]
+                                                                        : program_invocation_name);
+}
+
+// A table that ends at `limit` at the latest, read in pieces of `capacity` elements: scans go upwards.
+template <typename element, std::size_t capacity>
+class table_reader {
+public:
+    table_reader(safe_memory *memory, unsigned long table, unsigned long limit)
+        : memory_(memory), table_(table), most_(limit > table ? (limit - table) / sizeof(element) : 0)
+    {}
+
+    // Null when the element cannot be read. Valid up to the next call.
+    const element *at(unsigned long index)
+    {
+        if (index - first_ >= count_ && !fetch(index))
+            return nullptr;
+        return &elements_[index - first_];
+    }
+
+private:
+    bool fetch(unsigned long index)
+    {
+        if (index >= most_)
+            return false;
+        std::size_t wanted = std::min(most_ - index, capacity) * sizeof(element);
+        first_ = index;
+        count_ = memory_->copy(table_ + index * sizeof(element), elements_.data(), wanted) / sizeof(element);
+        return count_ != 0;
+    }
+
+    safe_memory *memory_;
+    unsigned long table_;
+    unsigned long most_;      // elements up to the limit
+    unsigned long first_ = 0; // the piece: its first index and its length
+    unsigned long count_ = 0;
+    std::array<element, capacity> elements_;
+};
+
+using word_reader = table_reader<hash_word, 128>;
+using symbol_reader = table_reader<symbol, 32>;
+
+unsigned type_of(const symbol &candidate)
+{
+    return ELF64_ST_TYPE(candidate.st_info);
+}
+
+// Symbols that name an address of the module at all: a function that is undefined here counts by its address, which is
+// that of its entry in the program's linkage table.
+bool names_an_address(const symbol &candidate)
+{
+    return type_of(candidate) != STT_TLS && candidate.st_shndx != SHN_ABS &&
+           (candidate.st_shndx != SHN_UNDEF || candidate.st_value != 0);
+}
+
+bool covers(const symbol &candidate, unsigned long offset)
+{
+    if (offset < candidate.st_value)
+        return false;
+    unsigned long distance = offset - candidate.st_value;
+    bool has_no_extent = candidate.st_shndx == SHN_UNDEF || candidate.st_size == 0;
+    return distance < candidate.st_size || (has_no_extent && distance == 0);
+}
+
+bool is_global(const symbol &candidate)
+{
+    unsigned binding = ELF64_ST_BIND(candidate.st_info);
+    return binding == STB_GLOBAL || binding == STB_WEAK;
+}
+
+// Whether the program's segments hold the address. They may lie apart, and what is mapped between them is not the
+// program. The loader closes such gaps of the modules that it maps itself.
+bool is_in_program(unsigned long address, unsigned long load_bias)
+{
+    auto *header = reinterpret_cast<const ElfW(Phdr) *>(::getauxval(AT_PHDR));
+    unsigned long count = ::getauxval(AT_PHNUM);
+    unsigned long page_mask = ::getauxval(AT_PAGESZ) - 1;
+    unsigned long expected = 0;
+    bool is_contiguous = true, is_inside = false;
+    for (unsigned long i = 0; i < count; i++) {
+        if (header[i].p_type != PT_LOAD)
+            continue;
+        unsigned long start = load_bias + header[i].p_vaddr;
+        if (expected != 0 && expected != (start & ~page_mask))
+            is_contiguous = false;
+        expected = (start + header[i].p_memsz + page_mask) & ~page_mask;
+        if (address - start < header[i].p_memsz)
+            is_inside = true;
+    }
+    return is_contiguous || is_inside;
+}
+
+} // namespace
+
+// The innermost symbol that covers an address; of several at the same place, the first.
+class best_symbol {
+public:
+    best_symbol(unsigned long offset, unsigned long strings_size) : offset_(offset), strings_size_(strings_size) {}
+
+    void consider(const symbol &candidate)
+    {
+        if (!names_an_address(candidate) || !covers(candidate, offset_) || candidate.st_name >= strings_size_)
+            return;
+        if (is_found_ && candidate.st_value <= best_.st_value)
+            return;
+        is_found_ = true;
+        best_ = candidate;
+    }
+
+    bool is_found() const { return is_found_; }
+    const symbol &get() const { return best_; }
+
+private:
+    unsigned long offset_; // from the module's load bias
+    unsigned long strings_size_;
+    bool is_found_ = false;
+    symbol best_ = {};
+};
+
+void text_buffer::clear()
+{
+    length_ = 0;
+    if (size_ != 0)
+        to_[0] = '\0';
+}
+
+void text_buffer::append(char c)
+{
+    if (length_ + 1 < size_) {
+        to_[length_] = c;
+        to_[length_ + 1] = '\0';
+    }
+    length_++;
+}
+
+void text_buffer::append(const char *text)
+{
+    while (*text != '\0')
+        append(*text++);
+}
+
+void text_buffer::append_hex(unsigned long value)
+{
+    constexpr int kDigitBits = 4;
+    if (value != 0)
+        append("0x");
+    int shift = 0;
+    while (shift < 60 && value >> shift >> kDigitBits != 0)
+        shift += kDigitBits;
+    for (; shift >= 0; shift -= kDigitBits)
+        append("0123456789abcdef"[value >> shift & 0xf]);
+}
+
+// As printf() writes it.
+void text_buffer::append_pointer(unsigned long address)
+{
+    if (address == 0)
+        append("(nil)");
+    else
+        append_hex(address);
+}
+
+bool is_in_module(unsigned long address)
+{
+    dl_find_object found;
+    return _dl_find_object != nullptr && _dl_find_object(reinterpret_cast<void *>(address), &found) == 0;
+}
+
+symbol_lookup::symbol_lookup(unsigned long address) : address_(address)
+{
+    base::errno_guard keep;
+    if (_dl_find_object != nullptr)
+        look_up();
+    else
+        look_up_by_loader();
+}
+
+bool symbol_lookup::is_current() const
+{
+    if (_dl_find_object == nullptr)
+        return true; // the loader's answer
+    module now;
+    if (!find_module(address_, &now))
+        return module_.map == 0;
+    return now.map == module_.map && now.start == module_.start && now.end == module_.end;
+}
+
+bool symbol_lookup::find_module(unsigned long address, module *found)
+{
+    dl_find_object object;
+    if (_dl_find_object(reinterpret_cast<void *>(address), &object) != 0)
+        return false;
+    found->start = reinterpret_cast<unsigned long>(object.dlfo_map_start);
+    found->end = reinterpret_cast<unsigned long>(object.dlfo_map_end);
+    found->map = reinterpret_cast<unsigned long>(object.dlfo_link_map);
+    return true;
+}
+
+void symbol_lookup::look_up()
+{
+    tables table;
+    if (!find_module(address_, &module_) || !read_module_names() || !read_tables(&table))
+        return;
+    if (table.gnu_hash != 0)
+        scan_gnu_hash(table);
+    else
+        scan_all(table);
+}
+
+// On older systems there is nothing better.
+void symbol_lookup::look_up_by_loader()
+{
+    Dl_info info = {};
+    link_map *map = nullptr;
+    if (::dladdr1(reinterpret_cast<void *>(address_), &info, reinterpret_cast<void **>(&map), RTLD_DL_LINKMAP) == 0)
+        return;
+    module_.load_bias = map != nullptr ? map->l_addr : 0;
+    file_name_ = reinterpret_cast<unsigned long>(info.dli_fname);
+    symbol_name_ = reinterpret_cast<unsigned long>(info.dli_sname);
+    symbol_address_ = reinterpret_cast<unsigned long>(info.dli_saddr);
+}
+
+// Reads the loader's record of the module; false when the address is not the module's after all. The program is the
+// module without a name that comes first.
+bool symbol_lookup::read_module_names()
+{
+    link_map map;
+    if (memory_.copy(module_.map, &map, sizeof map) != sizeof map)
+        return false;
+    module_.load_bias = map.l_addr;
+    module_.dynamic = reinterpret_cast<unsigned long>(map.l_ld);
+    auto name = reinterpret_cast<unsigned long>(map.l_name);
+    char first = '\0';
+    if (name == 0 || memory_.copy(name, &first, 1) != 1)
+        return false;
+    if (first != '\0') {
+        file_name_ = name;
+        return true;
+    }
+    if (map.l_prev != nullptr || !is_in_program(address_, module_.load_bias))
+        return false;
+    unsigned long program = program_name();
+    if (program != 0 && memory_.copy(program, &first, 1) == 1 && first != '\0')
+        file_name_ = program;
+    return true;
+}
+
+// The loader adds the load bias to the addresses in the section of dynamic tags unless that is read-only, as the
+// kernel's own module's is.
+bool symbol_lookup::read_tables(tables *found)
+{
+    table_reader<ElfW(Dyn), 16> tags(&memory_, module_.dynamic, module_.end);
+    auto in_memory = [this](unsigned long address) {
+        bool is_relocated = address >= module_.start && address < module_.end;
+        return is_relocated ? address : address + module_.load_bias;
+    };
+    for (unsigned long i = 0; const ElfW(Dyn) *tag = tags.at(i); i++) {
+        if (tag->d_tag == DT_NULL)
+            break;
+        if (tag->d_tag == DT_SYMTAB)
+            found->symbols = in_memory(tag->d_un.d_ptr);
+        if (tag->d_tag == DT_STRTAB)
+            found->strings = in_memory(tag->d_un.d_ptr);
+        if (tag->d_tag == DT_STRSZ)
+            found->strings_size = tag->d_un.d_val;
+        if (tag->d_tag == DT_HASH)
+            found->hash = in_memory(tag->d_un.d_ptr);
+        if (tag->d_tag == DT_GNU_HASH)
+            found->gnu_hash = in_memory(tag->d_un.d_ptr);
+    }
+    return found->symbols != 0 && found->strings != 0;
+}
+
+// Only the symbols that the hash table leads to: it has those that are defined here, chain after chain.
+//
+//     | buckets | symbol base | bloom words | shift | bloom: 8 bytes each | a word per bucket | a word per symbol |
+//
+// A bucket holds the index of its first symbol, or 0. The lowest bit of a symbol's word ends the chain.
+void symbol_lookup::scan_gnu_hash(const tables &table)
+{
+    constexpr unsigned long kBloomWord = sizeof(ElfW(Addr));
+    struct {
+        hash_word buckets, symbol_base, bloom_words, shift;
+    } head;
+    if (memory_.copy(table.gnu_hash, &head, sizeof head) != sizeof head)
+        return;
+    unsigned long first_bucket = table.gnu_hash + sizeof head + head.bloom_words * kBloomWord;
+    unsigned long chain_start = first_bucket + head.buckets * sizeof(hash_word);
+    word_reader buckets(&memory_, first_bucket, module_.end);
+    word_reader chains(&memory_, chain_start, module_.end);
+    symbol_reader symbols(&memory_, table.symbols, module_.end);
+    best_symbol best(address_ - module_.load_bias, table.strings_size);
+
+    unsigned long left = (module_.end - module_.start) / sizeof(symbol);
+    for (unsigned long bucket = 0; left != 0 && bucket < head.buckets; bucket++) {
+        const hash_word *first = buckets.at(bucket);
+        if (first == nullptr)
+            break;
+        if (*first < head.symbol_base || *first == 0)
+            continue;
+        for (unsigned long index = *first; left != 0; index++, left--) {
+            const symbol *candidate = symbols.at(index);
+            const hash_word *chain = chains.at(index - head.symbol_base);
+            if (candidate == nullptr || chain == nullptr)
+                return; // unloaded
+            best.consider(*candidate);
+            if ((*chain & 1) != 0)
+                break;
+        }
+    }
+    take(best, table);
+}
+
+// Without that table: all global symbols, by the count that the older hash table has in its second word. A module
+// without either is malformed; its strings commonly follow its symbols.
+void symbol_lookup::scan_all(const tables &table)
+{
+    unsigned long count = table.strings > table.symbols ? (table.strings - table.symbols) / sizeof(symbol) : 0;
+    hash_word head[2];
+    if (table.hash != 0)
+        count = memory_.copy(table.hash, head, sizeof head) == sizeof head ? head[1] : 0;
+    symbol_reader symbols(&memory_, table.symbols, module_.end);
+    best_symbol best(address_ - module_.load_bias, table.strings_size);
+    for (unsigned long i = 0; i < count; i++) {
+        const symbol *candidate = symbols.at(i);
+        if (candidate == nullptr)
+            break;
+        if (is_global(*candidate))
+            best.consider(*candidate);
+    }
+    take(best, table);
+}
+
+void symbol_lookup::take(const best_symbol &best, const tables &table)
+{
+    if (!best.is_found())
+        return;
+    symbol_name_ = table.strings + best.get().st_name;
+    symbol_address_ = module_.load_bias + best.get().st_value;
+}
+
+void symbol_lookup::append_text(unsigned long from, text_buffer *text)
+{
+    constexpr unsigned long kLongest = 1 << 20; // no name comes near; garbage without an end may
+    table_reader<char, 64> characters(&memory_, from, from + kLongest);
+    if (from == 0)
+        return;
+    for (unsigned long i = 0; const char *next = characters.at(i); i++) {
+        if (*next == '\0')
+            return;
+        text->append(*next);
+    }
+}
+
+} // namespace fault

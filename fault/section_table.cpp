@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+// Where the calling thread's table of executable mappings lies.
+#include "fault/section_table.h"
+
+#include "base/errno_guard.h"
+#include "fault/backtrace_internal.h"
+
+#include <atomic>
+#include <csignal>
+#include <pthread.h>
+
+extern "C" {
+__thread struct section_record section_rec[QV_SECTION_MAX];
+}
+
+static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
+
+namespace fault {
+namespace {
+
+enum class placement { unknown, with_thread, by_loader };
+
+// Written once, by the constructor or by an earlier call, before there are handlers; each write stores the same.
+std::atomic<placement> placed{placement::unknown};
+std::atomic<unsigned long> distance; // with_thread: from the thread pointer
+std::atomic<bool> has_key;           // by_loader: that there was a key left
+pthread_key_t table_key;
+
+unsigned long thread_pointer()
+{
+    return reinterpret_cast<unsigned long>(__builtin_thread_pointer());
+}
+
+placement find_placement()
+{
+    placement known = placed.load(std::memory_order_acquire);
+    if (known != placement::unknown)
+        return known;
+    unsigned long here = reinterpret_cast<unsigned long>(section_rec) - thread_pointer();
+    if (here == section_descriptor_word()) {
+        distance.store(here, std::memory_order_relaxed);
+        known = placement::with_thread;
+    } else {
+        has_key.store(::pthread_key_create(&table_key, nullptr) == 0, std::memory_order_relaxed);
+        known = placement::by_loader;
+    }
+    placed.store(known, std::memory_order_release);
+    return known;
+}
+
+[[gnu::constructor]] void place_at_load()
+{
+    find_placement();
+}
+
+// The tables to borrow, untouched memory until a handler needs one. A slot belongs to the thread whose pointer is in
+// it, until that handler returns. A callback may leave the handler by siglongjmp(): then the slot stays the thread's,
+// and is there for its next handler. It is taken from it once the thread has ended.
+struct borrowed_table {
+    std::atomic<unsigned long> owner; // 0: free
+    std::atomic<pid_t> owner_id;
+    section_record sections[QV_SECTION_MAX];
+};
+
+constexpr int kBorrowedTables = 16;
+borrowed_table borrowed[kBorrowedTables];
+
+borrowed_table *find_borrowed()
+{
+    unsigned long thread = thread_pointer();
+    for (borrowed_table &table : borrowed) {
+        if (table.owner.load(std::memory_order_relaxed) == thread)
+            return &table;
+    }
+    return nullptr;
+}
+
+bool has_ended(pid_t thread)
+{
+    base::errno_guard keep;
+    return thread != 0 && ::syscall(SYS_tgkill, ::getpid(), thread, 0) == -1 && errno == ESRCH;
+}
+
+borrowed_table *borrow()
+{
+    for (bool from_ended : {false, true}) {
+        for (borrowed_table &table : borrowed) {
+            unsigned long owner = table.owner.load();
+            if (from_ended ? !has_ended(table.owner_id.load()) : owner != 0)
+                continue;
+            if (!table.owner.compare_exchange_strong(owner, thread_pointer()))
+                continue;
+            table.owner_id.store(thread_id());
+            return &table;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
+section_record *section_table()
+{
+    if (find_placement() == placement::with_thread)
+        return reinterpret_cast<section_record *>(thread_pointer() + distance.load(std::memory_order_relaxed));
+    if (has_key.load(std::memory_order_relaxed)) {
+        if (void *table = ::pthread_getspecific(table_key))
+            return static_cast<section_record *>(table);
+    }
+    borrowed_table *table = find_borrowed();
+    return table != nullptr ? table->sections : nullptr;
+}
+
+section_record *make_section_table()
+{
+    if (section_record *table = section_table())
+        return table;
+    if (has_key.load(std::memory_order_relaxed))
+        ::pthread_setspecific(table_key, section_rec);
+    return section_rec;
+}
+
+handler_section_table::handler_section_table()
+{
+    is_borrowed_ = section_table() == nullptr && borrow() != nullptr;
+    if (borrowed_table *table = is_borrowed_ ? nullptr : find_borrowed())
+        table->owner_id.store(thread_id()); // left there by a thread that had this thread's pointer before
+    load_section_table(section_table());
+}
+
+handler_section_table::~handler_section_table()
+{
+    if (!is_borrowed_)
+        return;
+    if (borrowed_table *table = find_borrowed()) {
+        table->owner_id.store(0);
+        table->owner.store(0);
+    }
+}
+
+} // namespace fault

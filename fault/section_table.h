@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// section_table.h - the calling thread's table of executable mappings, reached without the loader. Signal-safe.
+//
+// section_rec is thread-local. An access to it by its name may call the dynamic loader, which takes a lock and
+// allocates: always when the library was loaded by dlopen(), and after any dlopen() of a library with thread-local
+// data. A handler can do neither. The 3 KiB are too many for the small reserve that would let dlopen() place them with
+// the thread.
+//
+// So where the table lies is found out while the library is loaded:
+//
+//     linked by the program    at the same distance from every thread's pointer
+//     loaded by dlopen()       where the thread's record says: a value of a pthread key, which ordinary code sets when
+//     it
+//                              first loads the table; a handler on a thread without one borrows a table
+#ifndef LIBCOMMON_FAULT_SECTION_TABLE_H
+#define LIBCOMMON_FAULT_SECTION_TABLE_H
+
+#include "backtrace.h"
+
+namespace fault {
+
+// The calling thread's table of QV_SECTION_MAX records, or null when it has none yet.
+section_record *section_table();
+
+// Likewise, but a thread without one gets it. May allocate: not in a handler.
+section_record *make_section_table();
+
+// Gives the calling thread a table that is loaded afresh, for the time of a handler's run. When all tables to borrow
+// are out, there is none, and every address counts as code.
+class handler_section_table {
+public:
+    handler_section_table();
+    ~handler_section_table();
+    handler_section_table(const handler_section_table &) = delete;
+    handler_section_table &operator=(const handler_section_table &) = delete;
+
+private:
+    bool is_borrowed_ = false;
+};
+
+// The second word of section_rec's thread-local descriptor. It is section_rec's distance from the thread pointer if
+// that is the same in every thread. One file per architecture.
+unsigned long section_descriptor_word();
+
+} // namespace fault
+
+#endif
