@@ -39,6 +39,13 @@ const char *word_of(log_kind kind)
     return "";
 }
 
+// Threads are often named after what they serve ("rx/eth0"), which would name a folder that does not exist.
+void replace_slashes(char (&out)[kCommandNameSize], const char *name)
+{
+    for (std::size_t i = 0; i < sizeof out - 1 && name[i] != '\0'; i++)
+        out[i] = name[i] == '/' ? '_' : name[i];
+}
+
 // Four register names and, below them, their values.
 void write_register_group(int fd, const machine_context &machine, unsigned first)
 {
@@ -60,8 +67,10 @@ void set_default_path(crash_record *rec, const char *folder, log_kind kind)
     const char *name = command;
     if (get_proc_comm_name(command, sizeof command - 1) <= 0)
         name = program_invocation_short_name;
-    signal_snprintf(rec->log_path, sizeof rec->log_path, "%s/%s%d.%s.%d.log", folder, name, traced_id(), word_of(kind),
-                    static_cast<int>(rec->signo));
+    char file_name[kCommandNameSize] = {};
+    replace_slashes(file_name, name);
+    signal_snprintf(rec->log_path, sizeof rec->log_path, "%s/%s%d.%s.%d.log", folder, file_name, traced_id(),
+                    word_of(kind), static_cast<int>(rec->signo));
 }
 
 bool folder_exists(const char *folder)

@@ -228,6 +228,21 @@ TEST(Crash, WithoutThreadModeTheProcessIsNamed)
     EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
 }
 
+TEST(Crash, ASlashInANameBecomesAnUnderscoreInTheFileName)
+{
+    ChildResult child = run_child([] {
+        qv_set_handle_thread_trace();
+        install_sighandler();
+        rename_process("/rx/eth0/");
+        ::raise(52);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    std::string path = log_path("_rx_eth0_", child.pid, "attach", 52);
+    Log log = read_log(path);
+    EXPECT_EQ(log.error, "");
+    EXPECT_EQ(log.label, path);
+}
+
 TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
 {
     ChildResult child = crash_child([] {
