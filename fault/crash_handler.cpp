@@ -2,20 +2,25 @@
 // The fatal-signal handler, the termination logger and the callback table. Everything here runs inside signal handlers.
 #include "sighandler.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
 #include "fault/crash_log.h"
 #include "fault/machine_context.h"
+#include "fault/running_handlers.h"
 #include "fault/section_table.h"
 #include "fault/signal_format.h"
 #include "signal_printf.h"
 
-#include <atomic>
+#include <algorithm>
 #include <csignal>
 #include <ctime>
+#include <iterator>
 #include <sys/single_threaded.h>
+#include <sys/stat.h>
+#include <ucontext.h>
 
 extern "C" {
 
@@ -40,6 +45,11 @@ bool is_dump_request(int sig)
     return sig == g_attach_signal || sig == kDumpFileSignal || sig == kBacktraceSignal;
 }
 
+bool is_fault_signal(int sig)
+{
+    return std::find(std::begin(kFaultSignals), std::end(kFaultSignals), sig) != std::end(kFaultSignals);
+}
+
 // From here on a further fault, on any thread, ends the process.
 void reset_fault_signals()
 {
@@ -47,82 +57,141 @@ void reset_fault_signals()
         ::signal(sig, SIG_DFL);
 }
 
-// How many handlers are at their logs in the process, and which of them on this thread: the addresses of their scopes,
-// the outermost first (a callback may crash in turn). One that a callback left by siglongjmp() is dropped when the next
-// begins, whose scope then lies where that one's was or further out; it would count as running for good.
-std::atomic<int> handlers_running;
-constexpr int kMaxNested = 8;
-__thread const void *scopes[kMaxNested];
-__thread int handlers_on_thread;
+// A child that a process with threads forked has one thread, which the C library's own mark does not say.
+bool is_single_threaded()
+{
+    if (__libc_single_threaded)
+        return true;
+    constexpr nlink_t kLinksOfOneThread = 3; // the folder's two and one for each thread's folder
+    struct stat tasks;
+    return ::stat("/proc/self/task", &tasks) == 0 && tasks.st_nlink == kLinksOfOneThread;
+}
+
+// The handlers of the fault signals as they were when a thread of many began to die.
+//
+// They stay armed until its log is written: a second thread's fault would else end the process at once and leave
+// neither its own log nor this one. The dying thread itself behaves as if they had been reset (see ends_process()).
+class late_reset {
+public:
+    void arm()
+    {
+        is_armed_ = true;
+        armings_ = armings();
+        for (std::size_t i = 0; i < std::size(kFaultSignals); i++)
+            before_[i] = handler_of(kFaultSignals[i]);
+    }
+
+    // What a callback has set or armed meanwhile stands, as it would after an early reset.
+    void run() const
+    {
+        if (!is_armed_ || armings_ != armings())
+            return;
+        for (std::size_t i = 0; i < std::size(kFaultSignals); i++) {
+            if (handler_of(kFaultSignals[i]) == before_[i])
+                ::signal(kFaultSignals[i], SIG_DFL);
+        }
+    }
+
+private:
+    static sighandler_t handler_of(int sig)
+    {
+        struct sigaction action = {};
+        ::sigaction(sig, nullptr, &action);
+        return action.sa_handler;
+    }
+
+    bool is_armed_ = false;
+    int armings_ = 0;
+    sighandler_t before_[std::size(kFaultSignals)] = {};
+};
+
+// Bounded: another thread's callback may hang, and this process must die.
+class log_patience {
+public:
+    bool is_left()
+    {
+        timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        return polls_++ < kMaxPolls && milliseconds(now) - milliseconds(begin_) < kMaxPolls;
+    }
+
+    log_patience() { ::clock_gettime(CLOCK_MONOTONIC, &begin_); }
+
+private:
+    static constexpr long kMaxPolls = 2000; // of a millisecond at least, should the clock stand
+
+    static long milliseconds(const timespec &t) { return t.tv_sec * 1000 + t.tv_nsec / 1000000; }
+
+    timespec begin_ = {};
+    long polls_ = 0;
+};
+
+void await_other_logs()
+{
+    constexpr timespec kPoll = {0, 1000000};
+    log_patience patience;
+    while (is_other_log_unfinished() && patience.is_left())
+        ::nanosleep(&kPoll, nullptr);
+}
 
 // One run of signal_err(). Lets a dying thread leave only when no other log is being written: its return is the end of
 // the process, and threads that crash together would cut each other's logs.
-//
-// signal_context_flag counts the handlers. Were it put to 0 by the first of two that ends, the second one would print
-// by the ordinary path from then on, with the locks of the code that it interrupted.
 class handler_scope {
 public:
-    handler_scope()
-    {
-        while (handlers_on_thread > 0 && handlers_on_thread <= kMaxNested && scopes[handlers_on_thread - 1] <= this) {
-            count_out();
-            lower_flag();
-        }
-        level_ = handlers_on_thread;
-        if (level_ < kMaxNested)
-            scopes[level_] = this;
-        handlers_on_thread++;
-        handlers_running.fetch_add(1);
-        __atomic_fetch_add(&signal_context_flag, 1, __ATOMIC_SEQ_CST);
-    }
+    handler_scope(int sig, const ucontext_t &interrupted) : run_(sig, interrupted) {}
 
     ~handler_scope()
     {
-        bool counted = handlers_on_thread > level_; // not where a run on another stack took this one for left
-        if (counted)
-            count_out();
-        if (is_dying_) {
-            await_others();
-            if (!__libc_single_threaded)
-                reset_fault_signals();
-        }
-        if (counted)
-            lower_flag();
+        run_.finish_log();
+        if (!is_dying_)
+            return;
+        await_other_logs();
+        reset_.run();
     }
 
     handler_scope(const handler_scope &) = delete;
     handler_scope &operator=(const handler_scope &) = delete;
 
-    // Disarms the handlers. With other threads about, that waits until the logs are written: a second thread's fault
-    // would end the process at once and leave neither its own log nor this one.
+    long call_table(unsigned phase, unsigned long arg, crash_record *rec)
+    {
+        long result = call_signal_table(phase, arg, rec);
+        run_.confirm();
+        return result;
+    }
+
     void start_dying()
     {
         is_dying_ = true;
-        if (__libc_single_threaded)
+        if (is_single_threaded()) {
             reset_fault_signals();
+            return;
+        }
+        run_.start_dying();
+        reset_.arm();
     }
 
 private:
-    static void count_out()
-    {
-        handlers_on_thread--;
-        handlers_running.fetch_sub(1);
-    }
-
-    static void lower_flag() { __atomic_fetch_sub(&signal_context_flag, 1, __ATOMIC_SEQ_CST); }
-
-    // Bounded: another thread's callback may hang, and this process must die.
-    static void await_others()
-    {
-        constexpr timespec kStep = {0, 1000000};
-        constexpr int kMaxSteps = 2000;
-        for (int i = 0; i < kMaxSteps && handlers_running.load() > handlers_on_thread; i++)
-            ::nanosleep(&kStep, nullptr);
-    }
-
+    running_handler run_;
     bool is_dying_ = false;
-    int level_; // this scope's place among the thread's
+    late_reset reset_;
 };
+
+// A fault of a thread that is dying already, say in a callback, ends the process as it does with the handlers reset:
+// the log keeps what was written so far. So does a fault in the handlers of faults in handlers, before their stacks
+// overflow.
+bool ends_process(int sig)
+{
+    constexpr int kMaxNested = 8;
+    return is_fault_signal(sig) && (is_thread_dying() || handlers_on_thread() >= kMaxNested);
+}
+
+// A faulting instruction faults again behind the handler; a signal that was sent has to be sent again.
+void end_process(int sig, const siginfo_t *info)
+{
+    reset_fault_signals();
+    if (info != nullptr && info->si_code <= 0)
+        ::raise(sig);
+}
 
 void announce_dump(const crash_record &rec)
 {
@@ -218,11 +287,16 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
 {
     using namespace fault;
     base::errno_guard keep;
-    handler_scope scope;
+    base::cancel_guard no_cancel;
+    if (ends_process(sig)) {
+        end_process(sig, info);
+        return;
+    }
+    handler_scope scope(sig, *static_cast<const ucontext_t *>(uctx));
     handler_section_table sections;
 
     crash_record rec = make_record(sig, info, uctx);
-    if (call_signal_table(QV_COREDUMP_FIRST, 0, &rec) == 0) {
+    if (scope.call_table(QV_COREDUMP_FIRST, 0, &rec) == 0) {
         if (is_dump_request(sig)) {
             announce_dump(rec);
         } else {
@@ -240,8 +314,8 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
     coredump_backtrace_to_file(fd.get(), &rec);
     // The attach signal is not among the two exceptions: its dumps are as full as a crash's.
     if (sig != kDumpFileSignal && sig != kBacktraceSignal)
-        call_signal_table(QV_COREDUMP_BACKTRACE, log, &rec);
-    call_signal_table(QV_COREDUMP_LAST, log, &rec);
+        scope.call_table(QV_COREDUMP_BACKTRACE, log, &rec);
+    scope.call_table(QV_COREDUMP_LAST, log, &rec);
 }
 
 void signal_terminate(int sig, siginfo_t *info, void *uctx)

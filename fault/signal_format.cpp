@@ -4,6 +4,7 @@
 #include "signal_printf.h"
 
 #include "base/errno_guard.h"
+#include "fault/running_handlers.h"
 
 #include <algorithm>
 #include <array>
@@ -388,6 +389,6 @@ int signal_snprintf(char *buf, int size, const char *fmt, ...)
 
 int in_signal_context(void)
 {
-    return signal_context_flag != 0 ? 1 : 0;
+    return signal_context_flag != 0 && fault::is_handler_running() ? 1 : 0;
 }
 }

@@ -6,6 +6,7 @@
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
+#include "fault/running_handlers.h"
 #include "qv_mtrace.h"
 #include "stack_info.h"
 
@@ -90,6 +91,7 @@ void *install_sighandler2(int sig)
         if (::sigaction(armed.number, &action, nullptr) != 0)
             console_print("install signal handler for %s failed.\n", armed.name);
     }
+    fault::count_arming();
     call_signal_table(QV_COREDUMP_INSTALLED, reinterpret_cast<unsigned long>(&action), nullptr);
     procps_read_maps();
     ::signal(SIGUSR2, signal_mtrace);

@@ -1,0 +1,367 @@
+// SPDX-License-Identifier: Apache-2.0
+// The table of running handlers and the flag that says whether there are any.
+//
+// An entry is one word, so that another thread can compare and remove it in one step:
+//
+//     63     42 41     20 19     10 9   3 2      1       0
+//     | process | thread | sequence | sig | masked | dying | finished |
+//
+// signal_context_flag holds a number that no earlier run has stored, or 0. A run enters the table and then stores its
+// number; a run that leaves reads the flag, finds the table empty and clears the flag only if it is still the same. So
+// the flag is never 0 while a run is in the table: no thread in a handler ever prints by the ordinary path, where it
+// could wait for a lock that it interrupted.
+#include "fault/running_handlers.h"
+
+#include "base/errno_guard.h"
+#include "base/line_reader.h"
+#include "base/unique_fd.h"
+#include "fault/backtrace_internal.h"
+#include "fault/signal_format.h"
+#include "signal_printf.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+
+namespace fault {
+namespace {
+
+using std::uint64_t;
+
+// ---- the words ----
+
+constexpr uint64_t kFinished = 1;
+constexpr uint64_t kDying = 2;
+constexpr uint64_t kMasked = 4; // the kernel blocked the signal when it called the handler
+constexpr int kSignalShift = 3;
+constexpr int kSequenceShift = 10;
+constexpr int kThreadShift = 20;
+constexpr int kProcessShift = 42;
+constexpr uint64_t kSignalMask = 0x7f;
+constexpr uint64_t kSequenceMask = 0x3ff;
+constexpr uint64_t kIdMask = 0x3fffff; // the kernel's ids stay below 4 Mi
+
+uint64_t make_word(pid_t process, pid_t thread, int sig, unsigned sequence, bool is_masked)
+{
+    return (static_cast<uint64_t>(process) & kIdMask) << kProcessShift |
+           (static_cast<uint64_t>(thread) & kIdMask) << kThreadShift | (sequence & kSequenceMask) << kSequenceShift |
+           (static_cast<uint64_t>(sig) & kSignalMask) << kSignalShift | (is_masked ? kMasked : 0);
+}
+
+pid_t process_of(uint64_t word)
+{
+    return static_cast<pid_t>(word >> kProcessShift & kIdMask);
+}
+
+pid_t thread_of(uint64_t word)
+{
+    return static_cast<pid_t>(word >> kThreadShift & kIdMask);
+}
+
+int signal_of(uint64_t word)
+{
+    return static_cast<int>(word >> kSignalShift & kSignalMask);
+}
+
+// ---- the table ----
+
+// `owner` is the thread pointer xor the word: a forked child knows its own entries by it, since the thread pointer is
+// what a thread keeps across fork(). Under another word the value means nothing, and the rest, which only the owning
+// thread uses, is not yet filled.
+struct table_entry {
+    std::atomic<uint64_t> word; // 0 when free
+    std::atomic<uint64_t> owner;
+    const void *frame;
+    bool on_signal_stack;
+    int death; // armings() at the start of dying
+
+    bool is_filled_by(uint64_t pointer, uint64_t its_word) const { return (owner ^ its_word) == pointer; }
+};
+
+constexpr int kEntries = 256;
+table_entry entries[kEntries];
+std::atomic<int> unlisted; // runs that found the table full
+std::atomic<unsigned> next_sequence;
+std::atomic<int> next_flag;
+std::atomic<int> arming_count;
+
+uint64_t thread_pointer()
+{
+    return static_cast<uint64_t>(::pthread_self());
+}
+
+// The calling thread, looked up once for a walk over the table.
+struct thread_identity {
+    pid_t process = ::getpid();
+    pid_t thread = thread_id();
+    uint64_t pointer = thread_pointer();
+
+    bool owns(const table_entry &entry, uint64_t word) const
+    {
+        return process_of(word) == process ? thread_of(word) == thread : entry.is_filled_by(pointer, word);
+    }
+};
+
+template <typename Predicate>
+bool any_entry(Predicate accepts)
+{
+    for (table_entry &entry : entries) {
+        uint64_t word = entry.word;
+        if (word != 0 && accepts(entry, word))
+            return true;
+    }
+    return false;
+}
+
+template <typename Action>
+void for_each_entry(Action act)
+{
+    any_entry([&](table_entry &entry, uint64_t word) {
+        act(entry, word);
+        return false;
+    });
+}
+
+bool remove(table_entry &entry, uint64_t word)
+{
+    return entry.word.compare_exchange_strong(word, 0);
+}
+
+void raise_flag()
+{
+    int number;
+    do
+        number = next_flag.fetch_add(1) + 1;
+    while (number == 0);
+    __atomic_store_n(&signal_context_flag, number, __ATOMIC_SEQ_CST);
+}
+
+void lower_flag_when_idle()
+{
+    int seen = __atomic_load_n(&signal_context_flag, __ATOMIC_SEQ_CST);
+    bool is_idle = unlisted == 0 && !any_entry([](const table_entry &, uint64_t) { return true; });
+    if (is_idle)
+        __atomic_compare_exchange_n(&signal_context_flag, &seen, 0, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+// ---- signal masks, as the kernel keeps them ----
+
+constexpr std::size_t kKernelMaskSize = sizeof(uint64_t);
+
+bool contains(uint64_t mask, int sig)
+{
+    return sig >= 1 && sig <= 64 && (mask >> (sig - 1) & 1) != 0;
+}
+
+uint64_t interrupted_mask(const ucontext_t &interrupted)
+{
+    uint64_t mask;
+    std::memcpy(&mask, &interrupted.uc_sigmask, sizeof mask);
+    return mask;
+}
+
+uint64_t current_mask()
+{
+    uint64_t mask = 0;
+    ::syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &mask, kKernelMaskSize);
+    return mask;
+}
+
+// ---- other threads ----
+
+struct thread_status {
+    char state = '?';
+    bool has_mask = false;
+    uint64_t mask = 0;
+};
+
+thread_status read_status(pid_t thread)
+{
+    char path[64];
+    signal_snprintf(path, sizeof path, "/proc/self/task/%d/status", thread);
+    thread_status status;
+    base::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return status;
+    constexpr char kState[] = "State:\t";
+    constexpr char kMask[] = "SigBlk:\t";
+    base::hfgets_state reader = {};
+    reader.fd = fd.get();
+    char line[base::kLineSize];
+    while (!status.has_mask && base::hfgets(line, &reader) != nullptr) {
+        if (std::strncmp(line, kState, sizeof kState - 1) == 0)
+            status.state = line[sizeof kState - 1];
+        if (std::strncmp(line, kMask, sizeof kMask - 1) == 0) {
+            const char *digits = line + sizeof kMask - 1;
+            unsigned long mask;
+            status.has_mask = base::detail::read_hex_field(&digits, &mask);
+            status.mask = status.has_mask ? mask : 0;
+        }
+    }
+    return status;
+}
+
+// A first thread that ended stays in the process as a zombie.
+bool has_ended(pid_t process, pid_t thread)
+{
+    if (::syscall(SYS_tgkill, process, thread, 0) != 0 && errno == ESRCH)
+        return true;
+    return thread == process && read_status(thread).state == 'Z';
+}
+
+// The signal of a running handler is blocked; siglongjmp() puts the mask back.
+bool was_left(uint64_t word)
+{
+    if ((word & kMasked) == 0)
+        return false;
+    thread_status status = read_status(thread_of(word));
+    return status.has_mask && !contains(status.mask, signal_of(word));
+}
+
+bool is_running(const thread_identity &self, uint64_t word)
+{
+    return process_of(word) == self.process && !has_ended(self.process, thread_of(word)) && !was_left(word);
+}
+
+} // namespace
+
+running_handler::running_handler(int sig, const ucontext_t &interrupted)
+{
+    auto here = reinterpret_cast<std::uintptr_t>(this);
+    on_signal_stack_ =
+        here - reinterpret_cast<std::uintptr_t>(interrupted.uc_stack.ss_sp) < interrupted.uc_stack.ss_size;
+    uint64_t mask = interrupted_mask(interrupted);
+    thread_identity self;
+    for_each_entry([&](table_entry &entry, uint64_t word) {
+        if (!self.owns(entry, word))
+            return;
+        // abort() unblocks its signal, so a handler of SIGABRT may well run inside another one.
+        bool may_be_unmasked = signal_of(word) == SIGABRT && sig == SIGABRT;
+        bool is_unmasked = (word & kMasked) != 0 && !contains(mask, signal_of(word));
+        bool is_inner =
+            entry.is_filled_by(self.pointer, word) && entry.on_signal_stack == on_signal_stack_ && entry.frame <= this;
+        if ((is_unmasked && !may_be_unmasked) || is_inner)
+            remove(entry, word);
+    });
+
+    bool is_masked = contains(current_mask(), sig) && !contains(mask, sig);
+    word_ = make_word(self.process, self.thread, sig, next_sequence.fetch_add(1), is_masked);
+    enter();
+}
+
+running_handler::~running_handler()
+{
+    if (index_ >= 0)
+        remove(entries[index_], word_);
+    else
+        unlisted--;
+    thread_identity self;
+    for_each_entry([&](table_entry &entry, uint64_t word) {
+        if (!self.owns(entry, word) && !is_running(self, word))
+            remove(entry, word);
+    });
+    lower_flag_when_idle();
+}
+
+void running_handler::enter()
+{
+    auto first = static_cast<unsigned>(thread_of(word_));
+    for (unsigned i = 0; i < kEntries && index_ < 0; i++) {
+        auto index = static_cast<int>((first + i) % kEntries);
+        uint64_t free = 0;
+        if (entries[index].word.compare_exchange_strong(free, word_))
+            index_ = index;
+    }
+    if (index_ >= 0) {
+        table_entry &entry = entries[index_];
+        entry.frame = this;
+        entry.on_signal_stack = on_signal_stack_;
+        entry.owner = thread_pointer() ^ word_;
+    } else {
+        unlisted++;
+    }
+    raise_flag();
+}
+
+void running_handler::confirm()
+{
+    if (index_ < 0 || entries[index_].word == word_)
+        return;
+    index_ = -1;
+    enter();
+}
+
+void running_handler::mark(uint64_t bit)
+{
+    uint64_t before = word_;
+    word_ |= bit;
+    if (index_ < 0)
+        return;
+    table_entry &entry = entries[index_];
+    if (entry.word.compare_exchange_strong(before, word_))
+        entry.owner = thread_pointer() ^ word_;
+}
+
+void running_handler::start_dying()
+{
+    if (index_ >= 0)
+        entries[index_].death = arming_count;
+    mark(kDying);
+}
+
+void running_handler::finish_log()
+{
+    mark(kFinished);
+}
+
+bool is_thread_dying()
+{
+    thread_identity self;
+    return any_entry([&](table_entry &entry, uint64_t word) {
+        return (word & kDying) != 0 && self.owns(entry, word) && entry.death == arming_count;
+    });
+}
+
+void count_arming()
+{
+    arming_count++;
+}
+
+int armings()
+{
+    return arming_count;
+}
+
+int handlers_on_thread()
+{
+    thread_identity self;
+    int count = 0;
+    for_each_entry([&](table_entry &entry, uint64_t word) { count += self.owns(entry, word) ? 1 : 0; });
+    return count;
+}
+
+bool is_other_log_unfinished()
+{
+    thread_identity self;
+    return any_entry([&](table_entry &entry, uint64_t word) {
+        return (word & kFinished) == 0 && !self.owns(entry, word) && is_running(self, word);
+    });
+}
+
+// A run that a callback left counts until another one ends: the contract of the flag is that a handler clears it.
+bool is_handler_running()
+{
+    if (unlisted != 0)
+        return true;
+    base::errno_guard keep;
+    thread_identity self;
+    return any_entry([&](table_entry &entry, uint64_t word) {
+        return self.owns(entry, word) ||
+               (process_of(word) == self.process && !has_ended(self.process, thread_of(word)));
+    });
+}
+
+} // namespace fault

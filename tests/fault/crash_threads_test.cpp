@@ -1,0 +1,558 @@
+// SPDX-License-Identifier: Apache-2.0
+// The fatal-signal handler in processes with threads: who dies of what, who counts as inside, and no cancellation.
+#include "fault/crash_support.h"
+
+#include "console_print.h"
+#include "signal_printf.h"
+
+#include <atomic>
+#include <csetjmp>
+#include <ctime>
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+using namespace support;
+using namespace crash;
+
+namespace {
+
+constexpr char kName[] = "routed";
+
+// ---- a callback steered by the running case ----
+
+void (*in_phase[8])(); // what the callback does, by phase
+int runs_fd = -1;      // gets a byte for each run of the handler
+
+long act(unsigned phase, unsigned long, void *)
+{
+    if (phase == QV_COREDUMP_FIRST && runs_fd >= 0 && ::write(runs_fd, "r", 1) != 1)
+        ::_exit(97);
+    if (phase < std::size(in_phase) && in_phase[phase] != nullptr)
+        in_phase[phase]();
+    return 0;
+}
+
+QV_COREDUMP_CALLBACK(act);
+
+pthread_t start(void *(*body)(void *), void *arg = nullptr)
+{
+    pthread_t thread;
+    if (::pthread_create(&thread, nullptr, body, arg) != 0)
+        ::_exit(90);
+    return thread;
+}
+
+void *idle(void *)
+{
+    for (;;)
+        ::pause();
+    return nullptr;
+}
+
+template <typename Condition>
+void wait_until(Condition holds)
+{
+    while (!holds())
+        ::usleep(200);
+}
+
+// A process with a second thread that does nothing.
+ChildResult threaded_child(const std::function<void()> &body, int timeout_ms = 20000)
+{
+    return run_child(
+        [&] {
+            rename_process(kName);
+            runs_fd = ::open("/tmp/runs", O_WRONLY | O_CREAT | O_APPEND, 0666);
+            install_sighandler();
+            start(idle);
+            body();
+        },
+        timeout_ms);
+}
+
+std::size_t runs()
+{
+    return read_file("/tmp/runs").size();
+}
+
+std::string core_path(const ChildResult &child, const std::string &kind, int sig)
+{
+    return log_path(kName, child.pid, kind, sig);
+}
+
+sighandler_t disposition(int sig)
+{
+    struct sigaction action;
+    ::sigaction(sig, nullptr, &action);
+    return action.sa_handler;
+}
+
+void expect_log_up_to_the_callback(const ChildResult &child, int sig)
+{
+    Log log = read_log(core_path(child, "coredump", sig));
+    EXPECT_EQ(log.error, "");
+    EXPECT_EQ(log.sig, sig);
+}
+
+// Slow sleeps: a wait that counts them instead of reading the clock takes far too long.
+bool sleeps_are_slow;
+
+} // namespace
+
+extern "C" int nanosleep(const timespec *time, timespec *rest)
+{
+    timespec slow = {0, 50000000};
+    return ::clock_nanosleep(CLOCK_MONOTONIC, 0, sleeps_are_slow ? &slow : time, rest);
+}
+
+// ---- a dying thread is as good as disarmed ----
+
+TEST(Dying, ACallbackThatAbortsEndsTheProcess)
+{
+    for (unsigned phase : {QV_COREDUMP_BACKTRACE, QV_COREDUMP_LAST}) {
+        ::unlink("/tmp/runs");
+        ChildResult child = threaded_child([phase] {
+            in_phase[phase] = [] { std::abort(); };
+            write_null();
+        });
+        EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status << child.timed_out;
+        EXPECT_LE(runs(), 2U);
+        expect_log_up_to_the_callback(child, SIGSEGV);
+    }
+}
+
+TEST(Dying, ACallbackThatAbortsWithinAbort)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = [] { std::abort(); };
+        std::abort();
+    });
+    EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status << child.timed_out;
+    EXPECT_LE(runs(), 2U);
+    expect_log_up_to_the_callback(child, SIGABRT);
+}
+
+TEST(Dying, ACallbackThatAlwaysAbortsAtItsEntryIsNotAskedForLong)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_FIRST] = [] { std::abort(); };
+        write_null();
+    });
+    EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status << child.timed_out;
+    EXPECT_LE(runs(), 10U);
+}
+
+namespace {
+
+// The word after the newest block is the size of what is left of the heap.
+NO_SANITIZERS void destroy_heap()
+{
+    for (int i = 0; i < 20; i++) {
+        auto *block = static_cast<char *>(std::malloc(20000));
+        *reinterpret_cast<volatile unsigned long *>(block + ::malloc_usable_size(block)) = 0xa5a5a5a5a5a5a5a5;
+    }
+}
+
+} // namespace
+
+// The allocator finds the damage with its lock taken, and aborts.
+TEST(Dying, ACallbackThatAllocatesOnADestroyedHeap)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer's allocator keeps its records elsewhere";
+    ChildResult child = threaded_child([] {
+        ::close(STDERR_FILENO); // where the allocator's complaint would go
+        in_phase[QV_COREDUMP_LAST] = destroy_heap;
+        write_null();
+    });
+    EXPECT_TRUE(child.killed_by(SIGABRT)) << child.status << child.timed_out;
+    EXPECT_LE(runs(), 2U);
+    expect_log_up_to_the_callback(child, SIGSEGV);
+}
+
+TEST(Dying, ASentSignalEndsTheProcessToo)
+{
+    for (int sig : {SIGILL, SIGBUS, SIGABRT}) {
+        static int to_send;
+        to_send = sig;
+        ChildResult child = threaded_child([] {
+            in_phase[QV_COREDUMP_LAST] = [] { ::raise(to_send); };
+            write_null();
+        });
+        EXPECT_TRUE(child.killed_by(sig)) << child.status << child.timed_out;
+        expect_log_up_to_the_callback(child, SIGSEGV);
+    }
+}
+
+TEST(Dying, DumpRequestsAreStillServed)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_BACKTRACE] = [] { ::raise(52); };
+        write_null();
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
+    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+TEST(Dying, ASentSignalDisarmsWhenTheLogIsWritten)
+{
+    ChildResult child = threaded_child([] {
+        ::raise(SIGSEGV);
+        for (int sig : {SIGBUS, SIGABRT, SIGSEGV, SIGILL})
+            EXPECT_EQ(disposition(sig), SIG_DFL) << sig;
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Dying, WhatACallbackSetsOrArmsStands)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = [] { ::signal(SIGBUS, SIG_IGN); };
+        ::raise(SIGSEGV);
+        EXPECT_EQ(disposition(SIGBUS), SIG_IGN);
+        EXPECT_EQ(disposition(SIGSEGV), SIG_DFL);
+        in_phase[QV_COREDUMP_LAST] = [] { install_sighandler(); };
+        install_sighandler();
+        ::raise(SIGSEGV);
+        EXPECT_NE(disposition(SIGSEGV), SIG_DFL);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+namespace {
+
+sigjmp_buf way_out;
+
+} // namespace
+
+TEST(Dying, AThreadThatLeftItsDeathDiesOfTheNextFaultUnlessItArmsAgain)
+{
+    for (bool arms : {false, true}) {
+        ::unlink("/tmp/runs");
+        ChildResult child = threaded_child([arms] {
+            in_phase[QV_COREDUMP_LAST] = [] { siglongjmp(way_out, 1); };
+            if (sigsetjmp(way_out, 1) == 0)
+                write_null();
+            in_phase[QV_COREDUMP_LAST] = nullptr;
+            if (arms)
+                install_sighandler();
+            jump_wild();
+        });
+        EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+        EXPECT_EQ(runs(), arms ? 2U : 1U);
+    }
+}
+
+namespace {
+
+bool is_reset_at_backtrace;
+
+} // namespace
+
+TEST(Dying, AForkedChildOfAThreadedProcessDisarmsFirst)
+{
+    ChildResult child = threaded_child([] {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            in_phase[QV_COREDUMP_BACKTRACE] = [] { is_reset_at_backtrace = disposition(SIGSEGV) == SIG_DFL; };
+            ::raise(SIGSEGV);
+            ::_exit(is_reset_at_backtrace ? 0 : 1);
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
+{
+    ChildResult child = threaded_child([] {
+        static std::atomic<bool> is_hanging;
+        static pthread_t hanging;
+        in_phase[QV_COREDUMP_FIRST] = [] {
+            if (!::pthread_equal(::pthread_self(), hanging))
+                return;
+            is_hanging = true;
+            idle(nullptr);
+        };
+        hanging = start([](void *) -> void * {
+            ::usleep(1000); // until `hanging` is written
+            ::raise(52);
+            return nullptr;
+        });
+        wait_until([] { return is_hanging.load(); });
+        sleeps_are_slow = true;
+        write_null();
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+// ---- who counts as inside a handler ----
+
+namespace {
+
+std::atomic<bool> is_inside, may_leave;
+
+void stay_inside()
+{
+    is_inside = true;
+    while (!may_leave)
+        ::usleep(200);
+}
+
+void *request_dump(void *)
+{
+    ::raise(52);
+    return nullptr;
+}
+
+int mirrored;
+
+int count_mirrored(const char *, va_list)
+{
+    mirrored++;
+    return 0;
+}
+
+// Whether this process prints by the ordinary path, which alone calls the hook.
+bool prints_ordinarily()
+{
+    mirrored = 0;
+    console_print_mfunc_set(count_mirrored);
+    console_print("a line\n");
+    return mirrored == 1 && in_signal_context() == 0;
+}
+
+int status_of(pid_t pid)
+{
+    int status = -1;
+    ::waitpid(pid, &status, 0);
+    return status;
+}
+
+} // namespace
+
+TEST(Context, AForkedChildDoesNotInheritOtherThreadsHandlers)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = stay_inside;
+        pthread_t thread = start(request_dump);
+        wait_until([] { return is_inside.load(); });
+        EXPECT_EQ(in_signal_context(), 1);
+        for (auto fork_call : {&::fork, &::_Fork}) {
+            pid_t pid = fork_call();
+            if (pid == 0) {
+                in_phase[QV_COREDUMP_LAST] = nullptr;
+                bool is_right = prints_ordinarily();
+                ::raise(52);
+                ::_exit(is_right && prints_ordinarily() ? 0 : 1);
+            }
+            EXPECT_EQ(status_of(pid), 0);
+        }
+        EXPECT_EQ(in_signal_context(), 1);
+        may_leave = true;
+        ::pthread_join(thread, nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, AChildForkedByACallbackIsStillInside)
+{
+    ChildResult child = threaded_child([] {
+        static pid_t pid;
+        in_phase[QV_COREDUMP_LAST] = [] {
+            pid = ::fork();
+            if (pid == 0 && in_signal_context() != 1)
+                ::_exit(1);
+        };
+        ::raise(52);
+        EXPECT_EQ(in_signal_context(), 0);
+        if (pid == 0)
+            ::_exit(in_signal_context());
+        EXPECT_EQ(status_of(pid), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+namespace {
+
+void leave_handler()
+{
+    in_phase[QV_COREDUMP_LAST] = [] { siglongjmp(way_out, 1); };
+    if (sigsetjmp(way_out, 1) == 0)
+        ::raise(52);
+    in_phase[QV_COREDUMP_LAST] = nullptr;
+}
+
+NO_SANITIZERS void raise_deeper(int levels)
+{
+    volatile char frame[1024];
+    frame[0] = 0;
+    if (levels > 0)
+        raise_deeper(levels - 1);
+    else
+        ::raise(52);
+    frame[1] = frame[0];
+}
+
+} // namespace
+
+TEST(Context, ALeftHandlerIsForgottenByADeeperOne)
+{
+    ChildResult child = threaded_child([] {
+        leave_handler();
+        raise_deeper(50);
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_TRUE(prints_ordinarily());
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, ALeftHandlerIsForgottenByOneOnAnotherThread)
+{
+    ChildResult child = threaded_child([] {
+        leave_handler();
+        ::pthread_join(start(request_dump), nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_TRUE(prints_ordinarily());
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, AnOuterHandlerIsNotForgottenByADeeperOne)
+{
+    ChildResult child = threaded_child([] {
+        static int depth, context[3];
+        in_phase[QV_COREDUMP_LAST] = [] {
+            int level = depth++;
+            if (level == 0)
+                ::raise(14);
+            context[level] = in_signal_context();
+        };
+        ::raise(52);
+        EXPECT_EQ(depth, 2);
+        EXPECT_EQ(context[0], 1);
+        EXPECT_EQ(context[1], 1);
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, AnotherThreadsHandlerStillCountsWhenOneReturns)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = stay_inside;
+        pthread_t thread = start(request_dump);
+        wait_until([] { return is_inside.load(); });
+        in_phase[QV_COREDUMP_LAST] = nullptr;
+        ::raise(14);
+        EXPECT_EQ(in_signal_context(), 1);
+        may_leave = true;
+        ::pthread_join(thread, nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, AThreadThatEndedInsideDoesNotCount)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
+        ::pthread_join(start(request_dump), nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_TRUE(prints_ordinarily());
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, ErrnoIsKept)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
+        ::pthread_join(start(request_dump), nullptr);
+        errno = E2BIG;
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(errno, E2BIG);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+// ---- cancellation ----
+
+namespace {
+
+std::atomic<bool> went_on;
+
+void *cancel_self_and_dump(void *)
+{
+    ::pthread_cancel(::pthread_self());
+    ::raise(52);
+    went_on = true;
+    ::pthread_testcancel();
+    return nullptr;
+}
+
+} // namespace
+
+TEST(Cancellation, APendingRequestActsAfterTheHandler)
+{
+    ChildResult child = threaded_child([] {
+        ::raise(52); // opens what stays open
+        std::size_t descriptors = list_dir("/proc/self/fd").size();
+        for (int i = 0; i < 20; i++) {
+            went_on = false;
+            void *result = nullptr;
+            ::pthread_join(start(cancel_self_and_dump), &result);
+            EXPECT_EQ(result, PTHREAD_CANCELED);
+            EXPECT_TRUE(went_on);
+        }
+        EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
+    EXPECT_EQ(runs(), 21U);
+    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
+}
+
+TEST(Cancellation, ARequestInTheMiddleOfACrashDoesNotCutItsLog)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_FIRST] = [] { ::pthread_cancel(::pthread_self()); };
+        pthread_t thread = start([](void *) -> void * {
+            write_null();
+            return nullptr;
+        });
+        ::pthread_join(thread, nullptr);
+        idle(nullptr);
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+TEST(Cancellation, AThreadThatIsCancelledAtAnyTimeFinishesItsLog)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_FIRST] = stay_inside;
+        pthread_t thread = start([](void *) -> void * {
+            ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+            ::raise(52);
+            for (;;)
+                continue;
+        });
+        wait_until([] { return is_inside.load(); });
+        ::pthread_cancel(thread);
+        may_leave = true;
+        ::pthread_join(thread, nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
+    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
+}
