@@ -3,6 +3,7 @@
 #ifndef LIBCOMMON_FAULT_CRASH_HANDLER_H
 #define LIBCOMMON_FAULT_CRASH_HANDLER_H
 
+#include <atomic>
 #include <csignal>
 
 namespace fault {
@@ -17,6 +18,9 @@ inline constexpr int kFaultSignals[] = {SIGBUS, SIGABRT, SIGSEGV, SIGILL};
 
 // A dump request even before any handler is armed. Written once the handler of another signal is in place.
 extern int g_attach_signal;
+
+// The sa_flags to arm the crash handler with: SA_ONSTACK is among them once a thread has asked for a stack.
+extern std::atomic<int> g_crash_action_flags;
 
 } // namespace fault
 

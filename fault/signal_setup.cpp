@@ -44,12 +44,13 @@ constexpr int kIgnoredSignals[] = {SIGBUS,  SIGILL,  SIGSEGV, SIGABRT,         S
 
 constexpr int kDisarmedSignals[] = {SIGBUS, SIGILL, SIGSEGV, SIGABRT};
 
-// SA_SIGINFO and nothing else: the handler stays armed, and interrupted calls fail with EINTR, which hosts count on.
-struct sigaction make_action(void (*handler)(int, siginfo_t *, void *))
+// SA_SIGINFO and nothing else unless a host asks: the handler stays armed, and interrupted calls fail with EINTR, which
+// hosts count on.
+struct sigaction make_action(void (*handler)(int, siginfo_t *, void *), int flags = SA_SIGINFO)
 {
     struct sigaction action = {};
     action.sa_sigaction = handler;
-    action.sa_flags = SA_SIGINFO;
+    action.sa_flags = flags;
     return action;
 }
 
@@ -82,7 +83,7 @@ void *install_sighandler(void)
 void *install_sighandler2(int sig)
 {
     load_unwinder();
-    struct sigaction action = make_action(signal_err);
+    struct sigaction action = make_action(signal_err, fault::g_crash_action_flags);
     if (::sigaction(sig, &action, nullptr) == 0)
         g_attach_signal = sig;
     else

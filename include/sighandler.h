@@ -5,11 +5,18 @@
  *
  *     install_sighandler();
  *
- * From then on SIGSEGV, SIGBUS, SIGILL and SIGABRT leave a crash log, /etc/core/<name><pid>.coredump.<signal>.log,
- * before they end the process as ever. Signals 14 (the attach signal), 51 and 52 are dump requests: the same log with
- * "attach" in its name (signal 51: below /tmp/dump, when that exists), and the process goes on. A log holds the
- * registers, the fault address and a frame-pointer backtrace of the interrupted thread. An older log of the same name
- * is written over and not cut: text beyond the new end is the older log's.
+ * From then on a fault of the process (SIGSEGV, SIGBUS, SIGILL) and abort() leave a crash log,
+ * /etc/core/<name><pid>.coredump.<signal>.log ('/' in a name becomes '_'), before they end the process. Signals 14
+ * (SIGALRM, the attach signal), 51 and 52 are dump requests: the same log with "attach" in its name (signal 51: below
+ * /tmp/dump, when that exists), and the process goes on. A log holds the registers, the fault address and a backtrace
+ * of the interrupted thread. An older log of the same name is overwritten and not cut: text beyond the new end is the
+ * older log's.
+ *
+ * What is not covered: other signals that end a process, SIGFPE, SIGTRAP, SIGSYS and SIGQUIT among them, leave no log.
+ * A fault signal that is sent, as by kill -SEGV, leaves a log and disarms the handlers, but the process lives on, since
+ * no instruction faults again; the next fault ends it without a log. SIGALRM is no longer available to alarm() and
+ * setitimer(): each expiry is a dump request. Writing below /etc/core, /flash/core and /tmp/dump takes root on most
+ * systems; another user gets the console messages of a failed log. Sending a dump request takes the same user or root.
  *
  * A host takes part in the dump through callbacks. They are entries of a table that its link collects; link the host
  * with libcommon-host.ld:
@@ -22,9 +29,18 @@
  *     }
  *     QV_COREDUMP_CALLBACK(add_state);
  *
- * The handlers run on the stack of the interrupted thread; there is no alternate stack, so an overflown stack leaves no
- * log. A dying thread waits, for a moment at most, until the other threads that are inside the handler have finished
- * their logs, and in a process with threads it disarms the handlers only then, so that none cuts another's log.
+ * The handlers run on the stack of the interrupted thread, and a dump takes up to QV_DUMP_STACK_SIZE bytes of it. An
+ * overflown stack leaves no log unless its thread has called qv_use_signal_stack().
+ *
+ * Several threads: a dying thread waits, for 2 seconds at most, until the other threads that are inside the handler
+ * have finished their logs, and disarms the handlers only then, so that threads that crash together leave complete
+ * logs. For the dying thread itself they count as disarmed when its death is announced: a fault of a callback, or its
+ * abort(), ends the process with that signal and keeps the log as far as it was written. A process with one thread
+ * disarms the handlers before the announcement.
+ *
+ * The handlers are no cancellation points: a pending pthread_cancel() acts after the handler. A callback may leave the
+ * handler by siglongjmp() to a sigsetjmp() that saved the signal mask; cancellation is then still disabled, and the log
+ * still open. in_signal_context() returns 0 again after the next handler has returned on any thread.
  */
 #ifndef LIBCOMMON_SIGHANDLER_H
 #define LIBCOMMON_SIGHANDLER_H
@@ -45,6 +61,13 @@ typedef void qv_siginfo;
 
 #define QV_COREDUMP_DEPTH 20
 #define QV_COREDUMP_PATH_SIZE 128
+
+/* Stack that a dump takes, in bytes, the kernel's signal frame included, callbacks and vector registers beyond 128 bits
+ * not. */
+#define QV_DUMP_STACK_SIZE 16384
+
+/* Size of a stack from qv_use_signal_stack(), in bytes. */
+#define QV_SIGNAL_STACK_SIZE 65536
 
 /** One crash or dump request, as callbacks see it. Other modules share this layout. */
 typedef struct crash_record {
@@ -110,6 +133,17 @@ QV_API void *install_sighandler2(int sig);
  * @return NULL
  */
 QV_API void *pstrace_terminate_signal(void);
+
+/**
+ * Gives the calling thread an alternate signal stack of QV_SIGNAL_STACK_SIZE bytes with a guard page below, and lets the
+ * crash handler use alternate stacks (SA_ONSTACK), in all threads and whether it is armed already or later. Call it in
+ * each thread whose stack overflow is to leave a log; threads without an alternate stack are not affected. The stack is
+ * freed when the thread ends. A thread that has an alternate stack at least as large keeps it; a smaller one is
+ * replaced, and restored when the thread ends. Further calls in a thread do nothing.
+ * Thread-safe; not for signal handlers.
+ * @return 0, or -1 with errno set (ENOMEM; EPERM when called on an alternate stack)
+ */
+QV_API int qv_use_signal_stack(void);
 
 /** Names logs, and looks into /proc, by thread instead of by process. There is no way back. */
 QV_API void qv_set_handle_thread_trace(void);
