@@ -7,7 +7,7 @@
 //     | process | thread | sequence | sig | masked | dying | finished |
 //
 // signal_context_flag holds a number that no earlier run has stored, or 0. A run enters the table and then stores its
-// number; a run that leaves reads the flag, finds the table empty and clears the flag only if it is still the same. So
+// number; who finds the table empty clears the flag only if it is the same as before the search. So
 // the flag is never 0 while a run is in the table: no thread in a handler ever prints by the ordinary path, where it
 // could wait for a lock that it interrupted.
 #include "fault/running_handlers.h"
@@ -76,7 +76,8 @@ struct table_entry {
     std::atomic<uint64_t> owner;
     const void *frame;
     bool on_signal_stack;
-    int death; // armings() at the start of dying
+    int death;               // armings() at the start of dying
+    std::atomic<int> number; // the flag's when it entered
 
     bool is_filled_by(uint64_t pointer, uint64_t its_word) const { return (owner ^ its_word) == pointer; }
 };
@@ -85,7 +86,8 @@ constexpr int kEntries = 256;
 table_entry entries[kEntries];
 std::atomic<int> unlisted; // runs that found the table full
 std::atomic<unsigned> next_sequence;
-std::atomic<int> next_flag;
+std::atomic<int> last_number;
+std::atomic<int> ended_number; // last_number when the latest run ended
 std::atomic<int> arming_count;
 
 uint64_t thread_pointer()
@@ -130,12 +132,14 @@ bool remove(table_entry &entry, uint64_t word)
     return entry.word.compare_exchange_strong(word, 0);
 }
 
-void raise_flag()
+int next_number()
 {
-    int number;
-    do
-        number = next_flag.fetch_add(1) + 1;
-    while (number == 0);
+    int number = last_number.fetch_add(1) + 1;
+    return number != 0 ? number : next_number();
+}
+
+void raise_flag(int number)
+{
     __atomic_store_n(&signal_context_flag, number, __ATOMIC_SEQ_CST);
 }
 
@@ -213,17 +217,19 @@ bool has_ended(pid_t process, pid_t thread)
 }
 
 // The signal of a running handler is blocked; siglongjmp() puts the mask back.
-bool was_left(uint64_t word)
+bool was_left(const thread_identity &self, uint64_t word)
 {
     if ((word & kMasked) == 0)
         return false;
+    if (thread_of(word) == self.thread)
+        return !contains(current_mask(), signal_of(word));
     thread_status status = read_status(thread_of(word));
     return status.has_mask && !contains(status.mask, signal_of(word));
 }
 
 bool is_running(const thread_identity &self, uint64_t word)
 {
-    return process_of(word) == self.process && !has_ended(self.process, thread_of(word)) && !was_left(word);
+    return process_of(word) == self.process && !has_ended(self.process, thread_of(word)) && !was_left(self, word);
 }
 
 } // namespace
@@ -263,11 +269,13 @@ running_handler::~running_handler()
         if (!self.owns(entry, word) && !is_running(self, word))
             remove(entry, word);
     });
+    ended_number = last_number.load();
     lower_flag_when_idle();
 }
 
 void running_handler::enter()
 {
+    int number = next_number();
     auto first = static_cast<unsigned>(thread_of(word_));
     for (unsigned i = 0; i < kEntries && index_ < 0; i++) {
         auto index = static_cast<int>((first + i) % kEntries);
@@ -279,11 +287,12 @@ void running_handler::enter()
         table_entry &entry = entries[index_];
         entry.frame = this;
         entry.on_signal_stack = on_signal_stack_;
+        entry.number = number;
         entry.owner = thread_pointer() ^ word_;
     } else {
         unlisted++;
     }
-    raise_flag();
+    raise_flag(number);
 }
 
 void running_handler::confirm()
@@ -307,6 +316,7 @@ void running_handler::mark(uint64_t bit)
 
 void running_handler::start_dying()
 {
+    confirm();
     if (index_ >= 0)
         entries[index_].death = arming_count;
     mark(kDying);
@@ -351,17 +361,27 @@ bool is_other_log_unfinished()
     });
 }
 
-// A run that a callback left counts until another one ends: the contract of the flag is that a handler clears it.
+// A run that a callback left counts until another one ends: the contract of the flag is that a handler clears it. The
+// one that ended may have found the thread's signals blocked for a moment, as in pthread_create(), so runs that began
+// before its end are checked again here.
 bool is_handler_running()
 {
     if (unlisted != 0)
         return true;
     base::errno_guard keep;
     thread_identity self;
-    return any_entry([&](table_entry &entry, uint64_t word) {
-        return self.owns(entry, word) ||
-               (process_of(word) == self.process && !has_ended(self.process, thread_of(word)));
+    bool is_running_here = any_entry([&](table_entry &entry, uint64_t word) {
+        if (process_of(word) != self.process)
+            return self.owns(entry, word);
+        bool is_older = entry.number - ended_number <= 0;
+        if (!has_ended(self.process, thread_of(word)) && !(is_older && was_left(self, word)))
+            return true;
+        remove(entry, word);
+        return false;
     });
+    if (!is_running_here)
+        lower_flag_when_idle();
+    return is_running_here;
 }
 
 } // namespace fault

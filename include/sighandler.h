@@ -135,10 +135,10 @@ QV_API void *install_sighandler2(int sig);
 QV_API void *pstrace_terminate_signal(void);
 
 /**
- * Gives the calling thread an alternate signal stack of QV_SIGNAL_STACK_SIZE bytes with a guard page below, and lets the
- * crash handler use alternate stacks (SA_ONSTACK), in all threads and whether it is armed already or later. Call it in
- * each thread whose stack overflow is to leave a log; threads without an alternate stack are not affected. The stack is
- * freed when the thread ends. A thread that has an alternate stack at least as large keeps it; a smaller one is
+ * Gives the calling thread an alternate signal stack of QV_SIGNAL_STACK_SIZE bytes with a guard page below, and lets
+ * the crash handler use alternate stacks (SA_ONSTACK), in all threads and whether it is armed already or later. Call it
+ * in each thread whose stack overflow is to leave a log; threads without an alternate stack are not affected. The stack
+ * is freed when the thread ends. A thread that has an alternate stack at least as large keeps it; a smaller one is
  * replaced, and restored when the thread ends. Further calls in a thread do nothing.
  * Thread-safe; not for signal handlers.
  * @return 0, or -1 with errno set (ENOMEM; EPERM when called on an alternate stack)

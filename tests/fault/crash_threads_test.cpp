@@ -427,6 +427,29 @@ TEST(Context, ALeftHandlerIsForgottenByOneOnAnotherThread)
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
 
+TEST(Context, ALeftHandlerIsForgottenThoughItsThreadHadSignalsBlocked)
+{
+    ChildResult child = threaded_child([] {
+        leave_handler();
+        static std::atomic<bool> is_ready, is_blocked;
+        pthread_t thread = start([](void *) -> void * {
+            is_ready = true;
+            wait_until([] { return is_blocked.load(); });
+            return request_dump(nullptr);
+        });
+        wait_until([] { return is_ready.load(); });
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        is_blocked = true;
+        ::pthread_join(thread, nullptr);
+        ::pthread_sigmask(SIG_UNBLOCK, &all, nullptr);
+        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_TRUE(prints_ordinarily());
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
 TEST(Context, AnOuterHandlerIsNotForgottenByADeeperOne)
 {
     ChildResult child = threaded_child([] {
