@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // qvcrash - reads what crashed processes left. Its manual page describes the commands and exit statuses.
 #include "analysis.h"
+#include "group.h"
 #include "report.h"
 #include "symbolizer.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -58,6 +62,79 @@ int show(const show_options &options)
     return all_read ? kAllRead : kSomeUnread;
 }
 
+struct group_options {
+    std::vector<std::string> paths;
+    std::string skip_list;
+    std::string html;
+    std::size_t frames = kDefaultSignatureFrames;
+    unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+    bool as_json = false;
+};
+
+// Shows how many logs were read, on a terminal only.
+class progress_line {
+public:
+    explicit progress_line(const read_progress &progress)
+    {
+        if (::isatty(STDERR_FILENO) == 0)
+            return;
+        painter_ = std::jthread([&progress](const std::stop_token &stop) {
+            while (!stop.stop_requested()) {
+                std::fprintf(stderr, "\r%llu logs", static_cast<unsigned long long>(progress.logs.load()));
+                std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            }
+            std::fprintf(stderr, "\r\33[K");
+        });
+    }
+
+private:
+    std::jthread painter_;
+};
+
+bool write_file(const std::string &path, const std::string &content)
+{
+    std::FILE *file = std::fopen(path.c_str(), "we");
+    bool is_written = file != nullptr && std::fwrite(content.data(), 1, content.size(), file) == content.size();
+    is_written = file != nullptr && std::fclose(file) == 0 && is_written;
+    if (!is_written)
+        std::fprintf(stderr, "qvcrash: %s: %s\n", path.c_str(), std::strerror(errno));
+    return is_written;
+}
+
+int group(const group_options &options)
+{
+    signature_maker make_signature(options.frames);
+    if (!options.skip_list.empty()) {
+        open_file file(::open(options.skip_list.c_str(), O_RDONLY | O_CLOEXEC));
+        std::string list;
+        if (!file || !read_all(file, kMaxLogSize, &list)) {
+            std::fprintf(stderr, "qvcrash: %s: %s\n", options.skip_list.c_str(), std::strerror(errno));
+            return kUsage;
+        }
+        make_signature.skip(list);
+    }
+    read_progress progress;
+    group_result result;
+    {
+        progress_line line(progress);
+        result = group_logs(options.paths, make_signature, options.threads, &progress);
+    }
+    bool is_written = options.html.empty() || write_file(options.html, groups_html(result));
+    std::string report = options.as_json ? groups_json(result) : groups_text(result);
+    std::fwrite(report.data(), 1, report.size(), stdout);
+    return is_written && result.unreadable == 0 ? kAllRead : kSomeUnread;
+}
+
+void describe_group(CLI::App *command, group_options *options)
+{
+    command->add_option("PATH", options->paths, "Logs, folders and archives of logs")->required();
+    command->add_flag("--json", options->as_json, "One object for each group, one to a line");
+    command->add_option("--html", options->html, "Write a page with the groups to this file");
+    command->add_option("--skip", options->skip_list, "File with further functions and modules to skip");
+    command->add_option("--frames", options->frames, "How many frames make a signature")->check(CLI::Range(1, 20));
+    command->add_option("--threads", options->threads, "How many threads read")->check(CLI::Range(1, 256));
+}
+
 void describe_show(CLI::App *command, show_options *options)
 {
     command->add_option("LOG", options->logs, "Logs that the library left")->required();
@@ -82,11 +159,14 @@ int main(int argc, char **argv)
     CLI::App *show_command =
         program.add_subcommand("show", "Explain logs: the cause, and each frame as function and line");
     describe_show(show_command, &options);
+    group_options grouping;
+    CLI::App *group_command = program.add_subcommand("group", "Count crash logs by the bug behind them");
+    describe_group(group_command, &grouping);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         int status = program.exit(error);
         return status == 0 ? kAllRead : kUsage;
     }
-    return show(options);
+    return group_command->parsed() ? group(grouping) : show(options);
 }

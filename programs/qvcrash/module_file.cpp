@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "module_file.h"
 
+#include "demangle.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <cxxabi.h>
 #include <dwarf.h>
 #include <elfutils/libdw.h>
 #include <elfutils/libdwelf.h>
@@ -34,15 +35,6 @@ std::string elf_build_id(Elf *elf)
     const void *bytes;
     ssize_t size = ::dwelf_elf_gnu_build_id(elf, &bytes);
     return size > 0 ? to_hex(bytes, static_cast<std::size_t>(size)) : std::string();
-}
-
-std::string demangle(const char *name)
-{
-    int status = -1;
-    char *text = abi::__cxa_demangle(name, nullptr, nullptr, &status);
-    std::string result = status == 0 ? text : name;
-    std::free(text);
-    return result;
 }
 
 const char *string_attribute(Dwarf_Die *die, unsigned name)

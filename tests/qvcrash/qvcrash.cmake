@@ -10,3 +10,5 @@ target_compile_definitions(crash_log_test PRIVATE LIBCOMMON_LOGS="${CMAKE_CURREN
 target_link_libraries(show_test PRIVATE libcommon_qvcrash)
 target_compile_definitions(show_test PRIVATE LIBCOMMON_FAILING_HOST="${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp")
 add_dependencies(show_test qvcrash qvenv failing_host)
+target_link_libraries(group_test PRIVATE libcommon_qvcrash)
+add_dependencies(group_test qvcrash)

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "log_source.h"
+
+#include "root_folder.h"
+
+#include <algorithm>
+#include <archive.h>
+#include <archive_entry.h>
+#include <condition_variable>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <sys/stat.h>
+#include <thread>
+
+namespace qvcrash {
+namespace {
+
+constexpr std::size_t kMaxLogSize = 1 << 20; // of what a group needs: a log's beginning
+constexpr std::size_t kMaxWaiting = 4096;
+constexpr std::size_t kArchiveBlock = 65536;
+
+bool is_log_name(std::string_view name)
+{
+    return name.substr(name.find_last_of('/') + 1).find(".log") != std::string_view::npos;
+}
+
+bool is_archive_name(std::string_view name)
+{
+    constexpr std::string_view kEndings[] = {".tar",     ".tgz",     ".tar.gz", ".tar.xz",
+                                             ".tar.bz2", ".tar.zst", ".tzst",   ".zip"};
+    return std::any_of(std::begin(kEndings), std::end(kEndings),
+                       [name](auto ending) { return name.ends_with(ending); });
+}
+
+// Paths on their way from the thread that walks folders to those that read.
+class path_queue {
+public:
+    void put(std::string path)
+    {
+        std::unique_lock lock(mutex_);
+        has_room_.wait(lock, [this] { return paths_.size() < kMaxWaiting; });
+        paths_.push_back(std::move(path));
+        has_path_.notify_one();
+    }
+
+    void close()
+    {
+        std::lock_guard lock(mutex_);
+        is_closed_ = true;
+        has_path_.notify_all();
+    }
+
+    bool take(std::string *path)
+    {
+        std::unique_lock lock(mutex_);
+        has_path_.wait(lock, [this] { return !paths_.empty() || is_closed_; });
+        if (paths_.empty())
+            return false;
+        *path = std::move(paths_.front());
+        paths_.pop_front();
+        has_room_.notify_one();
+        return true;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable has_path_, has_room_;
+    std::deque<std::string> paths_;
+    bool is_closed_ = false;
+};
+
+class log_reader {
+public:
+    log_reader(unsigned thread, const log_visitor &visit, read_progress *progress)
+        : thread_(thread), visit_(visit), progress_(progress)
+    {}
+
+    void read(const std::string &path)
+    {
+        if (is_archive_name(path) ? !read_archive(path) : !read_file(path))
+            progress_->unreadable++;
+    }
+
+private:
+    void report(std::string_view name, std::time_t when)
+    {
+        visit_(thread_, {name, text_, when});
+        progress_->logs++;
+    }
+
+    bool read_file(const std::string &path)
+    {
+        open_file file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+        struct stat status;
+        if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+            !read_all(file, kMaxLogSize, &text_))
+            return false;
+        report(path, status.st_mtime);
+        return true;
+    }
+
+    bool read_archive(const std::string &path)
+    {
+        std::unique_ptr<archive, decltype(&::archive_read_free)> reader(::archive_read_new(), ::archive_read_free);
+        ::archive_read_support_format_all(reader.get());
+        ::archive_read_support_filter_all(reader.get());
+        if (::archive_read_open_filename(reader.get(), path.c_str(), kArchiveBlock) != ARCHIVE_OK)
+            return false;
+        archive_entry *entry;
+        int status;
+        while ((status = ::archive_read_next_header(reader.get(), &entry)) == ARCHIVE_OK || status == ARCHIVE_WARN) {
+            const char *name = ::archive_entry_pathname(entry);
+            if (name == nullptr || !is_log_name(name) || ::archive_entry_filetype(entry) != AE_IFREG)
+                continue;
+            std::string full_name = path + ':' + name;
+            std::time_t when = ::archive_entry_mtime(entry);
+            read_member(reader.get());
+            report(full_name, when);
+        }
+        return status == ARCHIVE_EOF;
+    }
+
+    void read_member(archive *reader)
+    {
+        text_.resize(kMaxLogSize);
+        std::size_t used = 0;
+        while (used < text_.size()) {
+            la_ssize_t n = ::archive_read_data(reader, text_.data() + used, text_.size() - used);
+            if (n <= 0)
+                break;
+            used += static_cast<std::size_t>(n);
+        }
+        text_.resize(used);
+    }
+
+    unsigned thread_;
+    const log_visitor &visit_;
+    read_progress *progress_;
+    std::string text_; // kept, so that its memory is used again
+};
+
+void put_folder(const std::string &path, path_queue *queue)
+{
+    std::error_code ignored;
+    auto options = std::filesystem::directory_options::skip_permission_denied;
+    for (std::filesystem::recursive_directory_iterator entry(path, options, ignored), end; entry != end;
+         entry.increment(ignored)) {
+        const std::string &name = entry->path().native();
+        if (is_log_name(name) || is_archive_name(name))
+            queue->put(name);
+    }
+}
+
+} // namespace
+
+void read_logs(const std::vector<std::string> &paths, unsigned threads, const log_visitor &visit,
+               read_progress *progress)
+{
+    path_queue queue;
+    std::vector<std::jthread> readers;
+    for (unsigned thread = 0; thread < threads; thread++) {
+        readers.emplace_back([&, thread] {
+            log_reader reader(thread, visit, progress);
+            for (std::string path; queue.take(&path);)
+                reader.read(path);
+        });
+    }
+    for (const std::string &path : paths) {
+        std::error_code ignored;
+        if (std::filesystem::is_directory(path, ignored))
+            put_folder(path, &queue);
+        else
+            queue.put(path);
+    }
+    queue.close();
+}
+
+} // namespace qvcrash

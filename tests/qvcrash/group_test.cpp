@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+// Signatures of logs, and qvcrash group on folders and archives of logs.
+#include "signature.h"
+
+#include "support/support.h"
+
+#include <nlohmann/json.hpp>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace support;
+using namespace qvcrash;
+using nlohmann::json;
+
+namespace {
+
+crash_log log_with(int signal, std::initializer_list<const char *> references)
+{
+    std::string text = "PID 1 for signal(" + std::to_string(signal) + ").\nBacktracing:\n";
+    for (const char *reference : references)
+        text += std::string("\t<0x10> -> ") + reference + "\n";
+    return parse_crash_log(text + "\tStack bottom is at 0x10\n\n", "x1.coredump." + std::to_string(signal) + ".log");
+}
+
+std::string signature_of(int signal, std::initializer_list<const char *> references)
+{
+    return signature_maker()(log_with(signal, references));
+}
+
+TEST(CrashSignature, NamesModulesAndFunctions)
+{
+    EXPECT_EQ("SIGSEGV routed!handle | routed!main",
+              signature_of(11, {"/usr/sbin/routed(handle+0x8) [0x1008]", "/usr/sbin/routed(main+0x10) [0x2010]"}));
+    EXPECT_EQ("SIGSEGV routed+0x301f", signature_of(11, {"/usr/sbin/routed(+0x301f) [0x1008]"}));
+}
+
+TEST(CrashSignature, DoesNotDependOnWhereThingsAreLoadedOrHowFarTheFunctionWas)
+{
+    EXPECT_EQ(signature_of(11, {"/usr/sbin/routed(handle+0x8) [0x1008]"}),
+              signature_of(11, {"/opt/routed(handle+0x9c) [0x7fff1000]"}));
+}
+
+TEST(CrashSignature, SkipsWhatOnlyEndsAProcess)
+{
+    EXPECT_EQ("SIGABRT routed!check",
+              signature_of(6, {"/lib/libc.so.6(+0x8aeec) [0x10]", "/lib/libc.so.6(abort+0xd3) [0x20]",
+                               "/usr/sbin/routed(__assert_fail+0x4) [0x25]", "/usr/sbin/routed(check+0x4) [0x30]"}));
+}
+
+TEST(CrashSignature, AtMostSoManyFrames)
+{
+    auto log = log_with(11, {"/r(a+0x1) [0x1]", "/r(b+0x1) [0x1]", "/r(c+0x1) [0x1]", "/r(d+0x1) [0x1]"});
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!c", signature_maker()(log));
+    EXPECT_EQ("SIGSEGV r!a", signature_maker(1)(log));
+}
+
+TEST(CrashSignature, MisuseOfAnObjectCacheIsTheCallers)
+{
+    EXPECT_EQ(
+        "SIGSEGV object cache misuse at free: routed!close",
+        signature_of(11, {"/lib/libcommon.so.1(mcache_error+0xf) [0x10]", "/lib/libcommon.so.1(mcache_free+0x5) [0x20]",
+                          "/usr/sbin/routed(close+0x8) [0x1008]"}));
+}
+
+TEST(CrashSignature, WithoutAUsableFrame)
+{
+    EXPECT_EQ("SIGSEGV unattributable", signature_of(11, {}));
+    EXPECT_EQ("SIGSEGV unattributable", signature_of(11, {"0x7f0012345678"}));
+    EXPECT_EQ("SIGABRT unattributable", signature_of(6, {"/lib/libc.so.6(abort+0xd3) [0x20]"}));
+}
+
+TEST(CrashSignature, UsersExtendTheList)
+{
+    signature_maker make;
+    make.skip("# ours\n\nlog_and_die\ncheck_*\nmodule:libwrap.so*\n");
+    EXPECT_EQ("SIGABRT r!bug", make(log_with(6, {"/r(log_and_die+0x1) [0x1]", "/r(check_one+0x1) [0x1]",
+                                                 "/libwrap.so.2(f+0x1) [0x1]", "/r(bug+0x1) [0x1]"})));
+}
+
+TEST(CrashSignature, ReadableNames)
+{
+    EXPECT_EQ("SIGSEGV s!sampled::store_sample(unsigned long*) | s!main",
+              readable_signature("SIGSEGV s!_ZN7sampled12store_sampleEPm | s!main"));
+    EXPECT_EQ("SIGSEGV unattributable", readable_signature("SIGSEGV unattributable"));
+}
+
+// ---- the command ----
+
+constexpr std::time_t kDay = 86400;
+
+void write_log(const std::string &path, const std::string &function, std::time_t when)
+{
+    write_file(path, "PID 7 for signal(11).\nBacktracing:\n\t<0x10> -> /usr/sbin/routed(" + function +
+                         "+0x8) [0x1008]\n\tStack bottom is at 0x10\n\n");
+    timespec times[2] = {{when, 0}, {when, 0}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times, 0));
+}
+
+ChildResult group(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), {build_dir() + "/qvcrash", "group"});
+    return run_program(arguments);
+}
+
+std::vector<json> group_json(const std::string &path)
+{
+    ChildResult result = group({"--json", path});
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    std::vector<json> groups;
+    for (const std::string &line : lines(result.out))
+        groups.push_back(json::parse(line));
+    return groups;
+}
+
+void write_three_logs()
+{
+    ::mkdir("/tmp/logs", 0755);
+    ::mkdir("/tmp/logs/box2", 0755);
+    write_log("/tmp/logs/routed1.coredump.11.log", "handle", 10 * kDay);
+    write_log("/tmp/logs/box2/routed2.coredump.11.log", "handle", 12 * kDay);
+    write_log("/tmp/logs/box2/routed3.coredump.11.log", "other", 11 * kDay);
+    write_file("/tmp/logs/readme.txt", "no log");
+}
+
+void expect_three_logs(const std::vector<json> &groups, const std::string &prefix)
+{
+    ASSERT_EQ(2u, groups.size());
+    EXPECT_EQ("SIGSEGV routed!handle", groups[0]["signature"]);
+    EXPECT_EQ(2, groups[0]["count"]);
+    EXPECT_EQ("1970-01-11T00:00:00Z", groups[0]["first"]);
+    EXPECT_EQ("1970-01-13T00:00:00Z", groups[0]["last"]);
+    EXPECT_EQ(prefix + "box2/routed2.coredump.11.log", groups[0]["example"]);
+    EXPECT_EQ(1, groups[0]["days"]["1970-01-11"]);
+    EXPECT_EQ(1, groups[1]["count"]);
+}
+
+TEST(QvcrashGroup, Folders)
+{
+    write_three_logs();
+    expect_three_logs(group_json("/tmp/logs"), "/tmp/logs/");
+}
+
+TEST(QvcrashGroup, Archives)
+{
+    write_three_logs();
+    ASSERT_TRUE(run_program({"/bin/tar", "-C", "/tmp/logs", "-cf", "/tmp/a.tar", "."}).exited(0));
+    expect_three_logs(group_json("/tmp/a.tar"), "/tmp/a.tar:./");
+    ASSERT_TRUE(run_program({"/bin/tar", "-C", "/tmp/logs", "-czf", "/tmp/a.tar.gz", "."}).exited(0));
+    expect_three_logs(group_json("/tmp/a.tar.gz"), "/tmp/a.tar.gz:./");
+}
+
+TEST(QvcrashGroup, DamagedArchivesAreTold)
+{
+    write_file("/tmp/a.tar.gz", "no archive");
+    ChildResult result = group({"/tmp/a.tar.gz"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.out, testing::HasSubstr("1 unreadable"));
+    EXPECT_TRUE(group({"/tmp/missing.log"}).exited(1));
+    EXPECT_TRUE(group({}).exited(2));
+}
+
+TEST(QvcrashGroup, DumpRequestsAreNotCounted)
+{
+    write_file("/tmp/routed7.attach.52.log", "PID 7 for signal(52).\nBacktracing:\n\tStack bottom is at 0x10\n\n");
+    ChildResult result = group({"/tmp/routed7.attach.52.log"});
+    EXPECT_TRUE(result.exited(0));
+    EXPECT_THAT(result.out, testing::HasSubstr("0 crash logs in 0 groups, 1 other files"));
+}
+
+TEST(QvcrashGroup, PageStandsAlone)
+{
+    write_three_logs();
+    write_log("/tmp/logs/routed4.coredump.11.log", "<b>&\"", 11 * kDay);
+    ASSERT_TRUE(group({"--html", "/tmp/page.html", "/tmp/logs"}).exited(0));
+    std::string page = read_file("/tmp/page.html");
+    EXPECT_THAT(page, testing::HasSubstr("4 crash logs, 3 groups"));
+    EXPECT_THAT(page, testing::HasSubstr("&lt;b&gt;&amp;&quot;"));
+    EXPECT_EQ(std::string::npos, page.find("<b>"));
+    EXPECT_EQ(std::string::npos, page.find("http")) << "it refers to nothing outside";
+}
+
+} // namespace
