@@ -91,9 +91,9 @@ void append_description(format_buffer &out, const conversion &place, const char 
     std::memcpy(layout, place.begin, length - 1);
     layout[length - 1] = 's';
     layout[length] = '\0';
-    int laid_out = std::snprintf(text, sizeof text, layout, description);
-    if (laid_out < 0 || static_cast<std::size_t>(laid_out) >= sizeof text)
-        return out.give_up();
+    int laid_out = signal_snprintf(text, sizeof text, layout, description);
+    if (laid_out == sizeof text - 1)
+        return out.give_up(); // it may have been cut
     out.append(text, static_cast<std::size_t>(laid_out));
 }
 
