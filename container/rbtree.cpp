@@ -199,10 +199,12 @@ rb_node *neighbour(const rb_node *node)
         return nullptr;
     if (node->*Forward != nullptr)
         return outermost<Back>(node->*Forward);
-    rb_node *parent;
-    while ((parent = parent_of(node)) != nullptr && parent->*Forward == node)
+    for (;;) {
+        rb_node *parent = parent_of(node);
+        if (parent == nullptr || parent->*Forward != node)
+            return parent;
         node = parent;
-    return parent;
+    }
 }
 
 // Down to a leaf, left where possible.

@@ -264,6 +264,110 @@ TEST(Hashtbl, Reset)
     check_links(table);
 }
 
+TEST(Hashtbl, EveryBucketIsWalkedAndEmptied)
+{
+    for (unsigned log_size : {0U, 1U, 4U}) {
+        const unsigned buckets = 1U << log_size;
+        std::vector<Object> objects(std::size_t{2} * buckets);
+        std::vector<int> expected;
+        Table table(log_size);
+        auto insert_all = [&] {
+            for (unsigned i = 0; i < objects.size(); i++) {
+                objects[i].number = static_cast<int>(i);
+                hashtbl_insert(table, i, &objects[i]);
+            }
+        };
+        for (unsigned b = 0; b < buckets; b++) {
+            expected.push_back(static_cast<int>(buckets + b));
+            expected.push_back(static_cast<int>(b));
+        }
+        auto expect_empty = [&] {
+            EXPECT_EQ(table.table->count, 0U);
+            for (unsigned b = 0; b < buckets; b++)
+                EXPECT_EQ(table.table->buckets[b], nullptr) << b;
+        };
+        insert_all();
+        EXPECT_EQ(numbers(table), expected) << "bucket by bucket, the newest first";
+        std::vector<int> seen;
+        EXPECT_EQ(hashtbl_traverse_each_safe(table, append_number, &seen), 0);
+        EXPECT_EQ(seen, expected);
+        seen.clear();
+        auto release = [](void *object, void *arg) { append_number(object, arg); };
+        EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
+        EXPECT_EQ(seen, expected);
+        expect_empty();
+        insert_all();
+        EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
+        expect_empty();
+        insert_all();
+        EXPECT_EQ(hashtbl_reset(table), 0);
+        expect_empty();
+    }
+}
+
+namespace {
+
+// Removes the object after the visited one in the chain, once.
+struct RemovesTheNext {
+    hashtbl *table;
+    std::vector<int> seen;
+    bool removed = false;
+};
+
+int remove_next(void *object, void *arg)
+{
+    auto *work = static_cast<RemovesTheNext *>(arg);
+    auto *visited = static_cast<Object *>(object);
+    work->seen.push_back(visited->number);
+    if (!work->removed && visited->link.next != nullptr) {
+        work->removed = true;
+        hashtbl_remove(work->table, 0, reinterpret_cast<char *>(visited->link.next) - kOffset);
+    }
+    return 0;
+}
+
+} // namespace
+
+TEST(Hashtbl, TraverseReadsTheNextAfterTheVisitAndTheSafeOneBefore)
+{
+    std::array<Object, 4> objects;
+    Table table(0);
+    auto fill = [&] {
+        hashtbl_reset(table);
+        for (unsigned i = 0; i < objects.size(); i++) {
+            objects[i].number = static_cast<int>(i);
+            hashtbl_insert(table, 0, &objects[i]);
+        }
+    };
+    fill();
+    RemovesTheNext work{table, {}};
+    EXPECT_EQ(hashtbl_traverse_each(table, remove_next, &work), 0);
+    EXPECT_EQ(work.seen, (std::vector<int>{3, 1, 0}));
+
+    // The safe walk has the removed object in hand already; its links are null then.
+    fill();
+    RemovesTheNext safe{table, {}};
+    EXPECT_EQ(hashtbl_traverse_each_safe(table, remove_next, &safe), 0);
+    EXPECT_EQ(safe.seen, (std::vector<int>{3, 2}));
+}
+
+TEST(Hashtbl, FreeAllReadsTheNextBeforeTheCall)
+{
+    Table table(0);
+    std::array<Object, 4> objects;
+    for (unsigned i = 0; i < objects.size(); i++) {
+        objects[i].number = static_cast<int>(i);
+        hashtbl_insert(table, 0, &objects[i]);
+    }
+    std::vector<int> seen;
+    auto release = [](void *object, void *arg) {
+        append_number(object, arg);
+        std::memset(&static_cast<Object *>(object)->link, 0, sizeof(hashtbl_link));
+    };
+    EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
+    EXPECT_EQ(seen, (std::vector<int>{3, 2, 1, 0}));
+}
+
 TEST(Hashtbl, TraverseStopsAtTheFirstNonZero)
 {
     Table table(1);

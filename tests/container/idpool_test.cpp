@@ -15,22 +15,36 @@ using namespace support;
 
 namespace {
 
+// The identifier of a call that gave one; -1 of a call that failed, which returns just that and stores nothing.
+int id_of(int result, int id)
+{
+    constexpr int kUntouched = -7;
+    if (result == 0)
+        return id;
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(id, kUntouched);
+    return -1;
+}
+
 int take(idpool *pool)
 {
     int id = -7;
-    return idpool_alloc_id(pool, &id) == 0 ? id : -1;
+    int result = idpool_alloc_id(pool, &id);
+    return id_of(result, id);
 }
 
 int take_lowest(idpool *pool)
 {
     int id = -7;
-    return idpool_alloc_id_slow(pool, &id) == 0 ? id : -1;
+    int result = idpool_alloc_id_slow(pool, &id);
+    return id_of(result, id);
 }
 
 int next_taken(const idpool *pool, int from)
 {
     int id = -7;
-    return idpool_get_next_allocated_id(pool, from, &id) == 0 ? id : -1;
+    int result = idpool_get_next_allocated_id(pool, from, &id);
+    return id_of(result, id);
 }
 
 void fill(idpool *pool)
@@ -258,6 +272,34 @@ TEST(IdPoolResize, RefusedAndIdleCalls)
     EXPECT_EQ(idpool_resize(pool, 32), 1);
     EXPECT_EQ(pool->bitmap, bitmap);
     EXPECT_EQ(pool->bitmap[0], UINT32_MAX);
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, ToAllNumbers)
+{
+    if (under_emulation() || under_sanitizer())
+        GTEST_SKIP() << "256 MiB are too much here";
+    idpool *pool = idpool_create("p", 0, 9);
+    EXPECT_EQ(take(pool), 0);
+    EXPECT_EQ(idpool_resize(pool, INT_MAX), 1);
+    EXPECT_EQ(pool->max_id, INT_MAX - 1);
+    EXPECT_EQ(pool->words, 1);
+    EXPECT_EQ(idpool_is_id_allocated(pool, 0), 1);
+    EXPECT_EQ(idpool_alloc_specific_id(pool, INT_MAX - 1), 0);
+    EXPECT_EQ(idpool_alloc_specific_id(pool, INT_MAX), -1);
+    EXPECT_EQ(pool->bitmap[(1 << 26) - 1], 0xC0000000U) << "the last identifier and the one that is none";
+    EXPECT_EQ(take(pool), 1);
+    EXPECT_EQ(idpool_resize(pool, 10), 1);
+    EXPECT_EQ(pool->max_id, 9);
+    idpool_destroy(pool);
+
+    pool = idpool_create("p", 1, 9);
+    EXPECT_EQ(idpool_resize(pool, INT_MAX), 1);
+    EXPECT_EQ(pool->max_id, INT_MAX);
+    idpool_destroy(pool);
+    pool = idpool_create("p", 2, 9);
+    EXPECT_EQ(idpool_resize(pool, INT_MAX), 0);
+    EXPECT_EQ(pool->max_id, 9);
     idpool_destroy(pool);
 }
 

@@ -233,6 +233,24 @@ TEST_F(IdTable16, FindNextKeepsItsPlaceAcrossTheTop)
     EXPECT_EQ(idtable16_find_next_entry(root, 0xFFFF), 0U);
 }
 
+TEST_F(IdTable16, FindNextSeesTheLastSlotsOfEachLevel)
+{
+    idtable16_insert_entry(root, 0x2FFF, 7); // root slot 2, table2 slot 63, table3 slot 63
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x2FFF), 7U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x2FC0), 7U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x2000), 7U) << "all of the table2's slots are passed";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x0FFF), 7U) << "63 and 63 are kept over the root's slots";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x3000), 0U);
+    idtable16_insert_entry(root, 0xFFFF, 8);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0xFFFF), 8U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x3000), 8U) << "the root's last slot";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x1FFF), 7U);
+    idtable16_insert_entry(root, 0x0000, 9);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x0000), 9U);
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x0001), 0U) << "the first block is met and used up";
+    EXPECT_EQ(idtable16_find_next_entry(root, 0x0040), 0U) << "the table2 is met and its 64 slots are used up";
+}
+
 // ---- 32 bits ----
 
 TEST_F(IdTable32, SubRootsComeAndGo)
@@ -312,6 +330,28 @@ TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
     EXPECT_EQ(idtable32_find_next_entry(root, 0x00030000), 99U);
     EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFF0001), 0U);
     EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFFFFFF), 0U);
+}
+
+TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
+{
+    // High halves at slot 0 of a table3 after a missing one, of a table2 after a missing one, and at the last slots.
+    const unsigned highs[] = {0x0040, 0x0FC0, 0x1000, 0x3000, 0x3FFF, 0xF000, 0xFFFF};
+    for (unsigned high : highs) {
+        idtable32_insert_entry(root, high << 16 | 3, high + 1);
+        for (unsigned from : {0U, 1U, 0x3FU, 0x40U, 0xFFFU, 0x1000U, 0x2FFFU, 0x3001U, 0xEFFFU})
+            EXPECT_EQ(idtable32_find_next_entry(root, from << 16), from <= high ? high + 1 : 0U) << high << ' ' << from;
+        EXPECT_EQ(idtable32_find_next_entry(root, high << 16 | 3), high + 1);
+        EXPECT_EQ(idtable32_find_next_entry(root, high << 16 | 4), 0U);
+        EXPECT_EQ(idtable32_remove_entry(root, high << 16 | 3), 0);
+    }
+    for (unsigned high : highs)
+        idtable32_insert_entry(root, high << 16 | 3, high + 1);
+    unsigned from = 0;
+    for (unsigned high : highs) {
+        EXPECT_EQ(idtable32_find_next_entry(root, from), high + 1);
+        from = high << 16 | 4;
+    }
+    EXPECT_EQ(idtable32_find_next_entry(root, from), 0U);
 }
 
 // ---- models: ordered maps, and find-next by the three cursors as they are described ----

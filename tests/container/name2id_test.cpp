@@ -4,6 +4,7 @@
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -153,6 +154,89 @@ TEST(Name2id, NullArguments)
     }
     std::free(entry);
     name2id_tbl_destory(table);
+}
+
+TEST(Name2id, ATableWithoutItsHashTableIsDestroyed)
+{
+    for (auto *destroy : {name2id_tbl_destory, name2id_tbl_destory2}) {
+        name2id_tbl *table = name2id_tbl_create(2, 0);
+        char a[] = "a", b[] = "b";
+        add(table, "a", 1)->data = a;
+        add(table, "b", 2)->data = b;
+        for (name2id_entry *entry = table->first; entry != nullptr; entry = entry->next)
+            entry->data_free = release;
+        hashtbl_destroy(table->hashtbl);
+        table->hashtbl = nullptr;
+        name2id_entry *entry = name2id_entry_create("c", 3);
+        for (auto *call : {name2id_entry_insert, name2id_entry_remove, name2id_entry_insert2, name2id_entry_remove2})
+            EXPECT_EQ(call(table, entry), -1);
+        std::free(entry);
+        released.clear();
+        destroy(table);
+        EXPECT_EQ(released, (std::vector<std::string>{"a", "b"}));
+    }
+}
+
+TEST(Name2id, NullNames)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    EXPECT_EQ(name2id_entry_create(nullptr, 1), nullptr);
+    EXPECT_EQ(name2id_entry_create2(nullptr, 1, 1), nullptr);
+    EXPECT_EQ(name2id_entry_find(table->hashtbl, nullptr), nullptr);
+    EXPECT_EQ(name2id_entry_find2(table->hashtbl, nullptr, 0), nullptr);
+    EXPECT_EQ(name2id(table->hashtbl, nullptr), -1);
+    EXPECT_EQ(name2id2(table->hashtbl, nullptr, 0), -1);
+    EXPECT_EQ(name2id_comp(nullptr, nullptr), 0);
+    EXPECT_EQ(name2id_comp2(nullptr, nullptr), 0);
+    EXPECT_EQ(name2id_string_hash(nullptr, 3), 0U);
+    name2id_tbl_destory(table);
+}
+
+TEST(Name2id, TheEmptyNameIsAName)
+{
+    name2id_tbl *table = name2id_tbl_create(2, 0);
+    EXPECT_EQ(name2id(table->hashtbl, ""), -1);
+    name2id_entry *entry = add(table, "", 7);
+    EXPECT_EQ(entry->link.hash, 0U);
+    EXPECT_EQ(name2id(table->hashtbl, ""), 7);
+    EXPECT_EQ(name2id_entry_find(table->hashtbl, ""), entry);
+    EXPECT_EQ(name2id(table->hashtbl, "a"), -1);
+    EXPECT_EQ(name2id_comp("", ""), 1);
+    EXPECT_EQ(name2id_comp("", "a"), 0);
+    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
+    EXPECT_EQ(name2id(table->hashtbl, ""), -1);
+    name2id_tbl_destory(table);
+
+    table = name2id_tbl_create2(2, 0);
+    add2(table, "", 5, 50);
+    EXPECT_EQ(name2id2(table->hashtbl, "", 5), 50);
+    EXPECT_EQ(name2id2(table->hashtbl, "", 6), -1);
+    name2id_tbl_destory2(table);
+}
+
+TEST(Name2id, HashTablesOfBothFamilies)
+{
+    for (auto *create : {create_name2id_hash_tbl, create_name2id_hash_tbl2}) {
+        for (int flag : {0, 1, -3}) {
+            hashtbl *index = create(3, flag);
+            ASSERT_NE(index, nullptr);
+            EXPECT_EQ(index->log_size, 3);
+            EXPECT_EQ(index->link_offset, offsetof(name2id_entry, link));
+            EXPECT_EQ(index->flag, flag != 0);
+            EXPECT_EQ(index->count, 0U);
+            hashtbl_destroy(index);
+        }
+        EXPECT_EQ(create(21, 0), nullptr);
+    }
+    for (auto *create : {name2id_tbl_create, name2id_tbl_create2}) {
+        name2id_tbl *table = create(3, 1);
+        EXPECT_EQ(table->hashtbl->flag, 1);
+        EXPECT_EQ(table->hashtbl->link_offset, offsetof(name2id_entry, link));
+        name2id_tbl_destory(table);
+        table = create(3, 0);
+        EXPECT_EQ(table->hashtbl->flag, 0);
+        name2id_tbl_destory2(table);
+    }
 }
 
 TEST(Name2id, RemoveReleasesData)

@@ -193,6 +193,34 @@ TEST(McachePages, AFreshPageIsLaidOutInOrder)
     EXPECT_EQ(object, nullptr);
 }
 
+TEST(McachePages, OnlyBit0OfASlotsFlagsIsTheCachesOwn)
+{
+    mcache *cache = mcache_create("flags", 16, nullptr, 0, 1);
+    void *keeper = mcache_alloc(cache), *object = mcache_alloc(cache);
+    EXPECT_EQ(flags_of(object), 1U);
+    flags_of(object) |= 0x80000006;
+    mcache_free(cache, object);
+    EXPECT_EQ(flags_of(object), 0x80000006U) << "only the allocated bit is cleared";
+    EXPECT_EQ(mcache_alloc(cache), object);
+    EXPECT_EQ(flags_of(object), 0x80000007U) << "and set";
+    mcache_free(cache, object);
+    mcache_free(cache, keeper);
+    EXPECT_EQ(cache->in_use, 0U);
+}
+
+TEST(McachePages, PagesNameTheirCache)
+{
+    mcache *a = mcache_create("a", 16, nullptr, 0, 1), *b = mcache_create("b", 16, nullptr, 0, 1);
+    EXPECT_NE(a->id, b->id);
+    EXPECT_NE(a->id, 0U);
+    void *of_a = mcache_alloc(a), *of_b = mcache_alloc(b);
+    EXPECT_EQ(page_of(of_a)->owner, a->id);
+    EXPECT_EQ(page_of(of_b)->owner, b->id);
+    EXPECT_EQ(as_page(a->spare_page)->owner, a->id);
+    mcache_free(a, of_a);
+    mcache_free(b, of_b);
+}
+
 TEST(McachePages, MoveBetweenTheLists)
 {
     mcache *cache = mcache_create("move", 2000, nullptr, 0, 1); // four objects a page

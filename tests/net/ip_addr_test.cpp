@@ -67,6 +67,11 @@ TEST(IpText, ReentrantFormIsCutToItsBuffer)
     EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
     EXPECT_STREQ(out, "10.1");
     EXPECT_EQ(out[5], '#');
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 1), out);
+    EXPECT_EQ(out[0], '\0') << "room for the terminator";
+    EXPECT_EQ(out[1], '#');
+    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
     EXPECT_EQ(nl_ip_sprintf_r(1, nullptr, 16), nullptr);
     EXPECT_EQ(nl_ip_sprintf_r(1, out, 0), nullptr);
     EXPECT_EQ(nl_ip_sprintf_r(1, out, -1), nullptr);
@@ -196,6 +201,54 @@ TEST(CheckIp, FirstRuleDecides)
     EXPECT_EQ(qv_check_ip_valid(0x0A000001, 0xFFFFFF00, kAllFlags), 0);
 }
 
+// Of every two rules that an address breaks, the one that comes first in this list decides.
+TEST(CheckIp, OrderOfTheRules)
+{
+    struct Rule {
+        unsigned flag;
+        int code;
+    };
+    constexpr Rule kRules[] = {{0x001, -1}, {0x002, -2}, {0x004, -3}, {0x008, -4}, {0x010, -5},
+                               {0x020, -6}, {0x040, -7}, {0x080, -8}, {0x100, -9}, {0x200, -10}};
+    constexpr unsigned kIps[] = {0,          1,          0x000000FF, 0x00FFFFFF, 0x0A000000, 0x0A0000FF, 0x7F000000,
+                                 0x7FFFFFFF, 0xE0000000, 0xEFFFFFFF, 0xF0000000, 0xFFFFFFFE, 0xFFFFFFFF, 0x01000000};
+    constexpr unsigned kMasks[] = {0,          1,          0xFF,       0xFF000000, 0xFFFF00FF, 0xFFFFFF00,
+                                   0xFFFFFFFE, 0xFFFFFFFF, 0x00FFFFFF, 0x80000000, 0x7FFFFFFF};
+    int pairs = 0;
+    for (unsigned ip : kIps) {
+        for (unsigned mask : kMasks) {
+            for (const Rule &first : kRules) {
+                for (const Rule &second : kRules) {
+                    bool both = qv_check_ip_valid(ip, mask, first.flag) != 0 &&
+                                qv_check_ip_valid(ip, mask, second.flag) != 0 && first.flag < second.flag;
+                    if (!both)
+                        continue;
+                    pairs++;
+                    EXPECT_EQ(qv_check_ip_valid(ip, mask, first.flag | second.flag), first.code);
+                    EXPECT_EQ(qv_check_ip_valid(ip, mask, second.flag), second.code);
+                }
+            }
+        }
+    }
+    EXPECT_GT(pairs, 200);
+}
+
+TEST(CheckIpv6, OrderOfTheRules)
+{
+    const unsigned all = 0xFFF;
+    EXPECT_EQ(qv_check_ipv6_valid(v6("::").data(), 200, all), -1);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("::").data(), 200, all & ~1U), -2);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 0, all), -1);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 129, all), -2);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 129, all & ~2U), -3);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("::1").data(), 129, all), -2);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("::1").data(), 129, all & ~2U), -6);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("fec0::").data(), 129, all), -2);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("fe80::").data(), 0, all), -1);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("fe80::").data(), 64, 0x800), 0);
+    EXPECT_EQ(qv_check_ipv6_valid(v6("fec0::").data(), 64, 0x400), 0);
+}
+
 TEST(CheckIpv6, EachRule)
 {
     struct Case {
@@ -251,6 +304,28 @@ TEST(HostString, Shapes)
         EXPECT_EQ(validate_ipv4_host_address_str(bad), -1) << bad;
     EXPECT_EQ(validate_ipv4_host_address_str(nullptr), -1);
     EXPECT_EQ(validate_ipv4_host_address_str("001.002.003.004"), network(0x01020304)); // 15 characters
+}
+
+TEST(HostString, ALeadingZeroMakesAnOctalNumber)
+{
+    auto network = [](unsigned ip) { return static_cast<int>(htonl(ip)); };
+    EXPECT_EQ(validate_ipv4_host_address_str("010.1.2.3"), network(0x08010203));
+    EXPECT_EQ(validate_ipv4_host_address_str("10.010.020.030"), network(0x0A081018));
+    EXPECT_EQ(validate_ipv4_host_address_str("0377.1.1.1"), network(0xFF010101));
+    EXPECT_EQ(validate_ipv4_host_address_str("0400.1.1.1"), 0) << "too large in octal";
+    EXPECT_EQ(validate_ipv4_host_address_str("08.1.2.3"), 0) << "no octal digit";
+    EXPECT_EQ(validate_ipv4_host_address_str("1.2.3.09"), 0);
+    EXPECT_EQ(validate_ipv4_host_address_str("00.1.2.3"), 0);
+}
+
+// Shape comes before value: what is no dotted quad is -1 even where its value alone would give 0.
+TEST(HostString, OrderOfTheRefusals)
+{
+    for (const char *bad : {"0.0.0", "0.0.0.0.0", "0.a.0.0", "255.255.255.x", "0000.0000.0000.0", "256.256.256.256.",
+                            "0.1.2.3456789012", "999.999.999 999"})
+        EXPECT_EQ(validate_ipv4_host_address_str(bad), -1) << bad;
+    for (const char *zero : {"0.999.1.1", "0000.000.000.00", "255.255.255.255", "999.999.999.999", "...1"})
+        EXPECT_EQ(validate_ipv4_host_address_str(zero), 0) << zero;
 }
 
 TEST(Email, Valid)

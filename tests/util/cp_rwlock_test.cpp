@@ -176,6 +176,138 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
     EXPECT_EQ(s->lock.lock_state, 0u);
 }
 
+// A ticket behind the one that is served has been passed over, for example by a late initialisation: it does not wait.
+TEST(CpRwlock, ATicketBehindTheServedOneGoesIn)
+{
+    for (std::uint32_t serving : {7U, 0U, 0x80000000U, 0x7FFFFFFFU}) {
+        qv_cp_rwlock record;
+        qv_cp_rwlock_init(&record);
+        record.next_ticket = serving - 2;
+        record.now_serving = serving;
+        EXPECT_EQ(qv_cp_wtlock(), 1);
+        EXPECT_EQ(record.lock_state, 1U);
+        EXPECT_EQ(record.next_ticket, serving - 1);
+        qv_cp_wtunlock();
+        EXPECT_EQ(record.now_serving, serving + 1);
+    }
+}
+
+TEST(CpRwlock, TheDistanceOfTicketsIsSigned)
+{
+    // As far behind as a signed distance reaches.
+    qv_cp_rwlock record;
+    qv_cp_rwlock_init(&record);
+    record.next_ticket = 0x80000000U;
+    record.now_serving = 0xFFFFFFFFU;
+    EXPECT_EQ(qv_cp_wtlock(), 1);
+    // One ahead is later, also where the difference of the words as numbers is negative.
+    Shared *s = shared();
+    qv_cp_rwlock_init(&s->lock);
+    s->lock.next_ticket = 0x80000000U;
+    s->lock.now_serving = 0x7FFFFFFFU;
+    pid_t writer = spawn([&] {
+        qv_cp_wtlock();
+        s->stage = 1;
+    });
+    until([&] { return look(s->lock.next_ticket) == 0x80000001U; });
+    ::usleep(20000);
+    EXPECT_EQ(s->stage, 0U);
+    __atomic_fetch_add(&s->lock.now_serving, 1U, __ATOMIC_SEQ_CST);
+    join(writer);
+    EXPECT_EQ(s->stage, 1U);
+}
+
+// ---- order of the stores: the record lies across two pages that cannot be written, so each first store is seen ----
+
+namespace {
+
+struct Store {
+    std::size_t word; // of the record
+    qv_cp_rwlock before;
+};
+
+char *protected_pages;
+const qv_cp_rwlock *watched;
+Store stores[8];
+std::size_t store_count;
+const std::size_t kPage = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+
+void note_store(int, siginfo_t *info, void *)
+{
+    auto *address = static_cast<char *>(info->si_addr);
+    if (store_count == std::size(stores) || address < protected_pages || address >= protected_pages + 2 * kPage)
+        ::_exit(9);
+    stores[store_count].word = static_cast<std::size_t>(address - reinterpret_cast<const char *>(watched)) / 4;
+    stores[store_count++].before = *watched;
+    ::mprotect(protected_pages + (address - protected_pages < static_cast<std::ptrdiff_t>(kPage) ? 0 : kPage), kPage,
+               PROT_READ | PROT_WRITE);
+}
+
+// A record of which so many words lie in the first of two pages.
+qv_cp_rwlock *record_across_pages(std::size_t words)
+{
+    void *map = ::mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    EXPECT_NE(map, MAP_FAILED);
+    protected_pages = static_cast<char *>(map);
+    auto *record = reinterpret_cast<qv_cp_rwlock *>(protected_pages + kPage - 4 * words);
+    watched = record;
+    struct sigaction action = {};
+    action.sa_sigaction = note_store;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    ::sigaction(SIGSEGV, &action, nullptr);
+    return record;
+}
+
+void watch()
+{
+    store_count = 0;
+    ::mprotect(protected_pages, 2 * kPage, PROT_READ);
+}
+
+} // namespace
+
+TEST(CpRwlock, UnlockingClearsTheHoldBeforeItLetsTheNextIn)
+{
+    qv_cp_rwlock *record = record_across_pages(1);
+    qv_cp_rwlock_init(record);
+    qv_cp_wtlock();
+    watch();
+    qv_cp_wtunlock();
+    ASSERT_EQ(store_count, 2U);
+    EXPECT_EQ(stores[0].word, 0U);
+    EXPECT_EQ(stores[1].word, 2U);
+    EXPECT_EQ(stores[1].before.lock_state, 0U) << "free before the next ticket is served";
+    EXPECT_EQ(stores[1].before.now_serving, 0U);
+}
+
+TEST(CpRwlock, TakingDrawsTheTicketBeforeTheHold)
+{
+    qv_cp_rwlock *record = record_across_pages(1);
+    qv_cp_rwlock_init(record);
+    watch();
+    qv_cp_wtlock();
+    ASSERT_EQ(store_count, 2U);
+    EXPECT_EQ(stores[0].word, 1U);
+    EXPECT_EQ(stores[1].word, 0U);
+    EXPECT_EQ(stores[1].before.next_ticket, 1U);
+}
+
+TEST(CpRwlock, InitClearsTheStateThenTheServedTicketThenTheNext)
+{
+    for (std::size_t words : {1, 2}) {
+        qv_cp_rwlock *record = record_across_pages(words);
+        *record = {7, 8, 9};
+        watch();
+        qv_cp_rwlock_init(record);
+        ASSERT_EQ(store_count, 2U);
+        EXPECT_EQ(stores[0].word, 0U);
+        EXPECT_EQ(stores[1].word, 2U);
+        EXPECT_EQ(stores[1].before.lock_state, 0U);
+        EXPECT_EQ(stores[1].before.next_ticket, 8U);
+        EXPECT_EQ(rwlock, record);
+    }
+}
+
 TEST(CpRwlock, AWriterWaitsForTheReadersInside)
 {
     Shared *s = shared();
