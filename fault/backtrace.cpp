@@ -187,11 +187,6 @@ int load_section_table(section_record *table)
 
 extern "C" {
 
-int procps_read_maps(void)
-{
-    return fault::load_section_table(fault::make_section_table());
-}
-
 int is_dynamic_lib(unsigned long addr)
 {
     const section_record *table = fault::section_table();

@@ -1,56 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where the calling thread's table of executable mappings lies.
+// The calling thread's table of executable mappings. What needs the loader is in section_placement.cpp.
 #include "fault/section_table.h"
 
 #include "base/errno_guard.h"
 #include "fault/backtrace_internal.h"
 
-#include <atomic>
 #include <csignal>
 #include <pthread.h>
 
-extern "C" {
-__thread struct section_record section_rec[QV_SECTION_MAX];
-}
-
-static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
-
 namespace fault {
+
+section_placement placement;
+
 namespace {
-
-enum class placement { unknown, with_thread, by_loader };
-
-// Written once, by the constructor or by an earlier call, before there are handlers; each write stores the same.
-std::atomic<placement> placed{placement::unknown};
-std::atomic<unsigned long> distance; // with_thread: from the thread pointer
-std::atomic<bool> has_key;           // by_loader: that there was a key left
-pthread_key_t table_key;
 
 unsigned long thread_pointer()
 {
     return reinterpret_cast<unsigned long>(__builtin_thread_pointer());
-}
-
-placement find_placement()
-{
-    placement known = placed.load(std::memory_order_acquire);
-    if (known != placement::unknown)
-        return known;
-    unsigned long here = reinterpret_cast<unsigned long>(section_rec) - thread_pointer();
-    if (here == section_descriptor_word()) {
-        distance.store(here, std::memory_order_relaxed);
-        known = placement::with_thread;
-    } else {
-        has_key.store(::pthread_key_create(&table_key, nullptr) == 0, std::memory_order_relaxed);
-        known = placement::by_loader;
-    }
-    placed.store(known, std::memory_order_release);
-    return known;
-}
-
-[[gnu::constructor]] void place_at_load()
-{
-    find_placement();
 }
 
 // The tables to borrow, untouched memory until a handler needs one. A slot belongs to the thread whose pointer is in
@@ -101,23 +67,15 @@ borrowed_table *borrow()
 
 section_record *section_table()
 {
-    if (find_placement() == placement::with_thread)
-        return reinterpret_cast<section_record *>(thread_pointer() + distance.load(std::memory_order_relaxed));
-    if (has_key.load(std::memory_order_relaxed)) {
-        if (void *table = ::pthread_getspecific(table_key))
+    section_placement::kind kind = placement.where.load(std::memory_order_acquire);
+    if (kind == section_placement::kind::with_thread)
+        return reinterpret_cast<section_record *>(thread_pointer() + placement.distance);
+    if (kind == section_placement::kind::by_key) {
+        if (void *table = ::pthread_getspecific(placement.key))
             return static_cast<section_record *>(table);
     }
     borrowed_table *table = find_borrowed();
     return table != nullptr ? table->sections : nullptr;
-}
-
-section_record *make_section_table()
-{
-    if (section_record *table = section_table())
-        return table;
-    if (has_key.load(std::memory_order_relaxed))
-        ::pthread_setspecific(table_key, section_rec);
-    return section_rec;
 }
 
 handler_section_table::handler_section_table()

@@ -17,13 +17,28 @@
 
 #include "backtrace.h"
 
+#include <atomic>
+#include <pthread.h>
+
 namespace fault {
+
+// Written once, while the library is loaded; `where` last.
+struct section_placement {
+    enum class kind {
+        unknown,     // the library is being loaded
+        with_thread, // `distance` from each thread's pointer
+        by_key,      // the thread's value of `key`
+        unreachable, // there was no key left: no thread has a table
+    };
+    std::atomic<kind> where;
+    unsigned long distance;
+    pthread_key_t key;
+};
+
+extern section_placement placement;
 
 // The calling thread's table of QV_SECTION_MAX records, or null when it has none yet.
 section_record *section_table();
-
-// Likewise, but a thread without one gets it. May allocate: not in a handler.
-section_record *make_section_table();
 
 // Gives the calling thread a table that is loaded afresh, for the time of a handler's run. When all tables to borrow
 // are out, there is none, and every address counts as code.

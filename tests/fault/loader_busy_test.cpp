@@ -217,3 +217,26 @@ TEST(LoaderBusy, LookUpsInAModuleThatComesAndGoes)
     EXPECT_FALSE(child.timed_out);
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
 }
+
+// The crashing thread has no thread-local data of the library, and its heap gives none.
+TEST(LoaderBusy, AThreadDiesInsideFreeInAHostThatLoadedTheLibraryLate)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer's run time must come before the library";
+    ChildResult child =
+        run_program({build_dir() + "/tests/late_crash_host", build_dir() + "/libcommon.so.1"}, kTimeoutMs);
+    ASSERT_FALSE(child.timed_out);
+    ASSERT_TRUE(child.killed_by(SIGABRT)) << child.status << child.out << child.err;
+    Log log = read_log(log_path("late", child.pid, "coredump", SIGABRT));
+    ASSERT_EQ(log.error, "");
+    ASSERT_FALSE(log.entries.empty());
+    EXPECT_NE(log.entries[0].text.find("libc.so"), std::string::npos) << log.entries[0].text;
+}
+
+TEST(LoaderBusy, ThreadsOfAHostThatLoadedTheLibraryLateHaveTheirOwnTables)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer's run time must come before the library";
+    ChildResult child = run_program({build_dir() + "/tests/late_crash_host", build_dir() + "/libcommon.so.1", "tables"});
+    EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
+}

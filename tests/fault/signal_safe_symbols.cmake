@@ -2,9 +2,9 @@
 # backtraces run in ordinary code and are left out. Sanitizers add calls of their own.
 if(NOT LIBCOMMON_SANITIZE AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
     set(crash_path backtrace crash_handler crash_log hex_dump machine_context_x86_64 module_symbols running_handlers
-        safe_memory section_descriptor_x86_64 section_table signal_format stack_info)
+        safe_memory section_table signal_format stack_info)
     list(TRANSFORM crash_path PREPEND "fault/")
-    list(APPEND crash_path log/console_handler log/console_sigctx log/handler_format time/zone_offset)
+    list(APPEND crash_path log/console_sigctx)
     list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")
     list(TRANSFORM crash_path APPEND ".cpp.o")
     add_test(NAME fault.signal_safe_symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+// Finds out where section_rec lies, and makes a thread's table. Runs while the library is loaded and in ordinary code:
+// an access to section_rec by its name may call the loader and allocate.
+#include "backtrace.h"
+
+#include "fault/backtrace_internal.h"
+#include "fault/section_table.h"
+
+extern "C" {
+__thread struct section_record section_rec[QV_SECTION_MAX];
+}
+
+static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
+
+namespace fault {
+namespace {
+
+// Another library's constructor may come before ours. Two threads cannot be here at once: the first call is made while
+// the library is loaded.
+void find_placement()
+{
+    using kind = section_placement::kind;
+    if (placement.where.load(std::memory_order_acquire) != kind::unknown)
+        return;
+    unsigned long distance =
+        reinterpret_cast<unsigned long>(section_rec) - reinterpret_cast<unsigned long>(__builtin_thread_pointer());
+    kind found = kind::unreachable;
+    if (distance == section_descriptor_word()) {
+        placement.distance = distance;
+        found = kind::with_thread;
+    } else if (::pthread_key_create(&placement.key, nullptr) == 0) {
+        found = kind::by_key;
+    }
+    placement.where.store(found, std::memory_order_release);
+}
+
+[[gnu::constructor]] void find_placement_at_load()
+{
+    find_placement();
+}
+
+// The calling thread's table; a thread without one gets it.
+section_record *make_section_table()
+{
+    find_placement();
+    if (section_record *table = section_table())
+        return table;
+    if (placement.where.load(std::memory_order_relaxed) == section_placement::kind::by_key)
+        ::pthread_setspecific(placement.key, section_rec);
+    return section_rec;
+}
+
+} // namespace
+} // namespace fault
+
+extern "C" int procps_read_maps(void)
+{
+    return fault::load_section_table(fault::make_section_table());
+}
