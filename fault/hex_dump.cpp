@@ -2,6 +2,7 @@
 // Hexadecimal dumps for crash callbacks.
 #include "sighandler.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "signal_printf.h"
 
@@ -81,6 +82,7 @@ extern "C" void hex_dump_to_file(int fd, const char *title, const unsigned char 
     if (fd < 0)
         return;
     base::errno_guard keep;
+    base::cancel_guard no_cancellation;
     int wanted = title != nullptr ? count_arguments(title) : 0;
     if (wanted > kMaxArguments) {
         signal_printf(fd, "%s", title); // it would take what nobody passed, so it is shown as it stands

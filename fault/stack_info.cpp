@@ -2,6 +2,7 @@
 // Stack ranges from the kernel's mapping list. Safe in signal handlers; the recorder, which is not, has its own file.
 #include "stack_info.h"
 
+#include "base/cancel_guard.h"
 #include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "fault/backtrace_internal.h"
@@ -38,6 +39,7 @@ template <typename Accepts>
 int find_mapping(const reader_name &name, const char *filter, Accepts accepts, unsigned long *start, unsigned long *end)
 {
     base::errno_guard keep;
+    base::cancel_guard no_cancellation;
     base::unique_fd fd = open_thread_maps(name);
     if (!fd)
         return -1;

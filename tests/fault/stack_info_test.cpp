@@ -134,6 +134,54 @@ TEST(StackInfo, FailuresAreToldOnStandardOutput)
     EXPECT_TRUE(child.exited(0)) << child.out << child.err;
 }
 
+TEST(StackInfo, TheListIsTheCallingThreads)
+{
+    in_thread([](void *) -> void * {
+        set_maps("3000-4000 rw-p 0 0:0 0 [stack]\n");
+        expect_range(main_stack(), 0x3000, 0x4000);
+        expect_range(stack_of(0x3800), 0x3000, 0x4000);
+        return nullptr;
+    });
+}
+
+TEST(StackInfo, AThreadsFailureNamesItsOwnList)
+{
+    ChildResult child = run_child([] {
+        in_thread([](void *) -> void * {
+            std::string path = task_file("maps");
+            std::string told = capture_stdout([] {
+                ::unshare(CLONE_NEWNS);
+                mount_tmpfs("/proc");
+                errno = E2BIG;
+                EXPECT_EQ(main_stack().result, -1);
+                EXPECT_EQ(errno, E2BIG);
+            });
+            EXPECT_EQ(told, "qv_get_stack_info 1208 : open " + path + " failed.\n");
+            return nullptr;
+        });
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err;
+}
+
+TEST(StackInfo, ErrnoIsKeptAndNoDescriptorStays)
+{
+    std::size_t descriptors = list_dir("/proc/self/fd").size();
+    errno = E2BIG;
+    main_stack();
+    stack_of(1);
+    EXPECT_EQ(errno, E2BIG);
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+}
+
+TEST(StackInfo, ALineLongerThanTheBufferEndsTheReading)
+{
+    std::string line = "1000-2000 rw-p " + std::string(1100, 'x') + "\n";
+    set_maps("1000-2000 rw-p 0\n" + line + "3000-4000 rw-p 0 [stack]\n");
+    expect_nothing(main_stack());
+    expect_nothing(stack_of(0x3000));
+    expect_range(stack_of(0x1000), 0x1000, 0x2000);
+}
+
 // ---- the record ----
 
 namespace {
