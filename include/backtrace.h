@@ -10,6 +10,11 @@
  *     int depth = qv_backtrace_spec(fp, pc, 0, code, frames, 20, NULL);
  *
  * The walk sees only code that keeps frame pointers; build hosts with -fno-omit-frame-pointer.
+ *
+ * Names of addresses are read from the modules' dynamic symbol tables, without a lock and without the dynamic loader;
+ * only with a C library older than glibc 2.35 is the loader asked, which takes its lock. Memory that may not be mapped is
+ * read by whatever the process's system call filter leaves: rt_sigprocmask, pread of /proc/self/mem, a pipe or
+ * process_vm_readv.
  */
 #ifndef LIBCOMMON_BACKTRACE_H
 #define LIBCOMMON_BACKTRACE_H
@@ -30,7 +35,10 @@ typedef struct section_record {
     uint64_t reserved; /* 0 */
 } section_record;
 
-/** The calling thread's table: empty until the thread calls procps_read_maps(). */
+/**
+ * The calling thread's table: empty until the thread calls procps_read_maps(). An access by this name may call the
+ * dynamic loader, as any access to a library's thread-local variable may; a handler uses is_dynamic_lib().
+ */
 extern QV_API __thread struct section_record section_rec[QV_SECTION_MAX];
 
 /** Kept for hosts that link against it; the library neither reads nor writes it. */
@@ -41,6 +49,13 @@ extern QV_API uint64_t stack_main_top;
 /**
  * Loads the calling thread's table of executable, not writable mappings from /proc. A process with more mappings than
  * the table holds keeps the first ones, and a message tells.
+ *
+ * The list is read through a buffer of 1,024 bytes. A line that does not fit, newline included, ends the reading: with a
+ * module whose path has about 950 characters or more, that mapping and all at higher addresses are missing. Walks then
+ * leave out a program counter there. Install programs and plug-ins under shorter paths.
+ *
+ * In a library loaded by dlopen() the first call of a thread allocates its table. The crash handlers do not: on a thread
+ * that never called this they use another table, which section_rec does not show.
  * @return 0, or -1 when the list cannot be opened (the table is empty then)
  */
 QV_API QV_SIGNAL_SAFE int procps_read_maps(void);
@@ -53,7 +68,9 @@ QV_API QV_SIGNAL_SAFE int is_dynamic_lib(unsigned long addr);
 
 /**
  * Walks frame records. The program counter and then the link register come first, each only when it is code; then the
- * return addresses of the frame records, taken as they are. The walk ends at a record linked to 0, at `max` entries or
+ * return addresses of the frame records, taken as they are. Signatures of return addresses, the link register included,
+ * are removed where that gives an address of known code: by the table, or by the loaded modules while it is empty. The
+ * walk ends at a record linked to 0, at `max` entries or
  * where the chain leaves readable memory. A frame pointer that is no multiple of 8 is rounded up to one; later links
  * are followed as they are.
  * @param fp      frame pointer to start from; 0 for no walk
@@ -75,15 +92,15 @@ QV_API QV_SIGNAL_SAFE int qv_backtrace_spec(unsigned long fp, unsigned long pc, 
  */
 QV_API QV_SIGNAL_SAFE int get_proc_comm_name(char *buf, int len);
 
-/* ---- not for signal handlers ---- */
-
 /**
- * Names a function: "name@0x...", or only the address when the loader knows no name, or "NULL".
+ * Names a function: "name@0x...", or only the address when no dynamic symbol covers it, or "NULL".
  * @param dst   receives the text, always terminated
  * @param size  room in dst in bytes, at least 1
  * @return length of the whole text, as snprintf() gives it
  */
-QV_API int get_function_name_by_ptr(void *ptr, char *dst, int size);
+QV_API QV_SIGNAL_SAFE int get_function_name_by_ptr(void *ptr, char *dst, int size);
+
+/* ---- not for signal handlers ---- */
 
 /** Prints the calling thread's backtrace on the console, headed by `tag`. Allocates. */
 QV_API void qv_stacktrace(const char *tag);

@@ -31,7 +31,8 @@ extern QV_API uint32_t g_process_stack_cur_index;
  * @param start  receives its first address
  * @param end    receives the address behind it
  * @return 0, or -1 when the mapping list cannot be opened (told on standard output). 0 with both outputs left alone
- *         means that there is no such mapping: set them before the call.
+ *         means that there is no such mapping: set them before the call. A line of the list that has more than 1,024
+ *         bytes, newline included, ends the reading, so a path that long hides all mappings at higher addresses.
  */
 QV_API QV_SIGNAL_SAFE int qv_get_stack_info(unsigned long *start, unsigned long *end);
 

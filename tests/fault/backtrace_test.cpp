@@ -202,6 +202,45 @@ TEST(Maps, AFailedLoadClearsTheTable)
     EXPECT_TRUE(child.exited(0)) << child.out << child.status;
 }
 
+TEST(Maps, ThreadModeReadsTheListOfTheCallingThread)
+{
+    ChildResult child = run_child([] {
+        qv_set_handle_thread_trace();
+        pthread_t thread;
+        auto body = [](void *) -> void * {
+            std::string list = "/proc/" + std::to_string(::getpid()) + "/task/" + std::to_string(thread_id()) + "/maps";
+            bind_over(list, map_line("5000-6000", "r-xp"));
+            EXPECT_EQ(procps_read_maps(), 0);
+            EXPECT_EQ(table_size(), 1U);
+            EXPECT_EQ(section_rec[0].start, 0x5000U);
+            return nullptr;
+        };
+        ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
+        ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err;
+}
+
+TEST(Maps, ErrnoIsKept)
+{
+    errno = E2BIG;
+    procps_read_maps();
+    EXPECT_EQ(errno, E2BIG);
+    ChildResult child = run_child([] {
+        ::unshare(CLONE_NEWNS);
+        mount_tmpfs("/proc");
+        char name[128] = {};
+        errno = E2BIG;
+        EXPECT_EQ(procps_read_maps(), -1);
+        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(get_proc_comm_name(name, 127), 0);
+        EXPECT_EQ(errno, E2BIG);
+        get_function_name_by_ptr(name, name, sizeof name);
+        EXPECT_EQ(errno, E2BIG);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out << child.err;
+}
+
 TEST(Maps, TheTableIsTheThreadsOwn)
 {
     ASSERT_EQ(procps_read_maps(), 0);
@@ -350,19 +389,42 @@ TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
 }
 
 #if defined(__aarch64__)
+namespace {
+
+// The address of a function of the library, signed if this processor signs.
+unsigned long signed_address(unsigned long address)
+{
+    asm("mov x30, %0\n\thint #25\n\tmov %0, x30" : "+r"(address) : : "x30"); // PACIASP
+    return address;
+}
+
+} // namespace
+
 TEST(Walk, SignaturesOfReturnAddressesAreStripped)
 {
-    procps_read_maps();
     unsigned long address = at(reinterpret_cast<void *>(&qv_backtrace_spec));
-    unsigned long with_signature = address;
-    asm("mov x30, %0\n\thint #25\n\tmov %0, x30" : "+r"(with_signature) : : "x30"); // PACIASP
+    unsigned long with_signature = signed_address(address);
     if (with_signature == address)
         GTEST_SKIP() << "this processor does not sign return addresses";
-    Chain chain(2);
-    chain.words[1] = with_signature;
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{address}));
+    for (bool with_table : {false, true}) {
+        if (with_table)
+            procps_read_maps();
+        Chain chain(2);
+        chain.words[1] = with_signature;
+        Walk walk(chain.fp(), address, with_signature, 20);
+        EXPECT_EQ(walk.code(), (Words{address, address, address})) << with_table;
+        EXPECT_EQ(walk.frame(), (Words{chain.fp(), 1, chain.record(1)}));
+    }
 }
 #endif
+
+TEST(Walk, TheLinkRegisterIsCodeOrLeftOut)
+{
+    load_one_section();
+    Chain chain(2);
+    for (unsigned long lr : {0x0123000000007000UL, 0xff80000000007000UL, kNotCode})
+        EXPECT_EQ(Walk(chain.fp(), kCode, lr, 20).code(), (Words{kCode, 0x1000})) << lr;
+}
 
 TEST(Walk, ErrnoIsKept)
 {
