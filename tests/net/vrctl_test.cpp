@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -23,6 +24,7 @@ namespace {
 struct Request {
     unsigned long number;
     std::string device;
+    std::vector<unsigned char> channel; // the ifreq, apart from its pointer to the record
     std::vector<unsigned char> record;
 };
 
@@ -46,24 +48,42 @@ void put(unsigned char *record, std::size_t offset, T value)
     std::memcpy(record + offset, &value, sizeof value);
 }
 
-// The only request made: its code is right, and apart from the named fields every byte is zero.
-Request only(unsigned code, std::initializer_list<std::pair<std::size_t, std::size_t>> fields)
+using Fields = std::initializer_list<std::pair<std::size_t, std::size_t>>; // offsets and widths
+
+// A request's code is right, and apart from the named fields every byte is zero.
+void expect_command(const Request &request, unsigned code, Fields fields)
 {
-    EXPECT_EQ(requests.size(), 1u);
-    if (requests.empty())
-        return {};
-    Request request = requests.front();
     EXPECT_EQ(request.number, 0x89F0u);
-    EXPECT_EQ(request.device, "pow0");
+    std::vector<unsigned char> channel(sizeof(ifreq), 0);
+    std::memcpy(channel.data(), "pow0", 4);
+    EXPECT_EQ(request.channel, channel);
     EXPECT_EQ(field(request, 0, 8), code);
     std::vector<unsigned char> rest = request.record;
     std::fill_n(rest.begin(), 8, 0);
     for (auto [offset, width] : fields)
         std::fill_n(rest.begin() + static_cast<long>(offset), width, 0);
     EXPECT_EQ(rest, std::vector<unsigned char>(280, 0)) << "no stack bytes may travel";
+}
+
+// The only request made.
+Request only(unsigned code, Fields fields)
+{
+    EXPECT_EQ(requests.size(), 1u);
+    if (requests.empty())
+        return {};
+    Request request = requests.front();
+    expect_command(request, code, fields);
     EXPECT_EQ(opened, 1);
     EXPECT_EQ(closed, 1);
     return request;
+}
+
+// Leaves bytes where the next calls have their records.
+[[gnu::noinline]] void dirty_stack()
+{
+    volatile unsigned char bytes[4096];
+    for (volatile unsigned char &byte : bytes)
+        byte = 0xA5;
 }
 
 struct Vrctl : testing::Test {
@@ -102,12 +122,15 @@ extern "C" int ioctl(int fd, unsigned long number, ...)
     if (!interposed)
         return real(fd, number, argument);
 
-    Request request{number, {}, {}};
+    Request request{number, {}, {}, {}};
     unsigned char *record = static_cast<unsigned char *>(argument);
     if (number == 0x89F0) {
         ifreq channel;
         std::memcpy(&channel, argument, sizeof channel);
         request.device = std::string(channel.ifr_name, ::strnlen(channel.ifr_name, 16));
+        request.channel.resize(sizeof channel);
+        std::memcpy(request.channel.data(), &channel, sizeof channel);
+        std::fill_n(request.channel.begin() + offsetof(ifreq, ifr_data), sizeof channel.ifr_data, 0);
         record = reinterpret_cast<unsigned char *>(channel.ifr_data);
         request.record.assign(record, record + 280);
     } else {
@@ -171,6 +194,25 @@ TEST_F(Vrctl, NamesWithoutTerminatorAreCutAt31)
     succeed([](unsigned char *record) { std::memset(record, 'n', 280); });
     EXPECT_EQ(qv_vrid_2_name(7), std::string(31, 'n'));
     EXPECT_EQ(qv_vsysid_2_name(7), std::string(31, 'n'));
+}
+
+TEST_F(Vrctl, NamesOf30And31CharactersComeWhole)
+{
+    for (std::size_t length : {30u, 31u}) {
+        std::string text(length, 'm');
+        text.back() = 'z';
+        // Nothing but the terminator follows at once.
+        succeed([&](unsigned char *record) {
+            std::memset(record + 8, 'x', 272);
+            std::strcpy(reinterpret_cast<char *>(record) + 16, text.c_str());
+        });
+        EXPECT_EQ(qv_vrid_2_name(7), text);
+        succeed([&](unsigned char *record) {
+            std::memset(record + 8, 'x', 272);
+            std::strcpy(reinterpret_cast<char *>(record) + 10, text.c_str());
+        });
+        EXPECT_EQ(qv_vsysid_2_name(7), text);
+    }
 }
 
 TEST_F(Vrctl, VrNameToId)
@@ -275,6 +317,10 @@ TEST_F(Vrctl, SettingAnInterfacesMarkReadsAndWritesBack)
     ASSERT_EQ(requests.size(), 4u);
     EXPECT_EQ(field(requests[3], 264, 4), 301u);
     EXPECT_EQ(field(requests[3], 268, 4), 0xA0000001u);
+    for (std::size_t read : {0u, 2u}) {
+        expect_command(requests[read], 6, {{264, 4}});
+        expect_command(requests[read + 1], 4, {{264, 4}, {268, 4}});
+    }
 }
 
 TEST_F(Vrctl, VrSharedMark)
@@ -303,6 +349,10 @@ TEST_F(Vrctl, SettingAVrsMarkReadsAndWritesBack)
     EXPECT_EQ(field(requests[1], 0, 8), 9u);
     EXPECT_EQ(field(requests[1], 8, 2), 9u);
     EXPECT_EQ(field(requests[1], 10, 2), 0u);
+    for (std::size_t read : {0u, 2u}) {
+        expect_command(requests[read], 11, {{8, 2}});
+        expect_command(requests[read + 1], 9, {{8, 2}, {12, 4}});
+    }
 }
 
 TEST_F(Vrctl, AWriteThatFailsIsTheResult)
@@ -358,6 +408,57 @@ TEST_F(Vrctl, CellularDevice)
     Request request = only(24, {{8, 2}, {12, 4}});
     EXPECT_EQ(field(request, 8, 2), 12u);
     EXPECT_EQ(field(request, 12, 4), 3u);
+}
+
+// ---- positive results, which only the interface requests take for failures ----
+
+TEST_F(Vrctl, APositiveResultOfACommandIsSuccess)
+{
+    const unsigned char mac[6] = {};
+    unsigned short vsysid = 5;
+    reply = [](unsigned char *record) {
+        if (record[0] == 12 || record[0] == 16)
+            put<std::uint16_t>(record, 8, 9);
+        else
+            std::memset(record + 8, 2, 272);
+        errno = EIO;
+        return 1;
+    };
+    EXPECT_EQ(qv_vrid_2_vsysid(1), 0x0202);
+    EXPECT_STREQ(qv_vrid_2_name(1), std::string(31, 2).c_str());
+    EXPECT_EQ(qv_vrname_2_id(1, "x"), 9);
+    EXPECT_STREQ(qv_vsysid_2_name(1), std::string(31, 2).c_str());
+    EXPECT_EQ(qv_vsysname_2_id("x"), 9);
+    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0x0202);
+    EXPECT_EQ(qv_is_vr_shared(1), 2);
+    EXPECT_EQ(qv_set_vr_shared(1), 0);
+    EXPECT_EQ(qv_set_vr_unshared(1), 0);
+    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), 0);
+    EXPECT_EQ(vsysid, 0x0202);
+    EXPECT_EQ(qv_is_if_shared(1), 2);
+    EXPECT_EQ(qv_set_if_shared(1), 0);
+    EXPECT_EQ(qv_set_if_unshared(1), 0);
+    EXPECT_EQ(qv_set_cellular_if_mac(mac, 1, 1), 0);
+    EXPECT_EQ(qv_set_wifi_if(1, 1), 0);
+    EXPECT_EQ(qv_set_if_mtu_limit(1), 0);
+    EXPECT_EQ(qv_change_cellular_dev(nullptr, 1, 1), 0);
+}
+
+TEST_F(Vrctl, APositiveResultOfAnInterfaceRequestIsAFailure)
+{
+    unsigned vrid = 5;
+    reply = [](unsigned char *record) {
+        put<std::uint32_t>(record, 16, 9);
+        errno = EIO;
+        return 1;
+    };
+    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), EIO);
+    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(qv_set_if_vr("eth0", 5), EIO);
+    vrid = 5;
+    EXPECT_EQ(qv_get_netif_vr("ethernet0/1", &vrid), EIO);
+    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), -1);
 }
 
 // ---- failures of the private channel ----
@@ -434,6 +535,54 @@ TEST_F(Vrctl, SettingAnInterfacesVr)
     std::memcpy(wanted.data(), "a-name-of-16-ch", 15);
     put<std::uint32_t>(wanted.data(), 16, 0x12345678);
     EXPECT_EQ(requests[0].record, wanted);
+}
+
+TEST_F(Vrctl, InterfaceRequestsAreCleared)
+{
+    unsigned vrid;
+    succeed();
+    for (const char *name : {"", "e", "fifteen-charact"}) {
+        requests.clear();
+        dirty_stack();
+        EXPECT_EQ(qv_get_if_vr(name, &vrid), 0);
+        dirty_stack();
+        EXPECT_EQ(qv_set_if_vr(name, 0x01020304), 0);
+        dirty_stack();
+        EXPECT_EQ(qv_get_netif_vr(name, &vrid), 0);
+        std::vector<unsigned char> wanted(56, 0);
+        std::strcpy(reinterpret_cast<char *>(wanted.data()), name);
+        EXPECT_EQ(requests.at(0).record, wanted);
+        EXPECT_EQ(requests.at(2).record, wanted);
+        put<std::uint32_t>(wanted.data(), 16, 0x01020304);
+        EXPECT_EQ(requests.at(1).record, wanted);
+    }
+}
+
+TEST_F(Vrctl, CommandsAreCleared)
+{
+    const unsigned char mac[6] = {1, 1, 1, 1, 1, 1};
+    unsigned short vsysid;
+    succeed();
+    auto cleared = [](const std::function<void()> &call, unsigned code, Fields fields) {
+        requests.clear();
+        dirty_stack();
+        call();
+        ASSERT_EQ(requests.size(), 1u);
+        expect_command(requests[0], code, fields);
+    };
+    cleared([] { qv_vrid_2_vsysid(0xFFFF); }, 11, {{8, 2}});
+    cleared([] { qv_vrid_2_name(0xFFFF); }, 11, {{8, 2}});
+    cleared([] { qv_vrname_2_id(0xFFFF, "x"); }, 12, {{10, 2}, {16, 1}});
+    cleared([] { qv_vsysid_2_name(0xFFFF); }, 15, {{8, 2}});
+    cleared([] { qv_vsysname_2_id("x"); }, 16, {{10, 1}});
+    cleared([] { qv_vsysid_2_default_vrid(0xFFFF); }, 17, {{8, 2}});
+    cleared([] { qv_is_vr_shared(0xFFFF); }, 11, {{8, 2}});
+    cleared([] { qv_is_if_shared(0xFFFF); }, 6, {{264, 2}});
+    cleared([&] { qv_get_if_vsysid(0xFFFF, &vsysid); }, 6, {{264, 2}});
+    cleared([&] { qv_set_cellular_if_mac(mac, 0xFFFF, ~0U); }, 18, {{8, 2}, {12, 4}, {16, 6}});
+    cleared([] { qv_set_wifi_if(0xFFFF, ~0U); }, 19, {{8, 2}, {12, 4}});
+    cleared([] { qv_set_if_mtu_limit(0xFFFF); }, 22, {{8, 2}});
+    cleared([] { qv_change_cellular_dev("x", 0xFFFF, ~0U); }, 24, {{8, 2}, {12, 4}});
 }
 
 TEST_F(Vrctl, ARefusedInterfaceRequestGivesThePositiveErrno)

@@ -602,6 +602,26 @@ TEST_F(Vrsock, RecvfromtoRoomOf7DeclinesTheDestinationAnd8TakesIt)
     EXPECT_EQ(receive_to6(info6(12, "::1"), 8).tolen, 28u);
 }
 
+TEST_F(Vrsock, RecvfromtoReadsTheRoomAsASignedNumber)
+{
+    Bytes control = info4(12, "10.0.0.1", "10.0.0.2") + vr4(7);
+    for (socklen_t room : {0x80000000u, 0x80000010u, 0xFFFFFFFFu}) {
+        Told told = receive_to4(control, room);
+        EXPECT_EQ(told.tolen, 0u) << room;
+        EXPECT_EQ(told.ifindex, -77);
+        EXPECT_EQ(told.to, Bytes(16, 0xEE));
+        EXPECT_EQ(told.vrid, 7u);
+    }
+    EXPECT_EQ(receive_to4(control, 0x7FFFFFFF).tolen, 16u);
+    own_is_v6();
+    for (socklen_t room : {0x80000000u, 0x8000001Cu, 0xFFFFFFFFu}) {
+        Told told = receive_to6(info6(12, "::1"), room);
+        EXPECT_EQ(told.tolen, 0u) << room;
+        EXPECT_EQ(told.to, Bytes(28, 0xEE));
+    }
+    EXPECT_EQ(receive_to6(info6(12, "::1"), 0x7FFFFFFF).tolen, 28u);
+}
+
 TEST_F(Vrsock, RecvfromtoTakesTheFirstPacketInfoOnly)
 {
     Told told = receive_to4(info4(12, "1.1.1.1", "10.0.0.2") + info4(13, "1.1.1.1", "10.0.0.3"));
