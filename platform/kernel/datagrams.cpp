@@ -374,7 +374,9 @@ ssize_t receive(tables &all, int fd, msghdr *message, int flags)
     ssize_t n = real::recvmsg(fd, &outside, flags & ~kMsgVr);
     if (n < 0)
         return n;
-    from = name(outside.msg_name, outside.msg_namelen);
+    if (has_room)
+        from = name(outside.msg_name, std::min(outside.msg_namelen, message->msg_namelen));
+    from.length = outside.msg_namelen;
     auto source = bring_inside(all, from);
     std::size_t room = message->msg_controllen;
     message->msg_controllen = outside.msg_controllen;

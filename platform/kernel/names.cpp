@@ -89,7 +89,7 @@ int name::give(void *to, socklen_t *to_room) const
         return fail(EFAULT);
     if (static_cast<int>(*to_room) < 0)
         return fail(EINVAL);
-    std::memcpy(to, &at, std::min(*to_room, length));
+    std::memcpy(to, &at, std::min({*to_room, length, socklen_t{sizeof at}}));
     *to_room = length;
     return 0;
 }
