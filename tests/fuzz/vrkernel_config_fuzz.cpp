@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // Configuration files of any content: the tables that are read hold together, or the file is refused.
 #include "platform/kernel/config.h"
-#include "platform/kernel/tables.h"
 
-// The stand-in kernel is no part of the library that the fuzzers link.
-#include "platform/kernel/config.cpp" // NOLINT
-#include "platform/kernel/tables.cpp" // NOLINT
+#include "base/unique_fd.h"
+#include "platform/kernel/tables.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <span>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -43,6 +44,7 @@ void require_sound(vrkernel::tables &all)
         require_terminated(one.name);
         require(all.find_interface(one.id) == &one && all.find_interface(one.name) == &one);
         require(all.find_vr(one.vr) != nullptr && all.find_vsys(one.vsys) != nullptr);
+        require(vrkernel::may_hold(*all.find_vr(one.vr), one.vsys));
     }
 }
 
