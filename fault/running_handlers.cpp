@@ -176,44 +176,61 @@ uint64_t current_mask()
 
 // ---- other threads ----
 
-struct thread_status {
-    char state = '?';
-    bool has_mask = false;
-    uint64_t mask = 0;
-};
-
-thread_status read_status(pid_t thread)
+base::unique_fd open_thread_file(pid_t thread, const char *name)
 {
     char path[64];
-    signal_snprintf(path, sizeof path, "/proc/self/task/%d/status", thread);
-    thread_status status;
-    base::unique_fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    signal_snprintf(path, sizeof path, "/proc/self/task/%d/%s", thread, name);
+    return base::unique_fd(::open(path, O_RDONLY | O_CLOEXEC));
+}
+
+// The signals that a thread blocks; false when that cannot be read.
+bool read_mask(pid_t thread, uint64_t *mask)
+{
+    base::unique_fd fd = open_thread_file(thread, "status");
     if (!fd)
-        return status;
-    constexpr char kState[] = "State:\t";
-    constexpr char kMask[] = "SigBlk:\t";
+        return false;
+    constexpr char kLabel[] = "SigBlk:\t";
     base::hfgets_state reader = {};
     reader.fd = fd.get();
     char line[base::kLineSize];
-    while (!status.has_mask && base::hfgets(line, &reader) != nullptr) {
-        if (std::strncmp(line, kState, sizeof kState - 1) == 0)
-            status.state = line[sizeof kState - 1];
-        if (std::strncmp(line, kMask, sizeof kMask - 1) == 0) {
-            const char *digits = line + sizeof kMask - 1;
-            unsigned long mask;
-            status.has_mask = base::detail::read_hex_field(&digits, &mask);
-            status.mask = status.has_mask ? mask : 0;
-        }
+    while (base::hfgets(line, &reader) != nullptr) {
+        if (std::strncmp(line, kLabel, sizeof kLabel - 1) != 0)
+            continue;
+        const char *digits = line + sizeof kLabel - 1;
+        return base::detail::read_hex_field(&digits, mask);
     }
-    return status;
+    return false;
 }
 
-// A first thread that ended stays in the process as a zombie.
+// The number in the ninth field of a thread's status line. The second one, the name in brackets, may hold blanks and
+// brackets of its own.
+unsigned long flags_field(const char *text, std::size_t length)
+{
+    std::size_t at = length;
+    while (at > 0 && text[at - 1] != ')')
+        at--;
+    constexpr int kBlanksBefore = 7; // between the name and the flags
+    for (int blanks = 0; at < length && blanks < kBlanksBefore; at++)
+        blanks += text[at] == ' ' ? 1 : 0;
+    unsigned long flags = 0;
+    for (; at < length && text[at] >= '0' && text[at] <= '9'; at++)
+        flags = flags * 10 + static_cast<unsigned long>(text[at] - '0');
+    return flags;
+}
+
+// pthread_join() returns before the kernel forgets the thread, and a first thread that ended stays as a zombie.
+bool is_exiting(pid_t thread)
+{
+    constexpr unsigned long kExiting = 0x4; // the kernel's PF_EXITING
+    base::unique_fd fd = open_thread_file(thread, "stat");
+    char text[256]; // the first nine fields need less
+    ssize_t n = fd ? ::read(fd.get(), text, sizeof text) : 0;
+    return n > 0 && (flags_field(text, static_cast<std::size_t>(n)) & kExiting) != 0;
+}
+
 bool has_ended(pid_t process, pid_t thread)
 {
-    if (::syscall(SYS_tgkill, process, thread, 0) != 0 && errno == ESRCH)
-        return true;
-    return thread == process && read_status(thread).state == 'Z';
+    return is_exiting(thread) || (::syscall(SYS_tgkill, process, thread, 0) != 0 && errno == ESRCH);
 }
 
 // The signal of a running handler is blocked; siglongjmp() puts the mask back.
@@ -223,8 +240,8 @@ bool was_left(const thread_identity &self, uint64_t word)
         return false;
     if (thread_of(word) == self.thread)
         return !contains(current_mask(), signal_of(word));
-    thread_status status = read_status(thread_of(word));
-    return status.has_mask && !contains(status.mask, signal_of(word));
+    uint64_t mask;
+    return read_mask(thread_of(word), &mask) && !contains(mask, signal_of(word));
 }
 
 bool is_running(const thread_identity &self, uint64_t word)
@@ -370,11 +387,16 @@ bool is_handler_running()
         return true;
     base::errno_guard keep;
     thread_identity self;
+    auto is_older = [](const table_entry &entry) { return entry.number - ended_number <= 0; };
+    bool is_own = any_entry([&](table_entry &entry, uint64_t word) {
+        return self.owns(entry, word) && !(is_older(entry) && was_left(self, word));
+    });
+    if (is_own)
+        return true;
     bool is_running_here = any_entry([&](table_entry &entry, uint64_t word) {
         if (process_of(word) != self.process)
-            return self.owns(entry, word);
-        bool is_older = entry.number - ended_number <= 0;
-        if (!has_ended(self.process, thread_of(word)) && !(is_older && was_left(self, word)))
+            return false;
+        if (!has_ended(self.process, thread_of(word)) && !(is_older(entry) && was_left(self, word)))
             return true;
         remove(entry, word);
         return false;

@@ -274,7 +274,7 @@ TEST(Registers, EachSlotHoldsItsOwn)
                                 REG_R8, REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15,
                                 kNone,  kNone,   kNone,   kNone,   kNone,   kNone,   kNone,   kNone,
                                 kNone,  kNone,   kNone,   kNone,   kNone,   REG_RBP, REG_RIP, REG_RSP};
-    auto value = [](int saved) { return saved == kNone ? 0 : 0x5000000000000000 + static_cast<unsigned>(saved); };
+    auto value = [](int saved) { return saved == kNone ? 0UL : 0x5000000000000000UL + static_cast<unsigned>(saved); };
     for (unsigned i = 0; i < 32; i++)
         expect_register(log, i, value(kSaved[i]));
     EXPECT_EQ(log.sp, value(REG_RSP));
@@ -301,7 +301,7 @@ TEST(Walk, TheHandlerReadsTheMappingsOfItsThread)
 
 TEST(Files, AllMayReadWriteAndSearchButForTheUmask)
 {
-    for (mode_t mask : {0000, 0027}) {
+    for (mode_t mask : {mode_t{0000}, mode_t{0027}}) {
         mount_tmpfs("/etc");
         mount_tmpfs("/flash");
         ChildResult child = named_child([mask] {

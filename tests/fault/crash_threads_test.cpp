@@ -489,11 +489,29 @@ TEST(Context, AThreadThatEndedInsideDoesNotCount)
 {
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
-        ::pthread_join(start(request_dump), nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
-        EXPECT_TRUE(prints_ordinarily());
+        for (int i = 0; i < 50; i++) {
+            ::pthread_join(start(request_dump), nullptr);
+            ASSERT_EQ(in_signal_context(), 0);
+            ASSERT_TRUE(prints_ordinarily());
+        }
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
+}
+
+TEST(Context, AFirstThreadThatEndedInsideDoesNotCount)
+{
+    ChildResult child = threaded_child([] {
+        static pthread_t first = ::pthread_self();
+        in_phase[QV_COREDUMP_LAST] = [] { ::syscall(SYS_exit, 0); };
+        start([](void *) -> void * {
+            ::pthread_join(first, nullptr);
+            EXPECT_EQ(in_signal_context(), 0);
+            EXPECT_TRUE(prints_ordinarily());
+            ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+        });
+        ::raise(52);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.timed_out;
 }
 
 TEST(Context, ErrnoIsKept)
