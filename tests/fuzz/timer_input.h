@@ -2,8 +2,8 @@
 // timer_input.h - operations for the timers out of a fuzzer's bytes, and the monotonic clock that they move.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include "tests/fuzz/input.h"
+
 #include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,25 +11,6 @@
 namespace fuzz {
 
 inline timespec now; // of the monotonic clock
-
-// Reads zeros once the bytes are used up.
-class Input {
-public:
-    Input(const std::uint8_t *data, std::size_t size) : at_(data), end_(data + size) {}
-    bool empty() const { return at_ == end_; }
-    std::uint8_t byte() { return empty() ? std::uint8_t{0} : *at_++; }
-    std::uint32_t word()
-    {
-        std::uint32_t value = 0;
-        for (int i = 0; i < 4; i++)
-            value = value << 8 | byte();
-        return value;
-    }
-
-private:
-    const std::uint8_t *at_;
-    const std::uint8_t *end_;
-};
 
 } // namespace fuzz
 
