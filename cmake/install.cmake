@@ -2,12 +2,9 @@
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/libcommon)
-set(host_ld_dir ${CMAKE_INSTALL_DATADIR}/libcommon)
 
-install(TARGETS libcommon heap host EXPORT libcommon-targets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS libcommon libcommon_heap EXPORT libcommon-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libcommon FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
-install(FILES platform/host/libcommon-host.ld DESTINATION ${host_ld_dir})
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(EXPORT libcommon-targets NAMESPACE libcommon:: DESTINATION ${package_dir})
 
@@ -15,6 +12,8 @@ configure_package_config_file(cmake/libcommon-config.cmake.in ${PROJECT_BINARY_D
     INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/libcommon-config-version.cmake COMPATIBILITY SameMajorVersion)
 file(RELATIVE_PATH pc_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REPLACE "LINKER:" "-Wl," pc_host_options "${host_link_options}")
+list(JOIN pc_host_options " " pc_host_options)
 configure_file(cmake/libcommon.pc.in ${PROJECT_BINARY_DIR}/libcommon.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libcommon-config.cmake ${PROJECT_BINARY_DIR}/libcommon-config-version.cmake
     DESTINATION ${package_dir})

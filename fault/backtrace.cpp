@@ -21,6 +21,8 @@ extern "C" {
 // Bounds of the host executable's code, from its link; a host linked without them has an empty text range.
 [[gnu::weak]] extern const char __qv_text_start[];
 [[gnu::weak]] extern const char __qv_text_end[];
+// The same two as data, in hosts that link libcommon::host; its source says why.
+[[gnu::weak]] extern const char *const __qv_text_bounds[2];
 
 uint64_t stack_main_top;
 int qv_handle_thread;
@@ -36,8 +38,9 @@ constexpr unsigned long kReturnAddressOffset = sizeof(unsigned long);
 
 bool is_host_text(unsigned long addr)
 {
-    auto start = reinterpret_cast<unsigned long>(__qv_text_start);
-    auto end = reinterpret_cast<unsigned long>(__qv_text_end);
+    bool has_record = __qv_text_bounds != nullptr;
+    auto start = reinterpret_cast<unsigned long>(has_record ? __qv_text_bounds[0] : __qv_text_start);
+    auto end = reinterpret_cast<unsigned long>(has_record ? __qv_text_bounds[1] : __qv_text_end);
     return end != 0 && addr >= start && addr <= end;
 }
 

@@ -19,7 +19,7 @@
  * systems; another user gets the console messages of a failed log. Sending a dump request takes the same user or root.
  *
  * A host takes part in the dump through callbacks. They are entries of a table that its link collects; link the host
- * with libcommon-host.ld:
+ * with the flags of `pkg-config --variable=host_libs libcommon` or, in CMake, with libcommon::host:
  *
  *     static long add_state(unsigned int phase, unsigned long arg, void *record)
  *     {
@@ -101,13 +101,29 @@ typedef long (*qv_coredump_callback)(unsigned int phase, unsigned long arg, void
 #define QV_IN_SOURCE_ORDER
 #endif
 
+/* Keeps an entry when the linker drops what nothing refers to. */
+#if defined(__has_attribute)
+#if __has_attribute(retain)
+#define QV_RETAIN retain,
+#endif
+#endif
+#ifndef QV_RETAIN
+#define QV_RETAIN
+#endif
+
+/* Not const: a constant pointer lies in a read-only section in some objects and in a writable one in others (those that
+ * are position-independent). Not every linker joins the two, and the bounds are those of one. */
+
 /**
  * Places `fn` in the callback table of the executable that this is compiled into. Use it at file scope. The entries of
  * a source are called in their order there, those of different sources in link order.
+ *
+ * There is one table a process, the executable's. In a shared object (a plug-in, say) the macro only fills a section of
+ * that object: nothing calls its entries. A plug-in takes part in dumps through a callback of its host that knows it.
  */
 #define QV_COREDUMP_CALLBACK(fn)                                                                                       \
-    __attribute__((used, section("qv_coredump_callbacks"),                                                             \
-                   QV_IN_SOURCE_ORDER)) static const qv_coredump_callback qv_coredump_entry_##fn = fn
+    __attribute__((used, QV_RETAIN section("qv_coredump_callbacks"),                                                   \
+                   QV_IN_SOURCE_ORDER)) static qv_coredump_callback qv_coredump_entry_##fn = fn
 
 /* ---- arming ---- */
 

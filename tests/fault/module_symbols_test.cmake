@@ -8,7 +8,8 @@ add_library(plugin_high MODULE ${folder}/modules/high.cpp)
 target_link_options(plugin_high PRIVATE LINKER:-Ttext-segment=0x0100000000000000)
 
 add_executable(module_symbols_fixed_test ${folder}/module_symbols_test.cpp)
-target_link_libraries(module_symbols_fixed_test PRIVATE -Wl,--whole-archive test_support -Wl,--no-whole-archive common heap host)
+target_link_libraries(module_symbols_fixed_test PRIVATE $<LINK_LIBRARY:WHOLE_ARCHIVE,test_support>
+    libcommon libcommon_heap libcommon_host)
 target_link_options(module_symbols_fixed_test PRIVATE -no-pie -s)
 set_target_properties(module_symbols_fixed_test PROPERTIES POSITION_INDEPENDENT_CODE OFF)
 set_target_properties(plugin_sysv plugin_gnu plugin_high module_symbols_fixed_test PROPERTIES PREFIX ""

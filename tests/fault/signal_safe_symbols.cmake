@@ -1,7 +1,7 @@
 # Every object of the crash path refers to allowed symbols only. The handlers' set-up, the recorder and the console
 # backtraces run in ordinary code and are left out. Sanitizers add calls of their own.
-if(NOT LIBCOMMON_SANITIZE AND CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
-    set(crash_path backtrace crash_handler crash_log hex_dump machine_context_x86_64 module_symbols running_handlers
+if(NOT LIBCOMMON_SANITIZE)
+    set(crash_path backtrace crash_handler crash_log hex_dump machine_context_${CMAKE_SYSTEM_PROCESSOR} module_symbols running_handlers
         safe_memory section_table signal_format stack_info)
     list(TRANSFORM crash_path PREPEND "fault/")
     list(APPEND crash_path log/console_sigctx)

@@ -7,10 +7,10 @@ add_library(early_library SHARED ${folder}/hosts/early_library.cpp)
 add_library(tls_plugin MODULE ${folder}/hosts/tls_plugin.c)
 target_include_directories(late_host PRIVATE ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(late_host PRIVATE ${CMAKE_DL_LIBS})
-target_link_libraries(own_allocator_host PRIVATE common heap host)
-target_link_libraries(early_host PRIVATE common heap early_library) # the last of them is initialised first
-target_link_libraries(loader_host PRIVATE common heap)
-target_link_libraries(checked_host PRIVATE common heap)
+target_link_libraries(own_allocator_host PRIVATE libcommon libcommon_heap libcommon_host)
+target_link_libraries(early_host PRIVATE libcommon libcommon_heap early_library) # the last of them is initialised first
+target_link_libraries(loader_host PRIVATE libcommon libcommon_heap)
+target_link_libraries(checked_host PRIVATE libcommon libcommon_heap)
 foreach(host IN ITEMS late_host own_allocator_host checked_host early_host loader_host early_library tls_plugin)
     set_target_properties(${host} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
         LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The same host program in C++.
+#include <backtrace.h>
 #include <cstdio>
 #include <sighandler.h>
 #include <signal_printf.h>
@@ -19,6 +20,14 @@ QV_COREDUMP_CALLBACK(on_crash);
 
 void own_function() {}
 
+// What the library knows when its table of mappings excludes everything.
+int is_known(unsigned long address)
+{
+    unsigned long found;
+    section_rec[0].start = section_rec[0].end = 1;
+    return qv_backtrace_spec(0, address, 0, &found, nullptr, 1, nullptr);
+}
+
 } // namespace
 
 int main()
@@ -28,5 +37,6 @@ int main()
     call_signal_table(0, 0, nullptr);
     auto here = reinterpret_cast<char *>(&own_function);
     bool known = here >= __qv_text_start && here < __qv_text_end;
-    std::printf("%s callbacks-run: %d own-code-known: %d\n", text, runs, known);
+    std::printf("%s callbacks-run: %d own-code-known: %d %d\n", text, runs, known,
+                is_known(reinterpret_cast<unsigned long>(&own_function)));
 }

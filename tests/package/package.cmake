@@ -1,8 +1,11 @@
-# The installed package serves a C11 and a C++20 consumer, with plain flags, through pkg-config and through
-# find_package.
+# The installed package serves a C11 and a C++20 host: with plain flags and the linker script, through pkg-config with
+# each linker, and through find_package. Where the target is another machine the hosts run under the emulator.
 if(NOT LIBCOMMON_SANITIZE)
-    foreach(way IN ITEMS plain pkg-config find_package)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+    foreach(way IN ITEMS script pkg-config.bfd pkg-config.gold pkg-config.lld pkg-config.mold find_package)
         add_test(NAME package.${way} COMMAND ${CMAKE_CURRENT_LIST_DIR}/consume ${way} ${PROJECT_BINARY_DIR})
         set_tests_properties(package.${way} PROPERTIES TIMEOUT 120)
+        set_property(TEST package.${way} PROPERTY ENVIRONMENT CC=${CMAKE_C_COMPILER} CXX=${CMAKE_CXX_COMPILER}
+            EMULATOR=${emulator} "CMAKE_TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE}")
     endforeach()
 endif()

@@ -1,1 +1,1 @@
-add_dependencies(qvenv_test qvenv)
+add_dependencies(qvenv_test libcommon_qvenv)
