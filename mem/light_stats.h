@@ -81,7 +81,7 @@ void *count_failure(std::size_t requested);
 
 // Before the block goes; nothing for null.
 template <auto size_of = hooks::chunk_size>
-void count_given_up(counter what, void *block)
+[[gnu::always_inline]] inline void count_given_up(counter what, void *block)
 {
     if (block == nullptr)
         return;
@@ -93,7 +93,7 @@ void count_given_up(counter what, void *block)
 }
 
 template <auto size_of = hooks::chunk_size>
-void *counted(counter what, void *block, std::size_t requested)
+[[gnu::always_inline]] inline void *counted(counter what, void *block, std::size_t requested)
 {
     if (block == nullptr) [[unlikely]]
         return count_failure(requested);

@@ -23,7 +23,7 @@ namespace hooks {
 
 constinit threads::set inside;
 bool intercepting = false;
-bool headers_are_known = false;
+size_source block_sizes = size_source::usable_and_word;
 
 hook_set current()
 {
@@ -101,10 +101,28 @@ bool find_out_whether_intercepting()
 bool is_malloc_of_the_c_library()
 {
 #if LIBCOMMON_MALLOC_HOOKS
-    return &std::malloc == &__libc_malloc;
+    return intercepting || &std::malloc == &__libc_malloc;
 #else
     return false;
 #endif
+}
+
+// Tags are in the top byte, and the C library gives none of its blocks the tag 0.
+bool are_blocks_tagged()
+{
+    constexpr int kTagShift = 56;
+    inside_scope scope;
+    void *block = std::malloc(1);
+    auto address = reinterpret_cast<std::uintptr_t>(block);
+    std::free(block);
+    return address >> kTagShift != 0;
+}
+
+size_source find_size_source()
+{
+    if (!is_malloc_of_the_c_library())
+        return size_source::usable_and_word;
+    return are_blocks_tagged() ? size_source::usable_and_header : size_source::header;
 }
 
 } // namespace
@@ -113,6 +131,11 @@ bool is_malloc_of_the_c_library()
 // ---- at load ----
 
 namespace {
+
+// The hooks of plain calls, which are counted by the header word without further questions: the light ones, where that
+// is how sizes are found out; else what no variable holds.
+hooks::hook_set plain = {reinterpret_cast<hooks::malloc_fn>(-1), reinterpret_cast<hooks::free_fn>(-1),
+                         reinterpret_cast<hooks::realloc_fn>(-1)};
 
 // No lock is held between the handlers: those of libraries that were initialised earlier run in between, and they may
 // allocate, or wait for a thread that does. What another thread was in the middle of is put right in the child.
@@ -147,7 +170,9 @@ extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
     if (!loaded) {
         loaded = true;
         hooks::intercepting = hooks::find_out_whether_intercepting();
-        hooks::headers_are_known = hooks::intercepting || hooks::is_malloc_of_the_c_library();
+        hooks::block_sizes = hooks::find_size_source();
+        if (hooks::block_sizes == hooks::size_source::header)
+            plain = hooks::kLightHooks;
         light::watch_threads();
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
     }
@@ -155,7 +180,7 @@ extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
     hooks::install_old(hooks::current());
     light::clear();
     muntrace();
-    hooks::install({my_malloc_light_hook, my_free_light_hook, my_realloc_light_hook});
+    hooks::install(hooks::kLightHooks);
     mtrace();
 }
 
@@ -166,9 +191,9 @@ namespace {
 
 // What nearly every call is: light statistics, with nobody else's hook below.
 template <typename Hook>
-bool is_plain(Hook &hook, Hook light_hook, Hook &old_hook)
+bool is_plain(Hook &hook, Hook plain_hook, Hook &old_hook)
 {
-    return hooks::is(hook, light_hook) && hooks::is(old_hook, static_cast<Hook>(nullptr));
+    return hooks::is(hook, plain_hook) && hooks::is(old_hook, static_cast<Hook>(nullptr));
 }
 
 // The rest, out of line so that plain calls need not save registers for it.
@@ -226,35 +251,35 @@ extern "C" {
 
 [[gnu::visibility("default")]] void *malloc(std::size_t size)
 {
-    if (!is_plain(__malloc_hook, &my_malloc_light_hook, old_malloc_hook)) [[unlikely]]
+    if (!is_plain(__malloc_hook, plain.malloc, old_malloc_hook)) [[unlikely]]
         return malloc_otherwise(size, __builtin_return_address(0));
-    return light::counted<hooks::own_chunk_size>(&light::class_counters::allocs, __libc_malloc(size), size);
+    return light::counted<hooks::size_in_header>(&light::class_counters::allocs, __libc_malloc(size), size);
 }
 
 [[gnu::visibility("default")]] void free(void *ptr)
 {
-    if (!is_plain(__free_hook, &my_free_light_hook, old_free_hook)) [[unlikely]]
+    if (!is_plain(__free_hook, plain.free, old_free_hook)) [[unlikely]]
         return free_otherwise(ptr, __builtin_return_address(0));
-    light::count_given_up<hooks::own_chunk_size>(&light::class_counters::frees, ptr);
+    light::count_given_up<hooks::size_in_header>(&light::class_counters::frees, ptr);
     __libc_free(ptr);
 }
 
 [[gnu::visibility("default")]] void *realloc(void *ptr, std::size_t size)
 {
-    if (!is_plain(__realloc_hook, &my_realloc_light_hook, old_realloc_hook)) [[unlikely]]
+    if (!is_plain(__realloc_hook, plain.realloc, old_realloc_hook)) [[unlikely]]
         return realloc_otherwise(ptr, size, __builtin_return_address(0));
-    light::count_given_up<hooks::own_chunk_size>(&light::class_counters::releases, ptr);
-    return light::counted<hooks::own_chunk_size>(&light::class_counters::products, __libc_realloc(ptr, size), size);
+    light::count_given_up<hooks::size_in_header>(&light::class_counters::releases, ptr);
+    return light::counted<hooks::size_in_header>(&light::class_counters::products, __libc_realloc(ptr, size), size);
 }
 
 [[gnu::visibility("default")]] void *calloc(std::size_t count, std::size_t size)
 {
     std::size_t bytes;
-    if (!is_plain(__malloc_hook, &my_malloc_light_hook, old_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
+    if (!is_plain(__malloc_hook, plain.malloc, old_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
         [[unlikely]]
         return calloc_otherwise(count, size, __builtin_return_address(0));
     // The allocator below knows which blocks come zeroed from the system, and leaves large ones untouched.
-    return light::counted<hooks::own_chunk_size>(&light::class_counters::allocs, __libc_calloc(count, size), bytes);
+    return light::counted<hooks::size_in_header>(&light::class_counters::allocs, __libc_calloc(count, size), bytes);
 }
 }
 #endif

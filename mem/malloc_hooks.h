@@ -69,6 +69,9 @@ struct hook_set {
     realloc_fn realloc = nullptr;
     bool operator==(const hook_set &) const = default;
 };
+inline constexpr hook_set kLightHooks = {my_malloc_light_hook, my_free_light_hook, my_realloc_light_hook};
+inline constexpr hook_set kFullHooks = {my_malloc_hook, my_free_hook, my_realloc_hook};
+
 hook_set current();
 hook_set old();
 void install(const hook_set &set);
@@ -174,30 +177,24 @@ inline void *old_realloc(void *ptr, std::size_t size, const void *caller)
     return hook(ptr, size, caller);
 }
 
-// Whether blocks are the C library's, which keeps a header word before each.
-extern bool headers_are_known;
+// How the size of a block is found out: by the C library's header word before it; where its blocks have tags, which the
+// header has not, by what is usable and the header; and for another allocator by what that one says, and a word.
+enum class size_source { header, usable_and_header, usable_and_word };
+extern size_source block_sizes;
 
-// A pointer without the tag that the allocator gives its blocks where the processor checks tags: the header before the
-// block has none. Addresses end below the tag on every port.
-inline void *without_tag(void *ptr)
+// What a block takes in the heap: the allocator's header word before it without its three flag bits.
+inline std::uint32_t size_in_header(void *ptr)
 {
-    constexpr int kTagBits = 8;
-    return reinterpret_cast<void *>(reinterpret_cast<std::uintptr_t>(ptr) << kTagBits >> kTagBits);
-}
-
-// What a block takes in the heap: the allocator's header word before it without its three flag bits. The header of
-// another allocator is its own; what it says of itself is taken instead.
-inline std::uint32_t own_chunk_size(void *ptr)
-{
-    ptr = without_tag(ptr);
     asm volatile("" : "+r"(ptr)); // the compiler knows malloc's blocks and takes the header for out of bounds
     return static_cast<std::uint32_t>(static_cast<const std::size_t *>(ptr)[-1] & ~std::size_t{7});
 }
 
 inline std::uint32_t chunk_size(void *ptr)
 {
-    return headers_are_known ? own_chunk_size(ptr)
-                             : static_cast<std::uint32_t>(::malloc_usable_size(ptr) + sizeof(std::size_t));
+    if (block_sizes == size_source::header)
+        return size_in_header(ptr);
+    std::size_t words = block_sizes == size_source::usable_and_header ? 2 : 1;
+    return static_cast<std::uint32_t>(::malloc_usable_size(ptr) + words * sizeof(std::size_t));
 }
 
 } // namespace hooks

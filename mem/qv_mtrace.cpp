@@ -56,9 +56,6 @@ public:
     table_lock &operator=(const table_lock &) = delete;
 };
 
-constexpr hooks::hook_set kLightHooks = {my_malloc_light_hook, my_free_light_hook, my_realloc_light_hook};
-constexpr hooks::hook_set kFullHooks = {my_malloc_hook, my_free_hook, my_realloc_hook};
-
 // What a hook does at its end when it was called by itself. Under a trace file it is left to that one's end.
 void install_again(const hooks::hook_set &set)
 {
@@ -203,7 +200,7 @@ void leave_hooks() {}
 
 void install_full_again()
 {
-    install_again(kFullHooks);
+    install_again(hooks::kFullHooks);
 }
 
 // ---- reports ----
@@ -377,7 +374,7 @@ void *my_malloc_light_hook(size_t size, const void *caller)
     if (hooks::is_reentered())
         return hooks::allocate(size);
     void *block = light::allocate(size, caller);
-    install_again(kLightHooks);
+    install_again(hooks::kLightHooks);
     return block;
 }
 
@@ -386,7 +383,7 @@ void my_free_light_hook(void *ptr, const void *caller)
     if (hooks::is_reentered())
         return hooks::release(ptr);
     light::release(ptr, caller);
-    install_again(kLightHooks);
+    install_again(hooks::kLightHooks);
 }
 
 void *my_realloc_light_hook(void *ptr, size_t size, const void *caller)
@@ -394,7 +391,7 @@ void *my_realloc_light_hook(void *ptr, size_t size, const void *caller)
     if (hooks::is_reentered())
         return hooks::reallocate(ptr, size);
     void *block = light::reallocate(ptr, size, caller);
-    install_again(kLightHooks);
+    install_again(hooks::kLightHooks);
     return block;
 }
 
@@ -439,7 +436,7 @@ void qv_mtrace_start(void)
             malloc_table = static_cast<full::block_table *>(std::exchange(fresh, nullptr));
             malloc_count = 0;
         }
-        hooks::install(kFullHooks);
+        hooks::install(hooks::kFullHooks);
     }
     std::free(fresh);
     mtrace();

@@ -31,19 +31,39 @@ char **find()
                         [](const char *entry) { return std::string_view(entry).starts_with(kName); });
 }
 
-// Puts one more entry at the end of a copy of the list. The list before may be the C library's, which reads of it what
-// it likes; a few pages are its price.
+// A list of the library's for when the variable has to be added. It is kept for the next time, and in the environment
+// for as long as nobody exchanges the environment's list.
+char **own_list = nullptr;
+std::size_t own_room = 0;
+
+// Makes room in the library's list. A list that is too small stays where it is: other threads may be reading it.
+bool reserve(std::size_t room)
+{
+    constexpr std::size_t kLeast = 512;
+    if (room <= own_room)
+        return true;
+    std::size_t wanted = std::max({room, 2 * own_room, kLeast});
+    void *map = ::mmap(nullptr, wanted * sizeof(char *), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED)
+        return false;
+    own_list = static_cast<char **>(map);
+    own_room = wanted;
+    return true;
+}
+
+// Puts one more entry at the end of the list, or of a copy: the list may be the C library's, which keeps its size to
+// itself.
 void append(char *entry)
 {
     std::size_t size = environment_size();
-    void *map =
-        ::mmap(nullptr, (size + 2) * sizeof(char *), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (map == MAP_FAILED)
+    char **before = environ;
+    if (!reserve(size + 2))
         return;
-    auto **list = static_cast<char **>(map);
-    std::copy_n(environ, size, list);
-    list[size] = entry;
-    __atomic_store_n(&environ, list, __ATOMIC_RELEASE);
+    if (before != own_list)
+        std::copy_n(before, size, own_list);
+    own_list[size + 1] = nullptr;
+    __atomic_store_n(&own_list[size], entry, __ATOMIC_RELEASE);
+    __atomic_store_n(&environ, own_list, __ATOMIC_RELEASE);
 }
 
 } // namespace

@@ -3,6 +3,8 @@ add_executable(own_allocator_host ${folder}/hosts/own_allocator_host.c)
 add_executable(checked_host ${folder}/hosts/checked_host.c)
 add_executable(early_host ${folder}/hosts/early_host.cpp)
 add_executable(loader_host ${folder}/hosts/loader_host.cpp)
+add_executable(tagged_host ${folder}/hosts/tagged_host.c)
+add_executable(tag_trial ${folder}/hosts/tag_trial.c)
 add_library(early_library SHARED ${folder}/hosts/early_library.cpp)
 add_library(tls_plugin MODULE ${folder}/hosts/tls_plugin.c)
 target_include_directories(late_host PRIVATE ${PROJECT_SOURCE_DIR}/include)
@@ -11,7 +13,9 @@ target_link_libraries(own_allocator_host PRIVATE libcommon libcommon_heap libcom
 target_link_libraries(early_host PRIVATE libcommon libcommon_heap early_library) # the last of them is initialised first
 target_link_libraries(loader_host PRIVATE libcommon libcommon_heap)
 target_link_libraries(checked_host PRIVATE libcommon libcommon_heap)
-foreach(host IN ITEMS late_host own_allocator_host checked_host early_host loader_host early_library tls_plugin)
+target_link_libraries(tagged_host PRIVATE libcommon libcommon_heap)
+foreach(host IN ITEMS late_host own_allocator_host checked_host early_host loader_host tagged_host tag_trial
+        early_library tls_plugin)
     set_target_properties(${host} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
         LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
     target_compile_options(${host} PRIVATE -fno-builtin)

@@ -2,7 +2,7 @@
 // Hosts that need a process of their own: their malloc() is not the library's, or other libraries take part.
 #include "support/support.h"
 
-#include <cstdlib>
+#include <sys/auxv.h>
 
 using namespace support;
 
@@ -14,7 +14,8 @@ namespace {
 
 ChildResult run_host(std::vector<std::string> arguments, int timeout_ms = 20000)
 {
-    arguments[0] = build_dir() + "/tests/" + arguments[0];
+    if (!arguments[0].starts_with('/'))
+        arguments[0] = build_dir() + "/tests/" + arguments[0];
     ChildResult result = run_program(arguments, timeout_ms);
     EXPECT_FALSE(result.timed_out);
     EXPECT_TRUE(result.exited(0)) << result.status << result.err;
@@ -47,17 +48,47 @@ TEST(MallocHosts, OneWithItsOwnAllocatorServesTheLibraryToo)
     EXPECT_EQ(said_by({"own_allocator_host"}), "good\n");
 }
 
+namespace {
+
+// A program of the tests with a tunable of the C library's.
+std::vector<std::string> tuned(const std::string &tunable, std::vector<std::string> arguments)
+{
+    arguments[0] = build_dir() + "/tests/" + arguments[0];
+    arguments.insert(arguments.begin(), {"/usr/bin/env", "GLIBC_TUNABLES=" + tunable});
+    return arguments;
+}
+
+bool processor_has_tags()
+{
+#ifdef HWCAP2_MTE
+    return (::getauxval(AT_HWCAP2) & HWCAP2_MTE) != 0;
+#else
+    return false;
+#endif
+}
+
+} // namespace
+
 TEST(MallocHosts, OneUnderTheCLibrarysChecker)
 {
     NEEDS_INTERPOSITION();
-    for (const char *check : {"0", "3"}) {
-        ::setenv("GLIBC_TUNABLES", (std::string("glibc.malloc.check=") + check).c_str(), 1);
-        ::setenv("LD_PRELOAD", "libc_malloc_debug.so.0", 1);
-        ChildResult result = run_program({build_dir() + "/tests/checked_host"});
-        ::unsetenv("LD_PRELOAD");
-        ::unsetenv("GLIBC_TUNABLES");
-        EXPECT_TRUE(result.exited(0)) << result.status << result.err;
-        EXPECT_EQ(result.out, "good\n");
+    for (const char *tunable : {"glibc.malloc.check=0", "glibc.malloc.check=3"}) {
+        std::vector<std::string> command = tuned(tunable, {"checked_host"});
+        command.insert(command.begin() + 2, "LD_PRELOAD=libc_malloc_debug.so.0");
+        EXPECT_EQ(said_by(command), "good\n");
+    }
+}
+
+TEST(MallocHosts, OneWithATaggedHeap)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_EQ(said_by(tuned("glibc.mem.tagging=0", {"tagged_host", "all"})), "plain\n");
+    const char *expected = processor_has_tags() ? "tagged\n" : "plain\n";
+    for (const char *tunable : {"glibc.mem.tagging=1", "glibc.mem.tagging=3"}) {
+        EXPECT_EQ(said_by(tuned(tunable, {"tagged_host", "small"})), expected) << tunable;
+        if (run_program(tuned(tunable, {"tag_trial"})).exited(0)) {
+            EXPECT_EQ(said_by(tuned(tunable, {"tagged_host", "all"})), expected) << tunable;
+        }
     }
 }
 
@@ -66,13 +97,13 @@ TEST(MallocHosts, OneUnderTheCLibrarysChecker)
 TEST(EarlyLibrary, ItsForkHandlersAllocateUnderFullTracing)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(said_by({"early_host", "full"}), "good\n");
+    EXPECT_EQ(said_by({"early_host", "full", std::to_string(effort(200))}), "good\n");
 }
 
 TEST(EarlyLibrary, ItsForkHandlersAllocateWithATraceFile)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(said_by({"early_host", "file"}), "good\n");
+    EXPECT_EQ(said_by({"early_host", "file", std::to_string(effort(200))}), "good\n");
 }
 
 TEST(EarlyLibrary, WhatItFreesAtItsEndIsInTheTraceFile)

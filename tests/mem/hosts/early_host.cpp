@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A host of a library that is initialised before ours. Prints "good", or a shorter text for what is wrong.
-//   early_host full    forks with full tracing on
-//   early_host file    forks with a trace file on
-//   early_host exit    ends with a trace file on; prints nothing
+//   early_host full FORKS    forks with full tracing on
+//   early_host file FORKS    forks with a trace file on
+//   early_host exit          ends with a trace file on; prints nothing
 #include "early_library.h"
 
 #include <atomic>
@@ -42,10 +42,11 @@ bool child_allocates()
 
 } // namespace
 
-int main(int, char **argv)
+int main(int argc, char **argv)
 {
     std::string_view mode = argv[1];
-    ::alarm(20);
+    const int forks = std::atoi(argv[argc - 1]);
+    ::alarm(60);
     if (mode == "full") {
         qv_mtrace_start();
     } else {
@@ -61,7 +62,7 @@ int main(int, char **argv)
     pthread_t thread;
     pthread_create(&thread, nullptr, allocate_under_the_lock, nullptr);
     bool good = true;
-    for (int i = 0; i < 200 && good; i++)
+    for (int i = 0; i < forks && good; i++)
         good = child_allocates();
     stop = true;
     pthread_join(thread, nullptr);

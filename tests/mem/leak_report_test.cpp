@@ -1,0 +1,409 @@
+// SPDX-License-Identifier: Apache-2.0
+// The records of full tracing with a clock of the test's own: ages, call chains, and what a report says and costs.
+#include "qv_mtrace.h"
+
+#include "console_print.h"
+#include "support/support.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <ctime>
+#include <span>
+#include <unistd.h>
+#include <utility>
+
+using namespace support;
+
+namespace {
+
+#define NEEDS_INTERPOSITION()                                                                                          \
+    if (under_sanitizer())                                                                                             \
+    GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator"
+
+time_t clock_now = 0; // 0: the system's
+
+std::vector<leak_group> report()
+{
+    std::vector<leak_group> groups(64);
+    groups.resize(static_cast<std::size_t>(get_malloc_statistics(groups.data(), 64)));
+    return groups;
+}
+
+// Bytes of the blocks that are old enough at this time.
+std::uint32_t leaked_at(time_t now)
+{
+    clock_now = now;
+    std::uint32_t bytes = 0;
+    for (const leak_group &group : report())
+        bytes += group.bytes;
+    return bytes;
+}
+
+std::array<unsigned, 7> counters()
+{
+    std::array<unsigned, 7> result;
+    std::uint64_t wait = std::exchange(time_wait, 0);
+    qv_mtrace_stat_internal(result.data(), nullptr, 0);
+    time_wait = wait;
+    return result;
+}
+
+// A table of the test's own: tracing is on only inside the hooks that are called by hand.
+void start_quietly()
+{
+    qv_mtrace_reset();
+    qv_mtrace_start();
+    qv_mtrace_stop();
+}
+
+template <typename Body>
+void traced(Body body)
+{
+    qv_mtrace_start();
+    body();
+    qv_mtrace_stop();
+}
+
+[[gnu::noinline]] void *allocate_here(std::size_t size)
+{
+    void *block = my_malloc_hook(size, nullptr);
+    asm volatile("" ::"r"(block) : "memory");
+    return block;
+}
+
+[[gnu::noinline]] void *reallocate_here(void *block, std::size_t size)
+{
+    block = my_realloc_hook(block, size, nullptr);
+    asm volatile("" ::"r"(block) : "memory");
+    return block;
+}
+
+template <typename Function>
+bool is_in_chain(const leak_group &group, Function *function)
+{
+    auto begin = reinterpret_cast<std::uint64_t>(function);
+    return std::any_of(std::begin(group.trace), std::end(group.trace),
+                       [&](std::uint64_t address) { return address > begin && address < begin + 64; });
+}
+
+[[gnu::noinline]] int enter_from_depth(int depth, void *block)
+{
+    int result = depth == 0 ? add_malloc_record(1, nullptr, block) : enter_from_depth(depth - 1, block);
+    asm volatile("" : "+r"(result));
+    return result;
+}
+
+void *fake_block(std::uintptr_t i)
+{
+    return reinterpret_cast<void *>(0x1000 + 16 * i);
+}
+
+std::string last_line(const std::string &path)
+{
+    auto all = lines(read_file(path));
+    return all.empty() ? "" : all.back();
+}
+
+} // namespace
+
+extern "C" time_t time(time_t *t) noexcept
+{
+    timespec now = {clock_now, 0};
+    if (clock_now == 0)
+        ::clock_gettime(CLOCK_REALTIME, &now);
+    if (t != nullptr)
+        *t = now.tv_sec;
+    return now.tv_sec;
+}
+
+// ---- ages ----
+
+TEST(LeakAge, ABlockCountsFromTheSecondOnInWhichItIsOldEnough)
+{
+    clock_now = 5000;
+    start_quietly();
+    add_malloc_record(70, nullptr, fake_block(1));
+    time_wait = 10;
+    EXPECT_EQ(leaked_at(5000), 0U);
+    EXPECT_EQ(leaked_at(5009), 0U);
+    EXPECT_EQ(leaked_at(5010), 70U);
+    EXPECT_EQ(leaked_at(5011), 70U);
+    EXPECT_EQ(leaked_at(4000), 0U) << "the clock was set back";
+    time_wait = 0;
+    EXPECT_EQ(leaked_at(5000), 70U);
+    qv_mtrace_reset();
+}
+
+TEST(LeakAge, TheLineNamesTheLiveBlocksAndTheOldOnes)
+{
+    clock_now = 5000;
+    start_quietly();
+    for (std::uintptr_t i = 0; i < 3; i++)
+        add_malloc_record(1, nullptr, fake_block(i));
+    clock_now = 5001;
+    for (std::uintptr_t i = 3; i < 10; i++)
+        add_malloc_record(1, nullptr, fake_block(i));
+    time_wait = 10;
+    EXPECT_EQ(leaked_at(5010), 3U);
+    EXPECT_THAT(last_line("/etc/consolelog"),
+                testing::EndsWith("Total record 10,  3 records malloc but not free within 10(s)"));
+    write_file("/etc/consolelog", "");
+    EXPECT_EQ(leaked_at(5011), 10U);
+    EXPECT_EQ(read_file("/etc/consolelog"), "") << "none is too young";
+    qv_mtrace_reset();
+}
+
+TEST(LeakAge, AReallocationBeginsAnew)
+{
+    clock_now = 5000;
+    start_quietly();
+    void *block = nullptr;
+    traced([&] { block = allocate_here(40); });
+    time_wait = 0;
+    ASSERT_EQ(report().size(), 1U);
+    EXPECT_TRUE(is_in_chain(report()[0], allocate_here));
+    clock_now = 6000;
+    traced([&] { block = reallocate_here(block, 90); });
+    auto groups = report();
+    ASSERT_EQ(groups.size(), 1U);
+    EXPECT_EQ(groups[0].bytes, 90U);
+    EXPECT_TRUE(is_in_chain(groups[0], reallocate_here));
+    EXPECT_FALSE(is_in_chain(groups[0], allocate_here));
+    time_wait = 10;
+    EXPECT_EQ(leaked_at(6009), 0U);
+    EXPECT_EQ(leaked_at(6010), 90U);
+    traced([&] { my_free_hook(block, nullptr); });
+    EXPECT_EQ(counters()[0], 0U);
+    qv_mtrace_reset();
+}
+
+TEST(LeakAge, ABlockFromANullReallocationHasItsTimeToo)
+{
+    clock_now = 5000;
+    start_quietly();
+    void *block = nullptr;
+    traced([&] { block = reallocate_here(nullptr, 40); });
+    time_wait = 10;
+    EXPECT_EQ(leaked_at(5009), 0U);
+    EXPECT_EQ(leaked_at(5010), 40U);
+    traced([&] { my_free_hook(block, nullptr); });
+    qv_mtrace_reset();
+}
+
+// ---- call chains ----
+
+TEST(CallChain, HasEightAddressesAtMost)
+{
+    start_quietly();
+    time_wait = 0;
+    enter_from_depth(20, fake_block(1));
+    auto groups = report();
+    ASSERT_EQ(groups.size(), 1U);
+    for (std::uint64_t address : groups[0].trace)
+        EXPECT_NE(address, 0U);
+    EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 1], groups[0].trace[MTRACE_CHAIN_SIZE - 2]) << "in the recursion";
+    qv_mtrace_reset();
+}
+
+TEST(CallChain, BeginsWithTheCodeThatRecords)
+{
+    start_quietly();
+    time_wait = 0;
+    enter_from_depth(0, fake_block(1));
+    auto groups = report();
+    ASSERT_EQ(groups.size(), 1U);
+    auto in = [&](int i, auto *function) {
+        auto begin = reinterpret_cast<std::uint64_t>(function);
+        return groups[0].trace[i] > begin && groups[0].trace[i] < begin + 4096;
+    };
+    EXPECT_TRUE(in(0, add_malloc_record));
+    EXPECT_TRUE(in(1, enter_from_depth));
+    qv_mtrace_reset();
+}
+
+TEST(CallChain, AShortOneEndsInZeros)
+{
+    start_quietly();
+    time_wait = 0;
+    pthread_t thread; // its stack begins with the C library's two frames
+    pthread_create(
+        &thread, nullptr,
+        [](void *block) -> void * {
+            add_malloc_record(1, nullptr, block);
+            return nullptr;
+        },
+        fake_block(1));
+    pthread_join(thread, nullptr);
+    auto groups = report();
+    ASSERT_EQ(groups.size(), 1U);
+    std::span<std::uint64_t> trace(groups[0].trace);
+    auto end = std::find(trace.begin(), trace.end(), 0U);
+    EXPECT_GE(end - trace.begin(), 2);
+    EXPECT_LT(end - trace.begin(), MTRACE_CHAIN_SIZE);
+    EXPECT_TRUE(std::all_of(end, trace.end(), [](std::uint64_t address) { return address == 0; }));
+    qv_mtrace_reset();
+}
+
+// ---- reports ----
+
+TEST(Report, HasThirtyTwoGroupsAtMost)
+{
+    start_quietly();
+    // Chains that differ in which of two functions calls the next one.
+    struct turns {
+        [[gnu::noinline]] static int left(unsigned bits, int depth, void *block)
+        {
+            int result = next(bits, depth, block);
+            asm volatile("" : "+r"(result));
+            return result;
+        }
+        [[gnu::noinline]] static int right(unsigned bits, int depth, void *block)
+        {
+            int result = next(bits, depth, block);
+            asm volatile("nop" : "+r"(result));
+            return result;
+        }
+        [[gnu::always_inline]] static int next(unsigned bits, int depth, void *block)
+        {
+            if (depth == 0)
+                return add_malloc_record(1, nullptr, block);
+            return (bits & 1) != 0 ? left(bits >> 1, depth - 1, block) : right(bits >> 1, depth - 1, block);
+        }
+    };
+    for (unsigned i = 0; i < 40; i++)
+        turns::left(i, 6, fake_block(i));
+    time_wait = 0;
+    ASSERT_EQ(report().size(), 40U);
+    struct {
+        mtrace_stat_record rec;
+        std::uint64_t after;
+    } guarded = {{}, 0x5555};
+    EXPECT_EQ(qv_mtrace_stat(&guarded.rec, 0), 4);
+    EXPECT_EQ(guarded.rec.rows, 32U);
+    EXPECT_EQ(guarded.rec.full[0], 40U);
+    EXPECT_EQ(guarded.after, 0x5555U);
+    qv_mtrace_reset();
+}
+
+TEST(Report, DoesNotChangeTheCountersThatItReports)
+{
+    NEEDS_INTERPOSITION();
+    for (const char *zone : {"", "Europe/Berlin", "EST5EDT"}) {
+        ::setenv("TZ", zone, 1);
+        if (*zone == '\0')
+            ::unsetenv("TZ");
+        qv_mtrace_reset();
+        my_init_hook();
+        qv_mtrace_start();
+        void *volatile block = std::malloc(100); // too young, which is said
+        mtrace_stat_record first = {}, second = {};
+        EXPECT_EQ(qv_mtrace_stat(&first, 0), 4);
+        EXPECT_EQ(qv_mtrace_stat(&second, 0), 4);
+        EXPECT_THAT(read_file("/etc/consolelog"), testing::HasSubstr("Total record "));
+        EXPECT_TRUE(std::equal(std::begin(first.full), std::end(first.full), std::begin(second.full)))
+            << zone << ": " << second.full[0] << " live, " << second.full[2] << " allocations, " << second.full[3]
+            << " frees";
+        EXPECT_EQ(second.full[0], 1U);
+        EXPECT_EQ(second.full[3], 0U);
+        std::free(block);
+        qv_mtrace_stop();
+    }
+    qv_mtrace_reset();
+}
+
+// ---- a reallocation to nothing ----
+
+TEST(ReallocToZero, ReleasesTheBlockAndFailsInTheFirstClass)
+{
+    NEEDS_INTERPOSITION();
+    void *volatile block = std::malloc(100);
+    mtrace_stat_record before = {}, after = {};
+    qv_mtrace_stat(&before, 0);
+    volatile std::size_t nothing = 0;
+    void *volatile result = std::realloc(block, nothing);
+    qv_mtrace_stat(&after, 0);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(after.light_products, before.light_products);
+    EXPECT_EQ(after.row.classes[0].failures - before.row.classes[0].failures, 1U);
+    EXPECT_EQ(after.light_frees, before.light_frees);
+    EXPECT_EQ(before.light_blocks - after.light_blocks, 1U);
+}
+
+TEST(ReallocToZero, EndsTheRecordAndKeepsItsBytesInTheTotal)
+{
+    start_quietly();
+    void *block = nullptr;
+    traced([&] { block = my_malloc_hook(100, nullptr); });
+    auto before = counters();
+    traced([&] { EXPECT_EQ(my_realloc_hook(block, 0, nullptr), nullptr); });
+    auto after = counters();
+    EXPECT_EQ(after[0], before[0] - 1);
+    EXPECT_EQ(after[1], before[1]);
+    EXPECT_EQ(after[3], before[3]) << "it is not a free";
+    EXPECT_EQ(after[5], before[5] + 1);
+    EXPECT_EQ(after[6], before[6]) << "and not unmatched";
+    qv_mtrace_reset();
+}
+
+// ---- the trace file around full tracing ----
+
+namespace {
+
+std::vector<std::string> marks_in(const std::string &path)
+{
+    std::vector<std::string> marks;
+    for (std::string &line : lines(read_file(path)))
+        if (line.starts_with("= "))
+            marks.push_back(std::move(line));
+    return marks;
+}
+
+const std::vector<std::string> kWhole = {"= Start", "= End"};
+
+} // namespace
+
+TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
+{
+    ::setenv("MALLOC_TRACE", "/tmp/first", 1);
+    mtrace();
+    ::setenv("MALLOC_TRACE", "/tmp/second", 1);
+    qv_mtrace_start();
+    EXPECT_EQ(marks_in("/tmp/first"), kWhole);
+    EXPECT_TRUE(exists("/tmp/second"));
+    EXPECT_NE(__malloc_hook, my_malloc_hook) << "the new trace stands on the full hooks";
+    ::unsetenv("MALLOC_TRACE");
+    muntrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    EXPECT_EQ(marks_in("/tmp/second"), kWhole);
+    qv_mtrace_reset();
+}
+
+TEST(TraceFileAndFullTracing, AStopEndsTheTraceAndBeginsNone)
+{
+    for (auto stop : {qv_mtrace_stop, qv_mtrace_reset}) {
+        ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+        qv_mtrace_start();
+        EXPECT_TRUE(exists("/tmp/trace"));
+        stop();
+        EXPECT_EQ(marks_in("/tmp/trace"), kWhole);
+        EXPECT_EQ(__malloc_hook, nullptr);
+        ::unlink("/tmp/trace");
+    }
+    ::unsetenv("MALLOC_TRACE");
+    qv_mtrace_reset();
+}
+
+TEST(TraceFileAndFullTracing, LoadingAgainEndsTheTraceAndBeginsANewOne)
+{
+    ::setenv("MALLOC_TRACE", "/tmp/first", 1);
+    mtrace();
+    ::setenv("MALLOC_TRACE", "/tmp/second", 1);
+    my_init_hook();
+    EXPECT_EQ(marks_in("/tmp/first"), kWhole);
+    EXPECT_TRUE(exists("/tmp/second"));
+    muntrace();
+    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(marks_in("/tmp/second"), kWhole);
+}
