@@ -201,6 +201,21 @@ bool is_in_module(unsigned long address)
     return _dl_find_object != nullptr && _dl_find_object(reinterpret_cast<void *>(address), &found) == 0;
 }
 
+module_identity identify_module(unsigned long address)
+{
+    module_identity result;
+    dl_find_object found;
+    if (_dl_find_object == nullptr || _dl_find_object(reinterpret_cast<void *>(address), &found) != 0)
+        return result;
+    result.start = reinterpret_cast<unsigned long>(found.dlfo_map_start);
+    result.end = reinterpret_cast<unsigned long>(found.dlfo_map_end);
+    result.map = reinterpret_cast<unsigned long>(found.dlfo_link_map);
+    const char *name = found.dlfo_link_map != nullptr ? found.dlfo_link_map->l_name : nullptr;
+    for (; name != nullptr && *name != '\0'; name++)
+        result.file_name = result.file_name * 31 + static_cast<unsigned char>(*name);
+    return result;
+}
+
 symbol_lookup::symbol_lookup(unsigned long address) : address_(address)
 {
     base::errno_guard keep;

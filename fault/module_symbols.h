@@ -44,6 +44,18 @@ private:
 // True when the address lies in a loaded module's range. False where _dl_find_object() is missing.
 bool is_in_module(unsigned long address);
 
+// Tells a module from one that is loaded later at the same place, for a caller that keeps what it looked up.
+struct module_identity {
+    unsigned long start = 0, end = 0;
+    unsigned long map = 0;       // the loader's record; 0 for no module
+    unsigned long file_name = 0; // a hash of it
+    bool is_known() const { return map != 0; }
+    bool operator==(const module_identity &) const = default;
+};
+
+// The module that holds an address of code that is running, which keeps it loaded.
+module_identity identify_module(unsigned long address);
+
 class best_symbol;
 
 class symbol_lookup {

@@ -12,6 +12,7 @@
 #include "base/errno_guard.h"
 #include "base/unique_fd.h"
 #include "log/console_output.h"
+#include "mem/call_place.h"
 #include "mem/hook_change.h"
 #include "mem/light_stats.h"
 #include "mem/malloc_hooks.h"
@@ -22,9 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
-#include <link.h>
 #include <string_view>
 #include <sys/types.h>
 #include <unistd.h>
@@ -65,26 +64,10 @@ void note_holder(std::uintptr_t thread)
 
 // ---- lines ----
 
-// A line of the trace: "@ FILE:(SYMBOL+0xOFFSET)[0xADDRESS] " and what was done. The address is as the file has it.
+// A line of the trace: the place of the call, and what was done.
 class line {
 public:
-    // Before the lock is taken: the loader's is needed for it, which a thread that loads a library holds while it
-    // allocates.
-    explicit line(const void *caller)
-    {
-        Dl_info info;
-        link_map *map = nullptr;
-        if (::dladdr1(caller, &info, reinterpret_cast<void **>(&map), RTLD_DL_LINKMAP) == 0 ||
-            info.dli_fname == nullptr) {
-            append("@ [%p] ", caller);
-            return;
-        }
-        append("@ %s:", info.dli_fname);
-        auto address = reinterpret_cast<std::uintptr_t>(caller);
-        if (info.dli_sname != nullptr)
-            append("(%s+%#lx)", info.dli_sname, address - reinterpret_cast<std::uintptr_t>(info.dli_saddr));
-        append("[%#lx] ", address - (map != nullptr ? map->l_addr : 0));
-    }
+    explicit line(const void *caller) : length_(call_place::write(text_, sizeof text_, caller)) {}
 
     [[gnu::format(printf, 2, 3)]] void append(const char *format, ...)
     {
@@ -103,7 +86,7 @@ public:
 
 private:
     char text_[kLineSize];
-    std::size_t length_ = 0;
+    std::size_t length_;
 };
 
 // ---- the file's buffer, with the lock held ----
@@ -366,6 +349,7 @@ void after_fork_in_child()
 {
     pending_toggles = 0;
     buffered = 0;
+    call_place::after_fork_in_child();
     if (is_lock_holder())
         return; // the child goes on and unlocks its copy
     lock_holder = 0;

@@ -129,3 +129,9 @@ TEST(LoaderThreads, ForksUnderFullTracing)
     NEEDS_INTERPOSITION();
     EXPECT_EQ(loader_host("full"), "good\n");
 }
+
+TEST(LoaderThreads, ThreadsThatStartWithATraceFile)
+{
+    NEEDS_INTERPOSITION();
+    EXPECT_EQ(loader_host("file"), "good\n");
+}
