@@ -12,6 +12,7 @@
 #include "fault/running_handlers.h"
 #include "fault/section_table.h"
 #include "fault/signal_format.h"
+#include "log/console_output.h"
 #include "signal_printf.h"
 
 #include <algorithm>
@@ -250,12 +251,12 @@ base::unique_fd create_termination_log(const crash_record &rec)
     if (ensure_folder(kTerminationFolder)) {
         fd = open_log(rec.log_path);
         if (!fd)
-            console_print("!!!!!!WARNING: failed to terminate dump log file in %s.\n", rec.log_path);
+            console::print_from_handler("!!!!!!WARNING: failed to terminate dump log file in %s.\n", rec.log_path);
     } else {
-        console_print("mkdir /flash/core  failed, %m\n");
+        console::print_from_handler("mkdir /flash/core  failed, %m\n");
     }
     if (!fd)
-        console_print("Fail to create %s \n", rec.log_path);
+        console::print_from_handler("Fail to create %s \n", rec.log_path);
     return fd;
 }
 
@@ -321,6 +322,7 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
 void signal_terminate(int sig, siginfo_t *info, void *uctx)
 {
     using namespace fault;
+    base::cancel_guard whole;
     base::errno_guard keep;
     ::signal(sig, SIG_DFL);
     // Init asks twice: the first request is let pass unlogged, the second one finds the default disposition.

@@ -9,6 +9,7 @@
 #include "fault/running_handlers.h"
 #include "qv_mtrace.h"
 #include "stack_info.h"
+#include "time/local_time.h"
 
 #include <csignal>
 #include <execinfo.h>
@@ -83,6 +84,7 @@ void *install_sighandler(void)
 void *install_sighandler2(int sig)
 {
     load_unwinder();
+    local_time::prepare_handlers();
     struct sigaction action = make_action(signal_err, fault::g_crash_action_flags);
     if (::sigaction(sig, &action, nullptr) == 0)
         g_attach_signal = sig;
@@ -101,6 +103,7 @@ void *install_sighandler2(int sig)
 
 void *pstrace_terminate_signal(void)
 {
+    local_time::prepare_handlers();
     struct sigaction action = make_action(signal_terminate);
     for (int sig : kTerminationSignals)
         ::sigaction(sig, &action, nullptr);

@@ -18,7 +18,7 @@ QV_BEGIN_DECLS
 /**
  * The number that a key has in a command line.
  * @param path  the file, 4095 bytes of which count; one that cannot be opened or read is said on standard output
- * @param key   found anywhere, also inside a word; the character behind it is skipped unseen
+ * @param key   found anywhere, also inside a word; the character after it is skipped, whatever it is, even a zero byte
  * @return the number, decimal, 0x hexadecimal or 0 octal; 0 for what is none and when the key or the file is absent
  */
 QV_API unsigned long qv_parse_cmdline(const char *path, const char *key);

@@ -24,12 +24,13 @@
  * log file above 512 KiB takes no more messages until somebody truncates it; the number lost is then noted in it. Text
  * of up to 1023 characters needs no heap; above 16382 it is replaced by a notice on the console.
  *
- * All return the length of the formatted text, whatever became of the writes, or -1 when there was no memory for it. %m
- * is the caller's errno, which is also left as it was. Any thread may print; lines of two threads may interleave
- * between a stamp and its text, never inside one. Inside the library's fatal-signal handler every message takes a path
- * of its own that needs no heap and no lock; outside it these functions are not for signal handlers.
+ * All return the length of the formatted text, whatever became of the writes, or -1 if there was no memory for it. %m
+ * is the caller's errno, which is left as it was. Any thread may print; lines of two threads may interleave between a
+ * stamp and its text, never inside one. A pending cancellation of the thread acts after the message, never inside it.
+ * Inside the library's fatal-signal handler every message takes a separate path that needs no heap and no lock, where
+ * %m is in English whatever the locale; outside it these functions are not for signal handlers.
  *
- * Each logged line looks whether the time zone has changed: some microseconds with TZ unset, nothing with
+ * Each logged line checks whether the time zone has changed: some microseconds with TZ unset, nothing with
  * TZ=:/etc/localtime in the environment. Hosts that log much set it.
  */
 #ifndef LIBCOMMON_CONSOLE_PRINT_H

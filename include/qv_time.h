@@ -11,8 +11,9 @@
  *
  * Looking at the time zone anew costs a system call or two with TZ unset and nothing with TZ=:/etc/localtime set.
  *
- * Any thread may call any function; a child forked while another thread held the mutex can take it. Those that convert
- * are not for signal handlers.
+ * Any thread may call any function. A child can convert whatever the parent's other threads were doing here at the
+ * fork, but for a localtime() of their own between localtime_safe_lock() and localtime_safe_unlock(). Those that
+ * convert are not for signal handlers.
  */
 #ifndef LIBCOMMON_QV_TIME_H
 #define LIBCOMMON_QV_TIME_H
@@ -70,7 +71,7 @@ QV_API struct tm *qv_localtime(const time_t *t);
 /** tzset() and localtime_r() under the mutex. @param out receives the result */
 QV_API struct tm *qv_localtime_r(const time_t *t, struct tm *out);
 
-/** The wall clock, after tzset(). @param t receives the same, or null */
+/** The wall clock, after tzset(); passes while a caller holds the mutex. @param t receives the same, or null */
 QV_API time_t qv_calendar_time(time_t *t);
 
 QV_END_DECLS

@@ -2,6 +2,7 @@
 // Boot arguments and the output that they gate.
 #include "bootargs.h"
 
+#include "base/cancel_guard.h"
 #include "base/unique_fd.h"
 #include "console_print.h"
 
@@ -31,6 +32,7 @@ extern "C" {
 
 unsigned long qv_parse_cmdline(const char *path, const char *key)
 {
+    base::cancel_guard whole;
     base::unique_fd file(::open(path, O_RDONLY));
     if (!file) {
         std::printf("open %s failed\n", path);
@@ -44,10 +46,10 @@ unsigned long qv_parse_cmdline(const char *path, const char *key)
     char *found = std::strstr(text, key);
     if (found == nullptr)
         return 0;
-    char *value = found + std::strlen(key);
-    if (*value == '\0')
-        return 0; // the key ends the text: there is nothing behind it to skip
-    value++;
+    // The character after the key is skipped whatever it is, contract: also a zero byte, after which the file goes on.
+    char *value = found + std::strlen(key) + 1;
+    if (value == text + sizeof text)
+        return 0; // the key ends at the very end of the buffer
     // Cut at the first blank from the value's second character on; a first that is a blank is left to strtoul().
     if (*value != '\0')
         value[1 + std::strcspn(value + 1, " ")] = '\0';
@@ -56,7 +58,8 @@ unsigned long qv_parse_cmdline(const char *path, const char *key)
 
 int qv_has_bootargs(const char *word)
 {
-    // For reading and writing, as it has always been opened: where that is refused the answer is no.
+    base::cancel_guard whole;
+    // For reading and writing, contract: where that is refused the answer is no.
     std::FILE *file = std::fopen(kCmdline, "r+");
     if (file == nullptr)
         return 0;

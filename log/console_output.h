@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // console_output.h - how a formatted message reaches the console devices and a log file.
 //
-// Two paths share this shape: the ordinary one and that of the fatal-signal handler. They must not share anything else,
-// since the handler may interrupt the ordinary path anywhere. So all state sits in the template, one set a path, and
-// what differs (open flags, time stamp, formatter) comes from the path's traits.
+// Two paths share this shape: the ordinary one and that of the fatal-signal handler. They must not share any state,
+// since the handler may interrupt the ordinary path anywhere. So all state is in the template, one set per path.
+// Handlers of signals that are not fatal use the ordinary path's state: their lines are ordinary lines.
 #ifndef LIBCOMMON_LOG_CONSOLE_OUTPUT_H
 #define LIBCOMMON_LOG_CONSOLE_OUTPUT_H
 
@@ -38,11 +38,15 @@ inline void write_piece(int fd, const char *text, std::size_t length)
     [[maybe_unused]] ssize_t ignored = ::write(fd, text, length);
 }
 
-// Traits:
-//   static constexpr int kOpenFlags                                   further flags for the console devices
-//   static std::size_t make_prefix(char (&out)[kPrefixSize])          the time stamp's length, 0 for none
-//   static std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
-template <typename Traits>
+struct ordinary_path {
+    static constexpr int kOpenFlags = 0; // further flags for the console devices
+};
+
+struct fatal_path {
+    static constexpr int kOpenFlags = O_NONBLOCK;
+};
+
+template <typename Path>
 class output {
 public:
     static void to_console(const char *text, std::size_t length)
@@ -62,6 +66,10 @@ public:
     // To the console only if an earlier message has opened it.
     static void to_open_console(const char *text, std::size_t length) { write_device(fd_, text, length); }
 
+    // Stamp:
+    //   static std::size_t make_prefix(char (&out)[kPrefixSize])          the time stamp's length, 0 for none
+    //   static std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
+    template <typename Stamp>
     static void to_log(const char *path, const char *text, std::size_t length)
     {
         base::unique_fd log(::open(path, O_WRONLY | O_CREAT | O_APPEND, kLogMode));
@@ -74,10 +82,10 @@ public:
         }
 
         char prefix[kPrefixSize];
-        std::size_t prefix_length = Traits::make_prefix(prefix);
+        std::size_t prefix_length = Stamp::make_prefix(prefix);
         if (fail_count_ != 0) {
             char notice[kNoticeSize];
-            std::size_t notice_length = Traits::make_notice(notice, fail_count_);
+            std::size_t notice_length = Stamp::make_notice(notice, fail_count_);
             if (prefix_length > 0)
                 write_piece(log.get(), prefix, prefix_length);
             write_piece(log.get(), notice, notice_length);
@@ -89,12 +97,21 @@ public:
         write_piece(log.get(), text, length);
     }
 
+    // For a caller that closes descriptors from `first` up: the next message opens the devices again.
+    static void forget_devices(int first)
+    {
+        for (int *fd : {&fd_, &fd2_}) {
+            if (*fd >= first)
+                *fd = -1;
+        }
+    }
+
 private:
     // A failed open leaves the cache negative and is tried again with the next message.
     static void open_device(int &fd, const char *path)
     {
         if (fd == -1)
-            fd = ::open(path, O_WRONLY | O_NOCTTY | Traits::kOpenFlags);
+            fd = ::open(path, O_WRONLY | O_NOCTTY | Path::kOpenFlags);
     }
 
     static void write_device(int fd, const char *text, std::size_t length)
@@ -111,9 +128,20 @@ private:
     static inline unsigned long fail_count_ = 0; // messages of all logs that were over the limit, since the last notice
 };
 
-// console_print() for the handler of a signal that is not fatal. The mirror hook sees the message as it sees every
-// other; the rest goes the way of the fatal handlers, since this thread may hold the heap's lock or the clock's.
+// Where console_print() writes.
+inline constexpr const char *kConsoleLog = "/etc/consolelog";
+int console_wanted();
+
+// Calls the mirror hook, if there is one, with the errno of the caller.
+void show_to_mirror(const char *format, va_list ap, int error);
+
+// console_print() for the handler of a signal that is not fatal, which may have interrupted the heap or the clock: the
+// same hook, devices, counter and stamp, without lock or allocation. Text is cut to 1023 characters. Signal-safe, but
+// for the host's hook.
 int print_from_handler(const char *format, ...);
+
+// For a caller that is about to close all descriptors from `first` up.
+void forget_devices(int first);
 
 } // namespace console
 

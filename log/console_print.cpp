@@ -2,10 +2,11 @@
 // Console and log output outside signal handlers, and the probes that it asks.
 #include "console_print.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "log/console_output.h"
-#include "qv_time.h"
 #include "signal_printf.h"
+#include "time/local_time.h"
 
 #include <climits>
 #include <cstdio>
@@ -16,16 +17,12 @@
 
 int (*mirror_func)(const char *format, va_list ap) = nullptr;
 
-// The host says whether console output is to be kept off; without an answer it is not.
-extern "C" __attribute__((weak)) int qv_is_numa_ssm(void);
-
 namespace {
 
 constexpr std::size_t kMaxSize = 16383; // largest buffer, terminator included
 constexpr std::string_view kTooLong = "Error: the size to output is beyond max length\n";
 static_assert(kTooLong.size() == 47);
 
-constexpr const char *kConsoleLog = "/etc/consolelog";
 constexpr const char *kBootLog = "/etc/bootlog";
 constexpr const char *kInfoLog = "/etc/ilog.txt";
 constexpr const char *kPowerLog = "/flash/platform/powerlog";
@@ -33,14 +30,12 @@ constexpr const char *kFruLog = "/etc/fru_mlog";
 
 constexpr int kYear1970 = 70; // of struct tm: the clock has not been set, so it counts the time since boot
 
-struct ordinary_path {
-    static constexpr int kOpenFlags = 0;
-
+struct local_stamp {
     static std::size_t make_prefix(char (&out)[console::kPrefixSize])
     {
         std::time_t now = std::time(nullptr);
         tm date;
-        if (now == -1 || qv_localtime_r(&now, &date) == nullptr)
+        if (now == -1 || !local_time::convert_for_log(now, &date))
             return 0;
         int length = date.tm_year == kYear1970
                          ? std::snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now))
@@ -57,7 +52,7 @@ struct ordinary_path {
     }
 };
 
-using output = console::output<ordinary_path>;
+using output = console::output<console::ordinary_path>;
 
 // The formatted message: in a buffer on the stack while it fits, else on the heap.
 class message {
@@ -109,26 +104,6 @@ private:
     int length_ = 0;
 };
 
-void show_to_mirror(const char *format, va_list ap, const base::errno_guard &caller)
-{
-    auto mirror = mirror_func;
-    if (mirror == nullptr)
-        return;
-    va_list copy;
-    va_copy(copy, ap);
-    errno = caller.saved();
-    mirror(format, copy);
-    va_end(copy);
-}
-
-int console_wanted()
-{
-    if (qv_is_numa_ssm == nullptr)
-        return 1;
-    base::errno_guard keep;
-    return qv_is_numa_ssm() == 0 ? 1 : 0;
-}
-
 // Remembers a yes; a no is asked again, since the marker file may be made after the process starts.
 int probe(int &cache, const char *path)
 {
@@ -165,31 +140,19 @@ bool list_prefers(const char *list, const char *name)
     va_end(ap);                                                                                                        \
     return length
 
-int console::print_from_handler(const char *format, ...)
+void console::forget_devices(int first)
 {
-    base::errno_guard caller;
-    va_list ap;
-    va_start(ap, format);
-    show_to_mirror(format, ap, caller);
-    int length = console_print_args_sigctx(console_wanted(), kConsoleLog, format, ap);
-    va_end(ap);
-    return length;
+    console::output<ordinary_path>::forget_devices(first);
+    console::output<fatal_path>::forget_devices(first);
 }
 
-extern "C" {
+namespace {
 
-int console_print_args(int to_console, const char *log_path, const char *format, va_list ap)
+int print_ordinary(int to_console, const char *log_path, const char *format, va_list ap)
 {
+    base::cancel_guard whole;
     base::errno_guard caller;
-    if (in_signal_context() != 0) {
-        va_list copy;
-        va_copy(copy, ap);
-        int length = console_print_args_sigctx(to_console, log_path, format, copy);
-        va_end(copy);
-        return length;
-    }
-
-    show_to_mirror(format, ap, caller);
+    console::show_to_mirror(format, ap, caller.saved());
     message text;
     switch (text.format(format, ap, caller)) {
     case message::state::too_long:
@@ -205,32 +168,51 @@ int console_print_args(int to_console, const char *log_path, const char *format,
     if (to_console != 0)
         output::to_console(text.text(), length);
     if (log_path != nullptr)
-        output::to_log(log_path, text.text(), length);
+        output::to_log<local_stamp>(log_path, text.text(), length);
     return text.length();
+}
+
+} // namespace
+
+extern "C" {
+
+int console_print_args(int to_console, const char *log_path, const char *format, va_list ap)
+{
+    if (in_signal_context() != 0) {
+        va_list copy;
+        va_copy(copy, ap);
+        int length = console_print_args_sigctx(to_console, log_path, format, copy);
+        va_end(copy);
+        return length;
+    }
+    int length = print_ordinary(to_console, log_path, format, ap);
+    // A cancellation point, as the calls inside are: a thread that does nothing but print can be cancelled.
+    ::pthread_testcancel();
+    return length;
 }
 
 int console_print(const char *format, ...)
 {
-    PRINT_TO(console_wanted(), kConsoleLog);
+    PRINT_TO(console::console_wanted(), console::kConsoleLog);
 }
 
 int console_print_t(const char *format, ...)
 {
-    PRINT_TO(1, kConsoleLog);
+    PRINT_TO(1, console::kConsoleLog);
 }
 
 int console_printv(const char *format, va_list ap)
 {
     va_list copy;
     va_copy(copy, ap);
-    int length = console_print_args(1, kConsoleLog, format, copy);
+    int length = console_print_args(1, console::kConsoleLog, format, copy);
     va_end(copy);
     return length;
 }
 
 int console_print_nb(const char *format, ...)
 {
-    PRINT_TO(1, kConsoleLog);
+    PRINT_TO(1, console::kConsoleLog);
 }
 
 int boot_print(const char *format, ...)
@@ -240,7 +222,7 @@ int boot_print(const char *format, ...)
 
 int qv_clog(const char *format, ...)
 {
-    PRINT_TO(0, kConsoleLog);
+    PRINT_TO(0, console::kConsoleLog);
 }
 
 int qv_ilog(const char *format, ...)

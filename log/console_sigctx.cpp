@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Console and log output inside the fatal-signal handler: no heap, no lock, nothing shared with the ordinary path.
+#include "base/cancel_guard.h"
 #include "base/civil_time.h"
 #include "base/errno_guard.h"
 #include "log/console_output.h"
+#include "log/handler_format.h"
 #include "signal_printf.h"
 
-#include <cstdio>
 #include <ctime>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -44,9 +45,7 @@ std::size_t uptime_prefix(char (&out)[console::kPrefixSize])
     return static_cast<std::size_t>(signal_snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now)));
 }
 
-struct signal_path {
-    static constexpr int kOpenFlags = O_NONBLOCK;
-
+struct utc_stamp {
     static std::size_t make_prefix(char (&out)[console::kPrefixSize])
     {
         std::size_t length = date_prefix(out);
@@ -60,24 +59,22 @@ struct signal_path {
     }
 };
 
-using output = console::output<signal_path>;
+using output = console::output<console::fatal_path>;
 
 } // namespace
 
 extern "C" int console_print_args_sigctx(int to_console, const char *log_path, const char *format, va_list ap)
 {
+    base::cancel_guard whole;
     base::errno_guard caller;
     char text[console::kMessageSize] = {};
-    va_list copy;
-    va_copy(copy, ap);
-    auto formatted = static_cast<unsigned>(std::vsnprintf(text, sizeof text, format, copy));
-    va_end(copy);
+    auto formatted = static_cast<unsigned>(console::format_in_handler(text, sizeof text, format, ap, caller.saved()));
     // Longer text, or none because formatting failed, counts as the whole buffer, its terminating zero included.
     auto length = std::min<std::size_t>(formatted, sizeof text);
 
     if (to_console != 0)
         output::to_console(text, length);
     if (log_path != nullptr)
-        output::to_log(log_path, text, length);
+        output::to_log<utc_stamp>(log_path, text, length);
     return static_cast<int>(length);
 }

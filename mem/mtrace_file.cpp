@@ -9,6 +9,7 @@
 // malloc() or its kin and nobody holds the lock or makes a change; else by whoever ends what was in its way.
 #include "qv_mtrace.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "base/unique_fd.h"
 #include "log/console_output.h"
@@ -381,6 +382,7 @@ extern "C" {
 
 void signal_mtrace(int sig)
 {
+    base::cancel_guard whole;
     __atomic_store_n(&trace_file::requested_by, sig, __ATOMIC_RELAXED);
     __atomic_fetch_add(&trace_file::pending_toggles, 1, __ATOMIC_SEQ_CST);
     trace_file::make_up_for_toggles();

@@ -2,7 +2,10 @@
 // Monotonic reads and the serialised calendar conversions.
 #include "qv_time.h"
 
+#include "base/cancel_guard.h"
 #include "base/fork_lock.h"
+#include "time/local_time.h"
+#include "time/zone_offset.h"
 
 #include <atomic>
 #include <pthread.h>
@@ -11,38 +14,57 @@ namespace {
 
 constexpr long kNanosecondsPerMicrosecond = 1000;
 
-// ---- the conversion mutex and forks ----
+// ---- the mutexes and forks ----
+//
+// A child that is forked while another thread is in the C library's zone code finds that code's lock taken for good.
+// So every use of it here is under one of two mutexes, and both are taken before a fork.
 
 pthread_mutex_t localtime_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// What the fork handlers know of its holders. A caller that keeps it through localtime_safe_lock() may do so for as
-// long as it likes; the library's own conversions hold it for microseconds. `inside` is set for the whole of a thread's
-// way in and out, since the fork may be that of a signal handler which interrupted it anywhere.
-std::atomic<bool> kept;
-thread_local std::atomic<bool> inside;
+// Around the zone look-ups that must pass while a caller keeps localtime_mutex. Held for microseconds; taken after the
+// other one where a thread needs both.
+pthread_mutex_t lookup_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Whether this thread's before_fork() took the mutex, for its counterparts.
-thread_local bool taken_for_fork;
+// A caller keeps localtime_mutex through localtime_safe_lock(), for as long as it likes.
+constinit std::atomic<bool> kept = false;
 
-// A conversion in another thread holds the C library's own time-zone lock too, which a child could never get past: wait
-// for it. A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
+// What the fork handlers know of the forking thread. The flags cover the whole of its way in and out of a section,
+// since the fork may be that of a signal handler which interrupted it anywhere.
+struct thread_state {
+    std::atomic<bool> converting = false; // in a section of localtime_mutex
+    std::atomic<bool> looking_up = false; // in a section of lookup_mutex
+    bool localtime_taken = false;         // by before_fork()
+    bool lookup_taken = false;
+    bool forking = false; // between the handlers before and after a fork
+};
+
+constinit thread_local thread_state self;
+
+// A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
 void before_fork()
 {
-    taken_for_fork = false;
-    if (!inside)
-        taken_for_fork = base::lock_for_fork(localtime_mutex, [] { return !kept; });
+    self.localtime_taken = !self.converting && base::lock_for_fork(localtime_mutex, [] { return !kept; });
+    self.lookup_taken = !self.looking_up && base::lock_for_fork(lookup_mutex, [] { return true; });
+    self.forking = true;
 }
 
 void after_fork_in_parent()
 {
-    if (taken_for_fork)
+    self.forking = false;
+    if (self.lookup_taken)
+        pthread_mutex_unlock(&lookup_mutex);
+    if (self.localtime_taken)
         pthread_mutex_unlock(&localtime_mutex);
 }
 
+// What the forking thread is in the middle of goes on in the child, which unlocks its copy.
 void after_fork_in_child()
 {
-    if (inside)
-        return; // the child goes on and unlocks its copy
+    self.forking = false;
+    if (!self.looking_up)
+        pthread_mutex_init(&lookup_mutex, nullptr);
+    if (self.converting)
+        return;
     kept = false;
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
@@ -55,16 +77,22 @@ void after_fork_in_child()
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
+// Between its fork handlers a thread has the mutexes already: fork handlers of other libraries may print.
+
 int lock()
 {
-    inside = true;
+    if (self.forking)
+        return 0;
+    self.converting = true;
     return pthread_mutex_lock(&localtime_mutex);
 }
 
 int unlock()
 {
+    if (self.forking)
+        return 0;
     int result = pthread_mutex_unlock(&localtime_mutex);
-    inside = false;
+    self.converting = false;
     return result;
 }
 
@@ -86,13 +114,71 @@ inline int read_monotonic(timeval &tv)
     return result;
 }
 
+// Zone code opens files, which are cancellation points: no thread may end with a mutex locked.
 template <typename Convert>
-tm *converted(Convert convert)
+auto converted(Convert convert)
 {
+    base::cancel_guard whole;
     lock();
-    tm *result = convert();
+    auto result = convert();
     unlock();
     return result;
+}
+
+template <typename LookUp>
+auto looked_up(LookUp look_up)
+{
+    if (self.forking)
+        return look_up();
+    base::cancel_guard whole;
+    self.looking_up = true;
+    pthread_mutex_lock(&lookup_mutex);
+    auto result = look_up();
+    pthread_mutex_unlock(&lookup_mutex);
+    self.looking_up = false;
+    return result;
+}
+
+// ---- the zone's offset for signal handlers, stored with lookup_mutex held ----
+
+long offset_at(std::time_t when, long fallback)
+{
+    tm date;
+    return localtime_r(&when, &date) != nullptr ? date.tm_gmtoff : fallback;
+}
+
+// Looks about a year ahead for the offset's next change; without one, the far end counts as a change to the same.
+zone::offsets look_ahead(std::time_t now, long offset)
+{
+    constexpr std::time_t kStep = 30L * 86400;
+    constexpr int kSteps = 13;
+    std::time_t before = now, after = now;
+    long next = offset;
+    for (int i = 0; i < kSteps && next == offset; i++) {
+        before = after;
+        if (__builtin_add_overflow(after, kStep, &after))
+            return {offset, now, offset};
+        next = offset_at(after, offset);
+    }
+    if (next == offset)
+        return {offset, after, offset};
+    while (after - before > 1) {
+        std::time_t middle = before + (after - before) / 2;
+        (offset_at(middle, offset) == offset ? before : after) = middle;
+    }
+    return {offset, after, offset_at(after, next)};
+}
+
+bool is_known(std::time_t now, long offset)
+{
+    zone::offsets known;
+    return zone::load_offsets(&known) && now < known.until && known.offset == offset;
+}
+
+void note_offset(std::time_t now, long offset)
+{
+    if (!is_known(now, offset))
+        zone::store_offsets(look_ahead(now, offset));
 }
 
 } // namespace
@@ -140,13 +226,15 @@ int timeRT(struct timespec *ts)
 int localtime_safe_lock(void)
 {
     int result = lock();
-    kept = true;
+    if (!self.forking)
+        kept = true;
     return result;
 }
 
 int localtime_safe_unlock(void)
 {
-    kept = false;
+    if (!self.forking)
+        kept = false;
     return unlock();
 }
 
@@ -181,7 +269,41 @@ struct tm *qv_localtime_r(const time_t *t, struct tm *out)
 
 time_t qv_calendar_time(time_t *t)
 {
-    tzset();
-    return time(t);
+    return looked_up([&] {
+        tzset();
+        return time(t);
+    });
 }
+}
+
+bool local_time::convert_for_log(std::time_t now, tm *out)
+{
+    if (qv_localtime_r(&now, out) == nullptr)
+        return false;
+    if (!is_known(now, out->tm_gmtoff))
+        looked_up([&] {
+            note_offset(now, out->tm_gmtoff);
+            return 0;
+        });
+    return true;
+}
+
+bool local_time::convert_for_trace(std::time_t now, tm *out)
+{
+    return looked_up([&] {
+        tzset();
+        return localtime_r(&now, out) != nullptr;
+    });
+}
+
+void local_time::prepare_handlers()
+{
+    looked_up([] {
+        std::time_t now = std::time(nullptr);
+        tm date;
+        tzset();
+        if (now != -1 && localtime_r(&now, &date) != nullptr)
+            note_offset(now, date.tm_gmtoff);
+        return 0;
+    });
 }

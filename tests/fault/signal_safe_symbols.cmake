@@ -4,7 +4,7 @@ if(NOT LIBCOMMON_SANITIZE)
     set(crash_path backtrace crash_handler crash_log hex_dump machine_context_${CMAKE_SYSTEM_PROCESSOR} module_symbols running_handlers
         safe_memory section_table signal_format stack_info)
     list(TRANSFORM crash_path PREPEND "fault/")
-    list(APPEND crash_path log/console_sigctx)
+    list(APPEND crash_path log/console_handler log/console_sigctx log/handler_format time/zone_offset)
     list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")
     list(TRANSFORM crash_path APPEND ".cpp.o")
     add_test(NAME fault.signal_safe_symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols

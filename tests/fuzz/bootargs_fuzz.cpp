@@ -16,11 +16,11 @@ constexpr std::size_t kReadable = 4095;
 
 unsigned long expected(std::string text, const std::string &key)
 {
-    text = text.substr(0, kReadable).c_str();
-    std::size_t found = text.find(key);
-    if (found == text.npos || found + key.size() == text.size())
+    text.resize(kReadable, '\0');
+    std::size_t found = std::string(text.c_str()).find(key);
+    if (found == text.npos || found + key.size() >= kReadable)
         return 0;
-    std::string value = text.substr(found + key.size() + 1);
+    std::string value = text.substr(found + key.size() + 1).c_str();
     return std::strtoul(value.substr(0, value.find(' ', 1)).c_str(), nullptr, 0);
 }
 

@@ -57,6 +57,40 @@ TEST(ParseCmdline, AKeyAtTheVeryEndGivesZero)
     EXPECT_EQ(parse("", "mem"), 0u);
 }
 
+TEST(ParseCmdline, TheCharacterAfterTheKeyIsSkippedEvenIfItIsAZeroByte)
+{
+    using namespace std::string_literals;
+    EXPECT_EQ(parse("quiet mem\0"
+                    "0x20 ro"s,
+                    "mem"),
+              32u);
+    EXPECT_EQ(parse("mem\0"
+                    "17\0"
+                    "5"s,
+                    "mem"),
+              17u)
+        << "a zero byte ends the value";
+    EXPECT_EQ(parse("mem\0\0"
+                    "17"s,
+                    "mem"),
+              0u);
+    EXPECT_EQ(parse("mem\0"s, "mem"), 0u);
+    EXPECT_EQ(parse("quiet\0"
+                    "mem=7"s,
+                    "mem"),
+              0u)
+        << "the key is looked for before the first one";
+    EXPECT_EQ(parse(std::string(4095 - 4, 'x') + "mem\0"
+                                                 "7"s,
+                    "mem"),
+              0u)
+        << "the 4096th byte does not count";
+    EXPECT_EQ(parse(std::string(4095 - 5, 'x') + "mem\0"
+                                                 "7"s,
+                    "mem"),
+              7u);
+}
+
 TEST(ParseCmdline, Only4095BytesCount)
 {
     auto padded = [](std::size_t before, const std::string &tail) { return std::string(before, 'x') + tail; };

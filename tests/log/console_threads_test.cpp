@@ -1,11 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // Printing from several threads. Apart from the other console tests, whose stand-ins for the C library's functions the
 // thread sanitizer does not bear.
+#include "bootargs.h"
 #include "console_print.h"
 
 #include "support/support.h"
 
+#include <atomic>
+#include <cstdarg>
+#include <fcntl.h>
+#include <pthread.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace support;
@@ -29,4 +35,85 @@ TEST(ConsoleThreads, LinesNeverInterleaveInside)
         found++;
     }
     EXPECT_EQ(found, 4 * rounds);
+}
+
+// ---- cancellation ----
+
+namespace {
+
+int print_fatal(const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int length = console_print_args_sigctx(1, "/etc/fatal", format, ap);
+    va_end(ap);
+    return length;
+}
+
+void print_everywhere()
+{
+    console_print("%s\n", "console");
+    qv_clog("%s\n", "log");
+    qv_output(4, "%s\n", "output");
+    print_fatal("%s\n", "fatal");
+    qv_clog("%s\n", std::string(3000, 'x').c_str()); // from the heap
+}
+
+std::size_t open_descriptors()
+{
+    return list_dir("/proc/self/fd").size();
+}
+
+} // namespace
+
+TEST(ConsoleCancellation, CancelledThreadsLeaveNoDescriptor)
+{
+    print_everywhere(); // opens the devices
+    std::size_t before = open_descriptors();
+    const std::string long_text(3000, 'x');
+    for (std::size_t i = 0; i < effort(200); i++) {
+        std::atomic<bool> running{false};
+        std::thread printing([&] {
+            running = true;
+            for (;;)
+                qv_clog("%s\n", long_text.c_str());
+        });
+        while (!running)
+            ::sched_yield();
+        ::pthread_cancel(printing.native_handle());
+        printing.join();
+        if (i % 50 == 0)
+            ::truncate("/etc/consolelog", 0);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(ConsoleCancellation, ActsAfterTheMessage)
+{
+    print_everywhere();
+    for (auto path : {"/etc/consolelog", "/etc/fatal"})
+        write_file(path, "");
+    std::size_t before = open_descriptors();
+    std::thread printing([] {
+        ::pthread_cancel(::pthread_self());
+        print_fatal("%s\n", "fatal"); // never acts: its callers are handlers
+        qv_parse_cmdline("/proc/cmdline", "no such key");
+        qv_clog("%s\n", std::string(3000, 'x').c_str());
+        ADD_FAILURE() << "the request was forgotten";
+    });
+    printing.join();
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(lines(read_file("/etc/consolelog")).size(), 1u);
+    EXPECT_EQ(lines(read_file("/etc/fatal")).size(), 1u);
+}
+
+TEST(ConsoleCancellation, LeavesTheThreadsStateAlone)
+{
+    int state = -1;
+    print_everywhere();
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
+    print_everywhere();
+    ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+    EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
 }

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <functional>
 #include <pthread.h>
 #include <random>
 #include <sys/time.h>
@@ -85,6 +86,22 @@ TEST_F(Clock, ReadsTheMonotonicClock)
     EXPECT_EQ(qv_time(&t), 43);
     EXPECT_EQ(t, 43);
     EXPECT_EQ(qv_time(nullptr), 43);
+}
+
+TEST_F(Clock, EveryFunctionReadsTheSameClock)
+{
+    auto asked_by = [](auto read) {
+        clock_asked = -1;
+        read();
+        return clock_asked;
+    };
+    timeval tv;
+    timespec ts;
+    EXPECT_EQ(asked_by([&] { qv_time(nullptr); }), CLOCK_MONOTONIC);
+    EXPECT_EQ(asked_by([&] { get_time_second(); }), CLOCK_MONOTONIC);
+    EXPECT_EQ(asked_by([&] { gettimeofday_qv(&tv); }), CLOCK_MONOTONIC);
+    EXPECT_EQ(asked_by([&] { qv_gettimeofday(&tv); }), CLOCK_MONOTONIC);
+    EXPECT_EQ(asked_by([&] { timeRT(&ts); }), CLOCK_MONOTONIC);
 }
 
 TEST_F(Clock, SecondsAreCutTo32Bits)
@@ -180,17 +197,36 @@ TEST(Calendar, CalendarTimeIsTheWallClock)
 
 TEST(LocaltimeMutex, KeepsConversionsOutWhileHeld)
 {
-    EXPECT_EQ(localtime_safe_lock(), 0);
-    std::atomic<bool> done{false};
-    std::thread other([&] {
-        qv_localtime(&kSummer);
-        done = true;
-    });
-    ::usleep(20000);
-    EXPECT_FALSE(done);
-    EXPECT_EQ(localtime_safe_unlock(), 0);
-    other.join();
-    EXPECT_TRUE(done);
+    tm out;
+    const std::function<void()> conversions[] = {[] { qv_localtime(&kSummer); }, [] { localtime_safe(&kSummer); },
+                                                 [&] { qv_localtime_r(&kSummer, &out); }};
+    for (const auto &convert : conversions) {
+        EXPECT_EQ(localtime_safe_lock(), 0);
+        std::atomic<bool> done{false};
+        std::thread other([&] {
+            convert();
+            done = true;
+        });
+        ::usleep(20000);
+        EXPECT_FALSE(done);
+        EXPECT_EQ(localtime_safe_unlock(), 0);
+        other.join();
+        EXPECT_TRUE(done);
+    }
+}
+
+TEST(LocaltimeMutex, IsNotNeededForTheCalendarTime)
+{
+    ChildResult child = run_child(
+        [] {
+            localtime_safe_lock();
+            time_t own = qv_calendar_time(nullptr);
+            time_t others = 0;
+            std::thread([&] { others = qv_calendar_time(nullptr); }).join();
+            ::_exit(own > 0 && others >= own && localtime_safe_unlock() == 0 ? 0 : 1);
+        },
+        5000);
+    EXPECT_TRUE(child.exited(0));
 }
 
 TEST(LocaltimeMutex, AChildForkedWhileAnotherThreadHeldItCanConvert)
@@ -254,6 +290,115 @@ TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
     stop = true;
     for (std::thread &thread : threads)
         thread.join();
+}
+
+TEST(CalendarTime, AChildForkedWhileAnotherThreadAsksForItCanConvert)
+{
+    ::unsetenv("TZ"); // a longer way through the zone code
+    for (bool while_kept : {false, true}) {
+        ChildResult forking = run_child(
+            [&] {
+                std::atomic<bool> stop{false};
+                std::thread asking([&] {
+                    while (!stop)
+                        qv_calendar_time(nullptr);
+                });
+                if (while_kept)
+                    localtime_safe_lock();
+                for (std::size_t i = 0; i < effort(300); i++) {
+                    pid_t pid = ::fork();
+                    if (pid == 0) {
+                        ::alarm(5);
+                        if (while_kept)
+                            localtime_safe_unlock();
+                        tm out;
+                        bool good = qv_calendar_time(nullptr) > 0 && qv_localtime_r(&kSummer, &out) != nullptr;
+                        ::_exit(good ? 0 : 1);
+                    }
+                    int status = -1;
+                    ::waitpid(pid, &status, 0);
+                    ASSERT_EQ(status, 0) << i;
+                }
+                if (while_kept)
+                    localtime_safe_unlock();
+                stop = true;
+                asking.join();
+            },
+            30000);
+        EXPECT_TRUE(forking.exited(0)) << while_kept << forking.out;
+    }
+}
+
+TEST(CalendarTime, AHandlerThatInterruptsItMayFork)
+{
+    ::unsetenv("TZ");
+    ChildResult child = run_child([] {
+        static std::atomic<std::size_t> forks{0};
+        struct sigaction action = {};
+        action.sa_handler = [](int) {
+            pid_t pid = ::fork();
+            if (pid == 0)
+                ::_exit(0);
+            ::waitpid(pid, nullptr, 0);
+            forks++;
+        };
+        ::sigaction(SIGALRM, &action, nullptr);
+        for (std::size_t i = 0; i < effort(200); i++) {
+            itimerval once = {{0, 0}, {0, static_cast<suseconds_t>(1 + i % 300)}};
+            ::setitimer(ITIMER_REAL, &once, nullptr);
+            while (forks <= i)
+                qv_calendar_time(nullptr);
+        }
+        ::_exit(0);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+// ---- fork handlers of a library that was loaded earlier ----
+
+namespace {
+
+bool convert_in_handlers = false;
+int converted_in_handlers = 0;
+
+void convert_in_handler()
+{
+    if (!convert_in_handlers)
+        return;
+    tm out;
+    localtime_safe_lock();
+    localtime_safe_unlock();
+    qv_calendar_time(nullptr);
+    converted_in_handlers += qv_localtime_r(&kSummer, &out) != nullptr;
+}
+
+// Before the constructors of every shared object, so that the handlers run inside the library's own.
+void register_early(int, char **, char **)
+{
+    pthread_atfork(convert_in_handler, convert_in_handler, convert_in_handler);
+}
+
+[[gnu::section(".preinit_array"), gnu::used]] void (*const early)(int, char **, char **) = register_early;
+
+} // namespace
+
+TEST(LocaltimeMutex, ForkHandlersOfALibraryLoadedEarlierMayConvert)
+{
+    ChildResult forking = run_child(
+        [] {
+            convert_in_handlers = true;
+            pid_t pid = ::fork();
+            if (pid == 0)
+                ::_exit(converted_in_handlers == 2 && localtime_safe_lock() == 0 && localtime_safe_unlock() == 0 ? 0
+                                                                                                                 : 1);
+            int status = -1;
+            ::waitpid(pid, &status, 0);
+            bool unlocked = false; // for other threads too
+            std::thread([&] { unlocked = localtime_safe_lock() == 0 && localtime_safe_unlock() == 0; }).join();
+            ::_exit(status == 0 && converted_in_handlers == 2 && unlocked ? 0 : 1);
+        },
+        5000);
+    EXPECT_TRUE(forking.exited(0));
 }
 
 TEST(LocaltimeMutex, AForkDuringTheVeryFirstConversionLeavesAChildThatCanConvert)
