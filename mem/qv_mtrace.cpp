@@ -2,11 +2,12 @@
 // The light hooks by themselves, full tracing, and the reports of both.
 #include "qv_mtrace.h"
 
-#include "console_print.h"
+#include "log/console_output.h"
 #include "mem/block_table.h"
 #include "mem/hook_change.h"
 #include "mem/light_stats.h"
 #include "mem/malloc_hooks.h"
+#include "time/local_time.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -425,7 +426,11 @@ int add_malloc_record(size_t size, const void *, void *ptr)
 
 void qv_mtrace_start(void)
 {
-    chain_here(); // loads the unwinder before it is needed, and before anybody waits for this thread
+    // What allocates or waits for the loader comes first, before anybody waits for this thread: the unwinder is loaded,
+    // and reports print without asking for the time zone.
+    chain_here();
+    if (malloc_table == nullptr)
+        local_time::prepare_handlers();
     hooks::change_scope scope;
     muntrace();
     // Outside the lock: malloc() takes it if full tracing is on.
@@ -499,10 +504,10 @@ int get_malloc_statistics(leak_group *out, int max)
         return 0;
     live = collect(work);
     if (live == 0)
-        return 0; // reset meanwhile
-    if (!work.is_full())
-        console_print("Total record %d,  %d records malloc but not free within %lu(s)\n", static_cast<int>(live),
-                      static_cast<int>(work.count()), time_wait);
+        return 0;        // reset meanwhile
+    if (!work.is_full()) // by the path of handlers: the ordinary one allocates, which the next report would show
+        console::print_from_handler("Total record %d,  %d records malloc but not free within %lu(s)\n",
+                                    static_cast<int>(live), static_cast<int>(work.count()), time_wait);
 
     std::span<malloc_stat_entry> entries = work.entries();
     std::sort(entries.begin(), entries.end(),

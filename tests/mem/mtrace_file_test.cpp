@@ -106,13 +106,16 @@ TEST(MtraceFile, LinesOfTheCalls)
 {
     NEEDS_INTERPOSITION();
     void *a = nullptr, *b = nullptr, *c = nullptr;
-    volatile std::size_t huge = SIZE_MAX / 2;
+    volatile std::size_t huge = SIZE_MAX / 2, nothing = 0;
+    void *d = nullptr;
     auto log = traced([&] {
         a = std::malloc(0x30);
         b = std::realloc(a, 0x40000);
         c = std::realloc(nullptr, 0x10);
         sink = std::realloc(c, huge);
         sink = std::malloc(huge);
+        d = std::malloc(0x20);
+        sink = std::realloc(d, nothing);
         sink = std::calloc(3, 5);
         std::free(nullptr);
         std::free(b);
@@ -126,6 +129,8 @@ TEST(MtraceFile, LinesOfTheCalls)
                                          "+ " + hex(c) + " 0x10",
                                          "! " + hex(c) + " 0x7fffffffffffffff",
                                          "+ (nil) 0x7fffffffffffffff",
+                                         "+ " + hex(d) + " 0x20",
+                                         "- " + hex(d),
                                          "+ " + hex(sink) + " 0xf",
                                          "- " + hex(b),
                                          "- " + hex(c),
@@ -280,7 +285,123 @@ TEST(Sigusr2, TheScriptOfTheToolsNamesTheLeak)
     std::free(leak);
 }
 
+TEST(Sigusr2, ManyPairsTakeNoMoreMemory)
+{
+    auto pages = [] { return std::stoul(read_file("/proc/self/statm")); };
+    auto pairs = [](int count) {
+        for (int i = 0; i < 2 * count; i++)
+            signal_mtrace(SIGUSR2);
+    };
+    pairs(2);
+    unsigned long before = pages();
+    pairs(100);
+    EXPECT_EQ(pages(), before);
+    // The host exchanges the environment's list in between.
+    for (int i = 0; i < 20; i++) {
+        ::setenv(("HOST" + std::to_string(i)).c_str(), "1", 1);
+        pairs(1);
+    }
+    EXPECT_LT(pages(), before + 100);
+    for (int i = 0; i < 20; i++)
+        EXPECT_STREQ(std::getenv(("HOST" + std::to_string(i)).c_str()), "1");
+    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+}
+
+TEST(Sigusr2, AVariableInAnEmptyEnvironment)
+{
+    ::clearenv();
+    signal_mtrace(SIGUSR2);
+    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
+    signal_mtrace(SIGUSR2);
+    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+    ::setenv("LATER", "1", 1);
+    EXPECT_STREQ(std::getenv("LATER"), "1");
+}
+
+// Calls of mtrace() and toggles at once: one that mistakes the other's lock for its own waits for good.
+TEST(Sigusr2, AmongCallsOfMtrace)
+{
+    NEEDS_INTERPOSITION();
+    ::alarm(60);
+    ::signal(SIGALRM, SIG_DFL);
+    ::setenv("MALLOC_TRACE", "/dev/null", 1);
+    static volatile bool stop;
+    stop = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; i++)
+        threads.emplace_back([] {
+            while (!stop) {
+                mtrace();
+                std::free(kept(std::malloc(10)));
+                muntrace();
+            }
+        });
+    for (std::size_t i = 0; i < effort(2000); i++)
+        signal_mtrace(SIGUSR2);
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    muntrace();
+}
+
+TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
+{
+    NEEDS_INTERPOSITION();
+    ::alarm(10);
+    ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+    static int calls;
+    static void *(*hook)(std::size_t, const void *);
+    hook = [](std::size_t size, const void *) {
+        calls++;
+        muntrace();
+        __malloc_hook = nullptr;
+        asm volatile("" ::: "memory"); // the compiler knows that malloc() does not read it
+        void *block = std::malloc(size);
+        __malloc_hook = hook;
+        return block;
+    };
+    __malloc_hook = hook;
+    mtrace();
+    std::free(kept(std::malloc(10)));
+    std::free(kept(std::malloc(10)));
+    EXPECT_EQ(__malloc_hook, hook);
+    EXPECT_EQ(calls, 2);
+    __malloc_hook = my_malloc_light_hook;
+    EXPECT_THAT(read_file("/tmp/trace"), testing::EndsWith("= End\n"));
+}
+
 // ---- forks in the middle ----
+
+TEST(Fork, WithTheFileOpenBothWriteTheirOwnLinesOnce)
+{
+    NEEDS_INTERPOSITION();
+    ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+    mtrace();
+    void *before = kept(std::malloc(0x777));
+    const std::string address = hex(before);
+    pid_t child = ::fork();
+    if (child == 0) {
+        std::free(kept(std::malloc(0x778)));
+        muntrace();
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    std::free(kept(std::malloc(0x779)));
+    std::free(before);
+    muntrace();
+    auto log = lines(read_file("/tmp/trace"));
+    auto count = [&](const std::string &end) {
+        return std::count_if(log.begin(), log.end(), [&](const std::string &line) { return line.ends_with(end); });
+    };
+    EXPECT_EQ(count(" 0x777"), 1);
+    EXPECT_EQ(count(" 0x778"), 1) << "the child's";
+    EXPECT_EQ(count(" 0x779"), 1) << "the parent's";
+    EXPECT_EQ(count("- " + address), 1);
+    EXPECT_EQ(count("= Start"), 1);
+    EXPECT_EQ(count("= End"), 2);
+}
 
 namespace {
 

@@ -2,11 +2,13 @@
 // A host that loads the library by dlopen(): nothing is intercepted and nothing breaks. Prints "good".
 #include <qv_mtrace.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <idpool.h>
+#include <pthread.h>
 
 namespace {
 
@@ -22,6 +24,25 @@ int fail(const char *text)
 {
     std::puts(text);
     return 1;
+}
+
+// How many keys of thread-specific data are left.
+int free_keys()
+{
+    pthread_key_t keys[PTHREAD_KEYS_MAX];
+    int count = 0;
+    while (count < PTHREAD_KEYS_MAX && pthread_key_create(&keys[count], nullptr) == 0)
+        count++;
+    for (int i = 0; i < count; i++)
+        pthread_key_delete(keys[i]);
+    return count;
+}
+
+void *count_and_close(void *)
+{
+    std::free(find<decltype(my_malloc_light_hook)>("my_malloc_light_hook")(100, nullptr));
+    dlclose(library);
+    return nullptr;
 }
 
 } // namespace
@@ -54,7 +75,30 @@ int main(int argc, char **argv)
     stat_min(&after);
     if (after.light_allocs != before.light_allocs + 1)
         return fail("not counted");
+
+    // A block of its own mapping counts as its header word says, too.
+    stat_min(&before);
+    block = find<decltype(my_malloc_light_hook)>("my_malloc_light_hook")(1 << 20, nullptr);
+    stat_min(&after);
+    const volatile std::size_t *header = static_cast<std::size_t *>(block) - 1;
+    if (after.light_bytes - before.light_bytes != (*header & ~std::size_t{7}))
+        return fail("a mapped block is counted otherwise");
+    find<decltype(my_free_light_hook)>("my_free_light_hook")(block, nullptr);
+
     find<decltype(idpool_destroy)>("idpool_destroy")(find<decltype(idpool_create)>("idpool_create")("late", 0, 1000));
+
+    // The library stays: a thread that has counted may end after it was closed, and no key is lost.
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, count_and_close, nullptr) != 0 || pthread_join(thread, nullptr) != 0)
+        return fail("no thread");
+    const int keys = free_keys();
+    for (int i = 0; i < 10; i++) {
+        library = dlopen(argv[argc - 1], RTLD_NOW);
+        if (library == nullptr || dlclose(library) != 0)
+            return fail(dlerror());
+    }
+    if (free_keys() != keys)
+        return fail("keys are lost");
     std::puts("good");
     return 0;
 }

@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+// Who has which shard of the light statistics. The file is linked with a copy of its own of the source: nothing of this
+// can be seen from outside but the time that it takes.
+#include "mem/light_stats.h"
+
+#include "support/support.h"
+
+#include <algorithm>
+#include <pthread.h>
+#include <vector>
+
+namespace {
+
+std::ptrdiff_t taken()
+{
+    return std::count_if(std::begin(light::owners), std::end(light::owners),
+                         [](std::uintptr_t owner) { return owner != 0; });
+}
+
+void count_one()
+{
+    light::count_elsewhere(&light::class_counters::allocs, 32, &light::class_counters::bytes_taken, nullptr);
+}
+
+// Threads that have all counted before the first one ends.
+void run_at_once(unsigned threads, void *(*work)(void *))
+{
+    std::vector<pthread_t> started(threads);
+    pthread_barrier_t all_there;
+    pthread_barrier_init(&all_there, nullptr, threads);
+    for (pthread_t &thread : started)
+        ASSERT_EQ(pthread_create(&thread, nullptr, work, &all_there), 0);
+    for (pthread_t thread : started)
+        pthread_join(thread, nullptr);
+    pthread_barrier_destroy(&all_there);
+}
+
+void *count_together(void *all_there)
+{
+    count_one();
+    pthread_barrier_wait(static_cast<pthread_barrier_t *>(all_there));
+    return nullptr;
+}
+
+pthread_key_t later_key;
+
+void *count_at_the_end(void *all_there)
+{
+    pthread_setspecific(later_key, all_there);
+    return count_together(all_there);
+}
+
+} // namespace
+
+TEST(LightShards, AreGivenBackAtAThreadsEnd)
+{
+    light::watch_threads();
+    count_one();
+    EXPECT_EQ(taken(), 1);
+    run_at_once(40, count_together);
+    EXPECT_EQ(taken(), 1);
+    run_at_once(300, count_together); // more than there are
+    EXPECT_EQ(taken(), 1);
+    EXPECT_EQ(light::read()[5].allocs, 341U);
+    EXPECT_EQ(light::read()[5].bytes_taken, 341U * 32);
+}
+
+TEST(LightShards, AThreadThatCountsWhileItEndsTakesNone)
+{
+    light::watch_threads();
+    // Called after the library's, and again, as long as it is set again.
+    pthread_key_create(&later_key, [](void *value) {
+        count_one();
+        pthread_setspecific(later_key, value);
+    });
+    run_at_once(20, count_at_the_end);
+    EXPECT_EQ(taken(), 0);
+    EXPECT_GE(light::read()[5].allocs, 40U);
+}
+
+TEST(LightShards, AThreadKeepsItsShard)
+{
+    light::watch_threads();
+    for (int i = 0; i < 10; i++)
+        count_one();
+    EXPECT_EQ(taken(), 1);
+    EXPECT_EQ(std::count_if(std::begin(light::shards), std::end(light::shards),
+                            [](const light::statistics &shard) { return shard[5].allocs == 10; }),
+              1);
+}
