@@ -132,8 +132,9 @@ exit_code set(const char *name, const char *value, bool overwrite)
     }
     if (result != 0)
         return trouble(QV_ENV_FILE, std::strerror(errno));
-    if (!is_stored(name))
-        return trouble(QV_ENV_FILE, std::strerror(errno != 0 ? errno : ENOSPC));
+    const int error = errno;
+    if (error != 0 && !is_stored(name))
+        return trouble(QV_ENV_FILE, std::strerror(error));
     if (value_text.size() == QV_ENV_VALUE_MAX)
         std::fprintf(stderr, "qvenv: %s: warning: a value of %d characters reads as not set\n", name, QV_ENV_VALUE_MAX);
     return kDone;
