@@ -9,8 +9,9 @@
  *
  *     [09:00:00] Warn: src/peer.c:120: peer a: 3 retries
  *
- * All functions return 0 whatever happens. Any thread may trace; a prefix and its message from two threads may
- * interleave between the two. They use stdio: not for signal handlers.
+ * All functions return 0 whatever happens and leave errno as it was. Any thread may trace; a prefix and its message
+ * from two threads may interleave between the two. A child process opens its own file with its first prefix. A pending
+ * cancellation of the thread acts after the line. They use stdio: not for signal handlers.
  */
 #ifndef LIBCOMMON_DEBUG_TRACE_H
 #define LIBCOMMON_DEBUG_TRACE_H
@@ -45,8 +46,8 @@ extern QV_API int __qv_print_val;       /* takes the results, so that a trace is
                                  : 0)
 
 /**
- * Prints the prefix of a message; opens, replaces or gives up the trace file. A file that cannot be opened is said on
- * standard output, and the process then traces to standard error alone until __qv_debug_where is set again.
+ * Prints the prefix of a message; opens, replaces or gives up the trace file. A file that cannot be opened is reported
+ * on standard output, and the process then traces to standard error alone until __qv_debug_where is set again.
  * @param level  0 to 4
  * @param file   source name; leading dots and slashes are left out
  * @return 0
@@ -56,14 +57,14 @@ QV_API int __qv_print_prefix(int level, const char *file, int line);
 /** Prints the message itself. @return 0 */
 QV_API int __qv_print_msg(const char *format, ...) QV_PRINTF(1, 2);
 
-/** Prints a message and behind it a line "\t[ERRNO, TEXT]" with the errno of the moment of the call. @return 0 */
+/** Prints a message and after it a line "\t[ERRNO, TEXT]" with the errno of the moment of the call. @return 0 */
 QV_API int __qv_print_pmsg(const char *format, ...) QV_PRINTF(1, 2);
 
 /**
- * Tells the folder under which var/sysinfo/logs lies. This one answers the root; a system that keeps its logs elsewhere
+ * Gives the folder under which var/sysinfo/logs lies. This one gives the root; a system that keeps its logs elsewhere
  * puts its own definition of the symbol before it.
  * @param buf   receives the folder, empty for the root
- * @param size  room in buf
+ * @param size  room in buf, 128. A folder that fills all of it is cut to 127 characters
  * @return 0, or a negative value: no trace file then
  */
 QV_API int qv_get_basedir(char *buf, size_t size);

@@ -1,14 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // Debug traces to standard error and to the trace file of the day.
+//
+// Without a lock: a thread that finds the file to be of another day, or another process's, takes it out by exchanging
+// the pointer, so one thread wins. Others may still be writing to it, so it is only retired then; the last thread to
+// leave, when no thread is inside, closes what has been retired.
 #include "debug_trace.h"
 
+#include "base/cancel_guard.h"
+#include "base/errno_guard.h"
+#include "log/debug_trace_file.h"
+#include "time/local_time.h"
+
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 int __qv_debug_where = QV_TRACE_TO_STDERR;
@@ -25,11 +37,20 @@ constexpr std::size_t kTimeSize = 32;
 constexpr std::size_t kBaseSize = 128;
 constexpr std::size_t kPathSize = 512;
 constexpr std::size_t kPrefixSize = 1024;
+constexpr std::size_t kReasonSize = 256; // "\t[ERRNO, TEXT]\n"
 
-// The open trace file and its day as the number YYYYMMDD. Not locked: two threads that cross midnight together may both
-// replace it.
-std::FILE *__qv_debug_file = nullptr;
-unsigned __qv_debug_day = 0;
+// An open trace file. Not changed once other threads can see it, but for `next`.
+struct day_file {
+    std::FILE *stream;
+    unsigned day;   // as the number YYYYMMDD
+    pid_t owner;    // a child opens its own file
+    day_file *next; // among the retired
+};
+
+constinit std::atomic<day_file *> __qv_debug_file = nullptr;
+constinit std::atomic<day_file *> retired = nullptr; // no longer reachable from __qv_debug_file
+constinit std::atomic<int> users = 0;                // threads that may have a pointer to any of them
+constinit thread_local int depth = 0;                // this thread's share of users
 
 const char *text_of(int error)
 {
@@ -37,65 +58,206 @@ const char *text_of(int error)
     return text != nullptr ? text : "Unknown error";
 }
 
-unsigned today()
+// ---- retired files ----
+
+// What another process's file still holds is its owner's to write.
+void close_all(day_file *file)
+{
+    while (file != nullptr) {
+        day_file *next = file->next;
+        if (file->owner != ::getpid())
+            ::__fpurge(file->stream);
+        std::fclose(file->stream);
+        std::free(file);
+        file = next;
+    }
+}
+
+void push_retired(day_file *file)
+{
+    while (file != nullptr) {
+        day_file *next = file->next;
+        file->next = retired;
+        while (!retired.compare_exchange_weak(file->next, file)) {
+        }
+        file = next;
+    }
+}
+
+// For a file that this thread has just made unreachable. Alone inside, it has nobody to leave the file to.
+void retire(day_file *file)
+{
+    file->next = nullptr;
+    if (users == 1)
+        close_all(file);
+    else
+        push_retired(file);
+}
+
+// Files stay open within the scope.
+class file_scope {
+public:
+    file_scope()
+    {
+        depth++;
+        users++;
+    }
+
+    // Files in the list were unreachable before the count fell. If it fell to zero, nobody has a pointer to them.
+    ~file_scope()
+    {
+        day_file *list = retired.exchange(nullptr);
+        depth--;
+        if (users.fetch_sub(1) == 1)
+            close_all(list);
+        else
+            push_retired(list);
+    }
+
+    file_scope(const file_scope &) = delete;
+    file_scope &operator=(const file_scope &) = delete;
+};
+
+// ---- the file of the day, within a file_scope ----
+
+bool is_own(const day_file *file)
+{
+    return file->owner == ::getpid();
+}
+
+// The stream to trace to, null for none.
+std::FILE *stream_of_file()
+{
+    const day_file *file = __qv_debug_file;
+    return file != nullptr && is_own(file) ? file->stream : nullptr;
+}
+
+bool convert(tm *out)
 {
     std::time_t now = std::time(nullptr);
-    const tm *date = std::localtime(&now);
-    if (date == nullptr)
+    return local_time::convert_for_trace(now, out);
+}
+
+unsigned today()
+{
+    tm date;
+    if (!convert(&date))
         return 0;
-    return static_cast<unsigned>((date->tm_year + 1900) * 10000 + (date->tm_mon + 1) * 100 + date->tm_mday);
+    return static_cast<unsigned>((date.tm_year + 1900) * 10000 + (date.tm_mon + 1) * 100 + date.tm_mday);
 }
 
 void time_of_day(char (&out)[kTimeSize])
 {
-    std::time_t now = std::time(nullptr);
-    const tm *date = std::localtime(&now);
-    if (date == nullptr)
+    tm date;
+    if (!convert(&date))
         return;
-    std::snprintf(out, sizeof out, "%02u:%02u:%02u", static_cast<unsigned>(date->tm_hour),
-                  static_cast<unsigned>(date->tm_min), static_cast<unsigned>(date->tm_sec));
+    std::snprintf(out, sizeof out, "%02u:%02u:%02u", static_cast<unsigned>(date.tm_hour),
+                  static_cast<unsigned>(date.tm_min), static_cast<unsigned>(date.tm_sec));
 }
 
-// Registered anew with each file that is opened, so it may run several times at exit: it forgets what it has closed.
+// Takes the file out if it is still the current one.
+void give_up(day_file *file)
+{
+    if (file != nullptr && __qv_debug_file.compare_exchange_strong(file, nullptr))
+        retire(file);
+}
+
+// Registered again with each file that is opened, so it may run several times at exit.
 void qv_debug_file_fini()
 {
-    if (__qv_debug_file == nullptr)
-        return;
-    std::fclose(__qv_debug_file);
-    __qv_debug_file = nullptr;
+    base::cancel_guard whole;
+    file_scope scope;
+    give_up(__qv_debug_file);
 }
 
-void open_file(const char *path)
+// A child has no part in its parent's file, nor in what the parent's threads were writing there at the fork. The files
+// are closed with its first trace: a fork handler must not use the heap, which a signal handler that forks may have
+// interrupted. Where such a handler interrupted a trace, that trace goes on; the file's owner keeps later ones out.
+void forget_parents_files()
 {
-    __qv_debug_file = std::fopen(path, "a");
-    if (__qv_debug_file != nullptr) {
-        std::atexit(qv_debug_file_fini);
+    users = depth;
+    if (depth != 0)
         return;
-    }
-    int error = errno; // the first line's output may change it before the second is made
+    push_retired(__qv_debug_file.exchange(nullptr));
+    for (day_file *file = retired; file != nullptr; file = file->next)
+        ::__fpurge(file->stream);
+}
+
+void watch_forks()
+{
+    static constinit std::atomic<bool> is_watching = false;
+    if (!is_watching.exchange(true))
+        ::pthread_atfork(nullptr, nullptr, forget_parents_files);
+}
+
+void report_failure(const char *path, int error)
+{
+    // The first line's output may change errno before the second is made.
     std::printf("qv_check_debug_file: fopen(%s) failed: %s\n", path, text_of(error));
     std::printf("qv_check_debug_file: user (%u) errno %u: %s\n", ::getuid(), static_cast<unsigned>(error),
                 text_of(error));
     __qv_debug_where = QV_TRACE_TO_STDERR;
 }
 
-// Sees to it that the file of the day is open, where there can be one.
+bool is_current(const day_file *file, unsigned day)
+{
+    return file != nullptr && file->day == day && is_own(file);
+}
+
+// Puts the file in the place of the current one, unless another thread has opened the day's file meanwhile.
+void publish(day_file *file)
+{
+    day_file *old = __qv_debug_file;
+    do {
+        if (is_current(old, file->day))
+            return close_all(file);
+    } while (!__qv_debug_file.compare_exchange_strong(old, file));
+    std::atexit(qv_debug_file_fini);
+    if (old != nullptr)
+        retire(old);
+}
+
+day_file *open_file(const char *path, unsigned day)
+{
+    auto *file = static_cast<day_file *>(std::malloc(sizeof(day_file)));
+    if (file == nullptr)
+        return nullptr;
+    *file = {std::fopen(path, "a"), day, ::getpid(), nullptr};
+    if (file->stream != nullptr)
+        return file;
+    base::errno_guard reason;
+    std::free(file);
+    return nullptr;
+}
+
+// Opens the file of the day if it can be opened and is not open. An old file stays in its place until then: messages of
+// other threads go there meanwhile and are not lost.
 void qv_check_debug_file()
 {
     unsigned day = today();
-    if (__qv_debug_file != nullptr && __qv_debug_day != day)
-        qv_debug_file_fini();
-    if (__qv_debug_file != nullptr)
+    day_file *old = __qv_debug_file;
+    if (is_current(old, day))
         return;
 
     char base[kBaseSize] = {};
     if (qv_get_basedir(base, sizeof base) < 0)
-        return;
-    __qv_debug_day = day;
+        return give_up(old);
+    base[sizeof base - 1] = '\0'; // a host's may have filled it
     char path[kPathSize];
     std::snprintf(path, sizeof path, "%s/var/sysinfo/logs/proc%d.%u", base, ::getpid(), day);
-    open_file(path);
+    watch_forks();
+    day_file *file = open_file(path, day);
+    if (file == nullptr) {
+        int error = errno;
+        give_up(old); // its descriptor may be the one that was missing
+        file = error == EMFILE || error == ENFILE ? open_file(path, day) : nullptr;
+        if (file == nullptr)
+            return report_failure(path, error);
+    }
+    publish(file);
 }
+
+// ---- lines ----
 
 void format_prefix(char (&out)[kPrefixSize], const char *now, int level, const char *file, int line)
 {
@@ -126,17 +288,67 @@ bool to_stderr()
 
 bool to_file()
 {
-    return (__qv_debug_where & QV_TRACE_TO_FILE) != 0 && __qv_debug_file != nullptr;
+    return (__qv_debug_where & QV_TRACE_TO_FILE) != 0;
 }
 
-// One message to one stream. %m is the errno of the call, whatever has been written since.
-void print_to(std::FILE *stream, int error, const char *format, va_list ap)
+// Calls print(stream) for each destination. The file is flushed at once, standard error is not.
+template <typename Print>
+void to_destinations(Print print)
 {
-    va_list copy;
-    va_copy(copy, ap);
-    errno = error;
-    std::vfprintf(stream, format, copy);
-    va_end(copy);
+    if (to_stderr())
+        print(stderr);
+    if (!to_file())
+        return;
+    file_scope scope;
+    std::FILE *stream = stream_of_file();
+    if (stream == nullptr)
+        return;
+    print(stream);
+    std::fflush(stream);
+}
+
+// All of these leave errno as it was, so that a prefix can be followed by a message with the errno of the failure, and
+// act on no cancellation: their callers do, after the line.
+
+void print_prefix(int level, const char *file, int line)
+{
+    base::cancel_guard whole;
+    base::errno_guard caller;
+    file += std::strspn(file, "./");
+    // Read before the file of the day is checked, so that a line never carries a time later than its file's day.
+    char now[kTimeSize] = {};
+    time_of_day(now);
+    if (to_file()) {
+        file_scope scope;
+        qv_check_debug_file();
+    }
+
+    char prefix[kPrefixSize] = {};
+    format_prefix(prefix, now, level, file, line);
+    if (prefix[0] != '\0')
+        to_destinations([&](std::FILE *stream) { std::fputs(prefix, stream); });
+}
+
+// %m is the errno of the call for each destination, whatever has been written since.
+void print_message(const char *format, va_list ap, const char *reason)
+{
+    base::cancel_guard whole;
+    base::errno_guard caller;
+    to_destinations([&](std::FILE *stream) {
+        va_list copy;
+        va_copy(copy, ap);
+        errno = caller.saved();
+        std::vfprintf(stream, format, copy);
+        va_end(copy);
+        std::fputs(reason, stream);
+    });
+}
+
+// Leaves errno as it was.
+void describe(int error, char (&out)[kReasonSize])
+{
+    base::errno_guard keep;
+    std::snprintf(out, sizeof out, "\t[%d, %s]\n", error, text_of(error));
 }
 
 } // namespace
@@ -145,58 +357,30 @@ extern "C" {
 
 int __qv_print_prefix(int level, const char *file, int line)
 {
-    file += std::strspn(file, "./");
-    // Read before the file of the day is looked for, so that a line never carries a time later than its file's day.
-    char now[kTimeSize] = {};
-    time_of_day(now);
-    if ((__qv_debug_where & QV_TRACE_TO_FILE) != 0)
-        qv_check_debug_file();
-
-    char prefix[kPrefixSize] = {};
-    format_prefix(prefix, now, level, file, line);
-    if (prefix[0] == '\0')
-        return 0;
-    // Asked anew: a file that could not be opened has just changed it.
-    if (to_stderr())
-        std::fputs(prefix, stderr);
-    if (to_file()) {
-        std::fputs(prefix, __qv_debug_file);
-        std::fflush(__qv_debug_file);
-    }
+    print_prefix(level, file, line);
+    ::pthread_testcancel();
     return 0;
 }
 
 int __qv_print_msg(const char *format, ...)
 {
-    int error = errno;
     va_list ap;
     va_start(ap, format);
-    if (to_stderr())
-        print_to(stderr, error, format, ap);
-    if (to_file()) {
-        print_to(__qv_debug_file, error, format, ap);
-        std::fflush(__qv_debug_file);
-    }
+    print_message(format, ap, "");
     va_end(ap);
+    ::pthread_testcancel();
     return 0;
 }
 
 int __qv_print_pmsg(const char *format, ...)
 {
-    int error = errno;
-    const char *text = text_of(error);
+    char reason[kReasonSize];
+    describe(errno, reason);
     va_list ap;
     va_start(ap, format);
-    if (to_stderr()) {
-        print_to(stderr, error, format, ap);
-        std::fprintf(stderr, "\t[%d, %s]\n", error, text);
-    }
-    if (to_file()) {
-        print_to(__qv_debug_file, error, format, ap);
-        std::fprintf(__qv_debug_file, "\t[%d, %s]\n", error, text);
-        std::fflush(__qv_debug_file);
-    }
+    print_message(format, ap, reason);
     va_end(ap);
+    ::pthread_testcancel();
     return 0;
 }
 
@@ -204,4 +388,13 @@ int qv_get_basedir(char *, size_t)
 {
     return 0;
 }
+}
+
+void trace::close_file(int first)
+{
+    base::cancel_guard whole;
+    file_scope scope;
+    day_file *file = __qv_debug_file;
+    if (file != nullptr && ::fileno(file->stream) >= first)
+        give_up(file);
 }

@@ -1,23 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "debug_trace.h"
 
+#include "qv_time.h"
+
 #include "support/support.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace support;
 
 namespace {
 
-std::time_t told_time = 1769850000; // 2026-01-31 09:00:00 UTC
+std::atomic<std::time_t> told_time{1769850000}; // 2026-01-31 09:00:00 UTC
 std::time_t seconds_per_reading = 0;
 int base_result = 0;
 std::string base;
+bool base_fills_all = false;
 
 void make_logs(const std::string &root = "")
 {
@@ -40,8 +46,7 @@ std::string prefix(int level, const char *file, int line)
 
 extern "C" std::time_t time(std::time_t *t)
 {
-    std::time_t told = told_time;
-    told_time += seconds_per_reading;
+    std::time_t told = told_time.fetch_add(seconds_per_reading);
     if (t != nullptr)
         *t = told;
     return told;
@@ -51,7 +56,7 @@ extern "C" int qv_get_basedir(char *buf, std::size_t size)
 {
     EXPECT_EQ(size, 128u);
     EXPECT_EQ(buf[0], '\0');
-    base.copy(buf, size - 1);
+    base.copy(buf, base_fills_all ? size : size - 1);
     return base_result;
 }
 
@@ -279,4 +284,247 @@ TEST(DebugTrace, TheMacroIsAnExpressionThatTheLevelGates)
     });
     EXPECT_EQ(evaluated, 1);
     EXPECT_THAT(said, testing::MatchesRegex("\\[09:00:00\\] Error: .*debug_trace_test.cpp:[0-9]+: error 1\n"));
+}
+
+// ---- errno ----
+
+TEST(DebugTrace, NothingChangesErrno)
+{
+    make_logs();
+    capture_stderr([] {
+        for (int where : {2, 3, 1}) { // among them the opening of the file
+            __qv_debug_where = where;
+            errno = E2BIG;
+            __qv_print_prefix(2, "f", 1);
+            EXPECT_EQ(errno, E2BIG) << where;
+            __qv_print_msg("%d\n", 1);
+            EXPECT_EQ(errno, E2BIG) << where;
+            __qv_print_pmsg("%d", 1);
+            EXPECT_EQ(errno, E2BIG) << where;
+        }
+    });
+}
+
+TEST(DebugTrace, PrefixAndPmsgReportTheErrorOfTheCallSite)
+{
+    ::setenv("TZ", ":no/such/zone", 1); // the zone code fails to open it, too
+    __qv_debug_where = 3;               // as does the trace its file
+    ChildResult child = run_child([] {
+        errno = ECONNRESET;
+        __qv_print_prefix(2, "f", 1);
+        __qv_print_pmsg("peer: %m");
+    });
+    EXPECT_THAT(child.err, testing::EndsWith("peer: Connection reset by peer\t[104, Connection reset by peer]\n"));
+}
+
+TEST(DebugTrace, BothLinesOfAFailureNameItsErrno)
+{
+    // Standard output that spoils errno with each write.
+    std::string out;
+    cookie_io_functions_t functions = {};
+    functions.write = [](void *cookie, const char *text, std::size_t size) -> ssize_t {
+        static_cast<std::string *>(cookie)->append(text, size);
+        errno = EBADF;
+        return static_cast<ssize_t>(size);
+    };
+    std::FILE *saved = stdout;
+    stdout = ::fopencookie(&out, "w", functions);
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    __qv_debug_where = 1;
+    std::string err = prefix(2, "f", 1);
+    std::fclose(stdout);
+    stdout = saved;
+    EXPECT_THAT(out, testing::HasSubstr("failed: No such file or directory\n"));
+    EXPECT_THAT(out, testing::HasSubstr(") errno 2: No such file or directory\n"));
+}
+
+// ---- the end of the process ----
+
+TEST(DebugTrace, TheFileIsClosedAmongTheExitHandlers)
+{
+    make_logs();
+    ChildResult child = run_child([] {
+        static int opened = 0;
+        static auto is_open = [] { return list_dir("/proc/self/fd").size() > static_cast<std::size_t>(opened); };
+        opened = static_cast<int>(list_dir("/proc/self/fd").size());
+        std::atexit([] { // runs after those registered later
+            if (is_open())
+                ::_exit(1);
+            __qv_print_msg("late\n");
+        });
+        __qv_debug_where = 1;
+        __qv_print_prefix(2, "f", 1);
+        std::atexit([] { // runs before
+            __qv_print_msg("in time\n");
+            if (!is_open())
+                ::_exit(2);
+        });
+        std::exit(0);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.status;
+    EXPECT_EQ(read_file(file_of("20260131", child.pid)), "[09:00:00] Error: f:1: in time\n");
+}
+
+// ---- threads ----
+
+namespace {
+
+std::size_t descriptors_of_logs()
+{
+    std::size_t count = 0;
+    for (const std::string &name : list_dir("/proc/self/fd")) {
+        char target[256] = {};
+        [[maybe_unused]] ssize_t n = ::readlink(("/proc/self/fd/" + name).c_str(), target, sizeof target - 1);
+        count += std::string(target).starts_with("/var/sysinfo/logs/");
+    }
+    return count;
+}
+
+} // namespace
+
+TEST(DebugTraceThreads, DaysThatChangeUnderThreadsLoseNothing)
+{
+    constexpr int kThreads = 4;
+    const int rounds = static_cast<int>(effort(400));
+    make_logs();
+    __qv_debug_where = 1;
+    ::setenv("TZ", "UTC0", 1);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++)
+        threads.emplace_back([=] {
+            for (int i = 0; i < rounds; i++) {
+                if (i % 2 == 1)
+                    told_time += 86400 / 2;
+                __qv_print_prefix(2, "f", 1);
+                __qv_print_msg("<%d %d>\n", t, i);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    std::size_t prefixes = 0, messages = 0;
+    for (const std::string &name : list_dir("/var/sysinfo/logs")) {
+        std::string text = read_file("/var/sysinfo/logs/" + name);
+        for (std::size_t at = 0; (at = text.find(" Error: f:1: ", at)) != text.npos; at++)
+            prefixes++;
+        for (std::size_t at = 0; (at = text.find(">\n", at)) != text.npos; at++)
+            messages++;
+    }
+    EXPECT_EQ(prefixes, static_cast<std::size_t>(kThreads * rounds));
+    EXPECT_EQ(messages, static_cast<std::size_t>(kThreads * rounds));
+    __qv_print_prefix(2, "f", 1);
+    EXPECT_EQ(descriptors_of_logs(), 1u) << "the files of other days are closed";
+}
+
+TEST(DebugTraceThreads, CancelledThreadsLeaveTheFileUsable)
+{
+    make_logs();
+    __qv_debug_where = 1;
+    ChildResult child = run_child(
+        [] {
+            for (std::size_t i = 0; i < effort(100); i++) {
+                std::thread tracing([] {
+                    for (;;) {
+                        told_time += 86400;
+                        QV_TRACE(QV_TRACE_ERROR, "x\n");
+                    }
+                });
+                ::usleep(200);
+                ::pthread_cancel(tracing.native_handle());
+                tracing.join();
+            }
+            QV_TRACE(QV_TRACE_ERROR, "x\n");
+            ::_exit(descriptors_of_logs() == 1 ? 0 : 1);
+        },
+        20000);
+    EXPECT_TRUE(child.exited(0)) << child.status;
+}
+
+TEST(DebugTraceThreads, TheSharedRecordOfLocaltimeIsLeftAlone)
+{
+    make_logs();
+    __qv_debug_where = 1;
+    std::time_t other = 1000000000;
+    tm *record = ::localtime(&other);
+    int year = record->tm_year;
+    __qv_print_prefix(2, "f", 1);
+    EXPECT_EQ(record->tm_year, year);
+}
+
+TEST(DebugTraceThreads, ACallerThatKeepsTheClocksMutexMayTrace)
+{
+    ChildResult child = run_child(
+        [] {
+            localtime_safe_lock();
+            __qv_print_prefix(2, "f", 1);
+            localtime_safe_unlock();
+        },
+        5000);
+    EXPECT_TRUE(child.exited(0));
+}
+
+// ---- children ----
+
+TEST(DebugTraceChildren, OpenTheirOwnFile)
+{
+    make_logs();
+    __qv_debug_where = 1;
+    __qv_print_prefix(2, "f", 1);
+    __qv_print_msg("parent\n");
+    ChildResult child = run_child([] {
+        __qv_print_msg("lost, before a prefix\n");
+        __qv_print_prefix(2, "f", 2);
+        __qv_print_msg("child\n");
+        EXPECT_EQ(descriptors_of_logs(), 1u) << "its own";
+        std::exit(0);
+    });
+    EXPECT_TRUE(child.exited(0));
+    __qv_print_prefix(2, "f", 3);
+    __qv_print_msg("parent again\n");
+    EXPECT_EQ(read_file(file_of("20260131")), "[09:00:00] Error: f:1: parent\n[09:00:00] Error: f:3: parent again\n");
+    EXPECT_EQ(read_file(file_of("20260131", child.pid)), "[09:00:00] Error: f:2: child\n");
+}
+
+TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
+{
+    make_logs();
+    __qv_debug_where = 1;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; t++)
+        threads.emplace_back([&] {
+            while (!stop)
+                __qv_print_msg("%0500d\n", 7);
+        });
+    __qv_print_prefix(2, "f", 1);
+    for (std::size_t i = 0; i < effort(100); i++) {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            ::alarm(5);
+            if (i % 2 == 0)
+                __qv_print_prefix(2, "f", 1);
+            std::exit(0);
+        }
+        int status = -1;
+        ::waitpid(pid, &status, 0);
+        ASSERT_EQ(status, 0);
+        ::truncate(file_of("20260131").c_str(), 0);
+    }
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    ::truncate(file_of("20260131").c_str(), 0);
+    __qv_print_msg("end\n");
+    EXPECT_EQ(read_file(file_of("20260131")), "end\n");
+}
+
+TEST(DebugTrace, ABaseFolderThatFillsTheBufferIsCut)
+{
+    base = "/tmp/" + std::string(123, 'b');
+    base_fills_all = true;
+    std::string cut = base.substr(0, 127);
+    ::mkdir(cut.c_str(), 0755);
+    make_logs(cut);
+    __qv_debug_where = 1;
+    prefix(2, "f", 1);
+    EXPECT_TRUE(exists(cut + file_of("20260131")));
 }
