@@ -10,10 +10,11 @@
  *     if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) ...
  *
  * Wait statuses come raw, as waitpid() stores them. A wait that a signal handler interrupts goes on, so that no waiting
- * call leaves a zombie. A child whose program cannot be started says "execv PATH error: ..." through console_print()
- * and leaves with exit(-1), status 255; that runs the caller's atexit() functions in the child. Not for signal
- * handlers; a caller with threads risks that console_print() in such a child waits for a lock that a thread held at the
- * fork.
+ * call leaves a zombie. A child whose program cannot be started says "execv PATH error: ..." through console_print(),
+ * also on the console, and leaves with exit(-1), status 255; that runs the caller's atexit() functions in the child.
+ * Text that is pending in the caller's stdio streams stays the caller's: a process without other threads writes it
+ * before the fork, and no child writes it. Not for signal handlers; a caller with threads risks that a child whose
+ * program cannot be started waits for a lock that a thread held at the fork.
  */
 #ifndef LIBCOMMON_RUN_CMD_H
 #define LIBCOMMON_RUN_CMD_H
@@ -25,8 +26,10 @@
 QV_BEGIN_DECLS
 
 /**
- * Closes every open descriptor of the calling process from 3 up.
- * @return 0, or -1 (said on the console) when the process's descriptor folder below /proc cannot be opened
+ * Closes every open descriptor of the calling process from 3 up. Console output opens its devices again with the next
+ * message, and the debug trace its file with the next prefix; a trace of allocations ends.
+ * @return 0, or -1 (said on the console) when the process's descriptor folder below /proc cannot be opened. If only a
+ *         free descriptor is missing for that, all are closed nevertheless
  */
 QV_API int close_extra_fds(void);
 

@@ -217,6 +217,10 @@ void after_fork_in_child();
 namespace trace_file {
 hooks::hook_set own_hooks();
 
+// Ends a trace whose file has the descriptor `first` or above, for a caller that closes those. Without a last line: in
+// a child the parent's trace goes on.
+void close_file(int first);
+
 // Carries out toggles that were requested where they could not be. For whoever ends what was in their way.
 void make_up_for_toggles();
 

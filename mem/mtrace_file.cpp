@@ -155,6 +155,7 @@ void *realloc_below(void *ptr, std::size_t size, const void *caller)
 
 // ---- the hooks of a trace. One that was ended while they waited writes nothing, and stands on what it stood on. ----
 
+// No thread is cancelled with the lock held: writing the file is a cancellation point.
 class trace_lock {
 public:
     trace_lock()
@@ -170,6 +171,9 @@ public:
     }
     trace_lock(const trace_lock &) = delete;
     trace_lock &operator=(const trace_lock &) = delete;
+
+private:
+    base::cancel_guard whole_;
 };
 
 void *traced_malloc(std::size_t size, const void *caller)
@@ -355,6 +359,18 @@ void after_fork_in_child()
         return; // the child goes on and unlocks its copy
     lock_holder = 0;
     pthread_mutex_init(&lock, nullptr);
+}
+
+void close_file(int first)
+{
+    change_trace([first] {
+        if (file < first)
+            return;
+        hooks::install(below);
+        flush();
+        ::close(file);
+        file = -1;
+    });
 }
 
 // Libraries that were initialised earlier end later, and free their blocks: from here on each line goes out at once.

@@ -2,7 +2,11 @@
 // Starting other programs: the split of command lines, the child's side of a fork, and the parent's.
 #include "run_cmd.h"
 
+#include "base/errno_guard.h"
 #include "console_print.h"
+#include "log/console_output.h"
+#include "log/debug_trace_file.h"
+#include "mem/malloc_hooks.h"
 #include "util/parse_line.h"
 
 #include <cerrno>
@@ -12,8 +16,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <stdio_ext.h>
+#include <sys/single_threaded.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+// All streams of the process, linked by FILE::_chain. The C library exports it for its own inline functions.
+extern "C" std::FILE *_IO_list_all;
 
 namespace util {
 
@@ -69,20 +78,60 @@ bool close_around(int own)
     return ::close_range(above, UINT_MAX, 0) == 0;
 }
 
+// Where the folder cannot be listed for lack of the descriptor that it takes. Leaves errno as it was.
+bool close_without_folder(int error)
+{
+    base::errno_guard keep;
+    return (error == EMFILE || error == ENFILE) && ::close_range(kFirstExtraFd, UINT_MAX, 0) == 0;
+}
+
+// ---- forks ----
+
+// Text that is pending in the caller's streams belongs to the caller alone. It is written before the fork, so that it
+// comes before the program's. With other threads that could wait without limit, for a stream that one of them reads.
+void flush_streams()
+{
+    if (__libc_single_threaded)
+        std::fflush(nullptr);
+}
+
+// In the child: drops what is pending in streams whose descriptor is `first` or above. exit() would write it a second
+// time, or into a file that has got the number of a closed descriptor.
+void drop_pending(int first)
+{
+    for (std::FILE *stream = _IO_list_all; stream != nullptr; stream = stream->_chain) {
+        if (::fileno_unlocked(stream) >= first)
+            ::__fpurge(stream);
+    }
+}
+
+pid_t fork_flushed()
+{
+    flush_streams();
+    return ::fork();
+}
+
+void close_inherited()
+{
+    drop_pending(kFirstExtraFd);
+    close_extra_fds();
+}
+
 [[noreturn]] void become(const char *path, char *const argv[], int dfl_sigint)
 {
     if (dfl_sigint != 0)
         std::signal(SIGINT, SIG_DFL);
-    close_extra_fds();
+    close_inherited();
     ::execv(path, argv);
     console_print("execv %s error: %m\n", path);
-    std::exit(-1);
+    drop_pending(STDIN_FILENO);
+    std::exit(-1); // not _exit(), contract: the caller's exit handlers run
 }
 
 // The child's id, or -1 after a report.
 pid_t start(const char *path, char *const argv[], int dfl_sigint)
 {
-    pid_t child = ::fork();
+    pid_t child = fork_flushed();
     if (child == 0)
         become(path, argv, dfl_sigint);
     if (child < 0)
@@ -100,10 +149,9 @@ int wait_for(pid_t child)
     return status;
 }
 
-// Calls run(words) on the words of a copy of the command line. What parse_line() says of too many words is a warning,
-// no refusal: the program runs with those that fit.
-template <typename Run>
-int with_words(const char *cmdline, Run run)
+// Starts a program with the words of a copy of the command line. What parse_line() says of too many words is a warning,
+// no refusal: the program runs with those that fit. The copy is gone before anyone waits for the child.
+pid_t start_words(const char *path, const char *cmdline, int dfl_sigint)
 {
     std::size_t size = std::strlen(cmdline) + 1;
     char short_copy[kStackCopy];
@@ -115,9 +163,24 @@ int with_words(const char *cmdline, Run run)
 
     util::word_list words{};
     util::parse_line(copy, words.data());
-    int result = run(words.data());
+    pid_t child = start(path, words.data(), dfl_sigint);
     std::free(long_copy);
-    return result;
+    return child;
+}
+
+int result_of(pid_t child, int wait)
+{
+    if (child < 0)
+        return -1;
+    return wait != 0 ? wait_for(child) : 0;
+}
+
+int hand_out(pid_t child, pid_t *pid)
+{
+    if (child < 0)
+        return -1;
+    *pid = child;
+    return 0;
 }
 
 } // namespace
@@ -128,43 +191,42 @@ int close_extra_fds(void)
 {
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/fd", ::getpid());
+    trace::close_file(kFirstExtraFd);
+    trace_file::close_file(kFirstExtraFd);
     DIR *folder = ::opendir(path);
-    if (folder == nullptr) {
+    if (folder == nullptr && !close_without_folder(errno)) {
         console_print("%s: opendir %s, error: %m\n", __func__, path);
         return -1;
     }
-    // The folder's own descriptor goes last: closed on the way it would end the listing with descriptors still open.
-    if (!close_around(::dirfd(folder)))
-        close_listed(folder);
-    ::closedir(folder);
+    if (folder != nullptr) {
+        // The folder's own descriptor goes last: closed on the way it would end the listing with descriptors still
+        // open.
+        if (!close_around(::dirfd(folder)))
+            close_listed(folder);
+        ::closedir(folder);
+    }
+    console::forget_devices(kFirstExtraFd);
     return 0;
 }
 
 int run_execv(const char *path, char *const argv[], int wait, int dfl_sigint)
 {
-    pid_t child = start(path, argv, dfl_sigint);
-    if (child < 0)
-        return -1;
-    return wait != 0 ? wait_for(child) : 0;
+    return result_of(start(path, argv, dfl_sigint), wait);
 }
 
 int run_shellcmd(const char *path, const char *cmdline, int wait, int dfl_sigint)
 {
-    return with_words(cmdline, [&](char **words) { return run_execv(path, words, wait, dfl_sigint); });
+    return result_of(start_words(path, cmdline, dfl_sigint), wait);
 }
 
 int run_execv_ex(const char *path, char *const argv[], int dfl_sigint, pid_t *pid)
 {
-    pid_t child = start(path, argv, dfl_sigint);
-    if (child < 0)
-        return -1;
-    *pid = child;
-    return 0;
+    return hand_out(start(path, argv, dfl_sigint), pid);
 }
 
 int run_shellcmd_ex(const char *path, const char *cmdline, int dfl_sigint, pid_t *pid)
 {
-    return with_words(cmdline, [&](char **words) { return run_execv_ex(path, words, dfl_sigint, pid); });
+    return hand_out(start_words(path, cmdline, dfl_sigint), pid);
 }
 
 pid_t run_shellcmd_ex_wait(pid_t pid, int *status)
@@ -174,13 +236,11 @@ pid_t run_shellcmd_ex_wait(pid_t pid, int *status)
 
 int run_shell(const char *cmd)
 {
-    pid_t child = ::fork();
-    if (child < 0)
-        return -1;
-    if (child > 0)
-        return wait_for(child);
+    pid_t child = fork_flushed();
+    if (child != 0)
+        return result_of(child, 1);
 
-    close_extra_fds();
+    close_inherited();
     char shell[] = "/bin/sh";
     char option[] = "-c";
     char *const argv[] = {shell, option, const_cast<char *>(cmd), nullptr};

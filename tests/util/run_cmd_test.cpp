@@ -1,19 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "run_cmd.h"
 
+#include "console_print.h"
+#include "debug_trace.h"
+#include "sighandler.h"
+
 #include "support/support.h"
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <functional>
+#include <malloc.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace support;
@@ -21,6 +31,7 @@ using namespace support;
 namespace {
 
 bool fork_fails = false;
+bool no_close_range = false;
 int waits_interrupted = 0;
 
 std::string words(int count, const std::string &tail = "")
@@ -66,6 +77,16 @@ extern "C" pid_t fork(void)
         return -1;
     }
     return real();
+}
+
+extern "C" int close_range(unsigned first, unsigned last, int flags)
+{
+    static auto real = reinterpret_cast<int (*)(unsigned, unsigned, int)>(::dlsym(RTLD_NEXT, "close_range"));
+    if (no_close_range) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return real(first, last, flags);
 }
 
 extern "C" pid_t waitpid(pid_t pid, int *status, int options)
@@ -202,6 +223,384 @@ TEST(CloseExtraFds, AMissingFolderIsSaid)
     EXPECT_TRUE(child.exited(0));
     EXPECT_EQ(read_file(kConsole), "close_extra_fds: opendir /proc/" + std::to_string(child.pid) +
                                        "/fd, error: No such file or directory\n");
+}
+
+TEST(CloseExtraFds, WorksOnAKernelWithoutTheRangeCall)
+{
+    no_close_range = true;
+    ChildResult child = run_child([] {
+        int last = open_many(300);
+        bool good = close_extra_fds() == 0;
+        for (int fd = 0; fd <= last + 8; fd++)
+            good = good && (::fcntl(fd, F_GETFD) >= 0) == (fd < 3);
+        ::_exit(good ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+namespace {
+
+// Leaves no descriptor unused.
+void use_up_descriptors()
+{
+    rlimit limit = {64, 64};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    while (::open("/dev/null", O_RDONLY) >= 0) {
+    }
+}
+
+} // namespace
+
+TEST(CloseExtraFds, WorksWithoutAFreeDescriptor)
+{
+    ChildResult child = run_child([] {
+        use_up_descriptors();
+        bool good = close_extra_fds() == 0;
+        for (int fd = 0; fd < 64; fd++)
+            good = good && (::fcntl(fd, F_GETFD) >= 0) == (fd < 3);
+        ::_exit(good ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "");
+}
+
+TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallItSaysSo)
+{
+    no_close_range = true;
+    ChildResult child = run_child([] {
+        console_print("open\n");
+        use_up_descriptors();
+        int result = close_extra_fds();
+        ::_exit(result == -1 && ::fcntl(63, F_GETFD) == 0 ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "open\nclose_extra_fds: opendir /proc/" + std::to_string(child.pid) +
+                                       "/fd, error: Too many open files\n");
+}
+
+namespace {
+
+int print_fatal(const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    int length = console_print_args_sigctx(1, nullptr, format, ap);
+    va_end(ap);
+    return length;
+}
+
+// The host's files, which get the lowest free numbers.
+std::vector<std::string> open_host_files()
+{
+    std::vector<std::string> paths;
+    for (int i = 0; i < 8; i++) {
+        paths.push_back("/tmp/host" + std::to_string(i));
+        ::open(paths.back().c_str(), O_WRONLY | O_CREAT, 0644);
+    }
+    return paths;
+}
+
+} // namespace
+
+TEST(CloseExtraFds, LaterLinesGoToTheConsoleAndIntoNoFileOfTheHost)
+{
+    ChildResult child = run_child([] {
+        ::mkdir("/var/sysinfo", 0755);
+        ::mkdir("/var/sysinfo/logs", 0755);
+        __qv_debug_where = 1;
+        auto print_all = [](const char *text) {
+            console_print_t("%s", text);
+            print_fatal("%s", text);
+            __qv_print_prefix(2, "f", 1);
+            __qv_print_msg("%s", text);
+        };
+        print_all("before\n");
+        EXPECT_EQ(close_extra_fds(), 0);
+        std::vector<std::string> paths = open_host_files();
+        write_file(kConsole, "");
+        print_all("after\n");
+        for (const std::string &path : paths)
+            EXPECT_EQ(read_file(path), "") << path;
+        for (const std::string &name : list_dir("/var/sysinfo/logs"))
+            EXPECT_THAT(read_file("/var/sysinfo/logs/" + name), testing::EndsWith(" Error: f:1: after\n"));
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    EXPECT_EQ(read_file(kConsole), "after\n") << "of both paths, each at its own place";
+}
+
+TEST(CloseExtraFds, ConsolesWithALowNumberStayOpen)
+{
+    ChildResult child = run_child([] {
+        ::close(0);
+        console_print("a\n"); // has the number 0 now
+        close_extra_fds();
+        console_print("b\n");
+        ::_exit(::fcntl(0, F_GETFD) == 0 && ::fcntl(3, F_GETFD) != 0 ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+}
+
+TEST(CloseExtraFds, ATraceOfAllocationsGoesIntoNoFileOfTheHost)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "allocation is the sanitizer's";
+    ChildResult child = run_child([] {
+        install_sighandler();
+        ::raise(SIGUSR2);
+        EXPECT_EQ(close_extra_fds(), 0);
+        std::vector<std::string> paths = open_host_files();
+        for (int i = 0; i < 500; i++)
+            std::free(std::malloc(100));
+        ::raise(SIGUSR2);
+        for (const std::string &path : paths)
+            EXPECT_EQ(read_file(path), "") << path;
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    EXPECT_THAT(read_file("/etc/mtrace" + std::to_string(child.pid) + ".log"), testing::StartsWith("= Start\n"));
+}
+
+// ---- a child whose program cannot be started ----
+
+TEST(FailedChild, IsHeardOnAConsoleThatTheParentHasOpened)
+{
+    console_print("parent\n");
+    ChildResult child = run_child([] { ::_exit(run_execv("/no/such", kNoArgs, 1, 0) == 255 << 8 ? 0 : 1); });
+    EXPECT_TRUE(child.exited(0));
+    // The child's own descriptor writes from the start of the plain file that plays the console.
+    EXPECT_THAT(read_file(kConsole), testing::HasSubstr("execv /no/such error: No such file or directory\n"));
+}
+
+TEST(FailedChild, RunsTheCallersExitHandlers)
+{
+    ChildResult child = run_child([] {
+        std::atexit([] { write_file("/tmp/left", "by exit"); });
+        run_execv("/no/such", kNoArgs, 1, 0);
+        ::_exit(read_file("/tmp/left") == "by exit" ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+namespace {
+
+// A caller with text pending in streams of several numbers runs a program that cannot be started.
+void fail_with_pending_text(const std::function<void()> &run)
+{
+    std::vector<std::FILE *> files;
+    for (int i = 0; i < 6; i++) {
+        files.push_back(std::fopen(("/tmp/pending" + std::to_string(i)).c_str(), "w"));
+        std::fprintf(files.back(), "pending%d\n", i);
+    }
+    std::printf("on standard output\n");
+    run();
+    for (std::FILE *file : files)
+        std::fclose(file);
+    std::fflush(stdout);
+}
+
+void expect_written_once(const ChildResult &child)
+{
+    EXPECT_TRUE(child.exited(0)) << child.status;
+    EXPECT_EQ(child.out, "on standard output\n");
+    for (int i = 0; i < 6; i++)
+        EXPECT_EQ(read_file("/tmp/pending" + std::to_string(i)), "pending" + std::to_string(i) + "\n");
+    EXPECT_EQ(read_file(kConsole), "execv /no/such error: No such file or directory\n");
+    EXPECT_EQ(lines(read_file("/etc/consolelog")).size(), 1u);
+}
+
+} // namespace
+
+TEST(FailedChild, WritesNoneOfTheCallersPendingText)
+{
+    expect_written_once(run_child([] { fail_with_pending_text([] { run_execv("/no/such", kNoArgs, 1, 0); }); }));
+}
+
+TEST(FailedChild, WritesNoneOfItEitherWithThreadsAbout)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    expect_written_once(run_child(
+        [&] {
+            // A thread waits for input with the stream's lock held: no flush of all streams would come back.
+            std::FILE *input = ::fdopen(fds[0], "r");
+            std::thread reading([&] { std::fgetc(input); });
+            ::usleep(20000);
+            fail_with_pending_text([] { run_execv("/no/such", kNoArgs, 1, 0); });
+            [[maybe_unused]] ssize_t n = ::write(fds[1], "x", 1);
+            reading.join();
+        },
+        10000));
+}
+
+TEST(FailedChild, ThePendingTextComesBeforeTheProgramsOutput)
+{
+    ChildResult child = run_child([] {
+        std::printf("first\n");
+        run_shell("echo second");
+        std::fflush(stdout);
+    });
+    EXPECT_EQ(child.out, "first\nsecond\n");
+}
+
+TEST(FailedChild, LeavesTheParentsPlaceInItsInputAlone)
+{
+    write_file("/tmp/input", "one\ntwo\nthree\n");
+    ChildResult child = run_child([] {
+        ::close(0);
+        ::open("/tmp/input", O_RDONLY);
+        char line[32];
+        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "one\n");
+        run_execv("/no/such", kNoArgs, 1, 0);
+        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "two\n");
+        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "three\n");
+        EXPECT_EQ(std::fgets(line, sizeof line, stdin), nullptr);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+}
+
+// ---- what the program gets ----
+
+namespace {
+
+std::string own_argv0(const std::function<void(const char *program)> &run)
+{
+    // cat prints its own command line.
+    ChildResult child = run_child([&] { run("/bin/cat"); });
+    return child.out.substr(0, child.out.find('\0'));
+}
+
+} // namespace
+
+TEST(RunExecv, TheFirstArgumentIsArgv0)
+{
+    char name[] = "other-name", file[] = "/proc/self/cmdline";
+    char *const argv[] = {name, file, nullptr};
+    pid_t pid = 0;
+    EXPECT_EQ(own_argv0([&](const char *cat) { run_execv(cat, argv, 1, 0); }), "other-name");
+    EXPECT_EQ(own_argv0([](const char *cat) { run_shellcmd(cat, "word-name /proc/self/cmdline", 1, 0); }), "word-name");
+    EXPECT_EQ(own_argv0([&](const char *cat) {
+                  run_execv_ex(cat, argv, 0, &pid);
+                  ::waitpid(pid, nullptr, 0);
+              }),
+              "other-name");
+    EXPECT_EQ(own_argv0([&](const char *cat) {
+                  run_shellcmd_ex(cat, "word-name /proc/self/cmdline", 0, &pid);
+                  ::waitpid(pid, nullptr, 0);
+              }),
+              "word-name");
+    ChildResult child = run_child([] { run_shell("cat /proc/$$/cmdline"); });
+    using namespace std::string_literals;
+    EXPECT_EQ(child.out, "/bin/sh\0-c\0cat /proc/$$/cmdline\0"s);
+}
+
+namespace {
+
+// SigIgn of the program that run starts.
+unsigned long ignored_by(const std::function<void(const char *script)> &run)
+{
+    write_file("/tmp/sigs", "#!/bin/sh\ngrep -E '^Sig(Ign|Blk)' /proc/self/status\n");
+    ::chmod("/tmp/sigs", 0755);
+    ChildResult child = run_child([&] { run("/tmp/sigs"); });
+    std::size_t at = child.out.find("SigIgn:");
+    return at == child.out.npos ? ~0UL : std::strtoul(child.out.c_str() + at + 7, nullptr, 16);
+}
+
+unsigned long bit(int sig)
+{
+    return 1UL << (sig - 1);
+}
+
+} // namespace
+
+TEST(RunExecv, WaitAndSigintAreTwoThings)
+{
+    std::signal(SIGINT, SIG_IGN);
+    char name[] = "sigs";
+    char *const argv[] = {name, nullptr};
+    for (int sigint : {0, 1, -1}) {
+        unsigned long wanted = sigint != 0 ? 0 : bit(SIGINT);
+        EXPECT_EQ(ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); }) & bit(SIGINT), wanted);
+        EXPECT_EQ(ignored_by([&](const char *path) { run_shellcmd(path, "sigs", 1, sigint); }) & bit(SIGINT), wanted);
+        auto reaped = [](pid_t pid) { ::waitpid(pid, nullptr, 0); };
+        pid_t pid = 0;
+        EXPECT_EQ(ignored_by([&](const char *path) {
+                      EXPECT_EQ(run_execv(path, argv, 0, sigint), 0);
+                      reaped(-1);
+                  }) & bit(SIGINT),
+                  wanted);
+        EXPECT_EQ(ignored_by([&](const char *path) {
+                      EXPECT_EQ(run_execv_ex(path, argv, sigint, &pid), 0);
+                      reaped(pid);
+                  }) & bit(SIGINT),
+                  wanted);
+        EXPECT_EQ(ignored_by([&](const char *path) {
+                      EXPECT_EQ(run_shellcmd_ex(path, "sigs", sigint, &pid), 0);
+                      reaped(pid);
+                  }) & bit(SIGINT),
+                  wanted);
+    }
+    EXPECT_EQ(ignored_by([](const char *path) { run_shell(path); }) & bit(SIGINT), bit(SIGINT));
+}
+
+TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    write_file("/tmp/block", "#!/bin/sh\nread line\nexit 4\n");
+    ::chmod("/tmp/block", 0755);
+    ::dup2(fds[0], 0);
+    EXPECT_EQ(run_shellcmd("/tmp/block", "block", 0, 1), 0);
+    int status = 0;
+    EXPECT_EQ(::waitpid(-1, &status, WNOHANG), 0) << "it runs";
+    EXPECT_EQ(::write(fds[1], "\n", 1), 1);
+    EXPECT_GT(::waitpid(-1, &status, 0), 0);
+    EXPECT_EQ(status, 4 << 8);
+}
+
+TEST(RunExecv, NoOtherSignalIsTouched)
+{
+    for (int sig : {SIGHUP, SIGQUIT, SIGTERM, SIGPIPE, SIGUSR1, SIGTSTP, SIGRTMIN})
+        std::signal(sig, SIG_IGN);
+    sigset_t blocked;
+    ::sigemptyset(&blocked);
+    ::sigaddset(&blocked, SIGUSR2);
+    ::sigaddset(&blocked, SIGINT);
+    ::sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    char name[] = "sigs";
+    char *const argv[] = {name, nullptr};
+    unsigned long ignored = 0;
+    for (int sigint : {0, 1}) {
+        ignored = ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); });
+        for (int sig : {SIGHUP, SIGQUIT, SIGTERM, SIGPIPE, SIGUSR1, SIGTSTP, SIGRTMIN})
+            EXPECT_NE(ignored & bit(sig), 0u) << sig;
+        // Not by a script: the shell clears its children's mask.
+        char grep[] = "grep", pattern[] = "SigBlk:", file[] = "/proc/self/status";
+        char *const show_mask[] = {grep, pattern, file, nullptr};
+        ChildResult child = run_child([&] { run_execv("/bin/grep", show_mask, 1, sigint); });
+        std::size_t at = child.out.find("SigBlk:");
+        ASSERT_NE(at, child.out.npos);
+        EXPECT_EQ(std::strtoul(child.out.c_str() + at + 7, nullptr, 16), bit(SIGUSR2) | bit(SIGINT));
+    }
+}
+
+TEST(RunShellcmd, LongCopiesAreFreed)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer's heap keeps what is freed";
+    std::string line = "prog " + std::string(1 << 20, ' ');
+    auto held = [] { return ::mallinfo2().uordblks + ::mallinfo2().hblkhd; };
+    pid_t pid = 0;
+    run_shellcmd("/bin/true", line.c_str(), 1, 0);
+    std::size_t before = held();
+    for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(run_shellcmd("/bin/true", line.c_str(), 1, 0), 0);
+        EXPECT_EQ(run_shellcmd_ex("/bin/true", line.c_str(), 0, &pid), 0);
+        ::waitpid(pid, nullptr, 0);
+    }
+    fork_fails = true;
+    EXPECT_EQ(run_shellcmd("/bin/true", line.c_str(), 1, 0), -1);
+    fork_fails = false;
+    EXPECT_LT(held(), before + line.size() / 2);
 }
 
 TEST(RunShellcmd, WordsAreCutAtRunsOfBlanksAndTabs)
