@@ -254,7 +254,7 @@ std::string send_several(Words &words)
     std::vector<iovec> parts(count);
     const char digits[] = "0123456789";
     for (unsigned i = 0; i < count; i++) {
-        parts[i] = {const_cast<char *>(digits) + i, 1};
+        parts[i] = {const_cast<char *>(digits) + i % 10, 1};
         messages[i].msg_hdr = {to.any(), to.length, &parts[i], 1, nullptr, 0, 0};
     }
     return told(::sendmmsg(fd, messages.data(), count, 0));
@@ -296,16 +296,19 @@ std::string receive_within(Words &words)
     return told(::recvmmsg(fd, messages.data(), count, MSG_DONTWAIT, &time)) + " " + std::to_string(time.tv_sec);
 }
 
-// FD ROOM: several at a time, into names with this room; what was written there, and the lengths.
+// FD ROOM FLAGS TIMEOUT (as above): up to three, into names with this room; the lengths, and what was written there
+// behind the port.
 std::string receive_cut_names(Words &words)
 {
     int fd = next<int>(words);
     auto room = next<socklen_t>(words);
+    int flags = next<int>(words);
+    timespec none = {0, 0};
     std::vector<mmsghdr> messages(3);
     std::vector<std::vector<unsigned char>> names(3, std::vector<unsigned char>(room + 4, 0xEE));
     for (std::size_t i = 0; i < messages.size(); i++)
         messages[i].msg_hdr = {names[i].data(), room, nullptr, 0, nullptr, 0, 0};
-    int n = ::recvmmsg(fd, messages.data(), 3, MSG_DONTWAIT, nullptr);
+    int n = ::recvmmsg(fd, messages.data(), 3, flags, next<int>(words) != 0 ? &none : nullptr);
     std::string text = told(n);
     for (std::size_t i = 0; static_cast<int>(i) < n; i++) {
         text += " " + std::to_string(messages[i].msg_hdr.msg_namelen) + ":";
@@ -442,6 +445,8 @@ std::string receive_messages(Words &words)
     if (::recvmsg(fd, &message, flags) < 0)
         return told(-1);
     std::string text = message.msg_flags & MSG_CTRUNC ? "cut" : "whole";
+    if (message.msg_controllen > room)
+        text += " beyond the room";
     for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
         text += " " + std::to_string(c->cmsg_level) + "/" + std::to_string(c->cmsg_type);
     return text;
@@ -669,6 +674,7 @@ std::string ask_after_exec(Words &words)
 const std::map<std::string, std::function<std::string(Words &)>> kCalls = {
     {"socket", open_socket},
     {"tcp", [](Words &) { return told(::socket(AF_INET, SOCK_STREAM, 0)); }},
+    {"unix", [](Words &) { return told(::socket(AF_UNIX, SOCK_DGRAM, 0)); }},
     {"raw", [](Words &) { return told(::socket(AF_INET, SOCK_RAW, IPPROTO_UDP)); }},
     {"listen", [](Words &words) { return told(::listen(next<int>(words), 1)); }},
     {"setoption", set_option},

@@ -225,6 +225,7 @@ TEST_F(Vrkernel, SourceDestinationAndInterface)
     EXPECT_EQ("interface 127.0.0.1 " + port + " to " + at + " through lo vr 7", receiver("recvto 3"));
 
     EXPECT_EQ("-1 EINVAL", sender("sendfrom 3 " + at + " 10.0.0.1 0 0 7 x"));
+    EXPECT_EQ("-1 ENODEV", sender("sendfrom 3 " + at + " - 99 7 x"));
     EXPECT_EQ("-1 ENETUNREACH", sender("sendfrom 3 10.0.0.1 5000 - 0 7 x"));
     EXPECT_EQ("-1 ENETUNREACH", sender("sendfrom 3 127.0.0.255 5000 - 0 7 x"));
     EXPECT_EQ("-1 EAGAIN", receiver("recvto 3"));
@@ -357,8 +358,13 @@ TEST_F(Vrkernel, TheVrMessageComesWithTheFlagWhereThereIsRoom)
     sender.open(4, 7);
     // Flag and room of the receive call, and what it gets: packet info takes 32 bytes, the VR message 20 and 4 more.
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"0 256", "whole 0/8"},         {"65536 256", "whole 0/8 0/30"}, {"65536 56", "whole 0/8 0/30"},
-        {"65536 52", "whole 0/8 0/30"}, {"65536 51", "cut 0/8"},         {"65536 0", "cut"},
+        {"0 256", "whole 0/8"},
+        {"65536 256", "whole 0/8 0/30"},
+        {"65536 56", "whole 0/8 0/30"},
+        {"65536 52", "whole 0/8 0/30"},
+        {"65536 51", "cut 0/8"},
+        {"65536 0", "cut"},
+        {"0 10", "cut"},
     };
     for (const auto &[call, expected] : cases) {
         ASSERT_EQ("1", sender("sendplain 3 " + at + " x"));
@@ -373,7 +379,7 @@ TEST_F(Vrkernel, MalformedControlDataIsRefused)
     // Level, type, claimed length, length of the control data.
     for (const char *message : {"0 31 0 24", "0 31 15 24", "0 31 16 24", "0 31 17 24", "0 31 19 24", "0 31 21 24",
                                 "0 31 24 24", "0 31 18446744073709551615 24", "0 31 18446744073709551608 24",
-                                "0 31 20 19", "41 91 24 24", "0 8 27 32", "41 50 35 40"})
+                                "0 31 20 19", "41 91 24 24", "0 8 27 32", "0 8 29 32", "41 50 35 40"})
         EXPECT_EQ("-1 EINVAL", sender("sendmessage 3 127.0.0.1 5000 " + std::string(message))) << message;
     EXPECT_EQ("-1 ENOENT", sender("sendmessage 3 127.0.0.1 5000 0 31 20 24")); // there is no VR 0
 }
@@ -437,9 +443,12 @@ TEST_F(Vrkernel, OtherControlMessagesPassThrough)
         ASSERT_EQ("1", sender("sendcontrol 3 " + at + " " + control)) << control;
         EXPECT_THAT(receiver("recvcontrol 3 65536"), testing::EndsWith(", info 127.0.0.1 127.0.0.1, ttl 33, 0/30"));
     }
-    // Without a VR as well.
+    // Without a VR as well, packet info among them.
     Peer ordinary;
     at = ordinary.open(4, 0, "127.0.0.1 0");
+    std::string info = message(0, 8, {0, static_cast<int>(htonl(0x7F000005)), 0});
+    ASSERT_EQ("1", sender("sendcontrol 3 " + at + " " + message(0, 31, {-1}) + info));
+    EXPECT_THAT(ordinary("recvplain 3"), StartsWith("x 127.0.0.5 "));
     ordinary("setoption 3 0 12 1");
     for (const std::string &control : {ttl, message(0, 31, {-1}) + ttl, ttl + message(0, 31, {-1}, false)}) {
         ASSERT_EQ("1", sender("sendcontrol 3 " + at + " " + control)) << control;
@@ -465,6 +474,13 @@ TEST_F(Vrkernel, AMalformedSecondMessageIsRefused)
         EXPECT_EQ("-1 EINVAL",
                   sender("sendcontrol 3 127.0.0.1 5000 " + message(0, 31, {7}) + message(0, 2, {33}, false, length)))
             << length;
+    // Packet info has one length for IPv4, and at least its own for IPv6.
+    for (std::uint64_t length : {16ULL, 27ULL, 29ULL, 32ULL})
+        EXPECT_EQ("-1 EINVAL", sender("sendcontrol 3 127.0.0.1 5000 " + message(0, 31, {7}) +
+                                      message(0, 8, {0, 0, 0, 0}, true, length)))
+            << length;
+    EXPECT_EQ("-1 EINVAL", sender("sendcontrol 3 127.0.0.1 5000 " + message(0, 31, {7}) +
+                                  message(41, 50, {0, 0, 0, 0, 0}, true, 35)));
 }
 
 TEST_F(Vrkernel, TooMuchControlDataHasNoRoom)
@@ -472,14 +488,20 @@ TEST_F(Vrkernel, TooMuchControlDataHasNoRoom)
     Peer receiver, sender;
     std::string at = receiver.open(4, 7, "127.0.0.1 0");
     sender.open(4, 0);
-    // Packet info takes 32 bytes of 1024, so that 41 others of 24 bytes each pass and 42 do not.
+    // Packet info takes 32 bytes of 1024, as each of these does, which the real kernel ignores for their level.
+    const std::string filler = message(77, 1, {1, 2, 3, 4});
     std::string control = message(0, 31, {7});
-    for (int i = 0; i < 41; i++)
-        control += message(0, 2, {33});
+    for (int i = 0; i < 31; i++)
+        control += filler;
     EXPECT_EQ("1", sender("sendcontrol 3 " + at + " " + control));
-    EXPECT_EQ("-1 ENOBUFS", sender("sendcontrol 3 " + at + " " + control + message(0, 2, {33})));
-    EXPECT_EQ("-1 ENOBUFS", sender("sendcontrol 3 " + at + " " + message(0, 31, {-1}) + control.substr(48) +
-                                   message(0, 2, {33}) + message(0, 2, {33})));
+    EXPECT_EQ("-1 ENOBUFS", sender("sendcontrol 3 " + at + " " + control + filler));
+    control = message(0, 31, {-1}) + control.substr(48) + filler;
+    EXPECT_EQ("1", sender("sendcontrol 3 " + at + " " + control));
+    EXPECT_EQ("-1 ENOBUFS", sender("sendcontrol 3 " + at + " " + control + filler));
+    std::string huge;
+    for (int i = 0; i < 640; i++)
+        huge += filler;
+    EXPECT_EQ("-1 ENOBUFS", sender("sendcontrol 3 " + at + " " + huge + filler)); // 20480 and 32
     EXPECT_THAT(receiver("recvplain 3"), StartsWith("x 127.0.0.1 "));
     EXPECT_EQ("-1 EAGAIN", receiver("recvplain 3"));
 }
@@ -654,7 +676,7 @@ TEST_F(Vrkernel, Disconnecting)
 
 TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
 {
-    Peer seven, bound, only, both;
+    Peer seven, bound, only, both, in_vr;
     std::string at = seven.open(6, 7, "::1 0");
     std::string from = bound.open(6, 0, "::1 0");
     EXPECT_EQ("0", bound("send 3 " + at + " 7 a"));
@@ -676,8 +698,20 @@ TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
     std::string at4 = seven.open(4, 7, "127.0.0.1 0");
     EXPECT_EQ("0", bound("send 3 ::ffff:" + at4 + " 7 e"));
     EXPECT_EQ("e 127.0.0.1 " + port_of(from), seven("recvplain 4"));
-    both.open(6, 7, from);
-    EXPECT_EQ("-1 EADDRINUSE", bound("send 3 " + at + " 7 f"));
+    ASSERT_EQ("3", both("socket 6"));
+    ASSERT_EQ("0", both("setoption 3 1 15 1")); // SO_REUSEPORT, as another such sender has
+    ASSERT_EQ("0", both("bindvr 3 7"));
+    ASSERT_EQ(from, both("bind 3 " + from));
+    EXPECT_EQ("0", bound("send 3 " + at + " 7 f"));
+    ASSERT_EQ("0", both("setoption 3 1 15 0"));
+    EXPECT_EQ("-1 EADDRINUSE", bound("send 3 " + at + " 7 g"));
+
+    // In a VR the option makes no difference.
+    ASSERT_EQ("3", in_vr("socket 6"));
+    ASSERT_EQ("0", in_vr("setoption 3 41 26 1"));
+    ASSERT_EQ("0", in_vr("bindvr 3 7"));
+    ASSERT_EQ("::1 6000", in_vr("bind 3 ::1 6000"));
+    EXPECT_EQ("1", in_vr("sendplain 3 " + at + " h"));
 }
 
 // ---- ordinary calls ----
@@ -695,7 +729,8 @@ TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
         "sendplain 3 127.0.0.1 5000 x", "recvintolength 3 0", "recvintolength 3 0", "ownintolength 3 16",
         "ownintolength 3 4", "ownintolength 3 0", "ownintolength 3 4294967295",
         // Times of several receives.
-        "sendseveral 3 127.0.0.1 5000 3", "recvwithin 3 2 -1 0", "recvwithin 3 2 0 -1", "recvwithin 3 2 0 1000000000",
+        "sendseveral 3 127.0.0.1 5000 3", "recvcutnames 3 4 65536 0", "sendseveral 3 127.0.0.1 5000 3",
+        "recvwithin 3 2 -1 0", "recvwithin 3 2 0 -1", "recvwithin 3 2 0 1000000000",
         "recvwithin 3 2 9223372036854775807 999999999", "recvwithin 3 2 0 0", "recvwithin 3 2 0 0",
         "recvseveral 99 1 64 0", "sendseveral 99 127.0.0.1 5000 1",
         // A name of the addresses that VRs have outside, where no VR is meant.
@@ -704,7 +739,8 @@ TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
         "tcp", "bind 5 127.128.7.1 5003", "own 5", "listen 5", "tcp", "connect 6 127.128.7.1 5003", "peer 6",
         "sendplain 6 - x", "sendtolength 6 127.0.0.1 5000 200", "recvwithin 6 1 -1 0", "recvintolength 6 null",
         "setoption 6 1 18 1448214535", "getvr 6", "connectunspecified 6 0.0.0.0 0", // SO_RCVLOWAT as in VR 7
-        "raw", "bindvr 7 7", "getvr 7", "bind 7 127.128.7.1 0", "own 7"};
+        "unix", "setoption 7 1 18 1448214535", "connect 7 10.0.0.1 5000", "getvr 7", "raw", "bindvr 8 7", "getvr 8",
+        "bind 8 127.128.7.1 0", "own 8"};
     std::vector<std::string> expected;
     Peer stock(false);
     for (const char *call : calls)
@@ -734,7 +770,12 @@ TEST_F(Vrkernel, NamesThatAreCutAreTranslated)
     Peer seven;
     std::string port = port_of(seven.open(4, 7, "127.0.0.1 0"));
     seven("sendseveral 3 127.0.0.1 " + port + " 2");
-    EXPECT_EQ("2 16: 127 0 238 238 238 238 16: 127 0 238 238 238 238", seven("recvcutnames 3 6"));
+    std::string two = "2 16: 127 0 238 238 238 238 16: 127 0 238 238 238 238";
+    EXPECT_EQ(two, seven("recvcutnames 3 6 65536 0")); // MSG_WAITFORONE
+    seven("sendseveral 3 127.0.0.1 " + port + " 2");
+    EXPECT_EQ("1 16: 127 0 238 238 238 238", seven("recvcutnames 3 6 64 1")); // in no time
+    EXPECT_EQ("1 16: 127 0 238 238 238 238", seven("recvcutnames 3 6 64 0"));
+    EXPECT_EQ("-1 EAGAIN", seven("recvcutnames 3 6 64 0"));
     seven("sendplain 3 127.0.0.1 " + port + " x");
     EXPECT_EQ("1 16", seven("recvintolength 3 6")); // the whole length
 }
@@ -772,6 +813,7 @@ TEST_F(Vrkernel, SeveralAtATime)
         EXPECT_EQ("2 0 " + from + " 1 " + from, receiver("recvseveral 3 2 0 0"));
         EXPECT_EQ("1 2 " + from, receiver("recvseveral 3 2 0 1")); // the time is over after the first
         EXPECT_EQ("0", sender("sendseveral 3 " + at + " 0"));
+        EXPECT_EQ("1024", sender("sendseveral 3 127.0.0.1 9 1030")); // no more at a time
     }
     Peer sender;
     sender.open(4, 7);
@@ -1122,6 +1164,14 @@ TEST_F(VrkernelCommand, ThoseThatStartWaitForTheLockOfTheFile)
         holder.join();
         ::close(fd);
         EXPECT_TRUE(result.exited(0)) << result.err;
+        if (word == std::string("reset"))
+            continue;
+        // They are the tables of the file as it was then.
+        struct stat made, later;
+        ASSERT_EQ(0, ::stat(segments().at(0).c_str(), &made));
+        EXPECT_TRUE(command({word, "-c", kConfig}).exited(0));
+        ASSERT_EQ(0, ::stat(segments().at(0).c_str(), &later));
+        EXPECT_EQ(made.st_ino, later.st_ino);
     }
 }
 
