@@ -12,6 +12,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <ucontext.h>
 
@@ -297,6 +298,31 @@ TEST(Walk, TheHandlerReadsTheMappingsOfItsThread)
     EXPECT_EQ(log.pc, kWildAddress);
     for (const Log::Entry &entry : log.entries)
         EXPECT_EQ(entry.text.find("[0x123450]"), std::string::npos) << entry.text;
+}
+
+TEST(Walk, EachRunOfTheHandlerReadsTheMappingsAgain)
+{
+    ChildResult child = named_child([] {
+        install_sighandler();
+        ::raise(52);
+        void *code = ::mmap(nullptr, 65536, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        ucontext_t context;
+        ::getcontext(&context);
+#if defined(__aarch64__)
+        context.uc_mcontext.pc = reinterpret_cast<unsigned long>(code);
+#else
+        context.uc_mcontext.gregs[REG_RIP] = reinterpret_cast<long>(code);
+#endif
+        siginfo_t info = {};
+        signal_err(14, &info, &context);
+    });
+    EXPECT_TRUE(child.exited(0)) << child.out;
+    Log log = read_log(log_path(kName, child.pid, "attach", 14));
+    ASSERT_EQ(log.error, "");
+    ASSERT_FALSE(log.entries.empty());
+    char address[32];
+    std::snprintf(address, sizeof address, "0x%lx", static_cast<unsigned long>(log.pc));
+    EXPECT_NE(log.entries[0].text.find(address), std::string::npos) << log.entries[0].text;
 }
 
 TEST(Files, AllMayReadWriteAndSearchButForTheUmask)

@@ -99,12 +99,21 @@ void expect_log_up_to_the_callback(const ChildResult &child, int sig)
 
 // Slow sleeps: a wait that counts them instead of reading the clock takes far too long.
 bool sleeps_are_slow;
+int sleeps_fd = -1; // gets a byte for each sleep of a dying thread
+
+void count_sleeps()
+{
+    sleeps_are_slow = true;
+    sleeps_fd = ::open("/tmp/sleeps", O_WRONLY | O_CREAT | O_APPEND, 0666);
+}
 
 } // namespace
 
 extern "C" int nanosleep(const timespec *time, timespec *rest)
 {
     timespec slow = {0, 50000000};
+    if (sleeps_fd >= 0 && ::write(sleeps_fd, "s", 1) != 1)
+        ::_exit(96);
     return ::clock_nanosleep(CLOCK_MONOTONIC, 0, sleeps_are_slow ? &slow : time, rest);
 }
 
@@ -292,6 +301,59 @@ TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
     EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+}
+
+namespace {
+
+// Where there is nothing to wait for, a thread sleeps once or twice; in 2 seconds it sleeps 40 times.
+constexpr std::size_t kFewSleeps = 20;
+
+std::size_t sleeps()
+{
+    return read_file("/tmp/sleeps").size();
+}
+
+} // namespace
+
+TEST(Dying, NobodyWaitsForAHandlerThatWasLeft)
+{
+    ChildResult child = threaded_child([] {
+        in_phase[QV_COREDUMP_LAST] = [] { siglongjmp(way_out, 1); };
+        if (sigsetjmp(way_out, 1) == 0)
+            ::raise(52);
+        in_phase[QV_COREDUMP_LAST] = nullptr;
+        count_sleeps();
+        start([](void *) -> void * {
+            write_null();
+            return nullptr;
+        });
+        idle(nullptr);
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_LE(sleeps(), kFewSleeps);
+}
+
+TEST(Dying, ThreadsWithFinishedLogsDoNotWaitForEachOther)
+{
+    ChildResult child = threaded_child([] {
+        static std::atomic<int> finished;
+        in_phase[QV_COREDUMP_LAST] = [] {
+            finished++;
+            while (finished < 2)
+                ::usleep(200);
+        };
+        count_sleeps();
+        for (int i = 0; i < 2; i++) {
+            start([](void *) -> void * {
+                write_null();
+                return nullptr;
+            });
+        }
+        idle(nullptr);
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+    EXPECT_LE(sleeps(), kFewSleeps);
 }
 
 // ---- who counts as inside a handler ----
