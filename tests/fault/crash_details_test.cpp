@@ -286,7 +286,7 @@ TEST(Registers, EachSlotHoldsItsOwn)
 }
 
 // A thread knows what is code only when the handler has read its mappings.
-TEST(Walk, TheHandlerReadsTheMappingsOfItsThread)
+TEST(Mappings, TheHandlerReadsTheMappingsOfItsThread)
 {
     ChildResult child = named_child([] {
         install_sighandler();
@@ -300,7 +300,7 @@ TEST(Walk, TheHandlerReadsTheMappingsOfItsThread)
         EXPECT_EQ(entry.text.find("[0x123450]"), std::string::npos) << entry.text;
 }
 
-TEST(Walk, EachRunOfTheHandlerReadsTheMappingsAgain)
+TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
 {
     ChildResult child = named_child([] {
         install_sighandler();
