@@ -313,6 +313,21 @@ void *make_heap(const heap &empty, unsigned initial_size)
     return h;
 }
 
+// A function's address that the compiler does not reason about: it may hold two names for one function to be different,
+// and a function that the process can replace to be this file's.
+template <typename Function>
+Function *address_of(Function *function)
+{
+    asm("" : "+r"(function));
+    return function;
+}
+
+template <typename Function>
+bool is_replaced(Function *bound, Function *own)
+{
+    return address_of(bound) != address_of(own);
+}
+
 } // namespace
 
 extern "C" {
@@ -333,10 +348,10 @@ void *__heap_new_keyed(heap_higher_priority_fn higher_priority, heap_set_index_f
                        const struct heap_layout *layout)
 {
     // A program may define some of the five itself, to watch or to replace them. They must see what they expect.
-    bool replaced = __heap_new != own_new || __heap_insert != own_insert || __heap_delete != own_delete ||
-                    __heap_element != own_element || __heap_free != own_free;
-    if (replaced)
-        return __heap_new(higher_priority, set_index, initial_size);
+    if (is_replaced(__heap_new, own_new) || is_replaced(__heap_insert, own_insert) ||
+        is_replaced(__heap_delete, own_delete) || is_replaced(__heap_element, own_element) ||
+        is_replaced(__heap_free, own_free))
+        return address_of(__heap_new)(higher_priority, set_index, initial_size);
     return make_heap({.layout = *layout}, initial_size);
 }
 
