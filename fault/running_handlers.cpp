@@ -83,7 +83,7 @@ struct table_entry {
 };
 
 constexpr int kEntries = 256;
-table_entry entries[kEntries];
+constinit table_entry entries[kEntries]{}; // untouched at load
 std::atomic<int> unlisted; // runs that found the table full
 std::atomic<unsigned> next_sequence;
 std::atomic<int> last_number;

@@ -10,7 +10,7 @@
 
 namespace fault {
 
-section_placement placement;
+constinit section_placement placement{};
 
 namespace {
 
@@ -29,7 +29,7 @@ struct borrowed_table {
 };
 
 constexpr int kBorrowedTables = 16;
-borrowed_table borrowed[kBorrowedTables];
+constinit borrowed_table borrowed[kBorrowedTables]{};
 
 borrowed_table *find_borrowed()
 {

@@ -175,10 +175,11 @@ extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
             plain = hooks::kLightHooks;
         light::watch_threads();
         pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    } else {
+        light::clear(); // not at load: nothing is counted yet, and the sum reads every page of the shards
     }
     hooks::change_scope scope;
     hooks::install_old(hooks::current());
-    light::clear();
     muntrace();
     hooks::install(hooks::kLightHooks);
     mtrace();
