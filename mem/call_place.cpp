@@ -26,7 +26,7 @@ struct entry {
 };
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-std::array<entry, 1U << kSlotBits> entries;
+constinit std::array<entry, 1U << kSlotBits> entries{};
 
 entry &slot_of(std::uintptr_t caller)
 {
