@@ -10,7 +10,7 @@ function(load_program library)
 endfunction()
 
 load_program(plain)
-load_program(libcommon common)
+load_program(libcommon libcommon libcommon_heap)
 foreach(pair IN ITEMS glib:glib-2.0 libuv:uv libevent:event)
     string(REGEX MATCH "^([^:]*):(.*)$" pair ${pair})
     set(peer ${CMAKE_MATCH_1})
