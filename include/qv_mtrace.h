@@ -18,7 +18,10 @@
  *
  * While full tracing is on, and from its stop until the process ends, the light counters stand still. A host that
  * brings an allocator of its own, and one that loads the library by dlopen(), is not intercepted: then nothing is
- * counted but what goes through the hook functions themselves.
+ * counted but what goes through the hook functions themselves. If that allocator asks the hook variables, they hold
+ * the hooks that were found at load while it is called. A library that was loaded by dlopen() stays loaded.
+ *
+ * A fork waits for a thread that starts or stops a trace, for a second at most, and for nothing else here.
  *
  * Any thread may call any function; only signal_mtrace() is for signal handlers.
  */
@@ -97,7 +100,9 @@ typedef struct malloc_stat_entry {
 } malloc_stat_entry;
 
 extern QV_API uint64_t time_wait;    /* seconds after which a block may be a leak; 1800 at first */
-extern QV_API pthread_mutex_t mutex; /* guards the table of live blocks and the switching of its hooks */
+/* Guards the table of live blocks and the switching of its hooks. A thread that holds it while full tracing is on must
+ * not allocate. A child that is forked while another thread holds it finds it free. */
+extern QV_API pthread_mutex_t mutex;
 
 /** Starts full tracing, with a fresh table when there is none. Without memory for one, nothing is recorded. */
 QV_API void qv_mtrace_start(void);

@@ -132,10 +132,17 @@ size_source find_size_source()
 
 namespace {
 
+template <typename Result, typename... Arguments>
+Result never_called(Arguments...)
+{
+    __builtin_trap();
+}
+
 // The hooks of plain calls, which are counted by the header word without further questions: the light ones, where that
-// is how sizes are found out; else what no variable holds.
-hooks::hook_set plain = {reinterpret_cast<hooks::malloc_fn>(-1), reinterpret_cast<hooks::free_fn>(-1),
-                         reinterpret_cast<hooks::realloc_fn>(-1)};
+// is how sizes are found out; else what no hook variable holds.
+constinit hooks::hook_set plain = {never_called<void *, std::size_t, const void *>,
+                                   never_called<void, void *, const void *>,
+                                   never_called<void *, void *, std::size_t, const void *>};
 
 // No lock is held between the handlers: those of libraries that were initialised earlier run in between, and they may
 // allocate, or wait for a thread that does. What another thread was in the middle of is put right in the child.

@@ -90,10 +90,11 @@ private:
     std::size_t length_;
 };
 
-// ---- the file's buffer, with the lock held ----
+// ---- the file's buffer, with the lock held. Nobody may be cancelled there. ----
 
 void flush()
 {
+    base::cancel_guard whole;
     base::errno_guard keep;
     ssize_t ignored = ::write(file, buffer, buffered);
     static_cast<void>(ignored);
@@ -255,6 +256,7 @@ void stop()
 template <typename Change>
 void change_trace(Change change)
 {
+    base::cancel_guard whole;
     if (is_lock_holder())
         return change();
     hooks::change_scope scope;

@@ -457,9 +457,10 @@ void qv_mtrace_stop(void)
 
 void qv_mtrace_reset(void)
 {
-    qv_mtrace_stop();
     full::block_table *table;
     {
+        hooks::change_scope scope;
+        qv_mtrace_stop();
         table_lock lock;
         table = std::exchange(malloc_table, nullptr);
         malloc_count = malloc_total_size = malloc_times = free_times = realloc_times = 0;

@@ -21,3 +21,4 @@ foreach(host IN ITEMS late_host own_allocator_host checked_host early_host loade
     target_compile_options(${host} PRIVATE -fno-builtin)
     add_dependencies(malloc_hosts_test ${host})
 endforeach()
+include(${folder}/no_thread_local_storage.cmake)

@@ -344,6 +344,27 @@ TEST(Sigusr2, AmongCallsOfMtrace)
     muntrace();
 }
 
+TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
+{
+    NEEDS_INTERPOSITION();
+    ::alarm(10);
+    ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
+    mtrace();
+    pthread_t thread;
+    auto work = [](void *) -> void * {
+        pthread_cancel(pthread_self());
+        for (int i = 0; i < 1000; i++) // the buffer is written some times
+            std::free(kept(std::malloc(10)));
+        return const_cast<void **>(&sink);
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, const_cast<void **>(&sink));
+    std::free(kept(std::malloc(10)));
+    muntrace();
+}
+
 TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
 {
     NEEDS_INTERPOSITION();
