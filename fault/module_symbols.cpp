@@ -103,26 +103,53 @@ bool is_global(const symbol &candidate)
     return binding == STB_GLOBAL || binding == STB_WEAK;
 }
 
-// Whether the program's segments hold the address. They may lie apart, and what is mapped between them is not the
-// program. The loader closes such gaps of the modules that it maps itself.
-bool is_in_program(unsigned long address, unsigned long load_bias)
+// Where a module's segments lie, for those that the kernel mapped. They may lie apart, and what is mapped between them
+// is not the module. The loader closes such gaps in the modules that it maps itself.
+struct segments {
+    unsigned long start = ~0UL, end = 0;
+    bool hold_address = false;
+};
+
+segments survey(const ElfW(Phdr) * headers, unsigned long count, unsigned long load_bias, unsigned long address)
 {
-    auto *header = reinterpret_cast<const ElfW(Phdr) *>(::getauxval(AT_PHDR));
-    unsigned long count = ::getauxval(AT_PHNUM);
     unsigned long page_mask = ::getauxval(AT_PAGESZ) - 1;
-    unsigned long expected = 0;
+    segments found;
     bool is_contiguous = true, is_inside = false;
     for (unsigned long i = 0; i < count; i++) {
-        if (header[i].p_type != PT_LOAD)
+        if (headers[i].p_type != PT_LOAD)
             continue;
-        unsigned long start = load_bias + header[i].p_vaddr;
-        if (expected != 0 && expected != (start & ~page_mask))
+        unsigned long start = load_bias + headers[i].p_vaddr;
+        if (found.end != 0 && ((found.end + page_mask) & ~page_mask) != (start & ~page_mask))
             is_contiguous = false;
-        expected = (start + header[i].p_memsz + page_mask) & ~page_mask;
-        if (address - start < header[i].p_memsz)
+        if (address - start < headers[i].p_memsz)
             is_inside = true;
+        found.start = std::min(found.start, start & ~page_mask);
+        found.end = start + headers[i].p_memsz;
     }
-    return is_contiguous || is_inside;
+    found.hold_address = is_inside || (is_contiguous && address >= found.start && address < found.end);
+    return found;
+}
+
+segments survey_program(unsigned long load_bias, unsigned long address)
+{
+    auto *headers = reinterpret_cast<const ElfW(Phdr) *>(::getauxval(AT_PHDR));
+    return survey(headers, ::getauxval(AT_PHNUM), load_bias, address);
+}
+
+// Of the loader. There is none, with address 0, in a program that was started by calling the loader.
+segments survey_loader(unsigned long address)
+{
+    unsigned long base = ::getauxval(AT_BASE);
+    if (base == 0)
+        return {};
+    auto *file = reinterpret_cast<const ElfW(Ehdr) *>(base);
+    return survey(reinterpret_cast<const ElfW(Phdr) *>(base + file->e_phoff), file->e_phnum, base, address);
+}
+
+// The kernel may map its own module between the loader's segments. Then _dl_find_object() finds the first one only.
+unsigned long place_to_find(unsigned long address)
+{
+    return survey_loader(address).hold_address ? ::getauxval(AT_BASE) : address;
 }
 
 } // namespace
@@ -238,7 +265,7 @@ bool symbol_lookup::is_current() const
 bool symbol_lookup::find_module(unsigned long address, module *found)
 {
     dl_find_object object;
-    if (_dl_find_object(reinterpret_cast<void *>(address), &object) != 0)
+    if (_dl_find_object(reinterpret_cast<void *>(place_to_find(address)), &object) != 0)
         return false;
     found->start = reinterpret_cast<unsigned long>(object.dlfo_map_start);
     found->end = reinterpret_cast<unsigned long>(object.dlfo_map_end);
@@ -249,7 +276,13 @@ bool symbol_lookup::find_module(unsigned long address, module *found)
 void symbol_lookup::look_up()
 {
     tables table;
-    if (!find_module(address_, &module_) || !read_module_names() || !read_tables(&table))
+    if (!find_module(address_, &module_))
+        return;
+    if (!read_module_record()) {
+        file_name_ = 0;
+        return;
+    }
+    if (!read_tables(&table))
         return;
     if (table.gnu_hash != 0)
         scan_gnu_hash(table);
@@ -271,27 +304,33 @@ void symbol_lookup::look_up_by_loader()
 }
 
 // Reads the loader's record of the module; false when the address is not the module's after all. The program is the
-// module without a name that comes first.
-bool symbol_lookup::read_module_names()
+// module without a name that comes first. Its segments may be found one by one.
+bool symbol_lookup::read_module_record()
 {
     link_map map;
     if (memory_.copy(module_.map, &map, sizeof map) != sizeof map)
         return false;
     module_.load_bias = map.l_addr;
     module_.dynamic = reinterpret_cast<unsigned long>(map.l_ld);
+    tables_start_ = module_.start;
+    tables_end_ = module_.end;
     auto name = reinterpret_cast<unsigned long>(map.l_name);
     char first = '\0';
     if (name == 0 || memory_.copy(name, &first, 1) != 1)
         return false;
     if (first != '\0') {
         file_name_ = name;
-        return true;
+        bool is_loader = module_.load_bias != 0 && module_.load_bias == ::getauxval(AT_BASE);
+        return !is_loader || survey_loader(address_).hold_address;
     }
-    if (map.l_prev != nullptr || !is_in_program(address_, module_.load_bias))
+    segments program = survey_program(module_.load_bias, address_);
+    if (map.l_prev != nullptr || !program.hold_address)
         return false;
-    unsigned long program = program_name();
-    if (program != 0 && memory_.copy(program, &first, 1) == 1 && first != '\0')
-        file_name_ = program;
+    tables_start_ = program.start;
+    tables_end_ = program.end;
+    name = program_name();
+    if (name != 0 && memory_.copy(name, &first, 1) == 1 && first != '\0')
+        file_name_ = name;
     return true;
 }
 
@@ -299,9 +338,9 @@ bool symbol_lookup::read_module_names()
 // kernel's own module's is.
 bool symbol_lookup::read_tables(tables *found)
 {
-    table_reader<ElfW(Dyn), 16> tags(&memory_, module_.dynamic, module_.end);
+    table_reader<ElfW(Dyn), 16> tags(&memory_, module_.dynamic, tables_end_);
     auto in_memory = [this](unsigned long address) {
-        bool is_relocated = address >= module_.start && address < module_.end;
+        bool is_relocated = address >= tables_start_ && address < tables_end_;
         return is_relocated ? address : address + module_.load_bias;
     };
     for (unsigned long i = 0; const ElfW(Dyn) *tag = tags.at(i); i++) {
@@ -336,12 +375,12 @@ void symbol_lookup::scan_gnu_hash(const tables &table)
         return;
     unsigned long first_bucket = table.gnu_hash + sizeof head + head.bloom_words * kBloomWord;
     unsigned long chain_start = first_bucket + head.buckets * sizeof(hash_word);
-    word_reader buckets(&memory_, first_bucket, module_.end);
-    word_reader chains(&memory_, chain_start, module_.end);
-    symbol_reader symbols(&memory_, table.symbols, module_.end);
+    word_reader buckets(&memory_, first_bucket, tables_end_);
+    word_reader chains(&memory_, chain_start, tables_end_);
+    symbol_reader symbols(&memory_, table.symbols, tables_end_);
     best_symbol best(address_ - module_.load_bias, table.strings_size);
 
-    unsigned long left = (module_.end - module_.start) / sizeof(symbol);
+    unsigned long left = (tables_end_ - tables_start_) / sizeof(symbol);
     for (unsigned long bucket = 0; left != 0 && bucket < head.buckets; bucket++) {
         const hash_word *first = buckets.at(bucket);
         if (first == nullptr)
@@ -369,7 +408,7 @@ void symbol_lookup::scan_all(const tables &table)
     hash_word head[2];
     if (table.hash != 0)
         count = memory_.copy(table.hash, head, sizeof head) == sizeof head ? head[1] : 0;
-    symbol_reader symbols(&memory_, table.symbols, module_.end);
+    symbol_reader symbols(&memory_, table.symbols, tables_end_);
     best_symbol best(address_ - module_.load_bias, table.strings_size);
     for (unsigned long i = 0; i < count; i++) {
         const symbol *candidate = symbols.at(i);

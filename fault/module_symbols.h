@@ -77,7 +77,7 @@ public:
 private:
     // What the loader says of a module; `map` identifies it.
     struct module {
-        unsigned long start = 0, end = 0; // the range that its segments span
+        unsigned long start = 0, end = 0; // the range around the address
         unsigned long map = 0;
         unsigned long load_bias = 0;
         unsigned long dynamic = 0;
@@ -90,7 +90,7 @@ private:
     static bool find_module(unsigned long address, module *found);
     void look_up();
     void look_up_by_loader();
-    bool read_module_names();
+    bool read_module_record();
     bool read_tables(tables *found);
     void scan_gnu_hash(const tables &table);
     void scan_all(const tables &table);
@@ -100,6 +100,7 @@ private:
     unsigned long address_;
     safe_memory memory_{safe_memory::subject::module};
     module module_;
+    unsigned long tables_start_ = 0, tables_end_ = 0; // the range of the whole module
     unsigned long file_name_ = 0;
     unsigned long symbol_name_ = 0;
     unsigned long symbol_address_ = 0;
