@@ -31,7 +31,6 @@ int qv_handle_thread;
 namespace {
 
 constexpr std::size_t kPathSize = 64;
-constexpr unsigned long kNoFrameMark = 1; // the frame address of an entry that has no frame record of its own
 
 // Frame records are two words: the link to the caller's record, then the return address.
 constexpr unsigned long kReturnAddressOffset = sizeof(unsigned long);
@@ -44,25 +43,12 @@ bool is_host_text(unsigned long addr)
     return end != 0 && addr >= start && addr <= end;
 }
 
-bool is_code(unsigned long addr)
-{
-    return is_host_text(addr) || is_dynamic_lib(addr) != 0;
-}
-
-// Unlike is_code(), false for any odd address when /proc is hidden and there is no table.
-bool is_known_code(unsigned long addr)
-{
-    const section_record *table = fault::section_table();
-    bool has_table = table != nullptr && table[0].start != 0;
-    return is_host_text(addr) || (has_table ? is_dynamic_lib(addr) != 0 : fault::is_in_module(addr));
-}
-
 // A return address may bear a signature in its upper bits. What is no signed address of code that is known here is told
 // as it stands in the record.
 unsigned long without_signature(unsigned long return_address)
 {
     unsigned long address = fault::strip_signature(return_address);
-    return address == return_address || is_known_code(address) ? address : return_address;
+    return address == return_address || fault::is_known_code(address) ? address : return_address;
 }
 
 // The entries of a walk, written to the caller's arrays.
@@ -89,33 +75,6 @@ private:
     int max_;
     int count_ = 0;
 };
-
-// Follows the chain from the record at `record` and returns the last link read. Return addresses are not compared with
-// the code ranges nor records with the stack: a sound chain may lie anywhere, and a broken one ends by itself.
-unsigned long walk_records(unsigned long record, frame_list *list)
-{
-    fault::safe_memory memory(fault::safe_memory::subject::stack);
-    unsigned long link = 0;
-    if (record == 0 || !memory.load(record, &link))
-        return 0;
-    while (!list->is_full()) {
-        unsigned long return_address;
-        if (!memory.load(record + kReturnAddressOffset, &return_address))
-            break;
-        list->add(without_signature(return_address), link);
-        record = link;
-        unsigned long next;
-        if (list->is_full() || !memory.load(record, &next) || next == 0)
-            break;
-        link = next;
-    }
-    return link;
-}
-
-constexpr unsigned long round_up_to_word(unsigned long address)
-{
-    return (address + sizeof(unsigned long) - 1) & ~(sizeof(unsigned long) - 1);
-}
 
 int open_process_maps()
 {
@@ -157,6 +116,41 @@ void append_symbol(unsigned long addr, fault::symbol_lookup *lookup, fault::text
 } // namespace
 
 namespace fault {
+
+bool is_code(unsigned long addr)
+{
+    return is_host_text(addr) || is_dynamic_lib(addr) != 0;
+}
+
+bool is_known_code(unsigned long addr)
+{
+    const section_record *table = section_table();
+    bool has_table = table != nullptr && table[0].start != 0;
+    return is_host_text(addr) || (has_table ? is_dynamic_lib(addr) != 0 : is_in_module(addr));
+}
+
+int walk_records(unsigned long record, unsigned long *addrs, unsigned long *frames, int max, unsigned long *bottom)
+{
+    safe_memory memory(safe_memory::subject::stack);
+    frame_list list(addrs, frames, max);
+    unsigned long link = 0;
+    *bottom = 0;
+    if (record == 0 || !memory.load(record, &link))
+        return 0;
+    while (!list.is_full()) {
+        unsigned long return_address;
+        if (!memory.load(record + kReturnAddressOffset, &return_address))
+            break;
+        list.add(without_signature(return_address), link);
+        record = link;
+        unsigned long next;
+        if (list.is_full() || !memory.load(record, &next) || next == 0)
+            break;
+        link = next;
+    }
+    *bottom = link;
+    return list.count();
+}
 
 int load_section_table(section_record *table)
 {
@@ -209,15 +203,18 @@ int qv_backtrace_spec(unsigned long fp, unsigned long pc, unsigned long lr, unsi
         return 0;
     base::errno_guard keep;
     frame_list list(addrs, frames, max);
-    if (is_code(pc))
+    if (fault::is_code(pc))
         list.add(pc, fp);
     lr = without_signature(lr);
-    if (lr != 0 && is_code(lr))
-        list.add(lr, kNoFrameMark);
-    unsigned long outermost = walk_records(round_up_to_word(fp), &list);
+    if (lr != 0 && fault::is_code(lr))
+        list.add(lr, fault::kNoFrameMark);
+    unsigned long outermost = 0;
+    int count = list.count();
+    count += fault::walk_records(fault::round_up_to_word(fp), addrs + count,
+                                 frames != nullptr ? frames + count : nullptr, max - count, &outermost);
     if (bottom != nullptr)
         *bottom = outermost;
-    return list.count();
+    return count;
 }
 
 void backtrace_symbol_to_buffer(unsigned long addr, char *out)

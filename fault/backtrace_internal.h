@@ -28,6 +28,27 @@ namespace fault {
 // Fills a table of QV_SECTION_MAX records from /proc, as procps_read_maps() does. Null is ignored.
 int load_section_table(section_record *table);
 
+// Code by the host's text range and by the calling thread's table, without which every address is.
+bool is_code(unsigned long addr);
+
+// Likewise, but without a table only what lies in a loaded module is.
+bool is_known_code(unsigned long addr);
+
+// The frame address of an entry that has no frame record.
+inline constexpr unsigned long kNoFrameMark = 1;
+
+constexpr unsigned long round_up_to_word(unsigned long address)
+{
+    return (address + sizeof(unsigned long) - 1) & ~(sizeof(unsigned long) - 1);
+}
+
+// Follows the chain from the record at `record`, 0 for none. Return addresses are not compared with the code ranges nor
+// records with the stack: a sound chain may lie anywhere, and a broken one ends by itself.
+// @param frames  receives the frame addresses, or null
+// @param bottom  receives the last link read, or 0
+// @return number of entries, at most `max`
+int walk_records(unsigned long record, unsigned long *addrs, unsigned long *frames, int max, unsigned long *bottom);
+
 inline pid_t thread_id()
 {
     return static_cast<pid_t>(::syscall(SYS_gettid));

@@ -5,6 +5,7 @@
 #include "backtrace.h"
 #include "base/errno_guard.h"
 #include "fault/backtrace_internal.h"
+#include "fault/log_walk.h"
 #include "fault/machine_context.h"
 #include "signal_printf.h"
 
@@ -117,8 +118,7 @@ int coredump_backtrace_to_file(int fd, crash_record *rec)
     fault::machine_context machine(rec->uctx);
     unsigned long bottom = 0;
     rec->fault_fp = machine.frame_pointer();
-    int depth =
-        qv_backtrace_spec(rec->fault_fp, machine.program_counter(), 0, rec->addrs, rec->frames, kMaxFrames, &bottom);
+    int depth = fault::walk_for_log(machine, rec->addrs, rec->frames, kMaxFrames, &bottom);
     rec->stack_bottom = bottom;
     rec->depth = static_cast<uint32_t>(depth);
 

@@ -11,6 +11,11 @@
  *
  * The walk sees only code that keeps frame pointers; build hosts with -fno-omit-frame-pointer.
  *
+ * Crash logs show that walk. On x86-64 the C library keeps no frame pointers, so there the log's chain differs where the
+ * walk's is broken: it ends before a record that is linked to itself or downwards, and where the frame pointer leads to no
+ * record, or a chain ends in such code, the stack is searched upwards for the next record. Return addresses found on the
+ * way are shown with the frame 1: most are callers, some may be left over from earlier calls.
+ *
  * Names of addresses are read from the modules' dynamic symbol tables, without a lock and without the dynamic loader;
  * only with a C library older than glibc 2.35 is the loader asked, which takes its lock. Memory that may not be mapped is
  * read by whatever the process's system call filter leaves: rt_sigprocmask, pread of /proc/self/mem, a pipe or

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+// The call chain of a log on AArch64: the frame records, as they are linked.
+#include "fault/log_walk.h"
+
+#if defined(__aarch64__)
+
+#include "backtrace.h"
+
+namespace fault {
+
+int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned long *frames, int max,
+                 unsigned long *bottom)
+{
+    return qv_backtrace_spec(machine.frame_pointer(), machine.program_counter(), 0, addrs, frames, max, bottom);
+}
+
+} // namespace fault
+
+#endif

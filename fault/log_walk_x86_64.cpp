@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: Apache-2.0
+// The call chain of a log on x86-64: the frame records as far as they can be trusted, else what the stack holds.
+#include "fault/log_walk.h"
+
+#if defined(__x86_64__)
+
+#include "backtrace.h"
+#include "fault/backtrace_internal.h"
+#include "fault/safe_memory.h"
+
+namespace fault {
+namespace {
+
+constexpr unsigned long kWord = sizeof(unsigned long);
+constexpr unsigned long kStackAlignment = 16;   // of the frame pointer, in code that keeps it
+constexpr unsigned long kFarthest = 64UL << 20; // no stack frame is larger
+constexpr int kSearchedWords = 4096;
+constexpr int kMaxSearched = 8; // return addresses shown without a frame record
+
+// The entries of a walk, as qv_backtrace_spec() gives them.
+struct call_chain {
+    unsigned long *addrs;
+    unsigned long *frames;
+    int max;
+    int count;
+    unsigned long bottom;
+
+    void add(unsigned long addr)
+    {
+        if (count == max)
+            return;
+        addrs[count] = addr;
+        frames[count] = kNoFrameMark;
+        count++;
+    }
+};
+
+class stack_reader {
+public:
+    bool load(unsigned long address, unsigned long *word) { return stack_.load(address, word); }
+
+    // Calls are 2 to 7 bytes long: e8 and a distance, or ff with 2 in bits 3 to 5 of the byte that follows.
+    bool is_return_address(unsigned long address)
+    {
+        constexpr unsigned kLongest = 7;
+        constexpr unsigned kDirect = 5;
+        unsigned char code[kLongest];
+        if (!is_known_code(address) || code_.copy(address - kLongest, code, kLongest) != kLongest)
+            return false;
+        if (code[kLongest - kDirect] == 0xe8)
+            return true;
+        for (unsigned at = 0; at + 1 < kLongest; at++) {
+            if (code[at] == 0xff && (code[at + 1] & 0x38) == 0x10)
+                return true;
+        }
+        return false;
+    }
+
+    // A record whose caller has one as well, or is the outermost.
+    bool is_record(unsigned long record)
+    {
+        unsigned long link, return_address, callers_link, callers_return;
+        if (record % kStackAlignment != 0 || !load(record, &link) || !load(record + kWord, &return_address))
+            return false;
+        if (link <= record || link - record > kFarthest || link % kWord != 0 || !is_return_address(return_address))
+            return false;
+        return load(link, &callers_link) && load(link + kWord, &callers_return) &&
+               (callers_link == 0 || is_return_address(callers_return));
+    }
+
+private:
+    safe_memory stack_{safe_memory::subject::stack};
+    safe_memory code_{safe_memory::subject::module};
+};
+
+// A link to a record below or far away is sound only where the stack was changed, as for a handler on an alternate one.
+bool is_sound_link(unsigned long record, unsigned long link, unsigned long farthest, stack_reader *reader)
+{
+    unsigned long return_address;
+    return link == 0 || (link > record && link - record <= farthest) ||
+           (link != record && reader->load(link + kWord, &return_address) && reader->is_return_address(return_address));
+}
+
+// Ends the chain before the first record that is reached a second time, or by a link that is not sound. The last link
+// is not judged: nothing was read there. `first` is the entry of the record at `record`.
+// @return the last record that has an entry
+unsigned long cut_broken_chain(call_chain *chain, int first, unsigned long record, unsigned long farthest,
+                               stack_reader *reader)
+{
+    for (int i = first; i + 1 < chain->count; i++) {
+        unsigned long link = chain->frames[i];
+        bool is_known = link == record;
+        for (int j = first; j < i && !is_known; j++)
+            is_known = chain->frames[j] == link;
+        if (is_known || !is_sound_link(record, link, farthest, reader)) {
+            chain->count = i + 1;
+            chain->bottom = record;
+            break;
+        }
+        record = link;
+    }
+    return record;
+}
+
+// In code that keeps no frame pointer its register may point anywhere. A record that is linked downwards may still be
+// the outermost one, whose link is another register's value.
+bool is_good_start(unsigned long fp, unsigned long sp, unsigned long return_address, unsigned long link,
+                   stack_reader *reader)
+{
+    unsigned long word;
+    if (link == fp)
+        return false;
+    bool is_above_stack_pointer = !reader->load(sp, &word) || (fp >= sp && fp - sp < kFarthest);
+    bool is_linked_upwards = link == 0 || link > fp;
+    return (is_above_stack_pointer && is_linked_upwards) || reader->is_return_address(return_address);
+}
+
+// Adds the return addresses from `sp` up to the next record, and returns that record, or 0.
+unsigned long search_record(unsigned long sp, int *searched, call_chain *chain, stack_reader *reader)
+{
+    unsigned long word;
+    for (int i = 0; i < kSearchedWords && reader->load(sp, &word); i++, sp += kWord) {
+        if (reader->is_record(sp))
+            return sp;
+        if (*searched < kMaxSearched && reader->is_return_address(word)) {
+            chain->add(word);
+            ++*searched;
+        }
+    }
+    return 0;
+}
+
+// Whether the last link leads to a record that is linked to 0, above the last record that has an entry.
+bool is_complete(const call_chain &chain, unsigned long last, stack_reader *reader)
+{
+    unsigned long link;
+    return chain.bottom > last && chain.bottom - last <= kFarthest && reader->load(chain.bottom, &link) && link == 0;
+}
+
+// Functions that keep a frame record and functions that do not may alternate: after a chain the search goes on.
+// @return whether there was a record
+bool search_stack(unsigned long sp, call_chain *chain, stack_reader *reader)
+{
+    int searched = 0;
+    bool is_found = false;
+    sp = round_up_to_word(sp);
+    while (unsigned long record = search_record(sp, &searched, chain, reader)) {
+        int first = chain->count;
+        chain->count +=
+            walk_records(record, chain->addrs + first, chain->frames + first, chain->max - first, &chain->bottom);
+        if (chain->count == first)
+            break;
+        is_found = true;
+        unsigned long last = cut_broken_chain(chain, first, record, kFarthest, reader);
+        if (is_complete(*chain, last, reader))
+            break;
+        sp = last + 2 * kWord;
+    }
+    return is_found;
+}
+
+// A chain that ends in code without frame records, as a callback of the C library's does, goes on above. The outermost
+// function has no record above it, so its chain is left as it is.
+void resume_above(unsigned long record, unsigned long sp, call_chain *chain, stack_reader *reader)
+{
+    int count = chain->count;
+    unsigned long bottom = chain->bottom;
+    bool is_on_stack = record >= sp && record - sp < kFarthest;
+    if (count == chain->max || !is_on_stack || is_complete(*chain, record, reader))
+        return;
+    if (!reader->is_return_address(chain->addrs[count - 1]))
+        return;
+    if (search_stack(record + 2 * kWord, chain, reader))
+        return;
+    chain->count = count;
+    chain->bottom = bottom;
+}
+
+} // namespace
+
+int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned long *frames, int max,
+                 unsigned long *bottom)
+{
+    constexpr unsigned long kAnyDistance = ~0UL;
+    unsigned long fp = machine.frame_pointer(), pc = machine.program_counter(), sp = machine.stack_pointer();
+    stack_reader reader;
+    call_chain chain = {addrs, frames, max, 0, 0};
+    chain.count = qv_backtrace_spec(fp, pc, 0, addrs, frames, max, &chain.bottom);
+    int first = is_code(pc) ? 1 : 0;
+    unsigned long record = round_up_to_word(fp);
+    if (chain.count > first && is_good_start(record, sp, addrs[first], frames[first], &reader)) {
+        record = cut_broken_chain(&chain, first, record, kAnyDistance, &reader);
+        resume_above(record, sp, &chain, &reader);
+    } else {
+        chain.count = first;
+        chain.bottom = 0;
+        search_stack(sp, &chain, &reader);
+    }
+    *bottom = chain.bottom;
+    return chain.count;
+}
+
+} // namespace fault
+
+#endif

@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a log shows of a call chain that is broken, or where there is none: code that keeps no frame pointer.
+#include "backtrace.h"
+#include "fault/crash_support.h"
+
+#include <cstdlib>
+#include <malloc.h>
+#include <set>
+
+using namespace support;
+using namespace crash;
+
+namespace {
+
+unsigned long at(const void *p)
+{
+    return reinterpret_cast<unsigned long>(p);
+}
+
+bool is_x86()
+{
+#if defined(__x86_64__)
+    return true;
+#else
+    return false;
+#endif
+}
+
+Log log_of(int sig, const std::function<void()> &body)
+{
+    ChildResult child = run_child([&] {
+        rename_process("routed");
+        install_sighandler();
+        body();
+    });
+    EXPECT_TRUE(child.killed_by(sig)) << child.status << child.out << child.err;
+    return read_log(log_path("routed", child.pid, "coredump", sig));
+}
+
+bool shows(const Log &log, const std::string &function)
+{
+    for (const Log::Entry &entry : log.entries) {
+        if (entry.text.find("(" + function + "+") != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+// No entry stands there twice.
+void expect_no_copies(const Log &log)
+{
+    std::set<std::string> seen;
+    for (const Log::Entry &entry : log.entries)
+        EXPECT_TRUE(seen.insert(entry.frame + entry.text).second) << entry.frame << " " << entry.text;
+}
+
+// Logs of a walk from made-up registers.
+Log log_of_walk(unsigned long fp, unsigned long sp)
+{
+    procps_read_maps();
+    ucontext_t context;
+    std::memset(&context, 0, sizeof context);
+#if defined(__x86_64__)
+    context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(fp);
+    context.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(sp);
+#else
+    context.uc_mcontext.regs[29] = fp;
+    context.uc_mcontext.sp = sp;
+#endif
+    crash_record rec = {};
+    rec.uctx = &context;
+    Log log;
+    std::string text = capture_stdout([&] {
+        int depth = coredump_backtrace_to_file(STDOUT_FILENO, &rec);
+        EXPECT_EQ(depth, static_cast<int>(rec.depth));
+    });
+    for (const std::string &line : lines(text)) {
+        std::size_t arrow = line.find("> -> ");
+        if (arrow != std::string::npos)
+            log.entries.push_back({line.substr(2, arrow - 2), line.substr(arrow + 5)});
+        if (line.rfind("\tStack bottom is at ", 0) == 0)
+            log.bottom = line.substr(20);
+    }
+    return log;
+}
+
+std::string pointer_text(unsigned long value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "0x%lX", value);
+    return text;
+}
+
+} // namespace
+
+extern "C" {
+
+__attribute__((noinline, visibility("default"))) void dying_by_abort()
+{
+    std::abort();
+}
+
+__attribute__((noinline, visibility("default"))) void calls_dying_by_abort()
+{
+    dying_by_abort();
+    asm volatile("" ::: "memory");
+}
+
+__attribute__((noinline, visibility("default"))) int dying_compare(const void *a, const void *b)
+{
+    write_null();
+    return a < b ? -1 : 1;
+}
+
+__attribute__((noinline, visibility("default"))) void dying_in_sort()
+{
+    int numbers[16] = {};
+    std::qsort(numbers, 16, sizeof numbers[0], dying_compare);
+    asm volatile("" ::: "memory");
+}
+
+__attribute__((noinline, visibility("default"))) NO_SANITIZERS void dying_with_own_link()
+{
+    auto *record = static_cast<volatile unsigned long *>(__builtin_frame_address(0));
+    record[0] = at(const_cast<const unsigned long *>(record));
+    write_null();
+    asm volatile("" ::: "memory");
+}
+}
+
+TEST(LogWalk, AnAbortShowsWhoCalledIt)
+{
+    Log log = log_of(SIGABRT, calls_dying_by_abort);
+    ASSERT_EQ(log.error, "");
+    EXPECT_TRUE(shows(log, "calls_dying_by_abort"));
+    if (is_x86()) {
+        EXPECT_TRUE(shows(log, "abort"));
+        expect_no_copies(log);
+    }
+}
+
+TEST(LogWalk, ACallbackOfTheCLibraryShowsWhoCalledThat)
+{
+    Log log = log_of(SIGSEGV, dying_in_sort);
+    ASSERT_EQ(log.error, "");
+    EXPECT_TRUE(shows(log, "dying_in_sort"));
+}
+
+TEST(LogWalk, MallocsAbortShowsWhoFreed)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer has the allocator";
+    Log log = log_of(SIGABRT, [] {
+        constexpr std::size_t kSize = 65536;
+        auto *block = static_cast<unsigned char *>(std::malloc(kSize));
+        *reinterpret_cast<volatile unsigned long *>(block + ::malloc_usable_size(block)) = 0;
+        std::free(block);
+    });
+    ASSERT_EQ(log.error, "");
+    EXPECT_GT(log.entries.size(), 5U);
+    if (is_x86()) {
+        EXPECT_TRUE(shows(log, "free"));
+    }
+}
+
+TEST(LogWalk, ARecordLinkedToItself)
+{
+    Log log = log_of(SIGSEGV, dying_with_own_link);
+    ASSERT_EQ(log.error, "");
+    if (is_x86())
+        expect_no_copies(log);
+    else
+        EXPECT_EQ(log.entries.size(), 20U);
+}
+
+// A sound chain is shown word by word, whatever its addresses are, wherever it lies.
+TEST(LogWalk, ASoundChainIsShownAsItIs)
+{
+    unsigned long records[4][2];
+    for (int i = 0; i < 3; i++) {
+        records[i][0] = at(records[i + 1]);
+        records[i][1] = 0x1000U + static_cast<unsigned>(i);
+    }
+    records[3][0] = 2; // what the outermost function was given as a frame pointer
+    records[3][1] = 0x1003;
+    for (unsigned long sp : {0UL, at(records)}) {
+        Log log = log_of_walk(at(records), sp);
+        ASSERT_EQ(log.entries.size(), 4U);
+        for (std::size_t i = 0; i < 3; i++) {
+            EXPECT_EQ(log.entries[i].text, "0x100" + std::to_string(i));
+            EXPECT_EQ(log.entries[i].frame, pointer_text(at(records[i + 1])));
+        }
+        EXPECT_EQ(log.entries[3].text, "0x1003");
+        EXPECT_EQ(log.bottom, "0x2");
+    }
+}
+
+TEST(LogWalk, TheChainEndsAtALinkDownwards)
+{
+    unsigned long records[3][2] = {{at(records[1]), 0x1000}, {at(records[2]), 0x1001}, {at(records[0]), 0x1002}};
+    Log log = log_of_walk(at(records), at(records));
+    EXPECT_EQ(log.entries.size(), is_x86() ? 3U : 20U);
+    if (is_x86()) {
+        EXPECT_EQ(log.bottom, pointer_text(at(records[2])));
+    }
+}
+
+// Whatever the registers hold, the walk ends and nothing is read that is not there.
+TEST(LogWalk, AnyRegisters)
+{
+    std::vector<unsigned long> stack(4096);
+    unsigned long state = 1;
+    for (std::size_t round = 0; round < effort(60); round++) {
+        for (unsigned long &word : stack) {
+            state = state * 6364136223846793005 + 1442695040888963407;
+            unsigned long pick = state >> 60, offset = state >> 20 & 0x7fff;
+            word = pick < 6    ? at(stack.data()) + offset
+                   : pick < 10 ? at(reinterpret_cast<void *>(&log_of)) + offset
+                               : state;
+        }
+        for (unsigned long fp : {0UL, 1UL, 8UL, stack[0], stack[1], at(&stack[7]), ~0UL, ~7UL})
+            EXPECT_LE(log_of_walk(fp, round % 2 == 0 ? at(stack.data()) : stack[2]).entries.size(), 20U);
+    }
+}
