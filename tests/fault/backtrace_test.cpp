@@ -436,9 +436,23 @@ TEST(Walk, ErrnoIsKept)
 
 namespace {
 
-__attribute__((noinline)) int real_walk(unsigned long *addrs)
+__attribute__((noinline)) int walk_from_here(unsigned long *addrs)
 {
     int n = qv_backtrace_spec(at(__builtin_frame_address(0)), 0, 0, addrs, nullptr, 20, nullptr);
+    asm volatile("" ::: "memory");
+    return n;
+}
+
+__attribute__((noinline)) int walk_one_deeper(unsigned long *addrs)
+{
+    int n = walk_from_here(addrs);
+    asm volatile("" ::: "memory");
+    return n;
+}
+
+__attribute__((noinline)) int walk_two_deeper(unsigned long *addrs)
+{
+    int n = walk_one_deeper(addrs);
     asm volatile("" ::: "memory");
     return n;
 }
@@ -449,10 +463,16 @@ TEST(Walk, TheRealStackWalks)
 {
     procps_read_maps();
     unsigned long addrs[20];
-    int n = real_walk(addrs);
-    ASSERT_GT(n, 3);
+    int n = walk_two_deeper(addrs);
+    ASSERT_GE(n, 3);
     for (int i = 0; i < 3; i++)
         EXPECT_EQ(is_dynamic_lib(addrs[i]), 1) << i;
+    auto is_within = [&](int i, int (*function)(unsigned long *)) {
+        unsigned long start = at(reinterpret_cast<void *>(function));
+        return addrs[i] > start && addrs[i] < start + 256;
+    };
+    EXPECT_TRUE(is_within(0, walk_one_deeper));
+    EXPECT_TRUE(is_within(1, walk_two_deeper));
 }
 
 // ---- names ----

@@ -159,7 +159,7 @@ TEST(LogWalk, MallocsAbortShowsWhoFreed)
     ASSERT_EQ(log.error, "");
     EXPECT_GT(log.entries.size(), 5U);
     if (is_x86()) {
-        EXPECT_TRUE(shows(log, "free"));
+        EXPECT_TRUE(shows(log, "__libc_free"));
     }
 }
 
