@@ -154,7 +154,7 @@ int database_index_remove_all(struct database_index *index, void (*release)(void
 {
     for (std::uint32_t i = 0; i < kBuckets; i++) {
         database_bucket &bucket = index->buckets[i];
-        // Read anew each time: release() may take other records out.
+        // Read again each time: release() may take other records out.
         while (database_node *node = bucket.first) {
             base::tail_queue_unlink(bucket, *node);
             if (release != nullptr)

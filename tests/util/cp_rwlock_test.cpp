@@ -294,7 +294,7 @@ TEST(CpRwlock, TakingDrawsTheTicketBeforeTheHold)
 
 TEST(CpRwlock, InitClearsTheStateThenTheServedTicketThenTheNext)
 {
-    for (std::size_t words : {1, 2}) {
+    for (std::size_t words : {std::size_t{1}, std::size_t{2}}) {
         qv_cp_rwlock *record = record_across_pages(words);
         *record = {7, 8, 9};
         watch();
