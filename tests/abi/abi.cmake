@@ -8,4 +8,4 @@ if(NOT LIBCOMMON_SANITIZE)
     add_test(NAME abi.initialisers.heap COMMAND ${CMAKE_CURRENT_LIST_DIR}/initialisers $<TARGET_FILE:libcommon_heap>)
 endif()
 add_test(NAME abi.guard_variables COMMAND ${CMAKE_CURRENT_LIST_DIR}/guard_variables $<TARGET_OBJECTS:libcommon>
-    $<TARGET_OBJECTS:libcommon_heap> COMMAND_EXPAND_LISTS)
+    $<TARGET_OBJECTS:libcommon_heap> $<TARGET_OBJECTS:libcommon_vrkernel> COMMAND_EXPAND_LISTS)
