@@ -24,11 +24,11 @@ bool load_offsets(offsets *out)
         unsigned long before = generation.load(std::memory_order_acquire);
         if (before == 0)
             return false;
+        // The fields are acquired too: the generation is not read again before them.
         const copy &current = copies[before % 2];
-        out->offset = current.offset.load(std::memory_order_relaxed);
-        out->until = current.until.load(std::memory_order_relaxed);
-        out->next_offset = current.next_offset.load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        out->offset = current.offset.load(std::memory_order_acquire);
+        out->until = current.until.load(std::memory_order_acquire);
+        out->next_offset = current.next_offset.load(std::memory_order_acquire);
         if (generation.load(std::memory_order_relaxed) == before)
             return true;
     }
@@ -37,12 +37,11 @@ bool load_offsets(offsets *out)
 void store_offsets(const offsets &record)
 {
     unsigned long next = generation.load(std::memory_order_relaxed) + 1;
+    // The fields are released too: who reads a new one sees the generation that took the copy out of use.
     copy &unused = copies[next % 2];
-    // No store to the copy becomes visible before the generation that took it out of use.
-    std::atomic_thread_fence(std::memory_order_release);
-    unused.offset.store(record.offset, std::memory_order_relaxed);
-    unused.until.store(record.until, std::memory_order_relaxed);
-    unused.next_offset.store(record.next_offset, std::memory_order_relaxed);
+    unused.offset.store(record.offset, std::memory_order_release);
+    unused.until.store(record.until, std::memory_order_release);
+    unused.next_offset.store(record.next_offset, std::memory_order_release);
     generation.store(next, std::memory_order_release);
 }
 

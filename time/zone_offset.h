@@ -6,6 +6,8 @@
 //
 //     ... offset ...|until ... next_offset ...
 //
+// A handler that runs later than the second change, with no ordinary line printed in between, is an hour off.
+//
 // The record is kept twice. A writer fills the copy that is not in use and then advances the generation, whose lowest
 // bit selects the copy. A reader that finds the generation unchanged has read a whole record, even if it interrupted
 // the writer on its own thread, or runs in a child that was forked in the middle of a write.

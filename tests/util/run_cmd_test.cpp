@@ -488,9 +488,9 @@ TEST(RunExecv, TheFirstArgumentIsArgv0)
                   ::waitpid(pid, nullptr, 0);
               }),
               "cat");
-    ChildResult child = run_child([] { run_shell("cat /proc/$$/cmdline"); });
+    ChildResult child = run_child([] { run_shell("cat /proc/$$/cmdline; true"); });
     using namespace std::string_literals;
-    EXPECT_EQ(child.out, "/bin/sh\0-c\0cat /proc/$$/cmdline\0"s);
+    EXPECT_EQ(child.out, "/bin/sh\0-c\0cat /proc/$$/cmdline; true\0"s);
 }
 
 namespace {
