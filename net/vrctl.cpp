@@ -5,6 +5,7 @@
 #include "base/unique_fd.h"
 #include "ifname.h"
 #include "net/vr_abi.h"
+#include "net/vr_record.h"
 #include "strutil.h"
 #include "vrsock.h"
 
@@ -19,23 +20,13 @@ using namespace vr_abi;
 
 namespace {
 
-// A record that travels to the kernel: fields by offset, zero where nothing was put. The kernel may write all of it.
+// A record that travels to the kernel, zero where nothing was put. The kernel may write all of it.
 template <std::size_t Size>
-class record {
+class record : public record_view {
 public:
-    template <typename T>
-    void put(std::size_t offset, T value)
-    {
-        std::memcpy(bytes_ + offset, &value, sizeof value);
-    }
-
-    template <typename T>
-    T get(std::size_t offset) const
-    {
-        T value;
-        std::memcpy(&value, bytes_ + offset, sizeof value);
-        return value;
-    }
+    record() : record_view(storage_) {}
+    record(const record &) = delete;
+    record &operator=(const record &) = delete;
 
     void put_name(std::size_t offset, const char *name, std::size_t size) { strlcpy(text(offset), name, size); }
 
@@ -43,21 +34,14 @@ public:
     void get_name(std::size_t offset, char (&name)[kNameSize]) const
     {
         std::memset(name, 0, sizeof name);
-        std::memcpy(name, bytes_ + offset, ::strnlen(reinterpret_cast<const char *>(bytes_) + offset, kNameSize - 1));
+        std::memcpy(name, text(offset), ::strnlen(text(offset), kNameSize - 1));
     }
-
-    void put_bytes(std::size_t offset, const unsigned char *from, std::size_t size)
-    {
-        std::memcpy(bytes_ + offset, from, size);
-    }
-
-    char *text(std::size_t offset) { return reinterpret_cast<char *>(bytes_) + offset; }
 
 private:
-    alignas(8) unsigned char bytes_[Size]{};
+    alignas(8) unsigned char storage_[Size]{};
 };
 
-// The last names told.
+// The names returned last.
 char vr_name[kNameSize];
 char vsys_name[kNameSize];
 
@@ -81,7 +65,6 @@ struct command_record : record<kCommandSize> {
     }
 };
 static_assert(sizeof(ifreq) == 40 && offsetof(ifreq, ifr_data) == 16);
-static_assert(sizeof(command_record) == kCommandSize);
 
 // ---- flags of interfaces and VRs: each side has its way to read and to write, the rest is the same ----
 
@@ -158,7 +141,6 @@ int send_if_value(command code, unsigned short ifid, std::uint32_t value)
 struct if_vr_record : record<kIfVrSize> {
     explicit if_vr_record(const char *linux_name) { put_name(kIfVrName, linux_name, kIfNameSize); }
 };
-static_assert(sizeof(if_vr_record) == kIfVrSize);
 
 } // namespace
 
@@ -262,7 +244,7 @@ int qv_set_cellular_if_mac(const unsigned char mac[6], unsigned short ifid, unsi
     command_record r(kSetCellularMac);
     r.put(kFirstId, ifid);
     r.put(kValue, value);
-    r.put_bytes(kMac, mac, kMacSize);
+    std::memcpy(r.text(kMac), mac, kMacSize);
     return r.transact() ? 0 : -1;
 }
 

@@ -2,6 +2,7 @@
 // Requests on sockets: one function a command, over records whose fields are known by their offsets.
 #include "requests.h"
 
+#include "net/vr_record.h"
 #include "tables.h"
 
 #include <cerrno>
@@ -14,35 +15,8 @@ namespace vrkernel {
 
 namespace {
 
-// The caller's record, at any alignment. Only the fields of a command are read and written.
-class record {
-public:
-    explicit record(void *bytes) : bytes_(static_cast<unsigned char *>(bytes)) {}
-
-    template <typename T>
-    T get(std::size_t offset) const
-    {
-        T value;
-        std::memcpy(&value, bytes_ + offset, sizeof value);
-        return value;
-    }
-
-    template <typename T>
-    void put(std::size_t offset, T value)
-    {
-        std::memcpy(bytes_ + offset, &value, sizeof value);
-    }
-
-    const char *name(std::size_t offset) const { return reinterpret_cast<const char *>(bytes_ + offset); }
-
-    void put_name(std::size_t offset, const char (&name)[kNameSize])
-    {
-        std::memcpy(bytes_ + offset, name, sizeof name);
-    }
-
-private:
-    unsigned char *bytes_;
-};
+// The caller's record. Only the fields of a command are read and written.
+using record = record_view;
 
 interface *by_wide_id(tables &all, const record &r)
 {
@@ -81,7 +55,7 @@ int set_cellular_mac(tables &all, record r)
     if (one == nullptr)
         return ENODEV;
     std::uint64_t mac = 0;
-    std::memcpy(&mac, r.name(kMac), kMacSize);
+    std::memcpy(&mac, r.text(kMac), kMacSize);
     one->mac = mac;
     one->cellular = r.get<std::uint32_t>(kValue);
     return 0;
@@ -123,13 +97,13 @@ int get_vr(tables &all, record r)
         return ENOENT;
     r.put(kSecondId, one->vsys);
     r.put<std::uint32_t>(kValue, one->flags);
-    r.put_name(kVrName, one->name);
+    r.put(kVrName, one->name);
     return 0;
 }
 
 int vr_name_to_id(tables &all, record r)
 {
-    const vr *one = all.find_vr(r.get<std::uint16_t>(kSecondId), r.name(kVrName));
+    const vr *one = all.find_vr(r.get<std::uint16_t>(kSecondId), r.text(kVrName));
     if (one == nullptr)
         return ENOENT;
     r.put(kFirstId, static_cast<std::uint16_t>(all.id_of(one)));
@@ -141,13 +115,13 @@ int vsys_id_to_name(tables &all, record r)
     const vsys *one = all.find_vsys(r.get<std::uint16_t>(kFirstId));
     if (one == nullptr)
         return ENOENT;
-    r.put_name(kVsysName, one->name);
+    r.put(kVsysName, one->name);
     return 0;
 }
 
 int vsys_name_to_id(tables &all, record r)
 {
-    const vsys *one = all.find_vsys(r.name(kVsysName));
+    const vsys *one = all.find_vsys(r.text(kVsysName));
     if (one == nullptr)
         return ENOENT;
     r.put(kFirstId, one->id);
@@ -199,7 +173,7 @@ int take_command(tables &all, record r)
 
 int take_interface_request(tables &all, unsigned long request, record r)
 {
-    interface *one = all.find_interface(r.name(kIfVrName));
+    interface *one = all.find_interface(r.text(kIfVrName));
     if (one == nullptr)
         return ENODEV;
     if (request == kGetIfVr) {
