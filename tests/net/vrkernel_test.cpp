@@ -759,8 +759,7 @@ TEST_F(Vrkernel, TimesOfSeveralReceives)
     EXPECT_EQ("-1 EINVAL 0", seven("recvwithin 3 2 0 1000000000"));
     EXPECT_EQ("-1 EINVAL 0", seven("recvwithin 3 2 0 -1"));
     seven("sendseveral 3 " + at + " 4");
-    EXPECT_EQ("2 9223372036",
-              seven("recvwithin 3 2 9223372036854775807 999999999").substr(0, 12)); // of an endless time
+    EXPECT_EQ("2 many", seven("recvwithin 3 2 9223372036854775807 999999999"));
     EXPECT_EQ("1 0", seven("recvwithin 3 2 0 0"));
     EXPECT_EQ("1 0", seven("recvwithin 3 2 0 1"));
 }
