@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// cmsg_walk.h - steps through the control messages of a received datagram without ever leaving the control buffer.
+// cmsg_walk.h - walks and writes control messages without leaving the control buffer.
 //
 // The C library's own walk no longer checks that the next message fits, so a length that a broken peer or kernel sends
 // could lead out of the buffer. Here every length is compared with what remains before anything is added to it.
@@ -22,13 +22,13 @@ struct cmsg_header {
 };
 static_assert(sizeof(cmsg_header) == 16);
 
-// What a message of this length takes with its padding.
+// The length of a message with its padding.
 constexpr std::uint64_t padded_cmsg(std::uint64_t length)
 {
     return (length + 7) & ~std::uint64_t{7};
 }
 
-// Writes a message of one T at the start of out; returns the bytes that it takes with its padding.
+// Writes a message with one T as data; returns its length with the padding.
 template <typename T>
 std::size_t put_cmsg(unsigned char *out, int level, int type, const T &data)
 {
@@ -41,10 +41,10 @@ std::size_t put_cmsg(unsigned char *out, int level, int type, const T &data)
 // Messages in buffer[0, used), which may be less than the buffer's capacity.
 class cmsg_walk {
 public:
-    // What a further message must fit into the buffer with to be stepped to.
+    // What of the next message must fit into the buffer for the walk to go on.
     enum class fit {
-        padded, // its length and its padding; what receivers in programs require
-        header, // its header: the caller looks at every length, as the kernel does with what a program sends
+        padded, // all of it with its padding: for received messages
+        header, // its header: for callers that check every length, as the kernel does on a send
     };
 
     cmsg_walk(const void *buffer, std::size_t used, std::size_t capacity, fit required = fit::padded)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Interface names: one table of type words, one conversion that both directions run with their own part of it.
+// Interface names: one table of prefixes and one conversion. The reverse conversion uses the first rows of the table.
 #include "ifname.h"
 
 #include "console_print.h"
@@ -17,8 +17,8 @@ constexpr std::size_t kCopySize = 32;
 constexpr std::size_t kHaSize = 16; // "ha" is written with this limit, not the caller's
 constexpr std::string_view kTunnelWord = "pppoe";
 
-// Whether a row reads the caller's name or the working copy, in which the first "pppoe" has become "p". The mixture is
-// old, and names in use depend on it: "aggregate1pppoe2" keeps its word, "ethernet1pppoe2" does not.
+// Whether a row reads the caller's name or the working copy, in which the first "pppoe" has become "p". This is a
+// contract, names in use depend on it: "aggregate1pppoe2" keeps its word, "ethernet1pppoe2" does not.
 enum class source { given, copy };
 
 struct row {
@@ -42,7 +42,7 @@ constexpr std::array<row, 11> kRows = {{
     {"cellular", "cellular", source::given, source::copy},
     {"wlan", "wlan", source::given, source::copy},
 }};
-constexpr std::size_t kBackRows = 7; // of them the way back tests
+constexpr std::size_t kBackRows = 7; // of the reverse conversion
 
 struct mapping {
     char from;
@@ -78,8 +78,8 @@ void make_copy(const char *name, char (&copy)[kCopySize])
     strlcat(copy, word + kTunnelWord.size(), sizeof copy);
 }
 
-// Writes prefix and rest of the first row that matches, else the whole given name. Only the last call's length tells
-// whether the result was cut: a prefix that is cut with nothing to follow passes.
+// Writes prefix and rest of the first row that matches, else the whole given name. False if the result was cut.
+// Contract: only the last copy is checked, so a cut prefix with an empty rest passes.
 bool convert(const char *given, const char *copy, std::span<const row> rows, char *out, std::size_t size)
 {
     for (const row &r : rows) {

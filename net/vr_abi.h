@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vr_abi.h - the appliance kernel's private numbers for virtual routers, each written down once.
+// vr_abi.h - the appliance kernel's private numbers for virtual routers, each defined once.
 #ifndef LIBCOMMON_NET_VR_ABI_H
 #define LIBCOMMON_NET_VR_ABI_H
 
@@ -8,11 +8,11 @@
 namespace vr_abi {
 
 // Socket options and control messages, on the IP and the IPv6 level.
-inline constexpr int kIpGetVr = 30; // option to ask with, and type of the message that a receiver gets
-inline constexpr int kIpSetVr = 31; // option to set with, and type of the message that a sender gives
+inline constexpr int kIpGetVr = 30; // getsockopt() option, and message type on receive
+inline constexpr int kIpSetVr = 31; // setsockopt() option, and message type on send
 inline constexpr int kIpv6GetVr = 90;
 inline constexpr int kIpv6SetVr = 91;
-inline constexpr int kMsgVr = 0x10000; // message flag of every send and receive that carries a VR
+inline constexpr int kMsgVr = 0x10000; // flag of every send and receive with a VR
 
 // Requests on sockets. The private channel takes an ifreq that names the pseudo-device and points at a command record;
 // the interface requests take their own record.
@@ -36,13 +36,13 @@ enum command : unsigned long {
     kChangeCellularDev = 24,
 };
 
-// Offsets in the command record. One place may serve several commands.
+// Offsets in the command record. Several commands may use the same bytes for different fields.
 inline constexpr std::size_t kCommandSize = 280;
 inline constexpr std::size_t kCode = 0;      // 8 bytes
 inline constexpr std::size_t kFirstId = 8;   // 2 bytes: VR, vsys or interface id, by command
 inline constexpr std::size_t kSecondId = 10; // 2 bytes: vsys id
 inline constexpr std::size_t kVsysName = 10; // 32 bytes, commands 15 and 16
-inline constexpr std::size_t kValue = 12;    // 4 bytes: flags or a number that only the kernel knows
+inline constexpr std::size_t kValue = 12;    // 4 bytes: flags, or a number whose meaning is the kernel's
 inline constexpr std::size_t kVrName = 16;   // 32 bytes
 inline constexpr std::size_t kMac = 16;      // 6 bytes, command 18
 inline constexpr std::size_t kMacSize = 6;

@@ -45,7 +45,7 @@ private:
 char vr_name[kNameSize];
 char vsys_name[kNameSize];
 
-// One ioctl on a socket of its own; errno is the failing call's, whatever closing does.
+// One ioctl on a separate socket. Closing it preserves the errno of a failed call.
 int request(unsigned long number, void *argument)
 {
     base::unique_fd fd(::socket(AF_INET, SOCK_DGRAM, 0));
@@ -55,7 +55,7 @@ int request(unsigned long number, void *argument)
 struct command_record : record<kCommandSize> {
     explicit command_record(command code) { put<std::uint64_t>(kCode, code); }
 
-    // Sends the command and brings the reply into the record.
+    // Sends the command; the reply replaces the record.
     bool transact()
     {
         ifreq channel{};
@@ -66,7 +66,7 @@ struct command_record : record<kCommandSize> {
 };
 static_assert(sizeof(ifreq) == 40 && offsetof(ifreq, ifr_data) == 16);
 
-// ---- flags of interfaces and VRs: each side has its way to read and to write, the rest is the same ----
+// ---- flags of interfaces and VRs: they differ in the commands that read and write them ----
 
 struct interface_flags {
     static bool read(unsigned short ifid, std::uint32_t *flags)
@@ -269,7 +269,7 @@ int qv_get_if_vr(const char *linux_name, unsigned int *vrid)
 {
     if (linux_name == nullptr)
         return -1;
-    // Not through request(): a socket that cannot be had leaves *vrid alone, a refused request marks it.
+    // Not through request(): without a socket *vrid stays, a refused request sets it to QV_NO_VR.
     base::unique_fd fd(::socket(AF_INET, SOCK_DGRAM, 0));
     if (!fd)
         return errno;

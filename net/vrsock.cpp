@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sockets that know their virtual router. Each operation is written once, over the numbers of its address family.
+// Sockets in virtual routers. Each operation is defined once, as a template over the constants of its address family.
 #include "vrsock.h"
 
 #include "base/cmsg_walk.h"
@@ -15,9 +15,9 @@ namespace {
 
 constexpr std::size_t kHeader = sizeof(base::cmsg_header);
 constexpr std::size_t kVrMessageLength = kHeader + sizeof(std::uint32_t);
-constexpr std::size_t kVrControlSize = 80;      // of the receive calls that only want the VR
-constexpr std::size_t kPacketControlSize = 256; // of those that want the destination too
-constexpr int kLeastToLength = 8;               // a caller with less room for the destination declines it
+constexpr std::size_t kVrControlSize = 80;      // of the receive calls that return only the VR
+constexpr std::size_t kPacketControlSize = 256; // of those that also return the destination
+constexpr int kLeastToLength = 8;               // a caller with a smaller buffer does not get the destination
 
 struct ipv4 {
     using address = sockaddr_in;
@@ -143,8 +143,7 @@ int send_through(int fd, const void *buf, std::size_t len, int flags, const sock
 
 // ---- receiving ----
 
-// One recvmsg() with a control buffer that is zero where the kernel does not write: a message shorter than what is read
-// from it must not yield what was on the stack.
+// One recvmsg() with a zeroed control buffer: what is read beyond a short message must not come from the stack.
 template <std::size_t Size>
 struct reception {
     alignas(base::cmsg_header) unsigned char control[Size]{};
@@ -219,7 +218,7 @@ ssize_t receive_with_destination(int fd, void *buf, std::size_t len, int flags, 
             *ifindex = Ip::interface(info);
             wants_destination = false; // the first one counts
         } else if (message.is(Ip::kLevel, Ip::kGetVr)) {
-            // A malformed message means the default VR here, where qv_recvfrom() refuses it.
+            // Contract: a malformed message means VR 1 here, while qv_recvfrom() refuses it.
             *vrid = message.length() == kVrMessageLength ? message.template data<std::uint32_t>() : 1;
         }
     }
@@ -284,7 +283,7 @@ ssize_t qv_recvfrom(int fd, void *buf, size_t len, int flags, struct sockaddr *f
 ssize_t qv_recvfrom6(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen,
                      unsigned int *vrid)
 {
-    // Any level but IPv6's own: callers have come to rely on QV_NO_VR from the kernel's IPv6 message.
+    // Contract: any level but IPv6. Callers rely on QV_NO_VR for the kernel's IPv6 message.
     return receive_in_vr(fd, buf, len, flags, from, fromlen, vrid, [](const base::cmsg_walk &message) {
         return message.level() != ipv6::kLevel && message.type() == ipv6::kGetVr;
     });

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The configuration file: one line an entry, a kind, a name and attributes; '#' begins a comment.
+// The configuration file: one entry per line, with a kind, a name and attributes; '#' begins a comment.
 //
 //     vsys      branch   id=3  default-vr=7
 //     vr        trust    id=7  vsys=3  shared
 //     interface eth0-1   id=17 vsys=3  vr=7
 //
-// Entries may refer to later ones, so the file is read twice: once for the entries, once for what they refer to.
+// An entry may refer to a later one, so the file is read twice: first the entries, then what they refer to.
 #include "config.h"
 
 #include "base/unique_fd.h"
@@ -24,7 +24,7 @@ namespace vrkernel {
 namespace {
 
 constexpr std::size_t kLineSize = 512;
-constexpr std::size_t kFileSize = 4 << 20; // more than all tables with the longest lines; a larger file is no such file
+constexpr std::size_t kFileSize = 4 << 20; // more than full tables with the longest lines take
 constexpr const char *kBlanks = " \t\r\n";
 constexpr unsigned kIdMax = USHRT_MAX;
 
@@ -50,7 +50,7 @@ constexpr kind kAllKinds[kKinds] = {
      set_of(kId) | set_of(kVsys) | set_of(kVr) | set_of(kShared), vr_abi::kIfNameSize},
 };
 
-// One line, taken apart.
+// One parsed line.
 struct entry {
     std::size_t kind;
     const char *name;
@@ -91,7 +91,7 @@ private:
         return std::feof(file) != 0;
     }
 
-    // False at the end, and after a mistake that makes the rest meaningless.
+    // False at the end of the file, and after a mistake that makes the rest meaningless.
     bool read_line(std::FILE *file, char (&line)[kLineSize])
     {
         std::size_t length = 0;
@@ -185,14 +185,14 @@ private:
         } else if (into_.find_vsys(e.name) != nullptr) {
             mistake("vsys name \"%s\" already taken", e.name);
         } else if (id == 0 && e.values[kDefaultVr] != 1) {
-            mistake("the default VR of vsys 0 is always 1"); // user space does not even ask
+            mistake("the default VR of vsys 0 is always 1"); // user space never asks for it
         } else if (into_.vsys_count == kVsysLimit) {
             mistake("too many vsys, at most %zu", kVsysLimit);
         } else {
             vsys &one = into_.all_vsys[into_.vsys_count++];
             one.id = id;
             one.default_vr = static_cast<std::uint16_t>(e.values[kDefaultVr]);
-            std::strcpy(one.name, e.name); // parse() saw that it fits
+            std::strcpy(one.name, e.name); // parse() checked the length
         }
     }
 
@@ -253,7 +253,7 @@ private:
             mistake("VR %u belongs to vsys %u and is not shared", e.values[kVr], one->vsys);
     }
 
-    // Always false, for the caller to hand on.
+    // Reports a mistake. Always false, for the caller to return.
     [[gnu::format(printf, 2, 3)]] bool mistake(const char *format, ...)
     {
         mistakes_++;

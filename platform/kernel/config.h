@@ -7,8 +7,8 @@ namespace vrkernel {
 
 struct tables;
 
-// Fills zeroed tables from the file open as fd; `config` is its name for messages. False after a line
-// "FILE:LINE: what is wrong" on standard error for each mistake.
+// Fills zeroed tables from the file open as fd; `config` is its name for messages. Prints "FILE:LINE: what is wrong" on
+// standard error for each mistake; false if there was one.
 bool read_config(const char *config, int fd, tables &into);
 
 } // namespace vrkernel

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Datagrams in virtual routers. The VR travels in the source address; control messages that the real kernel does not
-// know are taken out on the way to it, and put in on the way back.
+// Datagrams in virtual routers. The source address carries the VR. Control messages that the real kernel does not know
+// are removed before a send, and added after a receive.
 #include "datagrams.h"
 
 #include "base/cmsg_walk.h"
@@ -22,10 +22,10 @@ namespace vrkernel {
 namespace {
 
 constexpr std::size_t kHeader = sizeof(base::cmsg_header);
-constexpr std::size_t kControlSize = 1024;        // of what travels on to the real kernel
-constexpr std::size_t kProgramControlMax = 20480; // of what a program may send along, as a stock kernel is set up
+constexpr std::size_t kControlSize = 1024;        // of what is passed to the real kernel
+constexpr std::size_t kProgramControlMax = 20480; // of what a program may pass; the default of net.core.optmem_max
 
-// The control messages of a message, all those with a whole header: the kernel takes a last one without its padding.
+// The control messages with a whole header: the kernel accepts a last one without its padding.
 base::cmsg_walk control_of(const msghdr &message)
 {
     return {message.msg_control, message.msg_controllen, message.msg_controllen, base::cmsg_walk::fit::header};
@@ -44,13 +44,13 @@ bool is_packet_info(const base::cmsg_walk &found)
 // ---- sending ----
 
 // How a datagram is to be sent.
-struct route {
+struct send_options {
     unsigned vr;
-    bool names_vr = false; // by a control message
+    bool names_vr = false; // whether a control message gave the VR
     std::optional<name> source{};
     int ifindex = 0;
 
-    // Takes what the control messages say over what the socket has. 0 or an errno value.
+    // Control messages override what the socket has. 0 or an errno value.
     int read(tables &all, const msghdr &message, bool takes_vr)
     {
         if (message.msg_controllen > kProgramControlMax)
@@ -101,23 +101,24 @@ private:
     }
 };
 
-// The source address to use outside: the one asked for, else the one that the socket is bound to, else the VR's main
-// one. Nothing when the VR does not have the one asked for.
-std::optional<std::uint32_t> source_outside(tables &all, int fd, const route &way)
+// The outside source address: the requested one, else the one that the socket is bound to, else the VR's main one.
+// Nothing if the VR does not have the requested one.
+std::optional<std::uint32_t> source_outside(tables &all, int fd, const send_options &options)
 {
-    auto a = way.source ? inner_of(*way.source, way.vr) : std::nullopt;
-    if (way.source && !a)
+    auto a = options.source ? inner_of(*options.source, options.vr) : std::nullopt;
+    if (options.source && !a)
         return std::nullopt;
     if (!a || a->host == kAnyHost) {
         name own = inside_name(all, fd, real::getsockname);
-        a = inner_of(own, way.vr).value_or(inner{way.vr, own.is_ip6(), kMainHost});
+        a = inner_of(own, options.vr).value_or(inner{options.vr, own.is_ip6(), kMainHost});
     }
     if (a->host == kAnyHost)
         a->host = kMainHost;
     return outside_of(*a);
 }
 
-// The control data that goes to the real kernel: packet info for a datagram in a VR, then all that is not ours.
+// The control data for the real kernel: packet info for a datagram in a VR, then the messages that the real kernel
+// knows.
 struct outgoing {
     alignas(base::cmsg_header) unsigned char bytes[kControlSize]{};
     std::size_t used = 0;
@@ -130,7 +131,7 @@ struct outgoing {
         used += base::put_cmsg(bytes + used, IPPROTO_IP, IP_PKTINFO, info);
     }
 
-    // False when there is no room for all.
+    // False if they do not fit.
     bool add_others(const msghdr &message, bool in_vr)
     {
         for (auto found = control_of(message); found; found.next()) {
@@ -146,8 +147,8 @@ struct outgoing {
     }
 };
 
-// The name that a message gives, read as the real kernel reads it: AF_UNSPEC is IPv4 to an IPv4 socket, and no name to
-// an IPv6 one.
+// The name that a message gives, interpreted as the real kernel does: AF_UNSPEC means IPv4 on an IPv4 socket, and no
+// name on an IPv6 one.
 std::optional<name> given_destination(const msghdr &message, int family)
 {
     if (message.msg_name == nullptr || message.msg_namelen == 0)
@@ -161,8 +162,8 @@ std::optional<name> given_destination(const msghdr &message, int family)
     return to;
 }
 
-// A socket that takes IPv6 only cannot send to the mapped addresses of VRs. A socket of IPv4 does it from the same
-// port; several of them may do so at a time.
+// An IPv6-only socket cannot send to the mapped addresses of VRs. A temporary IPv4 socket on the same port sends for
+// it; SO_REUSEPORT, because several threads may send at the same time.
 ssize_t send_for_ipv6_only(in_port_t port, const msghdr &outside, in_addr source, int flags)
 {
     base::unique_fd helper(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -182,32 +183,33 @@ ssize_t send_for_ipv6_only(tables &all, int fd, msghdr outside, const name &to, 
     outside.msg_name = &ip4.at;
     outside.msg_namelen = ip4.length;
     in_port_t port = inside_name(all, fd, real::getsockname).port();
-    int as_it_was; // a thread that is cancelled must not leave the helper's descriptor behind
+    int previous; // cancelled halfway, the thread would leak the temporary socket
     ::pthread_testcancel();
-    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &as_it_was);
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
     ssize_t n = send_for_ipv6_only(port, outside, source, flags);
-    ::pthread_setcancelstate(as_it_was, nullptr);
+    ::pthread_setcancelstate(previous, nullptr);
     return n;
 }
 
-// `own` is the socket's VR, which may not be the datagram's.
-ssize_t send_in_vr(tables &all, int fd, const msghdr &message, int flags, const route &way, unsigned own, int family)
+// `own` is the socket's VR, which may differ from the datagram's.
+ssize_t send_in_vr(tables &all, int fd, const msghdr &message, int flags, const send_options &options, unsigned own,
+                   int family)
 {
     auto given = given_destination(message, family);
     name to = given ? *given : inside_name(all, fd, real::getpeername);
-    if (!bring_outside(to, way.vr))
+    if (!bring_outside(to, options.vr))
         return fail(ENETUNREACH);
-    auto source = source_outside(all, fd, way);
+    auto source = source_outside(all, fd, options);
     if (!source)
         return fail(EINVAL);
     outgoing control;
-    control.add_packet_info(*source, way.ifindex);
+    control.add_packet_info(*source, options.ifindex);
     if (!control.add_others(message, true))
         return fail(ENOBUFS);
     if (own != 0 && bind_if_unbound(all, fd, own) < 0)
         return -1;
     msghdr outside = message;
-    outside.msg_name = nullptr; // there is none when the socket is not connected either, which the real kernel will say
+    outside.msg_name = nullptr; // without a name or a peer, the real kernel returns the error
     outside.msg_namelen = 0;
     if (given || to.port() != 0) {
         outside.msg_name = &to.at;
@@ -220,7 +222,7 @@ ssize_t send_in_vr(tables &all, int fd, const msghdr &message, int flags, const 
     return real::sendmsg(fd, &outside, flags);
 }
 
-// A message without ours.
+// Sends with the messages that the real kernel knows only.
 ssize_t send_in_no_vr(tables &all, int fd, const msghdr &message, int flags, unsigned own)
 {
     outgoing control;
@@ -236,7 +238,7 @@ ssize_t send_in_no_vr(tables &all, int fd, const msghdr &message, int flags, uns
 
 // ---- receiving ----
 
-// Turns a name within a control message into what the program is to see.
+// Translates a name in a control message to what the program sees.
 void bring_name_inside(tables &all, unsigned char *data, std::size_t size)
 {
     name n(data, static_cast<socklen_t>(size));
@@ -260,8 +262,8 @@ void bring_packet_info_inside(tables &all, unsigned char *data, in6_pktinfo info
     std::memcpy(data, &info, sizeof info);
 }
 
-// Turns the addresses in control messages into what the program is to see: destinations, and in the error queue those
-// who reported the error.
+// Translates the addresses in control messages to what the program sees: destinations, and in the error queue the
+// addresses that reported the error.
 void bring_control_inside(tables &all, const msghdr &message)
 {
     auto *control = static_cast<unsigned char *>(message.msg_control);
@@ -283,7 +285,7 @@ void bring_control_inside(tables &all, const msghdr &message)
     }
 }
 
-// Adds the VR to the control messages of a datagram; one for which there is no room is dropped with a mark.
+// Adds the VR message to the control messages of a datagram, or sets MSG_CTRUNC if it does not fit.
 void add_vr_message(msghdr &message, std::size_t room, int family, std::uint32_t vr)
 {
     std::size_t at = base::padded_cmsg(message.msg_controllen);
@@ -297,7 +299,7 @@ void add_vr_message(msghdr &message, std::size_t room, int family, std::uint32_t
     message.msg_controllen = std::min(room, at);
 }
 
-// Whether a name that is received is whole there. UDP has no longer ones.
+// Whether the buffer holds a whole name: UDP has no longer ones than IPv6's.
 bool has_room_for_name(const msghdr &message)
 {
     return message.msg_name == nullptr || message.msg_namelen >= sizeof(sockaddr_in6);
@@ -311,7 +313,7 @@ void bring_name_and_control_inside(tables &all, msghdr &message)
                           std::min<std::size_t>(message.msg_namelen, sizeof(sockaddr_in6)));
 }
 
-// One of several whose name is to be cut, which must be translated while it is whole.
+// Receives one message of several whose buffer cuts the name: the translation needs the whole name.
 int receive_one_of_several(tables &all, int fd, mmsghdr &message, int flags, timespec *timeout)
 {
     name from;
@@ -348,12 +350,12 @@ ssize_t send(tables &all, int fd, const msghdr *message, int flags)
     if (static_cast<int>(message->msg_namelen) < 0)
         return fail(EINVAL);
     flags &= ~kMsgVr;
-    route way = {.vr = own};
-    if (int error = way.read(all, *message, takes_vr))
+    send_options options = {.vr = own};
+    if (int error = options.read(all, *message, takes_vr))
         return fail(error);
-    if (way.vr != 0)
-        return send_in_vr(all, fd, *message, flags, way, own, family);
-    if (own != 0 || way.names_vr)
+    if (options.vr != 0)
+        return send_in_vr(all, fd, *message, flags, options, own, family);
+    if (own != 0 || options.names_vr)
         return send_in_no_vr(all, fd, *message, flags, own);
     return real::sendmsg(fd, message, flags);
 }
@@ -367,7 +369,7 @@ ssize_t receive(tables &all, int fd, msghdr *message, int flags)
     name from;
     msghdr outside = *message;
     bool has_room = message->msg_name != nullptr && has_room_for_name(*message);
-    if (!has_room) { // which the translation needs
+    if (!has_room) { // the translation needs the whole name
         outside.msg_name = &from.at;
         outside.msg_namelen = from.length;
     }
@@ -429,7 +431,7 @@ int send_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags)
     return done;
 }
 
-// The VR flag has the number of MSG_WAITFORONE, which is what it means here.
+// The VR flag and MSG_WAITFORONE are the same bit. In this call it means MSG_WAITFORONE.
 int receive_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout)
 {
     std::span wanted(messages, count);

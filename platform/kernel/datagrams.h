@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// datagrams.h - sendmsg(), recvmsg() and their kin, as the appliance's kernel would do them.
+// datagrams.h - sendmsg(), recvmsg(), sendto(), recvfrom(), sendmmsg() and recvmmsg() as on the appliance's kernel.
 #ifndef LIBCOMMON_PLATFORM_KERNEL_DATAGRAMS_H
 #define LIBCOMMON_PLATFORM_KERNEL_DATAGRAMS_H
 
@@ -11,7 +11,7 @@ namespace vrkernel {
 
 struct tables;
 
-// Arguments and results are those of the system calls. Sockets that are no UDP sockets are the real kernel's.
+// Arguments and results are those of the system calls. Sockets other than UDP get the plain system call.
 ssize_t send(tables &all, int fd, const msghdr *message, int flags);
 ssize_t receive(tables &all, int fd, msghdr *message, int flags);
 ssize_t send_to(tables &all, int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t tolen);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The C library's functions that a preloaded stand-in kernel takes the place of. Without a configuration, and for all
-// that is not the appliance kernel's, they are the plain system calls.
+// The C library's functions that the preloaded stand-in kernel replaces. Without a configuration, and for everything
+// that does not concern virtual routers, they are the plain system calls.
 #include "base/errno_guard.h"
 #include "datagrams.h"
 #include "requests.h"
@@ -15,11 +15,11 @@
 
 #define VRKERNEL_EXPORT extern "C" [[gnu::visibility("default")]]
 
-extern "C" [[noreturn]] void __chk_fail(); // the C library's end of a program that overruns a buffer
+extern "C" [[noreturn]] void __chk_fail(); // ends a program that overruns a buffer
 
 namespace {
 
-constexpr int kNoTables = 125; // exit status of a program that cannot be given its kernel
+constexpr int kNoTables = 125; // exit status of a program whose tables cannot be attached
 
 // Set once at load, before the process has threads.
 vrkernel::tables *kernel = nullptr;
@@ -61,7 +61,7 @@ VRKERNEL_EXPORT int ioctl(int fd, unsigned long request, ...) noexcept
     va_start(arguments, request);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
-    // The argument of a request on anything but a socket may be of any kind.
+    // Only on a socket is the argument known to be a pointer.
     if (kernel == nullptr || !vrkernel::is_known(request) || !is_socket(fd) || !vrkernel::is_ours(request, argument))
         return vrkernel::real::ioctl(fd, request, argument);
     int error = vrkernel::answer(*kernel, request, argument);
@@ -147,7 +147,7 @@ VRKERNEL_EXPORT ssize_t recvfrom(int fd, void *data, size_t size, int flags, soc
                              : vrkernel::real::recvfrom(fd, data, size, flags, from, fromlen);
 }
 
-// What programs compiled with checks of their buffers call instead.
+// Programs compiled with _FORTIFY_SOURCE call this instead.
 VRKERNEL_EXPORT ssize_t __recvfrom_chk(int fd, void *data, size_t size, size_t room, int flags, sockaddr *from,
                                        socklen_t *fromlen)
 {

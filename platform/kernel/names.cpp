@@ -11,11 +11,11 @@ namespace vrkernel {
 
 namespace {
 
-// A socket remembers its VR in its low-water mark for receiving, which datagram sockets have no use for: there it lasts
-// exactly as long as the socket, through dup(), fork() and exec().
+// A socket's VR is kept in its SO_RCVLOWAT, which UDP does not use: the value lasts exactly as long as the socket,
+// through dup(), fork() and exec().
 constexpr int kVrMark = 0x56520000;
 constexpr int kVrMarkMask = 0x7FFF0000;
-constexpr int kNoMark = 1; // as sockets are made
+constexpr int kNoMark = 1; // the value of a new socket
 
 int socket_option(int fd, int option, int level = SOL_SOCKET)
 {
@@ -25,7 +25,7 @@ int socket_option(int fd, int option, int level = SOL_SOCKET)
     return real::getsockopt(fd, level, option, &value, &length) == 0 ? value : 0;
 }
 
-// The outside name that getsockname() or getpeername() returns; an empty one when there is none. errno stays.
+// The outside name that getsockname() or getpeername() returns, or an empty one. Preserves errno.
 name outside_name(int fd, name_call ask)
 {
     base::errno_guard keep;
@@ -52,7 +52,7 @@ int put_in_vr(int fd, unsigned vr)
 int udp_family(int fd)
 {
     if (socket_option(fd, SO_PROTOCOL) != IPPROTO_UDP || socket_option(fd, SO_TYPE) != SOCK_DGRAM)
-        return 0; // a raw socket may have the protocol
+        return 0; // a raw socket may have the same protocol
     return socket_option(fd, SO_DOMAIN);
 }
 
@@ -77,7 +77,7 @@ name name::ip6(const in6_addr &address, in_port_t port)
     return n;
 }
 
-// A longer one is cut, as the real kernel does.
+// A longer name is cut, as in the real kernel.
 name::name(const void *given, socklen_t given_length) : length(std::min<socklen_t>(given_length, sizeof at))
 {
     std::memcpy(&at, given, length);
@@ -155,7 +155,7 @@ int bind_outside(int fd, name inside, unsigned vr)
 {
     if (!bring_outside(inside, vr))
         return fail(EADDRNOTAVAIL);
-    if (inside.is_ip6()) { // mapped addresses take a socket for IPv4 too, which a bound one cannot become
+    if (inside.is_ip6()) { // a mapped address needs a dual-stack socket, and the option cannot change after the bind
         int off = 0;
         real::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
     }
@@ -181,10 +181,10 @@ void forget_main_address(tables &all, int fd)
     if (own.port() != 0 || !bound || bound->host != kMainHost)
         return;
     name any = own.is_ip() ? name::ip4({}, 0) : name::ip6({}, 0);
-    int as_it_was = socket_option(fd, IP_BIND_ADDRESS_NO_PORT, IPPROTO_IP), without_port = 1;
+    int previous = socket_option(fd, IP_BIND_ADDRESS_NO_PORT, IPPROTO_IP), without_port = 1;
     real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &without_port, sizeof without_port);
     real::bind(fd, &any.at, any.length);
-    real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &as_it_was, sizeof as_it_was);
+    real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &previous, sizeof previous);
 }
 
 } // namespace vrkernel

@@ -21,14 +21,14 @@ inline int fail(int error)
     return -1;
 }
 
-// 0 when the socket is in none, or is no UDP socket.
+// The VR of a UDP socket; 0 if it has none, and for any other socket.
 unsigned vr_of(int fd);
-int put_in_vr(int fd, unsigned vr); // 0: in none
+int put_in_vr(int fd, unsigned vr); // 0: no VR
 
-// AF_INET or AF_INET6; 0 for what is no UDP socket.
+// AF_INET or AF_INET6 for a UDP socket, else 0.
 int udp_family(int fd);
 
-// Whether an IPv6 socket is closed to IPv4, by its option or by the IPv6 address that it is bound to.
+// Whether an IPv6 socket cannot use IPv4, because of IPV6_V6ONLY or the IPv6 address that it is bound to.
 bool is_ipv6_only(int fd);
 
 struct name {
@@ -47,44 +47,45 @@ struct name {
     static name ip6(const in6_addr &address, in_port_t port);
 
     bool is_ip() const { return at.any.sa_family == AF_INET && length >= sizeof at.ip; }
-    bool is_ip6() const // the real kernel does without the scope
+    bool is_ip6() const // the scope is optional in the real kernel
     {
         return at.any.sa_family == AF_INET6 && length >= offsetof(sockaddr_in6, sin6_scope_id);
     }
     in_port_t port() const { return is_ip() ? at.ip.sin_port : is_ip6() ? at.ip6.sin6_port : in_port_t{0}; }
 
-    // Writes it as system calls do: cut to the room there is, with the whole length. 0, or -1 with errno.
+    // Writes the name as system calls do: cut to *to_room, which then holds the full length. 0, or -1 with errno.
     int give(void *to, socklen_t *to_room) const;
 };
 
 using name_call = int (*)(int fd, void *address, socklen_t *length);
 
-// Which VR's address an outside one is.
+// The VR and address that an outside address stands for, if it is one of a VR in the tables.
 std::optional<inner> vr_behind(tables &all, const in_addr &outside);
 std::optional<inner> vr_behind(tables &all, const in6_addr &outside);
 
-// Turns an outside name into what the program is to see; returns which VR's address it was, if it was one.
+// Translates an outside name to the inside one; returns the VR and address that it stood for, if any.
 std::optional<inner> bring_inside(tables &all, name &n);
 
-// The inside name of a socket (getsockname) or of its peer (getpeername); an empty one when there is none. errno stays.
+// The inside name of a socket (getsockname) or of its peer (getpeername), or an empty one. Preserves errno.
 name inside_name(tables &all, int fd, name_call ask);
 
-// Which of a VR's addresses an inside name is.
+// The address of a VR that an inside name means; nothing if a VR does not have it.
 std::optional<inner> inner_of(const name &inside, unsigned vr);
 
-// Turns an inside name into the one outside; the wildcard becomes the VR's main address. False when the VR does not
-// have the address. Names of other families are the real kernel's to refuse.
+// Translates an inside name to the outside one; the wildcard becomes the VR's main address. False if the VR does not
+// have the address. Names of other families stay: the real kernel refuses them.
 bool bring_outside(name &n, unsigned vr);
 
 // Binds a socket in a VR. 0, or -1 with errno.
 int bind_outside(int fd, name inside, unsigned vr);
 
-// The real kernel would give a socket that sends a port on every address; in a VR it must be on the VR's. Two threads
-// may do this at the same time: the one that comes second finds the socket bound and is content. VR 0 is none.
+// Binds a socket that is about to send: the real kernel would give it a port on every address, and in a VR the port
+// must be on the VR's address. If another thread binds the socket first, that is a success. VR 0: the ordinary
+// wildcard.
 int bind_if_unbound(tables &all, int fd, unsigned vr);
 
-// After a disconnect: the real kernel takes the port back, but not the address, which bind_if_unbound() gave. Without
-// it the socket is as new, also for another VR.
+// After a disconnect the real kernel has removed the port, but keeps the address that bind_if_unbound() gave. Removes
+// the address too, so that the socket can be put into another VR.
 void forget_main_address(tables &all, int fd);
 
 } // namespace vrkernel

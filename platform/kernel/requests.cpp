@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Requests on sockets: one function a command, over records whose fields are known by their offsets.
+// Requests on sockets: one function per command.
 #include "requests.h"
 
 #include "net/vr_record.h"
@@ -137,7 +137,7 @@ int default_vr(tables &all, record r)
     return 0;
 }
 
-// ---- the two ways in ----
+// ---- dispatch ----
 
 int take_command(tables &all, record r)
 {

@@ -7,13 +7,13 @@ namespace vrkernel {
 
 struct tables;
 
-// Whether a request on a socket may be one of ours, and whether it is one with this argument: the interface requests,
-// and the private channel when it names our device.
+// is_known(): whether the request's number is one of the appliance kernel's. is_ours(): also that a request on the
+// private channel names the pseudo-device. Only then is the argument's type known.
 bool is_known(unsigned long request);
 bool is_ours(unsigned long request, const void *argument);
 
 // Answers it: 0 or an errno value. ENODEV: no such interface; ENOENT: no such VR or vsys; EOPNOTSUPP: no such command;
-// EFAULT: nowhere to find the record.
+// EINVAL: a VR of another vsys; EFAULT: no record.
 int answer(tables &all, unsigned long request, void *argument);
 
 } // namespace vrkernel

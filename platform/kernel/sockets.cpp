@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Options and names of UDP sockets in virtual routers: addresses are translated on their way to and from the real
-// kernel, which does the rest.
+// Options and names of UDP sockets in virtual routers: translates addresses to and from the real kernel, which does the
+// rest.
 #include "sockets.h"
 
 #include "base/errno_guard.h"
@@ -14,7 +14,7 @@ namespace vrkernel {
 
 namespace {
 
-int tell_name(tables &all, int fd, sockaddr *to, socklen_t *room, name_call ask)
+int give_name(tables &all, int fd, sockaddr *to, socklen_t *room, name_call ask)
 {
     if (vr_of(fd) == 0)
         return ask(fd, to, room);
@@ -25,7 +25,7 @@ int tell_name(tables &all, int fd, sockaddr *to, socklen_t *room, name_call ask)
     return n.give(to, room);
 }
 
-// bind() on an IPv4 socket also takes a wildcard address without a family.
+// bind() on an IPv4 socket also accepts the wildcard address with AF_UNSPEC.
 bool is_unspecified_wildcard(int fd, const name &given)
 {
     return given.at.any.sa_family == AF_UNSPEC && given.length >= sizeof given.at.ip &&
@@ -59,7 +59,7 @@ int set_option(tables &all, int fd, int level, int name, const void *value, sock
     if (id != -1 && all.find_vr(static_cast<unsigned>(id)) == nullptr)
         return fail(ENOENT);
     unsigned vr = id != -1 ? static_cast<unsigned>(id) : 0;
-    // An address, once bound, stays; and it is what keeps the VRs apart.
+    // The bound address cannot change any more, and it is what keeps the VRs apart.
     if (vr != vr_of(fd) && inside_name(all, fd, real::getsockname).port() != 0)
         return fail(EINVAL);
     int on = 1;
@@ -122,12 +122,12 @@ int connect(tables &all, int fd, const sockaddr *given, socklen_t length)
 
 int own_name(tables &all, int fd, sockaddr *to, socklen_t *room)
 {
-    return tell_name(all, fd, to, room, real::getsockname);
+    return give_name(all, fd, to, room, real::getsockname);
 }
 
 int peer_name(tables &all, int fd, sockaddr *to, socklen_t *room)
 {
-    return tell_name(all, fd, to, room, real::getpeername);
+    return give_name(all, fd, to, room, real::getpeername);
 }
 
 } // namespace vrkernel

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// sockets.h - options and names of sockets, as the appliance's kernel would answer for them.
+// sockets.h - options and names of sockets as on the appliance's kernel.
 //
-// Arguments and results are those of the system calls. Sockets that are no UDP sockets, and those that are in no VR,
-// are the real kernel's.
+// Arguments and results are those of the system calls. Sockets other than UDP, and those in no VR, get the plain system
+// call.
 #ifndef LIBCOMMON_PLATFORM_KERNEL_SOCKETS_H
 #define LIBCOMMON_PLATFORM_KERNEL_SOCKETS_H
 
@@ -16,8 +16,7 @@ struct tables;
 int set_option(tables &all, int fd, int level, int name, const void *value, socklen_t length);
 int get_option(int fd, int level, int name, void *value, socklen_t *length);
 
-// Lets an IPv6 socket in a VR that wants an error queue (IPV6_RECVERR) have the errors of its datagrams, which are
-// IPv4's outside.
+// Gives an IPv6 socket in a VR that has IPV6_RECVERR set the option of IPv4 too: outside, its datagrams are IPv4.
 void want_errors_of_ipv4(int fd);
 
 int bind(int fd, const sockaddr *address, socklen_t length);

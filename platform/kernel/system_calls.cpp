@@ -9,8 +9,8 @@ namespace vrkernel::real {
 
 namespace {
 
-// The functions of the same names behind ours. Set once, before the process has threads; a library whose constructor
-// runs before ours finds them null and gets the plain system call.
+// The C library's functions of these names. Set once, before the process has threads. Null while the constructors of
+// other libraries run before ours: those get the plain system call, which is no cancellation point.
 struct {
     decltype(&::connect) connect;
     decltype(&::sendto) sendto;

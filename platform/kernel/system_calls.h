@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// system_calls.h - the real kernel's socket calls, past the C library's functions that we stand in for.
+// system_calls.h - the real kernel's socket calls, without the C library's functions that interpose.cpp replaces.
 #ifndef LIBCOMMON_PLATFORM_KERNEL_SYSTEM_CALLS_H
 #define LIBCOMMON_PLATFORM_KERNEL_SYSTEM_CALLS_H
 
@@ -9,7 +9,7 @@
 
 namespace vrkernel::real {
 
-// Finds the C library's functions. Called once at load: a look-up at the first call could be inside a signal handler.
+// Looks up the C library's functions. Called once at load, because the first call may be in a signal handler.
 void look_up();
 
 // Calls that may block. They are cancellation points, so they go through the C library's own functions.

@@ -20,7 +20,7 @@ namespace vrkernel {
 
 namespace {
 
-constexpr std::uint32_t kLayout = 0x56524B02; // the last byte counts the layouts
+constexpr std::uint32_t kLayout = 0x56524B02; // the last byte is the version of the layout
 
 constexpr const char *kFolder = "/dev/shm"; // where shm_open() puts them
 constexpr const char *kPrefix = "vrkernel.";
@@ -31,22 +31,22 @@ void complain(const char *config)
     std::fprintf(stderr, "vrkernel: %s: %s\n", config, std::strerror(errno));
 }
 
-// The configuration file, open and locked: attaching and forgetting happen one at a time.
+// The configuration file, open and locked: processes attach and forget one at a time.
 base::unique_fd open_locked(const char *config, struct stat &st)
 {
-    base::unique_fd file(::open(config, O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe must not make us wait
+    base::unique_fd file(::open(config, O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // does not wait for the writer of a pipe
     if (!file || ::fstat(file.get(), &st) < 0) {
         complain(config);
         return {};
     }
-    if (!S_ISREG(st.st_mode)) { // which may never end
+    if (!S_ISREG(st.st_mode)) { // a device or a pipe may never end
         std::fprintf(stderr, "vrkernel: %s: not a regular file\n", config);
         return {};
     }
     int locked;
     while ((locked = ::flock(file.get(), LOCK_EX)) < 0 && errno == EINTR)
         ;
-    if (locked < 0 || ::fstat(file.get(), &st) < 0) { // it may have changed meanwhile
+    if (locked < 0 || ::fstat(file.get(), &st) < 0) { // it may have changed during the wait
         complain(config);
         return {};
     }
@@ -73,7 +73,7 @@ tables *map(const base::unique_fd &memory)
     return at != MAP_FAILED ? static_cast<tables *>(at) : nullptr;
 }
 
-// A segment of this user's that has the size of tables, or none.
+// Maps a segment that belongs to this user and has the size of tables; else null.
 tables *map_segment(const char *name)
 {
     base::unique_fd memory(::shm_open(name, O_RDWR, 0));
@@ -114,11 +114,11 @@ tables *make_segment(const char *config, const base::unique_fd &file, const segm
         ::shm_unlink(name);
         return nullptr;
     }
-    fresh->from = from; // last: tables half made are nobody's
+    fresh->from = from; // last, so that nobody uses incomplete tables
     return fresh;
 }
 
-// Whether a segment's file is not at its path any more.
+// Whether the path of a segment's file no longer leads to this file.
 bool is_orphan(const origin &was)
 {
     struct stat st {};
@@ -129,7 +129,7 @@ bool is_orphan(const origin &was)
     return st.st_dev != was.device || st.st_ino != was.inode;
 }
 
-// Editors put a new file in the place of the old one, whose segment nobody would find again.
+// An editor that replaces the file leaves the segment of the old one, which no process finds again.
 void remove_orphans()
 {
     DIR *folder = ::opendir(kFolder);

@@ -2,8 +2,8 @@
 // tables.h - the tables of the stand-in kernel: virtual systems, virtual routers, interfaces.
 //
 // They live in shared memory, one segment for each configuration file, and outlast the processes that use them as a
-// kernel's would. What stands in them is fixed when the file is read; the attributes that requests may change are
-// single atomic words, so that no process ever waits for another.
+// kernel's would. Their entries are fixed when the file is read. The attributes that requests may change are single
+// atomic words, so no process waits for another.
 #ifndef LIBCOMMON_PLATFORM_KERNEL_TABLES_H
 #define LIBCOMMON_PLATFORM_KERNEL_TABLES_H
 
@@ -22,7 +22,7 @@ namespace vrkernel {
 inline constexpr const char *kConfigVariable = "VRKERNEL_CONFIG";
 inline constexpr std::size_t kVsysLimit = 256;
 inline constexpr std::size_t kInterfaceLimit = 1024;
-inline constexpr std::size_t kVrLimit = QV_VRID_MAX + 1; // VRs stand at their ids
+inline constexpr std::size_t kVrLimit = QV_VRID_MAX + 1; // vrs[id] is the VR with this id
 
 struct vsys {
     std::uint16_t id;
@@ -42,14 +42,14 @@ struct interface {
     std::uint16_t vsys;
     std::atomic<std::uint32_t> vr;
     std::atomic<std::uint32_t> flags;
-    std::atomic<std::uint32_t> cellular; // values of the commands that set such an interface up
+    std::atomic<std::uint32_t> cellular; // the values of the set-up commands
     std::atomic<std::uint32_t> wifi;
     std::atomic<std::uint32_t> device;
     std::atomic<std::uint32_t> mtu_limits; // how often the limit was applied
-    std::atomic<std::uint64_t> mac;        // its bytes in their order in memory
+    std::atomic<std::uint64_t> mac;        // the six bytes in memory order
 };
 
-// Whether an interface of a vsys may be in a VR: one of its vsys, or one that is shared.
+// Whether an interface of a vsys may be in a VR: the VR belongs to this vsys or is shared.
 inline bool may_hold(const vr &one, unsigned vsys)
 {
     return one.vsys == vsys || (one.flags & vr_abi::kShared) != 0;
@@ -57,12 +57,12 @@ inline bool may_hold(const vr &one, unsigned vsys)
 
 // The file that tables were read from, as it was then.
 struct origin {
-    std::uint32_t layout; // of this record and the tables; another one is not ours
+    std::uint32_t layout; // version of this record and the tables
     std::int64_t size;
     timespec changed;
     std::uint64_t device;
     std::uint64_t inode;
-    char path[PATH_MAX]; // of its last user, absolute; only for finding segments that no file leads to any more
+    char path[PATH_MAX]; // absolute, as the last process gave it; finds segments whose file is gone
 };
 
 struct tables {
@@ -73,7 +73,7 @@ struct tables {
     vr vrs[kVrLimit];
     interface interfaces[kInterfaceLimit];
 
-    // Each answers null for what is not there. Names compare by at most their field's size, terminated or not.
+    // Each returns null if there is no such entry. A name may lack its terminator if it fills the field.
     vsys *find_vsys(unsigned id);
     vsys *find_vsys(const char *name);
     vr *find_vr(unsigned id);
@@ -85,12 +85,12 @@ struct tables {
 };
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free && std::atomic<std::uint64_t>::is_always_lock_free);
 
-// The tables of a configuration file, read from it unless a process before did and the file is as it was. Null after a
-// message on standard error for every mistake in the file.
+// The tables of a configuration file: those that an earlier process made, if the file is unchanged, else read from it.
+// Null on failure, after a message on standard error for every mistake in the file.
 tables *attach(const char *config);
 
-// Forgets the tables of a configuration file, also those of files that were in its place before or are gone: the next
-// process reads it again. Those that run keep what they have.
+// Removes the tables of a configuration file, so that the next process reads it again, and the tables of files that are
+// gone or replaced. Running processes keep what they have.
 bool forget(const char *config);
 
 } // namespace vrkernel

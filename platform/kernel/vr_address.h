@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // vr_address.h - how a stock kernel is made to keep the datagrams of virtual routers apart.
 //
-// Each VR has the loopback addresses 127.0.0.1 to 127.0.0.254 and ::1 to ::fe to itself. Outside, on the real loopback
-// interface, they stand for addresses of 127.128.0.0/9 that hold the VR's id:
+// Each VR has its own loopback addresses 127.0.0.1 to 127.0.0.254 and ::1 to ::fe ("inside"). On the real loopback
+// interface ("outside"), each is an address of 127.128.0.0/9 that contains the VR's id:
 //
 //     127 . 1 f vvvvvv . vvvvvvvv . hhhhhhhh      f: 0 IPv4, 1 IPv6;  v: VR id;  h: last byte of the address
 //
-// A stock machine has but one IPv6 loopback address, so IPv6 sockets use the IPv4 ones in their mapped form
-// (::ffff:127.x.x.x). Ports, queues, wake-ups and errors are thus the real kernel's; every datagram tells its VR by its
-// source address, and no socket in a VR has an address that another VR reaches.
+// A stock machine has only one IPv6 loopback address, so IPv6 sockets use the IPv4 ones in their mapped form
+// (::ffff:127.x.x.x). Ports, queues, wake-ups and errors are therefore the real kernel's. The source address of a
+// datagram contains its VR, and no socket in a VR has an address that another VR reaches.
 #ifndef LIBCOMMON_PLATFORM_KERNEL_VR_ADDRESS_H
 #define LIBCOMMON_PLATFORM_KERNEL_VR_ADDRESS_H
 
@@ -20,12 +20,12 @@
 
 namespace vrkernel {
 
-inline constexpr std::uint32_t kLoopback = 0x7F000000; // 127.0.0.0, the IPv4 network of each VR is its first /24
+inline constexpr std::uint32_t kLoopback = 0x7F000000; // 127.0.0.0/24 is the IPv4 network of each VR
 inline constexpr std::uint32_t kOutside = 0x7F800000;  // 127.128.0.0/9
 inline constexpr std::uint32_t kOutsideMask = 0xFF800000;
 inline constexpr std::uint32_t kIpv6Bit = 0x00400000;
 inline constexpr std::uint32_t kVrIdMask = 0x3FFF;
-inline constexpr std::uint8_t kAnyHost = 0; // of the wildcard address
+inline constexpr std::uint8_t kAnyHost = 0; // the wildcard address
 inline constexpr std::uint8_t kMainHost = 1;
 inline constexpr std::uint8_t kLastHost = 254;
 
@@ -67,7 +67,7 @@ inline in_addr mapped_part(const in6_addr &address)
     return part;
 }
 
-// Which of a VR's addresses one that a program gives is; nothing when a VR does not have it.
+// The last byte of an inside address; nothing if a VR does not have the address.
 inline std::optional<std::uint8_t> host_of(const in_addr &address)
 {
     if (address.s_addr == htonl(INADDR_ANY))
@@ -89,7 +89,7 @@ inline in_addr inner_address(const inner &a)
     return {htonl(kLoopback | a.host)};
 }
 
-// An IPv6 socket may also get a datagram that was sent over IPv4; it keeps the mapped form.
+// An IPv6 socket may also receive IPv4 datagrams: those addresses keep the mapped form.
 inline in6_addr inner_address6(const inner &a)
 {
     if (!a.ipv6)

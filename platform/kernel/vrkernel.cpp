@@ -19,7 +19,7 @@ namespace {
 using namespace vrkernel;
 
 constexpr int kUsage = 2;
-constexpr int kNoTables = 125; // the statuses that other programs of this sort have
+constexpr int kNoTables = 125; // as in env(1) and timeout(1)
 constexpr int kNoProgram = 126;
 
 int usage()
@@ -31,7 +31,7 @@ int usage()
     return kUsage;
 }
 
-// The library stands beside this program in a build, in the library folder next to it when installed.
+// The library is in this program's folder in a build, and in the library folder of the same prefix when installed.
 bool find_library(char (&path)[PATH_MAX])
 {
     char own[PATH_MAX];
@@ -47,7 +47,7 @@ bool find_library(char (&path)[PATH_MAX])
     return false;
 }
 
-// The loader takes a blank or a colon for the end of a name.
+// In LD_PRELOAD a blank or a colon ends a path.
 bool can_be_preloaded(const char *library)
 {
     if (library[std::strcspn(library, " :")] == '\0')
@@ -56,7 +56,7 @@ bool can_be_preloaded(const char *library)
     return false;
 }
 
-// Puts the library before what is preloaded already.
+// Puts the library before those that are preloaded already.
 bool set_preload(const char *library)
 {
     const char *others = std::getenv("LD_PRELOAD");
@@ -79,7 +79,7 @@ int run(const char *config, char **program)
     if (attach(file) == nullptr)
         return kNoTables;
     if (!find_library(library)) {
-        std::fputs("vrkernel: libvrkernel.so is not to be found\n", stderr);
+        std::fputs("vrkernel: libvrkernel.so not found\n", stderr);
         return kNoTables;
     }
     if (!can_be_preloaded(library))
