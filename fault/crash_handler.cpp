@@ -33,6 +33,7 @@ extern "C" {
 namespace fault {
 
 int g_attach_signal = SIGALRM;
+std::atomic<std::size_t> g_fault_signal_count = kDefaultFaultSignals;
 
 namespace {
 
@@ -48,13 +49,14 @@ bool is_dump_request(int sig)
 
 bool is_fault_signal(int sig)
 {
-    return std::find(std::begin(kFaultSignals), std::end(kFaultSignals), sig) != std::end(kFaultSignals);
+    std::span<const int> signals = fault_signals();
+    return std::find(signals.begin(), signals.end(), sig) != signals.end();
 }
 
 // From here on a further fault, on any thread, ends the process.
 void reset_fault_signals()
 {
-    for (int sig : kFaultSignals)
+    for (int sig : fault_signals())
         ::signal(sig, SIG_DFL);
 }
 
@@ -78,8 +80,9 @@ public:
     {
         is_armed_ = true;
         armings_ = armings();
-        for (std::size_t i = 0; i < std::size(kFaultSignals); i++)
-            before_[i] = handler_of(kFaultSignals[i]);
+        signals_ = fault_signals();
+        for (std::size_t i = 0; i < signals_.size(); i++)
+            before_[i] = handler_of(signals_[i]);
     }
 
     // What a callback has set or armed meanwhile stands, as it would after an early reset.
@@ -87,9 +90,9 @@ public:
     {
         if (!is_armed_ || armings_ != armings())
             return;
-        for (std::size_t i = 0; i < std::size(kFaultSignals); i++) {
-            if (handler_of(kFaultSignals[i]) == before_[i])
-                ::signal(kFaultSignals[i], SIG_DFL);
+        for (std::size_t i = 0; i < signals_.size(); i++) {
+            if (handler_of(signals_[i]) == before_[i])
+                ::signal(signals_[i], SIG_DFL);
         }
     }
 
@@ -103,6 +106,7 @@ private:
 
     bool is_armed_ = false;
     int armings_ = 0;
+    std::span<const int> signals_;
     sighandler_t before_[std::size(kFaultSignals)] = {};
 };
 

@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstddef>
+#include <span>
 
 namespace fault {
 
@@ -13,8 +15,17 @@ namespace fault {
 inline constexpr int kDumpFileSignal = 51;
 inline constexpr int kBacktraceSignal = 52;
 
-// In the order in which they are reset.
-inline constexpr int kFaultSignals[] = {SIGBUS, SIGABRT, SIGSEGV, SIGILL};
+// In the order in which they are reset. The handler takes the first four; the others when a host asks for them.
+inline constexpr int kFaultSignals[] = {SIGBUS, SIGABRT, SIGSEGV, SIGILL, SIGFPE, SIGTRAP, SIGSYS};
+inline constexpr std::size_t kDefaultFaultSignals = 4;
+
+// How many of them the handler takes.
+extern std::atomic<std::size_t> g_fault_signal_count;
+
+inline std::span<const int> fault_signals()
+{
+    return {kFaultSignals, g_fault_signal_count.load(std::memory_order_relaxed)};
+}
 
 // A dump request even before any handler is armed. Written once the handler of another signal is in place.
 extern int g_attach_signal;

@@ -21,6 +21,7 @@ public:
     unsigned long frame_pointer() const;
     unsigned long fault_address() const;
     unsigned long state_word() const;
+    unsigned long first_argument() const; // the register that carries it, as saved
 
     unsigned long slot(unsigned index) const; // index 0 to 31
     static const char *slot_name(unsigned index);
@@ -28,6 +29,10 @@ public:
 private:
     const mcontext_t &machine_;
 };
+
+// Whether the bytes before `end` are a call instruction. Reads kLongestCall bytes.
+inline constexpr unsigned long kLongestCall = 8;
+bool ends_in_call(const unsigned char *end);
 
 // A return address as the processor jumps to it, without the signature that some put into its upper bits.
 unsigned long strip_signature(unsigned long return_address);

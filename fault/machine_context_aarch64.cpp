@@ -5,6 +5,7 @@
 #if defined(__aarch64__)
 
 #include <cstddef>
+#include <cstring>
 
 namespace fault {
 namespace {
@@ -58,6 +59,20 @@ unsigned long machine_context::slot(unsigned index) const
 const char *machine_context::slot_name(unsigned index)
 {
     return kNames[index];
+}
+
+unsigned long machine_context::first_argument() const
+{
+    return machine_.regs[0];
+}
+
+// BL, BLR, and BLR with a signed target.
+bool ends_in_call(const unsigned char *end)
+{
+    unsigned word;
+    std::memcpy(&word, end - sizeof word, sizeof word);
+    return (word & 0xFC000000u) == 0x94000000u || (word & 0xFFFFFC1Fu) == 0xD63F0000u ||
+           (word & 0xFEFFF800u) == 0xD63F0800u;
 }
 
 // XPACLRI by its hint number: an assembler for any revision takes it, and a processor without signatures skips it.

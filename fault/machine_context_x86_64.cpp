@@ -67,6 +67,35 @@ const char *machine_context::slot_name(unsigned index)
     return kSlots[index].name;
 }
 
+unsigned long machine_context::first_argument() const
+{
+    return saved(machine_, REG_RDI);
+}
+
+// CALL with a displacement, or through a register or memory (FF /2), whose second byte says how long it is.
+bool ends_in_call(const unsigned char *end)
+{
+    constexpr unsigned char kCall = 0xE8, kGroup5 = 0xFF;
+    constexpr int kCallSize = 5;
+    if (end[-kCallSize] == kCall)
+        return true;
+    for (int size = 2; size <= 7; size++) {
+        if (end[-size] != kGroup5)
+            continue;
+        unsigned mode = end[1 - size] >> 6, operation = end[1 - size] >> 3 & 7, base = end[1 - size] & 7;
+        int expected = 2;
+        if (mode != 3 && base == 4)
+            expected++; // a second byte for the address
+        if (mode == 1)
+            expected++;
+        else if (mode == 2 || (mode == 0 && base == 5))
+            expected += 4;
+        if (operation == 2 && expected == size)
+            return true;
+    }
+    return false;
+}
+
 unsigned long strip_signature(unsigned long return_address)
 {
     return return_address;

@@ -2,6 +2,7 @@
 // Object caches: pages of equal slots, a free list per page, a list of pages with free slots and one of full pages.
 #include "mcache.h"
 
+#include "fault/crash_notes.h"
 #include "strutil.h"
 
 #include <algorithm>
@@ -61,8 +62,11 @@ void *&link_of(void *object)
 }
 
 // The empty statement keeps the call from becoming a jump, so that the caller is in the backtrace.
-void fail(int code)
+void fail(int code, const mcache *cache, void *object)
 {
+    bool has_guard = code == 5 && cache != nullptr;
+    fault::note_cache_misuse({cache != nullptr ? cache->name : nullptr, code, reinterpret_cast<unsigned long>(object),
+                              has_guard ? *guard_of(cache, object) : 0});
     mcache_error(code);
     asm volatile("" ::: "memory");
 }
@@ -172,7 +176,7 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
 void *mcache_alloc(mcache *cache)
 {
     if (!cache)
-        fail(1);
+        fail(1, nullptr, nullptr);
     pthread_spin_lock(&cache->lock);
     while (!cache->partial_head) {
         const bool refilled = refill(cache);
@@ -184,10 +188,10 @@ void *mcache_alloc(mcache *cache)
     mcache_page *page = cache->partial_head;
     void *object = page->free_head;
     if (!object)
-        fail(2);
+        fail(2, cache, nullptr);
     slot_header *header = header_of(object);
     if (header->flags & kAllocated)
-        fail(3);
+        fail(3, cache, object);
     header->flags |= kAllocated;
     page->free_head = link_of(object);
     if (cache->obj_size == 0)
@@ -206,14 +210,14 @@ void mcache_free(mcache *cache, void *object)
     if (!object)
         return;
     if (!cache)
-        fail(1);
+        fail(1, nullptr, object);
     pthread_spin_lock(&cache->lock);
     slot_header *header = header_of(object);
     auto *page = reinterpret_cast<mcache_page *>(static_cast<char *>(object) - header->offset);
     if (page->magic != kMagic || page->owner != cache->id)
-        fail(4);
+        fail(4, cache, object);
     if (!(header->flags & kAllocated) || *guard_of(cache, object) != kGuard)
-        fail(5);
+        fail(5, cache, object);
     cache->in_use--;
     if (page->free_count + 1 == cache->objs_per_slab) {
         // Volatile: the store must reach memory although the block is freed next, or a stale pointer passes for good.

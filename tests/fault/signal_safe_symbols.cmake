@@ -2,8 +2,9 @@
 # backtraces run in ordinary code and are left out. Sanitizers add calls of their own.
 if(NOT LIBCOMMON_SANITIZE)
     set(port ${CMAKE_SYSTEM_PROCESSOR})
-    set(crash_path backtrace crash_handler crash_log hex_dump log_walk_${port} machine_context_${port} module_symbols
-        running_handlers safe_memory section_table signal_format stack_info)
+    set(crash_path backtrace crash_details crash_handler crash_log crash_notes hex_dump log_walk_${port}
+        machine_context_${port} module_report module_symbols running_handlers safe_memory section_table signal_format
+        stack_info stack_scan thread_report)
     list(TRANSFORM crash_path PREPEND "fault/")
     list(APPEND crash_path log/console_handler log/console_sigctx log/handler_format time/zone_offset)
     list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// module_report.h - the modules of the process by the kernel's mapping list, with their build ids. Signal-safe.
+#ifndef LIBCOMMON_FAULT_MODULE_REPORT_H
+#define LIBCOMMON_FAULT_MODULE_REPORT_H
+
+namespace fault {
+
+// Remembers what is loaded now. Another thread's call at the same time wins.
+void note_modules();
+
+// Writes a line for each module, then one for each that was noted earlier and is gone.
+void report_modules(int fd);
+
+} // namespace fault
+
+#endif

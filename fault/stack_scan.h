@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// stack_scan.h - return addresses on a stack, found without frame records. Signal-safe.
+#ifndef LIBCOMMON_FAULT_STACK_SCAN_H
+#define LIBCOMMON_FAULT_STACK_SCAN_H
+
+#include "fault/safe_memory.h"
+
+namespace fault {
+
+// Whether the word is an address in an executable mapping, right after a call instruction. Words that were left on the
+// stack by calls that have returned are among those found.
+bool follows_call(safe_memory *code, unsigned long address);
+
+// Calls `visit(place, address)` for each such word in [from, to), lowest first, until it returns false.
+template <typename Visit>
+void scan_stack(safe_memory *stack, safe_memory *code, unsigned long from, unsigned long to, Visit visit)
+{
+    for (unsigned long place = from & ~(sizeof from - 1); place < to; place += sizeof place) {
+        unsigned long word;
+        if (!stack->load(place, &word))
+            return;
+        if (follows_call(code, word) && !visit(place, word))
+            return;
+    }
+}
+
+} // namespace fault
+
+#endif
