@@ -81,6 +81,67 @@ void add_link_register(const crash_log &log, const module_map &modules, std::vec
     frames->insert(frames->begin() + (has_pc ? 1 : 0), std::move(frame));
 }
 
+// Where on the stack the walk took each frame's return address from: behind the link of the frame before.
+std::vector<std::uint64_t> places_of(const std::vector<explained_frame> &frames)
+{
+    constexpr std::uint64_t kReturnAddressOffset = 8;
+    std::vector<std::uint64_t> places;
+    std::uint64_t record = 0;
+    for (const explained_frame &frame : frames) {
+        bool is_record = frame.origin == frame_origin::frame_record && record != 0;
+        places.push_back(is_record ? record + kReturnAddressOffset : 0);
+        record = frame.logged.frame_address;
+    }
+    return places;
+}
+
+// What the details found on the stack and the walk does not have, in its place between the frames.
+void add_found_words(const crash_log &log, const module_map &modules, std::vector<explained_frame> *frames)
+{
+    if (!log.details)
+        return;
+    constexpr std::size_t kMaxAdded = 24;
+    std::vector<std::uint64_t> places = places_of(*frames);
+    std::vector<explained_frame> merged;
+    std::size_t next = 0;
+    std::size_t added = 0;
+    for (const found_word &word : log.details->found) {
+        bool is_in_walk = std::any_of(frames->begin(), frames->end(), [&word](const explained_frame &frame) {
+            return frame.logged.code.address == word.address;
+        });
+        const used_module *module = modules.module_at(word.address);
+        if (is_in_walk || module == nullptr || added == kMaxAdded)
+            continue;
+        while (next < frames->size() && places[next] < word.place)
+            merged.push_back(std::move((*frames)[next++]));
+        explained_frame frame;
+        frame.origin = log.sp == word.place ? frame_origin::stack_top : frame_origin::stack_scan;
+        frame.logged.code.address = word.address;
+        frame.where = modules.resolve(word.address, true);
+        merged.push_back(std::move(frame));
+        added++;
+    }
+    while (next < frames->size())
+        merged.push_back(std::move((*frames)[next++]));
+    *frames = std::move(merged);
+}
+
+std::vector<explained_thread> explain_threads(const crash_log &log, const module_map &modules)
+{
+    std::vector<explained_thread> threads;
+    if (!log.details)
+        return threads;
+    for (const detailed_thread &thread : log.details->threads) {
+        explained_thread explained{thread, {}, {}};
+        if (thread.pc)
+            explained.at = modules.resolve(*thread.pc, false);
+        for (const found_word &word : thread.found)
+            explained.calls.push_back(modules.resolve(word.address, true));
+        threads.push_back(std::move(explained));
+    }
+    return threads;
+}
+
 // Recursion to the end of the stack fills the walk with one frame.
 void collapse_repeats(std::vector<explained_frame> *frames)
 {
@@ -100,8 +161,13 @@ bool is_named(const explained_frame &frame, std::string_view name)
 {
     if (frame.logged.code.symbol == name)
         return true;
+    // The C library's inner names of its own functions.
+    constexpr std::string_view kInner = "__GI_";
     return std::any_of(frame.where.frames.begin(), frame.where.frames.end(), [&](const source_frame &f) {
-        return f.function == name || f.function.starts_with(std::string(name) + '(');
+        std::string_view function = f.function;
+        if (function.starts_with(kInner))
+            function.remove_prefix(kInner.size());
+        return function == name || (function.starts_with(name) && function.substr(name.size()).starts_with('('));
     });
 }
 
@@ -145,13 +211,17 @@ std::string cache_rule(const std::vector<explained_frame> &frames)
     return {};
 }
 
-bool explain_by_function(const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+bool explain_by_function(const crash_log &log, const std::vector<explained_frame> &frames,
+                         std::vector<std::string> *causes)
 {
     for (const known_function &known : kEndings) {
         if (find_function(frames, known.name) == nullptr)
             continue;
         std::string text = known.meaning;
-        if (std::strcmp(known.name, "mcache_error") == 0)
+        bool is_cache = std::strcmp(known.name, "mcache_error") == 0;
+        if (is_cache && log.details && log.details->misuse)
+            return true; // said exactly already
+        if (is_cache)
             text += cache_rule(frames);
         causes->push_back(std::move(text));
         return true;
@@ -215,9 +285,15 @@ void explain_poisoned_registers(const crash_log &log, std::vector<std::string> *
 }
 
 // A jump is told from a bad access by the program counter, which lies in no code.
-bool explain_jump(const crash_log &log, const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+bool explain_jump(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
+                  std::vector<std::string> *causes)
 {
     bool has_pc = !frames.empty() && frames.front().origin == frame_origin::program_counter;
+    const used_module *gone = log.pc ? modules.module_at(*log.pc) : nullptr;
+    if (gone != nullptr && gone->is_gone) {
+        causes->push_back("The code at " + hex(*log.pc) + " is gone: " + gone->logged_path + " was unloaded.");
+        return true;
+    }
     bool is_jump = log.pc && (*log.pc < kNullRange || (log.fault && *log.pc == *log.fault) || !has_pc);
     if (!is_jump)
         return false;
@@ -230,6 +306,23 @@ bool explain_jump(const crash_log &log, const std::vector<explained_frame> &fram
                           from + ".");
     else
         causes->push_back("Jump through a wild pointer, to " + hex(*log.pc) + ", which is no code" + from + ".");
+    return true;
+}
+
+// The kernel's mapping of the stack says more than distances do.
+bool explain_stack_by_range(const crash_log &log, const std::vector<explained_frame> &frames,
+                            std::vector<std::string> *causes)
+{
+    constexpr std::uint64_t kGuardReach = 1 << 16;
+    const log_details *details = log.details ? &*log.details : nullptr;
+    if (details == nullptr || !details->stack_start || !log.fault || !log.sp)
+        return false;
+    bool is_below = *log.fault < *details->stack_start && *details->stack_start - *log.fault <= kGuardReach;
+    bool is_sp_at_end = *log.sp < *details->stack_start + kGuardReach;
+    if (!is_below || !is_sp_at_end)
+        return false;
+    causes->push_back("Stack overflow: " + hex(*log.fault) + " lies below the stack, which begins at " +
+                      hex(*details->stack_start) + (frames.empty() ? "" : quoted_function(frames.front())) + ".");
     return true;
 }
 
@@ -250,9 +343,11 @@ bool explain_stack(const crash_log &log, const std::vector<explained_frame> &fra
     return true;
 }
 
-void explain_access(const crash_log &log, const std::vector<explained_frame> &frames, std::vector<std::string> *causes)
+void explain_access(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
+                    std::vector<std::string> *causes)
 {
-    if (!log.fault || explain_jump(log, frames, causes) || explain_stack(log, frames, causes))
+    if (!log.fault || explain_stack_by_range(log, frames, causes) || explain_jump(log, frames, modules, causes) ||
+        explain_stack(log, frames, causes))
         return;
     std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
     bool may_be_hidden = log.from == machine::x86_64 && *log.fault == 0 &&
@@ -275,16 +370,21 @@ void explain_access(const crash_log &log, const std::vector<explained_frame> &fr
     explain_poisoned_registers(log, causes);
 }
 
-void explain_fatal_signal(const crash_log &log, const std::vector<explained_frame> &frames,
+bool is_division(const crash_log &log)
+{
+    return !log.details || !log.details->code || *log.details->code == FPE_INTDIV;
+}
+
+void explain_fatal_signal(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
                           std::vector<std::string> *causes)
 {
-    if (explain_by_function(frames, causes))
+    if (explain_by_function(log, frames, causes))
         return;
     std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
     switch (log.signal.value_or(0)) {
     case SIGSEGV:
     case SIGBUS:
-        explain_access(log, frames, causes);
+        explain_access(log, frames, modules, causes);
         break;
     case SIGILL:
         causes->push_back("An instruction that the processor does not have, or a trap" + where + ".");
@@ -293,7 +393,7 @@ void explain_fatal_signal(const crash_log &log, const std::vector<explained_fram
         causes->push_back("A trap instruction" + where + ".");
         break;
     case SIGFPE:
-        causes->push_back("An arithmetic error, most often a division by 0" + where + ".");
+        causes->push_back((is_division(log) ? "A whole number was divided by 0" : "An arithmetic error") + where + ".");
         break;
     case SIGABRT:
         causes->push_back("The process called abort(), or was sent the signal" + where + ".");
@@ -303,12 +403,59 @@ void explain_fatal_signal(const crash_log &log, const std::vector<explained_fram
     }
 }
 
-std::vector<std::string> explain_causes(const crash_log &log, const std::vector<explained_frame> &frames)
+std::string describe_misuse(const cache_misuse &misuse)
+{
+    constexpr std::uint64_t kGuard = 0xDEADDEADDEADDEAD;
+    std::string object = misuse.object != 0 ? " of object " + hex(misuse.object) : std::string();
+    std::string where = "Object cache \"" + misuse.cache + "\": ";
+    switch (misuse.code) {
+    case 1:
+        return "An object cache was used through a null pointer.";
+    case 2:
+        return where + "a page with free slots has an empty free list (code 2): freed memory was written to.";
+    case 3:
+        return where + "a slot of the free list is allocated (code 3)" + object + ": freed memory was written to.";
+    case 4:
+        return where + "a pointer was freed that is none of its objects (code 4)" + object + ".";
+    case 5:
+        if (misuse.guard == kGuard)
+            return where + "double free" + object + " (code 5).";
+        return where + "overrun" + object + " (code 5): the guard word behind it holds " + hex(misuse.guard) + ".";
+    default:
+        return where + "code " + std::to_string(misuse.code) + object + ".";
+    }
+}
+
+// What the process knew itself.
+void explain_by_details(const crash_log &log, std::vector<std::string> *causes)
+{
+    if (!log.details)
+        return;
+    const log_details &details = *log.details;
+    for (const std::string &circle : details.deadlocks)
+        causes->push_back("Deadlock: thread " + circle + ".");
+    bool is_foreign = details.sender && details.pid && *details.sender != *details.pid;
+    if (is_foreign && log.kind != log_kind::term)
+        causes->push_back("Process " + std::to_string(*details.sender) + " of user " +
+                          std::to_string(details.sender_uid.value_or(0)) + " sent the signal.");
+    if (!details.abort_message.empty())
+        causes->push_back("The C library said: " + details.abort_message);
+    if (details.misuse)
+        causes->push_back(describe_misuse(*details.misuse));
+    for (const auto &[thread, note] : details.notes) {
+        if (details.tid == thread)
+            causes->push_back("The thread's note: " + note);
+    }
+}
+
+std::vector<std::string> explain_causes(const crash_log &log, const std::vector<explained_frame> &frames,
+                                        const module_map &modules)
 {
     std::vector<std::string> causes;
+    explain_by_details(log, &causes);
     switch (log.kind) {
     case log_kind::coredump:
-        explain_fatal_signal(log, frames, &causes);
+        explain_fatal_signal(log, frames, modules, &causes);
         break;
     case log_kind::attach:
         causes.push_back("A dump was requested; the process went on.");
@@ -468,8 +615,10 @@ analysis explain(std::string_view text, const std::string &file_name, symbolizer
         result.modules = symbols->load(log, references_of(log));
         result.frames = explain_frames(log, result.modules);
         add_link_register(log, result.modules, &result.frames);
-        result.causes = explain_causes(log, result.frames);
+        add_found_words(log, result.modules, &result.frames);
+        result.causes = explain_causes(log, result.frames, result.modules);
         collapse_repeats(&result.frames);
+        result.threads = explain_threads(log, result.modules);
         result.registers = explain_registers(log, result.modules);
     }
     result.headline = make_headline(log);
@@ -480,9 +629,11 @@ analysis explain(std::string_view text, const std::string &file_name, symbolizer
 
 std::string describe(const resolved_address &where)
 {
-    if (where.frames.empty())
-        return {};
-    const source_frame &frame = where.frames.front();
+    return where.frames.empty() ? std::string() : describe(where.frames.front());
+}
+
+std::string describe(const source_frame &frame)
+{
     std::string text = frame.function;
     if (!frame.file.empty()) {
         text += text.empty() ? "" : " at ";

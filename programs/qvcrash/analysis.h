@@ -15,6 +15,8 @@ enum class frame_origin {
     program_counter, // where the thread was
     frame_record,    // a return address of the walk
     link_register,   // the register that holds a return address; the walk does not see it
+    stack_top,       // the word at the stack pointer follows a call: a function that has no frame yet was called there
+    stack_scan,      // another word of the stack that follows a call; it may be left over from an earlier call
 };
 
 struct explained_frame {
@@ -37,6 +39,12 @@ struct explained_group { // of a trace of allocations
     std::uint64_t bytes = 0;
 };
 
+struct explained_thread {
+    detailed_thread thread;
+    resolved_address at;
+    std::vector<resolved_address> calls; // as found on its stack
+};
+
 struct explained_line { // of a text with code references
     std::string text;
     std::vector<resolved_address> where;
@@ -49,6 +57,7 @@ struct analysis {
     std::vector<std::string> causes; // what happened, the surest first
     std::vector<explained_frame> frames;
     std::vector<explained_register> registers; // those that point into a module
+    std::vector<explained_thread> threads;     // all of the process, where the log has details
     std::vector<explained_group> groups;
     std::vector<explained_line> lines;
     std::vector<std::string> remarks; // what the reader should know of the log and the files
@@ -59,6 +68,9 @@ struct analysis {
 analysis explain(std::string_view text, const std::string &file_name, symbolizer *symbols);
 
 /** "function at file:line", or as much of it as is known. */
+std::string describe(const source_frame &frame);
+
+/** The same of the innermost function there. */
 std::string describe(const resolved_address &where);
 
 /** "SIGSEGV (Segmentation fault)". */

@@ -348,6 +348,9 @@ private:
         }
         log_.host_text = rest_.substr(0, tail);
         log_.tail = rest_.substr(tail);
+        log_.details = take_details(&log_.host_text);
+        if (log_.details && !log_.details->is_complete)
+            problem("the details are cut short");
     }
 
     void note_reference(std::string_view line)

@@ -7,7 +7,8 @@
 #ifndef QVCRASH_CRASH_LOG_H
 #define QVCRASH_CRASH_LOG_H
 
-#include <array>
+#include "details.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -63,8 +64,9 @@ struct crash_log {
     std::vector<logged_frame> frames;
     std::optional<std::uint64_t> stack_bottom; // absent in a log cut short
 
-    std::string host_text; // what callbacks appended
-    std::string tail;      // the rest of an older, longer log under this one
+    std::string host_text; // what the host's callbacks appended
+    std::optional<log_details> details;
+    std::string tail; // the rest of an older, longer log under this one
     std::vector<std::string> problems;
 };
 

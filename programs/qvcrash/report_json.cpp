@@ -46,6 +46,10 @@ const char *name_of(frame_origin origin)
         return "program-counter";
     case frame_origin::link_register:
         return "link-register";
+    case frame_origin::stack_top:
+        return "stack-top";
+    case frame_origin::stack_scan:
+        return "stack-scan";
     case frame_origin::frame_record:
         break;
     }
@@ -133,6 +137,38 @@ json registers_of(const analysis &result)
     return registers;
 }
 
+json threads_of(const analysis &result)
+{
+    json threads = json::array();
+    for (const explained_thread &explained : result.threads) {
+        const detailed_thread &thread = explained.thread;
+        json entry = {{"id", thread.id}, {"state", std::string(1, thread.state)}, {"name", thread.name}};
+        if (thread.system_call)
+            entry["system_call"] = *thread.system_call;
+        if (thread.waits_at)
+            entry["waits_at"] = hex(*thread.waits_at);
+        if (thread.owner)
+            entry["waits_for"] = *thread.owner;
+        json calls = json::array();
+        for (const resolved_address &call : explained.calls) {
+            json place = json::object();
+            add_place(call, &place);
+            calls.push_back(std::move(place));
+        }
+        entry["calls"] = std::move(calls);
+        threads.push_back(std::move(entry));
+    }
+    return threads;
+}
+
+json notes_of(const log_details &details)
+{
+    json notes = json::array();
+    for (const auto &[thread, note] : details.notes)
+        notes.push_back({{"thread", thread}, {"text", note}});
+    return notes;
+}
+
 template <typename Number>
 json number_or_null(const std::optional<Number> &number)
 {
@@ -166,6 +202,19 @@ std::string report_json(const analysis &result)
         object["groups"] = groups_of(result);
     if (log.kind == log_kind::text)
         object["lines"] = lines_of(result);
+    if (log.details) {
+        object["details"] = {{"complete", log.details->is_complete},
+                             {"time", number_or_null(log.details->time)},
+                             {"program", log.details->program},
+                             {"thread_name", log.details->thread_name},
+                             {"abort_message", log.details->abort_message},
+                             {"notes", notes_of(*log.details)},
+                             {"deadlocks", log.details->deadlocks},
+                             {"threads", threads_of(result)},
+                             {"stack", log.details->stack},
+                             {"code", log.details->code_bytes},
+                             {"lines", log.details->lines}};
+    }
     object["host_text"] = log.host_text;
     object["tail_bytes"] = log.tail.size();
     object["remarks"] = result.remarks;

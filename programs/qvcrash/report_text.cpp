@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 namespace qvcrash {
 namespace {
@@ -50,6 +51,8 @@ public:
         write_groups();
         write_lines();
         write_registers();
+        write_threads();
+        write_details();
         write_host_text();
         write_remarks();
         return std::move(text_);
@@ -93,6 +96,22 @@ private:
             is_first = false;
         }
         line("         " + printable(place_of(frame.logged.code, frame.where)));
+    }
+
+    static std::string note_of(frame_origin origin)
+    {
+        switch (origin) {
+        case frame_origin::link_register:
+            return "  (probable caller, from the link register)";
+        case frame_origin::stack_top:
+            return "  (probable caller, from the top of the stack)";
+        case frame_origin::stack_scan:
+            return "  (found on the stack)";
+        case frame_origin::program_counter:
+        case frame_origin::frame_record:
+            break;
+        }
+        return {};
     }
 
     // "/usr/sbin/routed+0x301f", or as much as the log has.
@@ -175,6 +194,56 @@ private:
                           static_cast<unsigned long long>(known.value));
             line(printable(label + text));
         }
+    }
+
+    // The first function of a thread is mostly the C library's; those that called it say what the thread is at.
+    void write_threads()
+    {
+        constexpr std::size_t kMaxCalls = 6;
+        if (result_.threads.size() < 2)
+            return;
+        line("\n  threads");
+        for (const explained_thread &explained : result_.threads) {
+            const detailed_thread &thread = explained.thread;
+            std::string text = "    " + std::to_string(thread.id) + ' ' + thread.state + ' ' + printable(thread.name);
+            if (thread.owner)
+                text += ": waits for thread " + std::to_string(*thread.owner);
+            line(text);
+            std::size_t shown = 0;
+            for (const resolved_address &call : explained.calls) {
+                if (call.frames.empty() || shown == kMaxCalls)
+                    continue;
+                for (const source_frame &source : call.frames)
+                    line("      " + printable(describe(source)));
+                shown++;
+            }
+        }
+    }
+
+    void write_details()
+    {
+        if (!result_.log.details)
+            return;
+        const log_details &details = *result_.log.details;
+        line("\n  details");
+        if (details.time)
+            line("    at " + date_time(*details.time));
+        if (!details.program.empty())
+            line("    program " + printable(details.program));
+        for (const auto &[thread, note] : details.notes)
+            line("    note of thread " + std::to_string(thread) + ": " + printable(note));
+        for (const std::string &text : details.lines)
+            line("    " + printable(text));
+    }
+
+    static std::string date_time(std::int64_t seconds)
+    {
+        std::time_t when = seconds;
+        std::tm utc;
+        char text[64];
+        if (::gmtime_r(&when, &utc) == nullptr || std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc) == 0)
+            return std::to_string(seconds);
+        return text;
     }
 
     void write_host_text()

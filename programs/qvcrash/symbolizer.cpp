@@ -71,7 +71,9 @@ void check_calls(const crash_log &log, const std::vector<code_reference> &refere
 
 bool used_module::contains(std::uint64_t address) const
 {
-    return file != nullptr && bias && address >= *bias && address - *bias < file->image_end();
+    if (!bias || address < *bias)
+        return false;
+    return end != 0 ? address < end : file != nullptr && address - *bias < file->image_end();
 }
 
 used_module *module_map::by_path(const std::string &path) const
@@ -82,8 +84,16 @@ used_module *module_map::by_path(const std::string &path) const
 
 const used_module *module_map::module_at(std::uint64_t address) const
 {
-    auto found = std::find_if(modules_.begin(), modules_.end(), [&](const auto &m) { return m->contains(address); });
-    return found != modules_.end() ? found->get() : nullptr;
+    // What is loaded there now comes before what was.
+    const used_module *gone = nullptr;
+    for (const auto &module : modules_) {
+        if (!module->contains(address))
+            continue;
+        if (!module->is_gone)
+            return module.get();
+        gone = module.get();
+    }
+    return gone;
 }
 
 // A return address may lie behind the last instruction of its function; the call itself does not.
@@ -101,9 +111,11 @@ resolved_address module_map::look_up(const used_module *module, std::uint64_t ad
 
 resolved_address module_map::resolve(const code_reference &code, bool is_return_address) const
 {
-    if (code.file.empty())
-        return resolve(code.address, is_return_address);
-    return look_up(by_path(code.file), code.address, is_return_address);
+    // The loader's name of the program may be any; its place is better.
+    const used_module *module = module_at(code.address);
+    if (module == nullptr && !code.file.empty())
+        module = by_path(code.file);
+    return look_up(module, code.address, is_return_address);
 }
 
 resolved_address module_map::resolve(std::uint64_t address, bool is_return_address) const
@@ -169,8 +181,13 @@ symbolizer::opened symbolizer::search(const std::string &path, const std::string
     return {};
 }
 
-const symbolizer::opened &symbolizer::open(const std::string &path, const std::string &process)
+const symbolizer::opened &symbolizer::open(const std::string &logged_path, const std::string &process)
 {
+    // The kernel marks a file that was replaced while it ran.
+    constexpr std::string_view kDeleted = " (deleted)";
+    std::string path = logged_path;
+    if (path.ends_with(kDeleted))
+        path.resize(path.size() - kDeleted.size());
     bool is_absolute = path.starts_with('/');
     std::string key = is_absolute ? path : path + '\n' + process;
     auto found = cache_.find(key);
@@ -188,29 +205,56 @@ const symbolizer::opened &symbolizer::open(const std::string &path, const std::s
     return cache_.emplace(std::move(key), std::move(result)).first->second;
 }
 
-module_map symbolizer::load(const crash_log &log, const std::vector<code_reference> &references)
+used_module *symbolizer::add_module(const std::string &path, const crash_log &log, module_map *map)
 {
-    module_map map;
+    const opened &found = open(path, log.process);
+    map->modules_.push_back(std::make_unique<used_module>());
+    used_module *module = map->modules_.back().get();
+    module->logged_path = path;
+    module->found_path = found.found_path;
+    module->file = found.file.get();
+    module->sameness = module->file != nullptr ? identity::unknown : identity::missing;
+    if (module->file != nullptr && log.from != machine::unknown && module->file->built_for() != log.from)
+        module->sameness = identity::differs;
+    return module;
+}
+
+// From the details: paths, places and build ids of all modules.
+void symbolizer::load_listed(const crash_log &log, module_map *map)
+{
+    for (const detailed_module &listed : log.details->modules) {
+        used_module *module = add_module(listed.path, log, map);
+        module->bias = listed.bias;
+        module->end = listed.end;
+        module->is_gone = listed.is_gone;
+        if (module->file != nullptr && !listed.build_id.empty())
+            module->sameness = module->file->build_id() == listed.build_id ? identity::same : identity::differs;
+    }
+}
+
+// From the backtrace: the modules that it names, with the biases that its symbols and offsets imply.
+void symbolizer::load_named(const crash_log &log, const std::vector<code_reference> &references, module_map *map)
+{
     for (const code_reference &code : references) {
         if (code.file.empty())
             continue;
-        used_module *module = map.by_path(code.file);
-        if (module == nullptr) {
-            const opened &found = open(code.file, log.process);
-            map.modules_.push_back(std::make_unique<used_module>());
-            module = map.modules_.back().get();
-            module->logged_path = code.file;
-            module->found_path = found.found_path;
-            module->file = found.file.get();
-            module->sameness = module->file != nullptr ? identity::unknown : identity::missing;
-            if (module->file != nullptr && log.from != machine::unknown && module->file->built_for() != log.from)
-                module->sameness = identity::differs;
-        }
+        used_module *module = map->by_path(code.file);
+        if (module == nullptr)
+            module = add_module(code.file, log, map);
         if (!note_bias(code, module) && module->file != nullptr)
             module->sameness = identity::differs;
     }
-    for (const auto &module : map.modules_)
+    for (const auto &module : map->modules_)
         check_calls(log, references, module.get());
+}
+
+module_map symbolizer::load(const crash_log &log, const std::vector<code_reference> &references)
+{
+    module_map map;
+    if (log.details && !log.details->modules.empty())
+        load_listed(log, &map);
+    else
+        load_named(log, references, &map);
     return map;
 }
 

@@ -37,6 +37,8 @@ struct used_module {
     module_file *file = nullptr;
     identity sameness = identity::missing;
     std::optional<std::uint64_t> bias;
+    std::uint64_t end = 0; // in the process; 0 when only the file knows
+    bool is_gone = false;  // it was unloaded before the crash
 
     // Whether an address of the process lies in it.
     bool contains(std::uint64_t address) const;
@@ -91,6 +93,9 @@ private:
     };
 
     const opened &open(const std::string &path, const std::string &process);
+    used_module *add_module(const std::string &path, const crash_log &log, module_map *map);
+    void load_listed(const crash_log &log, module_map *map);
+    void load_named(const crash_log &log, const std::vector<code_reference> &references, module_map *map);
     opened try_open(const root_folder &root, const std::string &path);
     opened search(const std::string &path, const std::string &process);
 

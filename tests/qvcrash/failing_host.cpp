@@ -1,16 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 // failing_host FAILURE - a host that fails in one of the ways that are seen in the field. A comment marks each line
 // that an explained log has to name.
+#include <crash_details.h>
+#include <cxx/crash_note.hpp>
 #include <mcache.h>
 #include <sighandler.h>
 #include <stimer.h>
 
+#undef NDEBUG
+#include <atomic>
 #include <cassert>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
+#include <mutex>
 #include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+
+QV_CRASH_DETAILS;
 
 namespace {
 
@@ -91,13 +102,92 @@ inline __attribute__((always_inline)) void inlined_store(int *pointer)
     keep_frame();
 }
 
+[[gnu::noinline]] void throw_exception()
+{
+    throw std::runtime_error("no route"); // line: uncaught exception
+}
+
+volatile int no_sessions;
+
+[[gnu::noinline]] int divide(int value)
+{
+    int share = value / no_sessions; // line: division
+    keep_frame();
+    return share;
+}
+
+[[gnu::noinline]] int overflow(int depth)
+{
+    char volatile room[1024];
+    room[0] = static_cast<char>(depth);
+    return depth < 0 ? 0 : overflow(depth + 1) + room[0]; // line: stack overflow
+}
+
+[[gnu::noinline]] void overrun()
+{
+    mcache *cache = mcache_create("sessions", 64, nullptr, 0, 1);
+    void *object = mcache_alloc(cache);
+    mcache_alloc(cache);
+    std::memset(object, 0x11, 80);
+    mcache_free(cache, object); // line: overrun
+    keep_frame();
+}
+
+std::mutex first_lock, second_lock;
+std::atomic<int> locks_held;
+
+[[gnu::noinline]] void lock_both(std::mutex &own, std::mutex &other)
+{
+    own.lock();
+    locks_held++;
+    while (locks_held < 2)
+        std::this_thread::yield();
+    other.lock(); // line: deadlock
+    keep_frame();
+}
+
+// A watchdog ends the process when its threads make no progress.
+[[gnu::noinline]] void watch_deadlock()
+{
+    std::thread([] { lock_both(first_lock, second_lock); }).detach();
+    std::thread([] { lock_both(second_lock, first_lock); }).detach();
+    while (locks_held < 2)
+        std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    give_up();
+}
+
+[[gnu::noinline]] void run_out_of_memory()
+{
+    rlimit small = {256 << 20, 256 << 20};
+    ::setrlimit(RLIMIT_AS, &small);
+    for (;;) {
+        auto *s = static_cast<session *>(std::malloc(1 << 20));
+        s->count = 1; // line: out of memory
+        keep_frame();
+    }
+}
+
+// The code of a plug-in that is no more.
+[[gnu::noinline]] void call_unloaded(const char *path)
+{
+    void *plugin = ::dlopen(path, RTLD_NOW);
+    auto function = reinterpret_cast<void (*)()>(::dlsym(plugin, "plugin_run"));
+    qv_crash_note_modules();
+    ::dlclose(plugin);
+    function(); // line: unloaded plug-in
+    keep_frame();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc != 2)
+    if (argc < 2)
         return 2;
     install_sighandler();
+    qv_crash_more_signals();
+    qv::note_uncaught_exceptions();
     session poisoned;
     std::memset(&poisoned, 0x5A, sizeof poisoned);
     long no_object[2] = {0x1234567812345678, 0};
@@ -120,6 +210,20 @@ int main(int argc, char **argv)
         give_up();
     else if (std::strcmp(failure, "assert") == 0)
         check(argc);
+    else if (std::strcmp(failure, "exception") == 0)
+        throw_exception();
+    else if (std::strcmp(failure, "division") == 0)
+        divide(argc);
+    else if (std::strcmp(failure, "stack-overflow") == 0)
+        overflow(0);
+    else if (std::strcmp(failure, "overrun") == 0)
+        overrun();
+    else if (std::strcmp(failure, "deadlock") == 0)
+        watch_deadlock();
+    else if (std::strcmp(failure, "out-of-memory") == 0)
+        run_out_of_memory();
+    else if (std::strcmp(failure, "unloaded-plugin") == 0)
+        call_unloaded(argv[2]);
     else if (std::strcmp(failure, "dump") == 0)
         std::raise(52);
     return 3;

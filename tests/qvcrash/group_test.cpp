@@ -4,8 +4,8 @@
 
 #include "support/support.h"
 
-#include <nlohmann/json.hpp>
 #include <fcntl.h>
+#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 using namespace support;
