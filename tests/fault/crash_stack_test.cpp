@@ -177,6 +177,8 @@ TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
 
 TEST(SignalStack, HasTheStatedSizeAndAGuardBelow)
 {
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
     static char *bottom;
     ChildResult child = named_child([] {
         EXPECT_EQ(qv_use_signal_stack(), 0);
@@ -216,6 +218,8 @@ void *use_stack(void *)
 
 TEST(SignalStack, IsFreedAtTheEndOfTheThread)
 {
+    if (under_sanitizer())
+        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
     ChildResult child = named_child([] {
         run_thread(use_stack);
         std::size_t before = mappings();
