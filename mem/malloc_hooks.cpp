@@ -49,20 +49,59 @@ void install_old(const hook_set &set)
     store(old_realloc_hook, set.realloc);
 }
 
-put_aside::put_aside() : found_(current()), below_(old())
+namespace {
+
+// The threads that have put hooks aside, and which hooks.
+constinit threads::set hiders;
+hook_set hidden;
+
+bool has_ours(const hook_set &set)
 {
-    if (is_ours(below_.malloc)) // from one SIGUSR2 to the next
-        below_ = {};
-    if (is_ours(found_.malloc) || is_ours(found_.free) || is_ours(found_.realloc))
-        install(below_);
-    else
-        found_ = below_;
+    return is_ours(set.malloc) || is_ours(set.free) || is_ours(set.realloc);
+}
+
+hook_set below_ours()
+{
+    hook_set set = old();
+    return has_ours(set) ? hook_set{} : set; // ours are the old ones from one SIGUSR2 to the next
+}
+
+} // namespace
+
+put_aside::put_aside() : found_(current()), below_(below_ours()), hides_(has_ours(found_))
+{
+    if (!hides_)
+        return;
+    hidden = found_;
+    hiders.insert_self();
+    install(below_);
 }
 
 put_aside::~put_aside()
 {
+    if (!hides_)
+        return;
     if (current() == below_)
         install(found_);
+    hiders.remove_self();
+}
+
+void put_back_in_child()
+{
+    if (hiders.is_empty())
+        return;
+    hiders.keep_only_self();
+    if (!hiders.is_empty() || !has_ours(hidden))
+        return;
+    // One by one: the thread may have been in the middle of either exchange.
+    auto put_back = [](auto &variable, auto below, auto hook) {
+        if (is(variable, below))
+            store(variable, hook);
+    };
+    hook_set below = below_ours();
+    put_back(__malloc_hook, below.malloc, hidden.malloc);
+    put_back(__free_hook, below.free, hidden.free);
+    put_back(__realloc_hook, below.realloc, hidden.realloc);
 }
 
 bool is_ours(malloc_fn hook)
@@ -162,6 +201,7 @@ void after_fork_in_parent()
 void after_fork_in_child()
 {
     hooks::inside.keep_only_self();
+    hooks::put_back_in_child();
     light::after_fork_in_child();
     full::after_fork_in_child();
     trace_file::after_fork_in_child();

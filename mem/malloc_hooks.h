@@ -101,7 +101,11 @@ private:
     inside_scope inside_;
     hook_set found_;
     hook_set below_;
+    bool hides_;
 };
+
+// In a forked child: puts back what a thread had put aside that is not in the child.
+void put_back_in_child();
 
 // ---- the allocator below ----
 

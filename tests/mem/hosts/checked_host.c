@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A host whose malloc() asks the hook variables as the library's does: the C library's checker is preloaded. Prints
- * "good". */
+ * "good".
+ *   checked_host FORKS */
 #include <qv_mtrace.h>
 
 #include <malloc.h>
@@ -8,7 +9,8 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 static void *allocate(void *arg)
 {
@@ -20,7 +22,39 @@ static void *allocate(void *arg)
     return arg;
 }
 
-int main(void)
+static volatile int stop;
+
+static void *allocate_on(void *arg)
+{
+    while (!stop)
+        free(malloc(50));
+    return arg;
+}
+
+/* Whether children that are forked while another thread allocates go on counting. */
+static int children_count(int forks)
+{
+    pthread_t thread;
+    int good = 1;
+    pthread_create(&thread, NULL, allocate_on, NULL);
+    for (int i = 0; i < forks && good; i++) {
+        pid_t child = fork();
+        if (child == 0) {
+            mtrace_stat_record before, after;
+            qv_mtrace_stat_min(&before);
+            free(malloc(20));
+            qv_mtrace_stat_min(&after);
+            _exit(after.light_allocs != before.light_allocs + 1);
+        }
+        int status = -1;
+        good = waitpid(child, &status, 0) == child && status == 0;
+    }
+    stop = 1;
+    pthread_join(thread, NULL);
+    return good;
+}
+
+int main(int argc, char **argv)
 {
     mtrace_stat_record before, after;
     qv_mtrace_stat_min(&before);
@@ -38,6 +72,9 @@ int main(void)
         pthread_create(&threads[i], NULL, allocate, NULL);
     for (int i = 0; i < 3; i++)
         pthread_join(threads[i], NULL);
+
+    if (!children_count(atoi(argv[argc - 1])))
+        return puts("a child does not count"), 1;
 
     unsigned counters[7];
     time_wait = 0;

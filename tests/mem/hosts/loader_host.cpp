@@ -18,8 +18,9 @@
 
 namespace {
 
-// More than the loader makes room for in advance: it allocates for each thread's table of them.
-constexpr int kPlugins = 24;
+// More than the loader has room for in its first table, and in those of threads: it allocates others with its locks
+// held.
+constexpr int kPlugins = 100;
 
 std::atomic<bool> stop;
 std::string plugin;
