@@ -3,6 +3,7 @@
 #ifndef LIBCOMMON_BASE_UNIQUE_FD_H
 #define LIBCOMMON_BASE_UNIQUE_FD_H
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 
 #include <unistd.h>
@@ -10,7 +11,8 @@
 
 namespace base {
 
-// Signal-safe. A process may run with descriptors 0 to 2 closed, so 0 is as good a descriptor as any other.
+// Signal-safe, and no cancellation point: close() is one and would leave the descriptor open. A process may run with
+// descriptors 0 to 2 closed, so 0 is as good a descriptor as any other.
 class unique_fd {
 public:
     constexpr unique_fd() = default;
@@ -27,6 +29,7 @@ public:
     {
         if (fd_ >= 0) {
             errno_guard keep;
+            cancel_guard whole;
             ::close(fd_);
         }
         fd_ = fd;

@@ -2,6 +2,7 @@
 // Page cache control, memory dump, named shared memory.
 #include "sysmem.h"
 
+#include "base/cancel_guard.h"
 #include "console_print.h"
 
 #include <cctype>
@@ -53,6 +54,7 @@ int clear_sys_pagecache(int do_sync)
 {
     if (do_sync)
         sync();
+    base::cancel_guard whole;
     FILE *control = std::fopen("/proc/sys/vm/drop_caches", "w");
     if (!control)
         return -1;

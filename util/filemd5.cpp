@@ -2,6 +2,8 @@
 // The MD5 digest of a file, by the digest functions of the host's libcrypto.
 #include "encoding.h"
 
+#include "base/cancel_guard.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
@@ -100,6 +102,8 @@ extern "C" int filemd5str(const char *path, char *dst, size_t dstlen)
 {
     if (dst == nullptr || dstlen < 2 * kDigest + 1)
         return -1;
+    // A cancelled thread would leave the file open, or the loader's lock taken.
+    base::cancel_guard whole;
     const Digest md5 = digest_functions();
     if (!md5.complete())
         return -1;

@@ -2,6 +2,7 @@
 // The settings file that all processes share: whole-file locks, lookup, replacement.
 #include "qv_env.h"
 
+#include "base/cancel_guard.h"
 #include "base/unique_fd.h"
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,7 +40,8 @@ struct lookup_key {
     bool cut() const { return text[length - 1] != '='; }
 };
 
-// The settings file, open and locked until the end of the scope, with its text in memory.
+// The settings file, open and locked until the end of the scope, with its text in memory. No cancellation meanwhile: a
+// thread that ended here would leave the file locked for all other processes, or cut off before the new record.
 class locked_file {
 public:
     locked_file(const char *path, int flags, short lock) : fd_(::open(path, flags | O_CLOEXEC, kFileMode))
@@ -87,6 +90,7 @@ private:
         return true;
     }
 
+    base::cancel_guard whole_;
     base::unique_fd fd_;
     bool locked_ = false;
     char *text_ = nullptr;
@@ -165,24 +169,7 @@ char *look_up(const char *path, const char *name, Find find)
     return value != nullptr ? take_value(value) : nullptr;
 }
 
-} // namespace
-
-extern "C" {
-
-int file_lock(int fd, short type, int wait)
-{
-    struct flock whole_file = {};
-    whole_file.l_type = type;
-    whole_file.l_whence = SEEK_SET;
-    return ::fcntl(fd, wait != 0 ? F_SETLKW : F_SETLK, &whole_file);
-}
-
-int file_unlock(int fd)
-{
-    return file_lock(fd, F_UNLCK, 1);
-}
-
-int qv_setenv(const char *name, const char *value, int overwrite)
+int store(const char *name, const char *value, int overwrite)
 {
     if (std::strlen(value) > QV_ENV_VALUE_MAX || std::strlen(name) > QV_ENV_NAME_MAX)
         return -1;
@@ -207,13 +194,43 @@ int qv_setenv(const char *name, const char *value, int overwrite)
     return 0;
 }
 
+} // namespace
+
+extern "C" {
+
+int file_lock(int fd, short type, int wait)
+{
+    struct flock whole_file = {};
+    whole_file.l_type = type;
+    whole_file.l_whence = SEEK_SET;
+    return ::fcntl(fd, wait != 0 ? F_SETLKW : F_SETLK, &whole_file);
+}
+
+int file_unlock(int fd)
+{
+    return file_lock(fd, F_UNLCK, 1);
+}
+
+// These three are cancellation points, as the calls inside are, but act only with the file closed.
+
+int qv_setenv(const char *name, const char *value, int overwrite)
+{
+    int result = store(name, value, overwrite);
+    ::pthread_testcancel();
+    return result;
+}
+
 char *qv_getenv(const char *name)
 {
-    return look_up(QV_ENV_FILE, name, find_value);
+    char *value = look_up(QV_ENV_FILE, name, find_value);
+    ::pthread_testcancel();
+    return value;
 }
 
 char *qv_getenv_filename(const char *path, const char *name)
 {
-    return look_up(path, name, find_value_strictly);
+    char *value = look_up(path, name, find_value_strictly);
+    ::pthread_testcancel();
+    return value;
 }
 }

@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <random>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace support;
@@ -99,6 +101,20 @@ TEST(PageCache, SyncsWhenAsked)
     EXPECT_EQ(clear_sys_pagecache(-1), 0);
     EXPECT_EQ(synced, 2);
     EXPECT_EQ(read_file("/proc/sys/vm/drop_caches"), "3");
+}
+
+TEST(PageCache, ACancelledThreadLeavesNoDescriptorOpen)
+{
+    bind_over("/proc/sys/vm/drop_caches", "");
+    std::size_t before = list_dir("/proc/self/fd").size();
+    int result = -1;
+    std::thread thread([&] {
+        ::pthread_cancel(::pthread_self());
+        result = clear_sys_pagecache(0);
+    });
+    thread.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
 }
 
 TEST(PageCache, AFileThatCannotBeOpenedFails)

@@ -11,7 +11,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <net/if.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -674,4 +676,19 @@ TEST(VrctlStockKernel, NoDescriptorIsLeftOpen)
     qv_set_if_vr("lo", 1);
     int after = ::open("/dev/null", O_RDONLY);
     EXPECT_EQ(before, after);
+}
+
+TEST(VrctlStockKernel, ACancelledThreadLeavesNoDescriptorOpen)
+{
+    int before = ::open("/dev/null", O_RDONLY);
+    ::close(before);
+    std::thread thread([] {
+        ::pthread_cancel(::pthread_self());
+        qv_vrid_2_vsysid(1);
+        qv_set_if_vr("lo", 1);
+    });
+    thread.join();
+    int after = ::open("/dev/null", O_RDONLY);
+    EXPECT_EQ(before, after);
+    ::close(after);
 }

@@ -5,6 +5,8 @@
 #include "support/support.h"
 
 #include <dirent.h>
+#include <pthread.h>
+#include <thread>
 
 using namespace support;
 
@@ -104,5 +106,20 @@ TEST(FileMd5, LeavesNoDescriptorOpen)
     char text[33];
     for (int i = 0; i < 5; i++)
         filemd5str("/tmp/file", text, sizeof text);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(FileMd5, ACancelledThreadLeavesNoDescriptorOpen)
+{
+    write_file("/tmp/file", "abc");
+    int before = open_descriptors();
+    bool is_digested = false;
+    std::thread thread([&] {
+        char text[33];
+        ::pthread_cancel(::pthread_self());
+        is_digested = filemd5str("/tmp/file", text, sizeof text) == 0;
+    });
+    thread.join();
+    EXPECT_TRUE(is_digested);
     EXPECT_EQ(open_descriptors(), before);
 }

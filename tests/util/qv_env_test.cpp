@@ -803,6 +803,25 @@ unsigned check_store(const Tally *tally)
     return odd;
 }
 
+TEST(EnvCancellation, ActsAfterTheRecord)
+{
+    write_file(kStore, "a=1\nb=2\nc=3\n");
+    std::size_t before = list_dir("/proc/self/fd").size();
+    auto cancelled = [](auto call) {
+        std::thread thread([call] {
+            ::pthread_cancel(::pthread_self());
+            call();
+            ADD_FAILURE() << "the request was forgotten";
+        });
+        thread.join();
+    };
+    cancelled([] { qv_setenv("a", "new", 1); });
+    cancelled([] { qv_getenv("b"); });
+    cancelled([] { qv_getenv_filename(kStore, "c"); });
+    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=new\n");
+    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+}
+
 TEST(EnvProcesses, NoReaderSeesATornRecord)
 {
     Tally *tally = new_tally();
