@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* stimer.h - one-shot timers in microseconds, sorted by expiry, for a caller's event loop.
  *
- * A context is one pointer that the caller owns: the handle of a priority queue (heap.h). A loop asks for the next expiry
- * to size its wait, and then has all timers fired that are due. Time is the monotonic clock (qv_time.h).
+ * A context is one pointer that the caller owns: the handle of a priority queue (heap.h). A loop asks for the next
+ * expiry to size its wait, and then has all timers fired that are due. Time is the monotonic clock (qv_time.h).
  *
  *     void *timers;
  *     stimer_context_init(&timers);
