@@ -26,7 +26,7 @@ struct crash_note {
     char text[QV_CRASH_NOTE_SIZE];
 };
 
-std::array<crash_note, QV_CRASH_NOTE_THREADS> notes;
+constinit std::array<crash_note, QV_CRASH_NOTE_THREADS> notes{}; // untouched at load
 
 // The process ends after the first; should two threads find something at once, the log has one of them or a mixture.
 cache_misuse last_misuse;
