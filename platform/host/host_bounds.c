@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* What a host links so that the library finds its callback table and its code.
  *
- * Linkers define __start_ and __stop_ symbols for a section whose name is a C identifier, if the section exists. Here it
- * exists without an entry, for a host that has no callback; the flag R (retain) keeps it under --gc-sections. gold knows
- * no such flag, but keeps notes and what they refer to: the note below refers to the bounds, and so keeps every entry.
+ * Linkers define __start_ and __stop_ symbols for a section whose name is a C identifier, if the section exists. Here
+ * it exists without an entry, for a host that has no callback; the flag R (retain) keeps it under --gc-sections. gold
+ * knows no such flag, but keeps notes and what they refer to: the note below refers to the bounds, and so keeps every
+ * entry.
  */
 __asm__(".pushsection qv_coredump_callbacks, \"awR\", %progbits\n"
         ".balign 8\n"

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // soak SECONDS CRASHES - injects crashes into busy processes until the time or the number is reached (0: no limit).
 //
-// Each round starts a host in the sandbox: threads of it load and unload a library, fork, and allocate under full tracing,
-// and after a moment it crashes in one of several ways. Its log must be there and complete or, in the rounds in which the
-// log's folder cannot be made, the console must say so. No host may hang.
+// Each round starts a host in the sandbox: threads of it load and unload a library, fork, and allocate under full
+// tracing, and after a moment it crashes in one of several ways. Its log must be there and complete or, in the rounds
+// in which the log's folder cannot be made, the console must say so. No host may hang.
 //
 // The first argument "host" makes this program a host: soak host SEED.
 #include "support/support.h"
@@ -223,8 +223,8 @@ Outcome judge(pid_t host, bool has_folder)
     if (!has_folder)
         return {console.find("Fail to create") != std::string::npos, "neither log nor message"};
     std::string log = crash_log(pid, WTERMSIG(status));
-    return {log.find(kEndOfLog) != std::string::npos, "signal " + std::to_string(WTERMSIG(status)) + ", console \"" +
-                                                          console + "\", log \"" + log + "\""};
+    return {log.find(kEndOfLog) != std::string::npos,
+            "signal " + std::to_string(WTERMSIG(status)) + ", console \"" + console + "\", log \"" + log + "\""};
 }
 
 Outcome run_round(unsigned seed)
@@ -243,7 +243,8 @@ Outcome run_round(unsigned seed)
     if (host == 0) {
         int null = ::open("/dev/null", O_WRONLY);
         ::dup2(null, 2);
-        ::execl((support::build_dir() + "/tests/soak").c_str(), "soak", "host", std::to_string(seed).c_str(), static_cast<char *>(nullptr));
+        ::execl((support::build_dir() + "/tests/soak").c_str(), "soak", "host", std::to_string(seed).c_str(),
+                static_cast<char *>(nullptr));
         ::_exit(127);
     }
     return judge(host, has_folder);
