@@ -160,8 +160,9 @@ int run_host(unsigned seed)
     rlimit no_core = {0, 0};
     ::setrlimit(RLIMIT_CORE, &no_core);
     install_sighandler();
-    void (*crash)() = kCrashes[seed % std::size(kCrashes)];
-    unsigned way = seed / std::size(kCrashes);
+    constexpr auto kKinds = static_cast<unsigned>(std::size(kCrashes));
+    void (*crash)() = kCrashes[seed % kKinds];
+    unsigned way = seed / kKinds;
     if (way % 3 != 0)
         ::kill(::getpid(), SIGUSR2); // full tracing, with a trace file
 
