@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Console and log output inside the handlers of signals that are not fatal, and what the ordinary path shares with it.
+// Console and log output inside the handlers of signals that are not fatal.
 #include "base/cancel_guard.h"
-#include "base/civil_time.h"
 #include "base/errno_guard.h"
+#include "log/civil_time.h"
 #include "log/console_output.h"
+#include "log/console_platform.h"
 #include "log/handler_format.h"
 #include "signal_printf.h"
 #include "time/zone_offset.h"
@@ -11,9 +12,6 @@
 #include <climits>
 #include <cstdarg>
 #include <ctime>
-
-// The host says whether console output is to be kept off; without an answer it is not.
-extern "C" __attribute__((weak)) int qv_is_numa_ssm(void);
 
 namespace console {
 namespace {
@@ -28,7 +26,7 @@ struct handler_stamp {
         std::time_t local;
         if (now == -1 || __builtin_add_overflow(now, zone.at(now), &local))
             return 0;
-        base::civil_time date = base::civil_from_time(local);
+        civil_time date = civil_from_time(local);
         if (date.year - 1900 > INT_MAX || date.year - 1900 < INT_MIN)
             return 0; // no calendar of the C library has it
         int length = date.year == 1970
@@ -38,12 +36,6 @@ struct handler_stamp {
                                            static_cast<long>(date.hour), static_cast<long>(date.minute),
                                            static_cast<long>(date.second));
         return static_cast<std::size_t>(length);
-    }
-
-    static std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
-    {
-        return static_cast<std::size_t>(
-            signal_snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops));
     }
 };
 
@@ -63,26 +55,6 @@ int print_ordinary(const char *format, va_list ap, int error)
 }
 
 } // namespace
-
-int console_wanted()
-{
-    if (qv_is_numa_ssm == nullptr)
-        return 1;
-    base::errno_guard keep;
-    return qv_is_numa_ssm() == 0 ? 1 : 0;
-}
-
-void show_to_mirror(const char *format, va_list ap, int error)
-{
-    auto mirror = mirror_func;
-    if (mirror == nullptr)
-        return;
-    va_list copy;
-    va_copy(copy, ap);
-    errno = error;
-    mirror(format, copy);
-    va_end(copy);
-}
 
 int print_from_handler(const char *format, ...)
 {

@@ -9,6 +9,7 @@
 
 #include "base/unique_fd.h"
 #include "console_print.h"
+#include "signal_printf.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -36,6 +37,13 @@ inline std::size_t stored(int length, std::size_t size)
 inline void write_piece(int fd, const char *text, std::size_t length)
 {
     [[maybe_unused]] ssize_t ignored = ::write(fd, text, length);
+}
+
+// The line that reports lost messages; returns its length.
+inline std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
+{
+    return static_cast<std::size_t>(
+        signal_snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops));
 }
 
 struct ordinary_path {
@@ -67,8 +75,7 @@ public:
     static void to_open_console(const char *text, std::size_t length) { write_device(fd_, text, length); }
 
     // Stamp:
-    //   static std::size_t make_prefix(char (&out)[kPrefixSize])          the time stamp's length, 0 for none
-    //   static std::size_t make_notice(char (&out)[kNoticeSize], unsigned long drops)
+    //   static std::size_t make_prefix(char (&out)[kPrefixSize])    the time stamp's length, 0 for none
     template <typename Stamp>
     static void to_log(const char *path, const char *text, std::size_t length)
     {
@@ -85,7 +92,7 @@ public:
         std::size_t prefix_length = Stamp::make_prefix(prefix);
         if (fail_count_ != 0) {
             char notice[kNoticeSize];
-            std::size_t notice_length = Stamp::make_notice(notice, fail_count_);
+            std::size_t notice_length = make_notice(notice, fail_count_);
             if (prefix_length > 0)
                 write_piece(log.get(), prefix, prefix_length);
             write_piece(log.get(), notice, notice_length);
@@ -130,10 +137,6 @@ private:
 
 // Where console_print() writes.
 inline constexpr const char *kConsoleLog = "/etc/consolelog";
-int console_wanted();
-
-// Calls the mirror hook, if there is one, with the errno of the caller.
-void show_to_mirror(const char *format, va_list ap, int error);
 
 // console_print() for the handler of a signal that is not fatal, which may have interrupted the heap or the clock: the
 // same hook, devices, counter and stamp, without lock or allocation. Text is cut to 1023 characters. Signal-safe, but

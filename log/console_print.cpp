@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Console and log output outside signal handlers, and the probes that it asks.
+// Console and log output outside signal handlers.
 #include "console_print.h"
 
 #include "base/cancel_guard.h"
 #include "base/errno_guard.h"
 #include "log/console_output.h"
+#include "log/console_platform.h"
 #include "signal_printf.h"
 #include "time/local_time.h"
 
@@ -14,8 +15,6 @@
 #include <cstring>
 #include <ctime>
 #include <string_view>
-
-int (*mirror_func)(const char *format, va_list ap) = nullptr;
 
 namespace {
 
@@ -41,13 +40,6 @@ struct local_stamp {
                          ? std::snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now))
                          : std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d ", date.tm_year + 1900,
                                          date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec);
-        return console::stored(length, sizeof out);
-    }
-
-    static std::size_t make_notice(char (&out)[console::kNoticeSize], unsigned long drops)
-    {
-        int length =
-            std::snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops);
         return console::stored(length, sizeof out);
     }
 };
@@ -103,32 +95,6 @@ private:
     char *heap_ = nullptr;
     int length_ = 0;
 };
-
-// Remembers a yes; a no is asked again, since the marker file may be made after the process starts.
-int probe(int &cache, const char *path)
-{
-    if (cache > 0)
-        return 1;
-    if (cache < 0)
-        return 0;
-    base::errno_guard keep;
-    cache = ::access(path, F_OK) == 0 ? 1 : 0;
-    return cache;
-}
-
-int is_aws_cache = 0;
-int is_pcap_cache = 0;
-
-// Whether the kernel's list of consoles, one a line, marks the named one enabled and preferred: "(EC" opens its flags.
-bool list_prefers(const char *list, const char *name)
-{
-    const char *entry = std::strstr(list, name);
-    if (entry == nullptr)
-        return false;
-    const char *flags = std::strstr(entry, "(EC");
-    const char *line_end = std::strchr(entry, '\n');
-    return flags != nullptr && line_end != nullptr && flags < line_end;
-}
 
 } // namespace
 
@@ -240,39 +206,4 @@ int qv_fru_mlog(const char *format, ...)
     PRINT_TO(0, kFruLog);
 }
 
-int console_print_mfunc_set(int (*fn)(const char *format, va_list ap))
-{
-    mirror_func = fn;
-    return 0;
-}
-
-int qv_is_aws(void)
-{
-    return probe(is_aws_cache, "/sys/devices/system/xen_memory");
-}
-
-int qv_is_pcap_network(void)
-{
-    return probe(is_pcap_cache, "/etc/pcap");
-}
-
-int qv_is_support_default_console_device(void)
-{
-    return 1;
-}
-
-int is_default_console_device(const char *name)
-{
-    if (name == nullptr)
-        return 0;
-    if (qv_is_support_default_console_device() != 0)
-        return 1;
-    base::unique_fd consoles(::open("/proc/consoles", O_RDONLY));
-    if (!consoles)
-        return 0;
-    char list[256] = {};
-    if (::read(consoles.get(), list, sizeof list - 1) <= 0)
-        return 0;
-    return list_prefers(list, name) ? 1 : 0;
-}
-}
+} // extern "C"

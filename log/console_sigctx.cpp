@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Console and log output inside the fatal-signal handler: no heap, no lock, nothing shared with the ordinary path.
 #include "base/cancel_guard.h"
-#include "base/civil_time.h"
 #include "base/errno_guard.h"
+#include "log/civil_time.h"
 #include "log/console_output.h"
 #include "log/handler_format.h"
 #include "signal_printf.h"
@@ -10,11 +10,6 @@
 #include <ctime>
 #include <sys/syscall.h>
 #include <sys/time.h>
-
-const unsigned short __mon_yday[2][13] = {
-    {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334, 365},
-    {0, 31, 60, 91, 121, 152, 182, 213, 244, 274, 305, 335, 366},
-};
 
 namespace {
 
@@ -27,7 +22,7 @@ std::size_t date_prefix(char (&out)[console::kPrefixSize])
     struct timezone zone;
     if (::syscall(SYS_gettimeofday, &now, &zone) != 0)
         return 0;
-    base::civil_time date = base::civil_from_time(now.tv_sec - 60L * zone.tz_minuteswest);
+    console::civil_time date = console::civil_from_time(now.tv_sec - 60L * zone.tz_minuteswest);
     if (date.year == 1970)
         return 0;
     int length =
@@ -50,12 +45,6 @@ struct utc_stamp {
     {
         std::size_t length = date_prefix(out);
         return length > 0 ? length : uptime_prefix(out);
-    }
-
-    static std::size_t make_notice(char (&out)[console::kNoticeSize], unsigned long drops)
-    {
-        return static_cast<std::size_t>(
-            signal_snprintf(out, sizeof out, "Pid %d drops total %lu logs as file oversize\n", ::getpid(), drops));
     }
 };
 

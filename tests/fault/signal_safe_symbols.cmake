@@ -6,7 +6,7 @@ if(NOT LIBCOMMON_SANITIZE)
         machine_context_${port} module_report module_symbols running_handlers safe_memory section_table signal_format
         stack_info stack_scan thread_report)
     list(TRANSFORM crash_path PREPEND "fault/")
-    list(APPEND crash_path log/console_handler log/console_sigctx log/handler_format time/zone_offset)
+    list(APPEND crash_path log/civil_time log/console_handler log/console_platform log/console_sigctx log/handler_format time/zone_offset)
     list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")
     list(TRANSFORM crash_path APPEND ".cpp.o")
     add_test(NAME fault.signal_safe_symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols

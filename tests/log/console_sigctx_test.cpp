@@ -2,17 +2,14 @@
 // The path of the fatal-signal handler, called directly; the crash tests run it inside real handlers.
 #include "console_print.h"
 
-#include "base/civil_time.h"
 #include "support/support.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <random>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -265,52 +262,4 @@ TEST(SigctxLimit, WithoutAnyStampTheNoticeStandsAlone)
     told_time = -1;
     print_to(0, kLog, "2\n");
     EXPECT_EQ(read_file(kLog), drops(1) + "2\n");
-}
-
-// ---- the calendar ----
-
-TEST(CivilTime, AgreesWithTheCLibraryOverAWideRange)
-{
-    std::mt19937_64 random(42);
-    std::vector<std::time_t> times = {0,      -1,        1,         86399,      86400,     -86400,
-                                      -86401, 951782399, 951782400, 4107542399, 4107542400};
-    for (std::size_t i = 0; i < effort(300000); i++)
-        times.push_back(static_cast<std::time_t>(random()) >> (random() % 64));
-    for (std::time_t t : times) {
-        tm wanted;
-        if (::gmtime_r(&t, &wanted) == nullptr)
-            continue; // a year that its int cannot hold
-        base::civil_time got = base::civil_from_time(t);
-        ASSERT_EQ(got.year, wanted.tm_year + 1900L) << t;
-        ASSERT_EQ(got.month, wanted.tm_mon + 1) << t;
-        ASSERT_EQ(got.day, wanted.tm_mday) << t;
-        ASSERT_EQ(got.hour, wanted.tm_hour) << t;
-        ASSERT_EQ(got.minute, wanted.tm_min) << t;
-        ASSERT_EQ(got.second, wanted.tm_sec) << t;
-    }
-}
-
-TEST(CivilTime, EveryTimeHasADate)
-{
-    base::civil_time last = base::civil_from_time(LONG_MAX);
-    EXPECT_EQ(last.year, 292277026596L);
-    EXPECT_EQ(last.month, 12);
-    EXPECT_EQ(last.day, 4);
-    base::civil_time first = base::civil_from_time(LONG_MIN);
-    EXPECT_EQ(first.year, -292277022657L);
-    EXPECT_EQ(first.month, 1);
-    EXPECT_EQ(first.day, 27);
-}
-
-TEST(CivilTime, TheMonthTable)
-{
-    const unsigned lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    for (int leap = 0; leap < 2; leap++) {
-        unsigned days = 0;
-        for (int month = 0; month < 12; month++) {
-            EXPECT_EQ(__mon_yday[leap][month], days);
-            days += lengths[month] + (leap == 1 && month == 1 ? 1 : 0);
-        }
-        EXPECT_EQ(__mon_yday[leap][12], days);
-    }
 }

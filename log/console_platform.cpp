@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+// The probes of the platform and the host's hooks, which both the ordinary and the fatal path of console output use.
+#include "log/console_platform.h"
+
+#include "base/errno_guard.h"
+#include "base/unique_fd.h"
+#include "console_print.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+int (*mirror_func)(const char *format, va_list ap) = nullptr;
+
+// The host's answer whether console output is kept off. A host without this function prints.
+extern "C" int qv_is_numa_ssm(void) __attribute__((weak));
+
+namespace {
+
+constexpr std::size_t kConsoleListSize = 256; // of /proc/consoles, terminator included
+
+// Results of probe(): 1 once the file has been seen. A 0 is not remembered.
+int is_aws_cache = 0;
+int is_pcap_cache = 0;
+
+// Whether the marker file exists. It may be created after the process starts, so only a positive answer is kept.
+int probe(int &cache, const char *path)
+{
+    if (cache > 0)
+        return 1;
+    if (cache < 0)
+        return 0;
+    base::errno_guard keep;
+    cache = ::access(path, F_OK) == 0 ? 1 : 0;
+    return cache;
+}
+
+// Whether the kernel's list of consoles, one a line, marks the named one enabled and preferred: "(EC" opens its flags.
+bool list_prefers(const char *list, const char *name)
+{
+    const char *entry = std::strstr(list, name);
+    if (entry == nullptr)
+        return false;
+    const char *flags = std::strstr(entry, "(EC");
+    const char *line_end = std::strchr(entry, '\n');
+    return flags != nullptr && line_end != nullptr && flags < line_end;
+}
+
+} // namespace
+
+namespace console {
+
+int console_wanted()
+{
+    if (qv_is_numa_ssm == nullptr)
+        return 1;
+    base::errno_guard keep;
+    return qv_is_numa_ssm() == 0 ? 1 : 0;
+}
+
+void show_to_mirror(const char *format, va_list ap, int error)
+{
+    auto mirror = mirror_func;
+    if (mirror == nullptr)
+        return;
+    va_list copy;
+    va_copy(copy, ap);
+    errno = error;
+    mirror(format, copy);
+    va_end(copy);
+}
+
+} // namespace console
+
+extern "C" {
+
+int console_print_mfunc_set(int (*fn)(const char *format, va_list ap))
+{
+    mirror_func = fn;
+    return 0;
+}
+
+int qv_is_aws(void)
+{
+    return probe(is_aws_cache, "/sys/devices/system/xen_memory");
+}
+
+int qv_is_pcap_network(void)
+{
+    return probe(is_pcap_cache, "/etc/pcap");
+}
+
+int qv_is_support_default_console_device(void)
+{
+    return 1;
+}
+
+int is_default_console_device(const char *name)
+{
+    if (name == nullptr)
+        return 0;
+    if (qv_is_support_default_console_device() != 0)
+        return 1;
+    base::unique_fd consoles(::open("/proc/consoles", O_RDONLY));
+    if (!consoles)
+        return 0;
+    char list[kConsoleListSize] = {};
+    if (::read(consoles.get(), list, sizeof list - 1) <= 0)
+        return 0;
+    return list_prefers(list, name) ? 1 : 0;
+}
+
+} // extern "C"
