@@ -9,8 +9,8 @@
 //     an identifier there while a lower one is free.
 #include "idpool.h"
 
-#include "base/zeroed_malloc.h"
 #include "console_print.h"
+#include "container/zeroed_malloc.h"
 #include "strutil.h"
 
 #include <algorithm>
@@ -56,7 +56,8 @@ void set_spare_bits(std::uint32_t *bitmap, std::int64_t count, std::int64_t word
 
 std::uint32_t *make_bitmap(std::int64_t words)
 {
-    return static_cast<std::uint32_t *>(base::zeroed_malloc(static_cast<std::size_t>(words) * sizeof(std::uint32_t)));
+    return static_cast<std::uint32_t *>(
+        container::zeroed_malloc(static_cast<std::size_t>(words) * sizeof(std::uint32_t)));
 }
 
 // The record of a fresh pool over a zeroed bitmap.

@@ -2,8 +2,8 @@
 // Sparse tables by identifier.
 #include "idtable.h"
 
-#include "base/zeroed_malloc.h"
 #include "console_print.h"
+#include "container/zeroed_malloc.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -148,7 +148,7 @@ struct idtable_node *idtable_alloc_table_internal(int order)
 {
     std::size_t slots = order >= 0 && order <= kMostOrder ? std::size_t{1} << order : 0;
     std::size_t size = (slots + 1) * sizeof(std::uintptr_t);
-    auto *node = static_cast<idtable_node *>(base::zeroed_malloc(size));
+    auto *node = static_cast<idtable_node *>(container::zeroed_malloc(size));
     if (node == nullptr) {
         console_print("*** ERROR *** %s: Can't alloc memory, size %u\n", __func__, static_cast<unsigned>(size));
         return nullptr;

@@ -2,7 +2,7 @@
 // The simple hash table.
 #include "simphash.h"
 
-#include "base/zeroed_malloc.h"
+#include "container/zeroed_malloc.h"
 #include "log/trace_error.h"
 
 #include <cstddef>
@@ -50,7 +50,7 @@ struct simphash *simphash_create(unsigned log_size)
         report(kNoTable, "Can not allocate simple hash table\n");
         return nullptr;
     }
-    auto *buckets = base::zeroed_malloc(std::size_t{count} * sizeof(simphash_entry *));
+    auto *buckets = container::zeroed_malloc(std::size_t{count} * sizeof(simphash_entry *));
     *table = {static_cast<simphash_entry **>(buckets), log_size, count - 1};
     if (buckets == nullptr) {
         report(kNoBuckets, "Can not allocate simple hash table pointers\n");

@@ -3,10 +3,10 @@
 #include "backtrace.h"
 
 #include "base/cancel_guard.h"
-#include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
+#include "fault/line_reader.h"
 #include "fault/machine_context.h"
 #include "fault/module_symbols.h"
 #include "fault/safe_memory.h"
@@ -87,7 +87,7 @@ int open_process_maps()
 }
 
 // Permissions read "rwxp": code is executable and not writable, whether readable or not.
-bool is_code_mapping(const base::mapping_line &mapping)
+bool is_code_mapping(const fault::mapping_line &mapping)
 {
     const char *permissions = mapping.permissions;
     return permissions[0] != '\0' && permissions[1] == '-' && permissions[2] == 'x' && mapping.start != 0 &&
@@ -163,18 +163,18 @@ int load_section_table(section_record *table)
     if (!fd)
         return -1;
 
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = fd.get();
-    char line[base::kLineSize];
+    char line[fault::kLineSize];
     std::size_t count = 0;
-    while (base::hfgets(line, &reader) != nullptr) {
+    while (fault::hfgets(line, &reader) != nullptr) {
         // Told only when a line follows the last record that fits, whatever that line is.
         if (count == QV_SECTION_MAX) {
             console_print("procps_read_maps, exec section number large than %u.\n", QV_SECTION_MAX);
             break;
         }
-        base::mapping_line mapping;
-        if (base::parse_mapping(line, &mapping) && is_code_mapping(mapping))
+        fault::mapping_line mapping;
+        if (fault::parse_mapping(line, &mapping) && is_code_mapping(mapping))
             table[count++] = {mapping.start, mapping.end, 0};
     }
     return 0;

@@ -3,11 +3,11 @@
 // fault in here ends the log.
 #include "crash_details.h"
 
-#include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
 #include "fault/crash_notes.h"
+#include "fault/line_reader.h"
 #include "fault/machine_context.h"
 #include "fault/module_report.h"
 #include "fault/stack_scan.h"
@@ -156,10 +156,10 @@ void report_memory(int fd)
 {
     constexpr const char *kWanted[] = {"VmPeak:", "VmSize:", "VmHWM:", "VmRSS:", "VmSwap:", "Threads:", "FDSize:"};
     base::unique_fd file(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = file.get();
-    char line[base::kLineSize];
-    while (file && base::hfgets(line, &reader) != nullptr) {
+    char line[fault::kLineSize];
+    while (file && fault::hfgets(line, &reader) != nullptr) {
         auto is_wanted = [&line](const char *title) { return std::strncmp(line, title, std::strlen(title)) == 0; };
         if (std::any_of(std::begin(kWanted), std::end(kWanted), is_wanted))
             signal_printf(fd, "memory : %s\n", line);

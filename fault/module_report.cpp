@@ -5,8 +5,8 @@
 #include "fault/module_report.h"
 
 #include "base/errno_guard.h"
-#include "base/line_reader.h"
 #include "base/unique_fd.h"
+#include "fault/line_reader.h"
 #include "fault/safe_memory.h"
 #include "signal_printf.h"
 
@@ -105,14 +105,14 @@ private:
 };
 
 // The path of a mapping line: the rest of it from the first '/', since the other fields have none.
-const char *path_of(const base::mapping_line &mapping)
+const char *path_of(const fault::mapping_line &mapping)
 {
     const char *path = std::strchr(mapping.permissions, '/');
     return path != nullptr ? path : "";
 }
 
 // "r-xp 00000000 ...": whether the mapping is of the file's first byte.
-bool is_file_start(const base::mapping_line &mapping)
+bool is_file_start(const fault::mapping_line &mapping)
 {
     const char *offset = std::strchr(mapping.permissions, ' ');
     return offset != nullptr && std::strncmp(offset, " 00000000 ", 10) == 0;
@@ -125,14 +125,14 @@ void for_each_module(Visit visit)
     base::unique_fd fd(::open("/proc/self/maps", O_RDONLY | O_CLOEXEC));
     if (!fd)
         return;
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = fd.get();
-    char line[base::kLineSize];
+    char line[fault::kLineSize];
     module current;
     header_reader headers;
-    while (base::hfgets(line, &reader) != nullptr) {
-        base::mapping_line mapping;
-        if (!base::parse_mapping(line, &mapping))
+    while (fault::hfgets(line, &reader) != nullptr) {
+        fault::mapping_line mapping;
+        if (!fault::parse_mapping(line, &mapping))
             continue;
         const char *path = path_of(mapping);
         if (*path != '\0' && is_file_start(mapping)) {

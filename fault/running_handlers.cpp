@@ -13,9 +13,9 @@
 #include "fault/running_handlers.h"
 
 #include "base/errno_guard.h"
-#include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "fault/backtrace_internal.h"
+#include "fault/line_reader.h"
 #include "fault/signal_format.h"
 #include "signal_printf.h"
 
@@ -84,7 +84,7 @@ struct table_entry {
 
 constexpr int kEntries = 256;
 constinit table_entry entries[kEntries]{}; // untouched at load
-std::atomic<int> unlisted; // runs that found the table full
+std::atomic<int> unlisted;                 // runs that found the table full
 std::atomic<unsigned> next_sequence;
 std::atomic<int> last_number;
 std::atomic<int> ended_number; // last_number when the latest run ended
@@ -190,14 +190,14 @@ bool read_mask(pid_t thread, uint64_t *mask)
     if (!fd)
         return false;
     constexpr char kLabel[] = "SigBlk:\t";
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = fd.get();
-    char line[base::kLineSize];
-    while (base::hfgets(line, &reader) != nullptr) {
+    char line[fault::kLineSize];
+    while (fault::hfgets(line, &reader) != nullptr) {
         if (std::strncmp(line, kLabel, sizeof kLabel - 1) != 0)
             continue;
         const char *digits = line + sizeof kLabel - 1;
-        return base::detail::read_hex_field(&digits, mask);
+        return fault::detail::read_hex_field(&digits, mask);
     }
     return false;
 }

@@ -3,9 +3,9 @@
 #include "stack_info.h"
 
 #include "base/cancel_guard.h"
-#include "base/line_reader.h"
 #include "base/unique_fd.h"
 #include "fault/backtrace_internal.h"
+#include "fault/line_reader.h"
 #include "signal_printf.h"
 
 #include <cstring>
@@ -43,12 +43,12 @@ int find_mapping(const reader_name &name, const char *filter, Accepts accepts, u
     base::unique_fd fd = open_thread_maps(name);
     if (!fd)
         return -1;
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = fd.get();
-    char line[base::kLineSize];
-    while (base::hfgets(line, &reader) != nullptr) {
-        base::mapping_line mapping;
-        if (std::strstr(line, filter) == nullptr || !base::parse_mapping(line, &mapping))
+    char line[fault::kLineSize];
+    while (fault::hfgets(line, &reader) != nullptr) {
+        fault::mapping_line mapping;
+        if (std::strstr(line, filter) == nullptr || !fault::parse_mapping(line, &mapping))
             continue;
         if (mapping.start == 0 || !accepts(mapping))
             continue;
@@ -65,13 +65,13 @@ extern "C" {
 
 int qv_get_stack_info(unsigned long *start, unsigned long *end)
 {
-    auto is_range = [](const base::mapping_line &mapping) { return mapping.start < mapping.end; };
+    auto is_range = [](const fault::mapping_line &mapping) { return mapping.start < mapping.end; };
     return find_mapping(kStackReader, "[stack]", is_range, start, end);
 }
 
 int qv_get_thread_stack_info(unsigned long addr, unsigned long *start, unsigned long *end)
 {
-    auto contains = [addr](const base::mapping_line &mapping) { return mapping.start <= addr && addr < mapping.end; };
+    auto contains = [addr](const fault::mapping_line &mapping) { return mapping.start <= addr && addr < mapping.end; };
     return find_mapping(kThreadStackReader, "rw-p", contains, start, end);
 }
 }

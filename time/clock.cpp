@@ -3,7 +3,7 @@
 #include "qv_time.h"
 
 #include "base/cancel_guard.h"
-#include "base/fork_lock.h"
+#include "time/fork_lock.h"
 #include "time/local_time.h"
 #include "time/zone_offset.h"
 
@@ -43,8 +43,8 @@ constinit thread_local thread_state self;
 // A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
 void before_fork()
 {
-    self.localtime_taken = !self.converting && base::lock_for_fork(localtime_mutex, [] { return !kept; });
-    self.lookup_taken = !self.looking_up && base::lock_for_fork(lookup_mutex, [] { return true; });
+    self.localtime_taken = !self.converting && timers::lock_for_fork(localtime_mutex, [] { return !kept; });
+    self.lookup_taken = !self.looking_up && timers::lock_for_fork(lookup_mutex, [] { return true; });
     self.forking = true;
 }
 

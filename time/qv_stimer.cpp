@@ -2,10 +2,10 @@
 // Sorted one-shot timers over the imported heap.
 #include "stimer.h"
 
-#include "base/timeval.h"
 #include "heap.h"
 #include "log/trace_error.h"
 #include "qv_time.h"
+#include "time/timeval.h"
 
 #include <climits>
 #include <cstddef>
@@ -146,7 +146,7 @@ int process_stimer(void **ctx)
     int count = 0;
     // The head is looked up anew every round: a callback may start, stop or free any timer.
     while (auto *timer = static_cast<stimer *>(__heap_element(*ctx, kEarliest))) {
-        if (base::is_later(timer->expire, now))
+        if (timers::is_later(timer->expire, now))
             break;
         stop_stimer(timer);
         count++;
@@ -173,7 +173,7 @@ int stimer_isruning(const struct stimer *timer)
 
 int stimer_higher_priority_func(const void *a, const void *b)
 {
-    return base::is_later(static_cast<const stimer *>(b)->expire, static_cast<const stimer *>(a)->expire) ? 1 : 0;
+    return timers::is_later(static_cast<const stimer *>(b)->expire, static_cast<const stimer *>(a)->expire) ? 1 : 0;
 }
 
 void stimer_index_func(void *timer, unsigned int position)

@@ -12,7 +12,7 @@
 //           ^ cache line            ^ cache line             ^ cache line
 #include "heap.h"
 
-#include "base/timeval.h"
+#include "time/timeval.h"
 
 #include <algorithm>
 #include <climits>
@@ -150,7 +150,7 @@ struct by_time : by_rank {
     {
         if (a.rank != b.rank)
             return a.rank < b.rank;
-        return base::is_later(time_of(b.element, time_offset), time_of(a.element, time_offset));
+        return timers::is_later(time_of(b.element, time_offset), time_of(a.element, time_offset));
     }
 };
 

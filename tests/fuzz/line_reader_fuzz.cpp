@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reader of the kernel's mapping lists: lines come out whole and in order, ranges parse without leaving the line.
-#include "base/line_reader.h"
+#include "fault/line_reader.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -28,25 +28,25 @@ int file_of(const uint8_t *data, std::size_t size)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
 {
     std::string_view text(reinterpret_cast<const char *>(data), size);
-    base::hfgets_state reader = {};
+    fault::hfgets_state reader = {};
     reader.fd = file_of(data, size);
-    char line[base::kLineSize];
+    char line[fault::kLineSize];
     std::size_t at = 0;
-    while (base::hfgets(line, &reader) != nullptr) {
+    while (fault::hfgets(line, &reader) != nullptr) {
         std::size_t end = text.find('\n', at);
-        require(end != std::string_view::npos && end - at < base::kLineSize);
+        require(end != std::string_view::npos && end - at < fault::kLineSize);
         require(text.substr(at, end - at) == std::string_view(line, end - at) && line[end - at] == '\0');
         const char *line_end = line + (end - at);
         at = end + 1;
         require(reader.consumed == at);
 
-        base::mapping_line mapping;
-        if (base::parse_mapping(line, &mapping))
+        fault::mapping_line mapping;
+        if (fault::parse_mapping(line, &mapping))
             require(mapping.permissions > line && mapping.permissions <= line_end);
     }
     // It ended for one of its reasons: no further newline, or none within a buffer.
     std::size_t next = text.find('\n', at);
-    require(next == std::string_view::npos || next - at >= base::kLineSize);
+    require(next == std::string_view::npos || next - at >= fault::kLineSize);
     ::close(reader.fd);
     return 0;
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // timeval.h - the order of times. Seconds first, then microseconds, neither normalised.
-#ifndef LIBCOMMON_BASE_TIMEVAL_H
-#define LIBCOMMON_BASE_TIMEVAL_H
+#ifndef LIBCOMMON_TIME_TIMEVAL_H
+#define LIBCOMMON_TIME_TIMEVAL_H
 
 #include <sys/time.h>
 
-namespace base {
+namespace timers {
 
 // Without a branch: in a heap the outcome is as good as random.
 inline bool is_later(const timeval &a, const timeval &b)
@@ -13,6 +13,6 @@ inline bool is_later(const timeval &a, const timeval &b)
     return (a.tv_sec > b.tv_sec) | ((a.tv_sec == b.tv_sec) & (a.tv_usec > b.tv_usec));
 }
 
-} // namespace base
+} // namespace timers
 
 #endif

@@ -4,13 +4,13 @@
 // A mutex is taken before a fork so that the child does not begin in the middle of what it guards. Its holder may be
 // the very thread that forks (a signal handler forked, or a caller keeps an exported mutex) or one that waits for the
 // child, so the handler polls instead of waiting for good.
-#ifndef LIBCOMMON_BASE_FORK_LOCK_H
-#define LIBCOMMON_BASE_FORK_LOCK_H
+#ifndef LIBCOMMON_TIME_FORK_LOCK_H
+#define LIBCOMMON_TIME_FORK_LOCK_H
 
 #include <ctime>
 #include <pthread.h>
 
-namespace base {
+namespace timers {
 
 // Waits for the mutex while will_let_go(), asked every 10 ms, says that its holder will. Returns whether it was taken.
 template <typename WillLetGo>
@@ -31,6 +31,6 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillLetGo will_let_go)
     return pthread_mutex_trylock(&mutex) == 0; // it may have been given back just now
 }
 
-} // namespace base
+} // namespace timers
 
 #endif

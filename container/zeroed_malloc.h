@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // zeroed_malloc.h - zeroed blocks from malloc().
-#ifndef LIBCOMMON_BASE_ZEROED_MALLOC_H
-#define LIBCOMMON_BASE_ZEROED_MALLOC_H
+#ifndef LIBCOMMON_CONTAINER_ZEROED_MALLOC_H
+#define LIBCOMMON_CONTAINER_ZEROED_MALLOC_H
 
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
-namespace base {
+namespace container {
 
 // From this size on the C library asks the system for a block of its own, which comes zeroed as it is touched; zeroing
 // it here would commit all of it, up to 16 GiB for the largest hash table.
@@ -24,6 +24,6 @@ inline void *zeroed_malloc(std::size_t size)
     return block;
 }
 
-} // namespace base
+} // namespace container
 
 #endif

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // line_reader.h - lines and address ranges of the kernel's mapping lists, read without stdio or heap: signal-safe.
-#ifndef LIBCOMMON_BASE_LINE_READER_H
-#define LIBCOMMON_BASE_LINE_READER_H
+#ifndef LIBCOMMON_FAULT_LINE_READER_H
+#define LIBCOMMON_FAULT_LINE_READER_H
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <unistd.h>
 
-namespace base {
+namespace fault {
 
 inline constexpr std::size_t kLineSize = 1024;
 
@@ -121,6 +121,6 @@ inline bool parse_mapping(char *line, mapping_line *mapping)
     return true;
 }
 
-} // namespace base
+} // namespace fault
 
 #endif
