@@ -186,9 +186,9 @@ TEST(HandlerLines, ShareTheConsoleDescriptor)
         rename_process("routed");
         arm();
         console_print("open\n");
-        int before = ::open("/dev/null", O_RDONLY);
+        std::vector<std::string> before = list_dir("/proc/self/fd");
         terminate();
-        EXPECT_EQ(::open("/dev/null", O_RDONLY), before + 1);
+        EXPECT_EQ(before, list_dir("/proc/self/fd"));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_EQ(read_file(kConsole), "open\n" + lines_of(child.pid, ""));
