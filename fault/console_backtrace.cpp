@@ -3,6 +3,7 @@
 #include "backtrace.h"
 #include "sighandler.h"
 
+#include "base/cancel_guard.h"
 #include "base/unique_fd.h"
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
@@ -51,6 +52,7 @@ void qv_stacktrace(const char *tag)
 
 void signal_handler(int sig)
 {
+    base::cancel_guard no_cancellation;
     uninstall_sighandler();
     print_program_name();
     console_print("Caught signal %d\n", sig);
