@@ -4,6 +4,8 @@
 // range, and no table is walked further than the range is long.
 #include "fault/module_symbols.h"
 
+#include "fault/find_object.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -11,12 +13,10 @@
 #include <link.h>
 #include <sys/auxv.h>
 
-extern "C" {
-// Since glibc 2.35.
-[[gnu::weak]] decltype(_dl_find_object) _dl_find_object;
-}
-
 namespace fault {
+
+find_object_function find_object;
+
 namespace {
 
 using symbol = ElfW(Sym);
@@ -224,20 +224,20 @@ void text_buffer::append_pointer(unsigned long address)
 
 bool is_in_module(unsigned long address)
 {
-    dl_find_object found;
-    return _dl_find_object != nullptr && _dl_find_object(reinterpret_cast<void *>(address), &found) == 0;
+    found_object found;
+    return find_object != nullptr && find_object(reinterpret_cast<void *>(address), &found) == 0;
 }
 
 module_identity identify_module(unsigned long address)
 {
     module_identity result;
-    dl_find_object found;
-    if (_dl_find_object == nullptr || _dl_find_object(reinterpret_cast<void *>(address), &found) != 0)
+    found_object found;
+    if (find_object == nullptr || find_object(reinterpret_cast<void *>(address), &found) != 0)
         return result;
-    result.start = reinterpret_cast<unsigned long>(found.dlfo_map_start);
-    result.end = reinterpret_cast<unsigned long>(found.dlfo_map_end);
-    result.map = reinterpret_cast<unsigned long>(found.dlfo_link_map);
-    const char *name = found.dlfo_link_map != nullptr ? found.dlfo_link_map->l_name : nullptr;
+    result.start = reinterpret_cast<unsigned long>(found.start);
+    result.end = reinterpret_cast<unsigned long>(found.end);
+    result.map = reinterpret_cast<unsigned long>(found.map);
+    const char *name = found.map != nullptr ? found.map->l_name : nullptr;
     for (; name != nullptr && *name != '\0'; name++)
         result.file_name = result.file_name * 31 + static_cast<unsigned char>(*name);
     return result;
@@ -246,7 +246,7 @@ module_identity identify_module(unsigned long address)
 symbol_lookup::symbol_lookup(unsigned long address) : address_(address)
 {
     base::errno_guard keep;
-    if (_dl_find_object != nullptr)
+    if (find_object != nullptr)
         look_up();
     else
         look_up_by_loader();
@@ -254,7 +254,7 @@ symbol_lookup::symbol_lookup(unsigned long address) : address_(address)
 
 bool symbol_lookup::is_current() const
 {
-    if (_dl_find_object == nullptr)
+    if (find_object == nullptr)
         return true; // the loader's answer
     module now;
     if (!find_module(address_, &now))
@@ -264,12 +264,12 @@ bool symbol_lookup::is_current() const
 
 bool symbol_lookup::find_module(unsigned long address, module *found)
 {
-    dl_find_object object;
-    if (_dl_find_object(reinterpret_cast<void *>(place_to_find(address)), &object) != 0)
+    found_object object;
+    if (find_object(reinterpret_cast<void *>(place_to_find(address)), &object) != 0)
         return false;
-    found->start = reinterpret_cast<unsigned long>(object.dlfo_map_start);
-    found->end = reinterpret_cast<unsigned long>(object.dlfo_map_end);
-    found->map = reinterpret_cast<unsigned long>(object.dlfo_link_map);
+    found->start = reinterpret_cast<unsigned long>(object.start);
+    found->end = reinterpret_cast<unsigned long>(object.end);
+    found->map = reinterpret_cast<unsigned long>(object.map);
     return true;
 }
 

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+// Asks the loader for its lock-free search. Runs while the library is loaded, never in a handler.
+#include "fault/find_object.h"
+
+#include <cstddef>
+#include <dlfcn.h>
+
+#if __GLIBC_PREREQ(2, 35)
+static_assert(offsetof(fault::found_object, start) == offsetof(dl_find_object, dlfo_map_start));
+static_assert(offsetof(fault::found_object, end) == offsetof(dl_find_object, dlfo_map_end));
+static_assert(offsetof(fault::found_object, map) == offsetof(dl_find_object, dlfo_link_map));
+static_assert(sizeof(fault::found_object) >= sizeof(dl_find_object));
+#endif
+
+namespace fault {
+namespace {
+
+[[gnu::constructor]] void ask_for_find_object()
+{
+    find_object = reinterpret_cast<find_object_function>(::dlsym(RTLD_DEFAULT, "_dl_find_object"));
+}
+
+} // namespace
+} // namespace fault
