@@ -1,0 +1,14 @@
+# The programs in the guides compile, and run where the guide says so.
+string(REPLACE "LINKER:" "-Wl," docs_host_options "${host_link_options}")
+if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
+    file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/*.md)
+    foreach(guide IN LISTS guides)
+        cmake_path(GET guide STEM name)
+        add_test(NAME docs.${name} COMMAND ${CMAKE_CURRENT_LIST_DIR}/compile_examples $<TARGET_FILE:sandbox_run>
+            -I${PROJECT_SOURCE_DIR}/include -fno-omit-frame-pointer -rdynamic $<TARGET_OBJECTS:libcommon_host_bounds>
+            -L${PROJECT_BINARY_DIR} -lcommon -Wl,-rpath,${PROJECT_BINARY_DIR} -Wl,-rpath-link,${PROJECT_BINARY_DIR}
+            -pthread ${docs_host_options} -- ${guide} COMMAND_EXPAND_LISTS)
+        set_tests_properties(docs.${name} PROPERTIES TIMEOUT 120
+            ENVIRONMENT "CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}")
+    endforeach()
+endif()
