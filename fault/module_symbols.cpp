@@ -22,19 +22,31 @@ namespace {
 using symbol = ElfW(Sym);
 using hash_word = Elf32_Word;
 
-char **program_arguments;
+// What the kernel told the program at its start. It lies at the top of the main thread's stack, which a crash may have
+// overwritten; so it is read when the library is loaded.
+struct {
+    char **arguments;
+    const ElfW(Phdr) * headers;
+    unsigned long header_count;
+    unsigned long loader_base; // 0 in a program that was started by calling the loader
+    unsigned long page_mask;
+} program_start;
 
-// The loader takes the program's file name from this array whenever it is asked, so a host that exchanges the first
-// argument sees the new one.
-[[gnu::constructor]] void save_program_arguments(int, char **argv)
+[[gnu::constructor]] void save_program_start(int, char **argv)
 {
-    program_arguments = argv;
+    program_start.arguments = argv;
+    program_start.headers = reinterpret_cast<const ElfW(Phdr) *>(::getauxval(AT_PHDR));
+    program_start.header_count = ::getauxval(AT_PHNUM);
+    program_start.loader_base = ::getauxval(AT_BASE);
+    program_start.page_mask = ::getauxval(AT_PAGESZ) - 1;
 }
 
+// The loader takes the program's file name from the arguments whenever it is asked, so a host that exchanges the first
+// one sees the new one.
 unsigned long program_name()
 {
-    return reinterpret_cast<unsigned long>(program_arguments != nullptr ? program_arguments[0]
-                                                                        : program_invocation_name);
+    return reinterpret_cast<unsigned long>(program_start.arguments != nullptr ? program_start.arguments[0]
+                                                                              : program_invocation_name);
 }
 
 // A table that ends at `limit` at the latest, read in pieces of `capacity` elements: scans go upwards.
@@ -112,7 +124,7 @@ struct segments {
 
 segments survey(const ElfW(Phdr) * headers, unsigned long count, unsigned long load_bias, unsigned long address)
 {
-    unsigned long page_mask = ::getauxval(AT_PAGESZ) - 1;
+    unsigned long page_mask = program_start.page_mask;
     segments found;
     bool is_contiguous = true, is_inside = false;
     for (unsigned long i = 0; i < count; i++) {
@@ -132,14 +144,13 @@ segments survey(const ElfW(Phdr) * headers, unsigned long count, unsigned long l
 
 segments survey_program(unsigned long load_bias, unsigned long address)
 {
-    auto *headers = reinterpret_cast<const ElfW(Phdr) *>(::getauxval(AT_PHDR));
-    return survey(headers, ::getauxval(AT_PHNUM), load_bias, address);
+    return survey(program_start.headers, program_start.header_count, load_bias, address);
 }
 
 // Of the loader. There is none, with address 0, in a program that was started by calling the loader.
 segments survey_loader(unsigned long address)
 {
-    unsigned long base = ::getauxval(AT_BASE);
+    unsigned long base = program_start.loader_base;
     if (base == 0)
         return {};
     auto *file = reinterpret_cast<const ElfW(Ehdr) *>(base);
@@ -149,7 +160,7 @@ segments survey_loader(unsigned long address)
 // The kernel may map its own module between the loader's segments. Then _dl_find_object() finds the first one only.
 unsigned long place_to_find(unsigned long address)
 {
-    return survey_loader(address).hold_address ? ::getauxval(AT_BASE) : address;
+    return survey_loader(address).hold_address ? program_start.loader_base : address;
 }
 
 } // namespace
@@ -320,7 +331,7 @@ bool symbol_lookup::read_module_record()
         return false;
     if (first != '\0') {
         file_name_ = name;
-        bool is_loader = module_.load_bias != 0 && module_.load_bias == ::getauxval(AT_BASE);
+        bool is_loader = module_.load_bias != 0 && module_.load_bias == program_start.loader_base;
         return !is_loader || survey_loader(address_).hold_address;
     }
     segments program = survey_program(module_.load_bias, address_);

@@ -277,3 +277,20 @@ TEST(SignalStack, TheHostsIsKeptWhenLargeAndRestoredWhenSmall)
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
+
+// The loader's notes about the program, its arguments and its environment lie above the frames of the main thread.
+TEST(DamagedStack, OverwrittenUpToItsTopLeavesACompleteLog)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer reports the damage";
+    ChildResult child = named_child([] {
+        static volatile char *byte; // not on the stack
+        byte = static_cast<volatile char *>(__builtin_frame_address(0));
+        install_sighandler();
+        for (;;)
+            *byte++ = 'A';
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV));
+    std::string log = read_file("/etc/core/routed" + std::to_string(child.pid) + ".coredump.11.log");
+    EXPECT_NE(log.find("Stack bottom is at"), std::string::npos) << log;
+}
