@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The signal-safe formatter: a cursor that cannot leave its buffer, the number renderer, and the format walk.
+// The signal-safe formatter: a cursor that cannot leave its buffer, the renderer of numbers, the parser of
+// conversions, and the loop over a format.
 #include "fault/signal_format.h"
 #include "signal_printf.h"
 
@@ -35,7 +36,7 @@ enum format_flag : unsigned {
     FMT_LOWER = 0x100000,
 };
 
-// Writes into the scratch buffer. Elements are never split by the budget, so a single one may be longer than the room:
+// Writes into the scratch buffer. The budget never splits an element, so a single element may be longer than the room:
 // it is counted in full, which ends the formatting, and stored as far as it fits.
 class cursor {
 public:
@@ -68,8 +69,8 @@ public:
         lost_ += static_cast<long>(count - fits);
     }
 
-    // The same for text with kSlack readable bytes at hand: a copy of fixed size is a few moves, one of a length known
-    // at run time a call, which a line of numbers pays for each of them.
+    // copy() for text followed by at least kSlack readable bytes. A copy of fixed size compiles to a few moves; one of
+    // variable length is a call, which a line of numbers would make for each number.
     static constexpr std::size_t kSlack = 16;
     void copy_short(const char *text, std::size_t count)
     {
@@ -112,8 +113,8 @@ constexpr std::array<char, 200> kDecimalPairs = [] {
     return pairs;
 }();
 
-// The digits of value, most significant first, at the end of buffer; returns where they start. Decimal goes two digits
-// a division, which halves the chain of dependent divisions that a log line of numbers is made of.
+// The digits of value, most significant first, at the end of buffer; returns where they start. Each division gives two
+// decimal digits, which halves the chain of dependent divisions.
 char *render_decimal(char *end, unsigned long value)
 {
     while (value >= 100) {
@@ -145,6 +146,14 @@ int digit_value(char digit)
     return digit <= '9' ? digit - '0' : (digit | 0x20) - 'a' + 10;
 }
 
+// For bases 16, 8 and 2.
+unsigned bits_of_digit(int base)
+{
+    if (base == 16)
+        return 4;
+    return base == 8 ? 3 : 1;
+}
+
 char sign_of(unsigned long *value, unsigned flags)
 {
     if ((flags & FMT_SIGNED) != 0 && static_cast<long>(*value) < 0) {
@@ -167,12 +176,7 @@ void number(cursor &out, unsigned long value, int base, long width, long precisi
     char digits[kMaxDigits + cursor::kSlack];
     char *end = digits + kMaxDigits;
     const char *table = (flags & FMT_LOWER) != 0 ? kLowerDigits : kUpperDigits;
-    char *first = base == 10 ? render_decimal(end, value)
-                             : render_power_of_two(end, value,
-                                                   base == 16  ? 4
-                                                   : base == 8 ? 3
-                                                               : 1,
-                                                   table);
+    char *first = base == 10 ? render_decimal(end, value) : render_power_of_two(end, value, bits_of_digit(base), table);
     long count = end - first;
     if (value != 0)
         __res = digit_value(*first);
@@ -194,15 +198,15 @@ void number(cursor &out, unsigned long value, int base, long width, long precisi
     out.fill(' ', width);
 }
 
-// ---- the format walk ----
+// ---- conversions ----
 
 bool is_digit(char c)
 {
     return c >= '0' && c <= '9';
 }
 
-// The value of a run of digits; more than an int holds counts as the most that it holds.
-int getFieldWidth(const char **s)
+// The value of a run of digits; a number above INT_MAX counts as INT_MAX.
+int read_number(const char **s)
 {
     int value = 0;
     for (; is_digit(**s); ++*s) {
@@ -235,7 +239,7 @@ unsigned read_flags(const char **s)
     }
 }
 
-// One of H, L, l, with a second l or L behind it.
+// One of H, L, l, optionally followed by a second l or L.
 bool skip_length(const char **s)
 {
     if (**s != 'H' && **s != 'L' && **s != 'l')
@@ -246,10 +250,37 @@ bool skip_length(const char **s)
     return true;
 }
 
-void put_text(cursor &out, const char *text, std::size_t length, long width, unsigned flags)
+// One conversion of a format, as "%-20.5ld".
+struct conversion {
+    unsigned flags;
+    long width;     // -1 for none
+    long precision; // -1 for none
+    bool has_length;
+    char letter; // '\0' where the format ends within the conversion
+};
+
+// Parses the conversion after a '%' and moves behind its letter, or to the end of the format.
+conversion parse_conversion(const char **s)
 {
-    long padding = width - static_cast<long>(length);
-    if ((flags & FMT_LEFT) == 0) {
+    conversion result;
+    result.flags = read_flags(s);
+    result.width = is_digit(**s) ? read_number(s) : -1;
+    result.precision = -1;
+    if (**s == '.') {
+        ++*s;
+        result.precision = read_number(s);
+    }
+    result.has_length = skip_length(s);
+    result.letter = **s;
+    if (result.letter != '\0')
+        ++*s;
+    return result;
+}
+
+void put_text(cursor &out, const conversion &spec, const char *text, std::size_t length)
+{
+    long padding = spec.width - static_cast<long>(length);
+    if ((spec.flags & FMT_LEFT) == 0) {
         out.fill(' ', padding);
         padding = 0;
     }
@@ -257,102 +288,121 @@ void put_text(cursor &out, const char *text, std::size_t length, long width, uns
     out.fill(' ', padding);
 }
 
-int sig_sprintf(char *buf, const char *fmt, va_list args)
+void put_string(cursor &out, const conversion &spec, const char *text)
+{
+    std::size_t length =
+        spec.precision >= 0 ? ::strnlen(text, static_cast<std::size_t>(spec.precision)) : std::strlen(text);
+    put_text(out, spec, text, length);
+}
+
+void put_number(cursor &out, const conversion &spec, unsigned long value, int base, unsigned more_flags = 0)
+{
+    number(out, value, base, spec.width, spec.precision, spec.flags | more_flags);
+}
+
+// The prefix is outside the field; the digits are in upper case, contract: log readers know them so.
+void put_pointer(cursor &out, conversion spec, const void *pointer)
+{
+    out.copy("0x", 2);
+    if (spec.width == -1) {
+        spec.width = 0;
+        spec.flags |= FMT_ZERO_PAD;
+    }
+    put_number(out, spec, reinterpret_cast<std::uintptr_t>(pointer), 16);
+}
+
+// The arguments of a call. The first length makes all later d, i and u of the call read a long, contract: formats in
+// use count on it.
+struct arguments {
+    va_list list;
+    bool are_long = false;
+
+    long next_integer() { return are_long ? va_arg(list, long) : va_arg(list, int); }
+};
+
+void render(cursor &out, const conversion &spec, arguments &args)
+{
+    switch (spec.letter) {
+    case 'c': {
+        char c = static_cast<char>(va_arg(args.list, int));
+        return put_text(out, spec, &c, 1);
+    }
+    case 's':
+        return put_string(out, spec, va_arg(args.list, const char *));
+    case 'd':
+    case 'i':
+        return put_number(out, spec, static_cast<unsigned long>(args.next_integer()), 10, FMT_SIGNED);
+    case 'u':
+        return put_number(out, spec, static_cast<unsigned long>(args.next_integer()), 10);
+    case 'b':
+        return put_number(out, spec, static_cast<unsigned long>(long{va_arg(args.list, int)}), 2);
+    case 'o':
+        return put_number(out, spec, va_arg(args.list, unsigned long), 8);
+    case 'x':
+        return put_number(out, spec, va_arg(args.list, unsigned long), 16, FMT_LOWER);
+    case 'X':
+        return put_number(out, spec, va_arg(args.list, unsigned long), 16);
+    case 'p':
+        return put_pointer(out, spec, va_arg(args.list, void *));
+    case 'n':
+        *va_arg(args.list, int *) = static_cast<int>(out.produced());
+        return;
+    case '%':
+        return out.put('%');
+    default:
+        out.put('%');
+        return out.put(spec.letter);
+    }
+}
+
+// ---- the loop over a format ----
+
+// Plain text up to the next '%'. Each character is a separate element: the run ends where the budget test would stop
+// it.
+void copy_plain_text(cursor &out, const char **fmt)
+{
+    std::size_t run = 1;
+    auto most = static_cast<std::size_t>(std::max(out.remaining() - kLowWater, 1L));
+    while (run < most && (*fmt)[run] != '\0' && (*fmt)[run] != '%')
+        run++;
+    out.copy(*fmt, run);
+    *fmt += run;
+}
+
+// Tests the budget between two elements; says in the text that it is used up, where there is room for that.
+bool is_budget_used(cursor &out)
+{
+    if (out.remaining() > kLowWater)
+        return false;
+    if (out.remaining() >= kNoticeRoom)
+        out.copy(kNotice.data(), kNotice.size());
+    return true;
+}
+
+int sig_sprintf(char *buf, const char *fmt, va_list list)
 {
     cursor out(buf);
-    // Set by the first length and kept for the rest of the call: formats in use count on later plain d and u taking a
-    // long as well.
-    bool qualifier_seen = false;
-
+    arguments args;
+    va_copy(args.list, list);
     while (*fmt != '\0') {
+        bool is_tested = true;
         if (*fmt != '%') {
-            // Each plain character is an element of its own; a run may go on until the budget test would stop it.
-            std::size_t run = 1;
-            auto most = static_cast<std::size_t>(std::max(out.remaining() - kLowWater, 1L));
-            while (run < most && fmt[run] != '\0' && fmt[run] != '%')
-                run++;
-            out.copy(fmt, run);
-            fmt += run;
+            copy_plain_text(out, &fmt);
         } else {
             fmt++;
-            unsigned flags = read_flags(&fmt);
-            long width = is_digit(*fmt) ? getFieldWidth(&fmt) : -1;
-            long precision = -1;
-            if (*fmt == '.') {
-                fmt++;
-                precision = getFieldWidth(&fmt);
-            }
-            qualifier_seen = skip_length(&fmt) || qualifier_seen;
-
-            char conversion = *fmt;
-            if (conversion == '\0') {
-                out.put('%');
-                return out.finish();
-            }
-            fmt++;
-            switch (conversion) {
-            case 'c': {
-                char c = static_cast<char>(va_arg(args, int));
-                put_text(out, &c, 1, width, flags);
-                break;
-            }
-            case 's': {
-                const char *text = va_arg(args, const char *);
-                std::size_t length =
-                    precision >= 0 ? ::strnlen(text, static_cast<std::size_t>(precision)) : std::strlen(text);
-                put_text(out, text, length, width, flags);
-                break;
-            }
-            case 'd':
-            case 'i':
-            case 'u': {
-                long value = qualifier_seen ? va_arg(args, long) : va_arg(args, int);
-                unsigned is_signed = conversion == 'u' ? 0U : FMT_SIGNED;
-                number(out, static_cast<unsigned long>(value), 10, width, precision, flags | is_signed);
-                break;
-            }
-            case 'b': {
-                long value = va_arg(args, int);
-                number(out, static_cast<unsigned long>(value), 2, width, precision, flags);
-                break;
-            }
-            case 'o':
-                number(out, va_arg(args, unsigned long), 8, width, precision, flags);
-                break;
-            case 'x':
-                number(out, va_arg(args, unsigned long), 16, width, precision, flags | FMT_LOWER);
-                break;
-            case 'X':
-                number(out, va_arg(args, unsigned long), 16, width, precision, flags);
-                break;
-            case 'p':
-                // The prefix stands outside the field; the digits keep the upper case that log readers know.
-                out.copy("0x", 2);
-                if (width == -1) {
-                    width = 0;
-                    flags |= FMT_ZERO_PAD;
-                }
-                number(out, reinterpret_cast<std::uintptr_t>(va_arg(args, void *)), 16, width, precision, flags);
-                break;
-            case 'n':
-                *va_arg(args, int *) = static_cast<int>(out.produced());
-                continue; // without the budget test
-            case '%':
+            conversion spec = parse_conversion(&fmt);
+            args.are_long = args.are_long || spec.has_length;
+            if (spec.letter == '\0') {
                 out.put('%');
                 break;
-            default:
-                out.put('%');
-                out.put(conversion);
-                break;
             }
+            render(out, spec, args);
+            is_tested = spec.letter != 'n';
         }
-
-        if (*fmt != '\0' && out.remaining() <= kLowWater) {
-            if (out.remaining() >= kNoticeRoom)
-                out.copy(kNotice.data(), kNotice.size());
+        if (is_tested && *fmt != '\0' && is_budget_used(out))
             break;
-        }
     }
+    va_end(args.list);
     return out.finish();
 }
 
@@ -391,4 +441,5 @@ int in_signal_context(void)
 {
     return signal_context_flag != 0 && fault::is_handler_running() ? 1 : 0;
 }
-}
+
+} // extern "C"
