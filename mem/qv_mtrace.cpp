@@ -2,6 +2,7 @@
 // The light hooks by themselves, full tracing, and the reports of both.
 #include "qv_mtrace.h"
 
+#include "base/assert_fail.h"
 #include "log/console_output.h"
 #include "mem/block_table.h"
 #include "mem/hook_change.h"
@@ -23,10 +24,6 @@ static_assert(sizeof(mtrace_class_row) == 32);
 static_assert(offsetof(mtrace_stat_record, full) == 4 && offsetof(mtrace_stat_record, reserved1) == 32);
 static_assert(offsetof(mtrace_stat_record, light_bytes) == 36 && offsetof(mtrace_stat_record, rows) == 64);
 static_assert(offsetof(mtrace_stat_record, row) == 72);
-
-// The C library's assertion failure, called by name so that NDEBUG does not take it away.
-extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
-                                           const char *function) noexcept;
 
 uint64_t time_wait = 1800;
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;

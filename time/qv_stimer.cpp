@@ -2,6 +2,7 @@
 // Sorted one-shot timers over the imported heap.
 #include "stimer.h"
 
+#include "base/assert_fail.h"
 #include "heap.h"
 #include "log/trace_error.h"
 #include "qv_time.h"
@@ -11,10 +12,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <type_traits>
-
-// The C library's assertion failure, called by name so that NDEBUG does not take it away.
-extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
-                                           const char *function) noexcept;
 
 // Only where the loaded heap library has it.
 extern "C" [[gnu::weak]] decltype(__heap_new_keyed) __heap_new_keyed;
