@@ -13,6 +13,7 @@
 #include "fault/section_table.h"
 #include "signal_printf.h"
 
+#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 
@@ -26,7 +27,8 @@ extern "C" {
 
 uint64_t stack_main_top;
 int qv_handle_thread;
-}
+
+} // extern "C"
 
 namespace {
 
@@ -116,6 +118,12 @@ void append_symbol(unsigned long addr, fault::symbol_lookup *lookup, fault::text
 } // namespace
 
 namespace fault {
+
+const char *process_name(char (&buffer)[kCommandNameSize])
+{
+    std::memset(buffer, 0, sizeof buffer);
+    return get_proc_comm_name(buffer, sizeof buffer - 1) > 0 ? buffer : program_invocation_short_name;
+}
 
 bool is_code(unsigned long addr)
 {
@@ -278,4 +286,5 @@ int get_proc_comm_name(char *buf, int len)
     }
     return n;
 }
-}
+
+} // extern "C"

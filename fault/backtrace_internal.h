@@ -21,9 +21,14 @@ extern int qv_handle_thread;
 
 // Writes "file(symbol+0x10) [0x...]" for an address into `out` (kSymbolTextSize bytes).
 void backtrace_symbol_to_buffer(unsigned long addr, char *out);
-}
+
+} // extern "C"
 
 namespace fault {
+
+// The process's (or, with thread traces, the thread's) name for logs: the kernel's, in `buffer`, or the program's where
+// the kernel's cannot be read.
+const char *process_name(char (&buffer)[kCommandNameSize]);
 
 // Fills a table of QV_SECTION_MAX records from /proc, as procps_read_maps() does. Null is ignored.
 int load_section_table(section_record *table);

@@ -8,7 +8,6 @@
 #include "console_print.h"
 #include "fault/backtrace_internal.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <execinfo.h>
@@ -34,11 +33,8 @@ extern "C" {
 
 void qv_stacktrace(const char *tag)
 {
-    char command[kCommandNameSize] = {};
-    const char *name = command;
-    if (get_proc_comm_name(command, sizeof command - 1) <= 0)
-        name = program_invocation_short_name;
-    console_print("stack trace: %s pid = %d, com_name = %s\n", tag, ::getpid(), name);
+    char name[kCommandNameSize];
+    console_print("stack trace: %s pid = %d, com_name = %s\n", tag, ::getpid(), fault::process_name(name));
 
     void *frames[kMaxFrames];
     int depth = ::backtrace(frames, kMaxFrames);
@@ -65,4 +61,5 @@ void signal_handler(int sig)
         console_print("Frame %2d: %p %s\n", i + 1, frames[i], text);
     }
 }
-}
+
+} // extern "C"

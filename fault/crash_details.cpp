@@ -238,4 +238,5 @@ void qv_crash_note_modules(void)
 {
     fault::note_modules();
 }
-}
+
+} // extern "C"

@@ -236,28 +236,23 @@ bool prepare_folder(int sig)
     return false;
 }
 
-base::unique_fd create_log(const crash_record &rec)
+bool prepare_termination_folder()
 {
-    base::unique_fd fd;
-    if (prepare_folder(static_cast<int>(rec.signo))) {
-        fd = open_log(rec.log_path);
-        if (!fd)
-            console_print("!!!!!!WARNING: failed to core dump log file in %s.\n", rec.log_path);
-    }
-    if (!fd)
-        console_print("Fail to create %s \n", rec.log_path);
-    return fd;
+    if (ensure_folder(kTerminationFolder))
+        return true;
+    console::print_from_handler("mkdir /flash/core  failed, %m\n");
+    return false;
 }
 
-base::unique_fd create_termination_log(const crash_record &rec)
+// Opens the log and reports a failure on the console.
+// @param failure  the format of the message that the file cannot be opened, with the path as its argument
+base::unique_fd create_log(const crash_record &rec, bool has_folder, const char *failure)
 {
     base::unique_fd fd;
-    if (ensure_folder(kTerminationFolder)) {
+    if (has_folder) {
         fd = open_log(rec.log_path);
         if (!fd)
-            console::print_from_handler("!!!!!!WARNING: failed to terminate dump log file in %s.\n", rec.log_path);
-    } else {
-        console::print_from_handler("mkdir /flash/core  failed, %m\n");
+            console::print_from_handler(failure, rec.log_path);
     }
     if (!fd)
         console::print_from_handler("Fail to create %s \n", rec.log_path);
@@ -311,7 +306,8 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
     }
 
     choose_path(&rec);
-    base::unique_fd fd = create_log(rec);
+    base::unique_fd fd = create_log(rec, prepare_folder(static_cast<int>(rec.signo)),
+                                    "!!!!!!WARNING: failed to core dump log file in %s.\n");
     if (!fd)
         return;
     auto log = static_cast<unsigned long>(fd.get());
@@ -335,7 +331,8 @@ void signal_terminate(int sig, siginfo_t *info, void *uctx)
 
     crash_record rec = make_record(sig, info, uctx);
     set_default_path(&rec, kTerminationFolder, log_kind::term);
-    base::unique_fd fd = create_termination_log(rec);
+    base::unique_fd fd =
+        create_log(rec, prepare_termination_folder(), "!!!!!!WARNING: failed to terminate dump log file in %s.\n");
     if (!fd)
         return;
     signal_printf(fd.get(), "Process %d receive signal(%d) from pid %d,\n", thread_id(), sig, info->si_pid);
@@ -343,4 +340,5 @@ void signal_terminate(int sig, siginfo_t *info, void *uctx)
     fd.reset();
     ::raise(sig);
 }
-}
+
+} // extern "C"

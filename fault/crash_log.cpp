@@ -9,7 +9,6 @@
 #include "fault/machine_context.h"
 #include "signal_printf.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,12 +63,9 @@ void write_register_group(int fd, const machine_context &machine, unsigned first
 
 void set_default_path(crash_record *rec, const char *folder, log_kind kind)
 {
-    char command[kCommandNameSize] = {};
-    const char *name = command;
-    if (get_proc_comm_name(command, sizeof command - 1) <= 0)
-        name = program_invocation_short_name;
+    char name[kCommandNameSize];
     char file_name[kCommandNameSize] = {};
-    replace_slashes(file_name, name);
+    replace_slashes(file_name, process_name(name));
     signal_snprintf(rec->log_path, sizeof rec->log_path, "%s/%s%d.%s.%d.log", folder, file_name, traced_id(),
                     word_of(kind), static_cast<int>(rec->signo));
 }
@@ -131,4 +127,5 @@ int coredump_backtrace_to_file(int fd, crash_record *rec)
     signal_printf(fd, "\tStack bottom is at %p\n\n", reinterpret_cast<void *>(bottom));
     return depth;
 }
-}
+
+} // extern "C"

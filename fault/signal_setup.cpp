@@ -138,4 +138,5 @@ void *uninstall_sighandler(void)
 {
     return set_dispositions(kDisarmedSignals, SIG_DFL);
 }
-}
+
+} // extern "C"

@@ -74,4 +74,5 @@ int qv_get_thread_stack_info(unsigned long addr, unsigned long *start, unsigned 
     auto contains = [addr](const fault::mapping_line &mapping) { return mapping.start <= addr && addr < mapping.end; };
     return find_mapping(kThreadStackReader, "rw-p", contains, start, end);
 }
-}
+
+} // extern "C"

@@ -84,4 +84,5 @@ void qv_record_process_info(void)
     if (read_status_line(line))
         record_stack_field(line);
 }
-}
+
+} // extern "C"

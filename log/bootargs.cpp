@@ -82,4 +82,5 @@ int qv_output(int level, const char *format, ...)
     int length = console_print("%s", text);
     return level == 1 ? 0 : length;
 }
-}
+
+} // extern "C"

@@ -388,7 +388,8 @@ int qv_get_basedir(char *, size_t)
 {
     return 0;
 }
-}
+
+} // extern "C"
 
 void trace::close_file(int first)
 {

@@ -274,7 +274,8 @@ time_t qv_calendar_time(time_t *t)
         return time(t);
     });
 }
-}
+
+} // extern "C"
 
 bool local_time::convert_for_log(std::time_t now, tm *out)
 {
