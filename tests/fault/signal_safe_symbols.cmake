@@ -11,4 +11,13 @@ if(NOT LIBCOMMON_SANITIZE)
     list(TRANSFORM crash_path APPEND ".cpp.o")
     add_test(NAME fault.signal_safe_symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols
         ${CMAKE_CURRENT_LIST_DIR}/signal_safe_symbols.txt ${crash_path})
+
+    # And every marked function of the library calls, however deep, only what is allowed.
+    set(common_header_folders include fault log mem net time util)
+    list(TRANSFORM common_header_folders PREPEND ${PROJECT_SOURCE_DIR}/ OUTPUT_VARIABLE header_folders)
+    list(JOIN header_folders ":" header_folders)
+    set(here ${CMAKE_CURRENT_LIST_DIR})
+    add_test(NAME fault.signal_safe_reach COMMAND ${here}/signal_safe_reach
+        ${here}/signal_safe_symbols.txt:${here}/signal_safe_reach.txt ${header_folders} ${CMAKE_OBJDUMP}
+        $<TARGET_OBJECTS:libcommon> COMMAND_EXPAND_LISTS)
 endif()
