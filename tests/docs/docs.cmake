@@ -1,6 +1,6 @@
 # The programs in the guides compile, and run where the guide says so.
 string(REPLACE "LINKER:" "-Wl," docs_host_options "${host_link_options}")
-if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
+if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE AND LIBCOMMON_MALLOC_HOOKS)
     file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/*.md)
     foreach(guide IN LISTS guides)
         cmake_path(GET guide STEM name)
