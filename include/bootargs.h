@@ -6,7 +6,7 @@
  *     unsigned long reserved = qv_parse_cmdline("/proc/cmdline", "reserve");    // reserve=0x100000
  *     qv_output(2, "probing slot %d\n", slot);                                  // only when booted verbosely
  *
- * Files are read anew at every call. Any thread may call any function; not for signal handlers.
+ * Files are read again at every call. Any thread may call any function; not for signal handlers.
  */
 #ifndef LIBCOMMON_BOOTARGS_H
 #define LIBCOMMON_BOOTARGS_H
@@ -17,9 +17,9 @@ QV_BEGIN_DECLS
 
 /**
  * The number that a key has in a command line.
- * @param path  the file, 4095 bytes of which count; one that cannot be opened or read is said on standard output
+ * @param path  the file, 4095 bytes of which count; a failure to open or read it is reported on standard output
  * @param key   found anywhere, also inside a word; the character after it is skipped, whatever it is, even a zero byte
- * @return the number, decimal, 0x hexadecimal or 0 octal; 0 for what is none and when the key or the file is absent
+ * @return the number, decimal, 0x hexadecimal or 0 octal; 0 for text that is no number or without the key or the file
  */
 QV_API unsigned long qv_parse_cmdline(const char *path, const char *key);
 

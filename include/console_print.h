@@ -20,15 +20,15 @@
  *     console_print("link %s is down: %m\n", name);
  *
  * A message that ends in a newline gets a time stamp in the log ("2026-01-31 09:00:00 ", or "uptime 42 " while the
- * clock stands in 1970); one that does not is taken to continue a line, so a line may be built from several calls. A
- * log file above 512 KiB takes no more messages until somebody truncates it; the number lost is then noted in it. Text
- * of up to 1023 characters needs no heap; above 16382 it is replaced by a notice on the console.
+ * clock is in 1970); one that does not continues a line, so a line may be built from several calls. No
+ * message is appended to a log file above 512 KiB until somebody truncates it; the number lost is then noted in it.
+ * Text of up to 1023 characters needs no heap; above 16382 it is replaced by a notice on the console.
  *
- * All return the length of the formatted text, whatever became of the writes, or -1 if there was no memory for it. %m
- * is the caller's errno, which is left as it was. Any thread may print; lines of two threads may interleave between a
- * stamp and its text, never inside one. A pending cancellation of the thread acts after the message, never inside it.
- * Inside the library's fatal-signal handler every message takes a separate path that needs no heap and no lock, where
- * %m is in English whatever the locale; outside it these functions are not for signal handlers.
+ * All return the length of the formatted text, whether or not the writes succeeded, or -1 if there was no memory for
+ * it. %m is the caller's errno, which is left as it was. Any thread may print; lines of two threads may interleave
+ * between a stamp and its text, never inside one. A pending cancellation of the thread acts after the message, never
+ * inside it. Inside the library's fatal-signal handler every message uses a separate path that needs no heap and no
+ * lock, where %m is in English whatever the locale; outside it these functions are not for signal handlers.
  *
  * Each logged line checks whether the time zone has changed: some microseconds with TZ unset, nothing with
  * TZ=:/etc/localtime in the environment. Hosts that log much set it.
@@ -51,7 +51,7 @@ QV_API int console_print_t(const char *format, ...) QV_PRINTF(1, 2);
 /** console_print_t() for an argument list, which is left untouched. */
 QV_API int console_printv(const char *format, va_list ap);
 
-/** console_print_t() under another name, for callers that ask not to be blocked; nothing about it differs. */
+/** console_print_t() under another name, for callers that ask not to be blocked. It behaves the same. */
 QV_API int console_print_nb(const char *format, ...) QV_PRINTF(1, 2);
 
 /** Print to one log file and never to the console. */
@@ -62,7 +62,7 @@ QV_API int qv_plog(const char *format, ...) QV_PRINTF(1, 2);
 QV_API int qv_fru_mlog(const char *format, ...) QV_PRINTF(1, 2);
 
 /**
- * What all of the above call.
+ * Prints to the given destinations. All functions above call it.
  * @param to_console  non-zero: write to the console devices
  * @param log_path    the log file to append to, made if missing; null for none
  * @param ap          left untouched
@@ -70,8 +70,8 @@ QV_API int qv_fru_mlog(const char *format, ...) QV_PRINTF(1, 2);
 QV_API int console_print_args(int to_console, const char *log_path, const char *format, va_list ap);
 
 /**
- * The same inside the fatal-signal handler, where console_print_args() hands over to it: no hook, no heap, the text cut
- * to 1024 bytes (a terminating zero among them then), the console opened non-blocking, the stamp marked "(UTC)".
+ * console_print_args() inside the fatal-signal handler, where console_print_args() calls it: no hook, no heap, the text
+ * cut to 1024 bytes (a terminating zero among them then), the console opened non-blocking, the stamp marked "(UTC)".
  * @return the number of message bytes written, 1024 at most
  */
 QV_API int console_print_args_sigctx(int to_console, const char *log_path, const char *format,
@@ -80,13 +80,13 @@ QV_API int console_print_args_sigctx(int to_console, const char *log_path, const
 /* ---- the mirror hook ---- */
 
 /* Sees every message of every function above before it is written, also those for a log file only; its result is
- * ignored. One that prints is called again for what it prints. */
+ * ignored. A hook that prints is called again for its message. */
 extern QV_API int (*mirror_func)(const char *format, va_list ap);
 
 /** Sets the mirror hook; null removes it. @return 0 */
 QV_API int console_print_mfunc_set(int (*fn)(const char *format, va_list ap));
 
-/* ---- what the platform is ---- */
+/* ---- platform probes ---- */
 
 /** 1 when "/sys/devices/system/xen_memory" exists (then the serial port is left alone), else 0. A 1 is remembered. */
 QV_API int qv_is_aws(void) QV_SIGNAL_SAFE;

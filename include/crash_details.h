@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* crash_details.h - more in a crash log than registers and a backtrace, for hosts that ask for it.
+/* crash_details.h - adds details to crash logs beyond registers and a backtrace, for hosts that ask for them.
  *
  * One line at file scope of the host makes its crash logs and dumps carry details after the ordinary text: who sent the
  * signal, times, the C library's abort message, notes of the host, every module with its build id, every thread with
@@ -12,7 +12,7 @@
  * The details are plain lines, the most valuable first, each written as soon as it is known: a second fault costs only
  * the rest. qvcrash(1) reads them; docs/crash-logs.md explains them for people.
  *
- * A thread may leave a note for the log of a crash that is yet to come:
+ * A thread may leave a note for the log of a later crash:
  *
  *     qv_crash_note("serving request %u of %s", request, client);
  */
@@ -35,8 +35,8 @@ QV_BEGIN_DECLS
 
 /**
  * Writes the details of a crash or a dump request when it is called with phase QV_COREDUMP_LAST, and prepares for it
- * with phase QV_COREDUMP_INSTALLED. Does nothing in the other phases. Placed by QV_CRASH_DETAILS; a callback of the host
- * may call it too.
+ * with phase QV_COREDUMP_INSTALLED. Does nothing in the other phases. Placed by QV_CRASH_DETAILS; a callback of the
+ * host may call it too.
  * @return 0
  */
 QV_API long qv_crash_details(unsigned int phase, unsigned long arg, void *record) QV_SIGNAL_SAFE;
@@ -51,7 +51,7 @@ QV_API void qv_crash_note(const char *format, ...) QV_PRINTF(1, 2);
 
 /**
  * Notes which modules are loaded now. Modules of an earlier note that are gone when a log is written are listed there
- * as unloaded, so that an address in one of them can be told. The handlers' installation does it by itself; a host that
+ * as unloaded, so that an address in one of them can be attributed. Installing the handlers does so too; a host that
  * loads plug-ins calls it after each dlopen(). At most 64 modules are kept. Not for signal handlers.
  */
 QV_API void qv_crash_note_modules(void);

@@ -9,7 +9,7 @@
  *
  *     [09:00:00] Warn: src/peer.c:120: peer a: 3 retries
  *
- * All functions return 0 whatever happens and leave errno as it was. Any thread may trace; a prefix and its message
+ * All functions always return 0 and keep errno. Any thread may trace; a prefix and its message
  * from two threads may interleave between the two. A child process opens its own file with its first prefix. A pending
  * cancellation of the thread acts after the line. They use stdio: not for signal handlers.
  */
@@ -37,7 +37,7 @@ extern QV_API int __qv_debug_detail; /* of the prefix: 0 none, 1 time and level,
 extern QV_API int __qv_debug_level;  /* highest level printed; initially QV_TRACE_ERROR */
 extern QV_API int __qv_debug_calltrace; /* for hosts: call tracing; not read here */
 extern QV_API int __qv_debug_assert;    /* for hosts: assertions; not read here */
-extern QV_API int __qv_print_val;       /* takes the results, so that a trace is an expression */
+extern QV_API int __qv_print_val;       /* receives the results, so that a trace is an expression */
 
 /* One trace. With the level off it costs the comparison; the arguments are not evaluated. */
 #define QV_TRACE(level, ...)                                                                                           \
@@ -46,7 +46,7 @@ extern QV_API int __qv_print_val;       /* takes the results, so that a trace is
                                  : 0)
 
 /**
- * Prints the prefix of a message; opens, replaces or gives up the trace file. A file that cannot be opened is reported
+ * Prints the prefix of a message; opens, replaces or closes the trace file. A file that cannot be opened is reported
  * on standard output, and the process then traces to standard error alone until __qv_debug_where is set again.
  * @param level  0 to 4
  * @param file   source name; leading dots and slashes are left out
@@ -61,8 +61,8 @@ QV_API int __qv_print_msg(const char *format, ...) QV_PRINTF(1, 2);
 QV_API int __qv_print_pmsg(const char *format, ...) QV_PRINTF(1, 2);
 
 /**
- * Gives the folder under which var/sysinfo/logs lies. This one gives the root; a system that keeps its logs elsewhere
- * puts its own definition of the symbol before it.
+ * Stores the folder that contains var/sysinfo/logs. This definition stores the root; a system that keeps its logs
+ * elsewhere supplies its own definition, which the dynamic linker finds first.
  * @param buf   receives the folder, empty for the root
  * @param size  room in buf, 128. A folder that fills all of it is cut to 127 characters
  * @return 0, or a negative value: no trace file then

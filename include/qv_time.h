@@ -2,18 +2,18 @@
 /* qv_time.h - the clocks of the library.
  *
  * Every time-of-day and seconds function here reads the monotonic clock, never the wall clock: timers and elapsed times
- * do not care when somebody sets the date. Only the calendar functions (qv_localtime() and its kin, qv_calendar_time())
- * tell the date; they look at the time-zone setting anew on every call, and one mutex keeps the C library's static
- * conversion apart between threads.
+ * are not affected when the date is set. Only the calendar functions (localtime_safe(), qv_localtime(),
+ * qv_localtime_r(), qv_calendar_time()) return the date. All of them except localtime_safe() read the time-zone setting
+ * on every call, and one mutex serialises the C library's static conversion between threads.
  *
  *     struct timeval begin, end;
  *     qv_gettimeofday(&begin);  work();  qv_gettimeofday(&end);
  *
- * Looking at the time zone anew costs a system call or two with TZ unset and nothing with TZ=:/etc/localtime set.
+ * Reading the time zone costs a system call or two with TZ unset and nothing with TZ=:/etc/localtime set.
  *
- * Any thread may call any function. A child can convert whatever the parent's other threads were doing here at the
- * fork, but for a localtime() of their own between localtime_safe_lock() and localtime_safe_unlock(). Those that
- * convert are not for signal handlers.
+ * Any thread may call any function. After a fork the child can convert times whatever the parent's other
+ * threads were doing in these functions, except if one was inside localtime() itself between localtime_safe_lock() and
+ * localtime_safe_unlock(). The calendar functions are not for signal handlers.
  */
 #ifndef LIBCOMMON_QV_TIME_H
 #define LIBCOMMON_QV_TIME_H
@@ -34,7 +34,7 @@ QV_API long qv_timeval_compare(const struct timeval *a, const struct timeval *b)
 QV_API unsigned int get_time_second(void) QV_SIGNAL_SAFE;
 
 /**
- * Reads the monotonic clock in seconds and microseconds, cut off, not rounded.
+ * Reads the monotonic clock in seconds and microseconds, truncated, not rounded.
  * @param tv  receives the time; both fields 0 on failure
  * @return 0, or the failing result of clock_gettime()
  */
@@ -53,7 +53,7 @@ QV_API int timeRT(struct timespec *ts) QV_SIGNAL_SAFE;
 /* ---- calendar ---- */
 
 /**
- * Take and give back the mutex around the C library's conversion, for a caller that needs the static result of
+ * Lock and unlock the mutex around the C library's conversion, for a caller that needs the static result of
  * localtime() over several statements. It is not recursive: in between, call localtime() itself and none of the
  * functions below.
  * @return the result of the pthread call
@@ -61,8 +61,8 @@ QV_API int timeRT(struct timespec *ts) QV_SIGNAL_SAFE;
 QV_API int localtime_safe_lock(void);
 QV_API int localtime_safe_unlock(void);
 
-/** localtime() under the mutex. Its static result may change with the next call of any thread; TZ is not looked at
- * anew. */
+/** localtime() under the mutex. Its static result may change with the next call of any thread; TZ is not read
+ * again. */
 QV_API struct tm *localtime_safe(const time_t *t);
 
 /** tzset() and localtime() under the mutex; null when t cannot be converted. */

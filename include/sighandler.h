@@ -8,17 +8,18 @@
  * From then on a fault of the process (SIGSEGV, SIGBUS, SIGILL) and abort() leave a crash log,
  * /etc/core/<name><pid>.coredump.<signal>.log ('/' in a name becomes '_'), before they end the process. Signals 14
  * (SIGALRM, the attach signal), 51 and 52 are dump requests: the same log with "attach" in its name (signal 51: below
- * /tmp/dump, when that exists), and the process goes on. A log holds the registers, the fault address and a backtrace
+ * /tmp/dump, when that exists), and the process continues. A log holds the registers, the fault address and a backtrace
  * of the interrupted thread. An older log of the same name is overwritten and not cut: text beyond the new end is the
  * older log's.
  *
  * What is not covered: other signals that end a process, SIGFPE, SIGTRAP, SIGSYS and SIGQUIT among them, leave no log.
  * A fault signal that is sent, as by kill -SEGV, leaves a log and disarms the handlers, but the process lives on, since
  * no instruction faults again; the next fault ends it without a log. SIGALRM is no longer available to alarm() and
- * setitimer(): each expiry is a dump request. Writing below /etc/core, /flash/core and /tmp/dump takes root on most
- * systems; another user gets the console messages of a failed log. Sending a dump request takes the same user or root.
+ * setitimer(): each expiry is a dump request. Writing below /etc/core, /flash/core and /tmp/dump requires root on
+ * most systems; other users get the console messages of a failed log. Sending a dump request requires the same user or
+ * root.
  *
- * A host takes part in the dump through callbacks. They are entries of a table that its link collects; link the host
+ * A host adds to the dump through callbacks. They are entries of a table that its link collects; link the host
  * with the flags of `pkg-config --variable=host_libs libcommon` or, in CMake, with libcommon::host:
  *
  *     static long add_state(unsigned int phase, unsigned long arg, void *record)
@@ -29,7 +30,7 @@
  *     }
  *     QV_COREDUMP_CALLBACK(add_state);
  *
- * The handlers run on the stack of the interrupted thread, and a dump takes up to QV_DUMP_STACK_SIZE bytes of it. An
+ * The handlers run on the stack of the interrupted thread, and a dump uses up to QV_DUMP_STACK_SIZE bytes of it. An
  * overflown stack leaves no log unless its thread has called qv_use_signal_stack().
  *
  * Several threads: a dying thread waits, for 2 seconds at most, until the other threads that are inside the handler
@@ -62,8 +63,8 @@ typedef void qv_siginfo;
 #define QV_COREDUMP_DEPTH 20
 #define QV_COREDUMP_PATH_SIZE 128
 
-/* Stack that a dump takes, in bytes, the kernel's signal frame included, callbacks and vector registers beyond 128 bits
- * not. */
+/* Stack that a dump uses, in bytes: including the kernel's signal frame, without callbacks and without vector registers
+ * beyond 128 bits. */
 #define QV_DUMP_STACK_SIZE 16384
 
 /* Size of a stack from qv_use_signal_stack(), in bytes. */
@@ -82,11 +83,11 @@ typedef struct crash_record {
     char log_path[QV_COREDUMP_PATH_SIZE]; /* empty for the default name */
 } crash_record;
 
-/** When a callback is called. `arg` is what the phase says, `record` the crash record except where it says NULL. */
+/** When a callback is called. The phase defines `arg`; `record` is the crash record except where null is stated. */
 enum qv_coredump_phase {
-    QV_COREDUMP_INSTALLED = 0, /* handlers armed; arg: address of the struct sigaction used; record: NULL */
+    QV_COREDUMP_INSTALLED = 0, /* handlers armed; arg: address of the struct sigaction used; record: null */
     QV_COREDUMP_FIRST = 1,     /* before anything is written; arg: 0. May fill log_path. A result other than 0 keeps the
-                                  handlers armed and the dying warning unsaid */
+                                  handlers armed and omits the warning of the death */
     QV_COREDUMP_LAST = 2,      /* before the log is closed; arg: its descriptor */
     QV_COREDUMP_BACKTRACE = 4, /* after the backtrace, not for signals 51 and 52; arg: the log's descriptor */
 };
@@ -94,7 +95,7 @@ enum qv_coredump_phase {
 /** A result other than 0 ends the walk over the callbacks. Callbacks of phases 1, 2 and 4 must be signal-safe. */
 typedef long (*qv_coredump_callback)(unsigned int phase, unsigned long arg, void *record);
 
-/* GCC places variables in an order of its own unless told; clang keeps that of the source. */
+/* GCC may reorder variables unless this attribute forbids it; clang keeps the order of the source. */
 #if defined(__GNUC__) && !defined(__clang__)
 #define QV_IN_SOURCE_ORDER no_reorder
 #else
@@ -136,7 +137,7 @@ QV_API void *install_sighandler(void);
 /**
  * Arms the crash handler for `sig`, SIGABRT, SIGSEGV, SIGBUS, SIGILL, 51 and 52, in this order; calls the callbacks'
  * phase 0; loads the thread's table of executable mappings; routes SIGUSR2 to signal_mtrace() and ignores SIGHUP.
- * What cannot be armed is told on the console and skipped.
+ * A signal that cannot be armed is reported on the console and skipped.
  * @param sig  the attach signal. A fault signal given here counts as a dump request from then on: the process would
  *             return to its fault for ever.
  * @return the former SIGHUP disposition
@@ -146,7 +147,7 @@ QV_API void *install_sighandler2(int sig);
 /**
  * Arms signal_terminate() for HUP, INT, USR1, USR2, PIPE, ALRM, TERM, VTALRM, IO, PWR and all real-time signals.
  * Signals 14, 51 and 52 belong to whichever of this and install_sighandler() ran last.
- * @return NULL
+ * @return null
  */
 QV_API void *pstrace_terminate_signal(void);
 
@@ -161,7 +162,7 @@ QV_API void *pstrace_terminate_signal(void);
  */
 QV_API int qv_use_signal_stack(void);
 
-/** Names logs, and looks into /proc, by thread instead of by process. There is no way back. */
+/** Names logs and reads /proc by thread instead of by process. Cannot be undone. */
 QV_API void qv_set_handle_thread_trace(void);
 
 /** Does nothing: callbacks are placed with QV_COREDUMP_CALLBACK(). Returns its argument. */
@@ -170,7 +171,7 @@ QV_API unsigned long install_sigal_err_callback(unsigned long cb);
 /* ---- the handlers ---- */
 
 /** The crash handler, for SA_SIGINFO. errno is kept. */
-QV_API QV_SIGNAL_SAFE void signal_err(int sig, qv_siginfo *info, void *uctx);
+QV_API void signal_err(int sig, qv_siginfo *info, void *uctx) QV_SIGNAL_SAFE;
 
 /**
  * The termination logger, for SA_SIGINFO: resets the signal to its default, leaves
@@ -188,25 +189,25 @@ QV_API void signal_handler(int sig);
  * Calls the callbacks in address order with these arguments until one returns other than 0.
  * @return that result, or 0
  */
-QV_API QV_SIGNAL_SAFE long call_signal_table(unsigned int phase, unsigned long arg, void *record);
+QV_API long call_signal_table(unsigned int phase, unsigned long arg, void *record) QV_SIGNAL_SAFE;
 
 /**
  * Walks the stack from the record's saved context, fills fault_fp, addrs, frames, depth and stack_bottom, and writes
  * the backtrace section.
  * @return the depth; 0, with nothing done, when fd is negative
  */
-QV_API QV_SIGNAL_SAFE int coredump_backtrace_to_file(int fd, crash_record *rec);
+QV_API int coredump_backtrace_to_file(int fd, crash_record *rec) QV_SIGNAL_SAFE;
 
 /**
  * Dumps bytes in hexadecimal, 16 to a line, each line headed by its address.
- * @param title  format (see signal_printf.h) for a text ahead of the dump, or NULL. Its arguments are start, mark, len
- *               and then those that follow; they are integers and pointers, 32 in all at most.
- * @param start  first byte; NULL for the title only
- * @param mark   address of the byte that is led by '*', or NULL
+ * @param title  format (see signal_printf.h) for a text ahead of the dump, or null. Its arguments are start, mark, len
+ *               and then the variable ones: integers and pointers, at most 32 in all.
+ * @param start  first byte; null for the title only
+ * @param mark   address of the byte that is led by '*', or null
  * @param len    number of bytes; 0 or less for the title only
  */
-QV_API QV_SIGNAL_SAFE void hex_dump_to_file(int fd, const char *title, const unsigned char *start,
-                                            const unsigned char *mark, int len, ...);
+QV_API void hex_dump_to_file(int fd, const char *title, const unsigned char *start, const unsigned char *mark, int len,
+                             ...) QV_SIGNAL_SAFE;
 
 /* ---- signal utilities ---- */
 
@@ -217,8 +218,8 @@ QV_API void *ignore_signal(void);
 /** Blocks every signal in the calling thread. Returns pthread_sigmask()'s result. */
 QV_API int pthread_ignore_signal(void);
 
-/** Puts SIGBUS, SIGILL, SIGSEGV and SIGABRT back to their default. Returns the last result. Signal-safe. */
-QV_API QV_SIGNAL_SAFE void *uninstall_sighandler(void);
+/** Resets SIGBUS, SIGILL, SIGSEGV and SIGABRT to their default. Returns the last result. Signal-safe. */
+QV_API void *uninstall_sighandler(void) QV_SIGNAL_SAFE;
 
 QV_END_DECLS
 

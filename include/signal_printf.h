@@ -3,11 +3,11 @@
  *
  * Allocates nothing, takes no lock, touches no stdio stream; each call works in a 1024-byte buffer on its own stack and
  * keeps no state. Text that would run past the buffer is cut between two elements of the format, with the line "Notice:
- * The buffer close to overflow!!!" where there is still room to say so.
+ * The buffer close to overflow!!!" if there is room for it.
  *
  *     signal_printf(fd, "pc     : %016lx \n\n", pc);
  *
- * The formats are nearly printf's; what differs, and stays so because crash logs are read by programs:
+ * The formats are nearly printf's. The differences are contract, because programs read crash logs:
  *   - flags are '+', ' ', '-' and '0'; width and precision are digits, never '*'
  *   - one of H, L, l (with a second l or L) makes d, i and u take a long, and so do ALL d, i and u after it in the call
  *   - o, x and X always take a long; u without a length takes an int and sign-extends it
@@ -25,7 +25,7 @@ QV_BEGIN_DECLS
 /**
  * Formats and writes the text with one write(). A short or failed write is not reported; errno is left alone.
  * @param fd   any descriptor
- * @param fmt  format as told above
+ * @param fmt  format as described above
  */
 QV_API void signal_printf(int fd, const char *fmt, ...) QV_SIGNAL_SAFE;
 

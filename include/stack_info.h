@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* stack_info.h - where stacks lie, by the kernel's mapping list.
+/* stack_info.h - ranges of stacks, from the kernel's mapping list.
  *
  * qv_record_process_info() notes once, at start-up, where the main thread's stack lies (install_sighandler() calls it).
- * The two range readers can be asked at any time, also in a signal handler:
+ * The two range readers can be called at any time, also in a signal handler:
  *
  *     unsigned long start, end;
  *     if (qv_get_thread_stack_info((unsigned long)&start, &start, &end) == 0) { ... }
@@ -29,18 +29,18 @@ extern QV_API uint32_t g_process_stack_cur_index;
 /**
  * Finds the main stack, the mapping marked "[stack]", as the calling thread sees it.
  * @param start  receives its first address
- * @param end    receives the address behind it
- * @return 0, or -1 when the mapping list cannot be opened (told on standard output). 0 with both outputs left alone
+ * @param end    receives the first address after it
+ * @return 0, or -1 when the mapping list cannot be opened (reported on standard output). 0 with both outputs left alone
  *         means that there is no such mapping: set them before the call. A line of the list that has more than 1,024
  *         bytes, newline included, ends the reading, so a path that long hides all mappings at higher addresses.
  */
-QV_API QV_SIGNAL_SAFE int qv_get_stack_info(unsigned long *start, unsigned long *end);
+QV_API int qv_get_stack_info(unsigned long *start, unsigned long *end) QV_SIGNAL_SAFE;
 
 /**
  * Finds the first private read-write mapping that contains an address: a thread's stack for an address on it.
  * Parameters and results as for qv_get_stack_info().
  */
-QV_API QV_SIGNAL_SAFE int qv_get_thread_stack_info(unsigned long addr, unsigned long *start, unsigned long *end);
+QV_API int qv_get_thread_stack_info(unsigned long addr, unsigned long *start, unsigned long *end) QV_SIGNAL_SAFE;
 
 /* ---- not for signal handlers ---- */
 
