@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The four ways to read memory that may not be there.
+// The four methods to read memory that may not be mapped.
 #include "fault/safe_memory.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace fault {
 namespace {
 
-// The smallest page of any port: with larger ones a few more calls are made.
+// The smallest page of any port. With larger pages some calls are redundant.
 constexpr unsigned long kPage = 4096;
 
 constexpr unsigned long page_of(unsigned long address)
@@ -31,8 +31,8 @@ bool is_readable_page(unsigned long page)
     return ::syscall(SYS_rt_sigprocmask, kInvalidHow, page, nullptr, kKernelMaskSize) == -1 && errno == EINVAL;
 }
 
-// The memory is another frame's or module's: the sanitizers have no say here. Volatile keeps the loop from becoming a
-// call of memcpy(), which they check as well.
+// Not instrumented: the memory belongs to another frame or module, which sanitizers would report. Volatile keeps the
+// compiler from replacing the loop with memcpy(), which they check too.
 #if defined(__clang__)
 __attribute__((no_sanitize("address", "thread", "undefined")))
 #else
@@ -70,38 +70,38 @@ std::size_t safe_memory::copy(unsigned long address, void *to, std::size_t size)
     return done;
 }
 
-// A stack is read a word at a time, for which the probe is the best. A module must be copied by the kernel if anything
-// lets it.
+// A stack is read a word at a time, and the probe is the cheapest for that. A module is copied by the kernel wherever
+// possible, because it may be unmapped between a probe and the read.
 void safe_memory::decide()
 {
-    if (way_ != way::undecided)
+    if (method_ != method::undecided)
         return;
-    constexpr way kForStack[] = {way::probe, way::memory_file, way::pipe, way::process_vm};
-    constexpr way kForModule[] = {way::memory_file, way::pipe, way::probe, way::process_vm};
-    for (way candidate : subject_ == subject::stack ? kForStack : kForModule) {
-        way_ = candidate;
+    constexpr method kForStack[] = {method::probe, method::memory_file, method::pipe, method::process_vm};
+    constexpr method kForModule[] = {method::memory_file, method::pipe, method::probe, method::process_vm};
+    for (method candidate : subject_ == subject::stack ? kForStack : kForModule) {
+        method_ = candidate;
         if (open(candidate) && passes_trial())
             return;
     }
     read_end_.reset();
     write_end_.reset();
-    way_ = way::none;
+    method_ = method::none;
 }
 
-bool safe_memory::open(way candidate)
+bool safe_memory::open(method candidate)
 {
     int ends[2] = {-1, -1};
-    if (candidate == way::memory_file)
+    if (candidate == method::memory_file)
         ends[0] = ::open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
-    if (candidate == way::pipe && ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (candidate == method::pipe && ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
     read_end_.reset(ends[0]);
     write_end_.reset(ends[1]);
-    return candidate != way::memory_file || read_end_;
+    return candidate != method::memory_file || read_end_;
 }
 
-// A refused call may report any error, also those that mean "readable" or "not readable", and the file may be another
-// one. So known memory must be read right, and an address of the kernel's must be refused.
+// A refused call may report any error, including those that mean "readable" and "not readable", and /proc may hold
+// another file. So a method must read known memory correctly and refuse an address of the kernel.
 bool safe_memory::passes_trial()
 {
     constexpr unsigned long kKernelAddress = 0UL - kPage;
@@ -110,7 +110,7 @@ bool safe_memory::passes_trial()
     auto address = reinterpret_cast<unsigned long>(&known);
     unsigned long word = 0;
     auto *bytes = reinterpret_cast<unsigned char *>(&word);
-    if (way_ == way::probe) // must not go on to read the kernel's address
+    if (method_ == method::probe) // must not read the kernel's address itself
         return !is_readable_page(kKernelAddress) && is_readable_page(page_of(address));
     return !copy_within_page(kKernelAddress, bytes, sizeof word) && copy_within_page(address, bytes, sizeof word) &&
            word == kPattern;
@@ -118,17 +118,17 @@ bool safe_memory::passes_trial()
 
 bool safe_memory::copy_within_page(unsigned long address, unsigned char *to, std::size_t size)
 {
-    switch (way_) {
-    case way::probe:
+    switch (method_) {
+    case method::probe:
         return probe_and_read(address, to, size);
-    case way::memory_file:
+    case method::memory_file:
         return read_memory_file(address, to, size);
-    case way::pipe:
+    case method::pipe:
         return pass_through_pipe(address, to, size);
-    case way::process_vm:
+    case method::process_vm:
         return read_process_vm(address, to, size);
-    case way::undecided:
-    case way::none:
+    case method::undecided:
+    case method::none:
         break;
     }
     return false;
@@ -140,18 +140,18 @@ bool safe_memory::probe_and_read(unsigned long address, unsigned char *to, std::
     if (page != known_page_ && !is_readable_page(page))
         return false;
     if (subject_ == subject::stack)
-        known_page_ = page; // a module's is probed before each read, to keep the gap between the two short
+        known_page_ = page; // a module's page is probed before each read, to keep the time between the two short
     read_bytes(address, to, size);
     return true;
 }
 
-// Offsets are signed, so the upper half of the address space is refused: it is the kernel's.
+// Offsets are signed, so pread() refuses the upper half of the address space, which is the kernel's.
 bool safe_memory::read_memory_file(unsigned long address, unsigned char *to, std::size_t size) const
 {
     return ::pread(read_end_.get(), to, size, static_cast<off_t>(address)) == static_cast<ssize_t>(size);
 }
 
-// One page fits any pipe. What was written is read in any case: the pipe is empty between the calls.
+// One page fits into any pipe. All that was written is read back, so the pipe is empty between two calls.
 bool safe_memory::pass_through_pipe(unsigned long address, unsigned char *to, std::size_t size) const
 {
     ssize_t written = ::write(write_end_.get(), reinterpret_cast<const void *>(address), size);

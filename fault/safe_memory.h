@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// safe_memory.h - reads memory that may not be mapped, or not any more. Signal-safe.
+// safe_memory.h - reads memory that may be unmapped at any moment. Signal-safe.
 //
-// There are four ways, since no single one works in every process: a system call filter may refuse any of them, /proc
-// may be hidden, the descriptors may be used up. The first one that passes a trial on known memory is used:
+// There are four methods, since none works in every process: a system call filter may refuse any of them, /proc may be
+// hidden, the descriptors may be used up. The first method that passes a trial on known memory is used:
 //
 //     probe         asks the kernel whether the page is readable, then reads it. Cheap and needs no descriptor, but
 //                   another thread may unmap the page in between.
-//     memory_file   pread() of /proc/self/mem. The kernel copies, so the memory may vanish at any moment.
+//     memory_file   pread() of /proc/self/mem. The kernel copies, so unmapping is harmless.
 //     pipe          write() into a pipe and read() it back. Likewise.
 //     process_vm    process_vm_readv(). Likewise. The last choice: filters that kill commonly forbid it.
 #ifndef LIBCOMMON_FAULT_SAFE_MEMORY_H
@@ -34,10 +34,10 @@ public:
     bool load(unsigned long address, unsigned long *word) { return copy(address, word, sizeof *word) == sizeof *word; }
 
 private:
-    enum class way { undecided, probe, memory_file, pipe, process_vm, none };
+    enum class method { undecided, probe, memory_file, pipe, process_vm, none };
 
     void decide();
-    bool open(way candidate);
+    bool open(method candidate);
     bool passes_trial();
     bool copy_within_page(unsigned long address, unsigned char *to, std::size_t size);
     bool probe_and_read(unsigned long address, unsigned char *to, std::size_t size);
@@ -46,7 +46,7 @@ private:
 
     base::cancel_guard no_cancellation_; // first, so that the descriptors are closed under it
     subject subject_;
-    way way_ = way::undecided;
+    method method_ = method::undecided;
     unsigned long known_page_ = 1; // found readable by the probe; no page starts at 1
     base::unique_fd read_end_;     // the memory file, or the pipe's
     base::unique_fd write_end_;
