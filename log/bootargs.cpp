@@ -6,12 +6,14 @@
 #include "base/unique_fd.h"
 #include "console_print.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 
 namespace {
 
@@ -21,9 +23,13 @@ constexpr std::size_t kCmdlineSize = 4096;
 constexpr std::size_t kBootargsSize = 1024;
 constexpr std::size_t kOutputSize = 1024;
 
+// The levels of qv_output() that print without the boot argument.
+constexpr int kSilentResultLevel = 1; // returns 0 although it prints
+constexpr int kUngatedLevels[] = {kSilentResultLevel, 4, 5};
+
 bool prints_always(int level)
 {
-    return level == 1 || level == 4 || level == 5;
+    return std::find(std::begin(kUngatedLevels), std::end(kUngatedLevels), level) != std::end(kUngatedLevels);
 }
 
 } // namespace
@@ -46,11 +52,11 @@ unsigned long qv_parse_cmdline(const char *path, const char *key)
     char *found = std::strstr(text, key);
     if (found == nullptr)
         return 0;
-    // The character after the key is skipped whatever it is, contract: also a zero byte, after which the file goes on.
+    // The character after the key is skipped whatever it is, contract. It may be a zero byte that the file contains.
     char *value = found + std::strlen(key) + 1;
     if (value == text + sizeof text)
         return 0; // the key ends at the very end of the buffer
-    // Cut at the first blank from the value's second character on; a first that is a blank is left to strtoul().
+    // Cut at the first blank after the value's first character. A leading blank is left to strtoul().
     if (*value != '\0')
         value[1 + std::strcspn(value + 1, " ")] = '\0';
     return std::strtoul(value, nullptr, 0);
@@ -59,7 +65,7 @@ unsigned long qv_parse_cmdline(const char *path, const char *key)
 int qv_has_bootargs(const char *word)
 {
     base::cancel_guard whole;
-    // For reading and writing, contract: where that is refused the answer is no.
+    // Opened for reading and writing, contract: where that is refused, the result is 0.
     std::FILE *file = std::fopen(kCmdline, "r+");
     if (file == nullptr)
         return 0;
@@ -80,7 +86,7 @@ int qv_output(int level, const char *format, ...)
     if (!prints_always(level) && qv_has_bootargs(kVerboseWord) == 0)
         return 0;
     int length = console_print("%s", text);
-    return level == 1 ? 0 : length;
+    return level == kSilentResultLevel ? 0 : length;
 }
 
 } // extern "C"

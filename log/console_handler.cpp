@@ -16,7 +16,7 @@
 namespace console {
 namespace {
 
-// The ordinary stamp, in local time by the offset that ordinary code left; UTC if nothing did so yet.
+// The ordinary stamp, in local time by the offset that ordinary code stored; in UTC before that.
 struct handler_stamp {
     static std::size_t make_prefix(char (&out)[kPrefixSize])
     {
@@ -28,7 +28,7 @@ struct handler_stamp {
             return 0;
         civil_time date = civil_from_time(local);
         if (date.year - 1900 > INT_MAX || date.year - 1900 < INT_MIN)
-            return 0; // no calendar of the C library has it
+            return 0; // not representable in struct tm
         int length = date.year == 1970
                          ? signal_snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now))
                          : signal_snprintf(out, sizeof out, "%04ld-%02ld-%02ld %02ld:%02ld:%02ld ", date.year,

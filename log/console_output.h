@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// console_output.h - how a formatted message reaches the console devices and a log file.
+// console_output.h - writes a formatted message to the console devices and a log file.
 //
 // Two paths share this shape: the ordinary one and that of the fatal-signal handler. They must not share any state,
 // since the handler may interrupt the ordinary path anywhere. So all state is in the template, one set per path.
@@ -22,13 +22,13 @@ namespace console {
 inline constexpr const char *kConsolePath = "/dev/console";
 inline constexpr const char *kSerialPath = "/dev/ttyS0";
 inline constexpr const char *kSerialName = "ttyS0";
-inline constexpr off_t kLogLimit = 0x80000; // a larger file takes no more messages
+inline constexpr off_t kLogLimit = 0x80000; // no messages are appended to a larger file
 inline constexpr mode_t kLogMode = 0777;
 inline constexpr std::size_t kMessageSize = 1024;
 inline constexpr std::size_t kPrefixSize = 128;
 inline constexpr std::size_t kNoticeSize = 64;
 
-// What a formatter that reports the whole length has really stored in size bytes.
+// How many characters a formatter that returns the whole length has stored in size bytes.
 inline std::size_t stored(int length, std::size_t size)
 {
     return length > 0 ? std::min(static_cast<std::size_t>(length), size - 1) : 0;
@@ -62,7 +62,7 @@ public:
         if (qv_is_aws() == 0) {
             if (ttys0_default_ == -1)
                 ttys0_default_ = is_default_console_device(kSerialName);
-            // The console reaches a default serial port already; it is then never opened here.
+            // The console already writes to a default serial port, which is then not opened here.
             if (ttys0_default_ == 0)
                 open_device(fd2_, kSerialPath);
             write_device(fd2_, text, length);
@@ -71,7 +71,7 @@ public:
         write_device(fd_, text, length);
     }
 
-    // To the console only if an earlier message has opened it.
+    // Writes to the console only if an earlier message has opened it.
     static void to_open_console(const char *text, std::size_t length) { write_device(fd_, text, length); }
 
     // Stamp:
@@ -131,7 +131,7 @@ private:
     // stays open and idle. Opened once and kept for the life of the process.
     static inline int fd_ = -1;
     static inline int fd2_ = -1;
-    static inline int ttys0_default_ = -1;       // -1 not asked yet, else what is_default_console_device() said
+    static inline int ttys0_default_ = -1; // -1 before the first call, else the result of is_default_console_device()
     static inline unsigned long fail_count_ = 0; // messages of all logs that were over the limit, since the last notice
 };
 
@@ -139,8 +139,8 @@ private:
 inline constexpr const char *kConsoleLog = "/etc/consolelog";
 
 // console_print() for the handler of a signal that is not fatal, which may have interrupted the heap or the clock: the
-// same hook, devices, counter and stamp, without lock or allocation. Text is cut to 1023 characters. Signal-safe, but
-// for the host's hook.
+// same hook, devices, counter and stamp, without a lock or an allocation. Text is cut to 1023 characters. Signal-safe,
+// except for the host's hook.
 int print_from_handler(const char *format, ...);
 
 // For a caller that is about to close all descriptors from `first` up.

@@ -13,9 +13,8 @@
 
 namespace {
 
-// The date by the raw system call, which takes no part in the C library's time-zone machinery. The label says UTC
-// although the kernel's zone offset has been applied; on a machine without one it is, and log readers look for the
-// label.
+// The date by the raw system call, which does not use the C library's time-zone code. The label says UTC although the
+// kernel's zone offset is applied, contract: the offset is 0 on most machines, and log readers search for the label.
 std::size_t date_prefix(char (&out)[console::kPrefixSize])
 {
     timeval now;

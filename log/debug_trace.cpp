@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Debug traces to standard error and to the trace file of the day.
 //
-// Without a lock: a thread that finds the file to be of another day, or another process's, takes it out by exchanging
-// the pointer, so one thread wins. Others may still be writing to it, so it is only retired then; the last thread to
-// leave, when no thread is inside, closes what has been retired.
+// There is no lock. A thread that finds the file of another day or another process removes it by exchanging the
+// pointer, so exactly one thread does. Others may still be writing to the file, so it is only retired; the last thread
+// to leave a trace closes the retired files.
 #include "debug_trace.h"
 
 #include "base/cancel_guard.h"
@@ -60,7 +60,7 @@ const char *text_of(int error)
 
 // ---- retired files ----
 
-// What another process's file still holds is its owner's to write.
+// Text that is still buffered in another process's file is written by its owner.
 void close_all(day_file *file)
 {
     while (file != nullptr) {
@@ -84,7 +84,7 @@ void push_retired(day_file *file)
     }
 }
 
-// For a file that this thread has just made unreachable. Alone inside, it has nobody to leave the file to.
+// For a file that this thread has just made unreachable. A thread that is alone inside closes it at once.
 void retire(day_file *file)
 {
     file->next = nullptr;
@@ -155,8 +155,8 @@ void time_of_day(char (&out)[kTimeSize])
                   static_cast<unsigned>(date.tm_min), static_cast<unsigned>(date.tm_sec));
 }
 
-// Takes the file out if it is still the current one.
-void give_up(day_file *file)
+// Removes and retires the file if it is still the current one.
+void retire_current(day_file *file)
 {
     if (file != nullptr && __qv_debug_file.compare_exchange_strong(file, nullptr))
         retire(file);
@@ -167,12 +167,13 @@ void qv_debug_file_fini()
 {
     base::cancel_guard whole;
     file_scope scope;
-    give_up(__qv_debug_file);
+    retire_current(__qv_debug_file);
 }
 
-// A child has no part in its parent's file, nor in what the parent's threads were writing there at the fork. The files
-// are closed with its first trace: a fork handler must not use the heap, which a signal handler that forks may have
-// interrupted. Where such a handler interrupted a trace, that trace goes on; the file's owner keeps later ones out.
+// A child does not use its parent's file, nor text that the parent's threads had buffered at the fork. The files are
+// closed by the child's first trace: a fork handler must not use the heap, which a signal handler that forks may have
+// interrupted. If such a handler interrupted a trace, that trace continues; later ones see the file's owner and skip
+// it.
 void forget_parents_files()
 {
     users = depth;
@@ -192,7 +193,7 @@ void watch_forks()
 
 void report_failure(const char *path, int error)
 {
-    // The first line's output may change errno before the second is made.
+    // Printing the first line may change errno before the second is formatted.
     std::printf("qv_check_debug_file: fopen(%s) failed: %s\n", path, text_of(error));
     std::printf("qv_check_debug_file: user (%u) errno %u: %s\n", ::getuid(), static_cast<unsigned>(error),
                 text_of(error));
@@ -204,7 +205,7 @@ bool is_current(const day_file *file, unsigned day)
     return file != nullptr && file->day == day && is_own(file);
 }
 
-// Puts the file in the place of the current one, unless another thread has opened the day's file meanwhile.
+// Makes the file the current one, unless another thread has opened the day's file meanwhile.
 void publish(day_file *file)
 {
     day_file *old = __qv_debug_file;
@@ -230,8 +231,8 @@ day_file *open_file(const char *path, unsigned day)
     return nullptr;
 }
 
-// Opens the file of the day if it can be opened and is not open. An old file stays in its place until then: messages of
-// other threads go there meanwhile and are not lost.
+// Opens the file of the day unless it is open. An old file stays current until then, so that messages of other threads
+// are not lost.
 void qv_check_debug_file()
 {
     unsigned day = today();
@@ -241,15 +242,15 @@ void qv_check_debug_file()
 
     char base[kBaseSize] = {};
     if (qv_get_basedir(base, sizeof base) < 0)
-        return give_up(old);
-    base[sizeof base - 1] = '\0'; // a host's may have filled it
+        return retire_current(old);
+    base[sizeof base - 1] = '\0'; // a host's function may have filled the buffer
     char path[kPathSize];
     std::snprintf(path, sizeof path, "%s/var/sysinfo/logs/proc%d.%u", base, ::getpid(), day);
     watch_forks();
     day_file *file = open_file(path, day);
     if (file == nullptr) {
         int error = errno;
-        give_up(old); // its descriptor may be the one that was missing
+        retire_current(old); // frees its descriptor, in case that was missing
         file = error == EMFILE || error == ENFILE ? open_file(path, day) : nullptr;
         if (file == nullptr)
             return report_failure(path, error);
@@ -307,8 +308,8 @@ void to_destinations(Print print)
     std::fflush(stream);
 }
 
-// All of these leave errno as it was, so that a prefix can be followed by a message with the errno of the failure, and
-// act on no cancellation: their callers do, after the line.
+// These functions keep errno, so that a message after a prefix can print the errno of the failure. They do not act on a
+// pending cancellation; their callers do, after the line.
 
 void print_prefix(int level, const char *file, int line)
 {
@@ -329,7 +330,7 @@ void print_prefix(int level, const char *file, int line)
         to_destinations([&](std::FILE *stream) { std::fputs(prefix, stream); });
 }
 
-// %m is the errno of the call for each destination, whatever has been written since.
+// %m is the errno at the call for each destination, whatever was written in between.
 void print_message(const char *format, va_list ap, const char *reason)
 {
     base::cancel_guard whole;
@@ -344,7 +345,7 @@ void print_message(const char *format, va_list ap, const char *reason)
     });
 }
 
-// Leaves errno as it was.
+// Keeps errno.
 void describe(int error, char (&out)[kReasonSize])
 {
     base::errno_guard keep;
@@ -397,5 +398,5 @@ void trace::close_file(int first)
     file_scope scope;
     day_file *file = __qv_debug_file;
     if (file != nullptr && ::fileno(file->stream) >= first)
-        give_up(file);
+        retire_current(file);
 }

@@ -5,8 +5,8 @@
 
 namespace trace {
 
-// Closes the trace file if its descriptor is `first` or above; the next prefix opens it again. With a thread in the
-// middle of a trace it is closed at the end of that.
+// Closes the trace file if its descriptor is `first` or above; the next prefix opens it again. While a thread is in the
+// middle of a trace, the file is closed at the end of that trace.
 void close_file(int first);
 
 } // namespace trace

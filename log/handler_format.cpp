@@ -12,7 +12,8 @@ namespace console {
 namespace {
 
 constexpr std::size_t kFormatSize = 1024;
-constexpr std::size_t kLaidOutSize = 128;
+constexpr std::size_t kFormattedSize = 128;
+constexpr std::size_t kLayoutSize = 16; // of one conversion
 constexpr std::size_t kDescriptionSize = 64;
 
 // One conversion of a format, as "%-20.5m".
@@ -23,7 +24,7 @@ struct conversion {
     char letter() const { return end[-1]; }
 
     // %#m is the error's name, which is never translated, and a width of '*' is an argument, which only the C library
-    // can fetch: those stay as they are.
+    // can fetch. Those are not replaced.
     bool is_description() const
     {
         return letter() == 'm' && std::strspn(begin + 1, "-+ 0123456789.") == static_cast<std::size_t>(end - begin) - 2;
@@ -79,22 +80,22 @@ private:
     bool is_full_ = false;
 };
 
-// Appends a description as its conversion lays it out: "%-20.5m" as "%-20.5s". None holds a '%'.
+// Appends a description in its conversion's layout: "%-20.5m" as "%-20.5s". No description contains a '%'.
 void append_description(format_buffer &out, const conversion &place, const char *description)
 {
     auto length = static_cast<std::size_t>(place.end - place.begin);
     if (length == std::strlen("%m"))
         return out.append(description, std::strlen(description));
-    char layout[16], text[kLaidOutSize];
+    char layout[kLayoutSize], text[kFormattedSize];
     if (length >= sizeof layout)
         return out.give_up();
     std::memcpy(layout, place.begin, length - 1);
     layout[length - 1] = 's';
     layout[length] = '\0';
-    int laid_out = signal_snprintf(text, sizeof text, layout, description);
-    if (laid_out == sizeof text - 1)
+    int formatted = signal_snprintf(text, sizeof text, layout, description);
+    if (formatted == sizeof text - 1)
         return out.give_up(); // it may have been cut
-    out.append(text, static_cast<std::size_t>(laid_out));
+    out.append(text, static_cast<std::size_t>(formatted));
 }
 
 const char *description_of(int error, char (&unknown)[kDescriptionSize])
@@ -106,7 +107,7 @@ const char *description_of(int error, char (&unknown)[kDescriptionSize])
     return unknown;
 }
 
-// A separate frame: only messages with %m need room for a second format.
+// A separate frame, so that only messages with %m use stack for a second format.
 [[gnu::noinline]] int format_with_description(char *out, std::size_t size, const char *format, va_list ap, int error)
 {
     char unknown[kDescriptionSize];

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// trace_error.h - how the library's own families report through the debug trace.
+// trace_error.h - reports of the library's families through the debug trace.
 #ifndef LIBCOMMON_LOG_TRACE_ERROR_H
 #define LIBCOMMON_LOG_TRACE_ERROR_H
 
