@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// cancel_guard.h - no cancellation of the calling thread within the scope.
+// cancel_guard.h - disables cancellation of the calling thread within the scope.
 #ifndef LIBCOMMON_BASE_CANCEL_GUARD_H
 #define LIBCOMMON_BASE_CANCEL_GUARD_H
 
@@ -7,8 +7,8 @@
 
 namespace base {
 
-// Signal-safe. open(), write() and their like are cancellation points: a pending pthread_cancel() would end the thread
-// there and leave descriptors and locks behind. The request stays pending and acts after the scope.
+// Signal-safe. open(), write() and most other system calls are cancellation points: a pending pthread_cancel() would
+// end the thread there with descriptors open and locks held. The request stays pending and acts after the scope.
 class cancel_guard {
 public:
     cancel_guard() { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// errno_guard.h - puts errno back at the end of the scope.
+// errno_guard.h - restores errno at the end of the scope.
 #ifndef LIBCOMMON_BASE_ERRNO_GUARD_H
 #define LIBCOMMON_BASE_ERRNO_GUARD_H
 
@@ -14,7 +14,7 @@ public:
     errno_guard(const errno_guard &) = delete;
     errno_guard &operator=(const errno_guard &) = delete;
 
-    // The value that errno had when the guard was set up and will have again.
+    // The value of errno when the guard was created, which the guard restores.
     int saved() const { return saved_; }
 
 private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// tail_queue.h - the intrusive queue of records that are appended at the end and leave from anywhere.
+// tail_queue.h - an intrusive queue: records are appended at the end and removed from anywhere.
 //
 // A queue is any record with `first` (the first node or null) and `last` (the address of the pointer that the next
 // node will be stored in: the last node's `next`, or `first` when empty). A node is any record with `next` and `prev`,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// unique_fd.h - owns one descriptor and closes it at the end of the scope, leaving errno alone.
+// unique_fd.h - owns one descriptor and closes it at the end of the scope without changing errno.
 #ifndef LIBCOMMON_BASE_UNIQUE_FD_H
 #define LIBCOMMON_BASE_UNIQUE_FD_H
 
@@ -12,7 +12,7 @@
 namespace base {
 
 // Signal-safe, and no cancellation point: close() is one and would leave the descriptor open. A process may run with
-// descriptors 0 to 2 closed, so 0 is as good a descriptor as any other.
+// descriptors 0 to 2 closed, so 0 is a valid descriptor.
 class unique_fd {
 public:
     constexpr unique_fd() = default;

@@ -22,7 +22,7 @@ extern "C" {
 // Bounds of the host executable's code, from its link; a host linked without them has an empty text range.
 [[gnu::weak]] extern const char __qv_text_start[];
 [[gnu::weak]] extern const char __qv_text_end[];
-// The same two as data, in hosts that link libcommon::host; its source says why.
+// The same bounds as data, in hosts that link libcommon::host; its source says why.
 [[gnu::weak]] extern const char *const __qv_text_bounds[2];
 
 uint64_t stack_main_top;
@@ -45,8 +45,8 @@ bool is_host_text(unsigned long addr)
     return end != 0 && addr >= start && addr <= end;
 }
 
-// A return address may bear a signature in its upper bits. What is no signed address of code that is known here is told
-// as it stands in the record.
+// A return address may carry a signature in its upper bits. The value is returned unchanged unless removing the
+// signature gives an address of known code.
 unsigned long without_signature(unsigned long return_address)
 {
     unsigned long address = fault::strip_signature(return_address);
@@ -176,7 +176,7 @@ int load_section_table(section_record *table)
     char line[fault::kLineSize];
     std::size_t count = 0;
     while (fault::hfgets(line, &reader) != nullptr) {
-        // Told only when a line follows the last record that fits, whatever that line is.
+        // Reported only when another line follows the last record that fits, whatever that line is.
         if (count == QV_SECTION_MAX) {
             console_print("procps_read_maps, exec section number large than %u.\n", QV_SECTION_MAX);
             break;
@@ -196,7 +196,7 @@ int is_dynamic_lib(unsigned long addr)
 {
     const section_record *table = fault::section_table();
     if (table == nullptr || table[0].start == 0)
-        return 1; // without a table every address passes for code: better a wrong entry in a log than none
+        return 1; // without a table every address counts as code: a wrong entry in a log is better than none
     for (int i = 0; i < QV_SECTION_MAX && table[i].start != 0; i++) {
         if (addr >= table[i].start && addr < table[i].end)
             return 1;
@@ -264,7 +264,7 @@ int get_function_name_by_ptr(void *ptr, char *dst, int size)
         text.clear();
     text.append_pointer(address);
     if (size > 0)
-        dst[size - 1] = '\0'; // callers hand the whole of dst on, so its last byte is set even behind a short text
+        dst[size - 1] = '\0'; // callers copy all of dst, so its last byte is set even after a short text
     return static_cast<int>(text.length());
 }
 
@@ -276,7 +276,7 @@ int get_proc_comm_name(char *buf, int len)
     if (qv_handle_thread != 0)
         signal_snprintf(path, sizeof path, "/proc/%u/task/%u/comm", ::getpid(), fault::thread_id());
     base::unique_fd fd(::open(path, O_RDONLY));
-    // Descriptor 0 counts as a failure too. It shows: such a process names its logs by its program, not by its comm.
+    // Descriptor 0 counts as a failure, contract: such a process names its logs by its program, not by its comm.
     if (fd.get() < 1 || len < 0)
         return 0;
     auto n = static_cast<int>(::read(fd.get(), buf, static_cast<std::size_t>(len)));

@@ -36,7 +36,7 @@ int load_section_table(section_record *table);
 // Code by the host's text range and by the calling thread's table, without which every address is.
 bool is_code(unsigned long addr);
 
-// Likewise, but without a table only what lies in a loaded module is.
+// The same, except that without a table only addresses in a loaded module are.
 bool is_known_code(unsigned long addr);
 
 // The frame address of an entry that has no frame record.
@@ -47,8 +47,8 @@ constexpr unsigned long round_up_to_word(unsigned long address)
     return (address + sizeof(unsigned long) - 1) & ~(sizeof(unsigned long) - 1);
 }
 
-// Follows the chain from the record at `record`, 0 for none. Return addresses are not compared with the code ranges nor
-// records with the stack: a sound chain may lie anywhere, and a broken one ends by itself.
+// Follows the chain from the record at `record`, 0 for none. Return addresses are not compared with the code ranges,
+// nor records with the stack: a sound chain may lie anywhere, and a broken chain ends at unreadable memory.
 // @param frames  receives the frame addresses, or null
 // @param bottom  receives the last link read, or 0
 // @return number of entries, at most `max`

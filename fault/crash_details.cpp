@@ -49,7 +49,7 @@ void report_signal(int fd, const crash_record &rec)
     const siginfo_t *info = rec.info;
     if (info == nullptr)
         return;
-    bool is_sent = info->si_code <= 0; // by a process, which the record then names
+    bool is_sent = info->si_code <= 0; // by a process, which the record names
     if (is_sent)
         signal_printf(fd, "signal : %d code %d from pid %d uid %d\n", static_cast<int>(rec.signo), info->si_code,
                       info->si_pid, static_cast<int>(info->si_uid));
@@ -151,7 +151,7 @@ void report_code(int fd, unsigned long pc)
     }
 }
 
-// The lines of the kernel's status file that speak of memory and threads.
+// The lines on memory and threads of the kernel's status file.
 void report_memory(int fd)
 {
     constexpr const char *kWanted[] = {"VmPeak:", "VmSize:", "VmHWM:", "VmRSS:", "VmSwap:", "Threads:", "FDSize:"};
@@ -166,7 +166,7 @@ void report_memory(int fd)
     }
 }
 
-// 0 prints for no limit as the largest number, as the kernel has it.
+// No limit prints as the largest number, which is the kernel's value.
 void report_limits(int fd)
 {
     struct named_limit {

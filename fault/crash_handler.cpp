@@ -60,7 +60,7 @@ void reset_fault_signals()
         ::signal(sig, SIG_DFL);
 }
 
-// A child that a process with threads forked has one thread, which the C library's own mark does not say.
+// Beyond the C library's mark, which stays false in a child that a process with threads forked.
 bool is_single_threaded()
 {
     if (__libc_single_threaded)
@@ -72,8 +72,8 @@ bool is_single_threaded()
 
 // The handlers of the fault signals as they were when a thread of many began to die.
 //
-// They stay armed until its log is written: a second thread's fault would else end the process at once and leave
-// neither its own log nor this one. The dying thread itself behaves as if they had been reset (see ends_process()).
+// They stay armed until its log is written. Otherwise a second thread's fault would end the process at once, and
+// neither log would be complete. The dying thread itself behaves as if they had been reset (see ends_process()).
 class late_reset {
 public:
     void arm()
@@ -85,7 +85,7 @@ public:
             before_[i] = handler_of(signals_[i]);
     }
 
-    // What a callback has set or armed meanwhile stands, as it would after an early reset.
+    // Keeps what a callback has set or armed meanwhile, as after an early reset.
     void run() const
     {
         if (!is_armed_ || armings_ != armings())
@@ -123,7 +123,7 @@ public:
     log_patience() { ::clock_gettime(CLOCK_MONOTONIC, &begin_); }
 
 private:
-    static constexpr long kMaxPolls = 2000; // of a millisecond at least, should the clock stand
+    static constexpr long kMaxPolls = 2000; // of a millisecond or more, in case the clock does not advance
 
     static long milliseconds(const timespec &t) { return t.tv_sec * 1000 + t.tv_nsec / 1000000; }
 
@@ -139,8 +139,8 @@ void await_other_logs()
         ::nanosleep(&kPoll, nullptr);
 }
 
-// One run of signal_err(). Lets a dying thread leave only when no other log is being written: its return is the end of
-// the process, and threads that crash together would cut each other's logs.
+// One run of signal_err(). A dying thread leaves only when no other log is being written: its return ends the process,
+// and threads that crash together would cut each other's logs.
 class handler_scope {
 public:
     handler_scope(int sig, const ucontext_t &interrupted) : run_(sig, interrupted) {}
@@ -181,16 +181,15 @@ private:
     late_reset reset_;
 };
 
-// A fault of a thread that is dying already, say in a callback, ends the process as it does with the handlers reset:
-// the log keeps what was written so far. So does a fault in the handlers of faults in handlers, before their stacks
-// overflow.
+// A fault of a thread that is already dying, say in a callback, ends the process as if the handlers were reset: the log
+// keeps what was written so far. So does a fault in deeply nested handlers, before the stack overflows.
 bool ends_process(int sig)
 {
     constexpr int kMaxNested = 8;
     return is_fault_signal(sig) && (is_thread_dying() || handlers_on_thread() >= kMaxNested);
 }
 
-// A faulting instruction faults again behind the handler; a signal that was sent has to be sent again.
+// A faulting instruction faults again after the handler returns; a signal that was sent must be sent again.
 void end_process(int sig, const siginfo_t *info)
 {
     reset_fault_signals();
@@ -209,7 +208,7 @@ void announce_death(const crash_record &rec)
                   ::getppid(), static_cast<int>(rec.signo), machine_context(rec.uctx).program_counter());
 }
 
-// A callback may have filled the path, not necessarily terminated.
+// A callback may have filled the path without terminating it.
 void choose_path(crash_record *rec)
 {
     rec->log_path[sizeof rec->log_path - 1] = '\0';
@@ -220,8 +219,8 @@ void choose_path(crash_record *rec)
     set_default_path(rec, folder, is_dump_request(sig) ? log_kind::attach : log_kind::coredump);
 }
 
-// Signal 51's folder is the operator's switch: without it no such dump is wanted, so it is never made. The folder is
-// looked after even when a callback chose another place for the log.
+// The folder of signal 51 is the operator's switch: without it no such dump is written, so it is never created. The
+// folder is prepared even if a callback chose another place for the log.
 bool prepare_folder(int sig)
 {
     if (sig == kDumpFileSignal) {
@@ -325,7 +324,7 @@ void signal_terminate(int sig, siginfo_t *info, void *uctx)
     base::cancel_guard whole;
     base::errno_guard keep;
     ::signal(sig, SIG_DFL);
-    // Init asks twice: the first request is let pass unlogged, the second one finds the default disposition.
+    // Init asks twice: the first request is ignored, the second one finds the default disposition.
     if (info->si_pid == kInitProcess)
         return;
 

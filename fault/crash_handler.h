@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// crash_handler.h - what arming the handlers needs to know of them.
+// crash_handler.h - the signals of the crash handler, for the code that arms it.
 #ifndef LIBCOMMON_FAULT_CRASH_HANDLER_H
 #define LIBCOMMON_FAULT_CRASH_HANDLER_H
 
@@ -10,8 +10,7 @@
 
 namespace fault {
 
-// Raw numbers: they are an agreement with the tools that send them, wherever the C library lets real-time signals
-// begin.
+// Fixed numbers, agreed with the tools that send them, whatever the C library's SIGRTMIN is.
 inline constexpr int kDumpFileSignal = 51;
 inline constexpr int kBacktraceSignal = 52;
 

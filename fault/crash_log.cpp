@@ -39,7 +39,7 @@ const char *word_of(log_kind kind)
     return "";
 }
 
-// Threads are often named after what they serve ("rx/eth0"), which would name a folder that does not exist.
+// Threads are often named after what they serve. "rx/eth0" would be a path in a folder that does not exist.
 void replace_slashes(char (&out)[kCommandNameSize], const char *name)
 {
     for (std::size_t i = 0; i < sizeof out - 1 && name[i] != '\0'; i++)
@@ -90,7 +90,7 @@ base::unique_fd open_log(const char *path)
 
 void write_log_head(int fd, const crash_record &rec)
 {
-    // The label promises a thread name and the path stands there: readers of these logs take it from there.
+    // The label says thread name but the value is the path, contract: readers of these logs parse it.
     if (qv_handle_thread != 0)
         signal_printf(fd, "TID %d for signal(%d). thread name : %s\n", traced_id(), rec.signo, rec.log_path);
     else

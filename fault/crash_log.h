@@ -14,15 +14,16 @@ enum class log_kind { coredump, attach, term };
 // Writes "<folder>/<name><id>.<kind>.<sig>.log" into rec->log_path, cut at its size.
 void set_default_path(crash_record *rec, const char *folder, log_kind kind);
 
-// True when the folder is there or could be made. Two threads may die at once: the folder that the other one has just
-// made is no failure. On failure errno tells why.
+// True when the folder exists or could be created. Two threads may die at once: a folder that the other one has just
+// created is no failure. On failure errno says why.
 bool ensure_folder(const char *folder);
 bool folder_exists(const char *folder);
 
-// An older log of the same name is not cut: what it holds beyond the new text may be the only trace of the first crash.
+// Does not truncate an older log of the same name: its text beyond the new end may be the only trace of the first
+// crash.
 base::unique_fd open_log(const char *path);
 
-// Everything ahead of the backtrace: who died of what, the registers, fault address and state.
+// Writes everything before the backtrace: process, signal, registers, fault address and state word.
 void write_log_head(int fd, const crash_record &rec);
 
 } // namespace fault

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Notes that threads leave for the log of a later crash.
 //
-// A table with an entry for each thread, found by its id. A thread writes its own entry only, and a handler that reads
-// another thread's entry meanwhile gets a mixture of two notes at worst: the last byte of an entry is never written.
-// The entry of a thread that has ended is taken over when the table is full; so are, in a child, those of the parent.
+// A table with an entry for each thread, found by its id. A thread writes only its entry. A handler that reads another
+// thread's entry during a write gets a mixture of two notes at worst, always terminated: the last byte of an entry is
+// never written. When the table is full, the entries of ended threads are reused; in a child, those of the parent too.
 #include "crash_details.h"
 
 #include "base/errno_guard.h"
@@ -28,7 +28,7 @@ struct crash_note {
 
 constinit std::array<crash_note, QV_CRASH_NOTE_THREADS> notes{}; // untouched at load
 
-// The process ends after the first; should two threads find something at once, the log has one of them or a mixture.
+// The process ends after the first misuse. If two threads find one at once, the log shows either or a mixture.
 cache_misuse last_misuse;
 std::atomic<bool> has_misuse;
 

@@ -8,9 +8,9 @@ namespace fault {
 // What an object cache found before it ends the process.
 struct cache_misuse {
     const char *cache;    // its name, or null for no cache
-    int code;             // as mcache_error() takes it
+    int code;             // as mcache_error() accepts it
     unsigned long object; // 0 for none
-    unsigned long guard;  // behind the object; 0 when it was not read
+    unsigned long guard;  // the word after the object; 0 when it was not read
 };
 
 // Kept for the details of the log that follows.

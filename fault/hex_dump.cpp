@@ -15,8 +15,8 @@ namespace {
 constexpr int kBytesPerLine = 16;
 constexpr int kLineSize = 128;
 
-// The title's arguments are start, mark, len and those of the caller. A variable argument may be read only when it was
-// passed, and how many were, only the title tells: as many as its conversions take.
+// The title's arguments are start, mark, len and those of the caller. A variable argument may be read only if it was
+// passed. The number passed is the number of arguments that the title's conversions require.
 constexpr int kNamedArguments = 3;
 constexpr int kMaxArguments = 32;
 constexpr int kMaxVariable = kMaxArguments - kNamedArguments;
@@ -33,7 +33,7 @@ const char *skip_digits(const char *s)
     return s;
 }
 
-// Counts the arguments that a format takes, by the grammar of signal_printf().
+// Counts the arguments that a format requires, by the grammar of signal_printf().
 int count_arguments(const char *format)
 {
     int count = 0;
@@ -85,7 +85,7 @@ extern "C" void hex_dump_to_file(int fd, const char *title, const unsigned char 
     base::cancel_guard no_cancellation;
     int wanted = title != nullptr ? count_arguments(title) : 0;
     if (wanted > kMaxArguments) {
-        signal_printf(fd, "%s", title); // it would take what nobody passed, so it is shown as it stands
+        signal_printf(fd, "%s", title); // it requires more than can be passed, so it is printed without formatting
     } else if (title != nullptr) {
         unsigned long rest[kMaxVariable] = {};
         va_list args;

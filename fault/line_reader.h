@@ -12,10 +12,10 @@ namespace fault {
 
 inline constexpr std::size_t kLineSize = 1024;
 
-// [cur, end) are the bytes read but not yet handed out. Zeroed before first use, but for the descriptor.
+// [cur, end) are the bytes read but not yet returned. Zeroed before first use, except for the descriptor.
 struct hfgets_state {
     int fd;
-    unsigned int consumed; // bytes handed out so far, newlines included
+    unsigned int consumed; // bytes returned so far, newlines included
     char *cur;
     char *end;
     char buf[kLineSize];
@@ -23,8 +23,8 @@ struct hfgets_state {
 
 namespace detail {
 
-// Hands out the line that ends before `newline`. A line of 1024 bytes never fits the buffer with its newline, so none
-// is cut.
+// Copies out the line that ends before `newline`. A line of kLineSize bytes does not fit into the buffer with its
+// newline, so no line is cut.
 inline char *take_line(char *line, hfgets_state *st, char *newline)
 {
     std::size_t length = std::min(static_cast<std::size_t>(newline - st->cur), kLineSize - 1);
@@ -59,11 +59,11 @@ inline bool refill(hfgets_state *st)
 
 } // namespace detail
 
-// The next line without its newline, in `line` (1024 bytes); nullptr at the end. One refill must complete the line: one
-// longer than the buffer ends the reading, and a last line without a newline is dropped.
+// Reads the next line, without its newline, into `line` (kLineSize bytes); null at the end. One refill must complete
+// the line: a longer line ends the reading, and a last line without a newline is dropped.
 inline char *hfgets(char *line, hfgets_state *st)
 {
-    if (char *newline = detail::find_newline(st))
+    if (char *newline = detail::find_newline(st); newline != nullptr)
         return detail::take_line(line, st, newline);
     if (!detail::refill(st))
         return nullptr;
@@ -91,7 +91,7 @@ inline int hex_digit(char c)
     return -1;
 }
 
-// Reads digits up to the next blank and steps over that blank; false for an empty field or one that is no number.
+// Reads digits up to the next blank and skips that blank; false for an empty field or one that is no number.
 inline bool read_hex_field(const char **cursor, unsigned long *value)
 {
     const char *s = *cursor;

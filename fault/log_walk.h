@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // log_walk.h - the call chain that a log shows. Signal-safe. One file per architecture.
 //
-// On AArch64 every function keeps a frame record, by the platform's rules, and the log shows the chain of records as
+// On AArch64 the platform's rules make every function keep a frame record, and the log shows the chain of records as
 // qv_backtrace_spec() walks it.
 //
-// On x86-64 the C library keeps none: where it was interrupted, the frame pointer holds whatever it likes. A chain that
-// starts well is shown as it is, up to a record that is linked to itself or to one below. Where the frame pointer leads
-// to no record, the stack is searched for the next one, from the stack pointer upwards. The return addresses on the way
-// there are shown too, with the frame 1: most are callers, some may be left over from earlier calls.
+// On x86-64 the C library keeps none, and the frame pointer may hold any value inside it. A chain that starts at a
+// sound record is shown up to a record that is linked to itself or to a lower address. If the frame pointer leads to no
+// record, the stack is searched for the next one, from the stack pointer upwards. The return addresses passed in that
+// search are shown too, with the frame 1: most are callers, some may be left over from earlier calls.
 #ifndef LIBCOMMON_FAULT_LOG_WALK_H
 #define LIBCOMMON_FAULT_LOG_WALK_H
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The call chain of a log on x86-64: the frame records as far as they can be trusted, else what the stack holds.
+// The call chain of a log on x86-64: the frame records where they are sound, else return addresses on the stack.
 #include "fault/log_walk.h"
 
 #if defined(__x86_64__)
@@ -102,8 +102,8 @@ unsigned long cut_broken_chain(call_chain *chain, int first, unsigned long recor
     return record;
 }
 
-// In code that keeps no frame pointer its register may point anywhere. A record that is linked downwards may still be
-// the outermost one, whose link is another register's value.
+// In code that keeps no frame pointer, the register may point anywhere. A record that is linked downwards may still be
+// the outermost record, whose link is any value that the register held.
 bool is_good_start(unsigned long fp, unsigned long sp, unsigned long return_address, unsigned long link,
                    stack_reader *reader)
 {
@@ -159,8 +159,8 @@ bool search_stack(unsigned long sp, call_chain *chain, stack_reader *reader)
     return is_found;
 }
 
-// A chain that ends in code without frame records, as a callback of the C library's does, goes on above. The outermost
-// function has no record above it, so its chain is left as it is.
+// A chain that ends in code without frame records, such as a callback from the C library, continues at higher
+// addresses. The outermost function has no record above it, so its chain is not extended.
 void resume_above(unsigned long record, unsigned long sp, call_chain *chain, stack_reader *reader)
 {
     int count = chain->count;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// machine_context.h - the registers that the kernel saved at a signal; the only place that knows the machine.
+// machine_context.h - the registers that the kernel saved at a signal. All knowledge of registers is behind this
+// header.
 //
 // The crash log's register table has 32 slots. Slot 0 is a hard-wired zero and the last one holds the stack pointer; a
 // port with fewer registers leaves slots empty, which print as 0.
@@ -34,7 +35,7 @@ private:
 inline constexpr unsigned long kLongestCall = 8;
 bool ends_in_call(const unsigned char *end);
 
-// A return address as the processor jumps to it, without the signature that some put into its upper bits.
+// A return address without the signature that some processors put into its upper bits.
 unsigned long strip_signature(unsigned long return_address);
 
 } // namespace fault

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The saved registers on AArch64: the frame pointer is x29, and the word behind x30 is the stack pointer.
+// The saved registers on AArch64: the frame pointer is x29, and the word after x30 is the stack pointer.
 #include "fault/machine_context.h"
 
 #if defined(__aarch64__)
@@ -52,7 +52,7 @@ unsigned long machine_context::state_word() const
 unsigned long machine_context::slot(unsigned index) const
 {
     if (index == 0)
-        return 0; // the table's hard-wired zero: readers of these logs expect it, the saved x0 is not shown
+        return 0; // always 0 instead of the saved x0, contract: readers of these logs expect it
     return index == kStackPointerSlot ? machine_.sp : machine_.regs[index];
 }
 
@@ -75,7 +75,7 @@ bool ends_in_call(const unsigned char *end)
            (word & 0xFEFFF800u) == 0xD63F0800u;
 }
 
-// XPACLRI by its hint number: an assembler for any revision takes it, and a processor without signatures skips it.
+// XPACLRI by its hint number: assemblers for every revision accept it, and processors without signatures ignore it.
 unsigned long strip_signature(unsigned long return_address)
 {
     asm("mov x30, %0\n\thint #7\n\tmov %0, x30" : "+r"(return_address) : : "x30");

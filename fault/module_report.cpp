@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The modules come from the mapping list, not from the loader: its list is changed under a lock, and names the program
-// by what it was started as. Bias, size and build id are read from the ELF header in memory, which may be unmapped at
-// any moment.
+// The modules come from the mapping list, not from the loader. The loader's list changes under a lock, and its name of
+// the program is what the program was started as. Bias, size and build id are read from the ELF header in memory, which
+// may be unmapped at any moment.
 #include "fault/module_report.h"
 
 #include "base/errno_guard.h"
@@ -174,9 +174,9 @@ struct noted_module {
     char path[kKeptPath] = {};
 };
 
-// Under `is_noting`, which is only tried: a handler that interrupts a change does without the unloaded modules.
+// Protected by `is_noting`, which is only tried: a handler that interrupts a change omits the unloaded modules.
 std::array<noted_module, kMaxNoted> noted;
-std::size_t next_noted; // the oldest entry is the next to be replaced
+std::size_t next_noted; // the oldest entry, replaced next
 std::atomic_flag is_noting;
 
 bool is_same(const noted_module &known, const module &m)

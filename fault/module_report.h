@@ -5,7 +5,7 @@
 
 namespace fault {
 
-// Remembers what is loaded now. Another thread's call at the same time wins.
+// Remembers which modules are loaded now. Does nothing while another thread's call runs.
 void note_modules();
 
 // Writes a line for each module, then one for each that was noted earlier and is gone.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The lock-free twin of dladdr1(). Nothing that is read here is trusted: another thread may unload the module
-// meanwhile, and what was its memory may hold anything. Reads go through safe_memory, indexes stay within the module's
-// range, and no table is walked further than the range is long.
+// dladdr1() without a lock. Nothing that is read here is trusted: another thread may unload the module during the
+// look-up, and its former memory may then hold anything. Reads use safe_memory, indexes stay within the module's range,
+// and no walk over a table is longer than the range.
 #include "fault/module_symbols.h"
 
 #include "fault/find_object.h"
@@ -22,8 +22,8 @@ namespace {
 using symbol = ElfW(Sym);
 using hash_word = Elf32_Word;
 
-// What the kernel told the program at its start. It lies at the top of the main thread's stack, which a crash may have
-// overwritten; so it is read when the library is loaded.
+// What the kernel passed to the program at its start. It lies at the top of the main thread's stack, which a crash may
+// have overwritten, so it is read when the library is loaded.
 struct {
     char **arguments;
     const ElfW(Phdr) * headers;
@@ -41,15 +41,15 @@ struct {
     program_start.page_mask = ::getauxval(AT_PAGESZ) - 1;
 }
 
-// The loader takes the program's file name from the arguments whenever it is asked, so a host that exchanges the first
-// one sees the new one.
+// The loader reads the program's file name from the arguments at each look-up, so a host that replaces the first one
+// sees the new one.
 unsigned long program_name()
 {
     return reinterpret_cast<unsigned long>(program_start.arguments != nullptr ? program_start.arguments[0]
                                                                               : program_invocation_name);
 }
 
-// A table that ends at `limit` at the latest, read in pieces of `capacity` elements: scans go upwards.
+// A table that ends at `limit` at the latest, read upwards in pieces of `capacity` elements.
 template <typename element, std::size_t capacity>
 class table_reader {
 public:
@@ -92,8 +92,8 @@ unsigned type_of(const symbol &candidate)
     return ELF64_ST_TYPE(candidate.st_info);
 }
 
-// Symbols that name an address of the module at all: a function that is undefined here counts by its address, which is
-// that of its entry in the program's linkage table.
+// Whether a symbol names an address in the module. An undefined function with an address does too: the address is that
+// of its entry in the program's linkage table.
 bool names_an_address(const symbol &candidate)
 {
     return type_of(candidate) != STT_TLS && candidate.st_shndx != SHN_ABS &&
@@ -115,8 +115,8 @@ bool is_global(const symbol &candidate)
     return binding == STB_GLOBAL || binding == STB_WEAK;
 }
 
-// Where a module's segments lie, for those that the kernel mapped. They may lie apart, and what is mapped between them
-// is not the module. The loader closes such gaps in the modules that it maps itself.
+// The segments of a module that the kernel mapped. They may lie apart, and mappings between them do not belong to the
+// module. The loader closes such gaps in the modules that it maps itself.
 struct segments {
     unsigned long start = ~0UL, end = 0;
     bool hold_address = false;
@@ -147,7 +147,7 @@ segments survey_program(unsigned long load_bias, unsigned long address)
     return survey(program_start.headers, program_start.header_count, load_bias, address);
 }
 
-// Of the loader. There is none, with address 0, in a program that was started by calling the loader.
+// Of the loader. Missing, with address 0, in a program that was started by calling the loader.
 segments survey_loader(unsigned long address)
 {
     unsigned long base = program_start.loader_base;
@@ -301,7 +301,7 @@ void symbol_lookup::look_up()
         scan_all(table);
 }
 
-// On older systems there is nothing better.
+// Systems before glibc 2.35 offer nothing better.
 void symbol_lookup::look_up_by_loader()
 {
     Dl_info info = {};
@@ -412,7 +412,7 @@ void symbol_lookup::scan_gnu_hash(const tables &table)
 }
 
 // Without that table: all global symbols, by the count that the older hash table has in its second word. A module
-// without either is malformed; its strings commonly follow its symbols.
+// without either is malformed. Its strings usually follow its symbols.
 void symbol_lookup::scan_all(const tables &table)
 {
     unsigned long count = table.strings > table.symbols ? (table.strings - table.symbols) / sizeof(symbol) : 0;
@@ -441,7 +441,7 @@ void symbol_lookup::take(const best_symbol &best, const tables &table)
 
 void symbol_lookup::append_text(unsigned long from, text_buffer *text)
 {
-    constexpr unsigned long kLongest = 1 << 20; // no name comes near; garbage without an end may
+    constexpr unsigned long kLongest = 1 << 20; // longer than any name; unterminated garbage may reach it
     table_reader<char, 64> characters(&memory_, from, from + kLongest);
     if (from == 0)
         return;

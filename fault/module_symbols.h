@@ -2,9 +2,8 @@
 // module_symbols.h - the module and the symbol that an address belongs to, found without a lock. Signal-safe.
 //
 // dladdr() waits for the dynamic loader's lock. A handler cannot: the lock may be held by the interrupted thread, or by
-// one that waits for it, such as a plug-in's constructor. So the module comes from _dl_find_object(), which is
-// lock-free, and the symbol from the module's dynamic symbol table, which is read here. The answers are those of
-// dladdr1().
+// a thread that waits for it, such as one in a plug-in's constructor. So the module comes from _dl_find_object(), which
+// is lock-free, and the symbol from the module's dynamic symbol table, which is read here. The results equal dladdr1().
 //
 //     fault::symbol_lookup lookup(address);
 //     if (lookup.is_found()) {
@@ -22,8 +21,8 @@
 
 namespace fault {
 
-// Builds a text in a caller's buffer: what does not fit is cut off and counted. Terminated after each step if there is
-// any room.
+// Builds a text in a caller-provided buffer. Text that does not fit is cut and still counted. Terminated after each
+// step if there is any room.
 class text_buffer {
 public:
     text_buffer(char *to, std::size_t size) : to_(to), size_(size) { clear(); }
@@ -44,7 +43,7 @@ private:
 // True when the address lies in a loaded module's range. False where _dl_find_object() is missing.
 bool is_in_module(unsigned long address);
 
-// Tells a module from one that is loaded later at the same place, for a caller that keeps what it looked up.
+// Distinguishes a module from one that is loaded later at the same place, for a caller that caches a look-up.
 struct module_identity {
     unsigned long start = 0, end = 0;
     unsigned long map = 0;       // the loader's record; 0 for no module
@@ -71,11 +70,11 @@ public:
     void append_file_name(text_buffer *text) { append_text(file_name_, text); }
     void append_symbol_name(text_buffer *text) { append_text(symbol_name_, text); }
 
-    // True when the module is still the one that was found at first.
+    // True while the module is still the one that was found first.
     bool is_current() const;
 
 private:
-    // What the loader says of a module; `map` identifies it.
+    // The loader's data of a module; `map` identifies it.
     struct module {
         unsigned long start = 0, end = 0; // the range around the address
         unsigned long map = 0;

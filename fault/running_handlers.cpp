@@ -7,9 +7,9 @@
 //     | process | thread | sequence | sig | masked | dying | finished |
 //
 // signal_context_flag holds a number that no earlier run has stored, or 0. A run enters the table and then stores its
-// number; who finds the table empty clears the flag only if it is the same as before the search. So
-// the flag is never 0 while a run is in the table: no thread in a handler ever prints by the ordinary path, where it
-// could wait for a lock that it interrupted.
+// number. A run that finds the table empty clears the flag only if the flag is the same as before its search. So the
+// flag is never 0 while a run is in the table: no thread in a handler uses the ordinary print path, where it could wait
+// for a lock that it interrupted.
 #include "fault/running_handlers.h"
 
 #include "base/errno_guard.h"
@@ -68,9 +68,9 @@ int signal_of(uint64_t word)
 
 // ---- the table ----
 
-// `owner` is the thread pointer xor the word: a forked child knows its own entries by it, since the thread pointer is
-// what a thread keeps across fork(). Under another word the value means nothing, and the rest, which only the owning
-// thread uses, is not yet filled.
+// `owner` is the thread pointer xor the word. A forked child recognises its entries by it, since a thread keeps its
+// thread pointer across fork(). With another word the value means nothing, and the remaining fields, which only the
+// owning thread uses, are not filled yet.
 struct table_entry {
     std::atomic<uint64_t> word; // 0 when free
     std::atomic<uint64_t> owner;
@@ -202,8 +202,8 @@ bool read_mask(pid_t thread, uint64_t *mask)
     return false;
 }
 
-// The number in the ninth field of a thread's status line. The second one, the name in brackets, may hold blanks and
-// brackets of its own.
+// The number in the ninth field of a thread's status line. The second field, the name in brackets, may itself contain
+// blanks and brackets.
 unsigned long flags_field(const char *text, std::size_t length)
 {
     std::size_t at = length;
@@ -218,7 +218,7 @@ unsigned long flags_field(const char *text, std::size_t length)
     return flags;
 }
 
-// pthread_join() returns before the kernel forgets the thread, and a first thread that ended stays as a zombie.
+// pthread_join() returns before the kernel removes the thread, and a first thread that ended remains as a zombie.
 bool is_exiting(pid_t thread)
 {
     constexpr unsigned long kExiting = 0x4; // the kernel's PF_EXITING
@@ -233,7 +233,7 @@ bool has_ended(pid_t process, pid_t thread)
     return is_exiting(thread) || (::syscall(SYS_tgkill, process, thread, 0) != 0 && errno == ESRCH);
 }
 
-// The signal of a running handler is blocked; siglongjmp() puts the mask back.
+// The signal of a running handler is blocked; siglongjmp() restores the mask.
 bool was_left(const thread_identity &self, uint64_t word)
 {
     if ((word & kMasked) == 0)
@@ -261,7 +261,7 @@ running_handler::running_handler(int sig, const ucontext_t &interrupted)
     for_each_entry([&](table_entry &entry, uint64_t word) {
         if (!self.owns(entry, word))
             return;
-        // abort() unblocks its signal, so a handler of SIGABRT may well run inside another one.
+        // abort() unblocks its signal, so a handler of SIGABRT may run inside another one.
         bool may_be_unmasked = signal_of(word) == SIGABRT && sig == SIGABRT;
         bool is_unmasked = (word & kMasked) != 0 && !contains(mask, signal_of(word));
         bool is_inner =
@@ -378,9 +378,9 @@ bool is_other_log_unfinished()
     });
 }
 
-// A run that a callback left counts until another one ends: the contract of the flag is that a handler clears it. The
-// one that ended may have found the thread's signals blocked for a moment, as in pthread_create(), so runs that began
-// before its end are checked again here.
+// A run that a callback left counts until another run ends, contract: only a handler clears the flag. The run that
+// ended may have found the thread's signals blocked for a moment, as in pthread_create(), so runs that began before its
+// end are checked again here.
 bool is_handler_running()
 {
     if (unlisted != 0)

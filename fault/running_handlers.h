@@ -17,14 +17,14 @@ namespace fault {
 // One run of the handler. Lies in the handler's frame: its address says which of two runs on a stack is the inner one.
 class running_handler {
 public:
-    // Enters the table and removes this thread's runs that a callback left.
+    // Enters the table and removes those runs of this thread that a callback left.
     running_handler(int sig, const ucontext_t &interrupted);
     ~running_handler();
 
     running_handler(const running_handler &) = delete;
     running_handler &operator=(const running_handler &) = delete;
 
-    // Enters the table again where another thread took this run for left: a callback had unblocked the signal.
+    // Enters the table again if another thread removed this run: a callback had unblocked the signal.
     void confirm();
 
     // From here on this thread counts as dying, until handlers are armed again.

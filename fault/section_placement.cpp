@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Finds out where section_rec lies, and makes a thread's table. Runs while the library is loaded and in ordinary code:
-// an access to section_rec by its name may call the loader and allocate.
+// Determines where section_rec lies, and creates a thread's table. Runs while the library is loaded and in ordinary
+// code: an access to section_rec by its name may call the loader and allocate.
 #include "backtrace.h"
 
 #include "fault/backtrace_internal.h"
@@ -15,8 +15,8 @@ static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8
 namespace fault {
 namespace {
 
-// Another library's constructor may come before ours. Two threads cannot be here at once: the first call is made while
-// the library is loaded.
+// Another library's constructor may call this before the library's own one does. Two threads cannot be here at once:
+// the first call happens while the library is loaded.
 void find_placement()
 {
     using kind = section_placement::kind;

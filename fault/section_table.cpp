@@ -19,9 +19,9 @@ unsigned long thread_pointer()
     return reinterpret_cast<unsigned long>(__builtin_thread_pointer());
 }
 
-// The tables to borrow, untouched memory until a handler needs one. A slot belongs to the thread whose pointer is in
-// it, until that handler returns. A callback may leave the handler by siglongjmp(): then the slot stays the thread's,
-// and is there for its next handler. It is taken from it once the thread has ended.
+// The tables to borrow; their memory is not touched until a handler needs one. A slot belongs to the thread whose
+// pointer it holds, until that handler returns. If a callback leaves the handler by siglongjmp(), the slot stays the
+// thread's and serves its next handler. Other threads reuse it after the thread has ended.
 struct borrowed_table {
     std::atomic<unsigned long> owner; // 0: free
     std::atomic<pid_t> owner_id;
@@ -82,7 +82,7 @@ handler_section_table::handler_section_table()
 {
     is_borrowed_ = section_table() == nullptr && borrow() != nullptr;
     if (borrowed_table *table = is_borrowed_ ? nullptr : find_borrowed())
-        table->owner_id.store(thread_id()); // left there by a thread that had this thread's pointer before
+        table->owner_id.store(thread_id()); // the slot was left by an earlier thread with the same thread pointer
     load_section_table(section_table());
 }
 

@@ -6,12 +6,11 @@
 // data. A handler can do neither. The 3 KiB are too many for the small reserve that would let dlopen() place them with
 // the thread.
 //
-// So where the table lies is found out while the library is loaded:
+// So the table's place is determined while the library is loaded:
 //
 //     linked by the program    at the same distance from every thread's pointer
-//     loaded by dlopen()       where the thread's record says: a value of a pthread key, which ordinary code sets when
-//     it
-//                              first loads the table; a handler on a thread without one borrows a table
+//     loaded by dlopen()       at the thread's value of a pthread key, which ordinary code sets when it first loads the
+//                              table; a handler on a thread without a value borrows a table
 #ifndef LIBCOMMON_FAULT_SECTION_TABLE_H
 #define LIBCOMMON_FAULT_SECTION_TABLE_H
 
@@ -40,8 +39,8 @@ extern section_placement placement;
 // The calling thread's table of QV_SECTION_MAX records, or null when it has none yet.
 section_record *section_table();
 
-// Gives the calling thread a table that is loaded afresh, for the time of a handler's run. When all tables to borrow
-// are out, there is none, and every address counts as code.
+// Gives the calling thread a freshly loaded table during a handler's run. When all tables are borrowed, there is none,
+// and every address counts as code.
 class handler_section_table {
 public:
     handler_section_table();

@@ -21,10 +21,11 @@ using fault::kBacktraceSignal;
 using fault::kDumpFileSignal;
 
 constexpr int kDefaultAttachSignal = SIGALRM;
+constexpr int kReservedSignal = 50; // of the system's tools, as kDumpFileSignal and kBacktraceSignal
 
 struct armed_signal {
     int number;
-    const char *name; // as failure messages call it
+    const char *name; // in failure messages
 };
 
 constexpr armed_signal kCrashSignals[] = {
@@ -36,17 +37,17 @@ constexpr armed_signal kCrashSignals[] = {
     {kBacktraceSignal, "sig_backtrace"},
 };
 
-// SIGIO twice, under both its names, as ever; whoever traces the calls sees it.
+// SIGIO and SIGPOLL are one number: it is armed twice, contract. Tools that trace the calls see both.
 constexpr int kTerminationSignals[] = {SIGHUP,  SIGINT,    SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM,
                                        SIGTERM, SIGVTALRM, SIGIO,   SIGPOLL, SIGPWR};
 
-constexpr int kIgnoredSignals[] = {SIGBUS,  SIGILL,  SIGSEGV, SIGABRT,         SIGALRM,         SIGHUP,
-                                   SIGCHLD, SIGPIPE, 50,      kDumpFileSignal, kBacktraceSignal};
+constexpr int kIgnoredSignals[] = {SIGBUS,  SIGILL,  SIGSEGV,         SIGABRT,         SIGALRM,         SIGHUP,
+                                   SIGCHLD, SIGPIPE, kReservedSignal, kDumpFileSignal, kBacktraceSignal};
 
 constexpr int kDisarmedSignals[] = {SIGBUS, SIGILL, SIGSEGV, SIGABRT};
 
-// SA_SIGINFO and nothing else unless a host asks: the handler stays armed, and interrupted calls fail with EINTR, which
-// hosts count on.
+// SA_SIGINFO alone unless a host asks for more: the handler stays armed, and interrupted calls fail with EINTR, as
+// hosts expect.
 struct sigaction make_action(void (*handler)(int, siginfo_t *, void *), int flags = SA_SIGINFO)
 {
     struct sigaction action = {};

@@ -42,7 +42,7 @@ public:
         return false;
     }
 
-    // At the end of the thread. A thread that ends inside a handler still stands on the stack, which then stays mapped.
+    // At the end of the thread. A thread that ends inside a handler still uses the stack, which then stays mapped.
     void uninstall()
     {
         stack_t now = {};
@@ -79,7 +79,7 @@ void make_key()
               }) == 0;
 }
 
-// One of the host's that is large enough serves as well.
+// A large enough stack of the host is kept.
 bool has_large_stack()
 {
     stack_t now = {};

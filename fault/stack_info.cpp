@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kPathSize = 128;
 
-// Names a reader in its failure message. Log scanners know the messages by their numbers, so these never change.
+// Names a reader in its failure message. Log scanners find the messages by their numbers, so these never change.
 struct reader_name {
     const char *function;
     int line;
@@ -34,7 +34,7 @@ base::unique_fd open_thread_maps(const reader_name &reader)
     return fd;
 }
 
-// Stores the range of the first line that contains `filter` and whose range `accepts` takes.
+// Stores the range of the first line that contains `filter` and whose range `accepts` returns true for.
 template <typename Accepts>
 int find_mapping(const reader_name &name, const char *filter, Accepts accepts, unsigned long *start, unsigned long *end)
 {

@@ -25,7 +25,7 @@ constexpr std::size_t kStatusLineSize = 1024;
 constexpr unsigned kLastField = 80;
 constexpr int kMessageLine = 1338; // a fixed text: log scanners know the message by it
 
-// The status line of the task, false when it cannot be had.
+// Reads the status line of the task; false when it cannot be read.
 bool read_status_line(char *line)
 {
     char path[kPathSize];
@@ -50,8 +50,8 @@ bool read_number(const char *field, const char *end, uint64_t *number)
     return true;
 }
 
-// Fields are what lies between blanks, the command name's own blanks included; one without a blank behind it is not
-// looked at.
+// Fields are separated by blanks, and a blank in the command name separates too. A field without a blank after it is
+// ignored.
 void record_stack_field(const char *line)
 {
     const char *field = line;

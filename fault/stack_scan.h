@@ -7,8 +7,8 @@
 
 namespace fault {
 
-// Whether the word is an address in an executable mapping, right after a call instruction. Words that were left on the
-// stack by calls that have returned are among those found.
+// Whether the word is an address in an executable mapping, directly after a call instruction. Words that earlier calls
+// left on the stack count too.
 bool follows_call(safe_memory *code, unsigned long address);
 
 // Calls `visit(place, address)` for each such word in [from, to), lowest first, until it returns false.

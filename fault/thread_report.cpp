@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the kernel says of each thread, read without stopping any: state, system call, stack pointer, program counter.
+// The kernel's view of each thread, read without stopping any: state, system call, stack pointer, program counter.
 //
-// A thread that waits in a futex for a mutex of the C library can be asked for whom: the mutex has its owner's id
-// behind the futex word, and one with priority inheritance has it in the word. From that the circles of a deadlock
-// follow.
+// For a thread that waits in a futex for a mutex of the C library, the owner is known: its id follows the futex word,
+// and is in the word itself with priority inheritance. The circles of a deadlock are found from the owners.
 #include "fault/thread_report.h"
 
 #include "base/unique_fd.h"
@@ -27,14 +26,14 @@ namespace {
 constexpr std::size_t kPathSize = 64;
 constexpr std::size_t kTextSize = 256;
 constexpr long kSecondsAllowed = 2;
-constexpr std::size_t kMaxWaits = 128;        // that circles are looked for in
+constexpr std::size_t kMaxWaits = 128;        // that are searched for circles
 constexpr unsigned long kScannedStack = 4096; // of a thread that waits
 constexpr int kMaxCalls = 12;                 // return addresses shown of one thread
 constexpr int kMaxCircle = 32;
 
 struct waiting_thread {
     pid_t thread;
-    pid_t owner; // of what it waits for
+    pid_t owner; // of the lock that it waits for
 };
 
 struct thread_state {
@@ -222,7 +221,7 @@ private:
             waits_[wait_count_++] = {thread.id, owner};
     }
 
-    // 0 when the word is that of no lock with an owner in this process.
+    // 0 unless the word belongs to a lock whose owner is in this process.
     pid_t owner_of(unsigned long address, std::uint32_t word, unsigned long operation)
     {
         auto command = static_cast<int>(operation) & FUTEX_CMD_MASK;

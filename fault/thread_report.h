@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// thread_report.h - every thread of the process, and what it waits for. Signal-safe.
+// thread_report.h - reports every thread of the process and what it waits for. Signal-safe.
 #ifndef LIBCOMMON_FAULT_THREAD_REPORT_H
 #define LIBCOMMON_FAULT_THREAD_REPORT_H
 

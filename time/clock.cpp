@@ -16,20 +16,20 @@ constexpr long kNanosecondsPerMicrosecond = 1000;
 
 // ---- the mutexes and forks ----
 //
-// A child that is forked while another thread is in the C library's zone code finds that code's lock taken for good.
-// So every use of it here is under one of two mutexes, and both are taken before a fork.
+// If another thread is in the C library's zone code at a fork, that code's lock stays locked in the child for ever. So
+// every use of it here holds one of two mutexes, and both are locked before a fork.
 
 pthread_mutex_t localtime_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-// Around the zone look-ups that must pass while a caller keeps localtime_mutex. Held for microseconds; taken after the
-// other one where a thread needs both.
+// Protects the zone look-ups that must not wait while a caller keeps localtime_mutex. Held for microseconds; locked
+// after localtime_mutex by a thread that needs both.
 pthread_mutex_t lookup_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 // A caller keeps localtime_mutex through localtime_safe_lock(), for as long as it likes.
 constinit std::atomic<bool> kept = false;
 
-// What the fork handlers know of the forking thread. The flags cover the whole of its way in and out of a section,
-// since the fork may be that of a signal handler which interrupted it anywhere.
+// The forking thread's state, for the fork handlers. The flags are set before a section is entered and cleared after it
+// is left, since a signal handler that forks may interrupt the thread anywhere.
 struct thread_state {
     std::atomic<bool> converting = false; // in a section of localtime_mutex
     std::atomic<bool> looking_up = false; // in a section of lookup_mutex
@@ -40,7 +40,8 @@ struct thread_state {
 
 constinit thread_local thread_state self;
 
-// A caller that keeps the mutex is not waited for, it may be waiting for the child; the child gets a fresh one.
+// Does not wait for a caller that keeps the mutex: that caller may be waiting for the child. The child gets a new
+// mutex.
 void before_fork()
 {
     self.localtime_taken = !self.converting && timers::lock_for_fork(localtime_mutex, [] { return !kept; });
@@ -57,7 +58,7 @@ void after_fork_in_parent()
         pthread_mutex_unlock(&localtime_mutex);
 }
 
-// What the forking thread is in the middle of goes on in the child, which unlocks its copy.
+// A section that the forking thread is inside continues in the child, which unlocks its copy.
 void after_fork_in_child()
 {
     self.forking = false;
@@ -69,15 +70,15 @@ void after_fork_in_child()
     pthread_mutex_init(&localtime_mutex, nullptr);
 }
 
-// At load: a fork that began before the handlers were registered would run without them and could leave the child in
-// the middle of another thread's conversion. After the allocation hooks', so that before a fork it comes first:
+// Registered at load: a fork before that would run without the handlers, and the child could start in the middle of
+// another thread's conversion. Registered after the allocation hooks, so that it runs before theirs at a fork:
 // conversions allocate.
 [[gnu::constructor]] void watch_forks()
 {
     pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
-// Between its fork handlers a thread has the mutexes already: fork handlers of other libraries may print.
+// Between its fork handlers a thread holds the mutexes already: fork handlers of other libraries may print.
 
 int lock()
 {
@@ -96,7 +97,7 @@ int unlock()
     return result;
 }
 
-// Within the file, since a call of an exported function goes through its table entry. A clock that fails reads 0.
+// Internal, because a call of an exported function uses its linkage table entry. A clock that fails reads as 0.
 inline int read_monotonic(timespec &ts)
 {
     int result = clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -147,7 +148,8 @@ long offset_at(std::time_t when, long fallback)
     return localtime_r(&when, &date) != nullptr ? date.tm_gmtoff : fallback;
 }
 
-// Looks about a year ahead for the offset's next change; without one, the far end counts as a change to the same.
+// Searches about a year ahead for the offset's next change. Without one, the end of the search counts as a change to
+// the same offset.
 zone::offsets look_ahead(std::time_t now, long offset)
 {
     constexpr std::time_t kStep = 30L * 86400;
@@ -240,7 +242,7 @@ int localtime_safe_unlock(void)
 
 struct tm *localtime_safe(const time_t *t)
 {
-    // Not localtime(), which looks at TZ anew in itself. gmtime() returns the record that the two share.
+    // Not localtime(), which reads TZ again. gmtime() returns the record that the two share.
     return converted([&]() -> tm * {
         tm result;
         tm *shared = gmtime(t);

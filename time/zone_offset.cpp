@@ -24,7 +24,7 @@ bool load_offsets(offsets *out)
         unsigned long before = generation.load(std::memory_order_acquire);
         if (before == 0)
             return false;
-        // The fields are acquired too: the generation is not read again before them.
+        // Acquired, so that the second read of the generation comes after them.
         const copy &current = copies[before % 2];
         out->offset = current.offset.load(std::memory_order_acquire);
         out->until = current.until.load(std::memory_order_acquire);
@@ -37,7 +37,7 @@ bool load_offsets(offsets *out)
 void store_offsets(const offsets &record)
 {
     unsigned long next = generation.load(std::memory_order_relaxed) + 1;
-    // The fields are released too: who reads a new one sees the generation that took the copy out of use.
+    // Released: a reader of a new field also sees the generation that took the copy out of use.
     copy &unused = copies[next % 2];
     unused.offset.store(record.offset, std::memory_order_release);
     unused.until.store(record.until, std::memory_order_release);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // zone_offset.h - the local zone's offset from UTC, for signal handlers that stamp a line.
 //
-// A handler cannot ask the C library: its zone code takes a lock and allocates. So ordinary code, which converts a time
-// anyway, leaves the offset here, with the next change of it:
+// A handler cannot call the C library: its zone code takes a lock and allocates. So ordinary code, which converts a
+// time anyway, stores the offset here, with its next change:
 //
 //     ... offset ...|until ... next_offset ...
 //
