@@ -4,7 +4,7 @@
 #include <bit>
 #include <cstring>
 
-namespace full {
+namespace live_blocks {
 namespace {
 
 constexpr unsigned kSlotMask = kSlots - 1;
@@ -60,7 +60,7 @@ int block_table::free_slot(unsigned count) const
     unsigned from = (word + 1) % kWords;
     for (unsigned i = 0; i <= kSummaries; i++) {
         unsigned summary = (from / kWordBits + i) % kSummaries;
-        unsigned bit = first_clear(full[summary], i == 0 ? from % kWordBits : 0);
+        unsigned bit = first_clear(without_free_slot[summary], i == 0 ? from % kWordBits : 0);
         if (bit == kWordBits)
             continue;
         unsigned open = summary * kWordBits + bit;
@@ -89,7 +89,7 @@ void block_table::add_to_index(unsigned slot)
     list = slot + 1;
     set(used, slot);
     if (used[slot / kWordBits] == kAll)
-        set(full, slot / kWordBits);
+        set(without_free_slot, slot / kWordBits);
 }
 
 void block_table::remove(unsigned slot)
@@ -100,14 +100,14 @@ void block_table::remove(unsigned slot)
     *link = next[slot];
     records[slot].ptr = 0;
     clear(used, slot);
-    clear(full, slot / kWordBits);
+    clear(without_free_slot, slot / kWordBits);
 }
 
 unsigned block_table::rebuild()
 {
     std::memset(head, 0, sizeof head);
     std::memset(used, 0, sizeof used);
-    std::memset(full, 0, sizeof full);
+    std::memset(without_free_slot, 0, sizeof without_free_slot);
     unsigned blocks = 0;
     for (unsigned slot = 0; slot < kSlots; slot++) {
         if (records[slot].ptr == 0)
@@ -118,4 +118,4 @@ unsigned block_table::rebuild()
     return blocks;
 }
 
-} // namespace full
+} // namespace live_blocks

@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace full {
+namespace live_blocks {
 
 inline constexpr unsigned kSlots = MTRACE_TABLE_SIZE;
 
@@ -46,14 +46,14 @@ private:
     static constexpr unsigned kWordBits = 64;
     static constexpr unsigned kWords = kSlots / kWordBits;
 
-    std::uint32_t head[kSlots];             // by hash: a slot plus one, 0 for none
-    std::uint32_t next[kSlots];             // of a slot: the next one in its list, likewise
-    std::uint64_t used[kWords];             // a bit a slot
-    std::uint64_t full[kWords / kWordBits]; // a bit for each word of those that has no free slot
+    std::uint32_t head[kSlots];                          // by hash: a slot plus one, 0 for none
+    std::uint32_t next[kSlots];                          // of a slot: the next one in its list, likewise
+    std::uint64_t used[kWords];                          // a bit a slot
+    std::uint64_t without_free_slot[kWords / kWordBits]; // a bit for each word of those that has no free slot
 
     void add_to_index(unsigned slot);
 };
 
-} // namespace full
+} // namespace live_blocks
 
 #endif

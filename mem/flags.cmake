@@ -1,6 +1,6 @@
-# The compiler would make calloc(), written as malloc() and clearing, a call of itself. Calls of the allocator below are
-# made without a stub in between: they are on every allocation's way.
-set_source_files_properties(${PROJECT_SOURCE_DIR}/mem/malloc_hooks.cpp TARGET_DIRECTORY libcommon
+# -fno-builtin: the compiler would turn calloc()'s slow path, which is malloc() and memset(), into a call of calloc().
+# -fno-plt: every allocation calls the allocator below, without a stub in between.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/mem/interposition.cpp TARGET_DIRECTORY libcommon
     PROPERTIES COMPILE_OPTIONS "-fno-builtin;-fno-plt")
 
 # Threads, fork handlers and hooks keep pointers into the library for the life of the process.

@@ -2,7 +2,6 @@
 #include "mem/hook_change.h"
 
 #include "base/errno_guard.h"
-#include "mem/malloc_hooks.h"
 #include "mem/thread_set.h"
 
 #include <ctime>
@@ -13,22 +12,33 @@
 namespace hooks {
 namespace {
 
-// The thread that makes a change; 0 for none. One word, which a signal handler finds whole at any moment.
+// The thread that makes a change; 0 for none. One word, so that a signal handler never reads a part of it.
 std::uintptr_t changer = 0;
 
-// The threads between the handlers before and after a fork. A fork enters itself and then looks for a changer; a change
-// does the two in the other order and gives way.
+// The threads between the handlers before and after a fork. A fork inserts itself and then reads `changer`. A change
+// writes `changer` and then reads this set; when a fork is in it, the change gives way.
 constinit threads::set forking;
 
-// A change that takes longer waits for a lock that its caller keeps: it has not begun, and a fork goes on.
+// The rounds that a fork waits for a change. One that takes longer waits for a lock that its caller holds: it has not
+// begun, and the fork continues.
 constexpr int kForkPatience = 1000;
+
+// Sequentially consistent, like `changer`: either the end of a change reads the work, or whoever stored it finds that
+// the change has ended.
+void (*deferred_work)() = nullptr;
+
+void do_deferred_work()
+{
+    if (auto work = __atomic_load_n(&deferred_work, __ATOMIC_SEQ_CST); work != nullptr)
+        work();
+}
 
 std::uintptr_t current_changer()
 {
     return __atomic_load_n(&changer, __ATOMIC_SEQ_CST);
 }
 
-// A moment at first, then milliseconds, by the system call: usleep() would be a cancellation point.
+// Yields at first, then sleeps a millisecond by the system call: usleep() would be a cancellation point.
 void pause(int round)
 {
     constexpr int kYields = 20;
@@ -48,7 +58,7 @@ bool try_begin_change()
     std::uintptr_t nobody = 0;
     if (!__atomic_compare_exchange_n(&changer, &nobody, threads::self(), false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST))
         return false;
-    // Another library's fork handler may call mtrace(): its own fork does not keep a thread from it.
+    // Another library's fork handler may call mtrace(): a thread's own fork does not block its changes.
     if (forking.is_empty() || forking.contains_self())
         return true;
     end_change();
@@ -73,7 +83,12 @@ change_scope::~change_scope()
     if (is_nested_)
         return;
     end_change();
-    trace_file::make_up_for_toggles();
+    do_deferred_work();
+}
+
+void set_deferred_work(void (*work)())
+{
+    __atomic_store_n(&deferred_work, work, __ATOMIC_SEQ_CST);
 }
 
 void before_fork()
@@ -90,7 +105,7 @@ void before_fork()
 void after_fork_in_parent()
 {
     forking.remove_self();
-    trace_file::make_up_for_toggles();
+    do_deferred_work();
 }
 
 void after_fork_in_child()

@@ -111,7 +111,7 @@ statistics sum_of_shards()
 
 } // namespace
 
-void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *block)
+void *count_in_searched_shard(counter what, std::uint32_t size, counter bytes, void *block)
 {
     if (statistics *own = find_or_claim()) {
         count(*own, what, size, bytes);

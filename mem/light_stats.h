@@ -7,7 +7,7 @@
 #ifndef LIBCOMMON_MEM_LIGHT_STATS_H
 #define LIBCOMMON_MEM_LIGHT_STATS_H
 
-#include "mem/malloc_hooks.h"
+#include "mem/hook_table.h"
 
 #include <array>
 #include <bit>
@@ -72,12 +72,17 @@ inline void count(statistics &own, counter what, std::uint32_t size, counter byt
 
 // For a thread whose shard is not at home: in the one that it has or gets, or in the common one. Returns the block, so
 // that the caller has nothing left to do.
-void *count_elsewhere(counter what, std::uint32_t size, counter bytes, void *block);
+void *count_in_searched_shard(counter what, std::uint32_t size, counter bytes, void *block);
 
 // Returns null. Any thread.
 void *count_failure(std::size_t requested);
 
-// ---- the hooks; `size_of` tells what a block takes in the heap ----
+// ---- the hooks ----
+
+// The light hooks under their exported names.
+extern const hooks::own_set kHooks;
+
+// In these two, `size_of` returns what a block takes in the heap.
 
 // Before the block goes; nothing for null.
 template <auto size_of = hooks::chunk_size>
@@ -89,7 +94,7 @@ template <auto size_of = hooks::chunk_size>
     if (own != nullptr) [[likely]]
         count(*own, what, size_of(block), &class_counters::bytes_returned);
     else
-        count_elsewhere(what, size_of(block), &class_counters::bytes_returned, block);
+        count_in_searched_shard(what, size_of(block), &class_counters::bytes_returned, block);
 }
 
 template <auto size_of = hooks::chunk_size>
@@ -99,7 +104,7 @@ template <auto size_of = hooks::chunk_size>
         return count_failure(requested);
     statistics *own = shard_at_home();
     if (own == nullptr) [[unlikely]]
-        return count_elsewhere(what, size_of(block), &class_counters::bytes_taken, block);
+        return count_in_searched_shard(what, size_of(block), &class_counters::bytes_taken, block);
     count(*own, what, size_of(block), &class_counters::bytes_taken);
     return block;
 }

@@ -1,22 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// The light hooks by themselves, full tracing, and the reports of both.
+// Starts and stops full tracing; makes the reports of full tracing and of the light statistics.
 #include "qv_mtrace.h"
 
 #include "base/assert_fail.h"
 #include "log/console_output.h"
-#include "mem/block_table.h"
 #include "mem/hook_change.h"
+#include "mem/hook_table.h"
 #include "mem/light_stats.h"
-#include "mem/malloc_hooks.h"
+#include "mem/live_blocks.h"
 #include "time/local_time.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <ctime>
-#include <execinfo.h>
 #include <span>
-#include <unistd.h>
 #include <utility>
 
 static_assert(sizeof(leak_group) == 72 && offsetof(leak_group, trace) == 8);
@@ -26,180 +24,10 @@ static_assert(offsetof(mtrace_stat_record, light_bytes) == 36 && offsetof(mtrace
 static_assert(offsetof(mtrace_stat_record, row) == 72);
 
 uint64_t time_wait = 1800;
-pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-using full::call_chain;
-
-// ---- the state of full tracing, under `mutex` ----
-
-full::block_table *malloc_table = nullptr;
-std::uint32_t malloc_count = 0;
-std::uint32_t malloc_total_size = 0;
-std::uint32_t malloc_times = 0;
-std::uint32_t free_times = 0;
-std::uint32_t realloc_times = 0;
-std::uint32_t unmatched_free_times = 0;
-std::uint32_t unmatched_realloc_times = 0;
-std::uint32_t malloc_by_realloc = 0;
-std::uint32_t free_by_realloc = 0;
-
-// Nothing that allocates is called with `mutex` held but the allocator below the hooks.
-class table_lock {
-public:
-    table_lock() { pthread_mutex_lock(&mutex); }
-    ~table_lock() { pthread_mutex_unlock(&mutex); }
-    table_lock(const table_lock &) = delete;
-    table_lock &operator=(const table_lock &) = delete;
-};
-
-// What a hook does at its end when it was called by itself. Under a trace file it is left to that one's end.
-void install_again(const hooks::hook_set &set)
-{
-    hooks::hook_set now = hooks::current();
-    if (now != set && now != trace_file::own_hooks())
-        hooks::install(set);
-}
-
-// ---- records ----
-
-// Taken before `mutex`: the first backtrace() of a process allocates, and any may wait for the loader.
-[[gnu::always_inline]] inline call_chain chain_here()
-{
-    hooks::inside_scope scope;
-    void *frames[MTRACE_CHAIN_SIZE];
-    int depth = ::backtrace(frames, MTRACE_CHAIN_SIZE);
-    call_chain chain{};
-    for (int i = 0; i < depth; i++)
-        chain[static_cast<std::size_t>(i)] = reinterpret_cast<std::uint64_t>(frames[i]);
-    return chain;
-}
-
-std::uint64_t now()
-{
-    return static_cast<std::uint64_t>(std::time(nullptr));
-}
-
-unsigned get_blank_record()
-{
-    int slot = malloc_table->free_slot(malloc_count);
-    if (slot < 0) // with fewer blocks than slots there is a free one
-        __assert_fail("0", "qv_mtrace", 243, __func__);
-    return static_cast<unsigned>(slot);
-}
-
-int add_record(std::size_t size, void *ptr, const call_chain &chain)
-{
-    malloc_times++;
-    if (malloc_table == nullptr || ptr == nullptr || malloc_count >= full::kSlots)
-        return 0;
-    auto address = reinterpret_cast<std::uintptr_t>(ptr);
-    auto size32 = static_cast<std::uint32_t>(size);
-    malloc_table->enter(get_blank_record(), address, size32, now(), chain);
-    malloc_count++;
-    malloc_total_size += size32;
-    return 1;
-}
-
-void count_free(std::uintptr_t ptr)
-{
-    free_times++;
-    int slot = malloc_table->find(ptr, malloc_count);
-    if (slot < 0) {
-        unmatched_free_times++;
-        return;
-    }
-    malloc_total_size -= malloc_table->records[slot].size;
-    malloc_table->remove(static_cast<unsigned>(slot));
-    malloc_count--;
-}
-
-void count_realloc(std::uintptr_t before, void *block, std::size_t size, const call_chain &chain)
-{
-    realloc_times++;
-    if (before == 0) {
-        if (block == nullptr)
-            return;
-        malloc_by_realloc++;
-        add_record(size, block, chain);
-        return;
-    }
-    int found = malloc_table != nullptr ? malloc_table->find(before, malloc_count) : -1;
-    if (found < 0) {
-        unmatched_realloc_times++;
-        return;
-    }
-    auto slot = static_cast<unsigned>(found);
-    std::uint32_t held = malloc_table->records[slot].size;
-    malloc_table->remove(slot);
-    if (block == nullptr) {
-        // The total keeps the block's bytes: the call may have failed, and the block live on.
-        malloc_count--;
-        free_by_realloc++;
-        return;
-    }
-    auto size32 = static_cast<std::uint32_t>(size);
-    malloc_table->enter(slot, reinterpret_cast<std::uintptr_t>(block), size32, now(), chain);
-    malloc_total_size += size32 - held;
-}
-
-// ---- the full hooks ----
-
-// Whether tracing was stopped since the hook was called.
-template <typename Hook>
-bool is_stopped(Hook &current, Hook &old)
-{
-    return hooks::load(current) == hooks::load(old);
-}
-
-template <typename Again>
-void *traced_malloc(std::size_t size, const void *caller, const call_chain &chain, Again again)
-{
-    table_lock lock;
-    bool stopped = is_stopped(__malloc_hook, old_malloc_hook);
-    void *block = hooks::old_malloc(size, caller);
-    if (stopped)
-        return block;
-    if (block != nullptr && malloc_table != nullptr)
-        add_record(size, block, chain);
-    again();
-    return block;
-}
-
-template <typename Again>
-void traced_free(void *ptr, const void *caller, Again again)
-{
-    table_lock lock;
-    bool stopped = is_stopped(__free_hook, old_free_hook);
-    hooks::old_free(ptr, caller);
-    if (stopped)
-        return;
-    if (ptr != nullptr && malloc_table != nullptr)
-        count_free(reinterpret_cast<std::uintptr_t>(ptr));
-    again();
-}
-
-template <typename Again>
-void *traced_realloc(void *ptr, std::size_t size, const void *caller, const call_chain &chain, Again again)
-{
-    auto before = reinterpret_cast<std::uintptr_t>(ptr); // the pointer itself means nothing after the call
-    table_lock lock;
-    bool stopped = is_stopped(__realloc_hook, old_realloc_hook);
-    void *block = hooks::old_realloc(ptr, size, caller);
-    if (stopped)
-        return block;
-    count_realloc(before, block, size, chain);
-    again();
-    return block;
-}
-
-void leave_hooks() {}
-
-void install_full_again()
-{
-    install_again(hooks::kFullHooks);
-}
+using live_blocks::call_chain;
 
 // ---- reports ----
 
@@ -262,7 +90,7 @@ private:
     malloc_stat_entry *entries_; // and behind them the chains
 };
 
-bool is_old_enough(const full::block_record &record, std::uint64_t at)
+bool is_old_enough(const live_blocks::block_record &record, std::uint64_t at)
 {
     return record.when <= at && at - record.when >= time_wait;
 }
@@ -270,17 +98,18 @@ bool is_old_enough(const full::block_record &record, std::uint64_t at)
 // Takes the blocks that may be leaks, as far as there is room. Returns the number of live blocks.
 std::uint32_t collect(work_array &work)
 {
-    std::uint64_t at = now();
-    table_lock lock;
-    if (malloc_table == nullptr)
+    std::uint64_t at = live_blocks::now();
+    live_blocks::table_lock lock;
+    const live_blocks::tracing_state &state = live_blocks::state;
+    if (state.table == nullptr)
         return 0;
-    for (const full::block_record &record : malloc_table->records) {
+    for (const live_blocks::block_record &record : state.table->records) {
         if (work.is_full())
             break;
         if (record.ptr != 0 && is_old_enough(record, at))
             work.add(record.size, record.trace);
     }
-    return malloc_count;
+    return state.blocks;
 }
 
 // The last of each run of equal chains gets the run's sums; the others' bytes become 0.
@@ -303,143 +132,24 @@ leak_group group_of(const malloc_stat_entry &entry)
 
 } // namespace
 
-// ---- full tracing as malloc() calls it ----
-
-namespace full {
-
-namespace {
-
-// The forking thread if it holds `mutex`: a caller keeps it, or a signal handler forks. Written by its holder alone.
-std::uintptr_t forks_with_mutex = 0;
-
-bool takes_mutex_to_child()
-{
-    return __atomic_load_n(&forks_with_mutex, __ATOMIC_RELAXED) == threads::self();
-}
-
-} // namespace
-
-void before_fork()
-{
-    if (mutex.__data.__owner == ::gettid())
-        __atomic_store_n(&forks_with_mutex, threads::self(), __ATOMIC_RELAXED);
-}
-
-void after_fork_in_parent()
-{
-    if (takes_mutex_to_child())
-        __atomic_store_n(&forks_with_mutex, 0, __ATOMIC_RELAXED);
-}
-
-void after_fork_in_child()
-{
-    bool mine = takes_mutex_to_child();
-    forks_with_mutex = 0;
-    if (mine) { // the child goes on and unlocks it, and may fork before that
-        mutex.__data.__owner = ::gettid();
-        return;
-    }
-    if (mutex.__data.__lock == 0)
-        return;
-    pthread_mutex_init(&mutex, nullptr); // its holder is not in the child
-    if (malloc_table != nullptr)
-        malloc_count = malloc_table->rebuild();
-}
-
-void *allocate(std::size_t size, const void *caller)
-{
-    return traced_malloc(size, caller, chain_here(), leave_hooks);
-}
-
-void release(void *ptr, const void *caller)
-{
-    traced_free(ptr, caller, leave_hooks);
-}
-
-void *reallocate(void *ptr, std::size_t size, const void *caller)
-{
-    return traced_realloc(ptr, size, caller, chain_here(), leave_hooks);
-}
-
-} // namespace full
-
 extern "C" {
-
-// ---- hooks by themselves ----
-
-void *my_malloc_light_hook(size_t size, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::allocate(size);
-    void *block = light::allocate(size, caller);
-    install_again(hooks::kLightHooks);
-    return block;
-}
-
-void my_free_light_hook(void *ptr, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::release(ptr);
-    light::release(ptr, caller);
-    install_again(hooks::kLightHooks);
-}
-
-void *my_realloc_light_hook(void *ptr, size_t size, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::reallocate(ptr, size);
-    void *block = light::reallocate(ptr, size, caller);
-    install_again(hooks::kLightHooks);
-    return block;
-}
-
-void *my_malloc_hook(size_t size, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::allocate(size);
-    return traced_malloc(size, caller, chain_here(), install_full_again);
-}
-
-void my_free_hook(void *ptr, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::release(ptr);
-    traced_free(ptr, caller, install_full_again);
-}
-
-void *my_realloc_hook(void *ptr, size_t size, const void *caller)
-{
-    if (hooks::is_reentered())
-        return hooks::reallocate(ptr, size);
-    return traced_realloc(ptr, size, caller, chain_here(), install_full_again);
-}
 
 // ---- full tracing ----
 
-int add_malloc_record(size_t size, const void *, void *ptr)
-{
-    return add_record(size, ptr, chain_here());
-}
-
 void qv_mtrace_start(void)
 {
-    // What allocates or waits for the loader comes first, before anybody waits for this thread: the unwinder is loaded,
-    // and reports print without asking for the time zone.
-    chain_here();
-    if (malloc_table == nullptr)
+    // Everything that allocates or waits for the loader comes first, before any thread waits for this one: reports
+    // print without reading the time zone.
+    live_blocks::prepare_chains();
+    if (live_blocks::read_state().table == nullptr)
         local_time::prepare_handlers();
     hooks::change_scope scope;
     muntrace();
-    // Outside the lock: malloc() takes it if full tracing is on.
-    void *fresh = malloc_table == nullptr ? std::calloc(1, sizeof(full::block_table)) : nullptr;
-    {
-        table_lock lock;
-        if (malloc_table == nullptr) {
-            malloc_table = static_cast<full::block_table *>(std::exchange(fresh, nullptr));
-            malloc_count = 0;
-        }
-        hooks::install(hooks::kFullHooks);
-    }
+    // Allocated without `mutex`: malloc() locks it if full tracing is on.
+    live_blocks::block_table *fresh = nullptr;
+    if (live_blocks::read_state().table == nullptr)
+        fresh = static_cast<live_blocks::block_table *>(std::calloc(1, sizeof *fresh));
+    live_blocks::start(fresh);
     std::free(fresh);
     mtrace();
 }
@@ -448,20 +158,17 @@ void qv_mtrace_stop(void)
 {
     hooks::change_scope scope;
     muntrace();
-    table_lock lock;
+    live_blocks::table_lock lock;
     hooks::install(hooks::old());
 }
 
 void qv_mtrace_reset(void)
 {
-    full::block_table *table;
+    live_blocks::block_table *table;
     {
-        hooks::change_scope scope;
+        hooks::change_scope scope; // one change, so that no toggle comes between its parts
         qv_mtrace_stop();
-        table_lock lock;
-        table = std::exchange(malloc_table, nullptr);
-        malloc_count = malloc_total_size = malloc_times = free_times = realloc_times = 0;
-        unmatched_free_times = unmatched_realloc_times = malloc_by_realloc = free_by_realloc = 0;
+        table = live_blocks::remove_table();
     }
     std::free(table);
 }
@@ -490,11 +197,8 @@ int my_compare_bytes(const void *a, const void *b)
 
 int get_malloc_statistics(leak_group *out, int max)
 {
-    std::uint32_t live = 0;
-    {
-        table_lock lock;
-        live = malloc_table != nullptr ? malloc_count : 0;
-    }
+    live_blocks::tracing_state state = live_blocks::read_state();
+    std::uint32_t live = state.table != nullptr ? state.blocks : 0;
     if (live == 0)
         return 0;
     work_array work(live);
@@ -524,12 +228,15 @@ int get_malloc_statistics(leak_group *out, int max)
 
 int qv_mtrace_stat_internal(unsigned int *counters, leak_group *out, int max)
 {
-    {
-        table_lock lock;
-        const std::uint32_t now[] = {malloc_count,         malloc_total_size, malloc_times,           free_times,
-                                     unmatched_free_times, realloc_times,     unmatched_realloc_times};
-        std::copy(std::begin(now), std::end(now), counters);
-    }
+    live_blocks::tracing_state state = live_blocks::read_state();
+    const std::uint32_t values[] = {state.blocks,
+                                    state.bytes,
+                                    state.allocs,
+                                    state.frees,
+                                    state.unmatched_frees,
+                                    state.reallocs,
+                                    state.unmatched_reallocs};
+    std::copy(std::begin(values), std::end(values), counters);
     return get_malloc_statistics(out, max);
 }
 
@@ -547,12 +254,7 @@ int qv_mtrace_stat(mtrace_stat_record *rec, int mode)
         qv_mtrace_stat_min(rec);
         return 8;
     }
-    bool tracing;
-    {
-        table_lock lock;
-        tracing = malloc_table != nullptr;
-    }
-    if (tracing) {
+    if (live_blocks::read_state().table != nullptr) {
         rec->rows = static_cast<std::uint32_t>(qv_mtrace_stat_internal(rec->full, rec->row.groups, MTRACE_ROWS));
         return 4;
     }
@@ -563,4 +265,5 @@ int qv_mtrace_stat(mtrace_stat_record *rec, int mode)
     rec->rows = light::kClasses;
     return 6;
 }
-}
+
+} // extern "C"

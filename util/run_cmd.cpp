@@ -7,7 +7,7 @@
 #include "console_print.h"
 #include "log/console_output.h"
 #include "log/debug_trace_file.h"
-#include "mem/malloc_hooks.h"
+#include "mem/trace_file.h"
 #include "util/parse_line.h"
 
 #include <cerrno>

@@ -19,7 +19,7 @@ std::ptrdiff_t taken()
 
 void count_one()
 {
-    light::count_elsewhere(&light::class_counters::allocs, 32, &light::class_counters::bytes_taken, nullptr);
+    light::count_in_searched_shard(&light::class_counters::allocs, 32, &light::class_counters::bytes_taken, nullptr);
 }
 
 // Threads that have all counted before the first one ends.

@@ -7,7 +7,7 @@
 // SIGUSR2 may meet its thread inside the allocator, with that lock held, or in the middle of a change of hooks, where
 // waiting would be for ever. So a toggle is a request first. It is carried out at once if this thread is in no call of
 // malloc() or its kin and nobody holds the lock or makes a change; else by whoever ends what was in its way.
-#include "qv_mtrace.h"
+#include "mem/trace_file.h"
 
 #include "base/cancel_guard.h"
 #include "base/errno_guard.h"
@@ -15,8 +15,7 @@
 #include "log/console_output.h"
 #include "mem/call_place.h"
 #include "mem/hook_change.h"
-#include "mem/light_stats.h"
-#include "mem/malloc_hooks.h"
+#include "mem/hook_table.h"
 #include "mem/trace_variable.h"
 #include "signal_printf.h"
 
@@ -120,10 +119,8 @@ void *malloc_below(std::size_t size, const void *caller)
     hooks::malloc_fn hook = below.malloc;
     if (hook == nullptr)
         return hooks::allocate(size);
-    if (hook == my_malloc_light_hook)
-        return light::allocate(size, caller);
-    if (hook == my_malloc_hook)
-        return full::allocate(size, caller);
+    if (hooks::malloc_fn service = hooks::service_of(hook); service != nullptr)
+        return service(size, caller);
     hooks::inside_scope scope;
     return hook(size, caller);
 }
@@ -133,10 +130,8 @@ void free_below(void *ptr, const void *caller)
     hooks::free_fn hook = below.free;
     if (hook == nullptr)
         return hooks::release(ptr);
-    if (hook == my_free_light_hook)
-        return light::release(ptr, caller);
-    if (hook == my_free_hook)
-        return full::release(ptr, caller);
+    if (hooks::free_fn service = hooks::service_of(hook); service != nullptr)
+        return service(ptr, caller);
     hooks::inside_scope scope;
     hook(ptr, caller);
 }
@@ -146,13 +141,14 @@ void *realloc_below(void *ptr, std::size_t size, const void *caller)
     hooks::realloc_fn hook = below.realloc;
     if (hook == nullptr)
         return hooks::reallocate(ptr, size);
-    if (hook == my_realloc_light_hook)
-        return light::reallocate(ptr, size, caller);
-    if (hook == my_realloc_hook)
-        return full::reallocate(ptr, size, caller);
+    if (hooks::realloc_fn service = hooks::service_of(hook); service != nullptr)
+        return service(ptr, size, caller);
     hooks::inside_scope scope;
     return hook(ptr, size, caller);
 }
+
+// Carries out the toggles that were requested where they could not be.
+void do_pending_toggles();
 
 // ---- the hooks of a trace. One that was ended while they waited writes nothing, and stands on what it stood on. ----
 
@@ -168,7 +164,7 @@ public:
     {
         note_holder(0);
         pthread_mutex_unlock(&lock);
-        make_up_for_toggles();
+        do_pending_toggles();
     }
     trace_lock(const trace_lock &) = delete;
     trace_lock &operator=(const trace_lock &) = delete;
@@ -238,7 +234,7 @@ void start()
         return;
     put("= Start\n");
     below = hooks::current();
-    hooks::install(own_hooks());
+    hooks::install_own(kHooks);
 }
 
 void stop()
@@ -330,13 +326,13 @@ bool is_lock_free()
 
 } // namespace
 
-hooks::hook_set own_hooks()
-{
-    return {traced_malloc, traced_free, traced_realloc};
-}
+const hooks::own_set kHooks = {
+    {traced_malloc, traced_free, traced_realloc}, {traced_malloc, traced_free, traced_realloc}, true};
 
-// Whoever holds the lock or makes a change comes here after it, so no request stays undone.
-void make_up_for_toggles()
+namespace {
+
+// Whoever has held the lock or made a change calls this afterwards, so every request is carried out.
+void do_pending_toggles()
 {
     base::errno_guard keep;
     while (__atomic_load_n(&pending_toggles, __ATOMIC_SEQ_CST) > 0 && hooks::try_begin_change()) {
@@ -350,6 +346,8 @@ void make_up_for_toggles()
             return;
     }
 }
+
+} // namespace
 
 // The parent writes the lines that are in the buffer, and carries out the toggles that are pending.
 void after_fork_in_child()
@@ -402,7 +400,9 @@ void signal_mtrace(int sig)
 {
     base::cancel_guard whole;
     __atomic_store_n(&trace_file::requested_by, sig, __ATOMIC_RELAXED);
+    hooks::set_deferred_work(trace_file::do_pending_toggles);
     __atomic_fetch_add(&trace_file::pending_toggles, 1, __ATOMIC_SEQ_CST);
-    trace_file::make_up_for_toggles();
+    trace_file::do_pending_toggles();
 }
-}
+
+} // extern "C"
