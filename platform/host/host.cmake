@@ -11,10 +11,15 @@ set(host_link_options
 add_library(libcommon_host INTERFACE)
 add_library(libcommon::host ALIAS libcommon_host)
 set_target_properties(libcommon_host PROPERTIES EXPORT_NAME host)
-target_link_options(libcommon_host INTERFACE ${host_link_options})
+# A crash log names the host's functions by its dynamic symbols.
+target_link_options(libcommon_host INTERFACE -rdynamic ${host_link_options})
 target_link_libraries(libcommon_host INTERFACE
     $<BUILD_INTERFACE:$<TARGET_OBJECTS:libcommon_host_bounds>>
     $<INSTALL_INTERFACE:$<INSTALL_PREFIX>/${CMAKE_INSTALL_LIBDIR}/libcommon/host_bounds.o>)
+
+# A crash log's backtrace follows frame pointers, through plug-ins too, which link libcommon::common alone.
+target_compile_options(libcommon INTERFACE -fno-omit-frame-pointer)
+target_compile_options(libcommon_host INTERFACE -fno-omit-frame-pointer)
 
 install(TARGETS libcommon_host EXPORT libcommon-targets)
 install(FILES $<TARGET_OBJECTS:libcommon_host_bounds> DESTINATION ${CMAKE_INSTALL_LIBDIR}/libcommon
