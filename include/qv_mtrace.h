@@ -2,26 +2,27 @@
 /* qv_mtrace.h - heap accounting: where did a running process's memory go?
  *
  * The library supplies malloc(), free(), realloc() and calloc() over the C library's allocator, and hook variables that
- * they ask first. Three things use the hooks:
+ * they read first. Three facilities use the hooks:
  *
  *   light statistics   counters by size class, on from load; no locks
  *   full tracing       from qv_mtrace_start() to qv_mtrace_stop(): a record of each live block with its size, its time
- *                      and its call chain. Reports name the groups of blocks that stayed longest and hold most
- *   a trace file       of every single call, toggled by SIGUSR2; mtrace(1) reads it and names what was not freed
+ *                      and its call chain. Reports list the call chains whose old blocks hold the most bytes
+ *   a trace file       a line for each call, toggled by SIGUSR2; mtrace(1) reads it and lists what was not freed
  *
  *     struct mtrace_stat_record rec;
  *     qv_mtrace_start();
  *     ...
- *     if (qv_mtrace_stat(&rec, 0) == 4)
+ *     if (qv_mtrace_stat(&rec, 0) == MTRACE_LEAK_GROUPS)
  *         for (uint32_t i = 0; i < rec.rows; i++)
  *             report(&rec.row.groups[i]);
  *
- * While full tracing is on, and from its stop until the process ends, the light counters stand still. A host that
- * brings an allocator of its own, and one that loads the library by dlopen(), is not intercepted: then nothing is
- * counted but what goes through the hook functions themselves. If that allocator asks the hook variables, they hold
- * the hooks that were found at load while it is called. A library that was loaded by dlopen() stays loaded.
+ * While full tracing is on, and from its stop until the process ends, the light counters do not change. The library
+ * does not intercept a host that brings its own allocator, or one that loads the library by dlopen(). There it counts
+ * only what passes through the hook functions themselves. If that allocator calls the hook variables, they hold the
+ * hooks that were found at load for as long as the library calls it. A library that was loaded by dlopen() stays
+ * loaded.
  *
- * A fork waits for a thread that starts or stops a trace, for a second at most, and for nothing else here.
+ * A fork waits for a thread that starts or stops a trace, for a second at most. It waits for nothing else here.
  *
  * Any thread may call any function; only signal_mtrace() is for signal handlers.
  */
@@ -37,15 +38,23 @@
 
 QV_BEGIN_DECLS
 
-#define MTRACE_TABLE_SIZE 65536 /* live blocks that full tracing knows at most */
+#define MTRACE_TABLE_SIZE 65536 /* capacity of full tracing, in live blocks */
 #define MTRACE_CHAIN_SIZE 8     /* return addresses of a call chain; a shorter one ends in a 0 */
-#define MTRACE_ROWS 32
+#define MTRACE_ROWS 32          /* rows of a report */
+
+/* A mode of qv_mtrace_stat(). */
+#define MTRACE_MODE_TOTALS 7 /* the light totals alone */
+
+/* Results of qv_mtrace_stat(): what the record holds. */
+#define MTRACE_LEAK_GROUPS 4  /* the counters of full tracing, and leak groups as rows */
+#define MTRACE_SIZE_CLASSES 6 /* the light totals, and size classes as rows */
+#define MTRACE_TOTALS 8       /* the light totals */
 
 /* ---- hooks ---- */
 
-/* What malloc() and its kin call in place of the allocator, null for none. A hook that wants the allocator puts the
- * hook back that it found, calls, and puts itself in again; other threads are not served by it meanwhile. calloc() asks
- * __malloc_hook and clears the block. */
+/* What malloc(), free() and realloc() call in place of the allocator; null for none. A hook reaches the allocator in
+ * three steps: it stores the hook that it replaced, calls, and stores itself again. Meanwhile other threads' calls do
+ * not reach it. calloc() calls __malloc_hook and clears the block. */
 extern QV_API void *(*__malloc_hook)(size_t size, const void *caller);
 extern QV_API void (*__free_hook)(void *ptr, const void *caller);
 extern QV_API void *(*__realloc_hook)(void *ptr, size_t size, const void *caller);
@@ -58,14 +67,14 @@ extern QV_API void *(*old_realloc_hook)(void *ptr, size_t size, const void *call
 /** At load: keeps the current hooks as the old ones, clears the light statistics and installs the light hooks. */
 QV_API void my_init_hook(void);
 
-/* The light hooks. Called by themselves they allocate, free and count in the same way, and install themselves. A size
- * is counted as the block takes it in the heap, a failure as it was asked for. A failed reallocation counts the old
- * block as released although it lives. */
+/* The light hooks. A host that calls one by its name gets the same service; the hooks then install themselves. A block
+ * counts with the size that it takes in the heap, a failure with the requested size. A failed reallocation counts the
+ * old block as released although it still exists. */
 QV_API void *my_malloc_light_hook(size_t size, const void *caller);
 QV_API void my_free_light_hook(void *ptr, const void *caller);
 QV_API void *my_realloc_light_hook(void *ptr, size_t size, const void *caller);
 
-/* The hooks of full tracing. Called by themselves they install themselves too, unless tracing is stopped. */
+/* The hooks of full tracing. Called by name they install themselves too, unless tracing is stopped. */
 QV_API void *my_malloc_hook(size_t size, const void *caller);
 QV_API void my_free_hook(void *ptr, const void *caller);
 QV_API void *my_realloc_hook(void *ptr, size_t size, const void *caller);
@@ -73,10 +82,10 @@ QV_API void *my_realloc_hook(void *ptr, size_t size, const void *caller);
 /* ---- light statistics ---- */
 
 typedef struct mtrace_class_row {
-    uint32_t lower_bound; /* 2^k: the class of sizes from here to twice this; the first holds 0 and 1 */
+    uint32_t lower_bound; /* 2^k: sizes from this to below its double; the first class holds 0 and 1 */
     uint32_t bytes;       /* held now */
-    uint32_t blocks;
-    uint32_t allocs; /* since load; 32-bit counters wrap */
+    uint32_t blocks;      /* held now */
+    uint32_t allocs;      /* since load; 32-bit counters wrap */
     uint32_t frees;
     uint32_t realloc_releases;
     uint32_t realloc_products;
@@ -92,38 +101,42 @@ typedef struct leak_group {
     uint64_t trace[MTRACE_CHAIN_SIZE];
 } leak_group;
 
-/* What the comparators compare: a block or a group of them in a report that is being made. */
+/* What the comparators compare: a block or a group of blocks, while a report is made. */
 typedef struct malloc_stat_entry {
     uint32_t bytes;
     uint32_t blocks;
     const uint64_t *trace;
 } malloc_stat_entry;
 
-extern QV_API uint64_t time_wait;    /* seconds after which a block may be a leak; 1800 at first */
+extern QV_API uint64_t time_wait; /* seconds after which a block may be a leak; 1800 at first */
 /* Guards the table of live blocks and the switching of its hooks. A thread that holds it while full tracing is on must
- * not allocate. A child that is forked while another thread holds it finds it free. */
+ * not allocate. In a child that is forked while another thread holds it, it is unlocked. */
 extern QV_API pthread_mutex_t mutex;
 
-/** Starts full tracing, with a fresh table when there is none. Without memory for one, nothing is recorded. */
+/** Starts full tracing, with an empty table if there is none. Without memory for a table, nothing is recorded. */
 QV_API void qv_mtrace_start(void);
 
-/** Ends full tracing and puts the old hooks in. The table and its counters stay for reports and for the next start. */
+/** Ends full tracing and installs the old hooks. The table and its counters stay for reports and for the next start. */
 QV_API void qv_mtrace_stop(void);
 
 /** Ends full tracing, frees the table and clears its counters. */
 QV_API void qv_mtrace_reset(void);
 
 /**
- * Enters a block in the table. For a caller that has `mutex`.
- * @return 1; 0 when the table holds 65,536 blocks already, and for no table or no block
+ * Enters a block in the table. The caller holds `mutex`.
+ * @param size    the requested size in bytes, cut to 32 bits
+ * @param caller  not used
+ * @param ptr     the block
+ * @return 1; 0 if the table already holds MTRACE_TABLE_SIZE blocks, if there is no table, or if ptr is null
  */
 QV_API int add_malloc_record(size_t size, const void *caller, void *ptr);
 
 /**
  * Makes the report of the blocks that are at least time_wait seconds old, grouped by call chain, the largest first.
- * Blocks that are younger are told of on the console.
- * @param out  receives up to max groups
- * @return how many
+ * If there are younger blocks, a line on the console says so.
+ * @param out  receives up to max groups; the chains end in a 0 if they are shorter than MTRACE_CHAIN_SIZE
+ * @param max  0 or less for none
+ * @return the number of groups
  */
 QV_API int get_malloc_statistics(leak_group *out, int max);
 
@@ -158,21 +171,25 @@ QV_API int qv_mtrace_stat_internal(unsigned int *counters, leak_group *out, int 
 QV_API int qv_mtrace_stat_min(mtrace_stat_record *rec);
 
 /**
- * @param mode  7 for the light totals alone
- * @return 8 for those; 4 with the counters of full tracing and up to 32 leak groups, while there is a table; else 6
- * with the light totals and the 32 size classes
+ * Reports what full tracing knows, or the light statistics if it has no table.
+ * @param rec   receives the report; fields that the result does not name keep their values
+ * @param mode  MTRACE_MODE_TOTALS, or any other value for a full report
+ * @return MTRACE_TOTALS in that mode; MTRACE_LEAK_GROUPS while full tracing has a table; else MTRACE_SIZE_CLASSES
  */
 QV_API int qv_mtrace_stat(mtrace_stat_record *rec, int mode);
 
 /* ---- the trace file ----
  *
- * mtrace() and muntrace() of <mcheck.h> are the library's: the one starts a trace of every call into the file that
- * MALLOC_TRACE names (nothing happens without that variable, or when a trace is on), the other ends it. */
+ * The library supplies mtrace() and muntrace() of <mcheck.h>. mtrace() starts a trace of every call into the file that
+ * the environment variable MALLOC_TRACE names. It does nothing without that variable or while a trace is on. muntrace()
+ * ends the trace. */
 
 /**
- * The handler of SIGUSR2: starts a trace into /etc/mtrace<pid>.log in place of the library's hooks, or ends it, puts
- * them back and installs itself again for sig; either is told of on the console, and to the mirror hook. When the
- * signal meets its thread inside malloc(), or another one inside the trace, it is done at the end of that call.
+ * The handler of SIGUSR2. The first signal exchanges the hooks with the old ones and starts a trace into
+ * /etc/mtrace<pid>.log. The next one ends the trace, exchanges the hooks again and installs this handler again for sig.
+ * Each writes a line to the console and to the mirror hook. If the signal interrupts malloc(), or another thread is
+ * writing the trace, this is done at the end of that call.
+ * @param sig  the signal
  */
 QV_API void signal_mtrace(int sig) QV_SIGNAL_SAFE;
 

@@ -55,7 +55,7 @@ int block_table::free_slot(unsigned count) const
     unsigned word = start / kWordBits;
     if (unsigned bit = first_clear(used[word], start % kWordBits); bit < kWordBits)
         return static_cast<int>(word * kWordBits + bit);
-    // The words behind it, those of its summary word first, and round to itself.
+    // The words after it, wrapping around to itself, by their summary bits.
     constexpr unsigned kSummaries = kWords / kWordBits;
     unsigned from = (word + 1) % kWords;
     for (unsigned i = 0; i <= kSummaries; i++) {
@@ -69,7 +69,7 @@ int block_table::free_slot(unsigned count) const
     return -1;
 }
 
-// A record has its address last and loses it first: rebuild() takes each for whole.
+// The address of a record is written last and cleared first: rebuild() relies on every record with an address.
 
 void block_table::enter(unsigned slot, std::uintptr_t ptr, std::uint32_t size, std::uint64_t when,
                         const call_chain &trace)

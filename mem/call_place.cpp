@@ -14,9 +14,9 @@ namespace call_place {
 namespace {
 
 constexpr int kSlotBits = 8;
-constexpr std::size_t kLongest = 440; // longer texts are made again each time
+constexpr std::size_t kLongest = 440; // longer texts are not kept
 
-// ---- texts that were made, by the hash of the caller; under `lock`, with which nothing is called ----
+// ---- kept texts, by the hash of the caller; protected by `lock`. Its holder calls nothing ----
 
 struct entry {
     std::uintptr_t caller; // 0 for a free slot
@@ -33,7 +33,7 @@ entry &slot_of(std::uintptr_t caller)
     return entries[threads::hash_of(caller, kSlotBits)];
 }
 
-// 0 for a text that is not there.
+// Returns the length; 0 if the text is not kept.
 std::size_t read_kept(char *to, std::size_t size, std::uintptr_t caller, const fault::module_identity &module)
 {
     pthread_mutex_lock(&lock);
@@ -91,7 +91,7 @@ std::size_t write(char *to, std::size_t size, const void *caller)
     auto address = reinterpret_cast<std::uintptr_t>(caller);
     fault::module_identity module = fault::identify_module(address);
     if (module.is_known()) {
-        if (std::size_t length = read_kept(to, size, address, module))
+        if (std::size_t length = read_kept(to, size, address, module); length != 0)
             return length;
     }
     fault::text_buffer text(to, size);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shards of the light statistics: who has which, and their sum.
+// The shards of the light statistics: their owners, and their sum.
 #include "mem/light_stats.h"
 
 #include <algorithm>
@@ -14,19 +14,19 @@ statistics shards[kShards];
 
 namespace {
 
-constexpr unsigned kProbes = 8; // a thread's shard is its home or one of those behind it
+constexpr unsigned kProbes = 8; // length of a probe sequence: the home of the thread and the shards after it
 
 statistics common_shard;
 
-// What had been counted at the last clear(): shards are written by their threads alone, so clearing is subtracting.
+// The sum at the last clear(), which reports subtract: only its owner writes to a shard, so clear() cannot.
 statistics cleared;
 
 pthread_key_t thread_end;
 bool thread_end_is_watched;
 
-// The last threads that gave their shard back. What such a thread still allocates and frees, it counts in the common
-// shard: nobody would give a second one back. The C library's thread id tells it from a later thread that has the same
-// thread pointer.
+// The last threads that gave their shard back. Such a thread counts what it still does in the common shard, since it
+// would never give back a second one. The kernel's thread id distinguishes it from a later thread with the same thread
+// pointer.
 std::uint64_t ending[64];
 unsigned next_ending = 0;
 
@@ -50,7 +50,7 @@ void give_back(void *owner)
     __atomic_store_n(static_cast<std::uintptr_t *>(owner), 0, __ATOMIC_RELEASE);
 }
 
-// The first shard on the thread's way that has this owner, 0 for nobody; its owner's place.
+// The first entry of owners in the thread's probe sequence that equals `owner` (0 for a free shard); null if none does.
 std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
 {
     for (unsigned i = 0; i < kProbes; i++) {
@@ -63,7 +63,7 @@ std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
 
 std::uintptr_t *claim(std::uintptr_t thread)
 {
-    while (std::uintptr_t *free = probe(thread, 0)) {
+    for (std::uintptr_t *free = probe(thread, 0); free != nullptr; free = probe(thread, 0)) {
         if (is_ending())
             return nullptr;
         std::uintptr_t nobody = 0;
@@ -76,7 +76,7 @@ std::uintptr_t *claim(std::uintptr_t thread)
     return nullptr;
 }
 
-// Null for a thread that must do with the common one.
+// Null for a thread that counts in the common shard.
 statistics *find_or_claim()
 {
     std::uintptr_t thread = threads::self();
@@ -113,7 +113,7 @@ statistics sum_of_shards()
 
 void *count_in_searched_shard(counter what, std::uint32_t size, counter bytes, void *block)
 {
-    if (statistics *own = find_or_claim()) {
+    if (statistics *own = find_or_claim(); own != nullptr) {
         count(*own, what, size, bytes);
         return block;
     }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // light_stats.h - the light statistics: counters by size class, and the hooks that keep them.
 //
-// Every allocation of the process comes by here, so no two threads write one cache line: each thread has a shard of
-// counters to itself, which it gives back when it ends, with what it has counted; reports sum over all. Threads beyond
-// the number of shards, and those that allocate while they end, share the first one by atomic additions.
+// Every allocation of the process is counted here, so no two threads write to one cache line. Each thread owns a shard
+// of counters. When it ends it gives the shard back with its counts, and reports sum over all shards. Threads that find
+// no free shard, and those that allocate while they end, count in one common shard by atomic additions.
 #ifndef LIBCOMMON_MEM_LIGHT_STATS_H
 #define LIBCOMMON_MEM_LIGHT_STATS_H
 
@@ -23,11 +23,11 @@ struct class_counters {
     std::uint32_t releases = 0; // blocks that a reallocation gave up
     std::uint32_t products = 0; // blocks that a reallocation gave
     std::uint32_t failures = 0;
-    // Bytes held are the difference. They are kept apart so that an allocation and the next free need not wait for each
-    // other's write.
+    // Bytes held are the difference. Two counters instead of one, so that a free does not wait for the store of the
+    // allocation before it.
     std::uint32_t bytes_taken = 0;
     std::uint32_t bytes_returned = 0;
-    std::uint32_t padding = 0; // to a power of two
+    std::uint32_t padding = 0; // to a power of two: a multiplication by the size is a shift
 };
 
 struct alignas(64) statistics : std::array<class_counters, kClasses> {};
@@ -36,12 +36,12 @@ inline constexpr unsigned kShardBits = 7;
 inline constexpr unsigned kShards = 1U << kShardBits;
 static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 
-// A shard's owner is its thread's pointer; 0 for none. Apart from the counters, since every thread reads them, and
-// written seldom: atomically.
+// owners[i] is the thread pointer of the owner of shards[i], or 0. Kept apart from the counters because every thread
+// reads it. Accessed atomically.
 extern std::uintptr_t owners[kShards];
 extern statistics shards[kShards];
 
-// The thread's shard if it is where it should be; else null, and the slow way finds or makes it.
+// The thread's shard if it is the first one of its probe sequence; else null.
 inline statistics *shard_at_home()
 {
     std::uintptr_t thread = threads::self();
@@ -49,7 +49,7 @@ inline statistics *shard_at_home()
     return __atomic_load_n(&owners[home], __ATOMIC_RELAXED) == thread ? &shards[home] : nullptr;
 }
 
-// The class of 2^k and above, below 2^(k+1); 0 and 1 share the first.
+// The k with 2^k <= size < 2^(k+1); sizes 0 and 1 are in class 0.
 inline unsigned class_of(std::uint32_t size)
 {
     return static_cast<unsigned>(std::bit_width(size | 1)) - 1;
@@ -59,10 +59,10 @@ using counter = std::uint32_t class_counters::*;
 
 inline void add(std::uint32_t &own, std::uint32_t value)
 {
-    __atomic_store_n(&own, own + value, __ATOMIC_RELAXED); // written by this thread alone; read by any
+    __atomic_store_n(&own, own + value, __ATOMIC_RELAXED); // only this thread writes it; every thread reads it
 }
 
-// One more of `what`, and the size to `bytes`.
+// Adds one to `what`, and the size to `bytes`.
 inline void count(statistics &own, counter what, std::uint32_t size, counter bytes)
 {
     class_counters &counters = own[class_of(size)];
@@ -70,11 +70,11 @@ inline void count(statistics &own, counter what, std::uint32_t size, counter byt
     add(counters.*bytes, size);
 }
 
-// For a thread whose shard is not at home: in the one that it has or gets, or in the common one. Returns the block, so
-// that the caller has nothing left to do.
+// Counts for a thread whose shard is not at home: in the shard that its probe sequence holds or can get, else in the
+// common one. Returns the block, so that the caller can end in a tail call.
 void *count_in_searched_shard(counter what, std::uint32_t size, counter bytes, void *block);
 
-// Returns null. Any thread.
+// Counts in the common shard. Returns null.
 void *count_failure(std::size_t requested);
 
 // ---- the hooks ----
@@ -84,7 +84,7 @@ extern const hooks::own_set kHooks;
 
 // In these two, `size_of` returns what a block takes in the heap.
 
-// Before the block goes; nothing for null.
+// Called before the block is freed. Null counts nothing.
 template <auto size_of = hooks::chunk_size>
 [[gnu::always_inline]] inline void count_given_up(counter what, void *block)
 {
@@ -122,12 +122,12 @@ inline void release(void *ptr, const void *caller)
 
 inline void *reallocate(void *ptr, std::size_t size, const void *caller)
 {
-    // Counted as released even if the call fails and the block lives on; readers of the counters reckon with it.
+    // Contract: the block counts as released even if the call fails and the block still exists.
     count_given_up(&class_counters::releases, ptr);
     return counted(&class_counters::products, hooks::old_realloc(ptr, size, caller), size);
 }
 
-// ---- reading and lifecycle ----
+// ---- reading, load and fork ----
 
 statistics read();
 void clear();

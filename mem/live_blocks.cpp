@@ -106,7 +106,7 @@ bool is_stopped(Hook &current, Hook &old)
     return hooks::load(current) == hooks::load(old);
 }
 
-// `after_call` is called at the end of a call that was not too late.
+// `after_call` runs at the end of a call, unless tracing was stopped before it.
 
 template <typename AfterCall>
 void *traced_malloc(std::size_t size, const void *caller, const call_chain &chain, AfterCall after_call)

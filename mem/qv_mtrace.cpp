@@ -60,8 +60,8 @@ void fill_light_totals(mtrace_stat_record *rec, const light::statistics &classes
     rec->light_failures = row.failures;
 }
 
-// Room for a report of so many blocks, below the hooks: what a report takes is not in it. Chains are copied, since the
-// table may be gone by the time they are looked at.
+// The blocks of a report, allocated below the hooks, so that the report does not count its own memory. Chains are
+// copied: the table may be freed before they are compared.
 class work_array {
 public:
     explicit work_array(std::uint32_t room)
@@ -74,7 +74,7 @@ public:
 
     bool is_full() const { return count_ == room_; }
     std::uint32_t count() const { return count_; }
-    explicit operator bool() const { return entries_ != nullptr; }
+    bool is_allocated() const { return entries_ != nullptr; }
     std::span<malloc_stat_entry> entries() { return {entries_, count_}; }
 
     void add(std::uint32_t size, const call_chain &trace)
@@ -87,7 +87,7 @@ public:
 private:
     std::uint32_t room_;
     std::uint32_t count_ = 0;
-    malloc_stat_entry *entries_; // and behind them the chains
+    malloc_stat_entry *entries_; // with the chains after them
 };
 
 bool is_old_enough(const live_blocks::block_record &record, std::uint64_t at)
@@ -95,7 +95,7 @@ bool is_old_enough(const live_blocks::block_record &record, std::uint64_t at)
     return record.when <= at && at - record.when >= time_wait;
 }
 
-// Takes the blocks that may be leaks, as far as there is room. Returns the number of live blocks.
+// Collects the blocks that may be leaks until the array is full. Returns the number of live blocks.
 std::uint32_t collect(work_array &work)
 {
     std::uint64_t at = live_blocks::now();
@@ -202,12 +202,12 @@ int get_malloc_statistics(leak_group *out, int max)
     if (live == 0)
         return 0;
     work_array work(live);
-    if (!work)
+    if (!work.is_allocated())
         return 0;
     live = collect(work);
     if (live == 0)
         return 0;        // reset meanwhile
-    if (!work.is_full()) // by the path of handlers: the ordinary one allocates, which the next report would show
+    if (!work.is_full()) // as a handler prints: console_print() allocates, which the next report would show
         console::print_from_handler("Total record %d,  %d records malloc but not free within %lu(s)\n",
                                     static_cast<int>(live), static_cast<int>(work.count()), time_wait);
 
@@ -249,21 +249,20 @@ int qv_mtrace_stat_min(mtrace_stat_record *rec)
 
 int qv_mtrace_stat(mtrace_stat_record *rec, int mode)
 {
-    constexpr int kLightTotalsOnly = 7;
-    if (mode == kLightTotalsOnly) {
+    if (mode == MTRACE_MODE_TOTALS) {
         qv_mtrace_stat_min(rec);
-        return 8;
+        return MTRACE_TOTALS;
     }
     if (live_blocks::read_state().table != nullptr) {
         rec->rows = static_cast<std::uint32_t>(qv_mtrace_stat_internal(rec->full, rec->row.groups, MTRACE_ROWS));
-        return 4;
+        return MTRACE_LEAK_GROUPS;
     }
     light::statistics classes = light::read();
     fill_light_totals(rec, classes);
     for (unsigned k = 0; k < light::kClasses; k++)
         rec->row.classes[k] = row_of(classes[k], 1U << k);
     rec->rows = light::kClasses;
-    return 6;
+    return MTRACE_SIZE_CLASSES;
 }
 
 } // extern "C"

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// thread_set.h - which threads are in some state, for code that runs inside malloc().
+// thread_set.h - a set of threads, for code that runs inside malloc().
 //
-// Thread-local storage cannot hold such a state here. The first access of a thread, and one after any dlopen(), may
-// call the loader, which allocates and waits for its locks. So a thread is named by its thread pointer, which it keeps
-// across a fork, in a table that all threads share.
+// Thread-local storage cannot be used there: the first access of a thread, and the first one after a dlopen(), may call
+// the loader, which allocates and waits for its locks. So all threads share one table of thread pointers. A thread
+// keeps its thread pointer across a fork.
 #ifndef LIBCOMMON_MEM_THREAD_SET_H
 #define LIBCOMMON_MEM_THREAD_SET_H
 
@@ -24,8 +24,8 @@ inline unsigned hash_of(std::uintptr_t thread, int bits)
     return static_cast<unsigned>(thread * 0x9E3779B97F4A7C15 >> (64 - bits));
 }
 
-// Every function concerns the calling thread. An entry is written by its thread alone, in a free slot of its probe
-// sequence. A thread may be in the set more than once and then leaves as often. Signal-safe.
+// Every function is about the calling thread. Only the thread itself writes its entry, in a free slot of its probe
+// sequence. A thread can be in the set more than once, and is removed as often. Signal-safe.
 class set {
 public:
     bool is_empty() const { return __atomic_load_n(&size_, __ATOMIC_SEQ_CST) == 0; }
@@ -47,7 +47,7 @@ public:
 
     void remove_self()
     {
-        if (std::uintptr_t *slot = find(self()))
+        if (std::uintptr_t *slot = find(self()); slot != nullptr)
             __atomic_store_n(slot, 0, __ATOMIC_RELAXED);
         __atomic_fetch_sub(&size_, 1, __ATOMIC_SEQ_CST);
     }
@@ -77,7 +77,7 @@ private:
         return nullptr;
     }
 
-    unsigned size_ = 0; // at least the number of entries; 0 answers most questions
+    unsigned size_ = 0; // at least the number of entries: mostly 0, and then no slot is read
     std::uintptr_t slots_[kSlots] = {};
 };
 

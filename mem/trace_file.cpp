@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The trace file of every allocation, and SIGUSR2, which toggles it.
 //
-// A trace stands on the hooks that it found: its own hooks call those and write a line for each call. One lock keeps
-// the lines in the order of the calls, so that an address is never seen allocated again before it was freed.
+// A trace replaces the installed hooks. Its own hooks call the replaced ones and write a line for each call. One lock
+// keeps the lines in the order of the calls, so that no address is allocated twice in the file without a free between.
 //
-// SIGUSR2 may meet its thread inside the allocator, with that lock held, or in the middle of a change of hooks, where
-// waiting would be for ever. So a toggle is a request first. It is carried out at once if this thread is in no call of
-// malloc() or its kin and nobody holds the lock or makes a change; else by whoever ends what was in its way.
+// SIGUSR2 may interrupt its thread inside the allocator, with that lock held, or in the middle of a change of hooks,
+// where waiting would never end. So a toggle is a request first. The handler carries it out if no thread holds the lock
+// or makes a change; otherwise the thread that does carries it out afterwards.
 #include "mem/trace_file.h"
 
 #include "base/cancel_guard.h"
@@ -34,19 +34,19 @@ namespace {
 
 constexpr std::size_t kLineSize = 1024;
 constexpr std::size_t kPathSize = 256;
-constexpr std::size_t kBufferSize = 4096; // what a process that is killed may lose of its trace
+constexpr std::size_t kBufferSize = 4096; // the most that a killed process loses of its trace
 constexpr int kFileMode = 0666;
 
 // ---- state, under `lock` ----
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-std::uintptr_t lock_holder = 0; // by thread pointer, 0 for none; written by the holder alone
+std::uintptr_t lock_holder = 0; // its thread pointer, 0 for none; only the holder writes it
 int file = -1;                  // the trace file; -1 while there is no trace
-hooks::hook_set below;          // what the trace stands on
-char buffer[kBufferSize];       // lines on their way to the file
+hooks::hook_set below;          // the hooks that the trace replaced
+char buffer[kBufferSize];       // lines that are not yet in the file
 std::size_t buffered = 0;
-bool mtrace_sig = false;  // the trace was started by SIGUSR2
-bool is_buffering = true; // until the library's end
+bool mtrace_sig = false;  // SIGUSR2 started the trace
+bool is_buffering = true; // false once the library's destructor has run
 
 // Written atomically, without the lock.
 int pending_toggles = 0;
@@ -64,7 +64,7 @@ void note_holder(std::uintptr_t thread)
 
 // ---- lines ----
 
-// A line of the trace: the place of the call, and what was done.
+// A line of the trace: the place of the call, and the operation.
 class line {
 public:
     explicit line(const void *caller) : length_(call_place::write(text_, sizeof text_, caller)) {}
@@ -78,7 +78,7 @@ public:
         length_ = std::min(length_ + static_cast<std::size_t>(std::max(length, 0)), sizeof text_ - 1);
     }
 
-    // The place again, for a second line.
+    // Appends the place again, for a second line.
     void repeat_place(std::size_t place) { append("%.*s", static_cast<int>(place), text_); }
     std::size_t length() const { return length_; }
 
@@ -89,7 +89,7 @@ private:
     std::size_t length_;
 };
 
-// ---- the file's buffer, with the lock held. Nobody may be cancelled there. ----
+// ---- the file's buffer, with the lock held and cancellation disabled ----
 
 void flush()
 {
@@ -112,7 +112,7 @@ void put(std::string_view text)
         flush();
 }
 
-// ---- calling what the trace stands on ----
+// ---- calling the replaced hooks ----
 
 void *malloc_below(std::size_t size, const void *caller)
 {
@@ -150,9 +150,9 @@ void *realloc_below(void *ptr, std::size_t size, const void *caller)
 // Carries out the toggles that were requested where they could not be.
 void do_pending_toggles();
 
-// ---- the hooks of a trace. One that was ended while they waited writes nothing, and stands on what it stood on. ----
+// ---- the hooks of a trace. If the trace ended while they waited for the lock, they only call the replaced hooks. ----
 
-// No thread is cancelled with the lock held: writing the file is a cancellation point.
+// Disables cancellation while the lock is held: writing the file is a cancellation point.
 class trace_lock {
 public:
     trace_lock()
@@ -248,7 +248,7 @@ void stop()
     file = -1;
 }
 
-// mtrace() and muntrace() are called from a toggle too, which has the lock, and by hooks that a trace stands on.
+// A toggle calls mtrace() and muntrace() with the lock held, and so may the replaced hooks.
 template <typename Change>
 void change_trace(Change change)
 {
@@ -276,7 +276,7 @@ void exchange_hooks()
     hooks::install_old(current);
 }
 
-// Returns what is to be said, by somebody who does not hold the lock.
+// Returns the console message. The caller prints it after it has released the lock.
 const char *toggle()
 {
     muntrace();
@@ -306,7 +306,7 @@ bool take_request()
     return false;
 }
 
-// False for a lock that is held, perhaps by the thread that a signal interrupted here.
+// Returns false if the lock is held, perhaps by this thread before a signal interrupted it.
 bool toggle_if_lock_is_free(const char *&said)
 {
     if (pthread_mutex_trylock(&lock) != 0)
@@ -341,7 +341,7 @@ void do_pending_toggles()
         hooks::end_change();
         if (said != nullptr)
             console::print_from_handler(said, log_path());
-        // A holder that gave the lock back meanwhile found the change in its way.
+        // If the lock is free now, its holder released it during our change and could not toggle: try again.
         if (!done && !is_lock_free())
             return;
     }
@@ -349,14 +349,14 @@ void do_pending_toggles()
 
 } // namespace
 
-// The parent writes the lines that are in the buffer, and carries out the toggles that are pending.
+// The parent writes the buffered lines and carries out the pending toggles; the child drops both.
 void after_fork_in_child()
 {
     pending_toggles = 0;
     buffered = 0;
     call_place::after_fork_in_child();
     if (is_lock_holder())
-        return; // the child goes on and unlocks its copy
+        return; // the child continues here and unlocks its copy
     lock_holder = 0;
     pthread_mutex_init(&lock, nullptr);
 }
@@ -373,7 +373,7 @@ void close_file(int first)
     });
 }
 
-// Libraries that were initialised earlier end later, and free their blocks: from here on each line goes out at once.
+// Libraries that were initialised earlier end later, and free their blocks. From here on each line is written at once.
 [[gnu::destructor]] void flush_at_exit()
 {
     trace_lock held;

@@ -31,12 +31,12 @@ char **find()
                         [](const char *entry) { return std::string_view(entry).starts_with(kName); });
 }
 
-// A list of the library's for when the variable has to be added. It is kept for the next time, and in the environment
-// for as long as nobody exchanges the environment's list.
+// The library's own list of entries, used when the variable has to be added. It is kept for the next time. It is the
+// environment's list until the host installs another one.
 char **own_list = nullptr;
 std::size_t own_room = 0;
 
-// Makes room in the library's list. A list that is too small stays where it is: other threads may be reading it.
+// Makes room in the library's list. A list that is too small stays mapped: other threads may be reading it.
 bool reserve(std::size_t room)
 {
     constexpr std::size_t kLeast = 512;
@@ -51,8 +51,8 @@ bool reserve(std::size_t room)
     return true;
 }
 
-// Puts one more entry at the end of the list, or of a copy: the list may be the C library's, which keeps its size to
-// itself.
+// Appends an entry to the library's list, after copying the environment to it. The C library's list cannot grow: only
+// the C library knows its size.
 void append(char *entry)
 {
     std::size_t size = environment_size();

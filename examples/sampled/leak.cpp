@@ -36,7 +36,7 @@ void report(int fd)
     if (::read(fd, &signal, sizeof signal) != sizeof signal)
         return;
     mtrace_stat_record now;
-    if (qv_mtrace_stat(&now, 0) != 4)
+    if (qv_mtrace_stat(&now, 0) != MTRACE_LEAK_GROUPS)
         return;
     for (std::uint32_t i = 0; i < now.rows; i++) {
         console_print("sampled: %u bytes in %u blocks stay allocated\n", now.row.groups[i].bytes,

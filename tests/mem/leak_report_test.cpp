@@ -279,7 +279,7 @@ TEST(Report, HasThirtyTwoGroupsAtMost)
         mtrace_stat_record rec;
         std::uint64_t after;
     } guarded = {{}, 0x5555};
-    EXPECT_EQ(qv_mtrace_stat(&guarded.rec, 0), 4);
+    EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&guarded.rec, 0));
     EXPECT_EQ(guarded.rec.rows, 32U);
     EXPECT_EQ(guarded.rec.full[0], 40U);
     EXPECT_EQ(guarded.after, 0x5555U);
@@ -298,8 +298,8 @@ TEST(Report, DoesNotChangeTheCountersThatItReports)
         qv_mtrace_start();
         void *volatile block = std::malloc(100); // too young, which is said
         mtrace_stat_record first = {}, second = {};
-        EXPECT_EQ(qv_mtrace_stat(&first, 0), 4);
-        EXPECT_EQ(qv_mtrace_stat(&second, 0), 4);
+        EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&first, 0));
+        EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&second, 0));
         EXPECT_THAT(read_file("/etc/consolelog"), testing::HasSubstr("Total record "));
         EXPECT_TRUE(std::equal(std::begin(first.full), std::end(first.full), std::begin(second.full)))
             << zone << ": " << second.full[0] << " live, " << second.full[2] << " allocations, " << second.full[3]

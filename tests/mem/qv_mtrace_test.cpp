@@ -38,7 +38,7 @@ mtrace_stat_record light_now()
 std::array<mtrace_class_row, 32> classes_now()
 {
     mtrace_stat_record rec = {};
-    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(rec.rows, 32U);
     std::array<mtrace_class_row, 32> rows;
     std::copy(std::begin(rec.row.classes), std::end(rec.row.classes), rows.begin());
@@ -251,7 +251,7 @@ TEST(Light, TheShortReport)
 {
     mtrace_stat_record rec;
     std::memset(&rec, 0x55, sizeof rec);
-    EXPECT_EQ(qv_mtrace_stat(&rec, 7), 8);
+    EXPECT_EQ(MTRACE_TOTALS, qv_mtrace_stat(&rec, MTRACE_MODE_TOTALS));
     EXPECT_EQ(rec.rows, 1U);
     EXPECT_EQ(rec.full[0], 0x55555555U) << "left alone";
     EXPECT_EQ(rec.row.classes[0].lower_bound, 0x55555555U);
@@ -264,7 +264,7 @@ TEST(Light, TheShortReport)
 TEST(Light, TotalsAreTheSumsOfTheRows)
 {
     mtrace_stat_record rec = {};
-    ASSERT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    ASSERT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
     std::uint32_t bytes = 0, blocks = 0, allocs = 0;
     for (const mtrace_class_row &row : rec.row.classes)
         bytes += row.bytes, blocks += row.blocks, allocs += row.allocs;
@@ -470,7 +470,7 @@ TEST(FullTracing, TheTableOutlivesAStop)
     void *block = allocate(100);
     qv_mtrace_stop();
     Full stopped = full_now();
-    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 4);
+    EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(rec.full[0], stopped.live);
     std::free(allocate(70));
     EXPECT_EQ(full_now(), stopped) << "nothing is recorded any more";
@@ -479,7 +479,7 @@ TEST(FullTracing, TheTableOutlivesAStop)
     std::free(block);
     EXPECT_EQ(full_now().live, stopped.live - 1);
     qv_mtrace_reset();
-    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 6);
+    EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(full_now(), Full{});
     EXPECT_EQ(__malloc_hook, nullptr);
 }
@@ -831,7 +831,7 @@ TEST(LeakGroups, TheReportOfAllAtOnce)
     time_wait = 0;
     mtrace_stat_record rec;
     std::memset(&rec, 0x55, sizeof rec);
-    EXPECT_EQ(qv_mtrace_stat(&rec, 0), 4);
+    EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(rec.rows, 2U);
     EXPECT_EQ(rec.full[0], 10U);
     EXPECT_EQ(rec.full[1], 1100U);
