@@ -59,12 +59,22 @@ bool is_same_function(const resolved_address &a, const resolved_address &b)
     return first != nullptr && second != nullptr && a.module == b.module && first->function == second->function;
 }
 
+// Whether the function at the program counter has saved the link register: the walk sees its caller then, and what the
+// register holds was left by a call that has returned.
+bool has_saved_link_register(const crash_log &log, const module_map &modules)
+{
+    const used_module *module = log.pc ? modules.module_at(*log.pc) : nullptr;
+    if (module == nullptr || module->file == nullptr || module->sameness == identity::differs)
+        return false;
+    return !module->file->keeps_link_register(*log.pc - *module->bias).value_or(true);
+}
+
 // A function that has not saved the link register yet, or never does, is missing from the walk's second place. A value
 // within the function itself was left there by a call that has returned.
 void add_link_register(const crash_log &log, const module_map &modules, std::vector<explained_frame> *frames)
 {
     std::optional<std::uint64_t> value = register_value(log, kLinkRegister);
-    if (log.from != machine::aarch64 || !value || *value == 0)
+    if (log.from != machine::aarch64 || !value || *value == 0 || has_saved_link_register(log, modules))
         return;
     bool is_in_walk = std::any_of(frames->begin(), frames->end(),
                                   [&](const explained_frame &frame) { return frame.logged.code.address == *value; });
@@ -95,6 +105,14 @@ std::vector<std::uint64_t> places_of(const std::vector<explained_frame> &frames)
     return places;
 }
 
+// A call that does not return may end a function, and the next one's start then follows a call. On a stack such an
+// address is a function pointer.
+bool is_function_pointer(const used_module &module, std::uint64_t address)
+{
+    return module.file != nullptr && module.sameness != identity::differs &&
+           module.file->is_function_start(address - *module.bias);
+}
+
 // What the details found on the stack and the walk does not have, in its place between the frames.
 void add_found_words(const crash_log &log, const module_map &modules, std::vector<explained_frame> *frames)
 {
@@ -110,12 +128,14 @@ void add_found_words(const crash_log &log, const module_map &modules, std::vecto
             return frame.logged.code.address == word.address;
         });
         const used_module *module = modules.module_at(word.address);
-        if (is_in_walk || module == nullptr || added == kMaxAdded)
+        if (is_in_walk || module == nullptr || added == kMaxAdded || is_function_pointer(*module, word.address))
             continue;
         while (next < frames->size() && places[next] < word.place)
             merged.push_back(std::move((*frames)[next++]));
         explained_frame frame;
-        frame.origin = log.sp == word.place ? frame_origin::stack_top : frame_origin::stack_scan;
+        // Calls push the return address on x86-64 only.
+        bool is_top = log.from == machine::x86_64 && log.sp == word.place;
+        frame.origin = is_top ? frame_origin::stack_top : frame_origin::stack_scan;
         frame.logged.code.address = word.address;
         frame.where = modules.resolve(word.address, true);
         merged.push_back(std::move(frame));
@@ -244,10 +264,13 @@ constexpr poison kPoisons[] = {
     {0xA68F25E04B37D14C, kAllBits ^ kSmallOffset, "the magic number of an object cache's page"},
 };
 
-// One byte eight times over, the last of them perhaps moved by an offset: what fill patterns look like.
+// One byte eight times over, the last of them perhaps moved by an offset: what fill patterns look like. The C library's
+// string functions keep words of the bytes 0x01, 0x7F and 0x80 in registers.
 bool is_repeated_byte(std::uint64_t value)
 {
     std::uint64_t byte = value >> 56;
+    if (byte == 0x01 || byte == 0x7F || byte == 0x80)
+        return false;
     std::uint64_t filled = byte * 0x0101010101010101ULL;
     return byte != 0 && byte != 0xFF && (value ^ filled) >> 16 == 0;
 }
@@ -263,11 +286,13 @@ std::string poison_in(std::uint64_t value)
     return {};
 }
 
-// x86-64 reports no address for a pointer whose upper bits are no sign extension.
-bool is_canonical(std::uint64_t value)
+// Addresses of user space and of the kernel differ in their upper bits only, which are all equal: 17 of them on x86-64,
+// which reports no address for other pointers, 16 on AArch64.
+bool is_canonical(std::uint64_t value, machine from = machine::x86_64)
 {
-    std::uint64_t upper = value >> 47;
-    return upper == 0 || upper == (kAllBits >> 47);
+    int bits = from == machine::aarch64 ? 48 : 47;
+    std::uint64_t upper = value >> bits;
+    return upper == 0 || upper == kAllBits >> bits;
 }
 
 bool is_near(std::uint64_t a, std::uint64_t b, std::uint64_t reach)
@@ -275,9 +300,35 @@ bool is_near(std::uint64_t a, std::uint64_t b, std::uint64_t reach)
     return (a > b ? a - b : b - a) < reach;
 }
 
+// The registers with values, and the one of the first argument, whose slot of the table does not have it.
+std::vector<register_slot> known_registers(const crash_log &log)
+{
+    std::vector<register_slot> known = log.registers;
+    if (log.details && log.details->first_argument)
+        known.push_back({"The first argument's register", *log.details->first_argument});
+    return known;
+}
+
+// The AArch64 kernel reports a fault's address without its top byte. A register may have the whole pointer; a pattern
+// can be completed without one.
+std::uint64_t faulting_pointer(const crash_log &log)
+{
+    constexpr int kTagShift = 56;
+    constexpr std::uint64_t kAddressBits = kAllBits >> 8;
+    std::uint64_t fault = *log.fault;
+    if (log.from != machine::aarch64 || fault < kNullRange || fault >> kTagShift != 0)
+        return fault;
+    for (const register_slot &slot : known_registers(log)) {
+        if (slot.value >> kTagShift != 0 && is_near(slot.value & kAddressBits, fault, kSmallOffset))
+            return (slot.value & ~kAddressBits) | fault;
+    }
+    std::uint64_t completed = fault | ((fault >> (kTagShift - 8)) & 0xFF) << kTagShift;
+    return poison_in(completed).empty() ? fault : completed;
+}
+
 void explain_poisoned_registers(const crash_log &log, std::vector<std::string> *causes)
 {
-    for (const register_slot &slot : log.registers) {
+    for (const register_slot &slot : known_registers(log)) {
         std::string meaning = poison_in(slot.value);
         if (!meaning.empty())
             causes->push_back(slot.name + " holds " + hex(slot.value) + ", " + meaning + ".");
@@ -362,8 +413,11 @@ void explain_access(const crash_log &log, const std::vector<explained_frame> &fr
         causes->push_back(*log.fault == 0
                               ? "A null pointer was followed" + where + "."
                               : "A member at offset " + offset + " of a null pointer was touched" + where + ".");
-    } else if (std::string meaning = poison_in(*log.fault); !meaning.empty()) {
-        causes->push_back("The address " + hex(*log.fault) + " is " + meaning + where + ".");
+    } else if (std::string meaning = poison_in(faulting_pointer(log)); !meaning.empty()) {
+        causes->push_back("The address " + hex(faulting_pointer(log)) + " is " + meaning + where + ".");
+    } else if (!is_canonical(faulting_pointer(log), log.from)) {
+        causes->push_back("A pointer that is no address, " + hex(faulting_pointer(log)) + ", was followed" + where +
+                          ".");
     } else {
         causes->push_back("The address " + hex(*log.fault) + " may not be accessed so" + where + ".");
     }

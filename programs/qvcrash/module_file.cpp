@@ -229,7 +229,34 @@ public:
         return false;
     }
 
+    bool is_function_start(std::uint64_t address) override
+    {
+        GElf_Off offset;
+        GElf_Sym symbol;
+        const char *name = ::dwfl_module_addrinfo(module_, address, &offset, &symbol, nullptr, nullptr, nullptr);
+        return name != nullptr && is_function(symbol) && offset == 0;
+    }
+
+    std::optional<bool> keeps_link_register(std::uint64_t address) override
+    {
+        Dwarf_Addr bias;
+        Dwarf_CFI *unwinding = machine_ == machine::aarch64 ? ::dwfl_module_eh_cfi(module_, &bias) : nullptr;
+        Dwarf_Frame *frame = nullptr;
+        if (unwinding == nullptr || ::dwarf_cfi_addrframe(unwinding, address - bias, &frame) != 0)
+            return {};
+        Dwarf_Op room[3];
+        Dwarf_Op *rule;
+        std::size_t count;
+        bool is_known = ::dwarf_frame_register(frame, kLinkRegister, room, &rule, &count) == 0;
+        std::free(frame);
+        if (!is_known)
+            return {};
+        return count == 0; // neither saved in memory nor moved
+    }
+
 private:
+    static constexpr int kLinkRegister = 30;
+
     struct segment {
         std::uint64_t start, end, offset;
         bool contains(std::uint64_t address) const { return address >= start && address < end; }

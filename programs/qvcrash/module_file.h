@@ -69,6 +69,15 @@ public:
     /** Whether the instruction before the address is a call; nothing when the bytes cannot be read. */
     virtual std::optional<bool> follows_call(std::uint64_t address) = 0;
 
+    /** Whether a function begins at the address, by the symbol table. */
+    virtual bool is_function_start(std::uint64_t address) = 0;
+
+    /**
+     * Whether the register that calls put their return address in still holds it when the program counter is at the
+     * address. Nothing when the file does not say so, or is for a machine without such a register.
+     */
+    virtual std::optional<bool> keeps_link_register(std::uint64_t address) = 0;
+
     /** The end of the file's last loaded segment. */
     virtual std::uint64_t image_end() const = 0;
 };

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace support;
 using nlohmann::json;
@@ -95,6 +96,14 @@ void PrintTo(const expected_answer &answer, std::ostream *out)
     *out << answer.failure;
 }
 
+std::string test_name(const testing::TestParamInfo<expected_answer> &failure)
+{
+    std::string name = std::string(failure.param.failure) + '_' + failure.param.mark;
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');
+    return name;
+}
+
 class Explained : public testing::TestWithParam<expected_answer> {};
 
 TEST_P(Explained, NamesCauseAndLine)
@@ -104,32 +113,89 @@ TEST_P(Explained, NamesCauseAndLine)
     EXPECT_THAT(causes_of(object), testing::HasSubstr(GetParam().cause));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Failures, Explained,
-    testing::Values(expected_answer{"null-member", "null member", "A member at offset 8 of a null pointer"},
-                    expected_answer{"stale-object", "stale object", "a fill pattern"},
-                    expected_answer{"vtable", "corrupted vtable", "was followed"},
-                    expected_answer{"null-call", "wild call", "Jump through a null pointer"},
-                    expected_answer{"wild-call", "wild call",
-                                    "Jump through a wild pointer, to 0x7777000, which is no code"},
-                    expected_answer{"inlined", "inlined", "A null pointer was followed"},
-                    expected_answer{"inlined", "around inlined", "inlined_store"},
-                    expected_answer{"double-free", "double free", "Object cache \"sessions\": double free of object "},
-                    expected_answer{"overrun", "overrun", "the guard word behind it holds 0x1111111111111111"},
-                    expected_answer{"abort", "abort", "The process called abort()"},
-                    expected_answer{"assert", "assert", "Assertion `value == 17' failed."},
-                    expected_answer{"exception", "uncaught exception", "uncaught std::runtime_error: no route"},
-                    expected_answer{"division", "division", "A whole number was divided by 0"},
-                    expected_answer{"stack-overflow", "stack overflow", "Stack overflow: "},
-                    expected_answer{"deadlock", "deadlock", "Deadlock: thread "},
-                    expected_answer{"out-of-memory", "out of memory", "A member at offset 8 of a null pointer"},
-                    expected_answer{"unloaded-plugin", "unloaded plug-in", "failing_plugin.so was unloaded"}),
-    [](const auto &failure) {
-        std::string name = std::string(failure.param.failure) + '_' + failure.param.mark;
-        std::replace_if(
-            name.begin(), name.end(), [](char c) { return c == ' ' || c == '-'; }, '_');
-        return name;
-    });
+const expected_answer kDivision = {"division", "division", "A whole number was divided by 0"};
+const expected_answer kAnswers[] = {
+    {"null-member", "null member", "A member at offset 8 of a null pointer"},
+    {"stale-object", "stale object", "a fill pattern"},
+    {"vtable", "corrupted vtable", "was followed"},
+    {"null-call", "wild call", "Jump through a null pointer"},
+    {"wild-call", "wild call", "Jump through a wild pointer, to 0x7777000, which is no code"},
+    {"inlined", "inlined", "A null pointer was followed"},
+    {"inlined", "around inlined", "inlined_store"},
+    {"double-free", "double free", "Object cache \"sessions\": double free of object "},
+    {"overrun", "overrun", "the guard word behind it holds 0x1111111111111111"},
+    {"abort", "abort", "The process called abort()"},
+    {"assert", "assert", "Assertion `value == 17' failed."},
+    {"exception", "uncaught exception", "uncaught std::runtime_error: no route"},
+    {"stack-overflow", "stack overflow", "Stack overflow: "},
+    {"deadlock", "deadlock", "Deadlock: thread "},
+    {"out-of-memory", "out of memory", "A member at offset 8 of a null pointer"},
+    {"unloaded-plugin", "unloaded plug-in", "failing_plugin.so was unloaded"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Failures, Explained, testing::ValuesIn(kAnswers), test_name);
+INSTANTIATE_TEST_SUITE_P(Division, Explained, testing::Values(kDivision), test_name);
+
+// Logs that tools/arm-crashes fetched from the AArch64 kernel, read here with the files that were running there. A
+// division by zero is no failure there.
+class ArmLogs : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (::access(kCrashes.c_str(), R_OK) != 0)
+            GTEST_SKIP() << "no logs from AArch64: tools/arm-crashes makes them, for a clone that is not below /tmp";
+    }
+
+    static json show_arm(const std::string &failure)
+    {
+        std::string folder = kCrashes + '/' + failure;
+        std::vector<std::string> logs = list_dir(folder);
+        EXPECT_EQ(1u, logs.size()) << folder;
+        return logs.empty() ? json::object() : show_json(folder + '/' + logs.front(), {"--root", kCrashes + "/root"});
+    }
+
+    static inline const std::string kCrashes = LIBCOMMON_ARM_CRASHES;
+};
+
+class ExplainedArm : public ArmLogs, public testing::WithParamInterface<expected_answer> {};
+
+TEST_P(ExplainedArm, NamesCauseAndLine)
+{
+    json object = show_arm(GetParam().failure);
+    EXPECT_EQ("aarch64", object["machine"]);
+    EXPECT_TRUE(names_line(object, marked_line(GetParam().mark))) << object.dump(1);
+    EXPECT_THAT(causes_of(object), testing::HasSubstr(GetParam().cause));
+    for (const json &module : object["modules"])
+        EXPECT_THAT(module["identity"], testing::AnyOf("same", "missing")) << module["path"];
+    for (const json &frame : object["frames"])
+        EXPECT_NE("stack-top", frame["origin"]) << "calls push nothing there";
+}
+
+INSTANTIATE_TEST_SUITE_P(Failures, ExplainedArm, testing::ValuesIn(kAnswers), test_name);
+
+// count_session() keeps no frame, so only the register knows its caller.
+TEST_F(ArmLogs, ALinkRegisterThatIsNotSavedIsTheCaller)
+{
+    json object = show_arm("null-member");
+    EXPECT_EQ("link-register", object["frames"][1]["origin"]);
+    EXPECT_EQ("main", object["frames"][1]["functions"][0]["function"]);
+    EXPECT_EQ(std::string::npos, causes_of(object).find("0x101010101010101")) << "a constant of strcmp()";
+}
+
+// raise() has saved it, and calls return to it.
+TEST_F(ArmLogs, ALinkRegisterThatIsSavedIsNotTheCaller)
+{
+    for (const json &frame : show_arm("abort")["frames"])
+        EXPECT_NE("link-register", frame["origin"]);
+}
+
+TEST_F(ArmLogs, AFunctionsStartIsNoReturnAddress)
+{
+    for (const json &frame : show_arm("abort")["frames"]) {
+        for (const json &function : frame["functions"])
+            EXPECT_EQ(std::string::npos, function["function"].get<std::string>().find("watch_deadlock"));
+    }
+}
 
 TEST(QvcrashShow, DumpRequestsAreNoCrashes)
 {
