@@ -63,16 +63,76 @@ std::string signal_name(std::optional<int> signal)
     return signal ? "signal " + std::to_string(*signal) : std::string("no signal");
 }
 
-std::string frame_name(const code_reference &code)
+const detailed_module *module_at(const crash_log &log, std::uint64_t address)
 {
-    std::string name(last_component(code.file));
+    if (!log.details)
+        return nullptr;
+    const std::vector<detailed_module> &modules = log.details->modules;
+    auto found = std::find_if(modules.begin(), modules.end(), [address](const detailed_module &module) {
+        return !module.is_gone && address >= module.bias && address < module.end;
+    });
+    return found != modules.end() ? &*found : nullptr;
+}
+
+// An offset means something in one build only, so the build id goes with it where the log has one. An address without
+// a module means nothing in another process: no name.
+std::string frame_name(const crash_log &log, const code_reference &code)
+{
+    constexpr std::size_t kIdDigits = 8; // enough to tell builds apart
     if (!code.symbol.empty())
-        return name.append("!").append(code.symbol);
-    if (code.file.empty())
-        return "?"; // an address of a process means nothing in another one
+        return std::string(last_component(code.file)).append("!").append(code.symbol);
+    const detailed_module *module = module_at(log, code.address);
+    if (code.file.empty() && module == nullptr)
+        return {};
+    std::string name(last_component(code.file.empty() ? module->path : code.file));
+    auto distance = static_cast<std::uint64_t>(code.offset.value_or(0));
+    if (module != nullptr)
+        distance = code.address - module->bias;
     char offset[32];
-    std::snprintf(offset, sizeof offset, "+0x%llx", static_cast<unsigned long long>(code.offset.value_or(0)));
-    return name + offset;
+    std::snprintf(offset, sizeof offset, "+0x%llx", static_cast<unsigned long long>(distance));
+    name += offset;
+    if (module != nullptr && !module->build_id.empty())
+        name += '@' + module->build_id.substr(0, kIdDigits);
+    return name;
+}
+
+// A return address that was found on the stack, where the walk has nothing usable.
+code_reference found_frame(const crash_log &log, std::uint64_t address)
+{
+    code_reference code;
+    code.address = address;
+    if (const detailed_module *module = module_at(log, address))
+        code.file = module->path;
+    return code;
+}
+
+// The condition of a failed assertion, which stays the same when lines move: "... Assertion `X' failed.".
+std::string_view assertion_in(std::string_view message)
+{
+    constexpr std::string_view kBegin = "Assertion `", kEnd = "' failed";
+    std::size_t begin = message.find(kBegin);
+    if (begin == std::string_view::npos)
+        return {};
+    begin += kBegin.size();
+    std::size_t end = message.rfind(kEnd);
+    return end == std::string_view::npos || end < begin ? std::string_view() : message.substr(begin, end - begin);
+}
+
+// What the process said of itself before it ended on purpose.
+std::string stated_cause(const crash_log &log)
+{
+    constexpr std::uint64_t kGuard = 0xDEADDEADDEADDEAD; // it is whole: the object was freed twice
+    if (!log.details)
+        return {};
+    if (const auto &misuse = log.details->misuse) {
+        constexpr int kBadObject = 5;
+        std::string what = misuse->code != kBadObject ? "misuse " + std::to_string(misuse->code)
+                           : misuse->guard == kGuard  ? "double free"
+                                                      : "overrun";
+        return "object cache " + what + " in \"" + misuse->cache + "\": ";
+    }
+    std::string_view assertion = assertion_in(log.details->abort_message);
+    return assertion.empty() ? std::string() : "assertion \"" + std::string(assertion) + "\": ";
 }
 
 bool has_prefix(std::string_view text, const std::vector<std::string> &prefixes)
@@ -122,24 +182,26 @@ bool signature_maker::is_skipped(const code_reference &code) const
 std::string signature_maker::operator()(const crash_log &log) const
 {
     std::string signature = signal_name(log.signal) + ' ';
+    std::string cause = stated_cause(log);
     // The cache ends the process on purpose; the bug is the caller's, and another one than a bad access there.
-    if (has_function(log, "mcache_error"))
-        signature += has_function(log, "mcache_free") ? "object cache misuse at free: " : "object cache misuse: ";
+    if (cause.empty() && has_function(log, "mcache_error"))
+        cause = has_function(log, "mcache_free") ? "object cache misuse at free: " : "object cache misuse: ";
+    std::string names;
     std::size_t count = 0;
-    for (const logged_frame &frame : log.frames) {
-        if (count == max_frames_)
-            break;
-        if (is_skipped(frame.code))
-            continue;
-        std::string name = frame_name(frame.code);
-        if (name == "?")
-            continue;
-        if (count != 0)
-            signature += " | ";
-        signature += name;
+    auto add = [&](const code_reference &code) {
+        std::string name = count < max_frames_ && !is_skipped(code) ? frame_name(log, code) : std::string();
+        if (name.empty())
+            return;
+        names += (count != 0 ? " | " : "") + name;
         count++;
+    };
+    for (const logged_frame &frame : log.frames)
+        add(frame.code);
+    if (count == 0 && log.details) {
+        for (const found_word &word : log.details->found)
+            add(found_frame(log, word.address));
     }
-    return count != 0 ? signature : signature + "unattributable";
+    return signature + cause + (count != 0 ? names : "unattributable");
 }
 
 std::string readable_signature(const std::string &signature)

@@ -29,8 +29,10 @@ public:
     void skip(std::string_view list);
 
     /**
-     * The signature of a log: "SIGSEGV routed!handle_packet | routed!run". Function names are as the log has them.
-     * A log without a usable frame is "SIGSEGV unattributable".
+     * The signature of a log: "SIGSEGV routed!handle_packet | routed!run". Function names are as the log has them. A
+     * frame without a function is "routed+0x301f", with "@" and the beginning of the build id where the log has one.
+     * A failed assertion and misuse of an object cache stand before the frames. Where the walk has no usable frame,
+     * what was found on the stack is used; a log without either is "SIGSEGV unattributable".
      */
     std::string operator()(const crash_log &log) const;
 

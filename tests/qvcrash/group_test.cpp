@@ -69,6 +69,60 @@ TEST(CrashSignature, WithoutAUsableFrame)
     EXPECT_EQ("SIGABRT unattributable", signature_of(6, {"/lib/libc.so.6(abort+0xd3) [0x20]"}));
 }
 
+crash_log log_with_details(int signal, const std::string &frames, const std::string &details)
+{
+    return parse_crash_log("PID 1 for signal(" + std::to_string(signal) + ").\nBacktracing:\n" + frames +
+                               "\tStack bottom is at 0x10\n\nDetails 1:\n" + details + "Details end\n",
+                           "x1.coredump." + std::to_string(signal) + ".log");
+}
+
+constexpr char kRoutedModule[] = "module : 0000000000400000 0000000000500000 0123456789abcdef /usr/sbin/routed\n";
+
+TEST(CrashSignature, BuildIdsGoWithOffsets)
+{
+    crash_log log = log_with_details(11, "\t<0x10> -> /usr/sbin/routed(+0x301f) [0x40301f]\n", kRoutedModule);
+    EXPECT_EQ("SIGSEGV routed+0x301f@01234567", signature_maker()(log));
+    log = log_with_details(11, "\t<0x10> -> /usr/sbin/routed(handle+0x1f) [0x40301f]\n", kRoutedModule);
+    EXPECT_EQ("SIGSEGV routed!handle", signature_maker()(log)) << "a function is the same in the next build";
+}
+
+TEST(CrashSignature, WordsOfTheStackWhereTheWalkHasNone)
+{
+    std::string found = "found  : 0000007ffffff010 0000000000401234\n"
+                        "found  : 0000007ffffff020 0000000077777777\n";
+    crash_log log = log_with_details(11, "", kRoutedModule + found);
+    EXPECT_EQ("SIGSEGV routed+0x1234@01234567", signature_maker()(log));
+    log = log_with_details(11, "\t<0x10> -> /usr/sbin/routed(handle+0x1f) [0x40301f]\n", kRoutedModule + found);
+    EXPECT_EQ("SIGSEGV routed!handle", signature_maker()(log));
+}
+
+TEST(CrashSignature, AssertionsByTheirCondition)
+{
+    auto signature = [](const std::string &message) {
+        return signature_maker()(
+            log_with_details(6, "\t<0x10> -> /r(check+0x1) [0x1]\n", "abort  : " + message + "\n"));
+    };
+    EXPECT_EQ("SIGABRT assertion \"value == 17\": r!check",
+              signature("routed: a.c:101: check: Assertion `value == 17' failed."));
+    EXPECT_EQ(signature("routed: a.c:101: check: Assertion `value == 17' failed."),
+              signature("routed: a.c:99: check: Assertion `value == 17' failed."));
+    EXPECT_EQ("SIGABRT r!check", signature("Assertion `' failed"));
+    EXPECT_EQ("SIGABRT r!check", signature("free(): invalid pointer"));
+}
+
+TEST(CrashSignature, DoubleFreesAndOverrunsOfAnObjectCache)
+{
+    auto signature = [](const char *code_and_guard) {
+        return signature_maker()(log_with_details(11, "\t<0x10> -> /r(close+0x1) [0x1]\n", code_and_guard));
+    };
+    EXPECT_EQ("SIGSEGV object cache double free in \"sessions\": r!close",
+              signature("cache  : code 5 object 00000000000000f0 guard deaddeaddeaddead name sessions\n"));
+    EXPECT_EQ("SIGSEGV object cache overrun in \"sessions\": r!close",
+              signature("cache  : code 5 object 00000000000000f0 guard 1111111111111111 name sessions\n"));
+    EXPECT_EQ("SIGSEGV object cache misuse 4 in \"sessions\": r!close",
+              signature("cache  : code 4 object 00000000000000f0 guard 0000000000000000 name sessions\n"));
+}
+
 TEST(CrashSignature, UsersExtendTheList)
 {
     signature_maker make;

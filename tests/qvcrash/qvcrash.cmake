@@ -4,6 +4,7 @@ target_compile_options(failing_host PRIVATE -g -UNDEBUG)
 target_link_libraries(failing_host PRIVATE libcommon::common libcommon::heap libcommon::host)
 target_link_options(failing_host PRIVATE -rdynamic)
 add_library(failing_plugin MODULE ${CMAKE_CURRENT_LIST_DIR}/failing_plugin.c)
+target_compile_options(failing_plugin PRIVATE -g)
 set_target_properties(failing_plugin PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
 set_target_properties(failing_host PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
 
@@ -20,3 +21,5 @@ target_compile_definitions(show_test PRIVATE LIBCOMMON_FAILING_HOST="${CMAKE_CUR
 add_dependencies(show_test qvcrash libcommon_qvenv failing_host failing_plugin)
 target_link_libraries(group_test PRIVATE libcommon_qvcrash)
 add_dependencies(group_test qvcrash)
+target_link_libraries(module_file_test PRIVATE libcommon_qvcrash)
+add_dependencies(module_file_test failing_plugin)
