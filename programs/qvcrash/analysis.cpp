@@ -576,7 +576,10 @@ std::vector<std::string> make_remarks(const crash_log &log, const module_map &mo
     };
     for (const std::string &problem : log.problems)
         add("Log: " + problem + ".");
-    if (!log.tail.empty())
+    if (log.is_mixture)
+        add("Log: several threads wrote their dumps into this file at the same time. The first one is explained; its "
+            "registers and frames may be another thread's.");
+    else if (!log.tail.empty())
         add("Log: " + std::to_string(log.tail.size()) + " bytes of an older, longer log follow; they are left out.");
     bool has_unsure = false;
     for (const auto &module : modules.modules()) {

@@ -172,6 +172,7 @@ public:
 
     crash_log read(std::string_view file_name)
     {
+        log_.is_mixture = has_several_titles(rest_);
         read_head();
         read_frames();
         read_remainder();
@@ -182,6 +183,22 @@ public:
 
 private:
     void problem(std::string text) { log_.problems.push_back(std::move(text)); }
+
+    // "PID 812 for signal(52)."
+    static bool is_title(std::string_view line)
+    {
+        bool has_start = line.starts_with("PID ") || line.starts_with("TID ");
+        return has_start && line.find(" for signal(") != std::string_view::npos;
+    }
+
+    // An older log's tail has no title: the new one lies over it.
+    static bool has_several_titles(std::string_view text)
+    {
+        int count = 0;
+        while (!text.empty() && count < 2)
+            count += is_title(next_line(text)) ? 1 : 0;
+        return count > 1;
+    }
 
     // Everything before the backtrace. A line that is not ours is skipped: a host may write first.
     void read_head()
@@ -221,6 +238,8 @@ private:
             log_.sender = sender;
             is_termination_ = true;
         }
+        if (has_title_)
+            return true; // another thread's
         log_.id = id;
         log_.signal = signal;
         has_title_ = true;
@@ -253,6 +272,8 @@ private:
         std::size_t first;
         if (!read_number(line, 10, &first) || !skip(line, "   :"))
             return false;
+        if (log_.is_mixture && first < log_.registers.size())
+            return true; // another thread's
         if (first != log_.registers.size() || first >= kRegisterCount) {
             problem("a register line is out of place");
             return true;
@@ -284,7 +305,8 @@ private:
         std::uint64_t number;
         if (!skip(line, title) || !read_number(line, 16, &number))
             return false;
-        *value = number;
+        if (!*value)
+            *value = number;
         return true;
     }
 
@@ -307,6 +329,8 @@ private:
                 log_.frames.push_back(std::move(frame));
                 continue;
             }
+            if (log_.is_mixture && (is_title(line) || is_own_line(line) || line.starts_with('$')))
+                continue; // another thread's
             problem("a line of the backtrace is cut");
             if (is_backtrace_line(rest_))
                 continue; // a name too long for the formatter spoils one line only
@@ -326,7 +350,8 @@ private:
     {
         constexpr std::string_view kStarts[] = {
             "reg     ", "fault  : ", "pc     : ", "sp     : ", "pstate : ", kBottomTitle};
-        if (line == kBacktraceTitle || line.starts_with("$ 0 ") || line.find(kFrameArrow) != std::string_view::npos)
+        if (is_title(line) || line == kBacktraceTitle || line.starts_with("$ 0 ") ||
+            line.find(kFrameArrow) != std::string_view::npos)
             return true;
         return std::any_of(std::begin(kStarts), std::end(kStarts), [&](auto start) { return line.starts_with(start); });
     }

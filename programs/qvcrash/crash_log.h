@@ -66,7 +66,8 @@ struct crash_log {
 
     std::string host_text; // what the host's callbacks appended
     std::optional<log_details> details;
-    std::string tail; // the rest of an older, longer log under this one
+    std::string tail;        // the rest of an older, longer log under this one, or of the other dumps of a mixture
+    bool is_mixture = false; // several threads wrote their dumps into one file at the same time
     std::vector<std::string> problems;
 };
 

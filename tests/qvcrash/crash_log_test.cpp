@@ -107,6 +107,30 @@ TEST(CrashLog, TheRestOfAnOlderLogIsNotRead)
     EXPECT_NE(std::string::npos, log.tail.find("__libc_start_main"));
 }
 
+// One file name served all threads of a process that were asked for a dump.
+TEST(CrashLog, DumpsOfSeveralThreadsInOneFile)
+{
+    std::string first = "TID 7 for signal(52). thread name : rx\nBacktracing:\n\t<0x10> -> /r(a+0x1) [0x1]\n";
+    std::string second = "TID 8 for signal(52). thread name : tx\nBacktracing:\n\t<0x20> -> /r(b+0x1) [0x2]\n";
+    std::string rest = "\t<0x11> -> /r(c+0x1) [0x3]\n\tStack bottom is at 0x11\n\n";
+
+    crash_log after = parse_crash_log(first + rest + second + rest, "r7.attach.52.log");
+    EXPECT_TRUE(after.is_mixture);
+    EXPECT_EQ(7, after.id);
+    EXPECT_EQ(2u, after.frames.size());
+    EXPECT_TRUE(after.tail.starts_with("TID 8"));
+    EXPECT_EQ("", after.host_text);
+
+    crash_log between = parse_crash_log(first + second + rest + rest, "r7.attach.52.log");
+    EXPECT_TRUE(between.is_mixture);
+    EXPECT_EQ(7, between.id);
+    EXPECT_EQ(3u, between.frames.size());
+    EXPECT_TRUE(between.problems.empty());
+    EXPECT_EQ(0x11u, between.stack_bottom);
+
+    EXPECT_FALSE(parse_crash_log(first + rest, "r7.attach.52.log").is_mixture);
+}
+
 TEST(CrashLog, CutAtEveryByteNothingIsInvented)
 {
     std::string text = whole_log();
