@@ -1,3 +1,3 @@
 if(TARGET sampled) # the fuzzers are built without the examples
-    add_dependencies(sampled_test sampled)
+    add_dependencies(sampled_test sampled sampled_c)
 endif()

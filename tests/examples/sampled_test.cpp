@@ -8,10 +8,20 @@ using namespace support;
 
 namespace {
 
+ChildResult run_example(const std::string &name, std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), build_dir() + "/examples/" + name);
+    return run_program(arguments);
+}
+
 ChildResult sampled(std::vector<std::string> arguments)
 {
-    arguments.insert(arguments.begin(), build_dir() + "/examples/sampled");
-    return run_program(arguments);
+    return run_example("sampled", std::move(arguments));
+}
+
+ChildResult sampled_c(std::vector<std::string> arguments)
+{
+    return run_example("sampled_c", std::move(arguments));
 }
 
 std::string console_log()
@@ -62,6 +72,46 @@ TEST(Sampled, Usage)
     for (const std::vector<std::string> &wrong :
          std::vector<std::vector<std::string>>{{"--unknown", "1"}, {"--period"}, {"--period", "0"}, {"--clients", "0"}})
         EXPECT_TRUE(sampled(wrong).exited(2));
+}
+
+TEST(SampledInC, TakesSamplesUntilItsTimeIsOver)
+{
+    ChildResult result = sampled_c({"--period", "0.05", "--clients", "2", "--run-for", "0.5"});
+    EXPECT_TRUE(result.exited(0)) << result.status << result.err;
+    std::string log = console_log();
+    EXPECT_THAT(log, testing::HasSubstr("sampled_c: started, pid "));
+    EXPECT_THAT(log, testing::HasSubstr("sampled_c: sample 2 of client-1, session 2\n"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled_c: sample 3 of client-0, session 1\n"));
+    EXPECT_THAT(log, testing::ContainsRegex("sampled_c: stopping after [0-9]+ samples\n"));
+}
+
+TEST(SampledInC, ASignalStopsIt)
+{
+    ChildResult result = run_program({"/bin/sh", "-c",
+                                      build_dir() + "/examples/sampled_c --period 30 &\n"
+                                                    "until grep -q started /etc/consolelog; do sleep 0.05; done\n"
+                                                    "kill $!; wait $!"});
+    EXPECT_TRUE(result.exited(0)) << result.status << result.err;
+    EXPECT_THAT(console_log(), testing::HasSubstr("sampled_c: stopping after 0 samples\n"));
+}
+
+TEST(SampledInC, ACrashIsLogged)
+{
+    ChildResult result = sampled_c({"--crash-after", "0.05"});
+    EXPECT_TRUE(result.killed_by(SIGSEGV)) << result.status;
+    std::string log;
+    for (const std::string &name : list_dir("/etc/core"))
+        if (name.starts_with("sampled_c") && name.ends_with(".coredump.11.log"))
+            log = read_file("/etc/core/" + name);
+    EXPECT_THAT(log, testing::HasSubstr("(process_stimer+0x"));
+    EXPECT_THAT(log, testing::HasSubstr("sampled_c: 0 samples\n"));
+}
+
+TEST(SampledInC, Usage)
+{
+    for (const std::vector<std::string> &wrong :
+         std::vector<std::vector<std::string>>{{"--unknown", "1"}, {"--period"}, {"--period", "0"}, {"--clients", "0"}})
+        EXPECT_TRUE(sampled_c(wrong).exited(2));
 }
 
 } // namespace
