@@ -5,6 +5,11 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/libcommon)
 
 install(TARGETS libcommon libcommon_heap EXPORT libcommon-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/libcommon FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
+# gdb loads it together with the library, whose path the folder repeats: known only when it is installed.
+install(CODE "set(gdb_auto_load \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/gdb/auto-load\")")
+install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/programs/gdb/libcommon-gdb.py\"
+    DESTINATION \"\${gdb_auto_load}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}\"
+    RENAME libcommon.so.${PROJECT_VERSION}-gdb.py)")
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(EXPORT libcommon-targets NAMESPACE libcommon:: DESTINATION ${package_dir})
 
