@@ -8,6 +8,8 @@
  *     int n = b64_ntop(key, key_length, text, sizeof text);       // n characters and a zero
  *     unsigned int crc = qv_crc32(0, head, head_length);
  *     crc = qv_crc32(crc, body, body_length);                     // the checksum of both
+ *
+ * The sources are util/encoding/.
  */
 #ifndef LIBCOMMON_ENCODING_H
 #define LIBCOMMON_ENCODING_H

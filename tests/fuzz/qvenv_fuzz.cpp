@@ -3,7 +3,7 @@
 // zero byte; what follows is the store. A command line that sets leaves its record at the end; no other one changes the
 // store.
 #define main qvenv_main
-#include "tools/qvenv/qvenv.cpp"
+#include "programs/qvenv/qvenv.cpp"
 #undef main
 
 #include "tests/fuzz/private_tmp.h"

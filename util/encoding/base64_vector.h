@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // base64_vector.h - base64 by vector instructions: one file an architecture, base64_vector_*.cpp.
-#ifndef LIBCOMMON_UTIL_BASE64_VECTOR_H
-#define LIBCOMMON_UTIL_BASE64_VECTOR_H
+#ifndef LIBCOMMON_UTIL_ENCODING_BASE64_VECTOR_H
+#define LIBCOMMON_UTIL_ENCODING_BASE64_VECTOR_H
 
 #include <cstddef>
 

@@ -4,7 +4,7 @@
 //     vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]
 //     vrkernel show [-c FILE]
 //     vrkernel reset [-c FILE]
-#include "tables.h"
+#include "platform/kernel/tables.h"
 
 #include <cerrno>
 #include <climits>

@@ -2,8 +2,8 @@
 // The two checksums. CRC-32 goes to what the processor does by itself first, and what that leaves, to the tables.
 #include "encoding.h"
 
-#include "util/crc32_hardware.h"
-#include "util/crc_slices.h"
+#include "util/encoding/crc32_hardware.h"
+#include "util/encoding/crc_slices.h"
 
 extern "C" {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Base64 by NEON: 48 bytes to 64 characters a step, and back. The structure loads take the groups apart by themselves.
 #if defined(__aarch64__)
-#include "util/base64_vector.h"
+#include "util/encoding/base64_vector.h"
 
 #include <arm_neon.h>
 #include <cstdint>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // crc32_hardware.h - CRC-32 by the processor's own means: one file an architecture, crc32_hardware_*.cpp.
-#ifndef LIBCOMMON_UTIL_CRC32_HARDWARE_H
-#define LIBCOMMON_UTIL_CRC32_HARDWARE_H
+#ifndef LIBCOMMON_UTIL_ENCODING_CRC32_HARDWARE_H
+#define LIBCOMMON_UTIL_ENCODING_CRC32_HARDWARE_H
 
 #include <cstddef>
 #include <cstdint>

@@ -9,8 +9,8 @@
 // Everything is in the reflected order of this checksum, where bit 0 of the first byte is the highest power. The
 // product of two reflected 64-bit numbers comes out one place short, so the constants hold x^(n-1) instead of x^n.
 #if defined(__x86_64__)
-#include "util/crc32_hardware.h"
-#include "util/crc_slices.h"
+#include "util/encoding/crc32_hardware.h"
+#include "util/encoding/crc_slices.h"
 
 #include <immintrin.h>
 

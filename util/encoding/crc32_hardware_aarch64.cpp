@@ -2,8 +2,8 @@
 // CRC-32 by the CPU's own instruction, 8 bytes at a time. The instruction has a latency of some cycles and can begin
 // one a cycle, so three parts of a block are summed side by side and then joined.
 #if defined(__aarch64__)
-#include "util/crc32_hardware.h"
-#include "util/crc_slices.h"
+#include "util/encoding/crc32_hardware.h"
+#include "util/encoding/crc_slices.h"
 
 #include <array>
 #include <cstring>

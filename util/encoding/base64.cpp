@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Base64, both ways. Whole runs of groups go through util/base64_bulk.h, which knows the processor; what is left at the
-// ends, and everything irregular, goes through the group loops here, which decide every result.
+// Base64, both ways. Whole runs of groups go through base64_bulk.h, which picks the instructions; the rest at the ends,
+// and everything irregular, goes through the group loops here, which decide every result.
 #include "encoding.h"
 
-#include "util/base64_bulk.h"
+#include "util/encoding/base64_bulk.h"
 
 #include <algorithm>
 #include <array>

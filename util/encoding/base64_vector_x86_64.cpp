@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Base64 by AVX2: 24 bytes to 32 characters a step, and back.
 #if defined(__x86_64__)
-#include "util/base64_vector.h"
+#include "util/encoding/base64_vector.h"
 
 #include <cstring>
 #include <immintrin.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // base64_bulk.h - runs of whole base64 groups, by the best means that the processor has. Which that is, is not seen in
 // the results.
-#ifndef LIBCOMMON_UTIL_BASE64_BULK_H
-#define LIBCOMMON_UTIL_BASE64_BULK_H
+#ifndef LIBCOMMON_UTIL_ENCODING_BASE64_BULK_H
+#define LIBCOMMON_UTIL_ENCODING_BASE64_BULK_H
 
 #include <cstddef>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // crc_slices.h - any reflected checksum by tables, eight bytes at a time.
-#ifndef LIBCOMMON_UTIL_CRC_SLICES_H
-#define LIBCOMMON_UTIL_CRC_SLICES_H
+#ifndef LIBCOMMON_UTIL_ENCODING_CRC_SLICES_H
+#define LIBCOMMON_UTIL_ENCODING_CRC_SLICES_H
 
 #include <array>
 #include <cstddef>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The portable means: two characters for each 12 bits when encoding, one table a place when decoding.
-#include "util/base64_bulk.h"
+#include "util/encoding/base64_bulk.h"
 
-#include "util/base64_vector.h"
+#include "util/encoding/base64_vector.h"
 
 #include <array>
 #include <cstdint>
