@@ -8,7 +8,7 @@ namespace fault {
 // What an object cache found before it ends the process.
 struct cache_misuse {
     const char *cache;    // its name, or null for no cache
-    int code;             // as mcache_error() accepts it
+    int code;             // an mcache_error_code
     unsigned long object; // 0 for none
     unsigned long guard;  // the word after the object; 0 when it was not read
 };

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "mem/block_table.h"
 
+#include "mem/pointer_hash.h"
+
 #include <bit>
 #include <cstring>
 
@@ -12,8 +14,7 @@ constexpr std::uint64_t kAll = ~std::uint64_t{0};
 
 unsigned hash_of(std::uintptr_t ptr)
 {
-    // The top bits of a product with an odd constant: blocks lie at multiples of 16, often of more.
-    return static_cast<unsigned>((ptr * 0x9E3779B97F4A7C15) >> (64 - std::countr_zero(kSlots)));
+    return mem::pointer_hash(ptr, std::countr_zero(kSlots));
 }
 
 void set(std::uint64_t *bits, unsigned bit)

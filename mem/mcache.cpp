@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Object caches: pages of equal slots, a free list per page, a list of pages with free slots and one of full pages.
+// Object caches: pages of equal slots, a free list in each page, a list of pages with free slots and one of full pages.
+//
+//     page: | mcache_page | slot | slot | ...      slot: | slot_header | object | guard |
+//
+// The cache's lock protects its fields and its pages. zlist and last_id are atomic.
 #include "mcache.h"
 
 #include "fault/crash_notes.h"
@@ -7,34 +11,36 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <pthread.h>
 #include <type_traits>
 
 struct mcache_page {
-    uint64_t magic;
-    uint32_t free_count;
-    uint32_t owner; // the cache's id
+    std::uint64_t magic;
+    std::uint32_t free_count;
+    std::uint32_t owner; // the id of its cache
     mcache_page *prev;
     mcache_page *next;
-    void *free_head; // an object, not its slot
+    void *free_head; // the object of the first free slot
 };
 
 namespace {
 
-constexpr uint64_t kMagic = 0xa68f25e04b37d14c;
-constexpr uint64_t kGuard = 0xdeaddeaddeaddead;
-constexpr uint32_t kUnit = 8192;
-constexpr int kMaxUnits = 16;
-constexpr uint32_t kPageOverhead = 48;
-constexpr uint32_t kKeepSpare = 0x40;
-constexpr uint32_t kSpareLimit = 8144;
-constexpr uint32_t kAllocated = 1;
-
+// Lies before each object.
 struct slot_header {
-    uint32_t offset; // of the object from its page
-    uint32_t flags;
+    std::uint32_t offset; // of the object from its page
+    std::uint32_t flags;
 };
+
+constexpr std::uint64_t kMagic = 0xa68f25e04b37d14c;
+constexpr std::uint32_t kUnit = 8192; // bytes
+constexpr int kMaxUnits = 16;
+constexpr std::uint32_t kSlotOverhead = sizeof(slot_header) + sizeof(MCACHE_GUARD);
+constexpr std::uint32_t kPageOverhead = sizeof(mcache_page) + sizeof(slot_header);
+constexpr std::uint32_t kKeepSpare = 0x40;  // a flag of a cache
+constexpr std::uint32_t kSpareLimit = 8144; // from this slot size on a cache keeps no spare page
+constexpr std::uint32_t kAllocated = 1;     // a flag of a slot
 
 static_assert(std::is_same_v<pthread_spinlock_t, volatile int>);
 static_assert(sizeof(mcache_page) == 40 && offsetof(mcache_page, prev) == 16 && offsetof(mcache_page, free_head) == 32);
@@ -42,64 +48,66 @@ static_assert(sizeof(slot_header) == 8);
 static_assert(sizeof(mcache) == 144 && offsetof(mcache, next_cache) == 8 && offsetof(mcache, name) == 48 &&
               offsetof(mcache, objs_per_slab) == 136 && offsetof(mcache, id) == 140);
 
-// The id of the cache made last. No cache has the id 0.
-uint32_t last_id;
+// The id of the newest cache; 0 before the first.
+std::uint32_t last_id;
 
 slot_header *header_of(void *object)
 {
     return static_cast<slot_header *>(object) - 1;
 }
 
-uint64_t *guard_of(const mcache *cache, void *object)
+std::uint64_t *guard_of(const mcache *cache, void *object)
 {
-    return reinterpret_cast<uint64_t *>(static_cast<char *>(object) + cache->obj_size);
+    return reinterpret_cast<std::uint64_t *>(static_cast<char *>(object) + cache->obj_size);
 }
 
-// In a cache of objects of no bytes link and guard are one word: the guard stands there only while allocated.
+// The next free object, in the first word of a free one. In a cache of objects of 0 bytes that word is the guard's: it
+// holds the guard only while the object is allocated.
 void *&link_of(void *object)
 {
     return *static_cast<void **>(object);
 }
 
-// The empty statement keeps the call from becoming a jump, so that the caller is in the backtrace.
-void fail(int code, const mcache *cache, void *object)
+// Notes what was found for the crash log and crashes. The empty statement prevents a tail call: this function and its
+// caller stay in the backtrace.
+void fail(mcache_error_code code, const mcache *cache, void *object)
 {
-    bool has_guard = code == 5 && cache != nullptr;
+    bool has_guard = code == MCACHE_BAD_OBJECT && cache != nullptr;
     fault::note_cache_misuse({cache != nullptr ? cache->name : nullptr, code, reinterpret_cast<unsigned long>(object),
                               has_guard ? *guard_of(cache, object) : 0});
     mcache_error(code);
     asm volatile("" ::: "memory");
 }
 
-void mcache_init_page(mcache *cache, mcache_page *page)
+void init_page(mcache *cache, mcache_page *page)
 {
-    const size_t stride = size_t{cache->obj_size} + 16;
+    const std::size_t stride = std::size_t{cache->obj_size} + kSlotOverhead;
     char *object = reinterpret_cast<char *>(page + 1) + sizeof(slot_header);
     *page = {kMagic, cache->objs_per_page, cache->id, nullptr, nullptr, object};
-    for (uint32_t left = cache->objs_per_page; left != 0; left--, object += stride) {
-        *header_of(object) = {static_cast<uint32_t>(object - reinterpret_cast<char *>(page)), 0};
-        *guard_of(cache, object) = kGuard;
+    for (std::uint32_t left = cache->objs_per_page; left != 0; left--, object += stride) {
+        *header_of(object) = {static_cast<std::uint32_t>(object - reinterpret_cast<char *>(page)), 0};
+        *guard_of(cache, object) = MCACHE_GUARD;
         link_of(object) = left == 1 ? nullptr : object + stride;
     }
 }
 
 mcache_page *new_page(mcache *cache)
 {
-    auto *page = static_cast<mcache_page *>(std::malloc(size_t{cache->page_units} * kUnit));
-    if (page) {
+    auto *page = static_cast<mcache_page *>(std::malloc(std::size_t{cache->page_units} * kUnit));
+    if (page != nullptr) {
         cache->page_count++;
-        mcache_init_page(cache, page);
+        init_page(cache, page);
     }
     return page;
 }
 
-// Gives the cache a page with free slots.
+// Gives a cache without free slots a page. False without memory.
 bool refill(mcache *cache)
 {
     mcache_page *page = new_page(cache);
-    if (page && (cache->flags & kKeepSpare) && !cache->spare_page)
+    if (page != nullptr && (cache->flags & kKeepSpare) != 0 && cache->spare_page == nullptr)
         cache->spare_page = new_page(cache);
-    if (!page) {
+    if (page == nullptr) {
         page = cache->spare_page;
         cache->spare_page = nullptr;
     }
@@ -109,9 +117,9 @@ bool refill(mcache *cache)
 
 void unlink_page(mcache *cache, mcache_page *page)
 {
-    if (page->prev)
+    if (page->prev != nullptr)
         page->prev->next = page->next;
-    if (page->next)
+    if (page->next != nullptr)
         page->next->prev = page->prev;
     if (page == cache->full_pages)
         cache->full_pages = page->next;
@@ -125,7 +133,7 @@ void unlink_page(mcache *cache, mcache_page *page)
 void push_full(mcache *cache, mcache_page *page)
 {
     page->next = cache->full_pages;
-    if (page->next)
+    if (page->next != nullptr)
         page->next->prev = page;
     cache->full_pages = page;
 }
@@ -133,7 +141,7 @@ void push_full(mcache *cache, mcache_page *page)
 void append_partial(mcache *cache, mcache_page *page)
 {
     page->prev = cache->partial_tail;
-    (page->prev ? page->prev->next : cache->partial_head) = page;
+    (page->prev != nullptr ? page->prev->next : cache->partial_head) = page;
     cache->partial_tail = page;
 }
 
@@ -147,23 +155,24 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
 {
     if (page_units < 0)
         return nullptr;
-    const auto units = static_cast<uint32_t>(std::clamp(page_units, 1, kMaxUnits));
-    const uint64_t obj_size = (uint64_t{size} + 7) & ~uint64_t{7}; // 64 bits: sizes near 2^32 must not wrap
-    const uint64_t slot_size = obj_size + 8;
-    if (slot_size > uint64_t{units} * kUnit - kPageOverhead)
+    const auto units = static_cast<std::uint32_t>(std::clamp(page_units, 1, kMaxUnits));
+    const std::uint64_t obj_size =
+        (std::uint64_t{size} + 7) & ~std::uint64_t{7}; // 64 bits: sizes near 2^32 must not wrap
+    const std::uint64_t slot_size = obj_size + sizeof(slot_header);
+    if (slot_size > std::uint64_t{units} * kUnit - kPageOverhead)
         return nullptr;
     auto *cache = static_cast<mcache *>(std::malloc(sizeof(mcache)));
-    if (!cache) {
-        mcache_error(6);
+    if (cache == nullptr) {
+        mcache_error(MCACHE_NO_MEMORY);
         return nullptr;
     }
     *cache = {};
     cache->flags = slot_size < kSpareLimit ? flags | kKeepSpare : flags & ~kKeepSpare;
-    cache->obj_size = static_cast<uint32_t>(obj_size);
-    cache->slot_size = static_cast<uint32_t>(slot_size);
+    cache->obj_size = static_cast<std::uint32_t>(obj_size);
+    cache->slot_size = static_cast<std::uint32_t>(slot_size);
     cache->page_units = units;
     cache->objs_per_page = cache->objs_per_slab =
-        static_cast<uint32_t>((size_t{units} * kUnit - sizeof(mcache_page)) / (obj_size + 16));
+        static_cast<std::uint32_t>((std::size_t{units} * kUnit - sizeof(mcache_page)) / (obj_size + kSlotOverhead));
     cache->id = __atomic_add_fetch(&last_id, 1, __ATOMIC_RELAXED);
     pthread_spin_init(&cache->lock, PTHREAD_PROCESS_SHARED);
     strlcpy(cache->name, name, sizeof cache->name);
@@ -175,10 +184,10 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
 
 void *mcache_alloc(mcache *cache)
 {
-    if (!cache)
-        fail(1, nullptr, nullptr);
+    if (cache == nullptr)
+        fail(MCACHE_NULL_CACHE, nullptr, nullptr);
     pthread_spin_lock(&cache->lock);
-    while (!cache->partial_head) {
+    while (cache->partial_head == nullptr) {
         const bool refilled = refill(cache);
         pthread_spin_unlock(&cache->lock);
         if (!refilled)
@@ -187,15 +196,15 @@ void *mcache_alloc(mcache *cache)
     }
     mcache_page *page = cache->partial_head;
     void *object = page->free_head;
-    if (!object)
-        fail(2, cache, nullptr);
+    if (object == nullptr)
+        fail(MCACHE_LOST_FREE_LIST, cache, nullptr);
     slot_header *header = header_of(object);
-    if (header->flags & kAllocated)
-        fail(3, cache, object);
+    if ((header->flags & kAllocated) != 0)
+        fail(MCACHE_SLOT_IN_USE, cache, object);
     header->flags |= kAllocated;
     page->free_head = link_of(object);
     if (cache->obj_size == 0)
-        *guard_of(cache, object) = kGuard;
+        *guard_of(cache, object) = MCACHE_GUARD;
     cache->in_use++;
     if (--page->free_count == 0) {
         unlink_page(cache, page);
@@ -207,21 +216,22 @@ void *mcache_alloc(mcache *cache)
 
 void mcache_free(mcache *cache, void *object)
 {
-    if (!object)
+    if (object == nullptr)
         return;
-    if (!cache)
-        fail(1, nullptr, object);
+    if (cache == nullptr)
+        fail(MCACHE_NULL_CACHE, nullptr, object);
     pthread_spin_lock(&cache->lock);
     slot_header *header = header_of(object);
     auto *page = reinterpret_cast<mcache_page *>(static_cast<char *>(object) - header->offset);
     if (page->magic != kMagic || page->owner != cache->id)
-        fail(4, cache, object);
-    if (!(header->flags & kAllocated) || *guard_of(cache, object) != kGuard)
-        fail(5, cache, object);
+        fail(MCACHE_FOREIGN_OBJECT, cache, object);
+    if ((header->flags & kAllocated) == 0 || *guard_of(cache, object) != MCACHE_GUARD)
+        fail(MCACHE_BAD_OBJECT, cache, object);
     cache->in_use--;
     if (page->free_count + 1 == cache->objs_per_slab) {
-        // Volatile: the store must reach memory although the block is freed next, or a stale pointer passes for good.
-        *const_cast<volatile uint64_t *>(&page->magic) = 0;
+        // Volatile, so that the store is not dropped because the page is freed next: a stale pointer into the page must
+        // not be accepted.
+        *const_cast<volatile std::uint64_t *>(&page->magic) = 0;
         unlink_page(cache, page);
         cache->page_count--;
         std::free(page);
@@ -239,12 +249,12 @@ void mcache_free(mcache *cache, void *object)
 
 int mcache_error(int code)
 {
-    if (code < 1 || code > 5)
+    if (code < MCACHE_NULL_CACHE || code > MCACHE_BAD_OBJECT)
         return code - 1;
-    // The frame keeps the function that found the misuse in the backtrace; a leaf would have none of its own.
+    // Forces a frame record: a leaf function has none, and the backtrace would lose the caller.
     asm volatile("" : : "r"(__builtin_frame_address(0)));
     volatile int *target = nullptr;
-    asm volatile("" : "+r"(target)); // hides the null, or the write is taken for impossible and left out
+    asm volatile("" : "+r"(target)); // hides the null: the compiler drops a write that it knows to be undefined
     *target = code;
     __builtin_trap();
 }

@@ -6,6 +6,7 @@
 #include "console_print.h"
 
 #include <cctype>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <fcntl.h>
@@ -14,31 +15,36 @@
 
 namespace {
 
-constexpr uintptr_t kLine = 16;
+constexpr std::uintptr_t kLine = 16;       // bytes
+constexpr std::size_t kAddressDigits = 16; // of an address, before ": "
+constexpr std::size_t kByteText = 3;       // characters of a byte: " %02X"
+constexpr std::size_t kGaps = 2;           // one after each half of the line
+constexpr std::uintptr_t kFirstHalfEnd = 7;
+constexpr std::uintptr_t kLineEnd = 15;
 
-// Prints the line of 16 bytes at start, of which those from first up to end are in the range.
-void dump_line(uintptr_t start, uintptr_t first, uintptr_t end)
+// Prints the line of 16 bytes at start. Only the bytes in [first, end) are read; the others are blank.
+void dump_line(std::uintptr_t start, std::uintptr_t first, std::uintptr_t end)
 {
-    char hex[18 + kLine * 3 + 2 + 1];
+    char hex[kAddressDigits + 2 + kLine * kByteText + kGaps + 1];
     char text[kLine + 1 + 1];
     int hex_len = std::snprintf(hex, sizeof hex, "%016llX: ", static_cast<unsigned long long>(start));
-    size_t text_len = 0;
-    for (uintptr_t i = 0; i < kLine; i++) {
-        const uintptr_t at = start + i;
+    std::size_t text_len = 0;
+    for (std::uintptr_t i = 0; i < kLine; i++) {
+        const std::uintptr_t at = start + i;
         const bool inside = at >= first && at - first < end - first;
-        const auto room = sizeof hex - static_cast<size_t>(hex_len);
+        const auto room = sizeof hex - static_cast<std::size_t>(hex_len);
         if (inside) {
             const unsigned char byte = *reinterpret_cast<const unsigned char *>(at);
             hex_len += std::snprintf(hex + hex_len, room, " %02X", byte);
-            text[text_len++] = std::isprint(byte) ? static_cast<char>(byte) : '.';
+            text[text_len++] = std::isprint(byte) != 0 ? static_cast<char>(byte) : '.';
         } else {
             hex_len += std::snprintf(hex + hex_len, room, "   ");
             if (at < first)
                 text[text_len++] = ' ';
         }
-        if (i == 7 || i == 15)
+        if (i == kFirstHalfEnd || i == kLineEnd)
             hex[hex_len++] = ' ';
-        if (i == 7 && (at < first || at + 1 < end))
+        if (i == kFirstHalfEnd && (at < first || at + 1 < end))
             text[text_len++] = ' ';
     }
     hex[hex_len] = '\0';
@@ -52,14 +58,14 @@ extern "C" {
 
 int clear_sys_pagecache(int do_sync)
 {
-    if (do_sync)
-        sync();
+    if (do_sync != 0)
+        ::sync();
     base::cancel_guard whole;
-    FILE *control = std::fopen("/proc/sys/vm/drop_caches", "w");
-    if (!control)
+    std::FILE *control = std::fopen("/proc/sys/vm/drop_caches", "w");
+    if (control == nullptr)
         return -1;
     const bool written = std::fputc('3', control) != EOF;
-    const bool flushed = std::fclose(control) == 0; // the kernel refuses, if it does, only here
+    const bool flushed = std::fclose(control) == 0; // the kernel refuses a write only when the stream flushes it
     return written && flushed ? 0 : -1;
 }
 
@@ -67,21 +73,21 @@ void mem_dump(const void *addr, int len)
 {
     if (len < 1)
         return;
-    const auto first = reinterpret_cast<uintptr_t>(addr);
-    const uintptr_t end = first + static_cast<uintptr_t>(len);
-    for (uintptr_t line = first & ~(kLine - 1); line < end; line += kLine)
+    const auto first = reinterpret_cast<std::uintptr_t>(addr);
+    const std::uintptr_t end = first + static_cast<std::uintptr_t>(len);
+    for (std::uintptr_t line = first & ~(kLine - 1); line < end; line += kLine)
         dump_line(line, first, end);
 }
 
 void *init_shared_mem(const char *name, unsigned int size)
 {
-    const int fd = shm_open(name, O_RDWR | O_CREAT, 0777);
+    const int fd = ::shm_open(name, O_RDWR | O_CREAT, 0777);
     if (fd < 0)
         return nullptr;
-    [[maybe_unused]] const int resized = ftruncate(fd, static_cast<off_t>(size));
-    void *address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    // Only null counts as a failure here: callers compare with MAP_FAILED themselves. The descriptor stays open.
-    if (!address)
+    [[maybe_unused]] const int resized = ::ftruncate(fd, static_cast<off_t>(size));
+    void *address = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    // Contract: MAP_FAILED is returned as it is, without a message, and the descriptor stays open.
+    if (address == nullptr)
         console_print("mmap %s failed\n", name);
     return address;
 }

@@ -7,6 +7,8 @@
 #ifndef LIBCOMMON_MEM_THREAD_SET_H
 #define LIBCOMMON_MEM_THREAD_SET_H
 
+#include "mem/pointer_hash.h"
+
 #include <bit>
 #include <cstdint>
 #include <sched.h>
@@ -18,10 +20,10 @@ inline std::uintptr_t self()
     return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer());
 }
 
-// The top bits of a product with an odd constant: thread pointers lie at multiples of the page, mostly of more.
+// Thread pointers lie at multiples of the page, mostly of more.
 inline unsigned hash_of(std::uintptr_t thread, int bits)
 {
-    return static_cast<unsigned>(thread * 0x9E3779B97F4A7C15 >> (64 - bits));
+    return mem::pointer_hash(thread, bits);
 }
 
 // Every function is about the calling thread. Only the thread itself writes its entry, in a free slot of its probe

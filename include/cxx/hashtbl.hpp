@@ -16,6 +16,7 @@
 
 #include "../hashtbl.h"
 #include "member_object.hpp"
+#include "owner.hpp"
 
 #include <concepts>
 #include <cstddef>
@@ -29,34 +30,21 @@ namespace qv {
 // objects; one that is destroyed while it holds objects just forgets them.
 template <typename T, auto Link>
 requires detail::member_of<Link, hashtbl_link, T>
-class intrusive_table {
+class intrusive_table : public detail::owner<hashtbl, hashtbl_destroy> {
 public:
     // Empty, or no table at all (it then converts to false and must not be used) as hashtbl_init() fails.
-    explicit intrusive_table(unsigned log_size) : table_(hashtbl_init(log_size, link_offset(), 0)) {}
-    ~intrusive_table()
-    {
-        if (table_ != nullptr)
-            hashtbl_destroy(table_);
-    }
-    intrusive_table(intrusive_table &&other) noexcept : table_(std::exchange(other.table_, nullptr)) {}
-    intrusive_table &operator=(intrusive_table &&other) noexcept
-    {
-        std::swap(table_, other.table_);
-        return *this;
-    }
+    explicit intrusive_table(unsigned log_size) : owner(hashtbl_init(log_size, link_offset(), 0)) {}
 
-    explicit operator bool() const { return table_ != nullptr; }
-    hashtbl *get() const { return table_; }
-    std::size_t size() const { return table_->count; }
-    bool empty() const { return table_->count == 0; }
+    std::size_t size() const { return get()->count; }
+    bool empty() const { return get()->count == 0; }
 
-    void insert(unsigned hash, T &object) { hashtbl_insert(table_, hash, &object); }
+    void insert(unsigned hash, T &object) { hashtbl_insert(get(), hash, &object); }
 
     // Returns whether the object was in the bucket of this hash and has been removed.
     bool remove(unsigned hash, T &object)
     {
         const std::size_t before = size();
-        hashtbl_remove(table_, hash, &object);
+        hashtbl_remove(get(), hash, &object);
         return size() != before;
     }
 
@@ -82,7 +70,7 @@ public:
     void for_each_safe(Visit &&visit)
     {
         for (std::size_t i = 0; i < used_buckets(); i++)
-            visit_chain(table_->buckets[i], visit);
+            visit_chain(get()->buckets[i], visit);
     }
 
     // Empties the table, then hands each object to release(object), which may free it, or insert it here again. Objects
@@ -100,13 +88,13 @@ private:
     static T &object_of(hashtbl_link *link) { return *detail::object_of<T, Link>(link); }
 
     // Number of buckets to walk: none of an empty table.
-    std::size_t used_buckets() const { return empty() ? 0 : std::size_t{1} << table_->log_size; }
+    std::size_t used_buckets() const { return empty() ? 0 : std::size_t{1} << get()->log_size; }
 
     template <typename U, typename Match>
     U *find_as(unsigned hash, Match &match) const
     {
-        const unsigned mask = (1U << table_->log_size) - 1;
-        for (hashtbl_link *link = table_->buckets[hash & mask]; link != nullptr; link = link->next) {
+        const unsigned mask = (1U << get()->log_size) - 1;
+        for (hashtbl_link *link = get()->buckets[hash & mask]; link != nullptr; link = link->next) {
             if (link->hash != hash)
                 continue;
             U &object = object_of(link);
@@ -120,7 +108,7 @@ private:
     bool for_each_as(Visit &visit) const
     {
         for (std::size_t i = 0; i < used_buckets(); i++) {
-            for (hashtbl_link *link = table_->buckets[i]; link != nullptr; link = link->next) {
+            for (hashtbl_link *link = get()->buckets[i]; link != nullptr; link = link->next) {
                 U &object = object_of(link);
                 if (!std::invoke(visit, object))
                     return false;
@@ -146,15 +134,13 @@ private:
         hashtbl_link **end = &first;
         const std::size_t buckets = used_buckets();
         for (std::size_t i = 0; i < buckets; i++) {
-            *end = std::exchange(table_->buckets[i], nullptr);
+            *end = std::exchange(get()->buckets[i], nullptr);
             while (*end != nullptr)
                 end = &(*end)->next;
         }
-        table_->count = 0;
+        get()->count = 0;
         return first;
     }
-
-    hashtbl *table_;
 };
 
 } // namespace qv

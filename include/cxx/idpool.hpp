@@ -9,17 +9,17 @@
 #define LIBCOMMON_CXX_IDPOOL_HPP
 
 #include "../idpool.h"
+#include "owner.hpp"
 
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <optional>
-#include <utility>
 
 namespace qv {
 
-class id_pool {
+class id_pool : public detail::owner<idpool, idpool_destroy> {
 public:
     // Over the identifiers that are allocated as it goes: each step reads the bitmap, so the identifier that it stands
     // on may be freed. It is a forward iterator by its concept; its references are values, so that algorithms from
@@ -79,37 +79,24 @@ public:
     };
 
     // Or no pool at all (it then converts to false and must not be used), as idpool_create() fails.
-    id_pool(const char *name, int min, int max) : pool_(idpool_create(name, min, max)) {}
-    ~id_pool() { idpool_destroy(pool_); }
-    id_pool(id_pool &&other) noexcept : pool_(std::exchange(other.pool_, nullptr)) {}
-    id_pool &operator=(id_pool &&other) noexcept
-    {
-        std::swap(pool_, other.pool_);
-        return *this;
-    }
-
-    explicit operator bool() const { return pool_ != nullptr; }
-    idpool *get() const { return pool_; }
+    id_pool(const char *name, int min, int max) : owner(idpool_create(name, min, max)) {}
 
     std::optional<int> allocate()
     {
         int id;
-        return idpool_alloc_id(pool_, &id) == 0 ? std::optional(id) : std::nullopt;
+        return idpool_alloc_id(get(), &id) == 0 ? std::optional(id) : std::nullopt;
     }
     std::optional<int> allocate_lowest()
     {
         int id;
-        return idpool_alloc_id_slow(pool_, &id) == 0 ? std::optional(id) : std::nullopt;
+        return idpool_alloc_id_slow(get(), &id) == 0 ? std::optional(id) : std::nullopt;
     }
-    bool allocate(int id) { return idpool_alloc_specific_id(pool_, id) == 0; }
-    bool free(int id) { return idpool_free_id(pool_, id) == 0; }
-    bool contains(int id) const { return idpool_is_id_allocated(pool_, id) == 1; }
+    bool allocate(int id) { return idpool_alloc_specific_id(get(), id) == 0; }
+    bool free(int id) { return idpool_free_id(get(), id) == 0; }
+    bool contains(int id) const { return idpool_is_id_allocated(get(), id) == 1; }
 
-    iterator begin() const { return {pool_, pool_->min_id}; }
+    iterator begin() const { return {get(), get()->min_id}; }
     iterator end() const { return {}; }
-
-private:
-    idpool *pool_;
 };
 
 static_assert(std::forward_iterator<id_pool::iterator> && !std::bidirectional_iterator<id_pool::iterator>);

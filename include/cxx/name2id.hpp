@@ -10,36 +10,26 @@
 #define LIBCOMMON_CXX_NAME2ID_HPP
 
 #include "../name2id.h"
+#include "owner.hpp"
 
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
-#include <utility>
 
 namespace qv {
 
 // Names alone. A table that could not be made, or was moved away, converts to false; only insert() may be called on it,
 // which fails.
-class name_table {
+class name_table : public detail::owner<name2id_tbl, name2id_tbl_destory> {
 public:
-    explicit name_table(unsigned log_size) : table_(name2id_tbl_create(log_size, 0)) {}
-    ~name_table() { name2id_tbl_destory(table_); }
-    name_table(name_table &&other) noexcept : table_(std::exchange(other.table_, nullptr)) {}
-    name_table &operator=(name_table &&other) noexcept
-    {
-        std::swap(table_, other.table_);
-        return *this;
-    }
-
-    explicit operator bool() const { return table_ != nullptr; }
-    name2id_tbl *get() const { return table_; }
+    explicit name_table(unsigned log_size) : owner(name2id_tbl_create(log_size, 0)) {}
 
     // The new entry, owned by the table. Null when it is not in the table: without memory, for a null name, or where
     // there is no table.
     name2id_entry *insert(const char *name, std::uint32_t id)
     {
         name2id_entry *entry = name2id_entry_create(name, id);
-        if (name2id_entry_insert(table_, entry) == 0)
+        if (name2id_entry_insert(get(), entry) == 0)
             return entry;
         std::free(entry);
         return nullptr;
@@ -47,19 +37,16 @@ public:
 
     std::optional<std::uint32_t> find(const char *name) const
     {
-        const name2id_entry *entry = name2id_entry_find(table_->hashtbl, name);
+        const name2id_entry *entry = name2id_entry_find(get()->hashtbl, name);
         return entry != nullptr ? std::optional(entry->id) : std::nullopt;
     }
 
     // Removes the newest entry of a name; false when there is none.
     bool erase(const char *name)
     {
-        name2id_entry *entry = name2id_entry_find(table_->hashtbl, name);
-        return entry != nullptr && name2id_entry_remove(table_, entry) == 0;
+        name2id_entry *entry = name2id_entry_find(get()->hashtbl, name);
+        return entry != nullptr && name2id_entry_remove(get(), entry) == 0;
     }
-
-private:
-    name2id_tbl *table_;
 };
 
 } // namespace qv

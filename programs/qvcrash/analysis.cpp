@@ -2,6 +2,7 @@
 #include "analysis.h"
 
 #include "allocation_trace.h"
+#include "mcache.h"
 
 #include <algorithm>
 #include <csignal>
@@ -459,20 +460,19 @@ void explain_fatal_signal(const crash_log &log, const std::vector<explained_fram
 
 std::string describe_misuse(const cache_misuse &misuse)
 {
-    constexpr std::uint64_t kGuard = 0xDEADDEADDEADDEAD;
     std::string object = misuse.object != 0 ? " of object " + hex(misuse.object) : std::string();
     std::string where = "Object cache \"" + misuse.cache + "\": ";
     switch (misuse.code) {
-    case 1:
+    case MCACHE_NULL_CACHE:
         return "An object cache was used through a null pointer.";
-    case 2:
+    case MCACHE_LOST_FREE_LIST:
         return where + "a page with free slots has an empty free list (code 2): freed memory was written to.";
-    case 3:
+    case MCACHE_SLOT_IN_USE:
         return where + "a slot of the free list is allocated (code 3)" + object + ": freed memory was written to.";
-    case 4:
+    case MCACHE_FOREIGN_OBJECT:
         return where + "a pointer was freed that is none of its objects (code 4)" + object + ".";
-    case 5:
-        if (misuse.guard == kGuard)
+    case MCACHE_BAD_OBJECT:
+        if (misuse.guard == MCACHE_GUARD)
             return where + "double free" + object + " (code 5).";
         return where + "overrun" + object + " (code 5): the guard word behind it holds " + hex(misuse.guard) + ".";
     default:

@@ -126,17 +126,17 @@ TEST(CxxTable, FindVisitRemove)
     table.insert(7, one);
     table.insert(7, two);
     EXPECT_EQ(table.find(7, with_id(1)), &one);
-    EXPECT_EQ(table.find(7, with_id(3)), nullptr);
-    EXPECT_EQ(table.find(8, with_id(1)), nullptr);
-    EXPECT_EQ(table.find(7 + 16, with_id(1)), nullptr) << "the same bucket, another hash";
+    EXPECT_EQ(nullptr, table.find(7, with_id(3)));
+    EXPECT_EQ(nullptr, table.find(8, with_id(1)));
+    EXPECT_EQ(nullptr, table.find(7 + 16, with_id(1))) << "the same bucket, another hash";
 
-    EXPECT_EQ(ids_of(table), (std::vector<unsigned>{2, 1}));
+    EXPECT_EQ((std::vector<unsigned>{2, 1}), ids_of(table));
     EXPECT_TRUE(table.for_each([](Session &session) { return session.id += 10, true; }));
-    EXPECT_EQ(one.id, 11U);
+    EXPECT_EQ(11U, one.id);
     EXPECT_FALSE(table.for_each([](Session &) { return false; }));
 
     table.remove(7, two);
-    EXPECT_EQ(table.size(), 1U);
+    EXPECT_EQ(1U, table.size());
     Sessions moved(std::move(table));
     EXPECT_FALSE(table);
     EXPECT_EQ(moved.find(7, with_id(11)), &one);
@@ -160,10 +160,10 @@ TEST(CxxTable, RemoveSaysWhetherItRemoved)
     table.insert(7, one);
     EXPECT_FALSE(table.remove(7, two));
     EXPECT_FALSE(table.remove(8, one));
-    EXPECT_EQ(table.size(), 1U);
+    EXPECT_EQ(1U, table.size());
     EXPECT_TRUE(table.remove(7, one));
     EXPECT_FALSE(table.remove(7, one));
-    EXPECT_EQ(table.size(), 0U);
+    EXPECT_EQ(0U, table.size());
 }
 
 TEST(CxxTable, ConstGivesConst)
@@ -175,7 +175,7 @@ TEST(CxxTable, ConstGivesConst)
     static_assert(std::is_same_v<decltype(table.find(7, with_id(1))), Session *>);
     static_assert(std::is_same_v<decltype(fixed.find(7, with_id(1))), const Session *>);
     EXPECT_EQ(fixed.find(7, with_id(1)), &one);
-    EXPECT_EQ(fixed.find(7, with_id(2)), nullptr);
+    EXPECT_EQ(nullptr, fixed.find(7, with_id(2)));
     EXPECT_TRUE(fixed.for_each([](auto &session) {
         static_assert(std::is_const_v<std::remove_reference_t<decltype(session)>>);
         return true;
@@ -191,11 +191,11 @@ TEST(CxxTable, MoveAssignmentTakesTheTableOver)
     hashtbl *taken = from.get();
     to = std::move(from);
     EXPECT_EQ(to.get(), taken);
-    EXPECT_EQ(ids_of(to), std::vector<unsigned>{1});
-    EXPECT_EQ(ids_of(from), std::vector<unsigned>{2}) << "in exchange";
+    EXPECT_EQ(std::vector<unsigned>{1}, ids_of(to));
+    EXPECT_EQ(std::vector<unsigned>{2}, ids_of(from)) << "in exchange";
     Sessions *self = &to;
     to = std::move(*self);
-    EXPECT_EQ(ids_of(to), std::vector<unsigned>{1});
+    EXPECT_EQ(std::vector<unsigned>{1}, ids_of(to));
 }
 
 TEST(CxxTable, ClearAndSafeVisit)
@@ -209,9 +209,9 @@ TEST(CxxTable, ClearAndSafeVisit)
             delete &session;
         }
     });
-    EXPECT_EQ(table.size(), 2U);
+    EXPECT_EQ(2U, table.size());
     table.clear([](Session &session) { delete &session; });
-    EXPECT_EQ(table.size(), 0U);
+    EXPECT_EQ(0U, table.size());
     EXPECT_FALSE(Sessions(21));
 }
 
@@ -227,13 +227,13 @@ TEST(CxxTable, ClearHandsOutAllObjectsInOrderFromAnEmptyTable)
         std::vector<unsigned> expected = ids_of(table), seen;
         table.clear([&](Session &session) {
             EXPECT_TRUE(table.empty());
-            EXPECT_EQ(table.find(session.id * 7, with_id(session.id)), nullptr);
-            EXPECT_EQ(ids_of(table), std::vector<unsigned>{});
+            EXPECT_EQ(nullptr, table.find(session.id * 7, with_id(session.id)));
+            EXPECT_EQ(std::vector<unsigned>{}, ids_of(table));
             seen.push_back(session.id);
         });
         EXPECT_EQ(seen, expected);
         for (std::size_t i = 0; i < std::size_t{1} << log_size; i++)
-            EXPECT_EQ(table.get()->buckets[i], nullptr);
+            EXPECT_EQ(nullptr, table.get()->buckets[i]);
         table.clear([](Session &) { ADD_FAILURE(); });
     }
 }
@@ -252,8 +252,8 @@ TEST(CxxTable, ReleaseMayInsertAgain)
         if (session.id % 2 == 0)
             table.insert(session.id, session);
     });
-    EXPECT_EQ(released, 20);
-    EXPECT_EQ(table.size(), 10U);
+    EXPECT_EQ(20, released);
+    EXPECT_EQ(10U, table.size());
     for (unsigned i = 0; i < sessions.size(); i++)
         EXPECT_EQ(table.find(i, with_id(i)), i % 2 == 0 ? &sessions[i] : nullptr);
 }
@@ -269,11 +269,11 @@ TEST(CxxTable, PlainFunctionsAndMembersAreCallbacks)
     EXPECT_EQ(table.find(7, &Session::id), &two) << "non-zero";
     visits = 0;
     EXPECT_FALSE(table.for_each(stop_at_two));
-    EXPECT_EQ(visits, 1);
+    EXPECT_EQ(1, visits);
     table.for_each_safe(count_visit);
-    EXPECT_EQ(visits, 3);
+    EXPECT_EQ(3, visits);
     table.clear(&count_visit);
-    EXPECT_EQ(visits, 5);
+    EXPECT_EQ(5, visits);
 }
 
 TEST(CxxTable, CallbacksMayThrow)
@@ -288,7 +288,7 @@ TEST(CxxTable, CallbacksMayThrow)
     EXPECT_THROW(table.find(3, fail), std::runtime_error);
     EXPECT_THROW(table.for_each(fail), std::runtime_error);
     EXPECT_THROW(table.for_each_safe(fail), std::runtime_error);
-    EXPECT_EQ(table.size(), 10U);
+    EXPECT_EQ(10U, table.size());
     EXPECT_EQ(table.find(3, with_id(3)), &sessions[3]);
     int released = 0;
     EXPECT_THROW(table.clear([&](Session &) {
@@ -296,9 +296,9 @@ TEST(CxxTable, CallbacksMayThrow)
             throw std::runtime_error("no");
     }),
                  std::runtime_error);
-    EXPECT_EQ(released, 4);
+    EXPECT_EQ(4, released);
     EXPECT_TRUE(table.empty());
-    EXPECT_EQ(ids_of(table), std::vector<unsigned>{});
+    EXPECT_EQ(std::vector<unsigned>{}, ids_of(table));
 }
 
 TEST(CxxTable, ALinkInABaseClass)
@@ -316,7 +316,7 @@ TEST(CxxTable, ALinkInABaseClass)
         EXPECT_EQ(found->name, "port" + std::to_string(i));
     }
     EXPECT_TRUE(table.remove(3, *ports[3]));
-    EXPECT_EQ(table.size(), 19U);
+    EXPECT_EQ(19U, table.size());
 }
 
 TEST(CxxTable, AgreesWithTheCFunctions)
@@ -372,7 +372,7 @@ TEST(CxxTree, EqualKeysKeepTheirOrder)
         expected.emplace_back(route.prefix, route.order);
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(contents(tree), expected);
-    EXPECT_EQ(tree.lower_bound(3)->order, 4) << "the first of those with the key";
+    EXPECT_EQ(4, tree.lower_bound(3)->order) << "the first of those with the key";
 }
 
 TEST(CxxTree, IteratorsStepBothWays)
@@ -382,22 +382,22 @@ TEST(CxxTree, IteratorsStepBothWays)
     for (Route &route : routes)
         tree.insert(route);
     Routes::iterator i = tree.begin();
-    EXPECT_EQ((i++)->prefix, 10);
-    EXPECT_EQ(i->prefix, 20);
-    EXPECT_EQ((i--)->prefix, 20);
-    EXPECT_EQ(i->prefix, 10);
-    EXPECT_EQ((++i)->prefix, 20);
-    EXPECT_EQ((--i)->prefix, 10);
+    EXPECT_EQ(10, (i++)->prefix);
+    EXPECT_EQ(20, i->prefix);
+    EXPECT_EQ(20, (i--)->prefix);
+    EXPECT_EQ(10, i->prefix);
+    EXPECT_EQ(20, (++i)->prefix);
+    EXPECT_EQ(10, (--i)->prefix);
     i = tree.end();
-    EXPECT_EQ((--i)->prefix, 30);
+    EXPECT_EQ(30, (--i)->prefix);
     EXPECT_EQ(i++, tree.iterator_to(routes[2]));
     EXPECT_EQ(i, tree.end());
     EXPECT_EQ((i--), tree.end());
-    EXPECT_EQ(i->prefix, 30);
+    EXPECT_EQ(30, i->prefix);
     std::vector<int> backwards;
     std::for_each(std::make_reverse_iterator(tree.end()), std::make_reverse_iterator(tree.begin()),
                   [&](const Route &route) { backwards.push_back(route.prefix); });
-    EXPECT_EQ(backwards, (std::vector<int>{30, 20, 10}));
+    EXPECT_EQ((std::vector<int>{30, 20, 10}), backwards);
 }
 
 TEST(CxxTree, IteratorsConvertToConst)
@@ -425,17 +425,17 @@ TEST(CxxTree, FromObjectsAndSearchesToIterators)
         routes[static_cast<std::size_t>(i)].prefix = i * 10;
         tree.insert(routes[static_cast<std::size_t>(i)]);
     }
-    EXPECT_EQ(std::next(tree.iterator_to(routes[3]))->prefix, 40);
+    EXPECT_EQ(40, std::next(tree.iterator_to(routes[3]))->prefix);
     std::vector<int> from_45;
     for (auto i = tree.iterator_to(tree.lower_bound(45)); i != tree.end(); ++i)
         from_45.push_back(i->prefix);
-    EXPECT_EQ(from_45, (std::vector<int>{50, 60, 70, 80, 90}));
+    EXPECT_EQ((std::vector<int>{50, 60, 70, 80, 90}), from_45);
     EXPECT_EQ(tree.iterator_to(tree.find(45)), tree.end());
     const Routes &fixed = tree;
     Routes::const_iterator at = fixed.iterator_to(routes[9]);
     EXPECT_EQ(++at, fixed.end());
-    EXPECT_EQ(fixed.iterator_to(fixed.find(20))->prefix, 20);
-    EXPECT_EQ((--fixed.iterator_to(fixed.find(21)))->prefix, 90);
+    EXPECT_EQ(20, fixed.iterator_to(fixed.find(20))->prefix);
+    EXPECT_EQ(90, (--fixed.iterator_to(fixed.find(21)))->prefix);
 }
 
 TEST(CxxTree, EraseReturnsTheNext)
@@ -455,11 +455,11 @@ TEST(CxxTree, EraseReturnsTheNext)
             ++i;
         }
     }
-    EXPECT_EQ(std::distance(tree.begin(), tree.end()), 34);
+    EXPECT_EQ(34, std::distance(tree.begin(), tree.end()));
     Routes::const_iterator first = std::as_const(tree).begin();
-    EXPECT_EQ(tree.erase(first)->prefix, 3);
+    EXPECT_EQ(3, tree.erase(first)->prefix);
     tree.erase(*tree.find(3));
-    EXPECT_EQ(tree.begin()->prefix, 6);
+    EXPECT_EQ(6, tree.begin()->prefix);
     EXPECT_EQ(tree.erase(tree.iterator_to(*tree.find(99))), tree.end());
 }
 
@@ -470,11 +470,11 @@ TEST(CxxTree, MoveAssignmentTakesTheObjectsOver)
     from.insert(one);
     to.insert(two);
     to = std::move(from);
-    EXPECT_EQ(contents(to), (std::vector<std::pair<int, int>>{{1, 0}}));
-    EXPECT_EQ(contents(from), (std::vector<std::pair<int, int>>{{2, 0}})) << "in exchange";
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{1, 0}}), contents(to));
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{2, 0}}), contents(from)) << "in exchange";
     Routes third(std::move(to));
     EXPECT_TRUE(to.empty());
-    EXPECT_EQ((--third.end())->prefix, 1);
+    EXPECT_EQ(1, (--third.end())->prefix);
 }
 
 TEST(CxxTree, ClearHandsOutAllObjectsFromAnEmptyTree)
@@ -485,12 +485,12 @@ TEST(CxxTree, ClearHandsOutAllObjectsFromAnEmptyTree)
     int released = 0;
     tree.clear([&](Route &route) {
         EXPECT_TRUE(tree.empty());
-        EXPECT_EQ(tree.find(route.prefix), nullptr);
+        EXPECT_EQ(nullptr, tree.find(route.prefix));
         EXPECT_EQ(tree.begin(), tree.end());
         released++;
         delete &route;
     });
-    EXPECT_EQ(released, 100);
+    EXPECT_EQ(100, released);
 }
 
 TEST(CxxTree, ReleaseMayInsertAgain)
@@ -507,13 +507,13 @@ TEST(CxxTree, ReleaseMayInsertAgain)
         if (route.prefix % 2 == 0)
             tree.insert(route);
     });
-    EXPECT_EQ(released, 100);
+    EXPECT_EQ(100, released);
     int expected = 0;
     for (const Route &route : tree) {
         EXPECT_EQ(route.prefix, expected);
         expected += 2;
     }
-    EXPECT_EQ(expected, 100);
+    EXPECT_EQ(100, expected);
 }
 
 TEST(CxxTree, FunctionsAreKeysAndCallbacks)
@@ -526,7 +526,7 @@ TEST(CxxTree, FunctionsAreKeysAndCallbacks)
     EXPECT_EQ(tree.find(-1), &one);
     visits = 0;
     tree.clear(count_route);
-    EXPECT_EQ(visits, 2);
+    EXPECT_EQ(2, visits);
 }
 
 namespace {
@@ -558,14 +558,14 @@ TEST(CxxTree, OrdersAndCallbacksMayThrow)
     EXPECT_THROW(tree.find(3), std::runtime_error);
     EXPECT_THROW(tree.lower_bound(3), std::runtime_error);
     order_fails = false;
-    EXPECT_EQ(std::distance(tree.begin(), tree.end()), 20);
+    EXPECT_EQ(20, std::distance(tree.begin(), tree.end()));
     int released = 0;
     EXPECT_THROW(tree.clear([&](Route &) {
         if (++released == 4)
             throw std::runtime_error("no");
     }),
                  std::runtime_error);
-    EXPECT_EQ(released, 4);
+    EXPECT_EQ(4, released);
     EXPECT_TRUE(tree.empty());
 }
 
@@ -581,11 +581,11 @@ TEST(CxxTree, ANodeInABaseClass)
     int expected = 0;
     for (const Port &port : tree)
         EXPECT_EQ(port.number, expected++);
-    EXPECT_EQ(tree.find(11)->number, 11);
+    EXPECT_EQ(11, tree.find(11)->number);
     tree.clear([&](Port &port) { descending.insert(port); });
     for (const Port &port : descending)
         EXPECT_EQ(port.number, --expected);
-    EXPECT_EQ(descending.find(22)->number, 11);
+    EXPECT_EQ(11, descending.find(22)->number);
 }
 
 TEST(CxxTree, WalksAsTheCFunctions)
@@ -606,11 +606,11 @@ TEST(CxxTree, WalksAsTheCFunctions)
         rb_node *node = rb_first(tree.get());
         for (auto i = tree.begin(); i != tree.end(); ++i, node = rb_next(node))
             ASSERT_EQ(&i->node, node);
-        ASSERT_EQ(node, nullptr);
+        ASSERT_EQ(nullptr, node);
         node = rb_last(tree.get());
         for (auto i = tree.end(); i != tree.begin(); node = rb_prev(node))
             ASSERT_EQ(&(--i)->node, node);
-        ASSERT_EQ(node, nullptr);
+        ASSERT_EQ(nullptr, node);
     }
 }
 
@@ -620,9 +620,9 @@ TEST(CxxNames, FindTellsAMissFromAllOnes)
 {
     qv::name_table table(3);
     ASSERT_TRUE(table);
-    ASSERT_NE(table.insert("a", 0xFFFFFFFF), nullptr);
-    EXPECT_EQ(table.find("a"), 0xFFFFFFFFU);
-    EXPECT_EQ(table.find("b"), std::nullopt);
+    ASSERT_NE(nullptr, table.insert("a", 0xFFFFFFFF));
+    EXPECT_EQ(0xFFFFFFFFU, table.find("a"));
+    EXPECT_EQ(std::nullopt, table.find("b"));
     EXPECT_TRUE(table.erase("a"));
     EXPECT_FALSE(table.erase("a"));
     EXPECT_FALSE(qv::name_table(21));
@@ -631,17 +631,17 @@ TEST(CxxNames, FindTellsAMissFromAllOnes)
 TEST(CxxNames, AFailedInsertionIsSeen)
 {
     qv::name_table table(3), none(21);
-    EXPECT_EQ(none.insert("a", 1), nullptr);
-    EXPECT_EQ(table.insert(nullptr, 1), nullptr);
+    EXPECT_EQ(nullptr, none.insert("a", 1));
+    EXPECT_EQ(nullptr, table.insert(nullptr, 1));
     allocations_left = 0;
     name2id_entry *entry = table.insert("a", 1);
     allocations_left = -1;
-    EXPECT_EQ(entry, nullptr);
-    EXPECT_EQ(table.find("a"), std::nullopt);
+    EXPECT_EQ(nullptr, entry);
+    EXPECT_EQ(std::nullopt, table.find("a"));
     qv::name_table moved(std::move(table));
-    EXPECT_EQ(table.insert("a", 1), nullptr);
-    EXPECT_NE(moved.insert("a", 1), nullptr);
-    EXPECT_EQ(moved.find("a"), 1U);
+    EXPECT_EQ(nullptr, table.insert("a", 1));
+    EXPECT_NE(nullptr, moved.insert("a", 1));
+    EXPECT_EQ(1U, moved.find("a"));
 }
 
 TEST(CxxNames, MoveAssignmentTakesTheTableOver)
@@ -650,9 +650,9 @@ TEST(CxxNames, MoveAssignmentTakesTheTableOver)
     from.insert("a", 1);
     to.insert("b", 2);
     to = std::move(from);
-    EXPECT_EQ(to.find("a"), 1U);
-    EXPECT_EQ(to.find("b"), std::nullopt);
-    EXPECT_EQ(from.find("b"), 2U) << "in exchange";
+    EXPECT_EQ(1U, to.find("a"));
+    EXPECT_EQ(std::nullopt, to.find("b"));
+    EXPECT_EQ(2U, from.find("b")) << "in exchange";
 }
 
 // ---- identifiers ----
@@ -673,14 +673,14 @@ TEST(CxxPool, IteratorsAreMultiPass)
     for (int id : {5, 36, 37, 200, 300})
         pool.allocate(id);
     qv::id_pool::iterator i = pool.begin(), copy = i;
-    EXPECT_EQ(*i++, 5);
-    EXPECT_EQ(*i, 36);
-    EXPECT_EQ(*copy, 5);
-    EXPECT_EQ(*++copy, 36);
+    EXPECT_EQ(5, *i++);
+    EXPECT_EQ(36, *i);
+    EXPECT_EQ(5, *copy);
+    EXPECT_EQ(36, *++copy);
     EXPECT_EQ(i, copy);
-    EXPECT_EQ(std::ranges::distance(pool), 5);
-    EXPECT_EQ(std::ranges::max(pool), 300);
-    EXPECT_EQ(*std::ranges::adjacent_find(pool, [](int a, int b) { return b == a + 1; }), 36);
+    EXPECT_EQ(5, std::ranges::distance(pool));
+    EXPECT_EQ(300, std::ranges::max(pool));
+    EXPECT_EQ(36, *std::ranges::adjacent_find(pool, [](int a, int b) { return b == a + 1; }));
 }
 
 TEST(CxxPool, WalksAsFarAsTheCFunction)

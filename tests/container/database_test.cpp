@@ -47,7 +47,7 @@ void visit(void *record)
 std::vector<void *> records(database_index *index)
 {
     visited.clear();
-    EXPECT_EQ(database_index_walk_all(index, visit), 0);
+    EXPECT_EQ(0, database_index_walk_all(index, visit));
     return visited;
 }
 
@@ -68,13 +68,13 @@ TEST_F(Database, Layout)
 {
     EXPECT_EQ(db->indexes, by_b) << "the newest index comes first";
     EXPECT_EQ(by_b->next_index, by_a);
-    EXPECT_EQ(by_a->next_index, nullptr);
+    EXPECT_EQ(nullptr, by_a->next_index);
     EXPECT_EQ(by_a->db, db);
     EXPECT_EQ(by_a->hash_fn, hash_a);
-    EXPECT_EQ(by_a->log_size, 10U);
-    EXPECT_EQ(by_a->mask, 1023U);
+    EXPECT_EQ(10U, by_a->log_size);
+    EXPECT_EQ(1023U, by_a->mask);
     for (unsigned i = 0; i < 1024; i++) {
-        EXPECT_EQ(by_a->buckets[i].first, nullptr);
+        EXPECT_EQ(nullptr, by_a->buckets[i].first);
         EXPECT_EQ(by_a->buckets[i].last, &by_a->buckets[i].first);
     }
 }
@@ -82,15 +82,15 @@ TEST_F(Database, Layout)
 TEST_F(Database, ARecordIsInEveryIndex)
 {
     item x{7, 9};
-    EXPECT_EQ(database_insert(db, &x), 0);
+    EXPECT_EQ(0, database_insert(db, &x));
     EXPECT_EQ(database_find(by_a, 7, any, nullptr), &x);
     EXPECT_EQ(database_find(by_a, 7 + 1024, any, nullptr), &x) << "the bucket counts, not the hash";
-    EXPECT_EQ(database_find(by_a, 8, any, nullptr), nullptr);
+    EXPECT_EQ(nullptr, database_find(by_a, 8, any, nullptr));
     EXPECT_EQ(database_find(by_b, 9, any, nullptr), &x);
     EXPECT_EQ(by_a->buckets[7].first->record, &x);
     EXPECT_EQ(by_a->buckets[7].last, &by_a->buckets[7].first->next);
-    EXPECT_EQ(database_remove(db, &x), 0);
-    EXPECT_EQ(records(by_a).size() + records(by_b).size(), 0U);
+    EXPECT_EQ(0, database_remove(db, &x));
+    EXPECT_EQ(0U, records(by_a).size() + records(by_b).size());
 }
 
 TEST_F(Database, TheFirstMatchIsFound)
@@ -103,7 +103,7 @@ TEST_F(Database, TheFirstMatchIsFound)
     b = 30;
     EXPECT_EQ(database_find(by_a, 1, has_b, &b), &items[3]);
     b = 40;
-    EXPECT_EQ(database_find(by_a, 1, has_b, &b), nullptr);
+    EXPECT_EQ(nullptr, database_find(by_a, 1, has_b, &b));
 }
 
 TEST_F(Database, BucketsKeepTheOrderOfInsertion)
@@ -111,22 +111,22 @@ TEST_F(Database, BucketsKeepTheOrderOfInsertion)
     item items[] = {{5, 1}, {3, 2}, {5, 3}, {1029, 4}, {3, 5}};
     for (item &x : items)
         database_insert(db, &x);
-    EXPECT_EQ(records(by_a), (std::vector<void *>{&items[1], &items[4], &items[0], &items[2], &items[3]}));
+    EXPECT_EQ((std::vector<void *>{&items[1], &items[4], &items[0], &items[2], &items[3]}), records(by_a));
     database_remove(db, &items[2]);
-    EXPECT_EQ(records(by_a), (std::vector<void *>{&items[1], &items[4], &items[0], &items[3]}));
-    EXPECT_EQ(database_index_walk_all(by_a, nullptr), 0);
+    EXPECT_EQ((std::vector<void *>{&items[1], &items[4], &items[0], &items[3]}), records(by_a));
+    EXPECT_EQ(0, database_index_walk_all(by_a, nullptr));
 }
 
 TEST_F(Database, RemovingWhatIsNotThereFails)
 {
     item x{1, 1}, y{1, 1};
-    EXPECT_EQ(database_remove(db, &x), -1);
+    EXPECT_EQ(-1, database_remove(db, &x));
     database_insert(db, &x);
-    EXPECT_EQ(database_remove(db, &y), -1) << "the same pointer counts, not the same content";
-    EXPECT_EQ(database_index_remove(by_a, &x, 2), -1) << "another bucket";
-    EXPECT_EQ(database_index_remove(by_a, &x, 1025), 0);
-    EXPECT_EQ(database_remove(db, &x), -1) << "one index did not hold it";
-    EXPECT_EQ(records(by_b).size(), 0U) << "the other did, and holds it no more";
+    EXPECT_EQ(-1, database_remove(db, &y)) << "the same pointer counts, not the same content";
+    EXPECT_EQ(-1, database_index_remove(by_a, &x, 2)) << "another bucket";
+    EXPECT_EQ(0, database_index_remove(by_a, &x, 1025));
+    EXPECT_EQ(-1, database_remove(db, &x)) << "one index did not hold it";
+    EXPECT_EQ(0U, records(by_b).size()) << "the other did, and holds it no more";
 }
 
 TEST_F(Database, AnIndexOfLaterHoldsNothingOfEarlier)
@@ -134,9 +134,9 @@ TEST_F(Database, AnIndexOfLaterHoldsNothingOfEarlier)
     item x{1, 1};
     database_insert(db, &x);
     database_index *late = db_create_database_index(db, hash_a);
-    EXPECT_EQ(records(late).size(), 0U);
-    EXPECT_EQ(database_remove(db, &x), -1);
-    EXPECT_EQ(records(by_a).size(), 0U);
+    EXPECT_EQ(0U, records(late).size());
+    EXPECT_EQ(-1, database_remove(db, &x));
+    EXPECT_EQ(0U, records(by_a).size());
 }
 
 TEST_F(Database, ARecordCanBeInTwice)
@@ -144,9 +144,9 @@ TEST_F(Database, ARecordCanBeInTwice)
     item x{1, 1};
     database_insert(db, &x);
     database_insert(db, &x);
-    EXPECT_EQ(records(by_a).size(), 2U);
-    EXPECT_EQ(database_remove(db, &x), 0);
-    EXPECT_EQ(records(by_a).size(), 1U);
+    EXPECT_EQ(2U, records(by_a).size());
+    EXPECT_EQ(0, database_remove(db, &x));
+    EXPECT_EQ(1U, records(by_a).size());
 }
 
 TEST_F(Database, RemoveAllHandsEachRecordOutOncePerIndex)
@@ -155,11 +155,11 @@ TEST_F(Database, RemoveAllHandsEachRecordOutOncePerIndex)
     database_insert(db, &x);
     database_insert(db, &y);
     visited.clear();
-    EXPECT_EQ(database_remove_all(db, visit), -1);
-    EXPECT_EQ(visited, (std::vector<void *>{&x, &y, &x, &y})) << "the newest index first, each by bucket";
-    EXPECT_EQ(records(by_a).size() + records(by_b).size(), 0U);
-    EXPECT_EQ(database_remove_all(db, visit), -1) << "empty as it was";
-    EXPECT_EQ(database_index_remove_all(by_a, nullptr), -1);
+    EXPECT_EQ(-1, database_remove_all(db, visit));
+    EXPECT_EQ((std::vector<void *>{&x, &y, &x, &y}), visited) << "the newest index first, each by bucket";
+    EXPECT_EQ(0U, records(by_a).size() + records(by_b).size());
+    EXPECT_EQ(-1, database_remove_all(db, visit)) << "empty as it was";
+    EXPECT_EQ(-1, database_index_remove_all(by_a, nullptr));
 }
 
 TEST_F(Database, ReleaseMayTakeOtherRecordsOut)
@@ -171,27 +171,25 @@ TEST_F(Database, ReleaseMayTakeOtherRecordsOut)
     for (item *each : {&x, &y, &z})
         database_index_insert(by_a, each, 1);
     visited.clear();
-    EXPECT_EQ(database_index_remove_all(by_a,
-                                        [](void *record) {
-                                            visit(record);
-                                            if (record == &x)
-                                                database_index_remove(index, &y, 1);
-                                        }),
-              -1);
-    EXPECT_EQ(visited, (std::vector<void *>{&x, &z}));
+    EXPECT_EQ(-1, database_index_remove_all(by_a, [](void *record) {
+        visit(record);
+        if (record == &x)
+            database_index_remove(index, &y, 1);
+    }));
+    EXPECT_EQ((std::vector<void *>{&x, &z}), visited);
 }
 
 TEST(DatabaseWithoutIndex, EverythingGoes)
 {
     database *db = db_create_database();
-    ASSERT_NE(db, nullptr);
-    EXPECT_EQ(db->indexes, nullptr);
+    ASSERT_NE(nullptr, db);
+    EXPECT_EQ(nullptr, db->indexes);
     item x;
-    EXPECT_EQ(database_insert(db, &x), 0);
-    EXPECT_EQ(database_remove(db, &x), 0);
-    EXPECT_EQ(database_remove_all(db, nullptr), 0);
-    EXPECT_EQ(db_destroy_database(db), 0);
-    EXPECT_EQ(db_destroy_database(nullptr), -1);
+    EXPECT_EQ(0, database_insert(db, &x));
+    EXPECT_EQ(0, database_remove(db, &x));
+    EXPECT_EQ(0, database_remove_all(db, nullptr));
+    EXPECT_EQ(0, db_destroy_database(db));
+    EXPECT_EQ(-1, db_destroy_database(nullptr));
 }
 
 TEST_F(Database, FailedAllocations)
@@ -204,10 +202,10 @@ TEST_F(Database, FailedAllocations)
     allocations_left = 1;
     database_index *no_buckets = db_create_database_index(db, hash_a);
     allocations_left = -1;
-    EXPECT_EQ(no_database, nullptr);
-    EXPECT_EQ(no_index, nullptr);
-    EXPECT_EQ(no_buckets, nullptr);
-    EXPECT_EQ(no_node, -1);
+    EXPECT_EQ(nullptr, no_database);
+    EXPECT_EQ(nullptr, no_index);
+    EXPECT_EQ(nullptr, no_buckets);
+    EXPECT_EQ(-1, no_node);
     EXPECT_EQ(db->indexes, by_b);
 }
 
@@ -218,9 +216,9 @@ TEST_F(Database, AFailedInsertionIsUndone)
     allocations_left = 1;
     int result = database_insert(db, &y);
     allocations_left = -1;
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(records(by_b), std::vector<void *>{&x});
-    EXPECT_EQ(records(by_a), std::vector<void *>{&x});
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(std::vector<void *>{&x}, records(by_b));
+    EXPECT_EQ(std::vector<void *>{&x}, records(by_a));
 }
 
 TEST_F(Database, AFailedInsertionIsUndoneInEveryIndexBeforeTheFailingOne)
@@ -233,13 +231,13 @@ TEST_F(Database, AFailedInsertionIsUndoneInEveryIndexBeforeTheFailingOne)
         allocations_left = nodes;
         int result = database_insert(db, &y);
         allocations_left = -1;
-        EXPECT_EQ(result, -1);
+        EXPECT_EQ(-1, result);
         for (database_index *index : {by_a, by_b, third, fourth})
-            EXPECT_EQ(records(index), std::vector<void *>{&x}) << nodes;
+            EXPECT_EQ(std::vector<void *>{&x}, records(index)) << nodes;
     }
-    EXPECT_EQ(database_insert(db, &y), 0);
+    EXPECT_EQ(0, database_insert(db, &y));
     for (database_index *index : {by_a, by_b, third, fourth})
-        EXPECT_EQ(records(index), (std::vector<void *>{&x, &y}));
+        EXPECT_EQ((std::vector<void *>{&x, &y}), records(index));
 }
 
 TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
@@ -251,13 +249,13 @@ TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
     allocations_left = 1;
     int result = database_insert(db, &x);
     allocations_left = -1;
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(records(by_b), (std::vector<void *>{&x, &y})) << "in the order in which they came";
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_b)) << "in the order in which they came";
     EXPECT_EQ(by_b->buckets[hash_b(&x) & 1023].first, oldest);
-    EXPECT_EQ(records(by_a), (std::vector<void *>{&x, &y}));
+    EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_a));
     item z{1, 1};
     database_insert(db, &z);
-    EXPECT_EQ(records(by_b), (std::vector<void *>{&x, &y, &z}));
+    EXPECT_EQ((std::vector<void *>{&x, &y, &z}), records(by_b));
 }
 
 TEST_F(Database, EveryBucketIsWalkedAndEmptied)
@@ -271,9 +269,9 @@ TEST_F(Database, EveryBucketIsWalkedAndEmptied)
     }
     EXPECT_EQ(records(by_a), all) << "bucket 0 first, bucket 1023 last";
     visited.clear();
-    EXPECT_EQ(database_index_remove_all(by_a, visit), -1);
+    EXPECT_EQ(-1, database_index_remove_all(by_a, visit));
     EXPECT_EQ(visited, all);
-    EXPECT_EQ(records(by_a), std::vector<void *>{});
+    EXPECT_EQ(std::vector<void *>{}, records(by_a));
 }
 
 TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
@@ -291,10 +289,10 @@ TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
             EXPECT_NE(node->record, record);
             count++;
         }
-        EXPECT_EQ(database_index_remove(index, record, 7), -1);
+        EXPECT_EQ(-1, database_index_remove(index, record, 7));
         left.push_back(count);
     });
-    EXPECT_EQ(left, (std::vector<std::size_t>{2, 1, 0}));
+    EXPECT_EQ((std::vector<std::size_t>{2, 1, 0}), left);
 }
 
 TEST(DatabaseModel, RandomWorkAgreesWithLists)
@@ -321,7 +319,7 @@ TEST(DatabaseModel, RandomWorkAgreesWithLists)
             auto &in_b = model_b[hash_b(x) & 1023];
             switch (random() % 8) {
             case 0:
-                ASSERT_EQ(database_insert(db, x), 0);
+                ASSERT_EQ(0, database_insert(db, x));
                 in_a.push_back(x);
                 in_b.push_back(x);
                 break;
@@ -346,7 +344,7 @@ TEST(DatabaseModel, RandomWorkAgreesWithLists)
             }
         }
         database_remove_all(db, nullptr);
-        ASSERT_EQ(records(by_a).size() + records(by_b).size(), 0U);
+        ASSERT_EQ(0U, records(by_a).size() + records(by_b).size());
         db_destroy_database(db);
     }
 }

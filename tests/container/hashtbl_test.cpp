@@ -39,7 +39,7 @@ int append_number(void *object, void *arg)
 std::vector<int> numbers(hashtbl *table)
 {
     std::vector<int> result;
-    EXPECT_EQ(hashtbl_traverse_each(table, append_number, &result), 0);
+    EXPECT_EQ(0, hashtbl_traverse_each(table, append_number, &result));
     return result;
 }
 
@@ -79,30 +79,30 @@ struct Table {
 TEST(HashtblInit, Fields)
 {
     hashtbl *table = hashtbl_init(3, 65535, -5);
-    ASSERT_NE(table, nullptr);
-    EXPECT_EQ(table->log_size, 3);
-    EXPECT_EQ(table->flag, 1);
-    EXPECT_EQ(table->link_offset, 65535);
-    EXPECT_EQ(table->count, 0U);
+    ASSERT_NE(nullptr, table);
+    EXPECT_EQ(3, table->log_size);
+    EXPECT_EQ(1, table->flag);
+    EXPECT_EQ(65535, table->link_offset);
+    EXPECT_EQ(0U, table->count);
     for (int b = 0; b < 8; b++)
-        EXPECT_EQ(table->buckets[b], nullptr);
-    EXPECT_EQ(hashtbl_grow(table), 0);
-    EXPECT_EQ(table->log_size, 3);
-    EXPECT_EQ(hashtbl_destroy(table), 0);
+        EXPECT_EQ(nullptr, table->buckets[b]);
+    EXPECT_EQ(0, hashtbl_grow(table));
+    EXPECT_EQ(3, table->log_size);
+    EXPECT_EQ(0, hashtbl_destroy(table));
 }
 
 TEST(HashtblInit, Limits)
 {
     for (unsigned log_size : {0U, 20U}) {
         hashtbl *table = hashtbl_init(log_size, 0, 0);
-        ASSERT_NE(table, nullptr);
-        EXPECT_EQ(table->flag, 0);
+        ASSERT_NE(nullptr, table);
+        EXPECT_EQ(0, table->flag);
         hashtbl_destroy(table);
     }
     std::string text = console_text([] {
-        EXPECT_EQ(hashtbl_init(21, 65536, 0), nullptr);
-        EXPECT_EQ(hashtbl_init(0xFFFFFFFF, 0, 0), nullptr);
-        EXPECT_EQ(hashtbl_init(20, 65536, 0), nullptr);
+        EXPECT_EQ(nullptr, hashtbl_init(21, 65536, 0));
+        EXPECT_EQ(nullptr, hashtbl_init(0xFFFFFFFF, 0, 0));
+        EXPECT_EQ(nullptr, hashtbl_init(20, 65536, 0));
     });
     EXPECT_EQ(text, "log size of the table must be between 1 and 2^20\n"
                     "log size of the table must be between 1 and 2^20\n"
@@ -116,27 +116,27 @@ TEST(HashtblInit, WithoutMemoryThereIsNone)
             support::allocations_left = allowed;
             hashtbl *table = hashtbl_init(20, 0, 0);
             support::allocations_left = -1;
-            EXPECT_EQ(table, nullptr);
+            EXPECT_EQ(nullptr, table);
         });
     };
-    EXPECT_EQ(said_with(0), "memory allocation error, size=16\r\n");
-    EXPECT_EQ(said_with(1), "memory allocation error,tbl size=8,log_size=20\n");
+    EXPECT_EQ("memory allocation error, size=16\r\n", said_with(0));
+    EXPECT_EQ("memory allocation error,tbl size=8,log_size=20\n", said_with(1));
 }
 
 TEST(Hashtbl, NewestOfEqualKeysIsFound)
 {
     Table table(2);
     Object first{1, 1, {}}, second{1, 2, {}}, other{2, 3, {}};
-    EXPECT_EQ(hashtbl_insert(table, 100, &first), 0);
-    EXPECT_EQ(hashtbl_insert(table, 100, &second), 0);
-    EXPECT_EQ(hashtbl_insert(table, 104, &other), 0); // the same bucket
+    EXPECT_EQ(0, hashtbl_insert(table, 100, &first));
+    EXPECT_EQ(0, hashtbl_insert(table, 100, &second));
+    EXPECT_EQ(0, hashtbl_insert(table, 104, &other)); // the same bucket
     EXPECT_EQ(find(table, 1, 100), &second);
     EXPECT_EQ(find(table, 2, 104), &other);
-    EXPECT_EQ(find(table, 2, 100), nullptr);
-    EXPECT_EQ(numbers(table), (std::vector<int>{3, 2, 1}));
+    EXPECT_EQ(nullptr, find(table, 2, 100));
+    EXPECT_EQ((std::vector<int>{3, 2, 1}), numbers(table));
     EXPECT_EQ(table.table->buckets[0], &other.link);
-    EXPECT_EQ(other.link.prev, nullptr);
-    EXPECT_EQ(first.link.hash, 100U);
+    EXPECT_EQ(nullptr, other.link.prev);
+    EXPECT_EQ(100U, first.link.hash);
     check_links(table);
 }
 
@@ -148,10 +148,10 @@ TEST(Hashtbl, CallbackSeesOnlyItsHash)
         hashtbl_insert(table, i << 16, &objects[i]);
     static int calls = 0;
     auto never = [](void *, void *) { return calls++, 0; };
-    EXPECT_EQ(hashtbl_find(table, nullptr, 3U << 16, never), nullptr);
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(hashtbl_find(table, nullptr, 3, never), nullptr);
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(nullptr, hashtbl_find(table, nullptr, 3U << 16, never));
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(nullptr, hashtbl_find(table, nullptr, 3, never));
+    EXPECT_EQ(1, calls);
 }
 
 TEST(Hashtbl, Find2TakesZeroForAMatch)
@@ -168,7 +168,7 @@ TEST(Hashtbl, Find2TakesZeroForAMatch)
     offset = 0;
     EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), &one);
     offset = 5;
-    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), nullptr);
+    EXPECT_EQ(nullptr, hashtbl_find2(table, &key, 8, compare, &offset));
 }
 
 TEST(Hashtbl, RemoveFromEveryPlace)
@@ -179,13 +179,13 @@ TEST(Hashtbl, RemoveFromEveryPlace)
         for (auto &object : objects)
             hashtbl_insert(table, 1, &object);
         auto &object = objects[static_cast<std::size_t>(removed)];
-        EXPECT_EQ(hashtbl_remove(table, 1, &object), 0);
-        EXPECT_EQ(object.link.prev, nullptr);
-        EXPECT_EQ(object.link.next, nullptr);
-        EXPECT_EQ(table.table->count, 2U);
+        EXPECT_EQ(0, hashtbl_remove(table, 1, &object));
+        EXPECT_EQ(nullptr, object.link.prev);
+        EXPECT_EQ(nullptr, object.link.next);
+        EXPECT_EQ(2U, table.table->count);
         check_links(table);
-        EXPECT_EQ(hashtbl_remove(table, 1, &object), 0); // again
-        EXPECT_EQ(table.table->count, 2U);
+        EXPECT_EQ(0, hashtbl_remove(table, 1, &object)); // again
+        EXPECT_EQ(2U, table.table->count);
     }
 }
 
@@ -200,7 +200,7 @@ TEST(Hashtbl, AnObjectInsertedTwiceTakesNoOtherAlong)
     EXPECT_EQ(table.table->buckets[0], &other.link);
     hashtbl_remove(table, 1, &twice);
     EXPECT_EQ(table.table->buckets[0], &other.link) << "it is not the head, though it has none in front of it";
-    EXPECT_EQ(table.table->count, 1U);
+    EXPECT_EQ(1U, table.table->count);
     EXPECT_EQ(find(table, 2, 1), &other);
 }
 
@@ -209,11 +209,11 @@ TEST(Hashtbl, RemoveGoesByTheGivenHash)
     Table table(4);
     Object object{1, 1, {}};
     hashtbl_insert(table, 5, &object);
-    EXPECT_EQ(hashtbl_remove(table, 6, &object), 0);
-    EXPECT_EQ(table.table->count, 1U);
+    EXPECT_EQ(0, hashtbl_remove(table, 6, &object));
+    EXPECT_EQ(1U, table.table->count);
     EXPECT_EQ(find(table, 1, 5), &object);
-    EXPECT_EQ(hashtbl_remove(table, 5 + 16, &object), 0); // another hash, the same bucket
-    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(0, hashtbl_remove(table, 5 + 16, &object)); // another hash, the same bucket
+    EXPECT_EQ(0U, table.table->count);
 }
 
 TEST(Hashtbl, FreeAll)
@@ -226,16 +226,16 @@ TEST(Hashtbl, FreeAll)
     }
     std::vector<int> seen;
     auto release = [](void *object, void *arg) { append_number(object, arg); };
-    EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
-    EXPECT_EQ(seen, (std::vector<int>{3, 0, 4, 1, 5, 2}));
-    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
+    EXPECT_EQ((std::vector<int>{3, 0, 4, 1, 5, 2}), seen);
+    EXPECT_EQ(0U, table.table->count);
     EXPECT_EQ(objects[3].link.next, &objects[0].link); // left as it was
     check_links(table);
 
     hashtbl_insert(table, 0, &objects[0]);
-    EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
-    EXPECT_EQ(table.table->buckets[0], nullptr);
-    EXPECT_EQ(hashtbl_free_all_objects(nullptr, release, &seen), 0);
+    EXPECT_EQ(0, hashtbl_free_all_objects(table, nullptr, nullptr));
+    EXPECT_EQ(nullptr, table.table->buckets[0]);
+    EXPECT_EQ(0, hashtbl_free_all_objects(nullptr, release, &seen));
 }
 
 TEST(Hashtbl, ACountOfZeroEndsBeforeTheBuckets)
@@ -245,9 +245,9 @@ TEST(Hashtbl, ACountOfZeroEndsBeforeTheBuckets)
     hashtbl_insert(table, 1, &object);
     table.table->count = 0;
     std::vector<int> seen;
-    EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
-    EXPECT_EQ(hashtbl_traverse_each(table, append_number, &seen), 0);
-    EXPECT_EQ(hashtbl_traverse_each_safe(table, append_number, &seen), 0);
+    EXPECT_EQ(0, hashtbl_free_all_objects(table, nullptr, nullptr));
+    EXPECT_EQ(0, hashtbl_traverse_each(table, append_number, &seen));
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(table, append_number, &seen));
     EXPECT_TRUE(seen.empty());
     EXPECT_EQ(table.table->buckets[1], &object.link);
 }
@@ -258,8 +258,8 @@ TEST(Hashtbl, Reset)
     Object one, two;
     hashtbl_insert(table, 1, &one);
     hashtbl_insert(table, 1, &two);
-    EXPECT_EQ(hashtbl_reset(table), 0);
-    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(0, hashtbl_reset(table));
+    EXPECT_EQ(0U, table.table->count);
     EXPECT_EQ(two.link.next, &one.link);
     check_links(table);
 }
@@ -282,25 +282,25 @@ TEST(Hashtbl, EveryBucketIsWalkedAndEmptied)
             expected.push_back(static_cast<int>(b));
         }
         auto expect_empty = [&] {
-            EXPECT_EQ(table.table->count, 0U);
+            EXPECT_EQ(0U, table.table->count);
             for (unsigned b = 0; b < buckets; b++)
-                EXPECT_EQ(table.table->buckets[b], nullptr) << b;
+                EXPECT_EQ(nullptr, table.table->buckets[b]) << b;
         };
         insert_all();
         EXPECT_EQ(numbers(table), expected) << "bucket by bucket, the newest first";
         std::vector<int> seen;
-        EXPECT_EQ(hashtbl_traverse_each_safe(table, append_number, &seen), 0);
+        EXPECT_EQ(0, hashtbl_traverse_each_safe(table, append_number, &seen));
         EXPECT_EQ(seen, expected);
         seen.clear();
         auto release = [](void *object, void *arg) { append_number(object, arg); };
-        EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
+        EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
         EXPECT_EQ(seen, expected);
         expect_empty();
         insert_all();
-        EXPECT_EQ(hashtbl_free_all_objects(table, nullptr, nullptr), 0);
+        EXPECT_EQ(0, hashtbl_free_all_objects(table, nullptr, nullptr));
         expect_empty();
         insert_all();
-        EXPECT_EQ(hashtbl_reset(table), 0);
+        EXPECT_EQ(0, hashtbl_reset(table));
         expect_empty();
     }
 }
@@ -341,14 +341,14 @@ TEST(Hashtbl, TraverseReadsTheNextAfterTheVisitAndTheSafeOneBefore)
     };
     fill();
     RemovesTheNext work{table, {}};
-    EXPECT_EQ(hashtbl_traverse_each(table, remove_next, &work), 0);
-    EXPECT_EQ(work.seen, (std::vector<int>{3, 1, 0}));
+    EXPECT_EQ(0, hashtbl_traverse_each(table, remove_next, &work));
+    EXPECT_EQ((std::vector<int>{3, 1, 0}), work.seen);
 
     // The safe walk has the removed object in hand already; its links are null then.
     fill();
     RemovesTheNext safe{table, {}};
-    EXPECT_EQ(hashtbl_traverse_each_safe(table, remove_next, &safe), 0);
-    EXPECT_EQ(safe.seen, (std::vector<int>{3, 2}));
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(table, remove_next, &safe));
+    EXPECT_EQ((std::vector<int>{3, 2}), safe.seen);
 }
 
 TEST(Hashtbl, FreeAllReadsTheNextBeforeTheCall)
@@ -364,8 +364,8 @@ TEST(Hashtbl, FreeAllReadsTheNextBeforeTheCall)
         append_number(object, arg);
         std::memset(&static_cast<Object *>(object)->link, 0, sizeof(hashtbl_link));
     };
-    EXPECT_EQ(hashtbl_free_all_objects(table, release, &seen), 0);
-    EXPECT_EQ(seen, (std::vector<int>{3, 2, 1, 0}));
+    EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
+    EXPECT_EQ((std::vector<int>{3, 2, 1, 0}), seen);
 }
 
 TEST(Hashtbl, TraverseStopsAtTheFirstNonZero)
@@ -376,15 +376,15 @@ TEST(Hashtbl, TraverseStopsAtTheFirstNonZero)
         hashtbl_insert(table, 0, &object);
     int left = 2;
     auto visit = [](void *, void *arg) { return --*static_cast<int *>(arg) == 0 ? 7 : 0; };
-    EXPECT_EQ(hashtbl_traverse_each(table, visit, &left), -1);
-    EXPECT_EQ(left, 0);
+    EXPECT_EQ(-1, hashtbl_traverse_each(table, visit, &left));
+    EXPECT_EQ(0, left);
     left = 2;
-    EXPECT_EQ(hashtbl_traverse_each_safe(table, visit, &left), 0);
-    EXPECT_EQ(left, -2);
-    EXPECT_EQ(hashtbl_traverse_each(table, nullptr, nullptr), 0);
-    EXPECT_EQ(hashtbl_traverse_each_safe(table, nullptr, nullptr), 0);
-    EXPECT_EQ(hashtbl_traverse_each(nullptr, visit, &left), 0);
-    EXPECT_EQ(hashtbl_traverse_each_safe(nullptr, visit, &left), 0);
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(table, visit, &left));
+    EXPECT_EQ(-2, left);
+    EXPECT_EQ(0, hashtbl_traverse_each(table, nullptr, nullptr));
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(table, nullptr, nullptr));
+    EXPECT_EQ(0, hashtbl_traverse_each(nullptr, visit, &left));
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(nullptr, visit, &left));
 }
 
 TEST(Hashtbl, SafeTraversalLetsObjectsBeFreed)
@@ -397,8 +397,8 @@ TEST(Hashtbl, SafeTraversalLetsObjectsBeFreed)
         delete static_cast<Object *>(object);
         return 1;
     };
-    EXPECT_EQ(hashtbl_traverse_each_safe(table, free_it, table.table), 0);
-    EXPECT_EQ(table.table->count, 0U);
+    EXPECT_EQ(0, hashtbl_traverse_each_safe(table, free_it, table.table));
+    EXPECT_EQ(0U, table.table->count);
     check_links(table);
 }
 
@@ -412,9 +412,9 @@ TEST(Hashtbl, ObjectsAtOddAddresses)
     auto itself = [](void *object, void *key) { return object == key ? 1 : 0; };
     char *middle = room.data() + 1 + kStride;
     EXPECT_EQ(hashtbl_find(table, middle, 9, itself), middle);
-    EXPECT_EQ(hashtbl_remove(table, 9, middle), 0);
-    EXPECT_EQ(hashtbl_find(table, middle, 9, itself), nullptr);
-    EXPECT_EQ(table.table->count, 2U);
+    EXPECT_EQ(0, hashtbl_remove(table, 9, middle));
+    EXPECT_EQ(nullptr, hashtbl_find(table, middle, 9, itself));
+    EXPECT_EQ(2U, table.table->count);
 }
 
 TEST(Hashtbl, Model)

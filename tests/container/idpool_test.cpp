@@ -21,8 +21,8 @@ int id_of(int result, int id)
     constexpr int kUntouched = -7;
     if (result == 0)
         return id;
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(id, kUntouched);
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(kUntouched, id);
     return -1;
 }
 
@@ -68,55 +68,54 @@ std::string said_with(int allowed, Call call)
 
 TEST(IdPool, SizeOfALaidPool)
 {
-    EXPECT_EQ(idpool_get_pool_size(0, 0), 60);
-    EXPECT_EQ(idpool_get_pool_size(0, 31), 60);
-    EXPECT_EQ(idpool_get_pool_size(0, 32), 64);
-    EXPECT_EQ(idpool_get_pool_size(5, 36), 60);
+    EXPECT_EQ(60, idpool_get_pool_size(0, 0));
+    EXPECT_EQ(60, idpool_get_pool_size(0, 31));
+    EXPECT_EQ(64, idpool_get_pool_size(0, 32));
+    EXPECT_EQ(60, idpool_get_pool_size(5, 36));
     EXPECT_EQ(idpool_get_pool_size(0, INT_MAX), 56 + (1 << 28));
-    EXPECT_EQ(idpool_get_pool_size(INT_MAX, INT_MAX), 60);
-    EXPECT_EQ(idpool_get_pool_size(-1, 5), 0);
-    EXPECT_EQ(idpool_get_pool_size(6, 5), 0);
+    EXPECT_EQ(60, idpool_get_pool_size(INT_MAX, INT_MAX));
+    EXPECT_EQ(0, idpool_get_pool_size(-1, 5));
+    EXPECT_EQ(0, idpool_get_pool_size(6, 5));
 }
 
 TEST(IdPool, CreateSetsItsFields)
 {
     idpool *pool = idpool_create("a name of more than 31 characters", 10, 42);
-    ASSERT_NE(pool, nullptr);
-    EXPECT_STREQ(pool->name, "a name of more than 31 characte");
-    EXPECT_EQ(pool->min_id, 10);
-    EXPECT_EQ(pool->max_id, 42);
-    EXPECT_EQ(pool->words, 2);
-    EXPECT_EQ(pool->next, 0);
-    EXPECT_EQ(pool->bitmap[0], 0U);
-    EXPECT_EQ(pool->bitmap[1], 0xFFFFFFFE) << "31 bits to spare";
+    ASSERT_NE(nullptr, pool);
+    EXPECT_STREQ("a name of more than 31 characte", pool->name);
+    EXPECT_EQ(10, pool->min_id);
+    EXPECT_EQ(42, pool->max_id);
+    EXPECT_EQ(2, pool->words);
+    EXPECT_EQ(0, pool->next);
+    EXPECT_EQ(0U, pool->bitmap[0]);
+    EXPECT_EQ(0xFFFFFFFE, pool->bitmap[1]) << "31 bits to spare";
     idpool_destroy(pool);
 
     pool = idpool_create("full words", 0, 31);
-    EXPECT_EQ(pool->words, 1);
-    EXPECT_EQ(pool->bitmap[0], 0U);
+    EXPECT_EQ(1, pool->words);
+    EXPECT_EQ(0U, pool->bitmap[0]);
     idpool_destroy(pool);
     idpool_destroy(nullptr);
 }
 
 TEST(IdPool, InvalidRangesAreRefusedInSilence)
 {
-    EXPECT_EQ(capture_stdout([] {
+    EXPECT_EQ("", capture_stdout([] {
                   EXPECT_EQ(idpool_create("bad", -1, 5), nullptr);
                   EXPECT_EQ(idpool_create("bad", 6, 5), nullptr);
                   EXPECT_EQ(idpool_create("bad", INT_MIN, INT_MIN), nullptr);
-              }),
-              "");
+              }));
     idpool block;
     std::memset(static_cast<void *>(&block), '#', sizeof block);
     idpool_init(&block, "bad", 6, 5);
-    EXPECT_EQ(block.name[0], '#');
+    EXPECT_EQ('#', block.name[0]);
 }
 
 TEST(IdPool, FailedAllocationsAreSaidOnStandardOutput)
 {
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }), "Malloc failed for pool red\n");
-    EXPECT_EQ(said_with(1, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }),
-              "Malloc bitmap failed for pool red\n");
+    EXPECT_EQ("Malloc failed for pool red\n", said_with(0, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }));
+    EXPECT_EQ("Malloc bitmap failed for pool red\n",
+              said_with(1, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }));
 }
 
 TEST(IdPool, ALaidPoolUsesItsBlockOnly)
@@ -126,31 +125,31 @@ TEST(IdPool, ALaidPoolUsesItsBlockOnly)
     auto *pool = reinterpret_cast<idpool *>(storage.data());
     idpool_init(pool, "laid", 3, 40);
     EXPECT_EQ(pool->bitmap, reinterpret_cast<std::uint32_t *>(pool + 1));
-    EXPECT_STREQ(pool->name, "laid");
+    EXPECT_STREQ("laid", pool->name);
     for (int id = 3; id <= 40; id++)
         EXPECT_EQ(take_lowest(pool), id);
     for (int i = 0; i < 100; i++) {
-        EXPECT_EQ(take_lowest(pool), -1);
-        EXPECT_EQ(take(pool), -1);
+        EXPECT_EQ(-1, take_lowest(pool));
+        EXPECT_EQ(-1, take(pool));
     }
     auto *behind = reinterpret_cast<unsigned char *>(storage.data()) + size;
-    EXPECT_EQ(std::count(behind, behind + 8, 0x23), 8) << "written beyond the block";
+    EXPECT_EQ(8, std::count(behind, behind + 8, 0x23)) << "written beyond the block";
 }
 
 TEST(IdPool, NextFitGoesRound)
 {
     idpool *pool = idpool_create("p", 10, 12);
-    EXPECT_EQ(take(pool), 10);
-    EXPECT_EQ(pool->next, 1);
-    EXPECT_EQ(take(pool), 11);
-    EXPECT_EQ(take(pool), 12);
-    EXPECT_EQ(pool->next, 0) << "behind the last comes the first";
-    EXPECT_EQ(take(pool), -1);
-    EXPECT_EQ(idpool_free_id(pool, 11), 0);
-    EXPECT_EQ(take(pool), 11) << "by the scan";
-    EXPECT_EQ(pool->next, 2);
-    EXPECT_EQ(idpool_free_id(pool, 10), 0);
-    EXPECT_EQ(take(pool), 10) << "the cursor's word is looked at again from its first bit";
+    EXPECT_EQ(10, take(pool));
+    EXPECT_EQ(1, pool->next);
+    EXPECT_EQ(11, take(pool));
+    EXPECT_EQ(12, take(pool));
+    EXPECT_EQ(0, pool->next) << "behind the last comes the first";
+    EXPECT_EQ(-1, take(pool));
+    EXPECT_EQ(0, idpool_free_id(pool, 11));
+    EXPECT_EQ(11, take(pool)) << "by the scan";
+    EXPECT_EQ(2, pool->next);
+    EXPECT_EQ(0, idpool_free_id(pool, 10));
+    EXPECT_EQ(10, take(pool)) << "the cursor's word is looked at again from its first bit";
     idpool_destroy(pool);
 }
 
@@ -160,11 +159,11 @@ TEST(IdPool, FreedIdentifiersRest)
     for (int id = 0; id < 50; id++)
         EXPECT_EQ(take(pool), id);
     for (int id = 0; id < 50; id++)
-        EXPECT_EQ(idpool_free_id(pool, id), 0);
-    EXPECT_EQ(pool->next, 50) << "freeing does not move the cursor";
+        EXPECT_EQ(0, idpool_free_id(pool, id));
+    EXPECT_EQ(50, pool->next) << "freeing does not move the cursor";
     for (int id = 50; id < 100; id++)
         EXPECT_EQ(take(pool), id);
-    EXPECT_EQ(take(pool), 0);
+    EXPECT_EQ(0, take(pool));
     idpool_destroy(pool);
 }
 
@@ -175,17 +174,17 @@ TEST(IdPool, LowestFreeLeavesTheCursor)
         take(pool);
     idpool_free_id(pool, 7);
     idpool_free_id(pool, 40);
-    EXPECT_EQ(take_lowest(pool), 7);
-    EXPECT_EQ(take_lowest(pool), 40);
-    EXPECT_EQ(take_lowest(pool), 45);
-    EXPECT_EQ(pool->next, 40);
+    EXPECT_EQ(7, take_lowest(pool));
+    EXPECT_EQ(40, take_lowest(pool));
+    EXPECT_EQ(45, take_lowest(pool));
+    EXPECT_EQ(40, pool->next);
     fill(pool);
     int id = -7;
-    EXPECT_EQ(idpool_alloc_id_slow(pool, &id), -1);
-    EXPECT_EQ(idpool_alloc_id(pool, &id), -1);
-    EXPECT_EQ(id, -7);
+    EXPECT_EQ(-1, idpool_alloc_id_slow(pool, &id));
+    EXPECT_EQ(-1, idpool_alloc_id(pool, &id));
+    EXPECT_EQ(-7, id);
     pool->words = -1;
-    EXPECT_EQ(idpool_alloc_id_slow(pool, &id), -1);
+    EXPECT_EQ(-1, idpool_alloc_id_slow(pool, &id));
     pool->words = 3;
     idpool_destroy(pool);
 }
@@ -194,20 +193,20 @@ TEST(IdPool, ParticularIdentifiers)
 {
     idpool *pool = idpool_create("p", 10, 75);
     for (int id : {10, 41, 42, 75}) {
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), 0);
-        EXPECT_EQ(idpool_free_id(pool, id), -1);
-        EXPECT_EQ(idpool_alloc_specific_id(pool, id), 0);
-        EXPECT_EQ(idpool_alloc_specific_id(pool, id), -1);
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), 1);
+        EXPECT_EQ(0, idpool_is_id_allocated(pool, id));
+        EXPECT_EQ(-1, idpool_free_id(pool, id));
+        EXPECT_EQ(0, idpool_alloc_specific_id(pool, id));
+        EXPECT_EQ(-1, idpool_alloc_specific_id(pool, id));
+        EXPECT_EQ(1, idpool_is_id_allocated(pool, id));
     }
-    EXPECT_EQ(pool->next, 0);
-    EXPECT_EQ(idpool_free_id(pool, 42), 0);
-    EXPECT_EQ(idpool_free_id(pool, 42), -1);
+    EXPECT_EQ(0, pool->next);
+    EXPECT_EQ(0, idpool_free_id(pool, 42));
+    EXPECT_EQ(-1, idpool_free_id(pool, 42));
     for (int id : {9, 76, -1, INT_MIN, INT_MAX}) {
-        EXPECT_EQ(idpool_alloc_specific_id(pool, id), -1);
-        EXPECT_EQ(idpool_free_id(pool, id), -1);
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), -1);
-        EXPECT_EQ(next_taken(pool, id), -1);
+        EXPECT_EQ(-1, idpool_alloc_specific_id(pool, id));
+        EXPECT_EQ(-1, idpool_free_id(pool, id));
+        EXPECT_EQ(-1, idpool_is_id_allocated(pool, id));
+        EXPECT_EQ(-1, next_taken(pool, id));
     }
     idpool_destroy(pool);
 }
@@ -215,17 +214,17 @@ TEST(IdPool, ParticularIdentifiers)
 TEST(IdPool, NextAllocated)
 {
     idpool *pool = idpool_create("p", 10, 2000);
-    EXPECT_EQ(next_taken(pool, 10), -1) << "a spare bit is no identifier";
+    EXPECT_EQ(-1, next_taken(pool, 10)) << "a spare bit is no identifier";
     for (int id : {10, 41, 42, 1500, 2000})
         idpool_alloc_specific_id(pool, id);
     std::vector<int> walked;
     for (int id = 10; id <= 2000 && (id = next_taken(pool, id)) >= 0; id++)
         walked.push_back(id);
-    EXPECT_EQ(walked, (std::vector<int>{10, 41, 42, 1500, 2000}));
-    EXPECT_EQ(next_taken(pool, 11), 41);
-    EXPECT_EQ(next_taken(pool, 43), 1500);
+    EXPECT_EQ((std::vector<int>{10, 41, 42, 1500, 2000}), walked);
+    EXPECT_EQ(41, next_taken(pool, 11));
+    EXPECT_EQ(1500, next_taken(pool, 43));
     idpool_free_id(pool, 2000);
-    EXPECT_EQ(next_taken(pool, 1501), -1);
+    EXPECT_EQ(-1, next_taken(pool, 1501));
     idpool_destroy(pool);
 }
 
@@ -234,13 +233,13 @@ TEST(IdPool, TheEndOfAllNumbers)
     idpool *pool = idpool_create("p", INT_MAX - 2, INT_MAX);
     EXPECT_EQ(take(pool), INT_MAX - 2);
     EXPECT_EQ(take(pool), INT_MAX - 1);
-    EXPECT_EQ(take(pool), INT_MAX);
-    EXPECT_EQ(take(pool), -1);
-    EXPECT_EQ(next_taken(pool, INT_MAX), INT_MAX);
-    EXPECT_EQ(take_lowest(pool), -1);
-    EXPECT_EQ(idpool_resize(pool, 4), 0) << "beyond INT_MAX";
-    EXPECT_EQ(idpool_resize(pool, 3), 1);
-    EXPECT_EQ(idpool_resize(pool, INT_MAX), 0);
+    EXPECT_EQ(INT_MAX, take(pool));
+    EXPECT_EQ(-1, take(pool));
+    EXPECT_EQ(INT_MAX, next_taken(pool, INT_MAX));
+    EXPECT_EQ(-1, take_lowest(pool));
+    EXPECT_EQ(0, idpool_resize(pool, 4)) << "beyond INT_MAX";
+    EXPECT_EQ(1, idpool_resize(pool, 3));
+    EXPECT_EQ(0, idpool_resize(pool, INT_MAX));
     idpool_destroy(pool);
 }
 
@@ -249,13 +248,13 @@ TEST(IdPool, AllNumbersAtOnce)
     if (under_emulation() || under_sanitizer())
         GTEST_SKIP() << "256 MiB are too much here";
     idpool *pool = idpool_create("all", 0, INT_MAX);
-    ASSERT_NE(pool, nullptr);
+    ASSERT_NE(nullptr, pool);
     EXPECT_EQ(pool->words, 1 << 26);
     pool->next = INT_MAX;
-    EXPECT_EQ(take(pool), INT_MAX);
-    EXPECT_EQ(pool->next, 0);
-    EXPECT_EQ(take(pool), 0);
-    EXPECT_EQ(next_taken(pool, 1), INT_MAX);
+    EXPECT_EQ(INT_MAX, take(pool));
+    EXPECT_EQ(0, pool->next);
+    EXPECT_EQ(0, take(pool));
+    EXPECT_EQ(INT_MAX, next_taken(pool, 1));
     idpool_destroy(pool);
 }
 
@@ -263,15 +262,15 @@ TEST(IdPool, AllNumbersAtOnce)
 
 TEST(IdPoolResize, RefusedAndIdleCalls)
 {
-    EXPECT_EQ(idpool_resize(nullptr, 5), 0);
+    EXPECT_EQ(0, idpool_resize(nullptr, 5));
     idpool *pool = idpool_create("p", 10, 41);
     fill(pool);
     const std::uint32_t *bitmap = pool->bitmap;
-    EXPECT_EQ(idpool_resize(pool, 0), 0);
-    EXPECT_EQ(idpool_resize(pool, -5), 0);
-    EXPECT_EQ(idpool_resize(pool, 32), 1);
+    EXPECT_EQ(0, idpool_resize(pool, 0));
+    EXPECT_EQ(0, idpool_resize(pool, -5));
+    EXPECT_EQ(1, idpool_resize(pool, 32));
     EXPECT_EQ(pool->bitmap, bitmap);
-    EXPECT_EQ(pool->bitmap[0], UINT32_MAX);
+    EXPECT_EQ(UINT32_MAX, pool->bitmap[0]);
     idpool_destroy(pool);
 }
 
@@ -280,26 +279,26 @@ TEST(IdPoolResize, ToAllNumbers)
     if (under_emulation() || under_sanitizer())
         GTEST_SKIP() << "256 MiB are too much here";
     idpool *pool = idpool_create("p", 0, 9);
-    EXPECT_EQ(take(pool), 0);
-    EXPECT_EQ(idpool_resize(pool, INT_MAX), 1);
+    EXPECT_EQ(0, take(pool));
+    EXPECT_EQ(1, idpool_resize(pool, INT_MAX));
     EXPECT_EQ(pool->max_id, INT_MAX - 1);
-    EXPECT_EQ(pool->words, 1);
-    EXPECT_EQ(idpool_is_id_allocated(pool, 0), 1);
-    EXPECT_EQ(idpool_alloc_specific_id(pool, INT_MAX - 1), 0);
-    EXPECT_EQ(idpool_alloc_specific_id(pool, INT_MAX), -1);
-    EXPECT_EQ(pool->bitmap[(1 << 26) - 1], 0xC0000000U) << "the last identifier and the one that is none";
-    EXPECT_EQ(take(pool), 1);
-    EXPECT_EQ(idpool_resize(pool, 10), 1);
-    EXPECT_EQ(pool->max_id, 9);
+    EXPECT_EQ(1, pool->words);
+    EXPECT_EQ(1, idpool_is_id_allocated(pool, 0));
+    EXPECT_EQ(0, idpool_alloc_specific_id(pool, INT_MAX - 1));
+    EXPECT_EQ(-1, idpool_alloc_specific_id(pool, INT_MAX));
+    EXPECT_EQ(0xC0000000U, pool->bitmap[(1 << 26) - 1]) << "the last identifier and the one that is none";
+    EXPECT_EQ(1, take(pool));
+    EXPECT_EQ(1, idpool_resize(pool, 10));
+    EXPECT_EQ(9, pool->max_id);
     idpool_destroy(pool);
 
     pool = idpool_create("p", 1, 9);
-    EXPECT_EQ(idpool_resize(pool, INT_MAX), 1);
-    EXPECT_EQ(pool->max_id, INT_MAX);
+    EXPECT_EQ(1, idpool_resize(pool, INT_MAX));
+    EXPECT_EQ(INT_MAX, pool->max_id);
     idpool_destroy(pool);
     pool = idpool_create("p", 2, 9);
-    EXPECT_EQ(idpool_resize(pool, INT_MAX), 0);
-    EXPECT_EQ(pool->max_id, 9);
+    EXPECT_EQ(0, idpool_resize(pool, INT_MAX));
+    EXPECT_EQ(9, pool->max_id);
     idpool_destroy(pool);
 }
 
@@ -310,9 +309,9 @@ TEST(IdPoolResize, WithoutMemoryNothingChangesAndItIsLogged)
     allocations_left = 0;
     int result = idpool_resize(pool, 500);
     allocations_left = -1;
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(pool->max_id, 9);
-    EXPECT_EQ(idpool_is_id_allocated(pool, 0), 1);
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(9, pool->max_id);
+    EXPECT_EQ(1, idpool_is_id_allocated(pool, 0));
     EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith("Malloc bitmap failed when resize pool blue\n"));
     idpool_destroy(pool);
 }
@@ -321,9 +320,9 @@ TEST(IdPoolResize, OnlyAsManyBytesAsWordsSurvive)
 {
     idpool *pool = idpool_create("p", 0, 63);
     fill(pool);
-    EXPECT_EQ(idpool_resize(pool, 96), 1);
-    EXPECT_EQ(pool->max_id, 95);
-    EXPECT_EQ(pool->words, 2) << "as it was made";
+    EXPECT_EQ(1, idpool_resize(pool, 96));
+    EXPECT_EQ(95, pool->max_id);
+    EXPECT_EQ(2, pool->words) << "as it was made";
     for (int id = 0; id < 96; id++)
         EXPECT_EQ(idpool_is_id_allocated(pool, id), id < 16 ? 1 : 0) << id;
     idpool_destroy(pool);
@@ -332,81 +331,81 @@ TEST(IdPoolResize, OnlyAsManyBytesAsWordsSurvive)
 TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
 {
     idpool *pool = idpool_create("p", 0, 31);
-    EXPECT_EQ(idpool_resize(pool, 100), 1);
-    EXPECT_EQ(pool->bitmap[3], 0xFFFFFFF0) << "the new spare bits";
+    EXPECT_EQ(1, idpool_resize(pool, 100));
+    EXPECT_EQ(0xFFFFFFF0, pool->bitmap[3]) << "the new spare bits";
     for (int id = 0; id < 32; id++)
         EXPECT_EQ(take(pool), id);
-    EXPECT_EQ(pool->next, 32);
-    EXPECT_EQ(take(pool), 32) << "the cursor itself may stand beyond";
-    EXPECT_EQ(idpool_alloc_specific_id(pool, 33), 0);
-    EXPECT_EQ(take(pool), -1) << "but the scan does not go there";
-    EXPECT_EQ(idpool_free_id(pool, 5), 0);
-    EXPECT_EQ(take(pool), 5);
-    EXPECT_EQ(take_lowest(pool), 6 + 28) << "the lowest-free scan goes one word further";
+    EXPECT_EQ(32, pool->next);
+    EXPECT_EQ(32, take(pool)) << "the cursor itself may stand beyond";
+    EXPECT_EQ(0, idpool_alloc_specific_id(pool, 33));
+    EXPECT_EQ(-1, take(pool)) << "but the scan does not go there";
+    EXPECT_EQ(0, idpool_free_id(pool, 5));
+    EXPECT_EQ(5, take(pool));
+    EXPECT_EQ(6 + 28, take_lowest(pool)) << "the lowest-free scan goes one word further";
     for (int id = 35; id < 64; id++)
         EXPECT_EQ(take_lowest(pool), id);
-    EXPECT_EQ(take_lowest(pool), -1);
-    EXPECT_EQ(next_taken(pool, 31), 31);
-    EXPECT_EQ(next_taken(pool, 32), -1) << "behind the words as made";
-    EXPECT_EQ(idpool_is_id_allocated(pool, 32), 1);
+    EXPECT_EQ(-1, take_lowest(pool));
+    EXPECT_EQ(31, next_taken(pool, 31));
+    EXPECT_EQ(-1, next_taken(pool, 32)) << "behind the words as made";
+    EXPECT_EQ(1, idpool_is_id_allocated(pool, 32));
     idpool_destroy(pool);
 }
 
 TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
 {
     idpool *pool = idpool_create("p", 0, 255);
-    EXPECT_EQ(idpool_resize(pool, 40), 1);
-    EXPECT_EQ(pool->words, 8);
+    EXPECT_EQ(1, idpool_resize(pool, 40));
+    EXPECT_EQ(8, pool->words);
     for (int word = 2; word < 8; word++)
-        EXPECT_EQ(pool->bitmap[word], 0xFFFFFFFFU) << word;
+        EXPECT_EQ(0xFFFFFFFFU, pool->bitmap[word]) << word;
     for (int id = 0; id < 40; id++)
         EXPECT_EQ(take(pool), id);
-    EXPECT_EQ(pool->next, 0);
-    EXPECT_EQ(take(pool), -1);
-    EXPECT_EQ(take_lowest(pool), -1);
+    EXPECT_EQ(0, pool->next);
+    EXPECT_EQ(-1, take(pool));
+    EXPECT_EQ(-1, take_lowest(pool));
 
     // The free one lies before the cursor: the scan passes the end of the bitmap on its way there.
-    EXPECT_EQ(idpool_free_id(pool, 39), 0);
-    EXPECT_EQ(take(pool), 39);
-    EXPECT_EQ(idpool_free_id(pool, 38), 0);
-    EXPECT_EQ(take(pool), 38);
-    EXPECT_EQ(pool->next, 39);
-    EXPECT_EQ(idpool_free_id(pool, 9), 0);
-    EXPECT_EQ(take(pool), 9);
-    EXPECT_EQ(take(pool), -1);
-    EXPECT_EQ(next_taken(pool, 39), 39);
+    EXPECT_EQ(0, idpool_free_id(pool, 39));
+    EXPECT_EQ(39, take(pool));
+    EXPECT_EQ(0, idpool_free_id(pool, 38));
+    EXPECT_EQ(38, take(pool));
+    EXPECT_EQ(39, pool->next);
+    EXPECT_EQ(0, idpool_free_id(pool, 9));
+    EXPECT_EQ(9, take(pool));
+    EXPECT_EQ(-1, take(pool));
+    EXPECT_EQ(39, next_taken(pool, 39));
     idpool_destroy(pool);
 }
 
 TEST(IdPoolResize, WhatAShrinkCutOffComesBackFree)
 {
     idpool *pool = idpool_create("p", 0, 2047);
-    EXPECT_EQ(idpool_resize(pool, 32), 1);
+    EXPECT_EQ(1, idpool_resize(pool, 32));
     for (int id = 0; id < 8; id++)
         EXPECT_EQ(take(pool), id);
-    EXPECT_EQ(idpool_resize(pool, 2048), 1);
+    EXPECT_EQ(1, idpool_resize(pool, 2048));
     for (int id = 0; id < 8; id++)
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), 1) << id;
+        EXPECT_EQ(1, idpool_is_id_allocated(pool, id)) << id;
     for (int id = 8; id < 2048; id++)
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), 0) << id;
+        EXPECT_EQ(0, idpool_is_id_allocated(pool, id)) << id;
     idpool_destroy(pool);
 }
 
 TEST(IdPoolResize, ToOneIdentifierAndBack)
 {
     idpool *pool = idpool_create("p", 5, 200);
-    EXPECT_EQ(take(pool), 5);
-    EXPECT_EQ(idpool_resize(pool, 1), 1);
-    EXPECT_EQ(pool->max_id, 5);
-    EXPECT_EQ(take(pool), -1);
-    EXPECT_EQ(idpool_free_id(pool, 5), 0);
-    EXPECT_EQ(take(pool), 5);
-    EXPECT_EQ(idpool_free_id(pool, 5), 0);
-    EXPECT_EQ(take_lowest(pool), 5);
-    EXPECT_EQ(idpool_alloc_specific_id(pool, 6), -1);
-    EXPECT_EQ(idpool_resize(pool, 196), 1);
-    EXPECT_EQ(idpool_is_id_allocated(pool, 5), 1);
-    EXPECT_EQ(take(pool), 13) << "the byte that is copied holds seven spare bits";
+    EXPECT_EQ(5, take(pool));
+    EXPECT_EQ(1, idpool_resize(pool, 1));
+    EXPECT_EQ(5, pool->max_id);
+    EXPECT_EQ(-1, take(pool));
+    EXPECT_EQ(0, idpool_free_id(pool, 5));
+    EXPECT_EQ(5, take(pool));
+    EXPECT_EQ(0, idpool_free_id(pool, 5));
+    EXPECT_EQ(5, take_lowest(pool));
+    EXPECT_EQ(-1, idpool_alloc_specific_id(pool, 6));
+    EXPECT_EQ(1, idpool_resize(pool, 196));
+    EXPECT_EQ(1, idpool_is_id_allocated(pool, 5));
+    EXPECT_EQ(13, take(pool)) << "the byte that is copied holds seven spare bits";
     idpool_destroy(pool);
 }
 
@@ -417,7 +416,7 @@ TEST(IdPoolResize, FullMeansFull)
     for (int round = 0; round < 200; round++) {
         int first = 1 + static_cast<int>(random() % 700), count = 1 + static_cast<int>(random() % 700);
         idpool *pool = idpool_create("p", 0, first - 1);
-        ASSERT_EQ(idpool_resize(pool, count), 1);
+        ASSERT_EQ(1, idpool_resize(pool, count));
         int reach = std::min(count, pool->words * 32);
         for (int step = 0; step < 300; step++) {
             int id = static_cast<int>(random() % static_cast<unsigned>(reach));
@@ -438,10 +437,10 @@ TEST(IdPoolResize, ACursorThatIsCutOffStartsAgain)
     idpool *pool = idpool_create("p", 100, 199);
     for (int i = 0; i < 50; i++)
         take(pool);
-    EXPECT_EQ(idpool_resize(pool, 51), 1);
-    EXPECT_EQ(pool->next, 50) << "still within";
-    EXPECT_EQ(idpool_resize(pool, 50), 1);
-    EXPECT_EQ(pool->next, 0);
+    EXPECT_EQ(1, idpool_resize(pool, 51));
+    EXPECT_EQ(50, pool->next) << "still within";
+    EXPECT_EQ(1, idpool_resize(pool, 50));
+    EXPECT_EQ(0, pool->next);
     idpool_destroy(pool);
 }
 
@@ -562,7 +561,7 @@ TEST(IdPoolModel, RandomWork)
             default:
                 if (random() % 200 == 0) { // shrink, grow, shrink again
                     int count = 1 + static_cast<int>(random() % 3000);
-                    ASSERT_EQ(idpool_resize(pool, count), 1);
+                    ASSERT_EQ(1, idpool_resize(pool, count));
                     model.resize(count);
                 }
             }
@@ -579,16 +578,16 @@ TEST(IdPoolView, AllocatesWalksAndOwns)
     qv::id_pool pool("view", 5, 104);
     ASSERT_TRUE(pool);
     EXPECT_TRUE(pool.begin() == pool.end());
-    EXPECT_EQ(pool.allocate(), 5);
-    EXPECT_EQ(pool.allocate(), 6);
+    EXPECT_EQ(5, pool.allocate());
+    EXPECT_EQ(6, pool.allocate());
     EXPECT_TRUE(pool.allocate(104));
     EXPECT_FALSE(pool.allocate(104));
     EXPECT_TRUE(pool.free(5));
-    EXPECT_EQ(pool.allocate_lowest(), 5);
+    EXPECT_EQ(5, pool.allocate_lowest());
     EXPECT_TRUE(pool.contains(6));
     EXPECT_FALSE(pool.contains(7));
     std::vector<int> ids(pool.begin(), pool.end());
-    EXPECT_EQ(ids, (std::vector<int>{5, 6, 104}));
+    EXPECT_EQ((std::vector<int>{5, 6, 104}), ids);
     for (int id : pool)
         pool.free(id);
     EXPECT_TRUE(pool.begin() == pool.end());
@@ -600,5 +599,5 @@ TEST(IdPoolView, AllocatesWalksAndOwns)
 
     qv::id_pool last("last", INT_MAX, INT_MAX);
     last.allocate();
-    EXPECT_EQ(std::distance(last.begin(), last.end()), 1);
+    EXPECT_EQ(1, std::distance(last.begin(), last.end()));
 }

@@ -66,11 +66,11 @@ TEST(IdTableNode, OrdersGiveSizes)
 {
     for (auto [order, size] : {std::pair{0, 1U}, {4, 16U}, {6, 64U}, {14, 16384U}, {15, 32768U}}) {
         idtable_node *node = idtable_alloc_table_internal(order);
-        ASSERT_NE(node, nullptr);
+        ASSERT_NE(nullptr, node);
         EXPECT_EQ(node->size, size);
-        EXPECT_EQ(node->count, 0);
+        EXPECT_EQ(0, node->count);
         for (unsigned i = 0; i < size; i++)
-            ASSERT_EQ(node->slots[i], 0U);
+            ASSERT_EQ(0U, node->slots[i]);
         free(node);
     }
 }
@@ -79,8 +79,8 @@ TEST(IdTableNode, OrdersTheSizeDoesNotHoldGiveNoSlots)
 {
     for (int order : {16, 17, 31, 32, 64, 1000, -1, -1000}) {
         idtable_node *node = idtable_alloc_table_internal(order);
-        ASSERT_NE(node, nullptr);
-        EXPECT_EQ(node->size, 0);
+        ASSERT_NE(nullptr, node);
+        EXPECT_EQ(0, node->size);
         idtable_free_table(node);
     }
 }
@@ -88,19 +88,19 @@ TEST(IdTableNode, OrdersTheSizeDoesNotHoldGiveNoSlots)
 TEST(IdTableNode, ARootHas16Slots)
 {
     idtable_node *root = idtable_alloc_table();
-    EXPECT_EQ(root->size, 16);
-    EXPECT_EQ(root->count, 0);
+    EXPECT_EQ(16, root->size);
+    EXPECT_EQ(0, root->count);
     idtable_free_table(root);
     idtable_free_table(nullptr);
 }
 
 TEST(IdTableNode, ANodeWithoutMemoryIsSaid)
 {
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table_internal(6), nullptr); }),
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(6)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 520"));
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table(), nullptr); }),
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table()); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 136"));
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(idtable_alloc_table_internal(16), nullptr); }),
+    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(16)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 8"));
 }
 
@@ -114,74 +114,74 @@ TEST(IdTableNode, FreeingEmptyInnerNodes)
 
 TEST_F(IdTable16, CountsOfTheLevels)
 {
-    EXPECT_EQ(idtable16_insert_entry(root, 0x0000, 11), 0);
-    EXPECT_EQ(idtable16_insert_entry(root, 0xFFFF, 22), 0);
-    EXPECT_EQ(root->count, 2);
+    EXPECT_EQ(0, idtable16_insert_entry(root, 0x0000, 11));
+    EXPECT_EQ(0, idtable16_insert_entry(root, 0xFFFF, 22));
+    EXPECT_EQ(2, root->count);
     for (unsigned end : {0U, 1U}) {
         idtable_node *table2 = below(root, end * 15);
-        EXPECT_EQ(table2->size, 64);
-        EXPECT_EQ(table2->count, 1);
+        EXPECT_EQ(64, table2->size);
+        EXPECT_EQ(1, table2->count);
         idtable_node *table3 = below(table2, end * 63);
-        EXPECT_EQ(table3->size, 64);
-        EXPECT_EQ(table3->count, 1);
+        EXPECT_EQ(64, table3->size);
+        EXPECT_EQ(1, table3->count);
         EXPECT_EQ(table3->slots[end * 63], end == 0 ? 11U : 22U);
     }
-    EXPECT_EQ(idtable16_remove_entry(root, 0xFFFF), 0);
-    EXPECT_EQ(root->count, 1);
-    EXPECT_EQ(root->slots[15], 0U);
-    EXPECT_EQ(idtable16_remove_entry(root, 0x0000), 0);
-    EXPECT_EQ(root->count, 0);
+    EXPECT_EQ(0, idtable16_remove_entry(root, 0xFFFF));
+    EXPECT_EQ(1, root->count);
+    EXPECT_EQ(0U, root->slots[15]);
+    EXPECT_EQ(0, idtable16_remove_entry(root, 0x0000));
+    EXPECT_EQ(0, root->count);
 }
 
 TEST_F(IdTable16, SlotsOfAKey)
 {
     idtable16_insert_entry(root, 0xA5C3, 1); // 1010 010111 000011
-    EXPECT_EQ(below(below(root, 10), 23)->slots[3], 1U);
+    EXPECT_EQ(1U, below(below(root, 10), 23)->slots[3]);
     idtable16_insert_entry(root, 0xA5C2, 2);
-    EXPECT_EQ(below(root, 10)->count, 1);
-    EXPECT_EQ(below(below(root, 10), 23)->count, 2);
+    EXPECT_EQ(1, below(root, 10)->count);
+    EXPECT_EQ(2, below(below(root, 10), 23)->count);
 }
 
 TEST_F(IdTable16, HigherKeyBitsAreIgnored)
 {
     idtable16_insert_entry(root, 0xABCD1234, 7);
-    EXPECT_EQ(idtable16_find_entry(root, 0x1234), 7U);
-    EXPECT_EQ(idtable16_find_entry(root, 0x11234), 7U);
-    EXPECT_EQ(idtable16_remove_entry(root, 0xFFFF1234), 0);
+    EXPECT_EQ(7U, idtable16_find_entry(root, 0x1234));
+    EXPECT_EQ(7U, idtable16_find_entry(root, 0x11234));
+    EXPECT_EQ(0, idtable16_remove_entry(root, 0xFFFF1234));
 }
 
 TEST_F(IdTable16, ADuplicateIsSaidAndSkipped)
 {
     idtable16_insert_entry(root, 5, 0x123456789ABCDEF0);
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 2), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 2)); }),
               error("idtable16_insert_entry", "Find duplicate entry 9abcdef0, skip insert"));
-    EXPECT_EQ(idtable16_find_entry(root, 5), 0x123456789ABCDEF0U);
-    EXPECT_EQ(below(below(root, 0), 0)->count, 1);
+    EXPECT_EQ(0x123456789ABCDEF0U, idtable16_find_entry(root, 5));
+    EXPECT_EQ(1, below(below(root, 0), 0)->count);
 }
 
 TEST_F(IdTable16, AValueOf0IsCountedAndMissing)
 {
-    EXPECT_EQ(idtable16_insert_entry(root, 5, 0), 0);
-    EXPECT_EQ(below(below(root, 0), 0)->count, 1);
-    EXPECT_EQ(idtable16_find_entry(root, 5), 0U);
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_remove_entry(root, 5), -1); }),
+    EXPECT_EQ(0, idtable16_insert_entry(root, 5, 0));
+    EXPECT_EQ(1, below(below(root, 0), 0)->count);
+    EXPECT_EQ(0U, idtable16_find_entry(root, 5));
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, 5)); }),
               error("idtable16_remove_entry", "Entry not exist"));
-    EXPECT_EQ(idtable16_insert_entry(root, 5, 9), 0);
-    EXPECT_EQ(below(below(root, 0), 0)->count, 2);
+    EXPECT_EQ(0, idtable16_insert_entry(root, 5, 9));
+    EXPECT_EQ(2, below(below(root, 0), 0)->count);
 }
 
 TEST_F(IdTable16, InsertionWithoutMemory)
 {
-    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 1), -1); }),
+    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
                   error("idtable16_insert_entry", "Can't alloc memory for table2"));
-    EXPECT_EQ(root->count, 0);
-    EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(idtable16_insert_entry(root, 5, 1), -1); }),
+    EXPECT_EQ(0, root->count);
+    EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
                   error("idtable16_insert_entry", "Can't alloc memory for table3"));
-    EXPECT_EQ(root->count, 1) << "the table2 stays";
-    EXPECT_EQ(below(root, 0)->count, 0);
-    EXPECT_EQ(idtable16_insert_entry(root, 5, 1), 0);
+    EXPECT_EQ(1, root->count) << "the table2 stays";
+    EXPECT_EQ(0, below(root, 0)->count);
+    EXPECT_EQ(0, idtable16_insert_entry(root, 5, 1));
 }
 
 TEST_F(IdTable16, WhatIsMissingIsSaid)
@@ -192,130 +192,130 @@ TEST_F(IdTable16, WhatIsMissingIsSaid)
         const char *text;
     } missing[] = {{0x2000, "Table2 not exist"}, {0x1040, "Table3 not exist"}, {0x1001, "Entry not exist"}};
     for (const auto &m : missing) {
-        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_remove_entry(root, m.key), -1); }),
+        EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, m.key)); }),
                   error("idtable16_remove_entry", m.text));
-        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_update_entry(root, m.key, 3), -1); }),
+        EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_update_entry(root, m.key, 3)); }),
                   error("idtable16_update_entry", m.text));
-        EXPECT_EQ(said([&] { EXPECT_EQ(idtable16_find_entry(root, m.key), 0U); }), "");
+        EXPECT_EQ("", said([&] { EXPECT_EQ(idtable16_find_entry(root, m.key), 0U); }));
     }
-    EXPECT_EQ(idtable16_find_entry(root, 0x1000), 1U);
+    EXPECT_EQ(1U, idtable16_find_entry(root, 0x1000));
 }
 
 TEST_F(IdTable16, UpdateReplaces)
 {
     idtable16_insert_entry(root, 0x1000, 1);
-    EXPECT_EQ(idtable16_update_entry(root, 0x1000, 2), 0);
-    EXPECT_EQ(idtable16_find_entry(root, 0x1000), 2U);
-    EXPECT_EQ(below(below(root, 1), 0)->count, 1);
+    EXPECT_EQ(0, idtable16_update_entry(root, 0x1000, 2));
+    EXPECT_EQ(2U, idtable16_find_entry(root, 0x1000));
+    EXPECT_EQ(1, below(below(root, 1), 0)->count);
 }
 
 TEST_F(IdTable16, FindNextReachesToTheEndOfABlock)
 {
     idtable16_insert_entry(root, 5, 50);
     idtable16_insert_entry(root, 200, 2000);
-    EXPECT_EQ(idtable16_find_next_entry(root, 3), 50U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 5), 50U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 6), 0U) << "6 to 63 are empty, and there it stops";
-    EXPECT_EQ(idtable16_find_next_entry(root, 64), 2000U) << "missing tables are passed";
-    EXPECT_EQ(idtable16_find_next_entry(root, 64 + 8), 2000U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 64 + 9), 0U) << "with the place of the key: 200 is the 9th of its block";
-    EXPECT_EQ(idtable16_find_next_entry(root, 201), 0U);
+    EXPECT_EQ(50U, idtable16_find_next_entry(root, 3));
+    EXPECT_EQ(50U, idtable16_find_next_entry(root, 5));
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 6)) << "6 to 63 are empty, and there it stops";
+    EXPECT_EQ(2000U, idtable16_find_next_entry(root, 64)) << "missing tables are passed";
+    EXPECT_EQ(2000U, idtable16_find_next_entry(root, 64 + 8));
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 64 + 9)) << "with the place of the key: 200 is the 9th of its block";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 201));
 }
 
 TEST_F(IdTable16, FindNextKeepsItsPlaceAcrossTheTop)
 {
     idtable16_insert_entry(root, 0x3000 + 64 * 10 + 20, 7);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 20), 7U) << "missing table2s are passed";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 11), 0U) << "the middle place is kept";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 21), 0U) << "and the low one";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 20)) << "missing table2s are passed";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 11)) << "the middle place is kept";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 21)) << "and the low one";
     idtable16_insert_entry(root, 0x1000 + 64 * 5, 1);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x1000 + 64 * 6), 0U) << "the first table2 met uses the middle place up";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0xFFFF), 0U);
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 6)) << "the first table2 met uses the middle place up";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0xFFFF));
 }
 
 TEST_F(IdTable16, FindNextSeesTheLastSlotsOfEachLevel)
 {
     idtable16_insert_entry(root, 0x2FFF, 7); // root slot 2, table2 slot 63, table3 slot 63
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x2FFF), 7U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x2FC0), 7U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x2000), 7U) << "all of the table2's slots are passed";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x0FFF), 7U) << "63 and 63 are kept over the root's slots";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x3000), 0U);
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2FFF));
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2FC0));
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2000)) << "all of the table2's slots are passed";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x0FFF)) << "63 and 63 are kept over the root's slots";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x3000));
     idtable16_insert_entry(root, 0xFFFF, 8);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0xFFFF), 8U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x3000), 8U) << "the root's last slot";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x1FFF), 7U);
+    EXPECT_EQ(8U, idtable16_find_next_entry(root, 0xFFFF));
+    EXPECT_EQ(8U, idtable16_find_next_entry(root, 0x3000)) << "the root's last slot";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x1FFF));
     idtable16_insert_entry(root, 0x0000, 9);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x0000), 9U);
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x0001), 0U) << "the first block is met and used up";
-    EXPECT_EQ(idtable16_find_next_entry(root, 0x0040), 0U) << "the table2 is met and its 64 slots are used up";
+    EXPECT_EQ(9U, idtable16_find_next_entry(root, 0x0000));
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0001)) << "the first block is met and used up";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0040)) << "the table2 is met and its 64 slots are used up";
 }
 
 // ---- 32 bits ----
 
 TEST_F(IdTable32, SubRootsComeAndGo)
 {
-    EXPECT_EQ(idtable32_insert_entry(root, 0x00010005, 15), 0);
-    EXPECT_EQ(idtable32_insert_entry(root, 0x00010006, 16), 0);
-    EXPECT_EQ(idtable32_insert_entry(root, 0xFFFFFFFF, 99), 0);
+    EXPECT_EQ(0, idtable32_insert_entry(root, 0x00010005, 15));
+    EXPECT_EQ(0, idtable32_insert_entry(root, 0x00010006, 16));
+    EXPECT_EQ(0, idtable32_insert_entry(root, 0xFFFFFFFF, 99));
     auto *sub = reinterpret_cast<idtable_node *>(idtable16_find_entry(root, 1));
-    ASSERT_NE(sub, nullptr);
-    EXPECT_EQ(sub->size, 16);
-    EXPECT_EQ(idtable16_find_entry(sub, 5), 15U);
-    EXPECT_EQ(idtable32_find_entry(root, 0xFFFFFFFF), 99U);
-    EXPECT_EQ(idtable32_find_entry(root, 0x00010007), 0U);
-    EXPECT_EQ(idtable32_find_entry(root, 0x00020005), 0U);
-    EXPECT_EQ(idtable32_remove_entry(root, 0x00010005), 0);
-    EXPECT_NE(idtable16_find_entry(root, 1), 0U);
-    EXPECT_EQ(idtable32_remove_entry(root, 0x00010006), 0);
-    EXPECT_EQ(idtable16_find_entry(root, 1), 0U);
-    EXPECT_EQ(root->count, 1);
+    ASSERT_NE(nullptr, sub);
+    EXPECT_EQ(16, sub->size);
+    EXPECT_EQ(15U, idtable16_find_entry(sub, 5));
+    EXPECT_EQ(99U, idtable32_find_entry(root, 0xFFFFFFFF));
+    EXPECT_EQ(0U, idtable32_find_entry(root, 0x00010007));
+    EXPECT_EQ(0U, idtable32_find_entry(root, 0x00020005));
+    EXPECT_EQ(0, idtable32_remove_entry(root, 0x00010005));
+    EXPECT_NE(0U, idtable16_find_entry(root, 1));
+    EXPECT_EQ(0, idtable32_remove_entry(root, 0x00010006));
+    EXPECT_EQ(0U, idtable16_find_entry(root, 1));
+    EXPECT_EQ(1, root->count);
 }
 
 TEST_F(IdTable32, FindAndRemove)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010006), 0U); }), "");
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00020005), 0U); }),
+    EXPECT_EQ("", said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010006), 0U); }));
+    EXPECT_EQ(said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00020005)); }),
               error("idtable32_find_and_remove_entry", "no such table"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010005), 15U); }), "");
-    EXPECT_EQ(root->count, 0) << "its sub-root is gone too";
+    EXPECT_EQ("", said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010005), 15U); }));
+    EXPECT_EQ(0, root->count) << "its sub-root is gone too";
 }
 
 TEST_F(IdTable32, FailuresAreSaidOnBothLevels)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_insert_entry(root, 0x00010005, 1), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 0x00010005, 1)); }),
               error("idtable16_insert_entry", "Find duplicate entry 0000000f, skip insert") +
                   error("idtable32_insert_entry", "insert fails"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_remove_entry(root, 0x00020005), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00020005)); }),
               error("idtable32_remove_entry", "no such table"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_remove_entry(root, 0x00011005), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00011005)); }),
               error("idtable16_remove_entry", "Table2 not exist") + error("idtable32_remove_entry", "remove fails"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_update_entry(root, 0x00020005, 1), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00020005, 1)); }),
               error("idtable32_update_entry", "no such table"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(idtable32_update_entry(root, 0x00010006, 1), -1); }),
+    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00010006, 1)); }),
               error("idtable16_update_entry", "Entry not exist") + error("idtable32_update_entry", "update fails"));
-    EXPECT_EQ(idtable32_update_entry(root, 0x00010005, 16), 0);
-    EXPECT_EQ(idtable32_find_entry(root, 0x00010005), 16U);
+    EXPECT_EQ(0, idtable32_update_entry(root, 0x00010005, 16));
+    EXPECT_EQ(16U, idtable32_find_entry(root, 0x00010005));
 }
 
 TEST_F(IdTable32, InsertionWithoutMemory)
 {
     const std::string no_memory = error("idtable_alloc_table_internal", "Can't alloc memory, size 520");
-    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 136") +
                   error("idtable32_insert_entry", "Can't alloc memory for table"));
     if (!under_sanitizer()) { // the sub-root that is left behind is the established way
-        EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+        EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
                   no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
                       error("idtable32_insert_entry", "insert fails"));
     }
-    EXPECT_EQ(said_with(3, [&] { EXPECT_EQ(idtable32_insert_entry(root, 1, 1), -1); }),
+    EXPECT_EQ(said_with(3, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
               no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
                   error("idtable32_insert_entry", "insert fails"));
-    EXPECT_NE(idtable16_find_entry(root, 0), 0U) << "the sub-root is in by now, and empty";
-    EXPECT_EQ(idtable32_insert_entry(root, 1, 1), 0);
+    EXPECT_NE(0U, idtable16_find_entry(root, 0)) << "the sub-root is in by now, and empty";
+    EXPECT_EQ(0, idtable32_insert_entry(root, 1, 1));
 }
 
 TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
@@ -323,13 +323,13 @@ TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
     idtable32_insert_entry(root, 0x00010005, 15);
     idtable32_insert_entry(root, 0x00020000, 20);
     idtable32_insert_entry(root, 0xFFFF0000, 99);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0), 15U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0x00010005), 15U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0x00010006), 20U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0x00020001), 99U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0x00030000), 99U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFF0001), 0U);
-    EXPECT_EQ(idtable32_find_next_entry(root, 0xFFFFFFFF), 0U);
+    EXPECT_EQ(15U, idtable32_find_next_entry(root, 0));
+    EXPECT_EQ(15U, idtable32_find_next_entry(root, 0x00010005));
+    EXPECT_EQ(20U, idtable32_find_next_entry(root, 0x00010006));
+    EXPECT_EQ(99U, idtable32_find_next_entry(root, 0x00020001));
+    EXPECT_EQ(99U, idtable32_find_next_entry(root, 0x00030000));
+    EXPECT_EQ(0U, idtable32_find_next_entry(root, 0xFFFF0001));
+    EXPECT_EQ(0U, idtable32_find_next_entry(root, 0xFFFFFFFF));
 }
 
 TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
@@ -341,8 +341,8 @@ TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
         for (unsigned from : {0U, 1U, 0x3FU, 0x40U, 0xFFFU, 0x1000U, 0x2FFFU, 0x3001U, 0xEFFFU})
             EXPECT_EQ(idtable32_find_next_entry(root, from << 16), from <= high ? high + 1 : 0U) << high << ' ' << from;
         EXPECT_EQ(idtable32_find_next_entry(root, high << 16 | 3), high + 1);
-        EXPECT_EQ(idtable32_find_next_entry(root, high << 16 | 4), 0U);
-        EXPECT_EQ(idtable32_remove_entry(root, high << 16 | 3), 0);
+        EXPECT_EQ(0U, idtable32_find_next_entry(root, high << 16 | 4));
+        EXPECT_EQ(0, idtable32_remove_entry(root, high << 16 | 3));
     }
     for (unsigned high : highs)
         idtable32_insert_entry(root, high << 16 | 3, high + 1);
@@ -351,7 +351,7 @@ TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
         EXPECT_EQ(idtable32_find_next_entry(root, from), high + 1);
         from = high << 16 | 4;
     }
-    EXPECT_EQ(idtable32_find_next_entry(root, from), 0U);
+    EXPECT_EQ(0U, idtable32_find_next_entry(root, from));
 }
 
 // ---- models: ordered maps, and find-next by the three cursors as they are described ----
@@ -420,7 +420,7 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
             case 1:
                 if (held != 0) // the messages of failures have tests of their own
                     break;
-                ASSERT_EQ(idtable32_insert_entry(root, key, value), 0);
+                ASSERT_EQ(0, idtable32_insert_entry(root, key, value));
                 model[high][low] = value;
                 break;
             case 2:
@@ -428,7 +428,7 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
                 if (held == 0)
                     break;
                 if (random() % 2 == 0) {
-                    ASSERT_EQ(idtable32_remove_entry(root, key), 0);
+                    ASSERT_EQ(0, idtable32_remove_entry(root, key));
                 } else {
                     ASSERT_EQ(idtable32_find_and_remove_entry(root, key), held);
                 }
@@ -439,7 +439,7 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
             case 4:
                 if (held == 0)
                     break;
-                ASSERT_EQ(idtable32_update_entry(root, key, value), 0);
+                ASSERT_EQ(0, idtable32_update_entry(root, key, value));
                 at->second = value;
                 break;
             case 5:

@@ -15,14 +15,14 @@ namespace {
 name2id_entry *add(name2id_tbl *table, const char *name, unsigned id)
 {
     name2id_entry *entry = name2id_entry_create(name, id);
-    EXPECT_EQ(name2id_entry_insert(table, entry), 0);
+    EXPECT_EQ(0, name2id_entry_insert(table, entry));
     return entry;
 }
 
 name2id_entry *add2(name2id_tbl *table, const char *name, unsigned scope, unsigned id)
 {
     name2id_entry *entry = name2id_entry_create2(name, scope, id);
-    EXPECT_EQ(name2id_entry_insert2(table, entry), 0);
+    EXPECT_EQ(0, name2id_entry_insert2(table, entry));
     return entry;
 }
 
@@ -51,13 +51,13 @@ void release(void *data)
 TEST(Name2id, EmptyTable)
 {
     name2id_tbl *table = name2id_tbl_create(4, 7);
-    ASSERT_NE(table, nullptr);
-    EXPECT_EQ(table->first, nullptr);
+    ASSERT_NE(nullptr, table);
+    EXPECT_EQ(nullptr, table->first);
     EXPECT_EQ(table->last, &table->first);
-    EXPECT_EQ(table->hashtbl->log_size, 4);
-    EXPECT_EQ(table->hashtbl->flag, 1);
-    EXPECT_EQ(table->hashtbl->link_offset, 296);
-    EXPECT_EQ(name2id(table->hashtbl, "x"), -1);
+    EXPECT_EQ(4, table->hashtbl->log_size);
+    EXPECT_EQ(1, table->hashtbl->flag);
+    EXPECT_EQ(296, table->hashtbl->link_offset);
+    EXPECT_EQ(-1, name2id(table->hashtbl, "x"));
     name2id_tbl_destory(table);
     name2id_tbl_destory(nullptr);
     name2id_tbl_destory2(nullptr);
@@ -65,10 +65,10 @@ TEST(Name2id, EmptyTable)
 
 TEST(Name2id, BadSizeGivesNoTable)
 {
-    EXPECT_EQ(name2id_tbl_create(21, 0), nullptr);
-    EXPECT_EQ(name2id_tbl_create2(21, 0), nullptr);
-    EXPECT_EQ(create_name2id_hash_tbl(21, 0), nullptr);
-    EXPECT_EQ(support::read_file(support::kConsole).find("log size of the table must be between 1 and 2^20\n"), 0U);
+    EXPECT_EQ(nullptr, name2id_tbl_create(21, 0));
+    EXPECT_EQ(nullptr, name2id_tbl_create2(21, 0));
+    EXPECT_EQ(nullptr, create_name2id_hash_tbl(21, 0));
+    EXPECT_EQ(0U, support::read_file(support::kConsole).find("log size of the table must be between 1 and 2^20\n"));
 }
 
 TEST(Name2id, WithoutMemoryThereIsNothing)
@@ -78,31 +78,31 @@ TEST(Name2id, WithoutMemoryThereIsNothing)
             support::allocations_left = allowed;
             name2id_tbl *table = create(4, 0);
             support::allocations_left = -1;
-            EXPECT_EQ(table, nullptr);
+            EXPECT_EQ(nullptr, table);
         }
     }
     support::allocations_left = 0;
     name2id_entry *entry = name2id_entry_create("a", 1);
     name2id_entry *scoped = name2id_entry_create2("a", 1, 1);
     support::allocations_left = -1;
-    EXPECT_EQ(entry, nullptr);
-    EXPECT_EQ(scoped, nullptr);
+    EXPECT_EQ(nullptr, entry);
+    EXPECT_EQ(nullptr, scoped);
 }
 
 TEST(Name2id, NewEntry)
 {
     name2id_entry *entry = name2id_entry_create("trust", 7);
-    EXPECT_STREQ(entry->name, "trust");
-    EXPECT_EQ(entry->id, 7U);
-    EXPECT_EQ(entry->id2, 0U);
-    EXPECT_EQ(entry->data, nullptr);
+    EXPECT_STREQ("trust", entry->name);
+    EXPECT_EQ(7U, entry->id);
+    EXPECT_EQ(0U, entry->id2);
+    EXPECT_EQ(nullptr, entry->data);
     EXPECT_TRUE(entry->data_free == std::free);
     std::free(entry);
     entry = name2id_entry_create2("trust", 3, 9);
-    EXPECT_EQ(entry->id, 3U);
-    EXPECT_EQ(entry->id2, 9U);
+    EXPECT_EQ(3U, entry->id);
+    EXPECT_EQ(9U, entry->id2);
     std::free(entry);
-    EXPECT_EQ(name2id_entry_create(nullptr, 1), nullptr);
+    EXPECT_EQ(nullptr, name2id_entry_create(nullptr, 1));
 }
 
 TEST(Name2id, FindsTheNewestOfEqualNames)
@@ -111,12 +111,12 @@ TEST(Name2id, FindsTheNewestOfEqualNames)
     add(table, "a", 1);
     add(table, "b", 2);
     name2id_entry *newest = add(table, "a", 3);
-    EXPECT_EQ(name2id(table->hashtbl, "a"), 3);
+    EXPECT_EQ(3, name2id(table->hashtbl, "a"));
     EXPECT_EQ(name2id_entry_find(table->hashtbl, "a"), newest);
-    EXPECT_EQ(name2id_entry_remove(table, newest), 0);
-    EXPECT_EQ(name2id(table->hashtbl, "a"), 1);
-    EXPECT_EQ(name2id(table->hashtbl, "c"), -1);
-    EXPECT_EQ(names(table), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(0, name2id_entry_remove(table, newest));
+    EXPECT_EQ(1, name2id(table->hashtbl, "a"));
+    EXPECT_EQ(-1, name2id(table->hashtbl, "c"));
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), names(table));
     name2id_tbl_destory(table);
 }
 
@@ -124,9 +124,9 @@ TEST(Name2id, LargeIdentifiersAndTheMissLookAlike)
 {
     name2id_tbl *table = name2id_tbl_create(2, 0);
     add(table, "all ones", 0xFFFFFFFF);
-    EXPECT_EQ(static_cast<unsigned>(name2id(table->hashtbl, "all ones")), 0xFFFFFFFFU);
-    EXPECT_EQ(static_cast<unsigned>(name2id(table->hashtbl, "none")), 0xFFFFFFFFU);
-    EXPECT_EQ(name2id(table->hashtbl, nullptr), -1);
+    EXPECT_EQ(0xFFFFFFFFU, static_cast<unsigned>(name2id(table->hashtbl, "all ones")));
+    EXPECT_EQ(0xFFFFFFFFU, static_cast<unsigned>(name2id(table->hashtbl, "none")));
+    EXPECT_EQ(-1, name2id(table->hashtbl, nullptr));
     name2id_tbl_destory(table);
 }
 
@@ -135,10 +135,10 @@ TEST(Name2id, NamesAreCutAt255)
     name2id_tbl *table = name2id_tbl_create(2, 0);
     std::string longer(300, 'x');
     name2id_entry *entry = add(table, longer.c_str(), 5);
-    EXPECT_EQ(std::strlen(entry->name), 255U);
-    EXPECT_EQ(name2id(table->hashtbl, longer.c_str()), -1);
-    EXPECT_EQ(name2id(table->hashtbl, longer.substr(0, 255).c_str()), 5);
-    EXPECT_EQ(name2id(table->hashtbl, longer.substr(0, 254).c_str()), -1);
+    EXPECT_EQ(255U, std::strlen(entry->name));
+    EXPECT_EQ(-1, name2id(table->hashtbl, longer.c_str()));
+    EXPECT_EQ(5, name2id(table->hashtbl, longer.substr(0, 255).c_str()));
+    EXPECT_EQ(-1, name2id(table->hashtbl, longer.substr(0, 254).c_str()));
     name2id_tbl_destory(table);
 }
 
@@ -148,9 +148,9 @@ TEST(Name2id, NullArguments)
     name2id_entry *entry = name2id_entry_create("a", 1);
     name2id_tbl hollow{};
     for (auto *call : {name2id_entry_insert, name2id_entry_remove, name2id_entry_insert2, name2id_entry_remove2}) {
-        EXPECT_EQ(call(nullptr, entry), -1);
-        EXPECT_EQ(call(&hollow, entry), -1);
-        EXPECT_EQ(call(table, nullptr), -1);
+        EXPECT_EQ(-1, call(nullptr, entry));
+        EXPECT_EQ(-1, call(&hollow, entry));
+        EXPECT_EQ(-1, call(table, nullptr));
     }
     std::free(entry);
     name2id_tbl_destory(table);
@@ -169,48 +169,48 @@ TEST(Name2id, ATableWithoutItsHashTableIsDestroyed)
         table->hashtbl = nullptr;
         name2id_entry *entry = name2id_entry_create("c", 3);
         for (auto *call : {name2id_entry_insert, name2id_entry_remove, name2id_entry_insert2, name2id_entry_remove2})
-            EXPECT_EQ(call(table, entry), -1);
+            EXPECT_EQ(-1, call(table, entry));
         std::free(entry);
         released.clear();
         destroy(table);
-        EXPECT_EQ(released, (std::vector<std::string>{"a", "b"}));
+        EXPECT_EQ((std::vector<std::string>{"a", "b"}), released);
     }
 }
 
 TEST(Name2id, NullNames)
 {
     name2id_tbl *table = name2id_tbl_create(2, 0);
-    EXPECT_EQ(name2id_entry_create(nullptr, 1), nullptr);
-    EXPECT_EQ(name2id_entry_create2(nullptr, 1, 1), nullptr);
-    EXPECT_EQ(name2id_entry_find(table->hashtbl, nullptr), nullptr);
-    EXPECT_EQ(name2id_entry_find2(table->hashtbl, nullptr, 0), nullptr);
-    EXPECT_EQ(name2id(table->hashtbl, nullptr), -1);
-    EXPECT_EQ(name2id2(table->hashtbl, nullptr, 0), -1);
-    EXPECT_EQ(name2id_comp(nullptr, nullptr), 0);
-    EXPECT_EQ(name2id_comp2(nullptr, nullptr), 0);
-    EXPECT_EQ(name2id_string_hash(nullptr, 3), 0U);
+    EXPECT_EQ(nullptr, name2id_entry_create(nullptr, 1));
+    EXPECT_EQ(nullptr, name2id_entry_create2(nullptr, 1, 1));
+    EXPECT_EQ(nullptr, name2id_entry_find(table->hashtbl, nullptr));
+    EXPECT_EQ(nullptr, name2id_entry_find2(table->hashtbl, nullptr, 0));
+    EXPECT_EQ(-1, name2id(table->hashtbl, nullptr));
+    EXPECT_EQ(-1, name2id2(table->hashtbl, nullptr, 0));
+    EXPECT_EQ(0, name2id_comp(nullptr, nullptr));
+    EXPECT_EQ(0, name2id_comp2(nullptr, nullptr));
+    EXPECT_EQ(0U, name2id_string_hash(nullptr, 3));
     name2id_tbl_destory(table);
 }
 
 TEST(Name2id, TheEmptyNameIsAName)
 {
     name2id_tbl *table = name2id_tbl_create(2, 0);
-    EXPECT_EQ(name2id(table->hashtbl, ""), -1);
+    EXPECT_EQ(-1, name2id(table->hashtbl, ""));
     name2id_entry *entry = add(table, "", 7);
-    EXPECT_EQ(entry->link.hash, 0U);
-    EXPECT_EQ(name2id(table->hashtbl, ""), 7);
+    EXPECT_EQ(0U, entry->link.hash);
+    EXPECT_EQ(7, name2id(table->hashtbl, ""));
     EXPECT_EQ(name2id_entry_find(table->hashtbl, ""), entry);
-    EXPECT_EQ(name2id(table->hashtbl, "a"), -1);
-    EXPECT_EQ(name2id_comp("", ""), 1);
-    EXPECT_EQ(name2id_comp("", "a"), 0);
-    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
-    EXPECT_EQ(name2id(table->hashtbl, ""), -1);
+    EXPECT_EQ(-1, name2id(table->hashtbl, "a"));
+    EXPECT_EQ(1, name2id_comp("", ""));
+    EXPECT_EQ(0, name2id_comp("", "a"));
+    EXPECT_EQ(0, name2id_entry_remove(table, entry));
+    EXPECT_EQ(-1, name2id(table->hashtbl, ""));
     name2id_tbl_destory(table);
 
     table = name2id_tbl_create2(2, 0);
     add2(table, "", 5, 50);
-    EXPECT_EQ(name2id2(table->hashtbl, "", 5), 50);
-    EXPECT_EQ(name2id2(table->hashtbl, "", 6), -1);
+    EXPECT_EQ(50, name2id2(table->hashtbl, "", 5));
+    EXPECT_EQ(-1, name2id2(table->hashtbl, "", 6));
     name2id_tbl_destory2(table);
 }
 
@@ -219,22 +219,22 @@ TEST(Name2id, HashTablesOfBothFamilies)
     for (auto *create : {create_name2id_hash_tbl, create_name2id_hash_tbl2}) {
         for (int flag : {0, 1, -3}) {
             hashtbl *index = create(3, flag);
-            ASSERT_NE(index, nullptr);
-            EXPECT_EQ(index->log_size, 3);
+            ASSERT_NE(nullptr, index);
+            EXPECT_EQ(3, index->log_size);
             EXPECT_EQ(index->link_offset, offsetof(name2id_entry, link));
             EXPECT_EQ(index->flag, flag != 0);
-            EXPECT_EQ(index->count, 0U);
+            EXPECT_EQ(0U, index->count);
             hashtbl_destroy(index);
         }
-        EXPECT_EQ(create(21, 0), nullptr);
+        EXPECT_EQ(nullptr, create(21, 0));
     }
     for (auto *create : {name2id_tbl_create, name2id_tbl_create2}) {
         name2id_tbl *table = create(3, 1);
-        EXPECT_EQ(table->hashtbl->flag, 1);
+        EXPECT_EQ(1, table->hashtbl->flag);
         EXPECT_EQ(table->hashtbl->link_offset, offsetof(name2id_entry, link));
         name2id_tbl_destory(table);
         table = create(3, 0);
-        EXPECT_EQ(table->hashtbl->flag, 0);
+        EXPECT_EQ(0, table->hashtbl->flag);
         name2id_tbl_destory2(table);
     }
 }
@@ -250,10 +250,10 @@ TEST(Name2id, RemoveReleasesData)
     plain->data = std::malloc(16); // for free(); the address sanitizer watches
     plain->data_free = nullptr;
     add(table, "none", 3)->data_free = release;
-    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
-    EXPECT_EQ(name2id_entry_remove(table, plain), 0);
-    EXPECT_EQ(name2id_entry_remove(table, table->first), 0);
-    EXPECT_EQ(released, std::vector<std::string>{"custom data"});
+    EXPECT_EQ(0, name2id_entry_remove(table, entry));
+    EXPECT_EQ(0, name2id_entry_remove(table, plain));
+    EXPECT_EQ(0, name2id_entry_remove(table, table->first));
+    EXPECT_EQ(std::vector<std::string>{"custom data"}, released);
     EXPECT_TRUE(names(table).empty());
     name2id_tbl_destory(table);
 }
@@ -269,7 +269,7 @@ TEST(Name2id, DestroyReleasesInOrderOfInsertion)
         entry->data_free = release;
     }
     name2id_tbl_destory(table);
-    EXPECT_EQ(released, (std::vector<std::string>{"1", "2", "3"}));
+    EXPECT_EQ((std::vector<std::string>{"1", "2", "3"}), released);
 }
 
 TEST(Name2id, DataFunctionsMayLookIntoTheTable)
@@ -281,14 +281,14 @@ TEST(Name2id, DataFunctionsMayLookIntoTheTable)
         entry->data = entry;
         entry->data_free = [](void *data) {
             found = name2id(table->hashtbl, static_cast<name2id_entry *>(data)->name);
-            EXPECT_EQ(name2id(table->hashtbl, "nothing"), -1);
+            EXPECT_EQ(-1, name2id(table->hashtbl, "nothing"));
         };
     }
     name2id_entry_remove(table, table->first->next);
-    EXPECT_EQ(found, -1);
-    EXPECT_EQ(name2id(table->hashtbl, "c"), 1);
+    EXPECT_EQ(-1, found);
+    EXPECT_EQ(1, name2id(table->hashtbl, "c"));
     name2id_tbl_destory(table);
-    EXPECT_EQ(found, -1);
+    EXPECT_EQ(-1, found);
 }
 
 TEST(Name2id, ForeignEntriesAreLeftAlone)
@@ -298,11 +298,11 @@ TEST(Name2id, ForeignEntriesAreLeftAlone)
     name2id_entry *loose = name2id_entry_create("a", 1);
     name2id_entry *theirs = add(other, "a", 2);
     add(table, "a", 3);
-    EXPECT_EQ(name2id_entry_remove(table, loose), 0);
-    EXPECT_EQ(name2id_entry_remove(table, theirs), 0);
-    EXPECT_EQ(names(table), std::vector<std::string>{"a"});
-    EXPECT_EQ(names(other), std::vector<std::string>{"a"});
-    EXPECT_EQ(name2id(other->hashtbl, "a"), 2);
+    EXPECT_EQ(0, name2id_entry_remove(table, loose));
+    EXPECT_EQ(0, name2id_entry_remove(table, theirs));
+    EXPECT_EQ(std::vector<std::string>{"a"}, names(table));
+    EXPECT_EQ(std::vector<std::string>{"a"}, names(other));
+    EXPECT_EQ(2, name2id(other->hashtbl, "a"));
     std::free(loose);
     name2id_tbl_destory(table);
     name2id_tbl_destory(other);
@@ -318,9 +318,9 @@ TEST(Name2id, AnEntryIsReleasedThoughTheHashTableForgotIt)
     entry->data = &released;
     entry->data_free = [](void *count) { ++*static_cast<int *>(count); };
     hashtbl_reset(table->hashtbl);
-    EXPECT_EQ(name2id_entry_remove(table, entry), 0);
-    EXPECT_EQ(released, 1);
-    EXPECT_STREQ(table->first->name, "b");
+    EXPECT_EQ(0, name2id_entry_remove(table, entry));
+    EXPECT_EQ(1, released);
+    EXPECT_STREQ("b", table->first->name);
     EXPECT_EQ(table->first->prev, &table->first);
     EXPECT_EQ(table->last, &table->first->next);
     name2id_tbl_destory(table);
@@ -333,9 +333,9 @@ TEST(Name2id, AnEntryWhoseKeyChangedLeavesItsOldChain)
     add2(table, "other", 1, 11);
     std::strcpy(entry->name, "after");
     entry->id = 77;
-    EXPECT_EQ(name2id_entry_remove2(table, entry), 0);
-    EXPECT_EQ(name2id2(table->hashtbl, "before", 1), -1);
-    EXPECT_EQ(names(table), std::vector<std::string>{"other"});
+    EXPECT_EQ(0, name2id_entry_remove2(table, entry));
+    EXPECT_EQ(-1, name2id2(table->hashtbl, "before", 1));
+    EXPECT_EQ(std::vector<std::string>{"other"}, names(table));
     name2id_tbl_destory2(table);
 }
 
@@ -344,31 +344,31 @@ TEST(Name2idScopes, ScopesAreIndependent)
     name2id_tbl *table = name2id_tbl_create2(3, 0);
     add2(table, "eth0", 1, 100);
     name2id_entry *second = add2(table, "eth0", 2, 200);
-    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 1), 100);
-    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 2), 200);
-    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 3), -1);
+    EXPECT_EQ(100, name2id2(table->hashtbl, "eth0", 1));
+    EXPECT_EQ(200, name2id2(table->hashtbl, "eth0", 2));
+    EXPECT_EQ(-1, name2id2(table->hashtbl, "eth0", 3));
     EXPECT_EQ(name2id_entry_find2(table->hashtbl, "eth0", 2), second);
     EXPECT_EQ(second->link.hash, name2id_string_hash("eth0", 4) ^ 2U);
-    EXPECT_EQ(name2id_entry_remove2(table, second), 0);
-    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 2), -1);
-    EXPECT_EQ(name2id2(table->hashtbl, "eth0", 1), 100);
+    EXPECT_EQ(0, name2id_entry_remove2(table, second));
+    EXPECT_EQ(-1, name2id2(table->hashtbl, "eth0", 2));
+    EXPECT_EQ(100, name2id2(table->hashtbl, "eth0", 1));
     name2id_tbl_destory2(table);
 }
 
 TEST(Name2id, Comparisons)
 {
-    EXPECT_EQ(name2id_comp("a", "a"), 1);
-    EXPECT_EQ(name2id_comp("a", "b"), 0);
-    EXPECT_EQ(name2id_comp(nullptr, "a"), 0);
-    EXPECT_EQ(name2id_comp("a", nullptr), 0);
+    EXPECT_EQ(1, name2id_comp("a", "a"));
+    EXPECT_EQ(0, name2id_comp("a", "b"));
+    EXPECT_EQ(0, name2id_comp(nullptr, "a"));
+    EXPECT_EQ(0, name2id_comp("a", nullptr));
     name2id_entry *entry = name2id_entry_create2("a", 5, 6);
     name2id_key2 same = {"a", 5}, other_scope = {"a", 6}, other_name = {"b", 5}, no_name = {nullptr, 5};
-    EXPECT_EQ(name2id_comp2(entry->name, &same), 1);
-    EXPECT_EQ(name2id_comp2(entry->name, &other_scope), 0);
-    EXPECT_EQ(name2id_comp2(entry->name, &other_name), 0);
-    EXPECT_EQ(name2id_comp2(entry->name, &no_name), 0);
-    EXPECT_EQ(name2id_comp2(entry->name, nullptr), 0);
-    EXPECT_EQ(name2id_comp2(nullptr, &same), 0);
+    EXPECT_EQ(1, name2id_comp2(entry->name, &same));
+    EXPECT_EQ(0, name2id_comp2(entry->name, &other_scope));
+    EXPECT_EQ(0, name2id_comp2(entry->name, &other_name));
+    EXPECT_EQ(0, name2id_comp2(entry->name, &no_name));
+    EXPECT_EQ(0, name2id_comp2(entry->name, nullptr));
+    EXPECT_EQ(0, name2id_comp2(nullptr, &same));
     std::free(entry);
     EXPECT_EQ(name2id_string_hash("trust", 5), qv_string_hash("trust", 5));
 }
@@ -387,7 +387,7 @@ TEST(Name2id, Model)
                 same.push_back(add2(table, name.c_str(), scope, static_cast<unsigned>(i)));
             } else if (!same.empty()) {
                 std::size_t which = random() % same.size();
-                ASSERT_EQ(name2id_entry_remove2(table, same[which]), 0);
+                ASSERT_EQ(0, name2id_entry_remove2(table, same[which]));
                 same.erase(same.begin() + static_cast<std::ptrdiff_t>(which));
             }
             ASSERT_EQ(name2id_entry_find2(table->hashtbl, name.c_str(), scope), same.empty() ? nullptr : same.back());

@@ -77,9 +77,9 @@ TEST(StringHash, Values)
 
 TEST(StringHash, NothingHashesToZero)
 {
-    EXPECT_EQ(qv_string_hash(nullptr, 5), 0U);
-    EXPECT_EQ(qv_string_hash("abc", 0), 0U);
-    EXPECT_EQ(qv_string_hash("abc", -1), 0U);
+    EXPECT_EQ(0U, qv_string_hash(nullptr, 5));
+    EXPECT_EQ(0U, qv_string_hash("abc", 0));
+    EXPECT_EQ(0U, qv_string_hash("abc", -1));
 }
 
 TEST(HashData, Values)
@@ -92,9 +92,9 @@ TEST(HashData, Values)
 
 TEST(HashData, NothingHashesToZero)
 {
-    EXPECT_EQ(qv_hash_data(nullptr, 5, 0), 0U);
-    EXPECT_EQ(qv_hash_data("abc", 0, 7), 0U);
-    EXPECT_EQ(qv_hash_data("abc", -3, 7), 0U);
+    EXPECT_EQ(0U, qv_hash_data(nullptr, 5, 0));
+    EXPECT_EQ(0U, qv_hash_data("abc", 0, 7));
+    EXPECT_EQ(0U, qv_hash_data("abc", -3, 7));
 }
 
 TEST(HashData, DiffersFromTheStringHashOnlyInALoneHighByteAtTheEnd)
@@ -120,7 +120,7 @@ TEST(HashUint32, Values)
 {
     for (const Number &number : kNumbers) {
         EXPECT_EQ(qv_hash_uint32(number.value, 0), number.hash);
-        EXPECT_EQ(qv_hash_uint32(number.value, 1), 0U);
+        EXPECT_EQ(0U, qv_hash_uint32(number.value, 1));
         EXPECT_EQ(qv_hash_uint32(number.value, 4099), number.hash % 4099);
     }
 }
@@ -158,15 +158,15 @@ TEST(HashMac, FoldsThreeWords)
 {
     const unsigned char mac[6] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC};
     // 0x3412 ^ 0x7856 ^ 0xBC9A = 0xF0DE, and 0xF0DE ^ 0x00F0
-    EXPECT_EQ(qv_hash_mac(mac, 0), 0xF02EU);
+    EXPECT_EQ(0xF02EU, qv_hash_mac(mac, 0));
     EXPECT_EQ(qv_hash_mac(mac, 100), 0xF02EU % 100);
     Unaligned copy;
-    EXPECT_EQ(qv_hash_mac(copy.put(mac, 6), 0), 0xF02EU);
+    EXPECT_EQ(0xF02EU, qv_hash_mac(copy.put(mac, 6), 0));
 }
 
 TEST(Log2, FollowsItsTable)
 {
-    EXPECT_EQ(qv_hashtbl_get_log2(0), 1);
+    EXPECT_EQ(1, qv_hashtbl_get_log2(0));
     for (int k = 0; k < 32; k++) {
         int expected = k <= 4 ? k + 1 : k <= 9 ? k : k <= 14 ? k - 1 : k <= 19 ? k - 2 : k <= 24 ? k - 4 : k + 1;
         EXPECT_EQ(qv_hashtbl_get_log2(1U << k), expected) << k;
@@ -176,7 +176,7 @@ TEST(Log2, FollowsItsTable)
 
 TEST(Log2, IsNotMonotonic)
 {
-    EXPECT_EQ(qv_hashtbl_get_log2(1U << 19), 17);
-    EXPECT_EQ(qv_hashtbl_get_log2(1U << 20), 16);
-    EXPECT_EQ(qv_hashtbl_get_log2(1U << 25), 26);
+    EXPECT_EQ(17, qv_hashtbl_get_log2(1U << 19));
+    EXPECT_EQ(16, qv_hashtbl_get_log2(1U << 20));
+    EXPECT_EQ(26, qv_hashtbl_get_log2(1U << 25));
 }

@@ -110,10 +110,10 @@ void depths(const rb_node *node, int depth, int &least, int &most)
 TEST(RbTree, AnEmptyTree)
 {
     rb_root tree = {};
-    EXPECT_EQ(rb_first(&tree), nullptr);
-    EXPECT_EQ(rb_last(&tree), nullptr);
-    EXPECT_EQ(rb_first_postorder(&tree), nullptr);
-    EXPECT_EQ(rb_next_postorder(nullptr), nullptr);
+    EXPECT_EQ(nullptr, rb_first(&tree));
+    EXPECT_EQ(nullptr, rb_last(&tree));
+    EXPECT_EQ(nullptr, rb_first_postorder(&tree));
+    EXPECT_EQ(nullptr, rb_next_postorder(nullptr));
 }
 
 TEST(RbTree, ASingleNode)
@@ -122,15 +122,15 @@ TEST(RbTree, ASingleNode)
     item x;
     insert(tree, x);
     EXPECT_EQ(tree.node, &x.node);
-    EXPECT_EQ(x.node.parent_color, 1U) << "no parent, black";
+    EXPECT_EQ(1U, x.node.parent_color) << "no parent, black";
     EXPECT_EQ(rb_first(&tree), &x.node);
     EXPECT_EQ(rb_last(&tree), &x.node);
-    EXPECT_EQ(rb_next(&x.node), nullptr);
-    EXPECT_EQ(rb_prev(&x.node), nullptr);
+    EXPECT_EQ(nullptr, rb_next(&x.node));
+    EXPECT_EQ(nullptr, rb_prev(&x.node));
     EXPECT_EQ(rb_first_postorder(&tree), &x.node);
-    EXPECT_EQ(rb_next_postorder(&x.node), nullptr);
+    EXPECT_EQ(nullptr, rb_next_postorder(&x.node));
     rb_erase(&x.node, &tree);
-    EXPECT_EQ(tree.node, nullptr);
+    EXPECT_EQ(nullptr, tree.node);
 }
 
 TEST(RbTree, ANodeThatIsItsOwnParentIsInNoTree)
@@ -139,10 +139,10 @@ TEST(RbTree, ANodeThatIsItsOwnParentIsInNoTree)
     x.node.parent_color = reinterpret_cast<std::uintptr_t>(&x.node);
     item y;
     x.node.left = x.node.right = &y.node;
-    EXPECT_EQ(rb_next(&x.node), nullptr);
-    EXPECT_EQ(rb_prev(&x.node), nullptr);
+    EXPECT_EQ(nullptr, rb_next(&x.node));
+    EXPECT_EQ(nullptr, rb_prev(&x.node));
     x.node.parent_color |= 1;
-    EXPECT_EQ(rb_next(&x.node), nullptr);
+    EXPECT_EQ(nullptr, rb_next(&x.node));
 }
 
 TEST(RbTree, AscendingKeys)
@@ -155,7 +155,7 @@ TEST(RbTree, AscendingKeys)
         ASSERT_TRUE(is_sound(tree));
     }
     std::vector<int> keys = forward(tree);
-    ASSERT_EQ(keys.size(), 1000U);
+    ASSERT_EQ(1000U, keys.size());
     EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end()));
     int least = 1000, most = 0;
     depths(tree.node, 0, least, most);
@@ -193,10 +193,10 @@ TEST(RbTree, RotationsKeepTheOrder)
     EXPECT_EQ(tree.node, &items[2].node);
     EXPECT_EQ(items[2].node.left, &items[1].node);
     EXPECT_EQ(parent_of(&items[1].node), &items[2].node);
-    EXPECT_EQ(forward(tree), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), forward(tree));
     __rb_rotate_right(&items[2].node, &tree);
     EXPECT_EQ(tree.node, &items[1].node);
-    EXPECT_EQ(forward(tree), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), forward(tree));
     EXPECT_TRUE(is_sound(tree)) << "colours do not rotate";
 }
 
@@ -234,7 +234,7 @@ TEST(RbTree, PostOrderGivesChildrenBeforeParents)
         std::map<const rb_node *, int> seen;
         const rb_node *last = nullptr;
         for (rb_node *node = rb_first_postorder(&tree); node != nullptr; node = rb_next_postorder(node)) {
-            EXPECT_EQ(++seen[node], 1);
+            EXPECT_EQ(1, ++seen[node]);
             EXPECT_TRUE(node->left == nullptr || seen.count(node->left) == 1);
             EXPECT_TRUE(node->right == nullptr || seen.count(node->right) == 1);
             last = node;
@@ -259,7 +259,7 @@ TEST(RbTree, PostOrderOfAWholeTreeCanBeFreed)
         delete &item_of(node);
         freed++;
     }
-    EXPECT_EQ(freed, 100);
+    EXPECT_EQ(100, freed);
 }
 
 TEST(RbTree, ErasingMovesNoNode)
@@ -360,21 +360,21 @@ TEST(RbTreeView, FindsWalksAndErases)
         EXPECT_EQ(x.key, expected);
         expected += 2;
     }
-    EXPECT_EQ(tree.find(42)->key, 42);
-    EXPECT_EQ(tree.find(43), nullptr);
-    EXPECT_EQ(tree.lower_bound(43)->key, 44);
-    EXPECT_EQ(tree.lower_bound(198)->key, 198);
-    EXPECT_EQ(tree.lower_bound(199), nullptr);
-    EXPECT_EQ((--tree.end())->key, 198);
+    EXPECT_EQ(42, tree.find(42)->key);
+    EXPECT_EQ(nullptr, tree.find(43));
+    EXPECT_EQ(44, tree.lower_bound(43)->key);
+    EXPECT_EQ(198, tree.lower_bound(198)->key);
+    EXPECT_EQ(nullptr, tree.lower_bound(199));
+    EXPECT_EQ(198, (--tree.end())->key);
     tree.erase(*tree.find(42));
-    EXPECT_EQ(tree.find(42), nullptr);
+    EXPECT_EQ(nullptr, tree.find(42));
     EXPECT_TRUE(is_sound(*tree.get()));
     const auto &fixed = tree;
-    EXPECT_EQ(std::distance(fixed.begin(), fixed.end()), 99);
+    EXPECT_EQ(99, std::distance(fixed.begin(), fixed.end()));
 
     auto moved = std::move(tree);
     int released = 0;
     moved.clear([&](item &) { released++; });
-    EXPECT_EQ(released, 99);
+    EXPECT_EQ(99, released);
     EXPECT_TRUE(moved.empty());
 }

@@ -54,11 +54,11 @@ TEST(Simphash, SizeIsTakenModulo32)
     for (auto [log_size, mask] :
          {std::pair{0U, 0U}, {1U, 1U}, {10U, 1023U}, {32U, 0U}, {33U, 1U}, {0xFFFFFFE4U, 15U}}) {
         simphash *table = simphash_create(log_size);
-        ASSERT_NE(table, nullptr);
+        ASSERT_NE(nullptr, table);
         EXPECT_EQ(table->log_size, log_size);
         EXPECT_EQ(table->mask, mask);
         for (std::size_t i = 0; i <= mask; i++)
-            EXPECT_EQ(table->buckets[i], nullptr);
+            EXPECT_EQ(nullptr, table->buckets[i]);
         destroy(table);
     }
 }
@@ -70,7 +70,7 @@ TEST(Simphash, TheLargestSizeFailsCleanlyWhereMemoryIsShort)
     ChildResult result = run_child([] {
         rlimit limit = {std::size_t{1} << 32, std::size_t{1} << 32};
         ::setrlimit(RLIMIT_AS, &limit);
-        EXPECT_EQ(simphash_create(31), nullptr);
+        EXPECT_EQ(nullptr, simphash_create(31));
         ::_exit(testing::Test::HasFailure());
     });
     EXPECT_TRUE(result.exited(0));
@@ -84,14 +84,14 @@ TEST(Simphash, FailedAllocationsAreReported)
         allocations_left = 0;
         simphash *made = simphash_create(2);
         allocations_left = -1;
-        EXPECT_EQ(made, nullptr);
+        EXPECT_EQ(nullptr, made);
     });
     EXPECT_THAT(said, testing::MatchesRegex("\\[..:..:..\\] Error: simphash:41: Can not allocate simple hash table\n"));
     said = capture_stderr([&] {
         allocations_left = 1;
         simphash *made = simphash_create(2);
         allocations_left = -1;
-        EXPECT_EQ(made, nullptr);
+        EXPECT_EQ(nullptr, made);
     });
     EXPECT_THAT(said, testing::MatchesRegex(
                           "\\[..:..:..\\] Error: simphash:47: Can not allocate simple hash table pointers\n"));
@@ -99,11 +99,11 @@ TEST(Simphash, FailedAllocationsAreReported)
         allocations_left = 0;
         int result = simphash_insert(table, 0, 1);
         allocations_left = -1;
-        EXPECT_EQ(result, -1);
+        EXPECT_EQ(-1, result);
     });
     EXPECT_THAT(said,
                 testing::MatchesRegex("\\[..:..:..\\] Error: simphash:69: insert_simphash: can not allocate memory\n"));
-    EXPECT_EQ(find(table, 0, 1), 0U);
+    EXPECT_EQ(0U, find(table, 0, 1));
     destroy(table);
 }
 
@@ -111,9 +111,9 @@ TEST(Simphash, RemovingWhatIsNotThereIsReported)
 {
     simphash *table = simphash_create(2);
     __qv_print_val = 7;
-    EXPECT_THAT(capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }),
+    EXPECT_THAT(capture_stderr([&] { EXPECT_EQ(0U, take(table, 3, 1)); }),
                 testing::MatchesRegex("\\[..:..:..\\] Error: simphash:99: remove_simphash: not found\n"));
-    EXPECT_EQ(__qv_print_val, 0);
+    EXPECT_EQ(0, __qv_print_val);
     destroy(table);
 }
 
@@ -122,10 +122,10 @@ TEST(Simphash, ReportsNeedTheErrorLevel)
     simphash *table = simphash_create(2);
     __qv_debug_level = 1;
     __qv_print_val = 7;
-    EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }), "");
-    EXPECT_EQ(__qv_print_val, 7);
+    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }));
+    EXPECT_EQ(7, __qv_print_val);
     __qv_debug_level = 2;
-    EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(find(table, 3, 1), 0U); }), "") << "a lookup says nothing";
+    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(find(table, 3, 1), 0U); })) << "a lookup says nothing";
     destroy(table);
 }
 
@@ -133,11 +133,11 @@ TEST(Simphash, FindsWhatWasInserted)
 {
     simphash *table = simphash_create(4);
     for (std::uintptr_t value = 1; value <= 100; value++)
-        EXPECT_EQ(simphash_insert(table, static_cast<unsigned>(value * 7), value), 0);
+        EXPECT_EQ(0, simphash_insert(table, static_cast<unsigned>(value * 7), value));
     for (std::uintptr_t value = 1; value <= 100; value++)
         EXPECT_EQ(find(table, static_cast<unsigned>(value * 7), value), value);
-    EXPECT_EQ(find(table, 8, 1), 0U) << "another bucket";
-    EXPECT_EQ(find(table, 7 + 16, 1), 1U) << "the same bucket by another hash";
+    EXPECT_EQ(0U, find(table, 8, 1)) << "another bucket";
+    EXPECT_EQ(1U, find(table, 7 + 16, 1)) << "the same bucket by another hash";
     destroy(table);
 }
 
@@ -146,12 +146,12 @@ TEST(Simphash, TheLastOfSeveralMatchesComesFirst)
     simphash *table = simphash_create(0);
     for (std::uintptr_t value : {11U, 12U, 20U, 13U})
         simphash_insert(table, 5, value);
-    EXPECT_EQ(find(table, 0, 10, same_tens), 13U);
-    EXPECT_EQ(take(table, 0, 10, same_tens), 13U);
-    EXPECT_EQ(take(table, 0, 10, same_tens), 12U) << "from the middle";
-    EXPECT_EQ(take(table, 0, 10, same_tens), 11U);
-    EXPECT_EQ(find(table, 0, 10, same_tens), 0U);
-    EXPECT_EQ(find(table, 0, 20, same_tens), 20U);
+    EXPECT_EQ(13U, find(table, 0, 10, same_tens));
+    EXPECT_EQ(13U, take(table, 0, 10, same_tens));
+    EXPECT_EQ(12U, take(table, 0, 10, same_tens)) << "from the middle";
+    EXPECT_EQ(11U, take(table, 0, 10, same_tens));
+    EXPECT_EQ(0U, find(table, 0, 10, same_tens));
+    EXPECT_EQ(20U, find(table, 0, 20, same_tens));
     destroy(table);
 }
 
@@ -162,11 +162,11 @@ TEST(Simphash, LinksPointBack)
         simphash_insert(table, 0, value);
     take(table, 0, 2);
     simphash_entry *first = table->buckets[0];
-    EXPECT_EQ(first->value, 3U);
+    EXPECT_EQ(3U, first->value);
     EXPECT_EQ(first->pprev, &table->buckets[0]);
-    EXPECT_EQ(first->next->value, 1U);
+    EXPECT_EQ(1U, first->next->value);
     EXPECT_EQ(first->next->pprev, &first->next);
-    EXPECT_EQ(first->next->next, nullptr);
+    EXPECT_EQ(nullptr, first->next->next);
     destroy(table);
 }
 
@@ -185,7 +185,7 @@ TEST(SimphashModel, RandomWorkAgreesWithLists)
             std::uintptr_t expected = place != bucket.end() ? *place : 0;
             switch (random() % (bucket.size() > 20 ? 8 : 3)) {
             case 0:
-                ASSERT_EQ(simphash_insert(table, hash, value), 0);
+                ASSERT_EQ(0, simphash_insert(table, hash, value));
                 bucket.push_front(value);
                 break;
             case 1:

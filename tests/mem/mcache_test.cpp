@@ -26,7 +26,6 @@ namespace {
 // ---- the memory format, as others read it ----
 
 constexpr std::uint64_t kMagic = 0xa68f25e04b37d14c;
-constexpr std::uint64_t kGuard = 0xdeaddeaddeaddead;
 
 struct page_record {
     std::uint64_t magic;
@@ -69,13 +68,11 @@ std::vector<page_record *> pages(mcache_page *first)
 {
     std::vector<page_record *> result;
     for (page_record *page = as_page(first), *before = nullptr; page != nullptr; before = page, page = page->next) {
-        EXPECT_EQ(page->prev, before);
+        EXPECT_EQ(before, page->prev);
         result.push_back(page);
     }
     return result;
 }
-
-// ---- memory as the tests tell it ----
 
 } // namespace
 
@@ -85,28 +82,28 @@ TEST(McacheCreate, SetsItsFields)
 {
     mcache *cache = mcache_create("a name that is very much longer than the sixty-three characters it gets", 20,
                                   reinterpret_cast<void *>(1), 0x81, 3);
-    ASSERT_NE(cache, nullptr);
-    EXPECT_STREQ(cache->name, "a name that is very much longer than the sixty-three characters");
-    EXPECT_EQ(cache->obj_size, 24U);
-    EXPECT_EQ(cache->slot_size, 32U);
-    EXPECT_EQ(cache->page_units, 3U);
-    EXPECT_EQ(cache->objs_per_page, (3U * 8192 - 40) / 40);
+    ASSERT_NE(nullptr, cache);
+    EXPECT_STREQ("a name that is very much longer than the sixty-three characters", cache->name);
+    EXPECT_EQ(24U, cache->obj_size);
+    EXPECT_EQ(32U, cache->slot_size);
+    EXPECT_EQ(3U, cache->page_units);
+    EXPECT_EQ((3U * 8192 - 40) / 40, cache->objs_per_page);
     EXPECT_EQ(cache->objs_per_slab, cache->objs_per_page);
-    EXPECT_EQ(cache->flags, 0xC1U);
-    EXPECT_EQ(cache->in_use, 0U);
-    EXPECT_EQ(cache->page_count, 0U);
-    EXPECT_EQ(cache->full_pages, nullptr);
-    EXPECT_EQ(cache->partial_head, nullptr);
-    EXPECT_EQ(cache->partial_tail, nullptr);
-    EXPECT_EQ(cache->spare_page, nullptr);
+    EXPECT_EQ(0xC1U, cache->flags);
+    EXPECT_EQ(0U, cache->in_use);
+    EXPECT_EQ(0U, cache->page_count);
+    EXPECT_EQ(nullptr, cache->full_pages);
+    EXPECT_EQ(nullptr, cache->partial_head);
+    EXPECT_EQ(nullptr, cache->partial_tail);
+    EXPECT_EQ(nullptr, cache->spare_page);
 }
 
 TEST(McacheCreate, SizesOnBothSidesOfTheLimits)
 {
     mcache *one = mcache_create("one", 1, nullptr, 0, 1);
-    ASSERT_NE(one, nullptr);
-    EXPECT_EQ(one->obj_size, 8U);
-    EXPECT_EQ(one->objs_per_page, 339U);
+    ASSERT_NE(nullptr, one);
+    EXPECT_EQ(8U, one->obj_size);
+    EXPECT_EQ(339U, one->objs_per_page);
     struct {
         unsigned size;
         int units;
@@ -117,24 +114,24 @@ TEST(McacheCreate, SizesOnBothSidesOfTheLimits)
                  {8, INT32_MIN, false}, {0, 1, true}};
     for (const auto &c : cases)
         EXPECT_EQ(mcache_create("x", c.size, nullptr, 0, c.units) != nullptr, c.good) << c.size << " in " << c.units;
-    EXPECT_EQ(mcache_create("x", 8, nullptr, 0, 17)->page_units, 16U);
-    EXPECT_EQ(mcache_create("x", 8, nullptr, 0, 0)->page_units, 1U);
+    EXPECT_EQ(16U, mcache_create("x", 8, nullptr, 0, 17)->page_units);
+    EXPECT_EQ(1U, mcache_create("x", 8, nullptr, 0, 0)->page_units);
 }
 
 TEST(McacheCreate, SizesNearTheEndOf32BitsAreRefused)
 {
     for (unsigned size = 0xFFFFFFF0; size != 0; size++)
-        EXPECT_EQ(mcache_create("x", size, nullptr, 0, 16), nullptr) << size;
+        EXPECT_EQ(nullptr, mcache_create("x", size, nullptr, 0, 16)) << size;
 }
 
-TEST(McacheCreate, TheSpareFlagGoesByTheSlotSize)
+TEST(McacheCreate, TheSlotSizeDecidesTheSpareFlag)
 {
-    EXPECT_EQ(mcache_create("x", 8128, nullptr, 0, 1)->flags, 0x40U) << "a slot of 8136";
-    EXPECT_EQ(mcache_create("x", 8136, nullptr, 0x43, 1)->flags, 0x03U) << "a slot of 8144";
-    EXPECT_EQ(mcache_create("x", 8136, nullptr, 0x40, 2)->flags, 0U);
+    EXPECT_EQ(0x40U, mcache_create("x", 8128, nullptr, 0, 1)->flags) << "a slot of 8136";
+    EXPECT_EQ(0x03U, mcache_create("x", 8136, nullptr, 0x43, 1)->flags) << "a slot of 8144";
+    EXPECT_EQ(0U, mcache_create("x", 8136, nullptr, 0x40, 2)->flags);
 }
 
-TEST(McacheCreate, TheListHoldsAllTheNewestFirst)
+TEST(McacheCreate, TheListHoldsAllCachesNewestFirst)
 {
     mcache *before = zlist;
     mcache *a = mcache_create("a", 8, nullptr, 0, 1);
@@ -142,11 +139,11 @@ TEST(McacheCreate, TheListHoldsAllTheNewestFirst)
     EXPECT_EQ(zlist, b);
     EXPECT_EQ(b->next_cache, a);
     EXPECT_EQ(a->next_cache, before);
-    EXPECT_EQ(mcache_create("x", 8, nullptr, 0, -1), nullptr);
-    EXPECT_EQ(zlist, b) << "a refused one is in no list";
+    EXPECT_EQ(nullptr, mcache_create("x", 8, nullptr, 0, -1));
+    EXPECT_EQ(zlist, b) << "a cache that is refused is in no list";
 }
 
-TEST(McacheCreate, ThreadsLoseNoneFromTheList)
+TEST(McacheCreate, CachesMadeByManyThreadsAreAllListed)
 {
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; i++)
@@ -159,15 +156,15 @@ TEST(McacheCreate, ThreadsLoseNoneFromTheList)
     int count = 0;
     for (mcache *cache = zlist; cache != nullptr; cache = cache->next_cache)
         count++;
-    EXPECT_EQ(count, 800);
+    EXPECT_EQ(800, count);
 }
 
-TEST(McacheCreate, WithoutMemoryThereIsNone)
+TEST(McacheCreate, FailsWithoutMemory)
 {
     allocations_left = 0;
     mcache *cache = mcache_create("x", 8, nullptr, 0, 1);
     allocations_left = -1;
-    EXPECT_EQ(cache, nullptr);
+    EXPECT_EQ(nullptr, cache);
 }
 
 // ---- pages ----
@@ -177,42 +174,42 @@ TEST(McachePages, AFreshPageIsLaidOutInOrder)
     mcache *cache = mcache_create("layout", 20, nullptr, 0, 2);
     auto *first = static_cast<char *>(mcache_alloc(cache));
     page_record *page = page_of(first);
-    EXPECT_EQ(page->magic, kMagic);
+    EXPECT_EQ(kMagic, page->magic);
     EXPECT_EQ(page->free_count, cache->objs_per_page - 1);
-    EXPECT_EQ(offset_of(first), 48U);
-    EXPECT_EQ(flags_of(first), 1U);
-    EXPECT_EQ(guard_of(cache, first), kGuard);
+    EXPECT_EQ(48U, offset_of(first));
+    EXPECT_EQ(1U, flags_of(first));
+    EXPECT_EQ(MCACHE_GUARD, guard_of(cache, first));
     char *object = page->free_head;
     for (std::uint32_t i = 1; i < cache->objs_per_page; i++) {
         ASSERT_EQ(object, first + i * 40);
         ASSERT_EQ(offset_of(object), 48 + i * 40);
-        ASSERT_EQ(flags_of(object), 0U);
-        ASSERT_EQ(guard_of(cache, object), kGuard);
+        ASSERT_EQ(0U, flags_of(object));
+        ASSERT_EQ(MCACHE_GUARD, guard_of(cache, object));
         object = *reinterpret_cast<char **>(object);
     }
-    EXPECT_EQ(object, nullptr);
+    EXPECT_EQ(nullptr, object);
 }
 
-TEST(McachePages, OnlyBit0OfASlotsFlagsIsTheCachesOwn)
+TEST(McachePages, OnlyBit0OfASlotsFlagsIsChanged)
 {
     mcache *cache = mcache_create("flags", 16, nullptr, 0, 1);
     void *keeper = mcache_alloc(cache), *object = mcache_alloc(cache);
-    EXPECT_EQ(flags_of(object), 1U);
+    EXPECT_EQ(1U, flags_of(object));
     flags_of(object) |= 0x80000006;
     mcache_free(cache, object);
-    EXPECT_EQ(flags_of(object), 0x80000006U) << "only the allocated bit is cleared";
+    EXPECT_EQ(0x80000006U, flags_of(object)) << "only the allocated bit is cleared";
     EXPECT_EQ(mcache_alloc(cache), object);
-    EXPECT_EQ(flags_of(object), 0x80000007U) << "and set";
+    EXPECT_EQ(0x80000007U, flags_of(object)) << "and set";
     mcache_free(cache, object);
     mcache_free(cache, keeper);
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(0U, cache->in_use);
 }
 
 TEST(McachePages, PagesNameTheirCache)
 {
     mcache *a = mcache_create("a", 16, nullptr, 0, 1), *b = mcache_create("b", 16, nullptr, 0, 1);
     EXPECT_NE(a->id, b->id);
-    EXPECT_NE(a->id, 0U);
+    EXPECT_NE(0U, a->id);
     void *of_a = mcache_alloc(a), *of_b = mcache_alloc(b);
     EXPECT_EQ(page_of(of_a)->owner, a->id);
     EXPECT_EQ(page_of(of_b)->owner, b->id);
@@ -224,41 +221,41 @@ TEST(McachePages, PagesNameTheirCache)
 TEST(McachePages, MoveBetweenTheLists)
 {
     mcache *cache = mcache_create("move", 2000, nullptr, 0, 1); // four objects a page
-    ASSERT_EQ(cache->objs_per_page, 4U);
+    ASSERT_EQ(4U, cache->objs_per_page);
     std::vector<void *> objects;
     for (int i = 0; i < 12; i++)
         objects.push_back(mcache_alloc(cache));
     page_record *a = page_of(objects[0]), *b = page_of(objects[4]), *c = page_of(objects[8]);
-    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{c, b, a})) << "the last to fill comes first";
-    EXPECT_EQ(cache->partial_head, nullptr);
-    EXPECT_EQ(cache->partial_tail, nullptr);
-    EXPECT_EQ(cache->page_count, 4U) << "with the spare";
-    EXPECT_EQ(cache->in_use, 12U);
+    EXPECT_EQ((std::vector<page_record *>{c, b, a}), pages(cache->full_pages)) << "the last to fill comes first";
+    EXPECT_EQ(nullptr, cache->partial_head);
+    EXPECT_EQ(nullptr, cache->partial_tail);
+    EXPECT_EQ(4U, cache->page_count) << "with the spare";
+    EXPECT_EQ(12U, cache->in_use);
 
     mcache_free(cache, objects[5]); // from the middle of the full pages
-    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{c, a}));
-    mcache_free(cache, objects[0]); // from their end
-    mcache_free(cache, objects[9]); // and the last one
-    EXPECT_EQ(cache->full_pages, nullptr);
-    EXPECT_EQ(pages(cache->partial_head), (std::vector<page_record *>{b, a, c})) << "in the order of their first frees";
+    EXPECT_EQ((std::vector<page_record *>{c, a}), pages(cache->full_pages));
+    mcache_free(cache, objects[0]); // from the end of the list
+    mcache_free(cache, objects[9]); // and from its start
+    EXPECT_EQ(nullptr, cache->full_pages);
+    EXPECT_EQ((std::vector<page_record *>{b, a, c}), pages(cache->partial_head)) << "in the order of their first frees";
     EXPECT_EQ(as_page(cache->partial_tail), c);
 
-    EXPECT_EQ(mcache_alloc(cache), objects[5]) << "allocation draws from the head";
-    EXPECT_EQ(pages(cache->partial_head), (std::vector<page_record *>{a, c}));
+    EXPECT_EQ(mcache_alloc(cache), objects[5]) << "objects are allocated from the first page";
+    EXPECT_EQ((std::vector<page_record *>{a, c}), pages(cache->partial_head));
     EXPECT_EQ(as_page(cache->full_pages), b);
 
     for (int i : {1, 2, 3})
         mcache_free(cache, objects[static_cast<std::size_t>(i)]);
-    EXPECT_EQ(pages(cache->partial_head), std::vector<page_record *>{c}) << "an empty page goes at once";
-    EXPECT_EQ(cache->page_count, 3U);
+    EXPECT_EQ(std::vector<page_record *>{c}, pages(cache->partial_head)) << "an empty page is freed at once";
+    EXPECT_EQ(3U, cache->page_count);
     for (int i : {8, 10, 11})
         mcache_free(cache, objects[static_cast<std::size_t>(i)]);
-    EXPECT_EQ(cache->partial_head, nullptr);
-    EXPECT_EQ(cache->partial_tail, nullptr);
+    EXPECT_EQ(nullptr, cache->partial_head);
+    EXPECT_EQ(nullptr, cache->partial_tail);
     for (int i : {4, 5, 6, 7})
         mcache_free(cache, objects[static_cast<std::size_t>(i)]);
-    EXPECT_EQ(cache->page_count, 1U) << "the spare stays";
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(1U, cache->page_count) << "the spare stays";
+    EXPECT_EQ(0U, cache->in_use);
 }
 
 TEST(McachePages, FreedObjectsComeBackFirst)
@@ -270,7 +267,7 @@ TEST(McachePages, FreedObjectsComeBackFirst)
     EXPECT_EQ(mcache_alloc(cache), c);
     EXPECT_EQ(mcache_alloc(cache), a);
     mcache_free(cache, nullptr);
-    EXPECT_EQ(cache->in_use, 3U);
+    EXPECT_EQ(3U, cache->in_use);
     mcache_free(cache, b);
 }
 
@@ -278,48 +275,48 @@ TEST(McachePages, OneObjectAPage)
 {
     mcache *cache = mcache_create("large", 8136, nullptr, 0, 0);
     void *a = mcache_alloc(cache), *b = mcache_alloc(cache);
-    EXPECT_EQ(cache->page_count, 2U) << "without a spare";
-    EXPECT_EQ(cache->spare_page, nullptr);
-    EXPECT_EQ(pages(cache->full_pages), (std::vector<page_record *>{page_of(b), page_of(a)}));
+    EXPECT_EQ(2U, cache->page_count) << "without a spare";
+    EXPECT_EQ(nullptr, cache->spare_page);
+    EXPECT_EQ((std::vector<page_record *>{page_of(b), page_of(a)}), pages(cache->full_pages));
     page_record *left = page_of(b);
     mcache_free(cache, a); // not the head of the full pages
-    EXPECT_EQ(pages(cache->full_pages), std::vector<page_record *>{left});
-    EXPECT_EQ(cache->partial_head, nullptr);
+    EXPECT_EQ(std::vector<page_record *>{left}, pages(cache->full_pages));
+    EXPECT_EQ(nullptr, cache->partial_head);
     mcache_free(cache, b);
-    EXPECT_EQ(cache->full_pages, nullptr);
-    EXPECT_EQ(cache->page_count, 0U);
+    EXPECT_EQ(nullptr, cache->full_pages);
+    EXPECT_EQ(0U, cache->page_count);
 }
 
-TEST(McachePages, TheSpareIsTakenWhenMemoryRunsOut)
+TEST(McachePages, TheSpareIsUsedWhenMemoryRunsOut)
 {
     mcache *cache = mcache_create("spare", 4000, nullptr, 0, 1); // two objects a page
     mcache_alloc(cache);
     mcache_alloc(cache);
     page_record *spare = as_page(cache->spare_page);
-    ASSERT_NE(spare, nullptr);
+    ASSERT_NE(nullptr, spare);
     allocations_left = 0;
     void *c = mcache_alloc(cache), *d = mcache_alloc(cache), *none = mcache_alloc(cache);
     allocations_left = -1;
     EXPECT_EQ(page_of(c), spare);
     EXPECT_EQ(page_of(d), spare);
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(cache->spare_page, nullptr);
-    EXPECT_EQ(cache->page_count, 2U);
-    EXPECT_EQ(cache->in_use, 4U);
-    EXPECT_NE(mcache_alloc(cache), nullptr) << "the lock was given back";
-    EXPECT_NE(cache->spare_page, nullptr) << "and there is a spare again";
-    EXPECT_EQ(cache->page_count, 4U);
+    EXPECT_EQ(nullptr, none);
+    EXPECT_EQ(nullptr, cache->spare_page);
+    EXPECT_EQ(2U, cache->page_count);
+    EXPECT_EQ(4U, cache->in_use);
+    EXPECT_NE(nullptr, mcache_alloc(cache)) << "the lock is released";
+    EXPECT_NE(nullptr, cache->spare_page) << "and there is a spare again";
+    EXPECT_EQ(4U, cache->page_count);
 }
 
-TEST(McachePages, APageWithoutASpareIsEnough)
+TEST(McachePages, WorksWhenThereIsNoMemoryForASpare)
 {
     mcache *cache = mcache_create("one", 64, nullptr, 0, 1);
     allocations_left = 1;
     void *object = mcache_alloc(cache);
     allocations_left = -1;
-    EXPECT_NE(object, nullptr);
-    EXPECT_EQ(cache->spare_page, nullptr);
-    EXPECT_EQ(cache->page_count, 1U);
+    EXPECT_NE(nullptr, object);
+    EXPECT_EQ(nullptr, cache->spare_page);
+    EXPECT_EQ(1U, cache->page_count);
 }
 
 namespace {
@@ -335,29 +332,29 @@ void look_and_free(void *block, const void *)
 
 } // namespace
 
-TEST(McachePages, TheMagicIsGoneBeforeThePage)
+TEST(McachePages, TheMagicIsClearedBeforeThePageIsFreed)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator";
+        GTEST_SKIP() << "interposition is off in this build: the sanitizer interposes the allocator";
     mcache *cache = mcache_create("magic", 64, nullptr, 0, 1);
     void *object = mcache_alloc(cache);
     __free_hook = look_and_free;
     mcache_free(cache, object);
-    EXPECT_EQ(first_word_freed, 0U);
+    EXPECT_EQ(0U, first_word_freed);
 }
 
-TEST(McachePages, ObjectsOfNoBytesStayWithinTheirSlots)
+TEST(McachePages, ObjectsOf0BytesStayWithinTheirSlots)
 {
     mcache *cache = mcache_create("empty", 0, nullptr, 0, 1);
-    EXPECT_EQ(cache->objs_per_page, (8192U - 40) / 16);
+    EXPECT_EQ((8192U - 40) / 16, cache->objs_per_page);
     std::vector<char *> objects(cache->objs_per_page);
     for (char *&object : objects)
         object = static_cast<char *>(mcache_alloc(cache));
     for (std::size_t i = 1; i < objects.size(); i++)
-        ASSERT_EQ(objects[i] - objects[i - 1], 16);
+        ASSERT_EQ(16, objects[i] - objects[i - 1]);
     for (char *object : objects)
         mcache_free(cache, object);
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(0U, cache->in_use);
 }
 
 TEST(Mcache, TheLockIsSharedBetweenProcesses)
@@ -368,16 +365,16 @@ TEST(Mcache, TheLockIsSharedBetweenProcesses)
     pthread_spin_lock(&cache->lock);
     pid_t child = ::fork();
     if (child == 0) {
-        pthread_spin_lock(&cache->lock); // until the parent gives it back
+        pthread_spin_lock(&cache->lock); // until the parent releases it
         cache->in_use = 77;
         pthread_spin_unlock(&cache->lock);
         ::_exit(0);
     }
     ::usleep(20000);
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(0U, cache->in_use);
     pthread_spin_unlock(&cache->lock);
     ::waitpid(child, nullptr, 0);
-    EXPECT_EQ(cache->in_use, 77U);
+    EXPECT_EQ(77U, cache->in_use);
 }
 
 TEST(Mcache, ThreadsShareACache)
@@ -406,11 +403,11 @@ TEST(Mcache, ThreadsShareACache)
         });
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(cache->in_use, 0U);
+    EXPECT_EQ(0U, cache->in_use);
     EXPECT_LE(cache->page_count, 1U);
 }
 
-// ---- misuse: a crash where it is found, with the caller in the log ----
+// ---- misuse crashes in the function that finds it, with the caller in the log ----
 
 namespace {
 
@@ -490,7 +487,7 @@ namespace {
 struct Misuse {
     const char *name;
     void (*run)(mcache *cache);
-    const char *function; // where it is found
+    const char *function; // that finds it
 };
 
 std::ostream &operator<<(std::ostream &out, const Misuse &misuse)
@@ -506,7 +503,7 @@ bool lies_in(const std::string &address, const void *function, unsigned long siz
     return at > begin && at < begin + size;
 }
 
-// The code addresses of a log's backtrace, which stand in brackets at the ends of its lines.
+// The code addresses of a log's backtrace, which are in brackets at the ends of its lines.
 std::vector<std::string> addresses(const crash::Log &log)
 {
     std::vector<std::string> result;
@@ -521,7 +518,7 @@ std::vector<std::string> addresses(const crash::Log &log)
 TEST_P(McacheMisuse, CrashesWithItsCallerInTheLog)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "the sanitizer reports the crash in its own way";
+        GTEST_SKIP() << "the sanitizer reports the crash itself";
     ChildResult result = run_child([] {
         mcache *cache = mcache_create("misused", 16, nullptr, 0, 1);
         install_sighandler();
@@ -532,9 +529,9 @@ TEST_P(McacheMisuse, CrashesWithItsCallerInTheLog)
     for (const std::string &name : list_dir("/etc/core"))
         text = read_file("/etc/core/" + name);
     crash::Log log = crash::LogReader(text).read();
-    EXPECT_EQ(log.error, "");
-    EXPECT_EQ(log.sig, SIGSEGV);
-    EXPECT_EQ(log.fault, 0U) << "a write to nowhere";
+    EXPECT_EQ("", log.error);
+    EXPECT_EQ(SIGSEGV, log.sig);
+    EXPECT_EQ(0U, log.fault) << "a write to nowhere";
     std::vector<std::string> at = addresses(log);
     EXPECT_TRUE(std::any_of(at.begin(), at.end(), [](const std::string &a) {
         return lies_in(a, reinterpret_cast<const void *>(GetParam().run), 256);
@@ -558,15 +555,15 @@ INSTANTIATE_TEST_SUITE_P(All, McacheMisuse,
 TEST(McacheError, CodesThatCrash)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "the sanitizer reports the crash in its own way";
-    for (int code = 1; code <= 5; code++)
+        GTEST_SKIP() << "the sanitizer reports the crash itself";
+    for (int code = MCACHE_NULL_CACHE; code <= MCACHE_BAD_OBJECT; code++)
         EXPECT_TRUE(run_child([=] { mcache_error(code); }).killed_by(SIGSEGV)) << code;
 }
 
-TEST(McacheError, OthersComeBackOneLess)
+TEST(McacheError, ReturnsOtherCodesMinusOne)
 {
-    for (int code : {0, 6, 7, -1, -100, 1000})
-        EXPECT_EQ(mcache_error(code), code - 1);
+    for (int code : {0, int{MCACHE_NO_MEMORY}, 7, -1, -100, 1000})
+        EXPECT_EQ(code - 1, mcache_error(code));
 }
 
 // ---- a model: which object comes next, and where the pages are ----
@@ -576,7 +573,7 @@ namespace {
 struct Model {
     struct page {
         page_record *address;
-        std::deque<void *> free; // in the order in which they come
+        std::deque<void *> free; // in the order of allocation
         std::size_t used = 0;
     };
     std::list<page> partial, full;
@@ -608,7 +605,7 @@ struct Model {
     {
         std::list<page>::iterator at;
         auto *list = list_of(address, &at);
-        ASSERT_NE(list, nullptr);
+        ASSERT_NE(nullptr, list);
         at->used--;
         at->free.push_front(object);
         if (at->used == 0)

@@ -89,18 +89,18 @@ extern "C" void *mmap(void *addr, std::size_t length, int protection, int flags,
 TEST(PageCache, WritesA3)
 {
     bind_over("/proc/sys/vm/drop_caches", "");
-    EXPECT_EQ(clear_sys_pagecache(0), 0);
-    EXPECT_EQ(read_file("/proc/sys/vm/drop_caches"), "3");
-    EXPECT_EQ(synced, 0);
+    EXPECT_EQ(0, clear_sys_pagecache(0));
+    EXPECT_EQ("3", read_file("/proc/sys/vm/drop_caches"));
+    EXPECT_EQ(0, synced);
 }
 
 TEST(PageCache, SyncsWhenAsked)
 {
     bind_over("/proc/sys/vm/drop_caches", "");
-    EXPECT_EQ(clear_sys_pagecache(1), 0);
-    EXPECT_EQ(clear_sys_pagecache(-1), 0);
-    EXPECT_EQ(synced, 2);
-    EXPECT_EQ(read_file("/proc/sys/vm/drop_caches"), "3");
+    EXPECT_EQ(0, clear_sys_pagecache(1));
+    EXPECT_EQ(0, clear_sys_pagecache(-1));
+    EXPECT_EQ(2, synced);
+    EXPECT_EQ("3", read_file("/proc/sys/vm/drop_caches"));
 }
 
 TEST(PageCache, ACancelledThreadLeavesNoDescriptorOpen)
@@ -167,9 +167,9 @@ TEST(MemDump, TwentyBytesFromTheMiddle)
 
 TEST(MemDump, NothingForNoLength)
 {
-    EXPECT_EQ(dumped(bytes, 0), "");
-    EXPECT_EQ(dumped(bytes, -1), "");
-    EXPECT_EQ(dumped(nullptr, INT_MIN), "");
+    EXPECT_EQ("", dumped(bytes, 0));
+    EXPECT_EQ("", dumped(bytes, -1));
+    EXPECT_EQ("", dumped(nullptr, INT_MIN));
 }
 
 TEST(MemDumpModel, EveryAlignmentAndLength)
@@ -189,15 +189,15 @@ TEST(SharedMemory, IsMadeAndAttachedTo)
     mount_tmpfs("/dev/shm");
     std::size_t open = list_dir("/proc/self/fd").size();
     auto *made = static_cast<char *>(init_shared_mem("/region", 8192));
-    ASSERT_NE(made, MAP_FAILED);
+    ASSERT_NE(MAP_FAILED, made);
     struct stat status;
-    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
-    EXPECT_EQ(status.st_size, 8192);
+    ASSERT_EQ(0, ::stat("/dev/shm/region", &status));
+    EXPECT_EQ(8192, status.st_size);
     std::strcpy(made, "from the first");
     auto *attached = static_cast<char *>(init_shared_mem("/region", 4096));
-    EXPECT_STREQ(attached, "from the first");
-    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
-    EXPECT_EQ(status.st_size, 4096) << "resized";
+    EXPECT_STREQ("from the first", attached);
+    ASSERT_EQ(0, ::stat("/dev/shm/region", &status));
+    EXPECT_EQ(4096, status.st_size) << "resized";
     EXPECT_EQ(list_dir("/proc/self/fd").size(), open + 2) << "the descriptors stay open";
 }
 
@@ -207,22 +207,22 @@ TEST(SharedMemory, ModeOfTheFile)
     ::umask(0);
     init_shared_mem("/region", 4096);
     struct stat status;
-    ASSERT_EQ(::stat("/dev/shm/region", &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0777U);
+    ASSERT_EQ(0, ::stat("/dev/shm/region", &status));
+    EXPECT_EQ(0777U, status.st_mode & 07777);
 }
 
 TEST(SharedMemory, AFailedMappingIsHandedOn)
 {
     mount_tmpfs("/dev/shm");
-    EXPECT_EQ(init_shared_mem("/region", 0), MAP_FAILED);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(MAP_FAILED, init_shared_mem("/region", 0));
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(SharedMemory, ANameThatCannotBeOpenedGivesNull)
 {
-    EXPECT_EQ(init_shared_mem("/no/such/name", 4096), nullptr);
-    EXPECT_EQ(init_shared_mem("", 4096), nullptr);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(nullptr, init_shared_mem("/no/such/name", 4096));
+    EXPECT_EQ(nullptr, init_shared_mem("", 4096));
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(SharedMemory, OnlyANullMappingIsSaid)
@@ -231,6 +231,6 @@ TEST(SharedMemory, OnlyANullMappingIsSaid)
     map_at_null = true;
     void *address = init_shared_mem("/region", 4096);
     map_at_null = false;
-    EXPECT_EQ(address, nullptr);
-    EXPECT_EQ(read_file(kConsole), "mmap /region failed\n");
+    EXPECT_EQ(nullptr, address);
+    EXPECT_EQ("mmap /region failed\n", read_file(kConsole));
 }

@@ -39,7 +39,7 @@ TEST(QvenvTool, SetsAndGets)
     expect(qvenv({"get", "slot"}), 0, "3\n", "");
     expect(qvenv({"set", "slot", "two words"}), 0, "", "");
     expect(qvenv({"get", "slot"}), 0, "two words\n", "");
-    EXPECT_EQ(read_file(kStore), "slot=two words\n");
+    EXPECT_EQ("slot=two words\n", read_file(kStore));
 }
 
 TEST(QvenvTool, GetOfWhatIsNotSetIsSilent)
@@ -90,7 +90,7 @@ TEST(QvenvTool, ListOfAMissingFileIsTrouble)
 TEST(QvenvTool, GetFromWhatCannotBeReadIsTrouble)
 {
     expect(qvenv({"-f", "/tmp", "get", "a"}), 2, "", "qvenv: /tmp: Is a directory\n");
-    ASSERT_EQ(::mkdir(kStore, 0755), 0);
+    ASSERT_EQ(0, ::mkdir(kStore, 0755));
     expect(qvenv({"get", "a"}), 2, "", "qvenv: /tmp/qvenv: Is a directory\n");
     expect(qvenv({"set", "a", "1"}), 2, "", "qvenv: /tmp/qvenv: Is a directory\n");
 }
@@ -138,7 +138,7 @@ TEST(QvenvTool, ChangesTheStoreOnly)
     write_file("/tmp/saved", "a=1\n");
     expect(qvenv({"-f", "/tmp/saved", "set", "a", "2"}), 2, "",
            "qvenv: set: -f is for reading; only /tmp/qvenv can be changed\n");
-    EXPECT_EQ(read_file("/tmp/saved"), "a=1\n");
+    EXPECT_EQ("a=1\n", read_file("/tmp/saved"));
     EXPECT_FALSE(exists(kStore));
 }
 
@@ -168,7 +168,7 @@ TEST(QvenvTool, Usage)
         expect(qvenv(wrong), 2, "", kUsage);
     ChildResult unknown = qvenv({"-x"});
     EXPECT_TRUE(unknown.exited(2));
-    EXPECT_EQ(unknown.out, "");
+    EXPECT_EQ("", unknown.out);
     EXPECT_THAT(unknown.err, testing::EndsWith(kUsage));
 }
 
@@ -177,7 +177,7 @@ TEST(QvenvTool, Help)
     ChildResult help = qvenv({"-h"});
     EXPECT_TRUE(help.exited(0));
     EXPECT_THAT(help.out, testing::StartsWith(kUsage));
-    EXPECT_EQ(help.err, "");
+    EXPECT_EQ("", help.err);
 }
 
 TEST(QvenvTool, SaysWhenNobodyCanTakeTheOutput)

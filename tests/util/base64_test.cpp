@@ -26,12 +26,12 @@ std::optional<std::string> encode(encode_function function, const std::string &d
     std::vector<char> room(size + 64, '#');
     int length = function(bytes_of(data), data.size(), room.data(), size);
     for (std::size_t i = size; i < room.size(); i++)
-        EXPECT_EQ(room[i], '#') << "outside the room";
+        EXPECT_EQ('#', room[i]) << "outside the room";
     if (length < 0) {
-        EXPECT_EQ(length, -1);
+        EXPECT_EQ(-1, length);
         return std::nullopt;
     }
-    EXPECT_EQ(room[static_cast<std::size_t>(length)], '\0');
+    EXPECT_EQ('\0', room[static_cast<std::size_t>(length)]);
     return std::string(room.data(), static_cast<std::size_t>(length));
 }
 
@@ -50,9 +50,9 @@ std::optional<std::string> decode(const std::string &text, std::size_t size)
     std::vector<unsigned char> room(size + 64, '#');
     int length = b64_pton(text.c_str(), room.data(), size);
     for (std::size_t i = size; i < room.size(); i++)
-        EXPECT_EQ(room[i], '#') << "outside the room";
+        EXPECT_EQ('#', room[i]) << "outside the room";
     if (length < 0) {
-        EXPECT_EQ(length, -1);
+        EXPECT_EQ(-1, length);
         return std::nullopt;
     }
     return std::string(reinterpret_cast<char *>(room.data()), static_cast<std::size_t>(length));
@@ -149,29 +149,29 @@ std::optional<std::string> model_decode(const std::string &text, std::optional<s
 
 TEST(Base64, Alphabet)
 {
-    EXPECT_EQ(std::string(Base64), kAlphabet);
+    EXPECT_EQ(kAlphabet, std::string(Base64));
 }
 
 TEST(Base64, KnownTexts)
 {
-    EXPECT_EQ(encoded(""), "");
-    EXPECT_EQ(encoded("f"), "Zg==");
-    EXPECT_EQ(encoded("fo"), "Zm8=");
-    EXPECT_EQ(encoded("foo"), "Zm9v");
-    EXPECT_EQ(encoded("foob"), "Zm9vYg==");
-    EXPECT_EQ(encoded("fooba"), "Zm9vYmE=");
-    EXPECT_EQ(encoded("foobar"), "Zm9vYmFy");
-    EXPECT_EQ(encoded(std::string("\0\0\0\xFF\xFF\xFF", 6)), "AAAA////");
+    EXPECT_EQ("", encoded(""));
+    EXPECT_EQ("Zg==", encoded("f"));
+    EXPECT_EQ("Zm8=", encoded("fo"));
+    EXPECT_EQ("Zm9v", encoded("foo"));
+    EXPECT_EQ("Zm9vYg==", encoded("foob"));
+    EXPECT_EQ("Zm9vYmE=", encoded("fooba"));
+    EXPECT_EQ("Zm9vYmFy", encoded("foobar"));
+    EXPECT_EQ("AAAA////", encoded(std::string("\0\0\0\xFF\xFF\xFF", 6)));
 }
 
 TEST(Base64, EncodingNeedsRoomForTheZero)
 {
-    EXPECT_EQ(encode(b64_ntop, "", 0), std::nullopt);
-    EXPECT_EQ(encode(b64_ntop, "", 1), "");
+    EXPECT_EQ(std::nullopt, encode(b64_ntop, "", 0));
+    EXPECT_EQ("", encode(b64_ntop, "", 1));
     for (const std::string data : {"f", "fo", "foo"}) {
-        EXPECT_EQ(encode(b64_ntop, data, 4), std::nullopt);
+        EXPECT_EQ(std::nullopt, encode(b64_ntop, data, 4));
         EXPECT_TRUE(encode(b64_ntop, data, 5).has_value());
-        EXPECT_EQ(encode(b64_ntop_email, data, 4), std::nullopt);
+        EXPECT_EQ(std::nullopt, encode(b64_ntop_email, data, 4));
         EXPECT_TRUE(encode(b64_ntop_email, data, 5).has_value());
     }
 }
@@ -186,8 +186,8 @@ TEST(Base64, EncodesEveryLengthIntoJustTheRoom)
             std::string text = model_encode(data, mail);
             ASSERT_EQ(encode(function, data, text.size() + 1), text);
             for (std::size_t size = 0; size <= text.size(); size += 1 + size / 8)
-                ASSERT_EQ(encode(function, data, size), std::nullopt) << size << " for " << text.size();
-            ASSERT_EQ(encode(function, data, text.size()), std::nullopt);
+                ASSERT_EQ(std::nullopt, encode(function, data, size)) << size << " for " << text.size();
+            ASSERT_EQ(std::nullopt, encode(function, data, text.size()));
         }
     }
 }
@@ -195,14 +195,14 @@ TEST(Base64, EncodesEveryLengthIntoJustTheRoom)
 TEST(Base64, GroupsBeforeTheRoomEndsAreWritten)
 {
     char room[8] = "#######";
-    EXPECT_EQ(b64_ntop(bytes_of("foobar"), 6, room, 7), -1);
-    EXPECT_EQ(std::string(room), "Zm9v###");
+    EXPECT_EQ(-1, b64_ntop(bytes_of("foobar"), 6, room, 7));
+    EXPECT_EQ("Zm9v###", std::string(room));
 }
 
 TEST(Base64Email, BreaksLinesAfter72Characters)
 {
     const std::string line = encoded(std::string(54, 'x'));
-    ASSERT_EQ(line.size(), 72u);
+    ASSERT_EQ(72u, line.size());
     EXPECT_EQ(for_mail(std::string(53, 'x')), encoded(std::string(53, 'x')));
     EXPECT_EQ(for_mail(std::string(54, 'x')), line + "\n");
     EXPECT_EQ(for_mail(std::string(57, 'x')), line + "\neHh4");
@@ -211,41 +211,41 @@ TEST(Base64Email, BreaksLinesAfter72Characters)
 
 TEST(Base64Email, APaddedGroupEndsNoLine)
 {
-    EXPECT_EQ(for_mail(std::string(52, 'x')).size(), 72u);
-    EXPECT_EQ(for_mail(std::string(53, 'x')).size(), 72u);
+    EXPECT_EQ(72u, for_mail(std::string(52, 'x')).size());
+    EXPECT_EQ(72u, for_mail(std::string(53, 'x')).size());
     EXPECT_EQ(for_mail(std::string(107, 'x')).size(), 72u + 1 + 72);
 }
 
 TEST(Base64Email, TheNewlineNeedsRoom)
 {
-    EXPECT_EQ(encode(b64_ntop_email, std::string(54, 'x'), 73), std::nullopt);
+    EXPECT_EQ(std::nullopt, encode(b64_ntop_email, std::string(54, 'x'), 73));
     EXPECT_TRUE(encode(b64_ntop_email, std::string(54, 'x'), 74).has_value());
 }
 
 TEST(Base64Decode, KnownTexts)
 {
-    EXPECT_EQ(decoded(""), "");
-    EXPECT_EQ(decoded("Zm9v"), "foo");
-    EXPECT_EQ(decoded("Zg=="), "f");
-    EXPECT_EQ(decoded("Zm8="), "fo");
-    EXPECT_EQ(decoded("Zm9vYmFy"), "foobar");
+    EXPECT_EQ("", decoded(""));
+    EXPECT_EQ("foo", decoded("Zm9v"));
+    EXPECT_EQ("f", decoded("Zg=="));
+    EXPECT_EQ("fo", decoded("Zm8="));
+    EXPECT_EQ("foobar", decoded("Zm9vYmFy"));
 }
 
 TEST(Base64Decode, TheCycleMustBeComplete)
 {
-    EXPECT_EQ(decoded("Z"), std::nullopt);
-    EXPECT_EQ(decoded("Zm"), std::nullopt);
-    EXPECT_EQ(decoded("Zm9"), std::nullopt);
-    EXPECT_EQ(decoded("Zm9v "), "foo");
-    EXPECT_EQ(counted("Zm9"), -1);
+    EXPECT_EQ(std::nullopt, decoded("Z"));
+    EXPECT_EQ(std::nullopt, decoded("Zm"));
+    EXPECT_EQ(std::nullopt, decoded("Zm9"));
+    EXPECT_EQ("foo", decoded("Zm9v "));
+    EXPECT_EQ(-1, counted("Zm9"));
 }
 
 TEST(Base64Decode, WhiteSpaceIsSkippedAnywhere)
 {
-    EXPECT_EQ(decoded(" Z\tm\n9\v\f\rv "), "foo");
-    EXPECT_EQ(decoded("Z g = = \n"), "f");
-    EXPECT_EQ(decoded("Z m 8 = \n"), "fo");
-    EXPECT_EQ(decoded(" \n"), "");
+    EXPECT_EQ("foo", decoded(" Z\tm\n9\v\f\rv "));
+    EXPECT_EQ("f", decoded("Z g = = \n"));
+    EXPECT_EQ("fo", decoded("Z m 8 = \n"));
+    EXPECT_EQ("", decoded(" \n"));
 }
 
 TEST(Base64Decode, OtherCharactersAreRefused)
@@ -264,46 +264,46 @@ TEST(Base64Decode, OtherCharactersAreRefused)
 
 TEST(Base64Decode, PlacesOfThePadding)
 {
-    EXPECT_EQ(decoded("="), std::nullopt);
-    EXPECT_EQ(decoded("Z="), std::nullopt);
-    EXPECT_EQ(decoded("Zg="), std::nullopt);
-    EXPECT_EQ(decoded("Zg=A"), std::nullopt);
-    EXPECT_EQ(decoded("Zg= ="), "f");
-    EXPECT_EQ(decoded("Zg==="), std::nullopt);
-    EXPECT_EQ(decoded("Zg==Zg=="), std::nullopt);
-    EXPECT_EQ(decoded("Zm8=A"), std::nullopt);
-    EXPECT_EQ(decoded("Zm8=="), std::nullopt);
-    EXPECT_EQ(decoded("Zm9v="), std::nullopt);
+    EXPECT_EQ(std::nullopt, decoded("="));
+    EXPECT_EQ(std::nullopt, decoded("Z="));
+    EXPECT_EQ(std::nullopt, decoded("Zg="));
+    EXPECT_EQ(std::nullopt, decoded("Zg=A"));
+    EXPECT_EQ("f", decoded("Zg= ="));
+    EXPECT_EQ(std::nullopt, decoded("Zg==="));
+    EXPECT_EQ(std::nullopt, decoded("Zg==Zg=="));
+    EXPECT_EQ(std::nullopt, decoded("Zm8=A"));
+    EXPECT_EQ(std::nullopt, decoded("Zm8=="));
+    EXPECT_EQ(std::nullopt, decoded("Zm9v="));
 }
 
 TEST(Base64Decode, LeftoverBitsMustBeZero)
 {
-    EXPECT_EQ(decoded("Zh=="), std::nullopt);
-    EXPECT_EQ(decoded("Zm9="), std::nullopt);
-    EXPECT_EQ(decoded("ZQ=="), "e");
+    EXPECT_EQ(std::nullopt, decoded("Zh=="));
+    EXPECT_EQ(std::nullopt, decoded("Zm9="));
+    EXPECT_EQ("e", decoded("ZQ=="));
 }
 
 TEST(Base64Decode, ANullTargetOnlyCounts)
 {
-    EXPECT_EQ(counted("Zm9v"), 3);
-    EXPECT_EQ(counted("Zm8="), 2);
-    EXPECT_EQ(counted(" Z g = = "), 1);
-    EXPECT_EQ(counted("Zh=="), 1) << "the bits left over are not known";
-    EXPECT_EQ(counted("Z*=="), -1);
-    EXPECT_EQ(counted(std::string(4000, 'A')), 3000);
+    EXPECT_EQ(3, counted("Zm9v"));
+    EXPECT_EQ(2, counted("Zm8="));
+    EXPECT_EQ(1, counted(" Z g = = "));
+    EXPECT_EQ(1, counted("Zh==")) << "the bits left over are not known";
+    EXPECT_EQ(-1, counted("Z*=="));
+    EXPECT_EQ(3000, counted(std::string(4000, 'A')));
 }
 
 TEST(Base64Decode, RoomOfEachPlace)
 {
-    EXPECT_EQ(decode("Zm9v", 2), std::nullopt);
-    EXPECT_EQ(decode("Zm9v", 3), "foo");
-    EXPECT_EQ(decode("Zg==", 0), std::nullopt);
-    EXPECT_EQ(decode("Zg==", 1), std::nullopt) << "the second place begins a byte that needs room";
-    EXPECT_EQ(decode("Zg==", 2), "f");
-    EXPECT_EQ(decode("Zm8=", 2), std::nullopt);
-    EXPECT_EQ(decode("Zm8=", 3), "fo");
-    EXPECT_EQ(decode("", 0), "");
-    EXPECT_EQ(decode("A", 0), std::nullopt);
+    EXPECT_EQ(std::nullopt, decode("Zm9v", 2));
+    EXPECT_EQ("foo", decode("Zm9v", 3));
+    EXPECT_EQ(std::nullopt, decode("Zg==", 0));
+    EXPECT_EQ(std::nullopt, decode("Zg==", 1)) << "the second place begins a byte that needs room";
+    EXPECT_EQ("f", decode("Zg==", 2));
+    EXPECT_EQ(std::nullopt, decode("Zm8=", 2));
+    EXPECT_EQ("fo", decode("Zm8=", 3));
+    EXPECT_EQ("", decode("", 0));
+    EXPECT_EQ(std::nullopt, decode("A", 0));
 }
 
 TEST(Base64Decode, LongTextsIntoJustTheRoom)
@@ -313,7 +313,7 @@ TEST(Base64Decode, LongTextsIntoJustTheRoom)
         std::string data = random_bytes(random, groups * 3);
         std::string text = encoded(data);
         ASSERT_EQ(decode(text, data.size()), data);
-        ASSERT_EQ(decode(text, data.size() - 1), std::nullopt);
+        ASSERT_EQ(std::nullopt, decode(text, data.size() - 1));
         ASSERT_EQ(decoded(for_mail(data)), data);
     }
 }

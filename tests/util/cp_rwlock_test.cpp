@@ -28,7 +28,7 @@ struct Shared {
 Shared *shared()
 {
     void *map = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    EXPECT_NE(map, MAP_FAILED);
+    EXPECT_NE(MAP_FAILED, map);
     return static_cast<Shared *>(map);
 }
 
@@ -57,7 +57,7 @@ void join(pid_t pid)
 {
     int status = -1;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
 }
 
 // rounds of mixed reading and writing; writers make a and b differ for a moment
@@ -84,26 +84,26 @@ void hammer(Shared *s, std::size_t rounds, unsigned seed)
 TEST(CpRwlock, InitPointsAtTheRecordAndClearsIt)
 {
     qv_cp_rwlock record = {7, 8, 9};
-    EXPECT_EQ(rwlock, nullptr);
+    EXPECT_EQ(nullptr, rwlock);
     EXPECT_EQ(qv_cp_rwlock_init(&record), &record);
     EXPECT_EQ(rwlock, &record);
-    EXPECT_EQ(record.lock_state, 0u);
-    EXPECT_EQ(record.next_ticket, 0u);
-    EXPECT_EQ(record.now_serving, 0u);
+    EXPECT_EQ(0u, record.lock_state);
+    EXPECT_EQ(0u, record.next_ticket);
+    EXPECT_EQ(0u, record.now_serving);
 }
 
 TEST(CpRwlock, WordsOfAWriter)
 {
     qv_cp_rwlock record;
     qv_cp_rwlock_init(&record);
-    EXPECT_EQ(qv_cp_wtlock(), 1);
-    EXPECT_EQ(record.lock_state, 1u);
-    EXPECT_EQ(record.next_ticket, 1u);
-    EXPECT_EQ(record.now_serving, 0u);
+    EXPECT_EQ(1, qv_cp_wtlock());
+    EXPECT_EQ(1u, record.lock_state);
+    EXPECT_EQ(1u, record.next_ticket);
+    EXPECT_EQ(0u, record.now_serving);
     qv_cp_wtunlock();
-    EXPECT_EQ(record.lock_state, 0u);
-    EXPECT_EQ(record.next_ticket, 1u);
-    EXPECT_EQ(record.now_serving, 1u);
+    EXPECT_EQ(0u, record.lock_state);
+    EXPECT_EQ(1u, record.next_ticket);
+    EXPECT_EQ(1u, record.now_serving);
 }
 
 TEST(CpRwlock, TwoReadersHoldItTogether)
@@ -111,14 +111,14 @@ TEST(CpRwlock, TwoReadersHoldItTogether)
     qv_cp_rwlock record;
     qv_cp_rwlock_init(&record);
     qv_cp_rdlock();
-    EXPECT_EQ(record.lock_state, 2u);
+    EXPECT_EQ(2u, record.lock_state);
     qv_cp_rdlock();
-    EXPECT_EQ(record.lock_state, 4u);
-    EXPECT_EQ(record.next_ticket, 0u);
+    EXPECT_EQ(4u, record.lock_state);
+    EXPECT_EQ(0u, record.next_ticket);
     qv_cp_rdunlock();
-    EXPECT_EQ(record.lock_state, 2u);
+    EXPECT_EQ(2u, record.lock_state);
     qv_cp_rdunlock();
-    EXPECT_EQ(record.lock_state, 0u);
+    EXPECT_EQ(0u, record.lock_state);
 }
 
 TEST(CpRwlock, ANewReaderYieldsToAWaitingWriter)
@@ -140,13 +140,13 @@ TEST(CpRwlock, ANewReaderYieldsToAWaitingWriter)
     });
     until([&] { return s->stage == 1; });
     ::usleep(20000);
-    EXPECT_EQ(s->order_at, 0u);
-    EXPECT_EQ(look(s->lock.lock_state), 2u) << "only the first reader is in";
+    EXPECT_EQ(0u, s->order_at);
+    EXPECT_EQ(2u, look(s->lock.lock_state)) << "only the first reader is in";
     qv_cp_rdunlock();
     join(writer);
     join(reader);
-    EXPECT_EQ(s->order[0], 1u);
-    EXPECT_EQ(s->order[1], 2u);
+    EXPECT_EQ(1u, s->order[0]);
+    EXPECT_EQ(2u, s->order[1]);
 }
 
 TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
@@ -165,7 +165,7 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
         }));
         until([&] { return look(s->lock.next_ticket) == 0xFFFFFFFFu + i + 1; });
     }
-    EXPECT_EQ(s->order_at, 0u);
+    EXPECT_EQ(0u, s->order_at);
     qv_cp_wtunlock();
     for (pid_t writer : writers)
         join(writer);
@@ -173,7 +173,7 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
         EXPECT_EQ(s->order[i], i);
     EXPECT_EQ(s->lock.now_serving, 0xFFFFFFFEu + kWriters + 1);
     EXPECT_EQ(s->lock.now_serving, s->lock.next_ticket);
-    EXPECT_EQ(s->lock.lock_state, 0u);
+    EXPECT_EQ(0u, s->lock.lock_state);
 }
 
 // A ticket behind the one that is served has been passed over, for example by a late initialisation: it does not wait.
@@ -184,8 +184,8 @@ TEST(CpRwlock, ATicketBehindTheServedOneGoesIn)
         qv_cp_rwlock_init(&record);
         record.next_ticket = serving - 2;
         record.now_serving = serving;
-        EXPECT_EQ(qv_cp_wtlock(), 1);
-        EXPECT_EQ(record.lock_state, 1U);
+        EXPECT_EQ(1, qv_cp_wtlock());
+        EXPECT_EQ(1U, record.lock_state);
         EXPECT_EQ(record.next_ticket, serving - 1);
         qv_cp_wtunlock();
         EXPECT_EQ(record.now_serving, serving + 1);
@@ -199,7 +199,7 @@ TEST(CpRwlock, TheDistanceOfTicketsIsSigned)
     qv_cp_rwlock_init(&record);
     record.next_ticket = 0x80000000U;
     record.now_serving = 0xFFFFFFFFU;
-    EXPECT_EQ(qv_cp_wtlock(), 1);
+    EXPECT_EQ(1, qv_cp_wtlock());
     // One ahead is later, also where the difference of the words as numbers is negative.
     Shared *s = shared();
     qv_cp_rwlock_init(&s->lock);
@@ -211,10 +211,10 @@ TEST(CpRwlock, TheDistanceOfTicketsIsSigned)
     });
     until([&] { return look(s->lock.next_ticket) == 0x80000001U; });
     ::usleep(20000);
-    EXPECT_EQ(s->stage, 0U);
+    EXPECT_EQ(0U, s->stage);
     __atomic_fetch_add(&s->lock.now_serving, 1U, __ATOMIC_SEQ_CST);
     join(writer);
-    EXPECT_EQ(s->stage, 1U);
+    EXPECT_EQ(1U, s->stage);
 }
 
 // ---- order of the stores: the record lies across two pages that cannot be written, so each first store is seen ----
@@ -247,7 +247,7 @@ void note_store(int, siginfo_t *info, void *)
 qv_cp_rwlock *record_across_pages(std::size_t words)
 {
     void *map = ::mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    EXPECT_NE(map, MAP_FAILED);
+    EXPECT_NE(MAP_FAILED, map);
     protected_pages = static_cast<char *>(map);
     auto *record = reinterpret_cast<qv_cp_rwlock *>(protected_pages + kPage - 4 * words);
     watched = record;
@@ -273,11 +273,11 @@ TEST(CpRwlock, UnlockingClearsTheHoldBeforeItLetsTheNextIn)
     qv_cp_wtlock();
     watch();
     qv_cp_wtunlock();
-    ASSERT_EQ(store_count, 2U);
-    EXPECT_EQ(stores[0].word, 0U);
-    EXPECT_EQ(stores[1].word, 2U);
-    EXPECT_EQ(stores[1].before.lock_state, 0U) << "free before the next ticket is served";
-    EXPECT_EQ(stores[1].before.now_serving, 0U);
+    ASSERT_EQ(2U, store_count);
+    EXPECT_EQ(0U, stores[0].word);
+    EXPECT_EQ(2U, stores[1].word);
+    EXPECT_EQ(0U, stores[1].before.lock_state) << "free before the next ticket is served";
+    EXPECT_EQ(0U, stores[1].before.now_serving);
 }
 
 TEST(CpRwlock, TakingDrawsTheTicketBeforeTheHold)
@@ -286,10 +286,10 @@ TEST(CpRwlock, TakingDrawsTheTicketBeforeTheHold)
     qv_cp_rwlock_init(record);
     watch();
     qv_cp_wtlock();
-    ASSERT_EQ(store_count, 2U);
-    EXPECT_EQ(stores[0].word, 1U);
-    EXPECT_EQ(stores[1].word, 0U);
-    EXPECT_EQ(stores[1].before.next_ticket, 1U);
+    ASSERT_EQ(2U, store_count);
+    EXPECT_EQ(1U, stores[0].word);
+    EXPECT_EQ(0U, stores[1].word);
+    EXPECT_EQ(1U, stores[1].before.next_ticket);
 }
 
 TEST(CpRwlock, InitClearsTheStateThenTheServedTicketThenTheNext)
@@ -299,11 +299,11 @@ TEST(CpRwlock, InitClearsTheStateThenTheServedTicketThenTheNext)
         *record = {7, 8, 9};
         watch();
         qv_cp_rwlock_init(record);
-        ASSERT_EQ(store_count, 2U);
-        EXPECT_EQ(stores[0].word, 0U);
-        EXPECT_EQ(stores[1].word, 2U);
-        EXPECT_EQ(stores[1].before.lock_state, 0U);
-        EXPECT_EQ(stores[1].before.next_ticket, 8U);
+        ASSERT_EQ(2U, store_count);
+        EXPECT_EQ(0U, stores[0].word);
+        EXPECT_EQ(2U, stores[1].word);
+        EXPECT_EQ(0U, stores[1].before.lock_state);
+        EXPECT_EQ(8U, stores[1].before.next_ticket);
         EXPECT_EQ(rwlock, record);
     }
 }
@@ -320,10 +320,10 @@ TEST(CpRwlock, AWriterWaitsForTheReadersInside)
     });
     until([&] { return look(s->lock.next_ticket) == 1; });
     ::usleep(20000);
-    EXPECT_EQ(s->stage, 0u);
+    EXPECT_EQ(0u, s->stage);
     qv_cp_rdunlock();
     join(writer);
-    EXPECT_EQ(s->stage, 1u);
+    EXPECT_EQ(1u, s->stage);
 }
 
 TEST(CpRwlock, AReaderCountedBehindAWriterWaitsForItsHold)
@@ -339,11 +339,11 @@ TEST(CpRwlock, AReaderCountedBehindAWriterWaitsForItsHold)
     });
     until([&] { return look(s->lock.lock_state) == 3; });
     ::usleep(20000);
-    EXPECT_EQ(s->stage, 0u);
+    EXPECT_EQ(0u, s->stage);
     __atomic_fetch_sub(&s->lock.lock_state, 1u, __ATOMIC_SEQ_CST);
     join(reader);
-    EXPECT_EQ(s->stage, 1u);
-    EXPECT_EQ(s->lock.lock_state, 0u);
+    EXPECT_EQ(1u, s->stage);
+    EXPECT_EQ(0u, s->lock.lock_state);
 }
 
 TEST(CpRwlock, AWaitingWriterFollowsTheProcessToAnotherRecord)
@@ -356,8 +356,8 @@ TEST(CpRwlock, AWaitingWriterFollowsTheProcessToAnotherRecord)
     until([&] { return look(busy.next_ticket) == 1; });
     __atomic_store_n(&rwlock, &free_one, __ATOMIC_SEQ_CST);
     writer.join();
-    EXPECT_EQ(look(free_one.lock_state), 1u);
-    EXPECT_EQ(look(busy.lock_state), 2u);
+    EXPECT_EQ(1u, look(free_one.lock_state));
+    EXPECT_EQ(2u, look(busy.lock_state));
 }
 
 TEST(CpRwlock, EightProcessesNeverSeeATornRecord)
@@ -371,11 +371,11 @@ TEST(CpRwlock, EightProcessesNeverSeeATornRecord)
         children.push_back(spawn([&, i] { hammer(s, rounds, i); }));
     for (pid_t child : children)
         join(child);
-    EXPECT_EQ(s->torn, 0u);
+    EXPECT_EQ(0u, s->torn);
     EXPECT_EQ(s->a, s->b);
     EXPECT_EQ(s->a, s->lock.next_ticket);
     EXPECT_EQ(s->lock.next_ticket, s->lock.now_serving);
-    EXPECT_EQ(s->lock.lock_state, 0u);
+    EXPECT_EQ(0u, s->lock.lock_state);
 }
 
 TEST(CpRwlock, TwoThreadsOverManyAcquisitions)
@@ -387,9 +387,9 @@ TEST(CpRwlock, TwoThreadsOverManyAcquisitions)
     std::thread other([&] { hammer(&s, rounds, 1); });
     hammer(&s, rounds, 2);
     other.join();
-    EXPECT_EQ(s.torn, 0u);
+    EXPECT_EQ(0u, s.torn);
     EXPECT_EQ(s.a, s.b);
-    EXPECT_EQ(s.lock.lock_state, 0u);
+    EXPECT_EQ(0u, s.lock.lock_state);
     EXPECT_EQ(s.lock.next_ticket, s.lock.now_serving);
     EXPECT_EQ(static_cast<std::uint32_t>(s.a), s.lock.next_ticket - 0xFFFFFF00u);
 }
@@ -409,6 +409,6 @@ TEST(CpRwlock, ProgressOnOneProcessor)
     pid_t second = spawn([&] { pinned(2); });
     join(first);
     join(second);
-    EXPECT_EQ(s->torn, 0u);
+    EXPECT_EQ(0u, s->torn);
     EXPECT_EQ(s->a, s->b);
 }

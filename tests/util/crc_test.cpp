@@ -47,8 +47,8 @@ std::string random_bytes(std::mt19937 &random, std::size_t length)
 
 TEST(Crc, Tables)
 {
-    EXPECT_EQ(crc16_table[1], 0xC0C1);
-    EXPECT_EQ(crc_table[1], 0x77073096u);
+    EXPECT_EQ(0xC0C1, crc16_table[1]);
+    EXPECT_EQ(0x77073096u, crc_table[1]);
     for (unsigned byte = 0; byte < 256; byte++) {
         std::string data(1, static_cast<char>(byte));
         EXPECT_EQ(crc16_table[byte], by_bits(0xA001, 0, data)) << byte;
@@ -58,18 +58,18 @@ TEST(Crc, Tables)
 
 TEST(Crc16, KnownSums)
 {
-    EXPECT_EQ(crc16(0, "123456789"), 0xBB3D);
-    EXPECT_EQ(crc16(0xFFFF, "123456789"), 0x4B37);
+    EXPECT_EQ(0xBB3D, crc16(0, "123456789"));
+    EXPECT_EQ(0x4B37, crc16(0xFFFF, "123456789"));
 }
 
 TEST(Crc16, NothingLeavesTheSumAlone)
 {
-    EXPECT_EQ(qv_crc16(0x1234, nullptr, 0), 0x1234);
+    EXPECT_EQ(0x1234, qv_crc16(0x1234, nullptr, 0));
 }
 
 TEST(Crc16, CarriesOn)
 {
-    EXPECT_EQ(crc16(crc16(0, "1234"), "56789"), 0xBB3D);
+    EXPECT_EQ(0xBB3D, crc16(crc16(0, "1234"), "56789"));
     std::mt19937 random(1);
     for (std::size_t length = 0; length < 600; length++) {
         std::string data = random_bytes(random, length);
@@ -82,15 +82,15 @@ TEST(Crc16, CarriesOn)
 
 TEST(Crc32, KnownSums)
 {
-    EXPECT_EQ(crc32(0, "123456789"), 0xCBF43926u);
-    EXPECT_EQ(crc32(0, ""), 0u);
-    EXPECT_EQ(crc32(0, std::string(32, '\0')), 0x190A55ADu);
-    EXPECT_EQ(crc32(0, std::string(32, '\xFF')), 0xFF6CAB0Bu);
+    EXPECT_EQ(0xCBF43926u, crc32(0, "123456789"));
+    EXPECT_EQ(0u, crc32(0, ""));
+    EXPECT_EQ(0x190A55ADu, crc32(0, std::string(32, '\0')));
+    EXPECT_EQ(0xFF6CAB0Bu, crc32(0, std::string(32, '\xFF')));
 }
 
 TEST(Crc32, NothingLeavesTheSumAlone)
 {
-    EXPECT_EQ(qv_crc32(0x12345678, nullptr, 0), 0x12345678u);
+    EXPECT_EQ(0x12345678u, qv_crc32(0x12345678, nullptr, 0));
 }
 
 TEST(Crc32, EveryLengthAndAlignment)

@@ -26,51 +26,51 @@ extern "C" void *dlopen(const char *name, int) noexcept
 TEST(HexText, LowerCaseDigits)
 {
     char text[16] = "###############";
-    EXPECT_EQ(hex_to_str(kBytes, text, 4, sizeof text), 9);
-    EXPECT_STREQ(text, "000fa5ff");
-    EXPECT_EQ(text[9], '#');
+    EXPECT_EQ(9, hex_to_str(kBytes, text, 4, sizeof text));
+    EXPECT_STREQ("000fa5ff", text);
+    EXPECT_EQ('#', text[9]);
 }
 
 TEST(HexText, NeedsRoomForTheZero)
 {
     char text[16] = "###############";
-    EXPECT_EQ(hex_to_str(kBytes, text, 4, 8), -1);
-    EXPECT_EQ(text[0], '#') << "a refused call writes nothing";
-    EXPECT_EQ(hex_to_str(kBytes, text, 4, 9), 9);
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 4, 8));
+    EXPECT_EQ('#', text[0]) << "a refused call writes nothing";
+    EXPECT_EQ(9, hex_to_str(kBytes, text, 4, 9));
 }
 
 TEST(HexText, NoBytes)
 {
     char text[] = "#";
-    EXPECT_EQ(hex_to_str(kBytes, text, 0, 0), -1);
-    EXPECT_EQ(text[0], '#');
-    EXPECT_EQ(hex_to_str(nullptr, text, 0, 1), 1);
-    EXPECT_EQ(text[0], '\0');
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 0, 0));
+    EXPECT_EQ('#', text[0]);
+    EXPECT_EQ(1, hex_to_str(nullptr, text, 0, 1));
+    EXPECT_EQ('\0', text[0]);
 }
 
 TEST(HexText, LengthsThatWouldWrapAreRefused)
 {
     char text[16] = "###############";
-    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000000, sizeof text), -1);
-    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000003, sizeof text), -1);
-    EXPECT_EQ(hex_to_str(kBytes, text, 0x80000000, 0xFFFFFFFF), -1);
-    EXPECT_EQ(hex_to_str(kBytes, text, 0xFFFFFFFF, 0xFFFFFFFF), -1);
-    EXPECT_EQ(text[0], '#');
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 0x80000000, sizeof text));
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 0x80000003, sizeof text));
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 0x80000000, 0xFFFFFFFF));
+    EXPECT_EQ(-1, hex_to_str(kBytes, text, 0xFFFFFFFF, 0xFFFFFFFF));
+    EXPECT_EQ('#', text[0]);
 }
 
 TEST(ByteOrder, AllEightBytesAreReversed)
 {
-    EXPECT_EQ(qv_ntoh64(0x0102030405060708), 0x0807060504030201u);
-    EXPECT_EQ(qv_hton64(0x0102030405060708), 0x0807060504030201u);
-    EXPECT_EQ(qv_ntoh64(0xFF), 0xFF00000000000000u);
-    EXPECT_EQ(qv_ntoh64(qv_hton64(0x123456789ABCDEF0)), 0x123456789ABCDEF0u);
+    EXPECT_EQ(0x0807060504030201u, qv_ntoh64(0x0102030405060708));
+    EXPECT_EQ(0x0807060504030201u, qv_hton64(0x0102030405060708));
+    EXPECT_EQ(0xFF00000000000000u, qv_ntoh64(0xFF));
+    EXPECT_EQ(0x123456789ABCDEF0u, qv_ntoh64(qv_hton64(0x123456789ABCDEF0)));
 }
 
 TEST(FileMd5, FailsWhereThereIsNoLibcrypto)
 {
     write_file("/tmp/file", "abc");
     char text[33] = "#";
-    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), -1);
-    EXPECT_EQ(text[0], '#');
+    EXPECT_EQ(-1, filemd5str("/tmp/file", text, sizeof text));
+    EXPECT_EQ('#', text[0]);
     EXPECT_THAT(libraries_sought, testing::Contains("libcrypto.so.3"));
 }

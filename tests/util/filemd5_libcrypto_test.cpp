@@ -14,7 +14,7 @@ std::string digest(const std::string &content)
 {
     write_file("/tmp/file", content);
     char text[33] = "";
-    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
+    EXPECT_EQ(0, filemd5str("/tmp/file", text, sizeof text));
     return text;
 }
 
@@ -22,8 +22,8 @@ std::string digest(const std::string &content)
 
 TEST(FileMd5Libcrypto, KnownDigests)
 {
-    EXPECT_EQ(digest(""), "d41d8cd98f00b204e9800998ecf8427e");
-    EXPECT_EQ(digest("abc"), "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", digest(""));
+    EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", digest("abc"));
 }
 
 TEST(FileMd5Libcrypto, AgreesWithTheCommand)

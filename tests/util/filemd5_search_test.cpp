@@ -54,30 +54,30 @@ extern "C" int dlclose(void *library) noexcept
 
 TEST(FileMd5Search, AFailureIsNotForGood)
 {
-    EXPECT_EQ(digest(), "-1");
+    EXPECT_EQ("-1", digest());
     libraries["libcrypto.so.3"] = "libm.so.6";
-    EXPECT_EQ(digest(), "-1");
+    EXPECT_EQ("-1", digest());
     libraries["libcrypto.so.3"] = "libcrypto.so.3";
-    EXPECT_EQ(digest(), kDigest);
+    EXPECT_EQ(kDigest, digest());
 }
 
 TEST(FileMd5Search, ALibraryWithoutTheDigestDoesNotEndTheSearch)
 {
     libraries["libcrypto.so.3"] = "libm.so.6";
     libraries["libcrypto.so"] = "libcrypto.so.3";
-    EXPECT_EQ(digest(), kDigest);
-    EXPECT_EQ(opened, 2);
-    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(kDigest, digest());
+    EXPECT_EQ(2, opened);
+    EXPECT_EQ(1, closed);
 }
 
 TEST(FileMd5Search, TheLibraryIsFoundOnce)
 {
     libraries["libcrypto.so.3"] = "libcrypto.so.3";
-    EXPECT_EQ(digest(), kDigest);
+    EXPECT_EQ(kDigest, digest());
     libraries.clear();
-    EXPECT_EQ(digest(), kDigest);
-    EXPECT_EQ(opened, 1);
-    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(kDigest, digest());
+    EXPECT_EQ(1, opened);
+    EXPECT_EQ(0, closed);
 }
 
 TEST(FileMd5Search, ThreadsMayAllBeTheFirst)
@@ -97,6 +97,6 @@ TEST(FileMd5Search, ThreadsMayAllBeTheFirst)
     }
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(good, kThreads);
-    EXPECT_EQ(opened - closed, 1) << "one is kept";
+    EXPECT_EQ(kThreads, good);
+    EXPECT_EQ(1, opened - closed) << "one is kept";
 }

@@ -55,20 +55,20 @@ TEST(FileMd5, DigestAsLowerCaseDigits)
 {
     write_file("/tmp/file", "abc");
     char text[40] = "#######################################";
-    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
-    EXPECT_STREQ(text, "00112233445566778899aabbccddeeff");
-    EXPECT_EQ(text[33], '#');
-    EXPECT_EQ(seen, "abc");
-    EXPECT_EQ(begun, 1);
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(0, filemd5str("/tmp/file", text, sizeof text));
+    EXPECT_STREQ("00112233445566778899aabbccddeeff", text);
+    EXPECT_EQ('#', text[33]);
+    EXPECT_EQ("abc", seen);
+    EXPECT_EQ(1, begun);
+    EXPECT_EQ(1, ended);
 }
 
 TEST(FileMd5, ReadsInChunks)
 {
     write_file("/tmp/file", std::string(5000, 'x'));
     char text[33];
-    EXPECT_EQ(filemd5str("/tmp/file", text, sizeof text), 0);
-    EXPECT_EQ(chunks, (std::vector<std::size_t>{2048, 2048, 904}));
+    EXPECT_EQ(0, filemd5str("/tmp/file", text, sizeof text));
+    EXPECT_EQ((std::vector<std::size_t>{2048, 2048, 904}), chunks);
     EXPECT_EQ(seen, std::string(5000, 'x'));
 }
 
@@ -76,26 +76,26 @@ TEST(FileMd5, NeedsRoomFor33)
 {
     write_file("/tmp/file", "abc");
     char text[33] = "#";
-    EXPECT_EQ(filemd5str("/tmp/file", text, 32), -1);
-    EXPECT_EQ(filemd5str("/tmp/file", nullptr, 33), -1);
-    EXPECT_EQ(text[0], '#');
-    EXPECT_EQ(begun, 0);
-    EXPECT_EQ(filemd5str("/tmp/file", text, 33), 0);
+    EXPECT_EQ(-1, filemd5str("/tmp/file", text, 32));
+    EXPECT_EQ(-1, filemd5str("/tmp/file", nullptr, 33));
+    EXPECT_EQ('#', text[0]);
+    EXPECT_EQ(0, begun);
+    EXPECT_EQ(0, filemd5str("/tmp/file", text, 33));
 }
 
 TEST(FileMd5, AFileThatCannotBeOpened)
 {
     char text[33] = "#";
-    EXPECT_EQ(filemd5str("/tmp/none", text, sizeof text), -1);
-    EXPECT_EQ(text[0], '#');
-    EXPECT_EQ(begun, 0);
+    EXPECT_EQ(-1, filemd5str("/tmp/none", text, sizeof text));
+    EXPECT_EQ('#', text[0]);
+    EXPECT_EQ(0, begun);
 }
 
 TEST(FileMd5, AReadErrorEndsTheInput)
 {
     char text[33];
-    EXPECT_EQ(filemd5str("/tmp", text, sizeof text), 0) << "a directory opens and cannot be read";
-    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(0, filemd5str("/tmp", text, sizeof text)) << "a directory opens and cannot be read";
+    EXPECT_EQ(1, ended);
     EXPECT_TRUE(chunks.empty());
 }
 

@@ -82,7 +82,7 @@ struct flock blocking_lock(int fd, short type)
 {
     struct flock lock = {};
     lock.l_type = type;
-    EXPECT_EQ(::fcntl(fd, F_GETLK, &lock), 0);
+    EXPECT_EQ(0, ::fcntl(fd, F_GETLK, &lock));
     return lock;
 }
 
@@ -137,13 +137,13 @@ TEST(FileLock, CoversTheWholeFileAndWhatIsAppended)
 {
     int fd = open_store(O_RDWR | O_CREAT);
     ::lseek(fd, 100, SEEK_SET);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 0));
     ChildResult child = run_child([&] {
         struct flock lock = blocking_lock(fd, F_RDLCK);
-        EXPECT_EQ(lock.l_type, F_WRLCK);
-        EXPECT_EQ(lock.l_whence, SEEK_SET);
-        EXPECT_EQ(lock.l_start, 0);
-        EXPECT_EQ(lock.l_len, 0);
+        EXPECT_EQ(F_WRLCK, lock.l_type);
+        EXPECT_EQ(SEEK_SET, lock.l_whence);
+        EXPECT_EQ(0, lock.l_start);
+        EXPECT_EQ(0, lock.l_len);
         EXPECT_EQ(lock.l_pid, ::getppid());
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     });
@@ -153,7 +153,7 @@ TEST(FileLock, CoversTheWholeFileAndWhatIsAppended)
 TEST(FileLock, FailsAtOnceWithoutWait)
 {
     int fd = open_store(O_RDWR | O_CREAT);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 0));
     ChildResult child = run_child([&] {
         bool refused = file_lock(fd, F_RDLCK, 0) == -1 && (errno == EAGAIN || errno == EACCES);
         ::_exit(refused ? 0 : 1);
@@ -164,7 +164,7 @@ TEST(FileLock, FailsAtOnceWithoutWait)
 TEST(FileLock, ReadersShare)
 {
     int fd = open_store(O_RDWR | O_CREAT);
-    ASSERT_EQ(file_lock(fd, F_RDLCK, 1), 0);
+    ASSERT_EQ(0, file_lock(fd, F_RDLCK, 1));
     ChildResult child = run_child([&] {
         bool as_told = file_lock(fd, F_RDLCK, 0) == 0 && file_lock(fd, F_WRLCK, 0) == -1;
         ::_exit(as_told ? 0 : 1);
@@ -175,41 +175,41 @@ TEST(FileLock, ReadersShare)
 TEST(FileLock, WaitsUntilUnlocked)
 {
     int fd = open_store(O_RDWR | O_CREAT);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 1));
     int started[2];
-    ASSERT_EQ(::pipe(started), 0);
+    ASSERT_EQ(0, ::pipe(started));
     pid_t child = ::fork();
     if (child == 0) {
         [[maybe_unused]] ssize_t n = ::write(started[1], "", 1);
         ::_exit(file_lock(fd, F_WRLCK, 1));
     }
     char byte;
-    ASSERT_EQ(::read(started[0], &byte, 1), 1);
+    ASSERT_EQ(1, ::read(started[0], &byte, 1));
     ::usleep(20000);
     int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, WNOHANG), 0); // nobody has unlocked yet
-    EXPECT_EQ(file_unlock(fd), 0);
+    EXPECT_EQ(0, ::waitpid(child, &status, WNOHANG)); // nobody has unlocked yet
+    EXPECT_EQ(0, file_unlock(fd));
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
 }
 
 TEST(FileLock, UnlockDropsTheLock)
 {
     int fd = open_store(O_RDWR | O_CREAT);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 0), 0);
-    EXPECT_EQ(file_unlock(fd), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 0));
+    EXPECT_EQ(0, file_unlock(fd));
     ChildResult child = run_child([&] { ::_exit(file_lock(fd, F_WRLCK, 0) == 0 ? 0 : 1); });
     EXPECT_TRUE(child.exited(0));
 }
 
 TEST(FileLock, GivesTheErrorOfTheSystemCall)
 {
-    EXPECT_EQ(file_lock(-1, F_RDLCK, 0), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(file_unlock(-1), -1);
+    EXPECT_EQ(-1, file_lock(-1, F_RDLCK, 0));
+    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(-1, file_unlock(-1));
     int fd = open_store(O_RDONLY | O_CREAT);
-    EXPECT_EQ(file_lock(fd, F_WRLCK, 1), -1);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(-1, file_lock(fd, F_WRLCK, 1));
+    EXPECT_EQ(EBADF, errno);
 }
 
 // ---- setting ----
@@ -217,142 +217,142 @@ TEST(FileLock, GivesTheErrorOfTheSystemCall)
 TEST(SetEnv, CreatesTheStore)
 {
     ::umask(0);
-    EXPECT_EQ(qv_setenv("slot", "3", 0), 0);
-    EXPECT_EQ(read_file(kStore), "slot=3\n");
+    EXPECT_EQ(0, qv_setenv("slot", "3", 0));
+    EXPECT_EQ("slot=3\n", read_file(kStore));
     struct stat status = {};
-    ASSERT_EQ(::stat(kStore, &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0644U);
+    ASSERT_EQ(0, ::stat(kStore, &status));
+    EXPECT_EQ(0644U, status.st_mode & 07777);
 }
 
 TEST(SetEnv, AppendsNewNames)
 {
-    EXPECT_EQ(qv_setenv("a", "1", 0), 0);
-    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
-    EXPECT_EQ(qv_setenv("c", "", 1), 0);
-    EXPECT_EQ(read_file(kStore), "a=1\nb=2\nc=\n");
+    EXPECT_EQ(0, qv_setenv("a", "1", 0));
+    EXPECT_EQ(0, qv_setenv("b", "2", 1));
+    EXPECT_EQ(0, qv_setenv("c", "", 1));
+    EXPECT_EQ("a=1\nb=2\nc=\n", read_file(kStore));
 }
 
 TEST(SetEnv, TakesAnEmptyStore)
 {
     write_file(kStore, "");
-    EXPECT_EQ(qv_setenv("a", "1", 0), 0);
-    EXPECT_EQ(read_file(kStore), "a=1\n");
+    EXPECT_EQ(0, qv_setenv("a", "1", 0));
+    EXPECT_EQ("a=1\n", read_file(kStore));
 }
 
 TEST(SetEnv, KeepsAPresentNameWithoutOverwrite)
 {
     write_file(kStore, "a=1\nb=2\n");
-    EXPECT_EQ(qv_setenv("a", "9", 0), -2);
-    EXPECT_EQ(read_file(kStore), "a=1\nb=2\n");
+    EXPECT_EQ(-2, qv_setenv("a", "9", 0));
+    EXPECT_EQ("a=1\nb=2\n", read_file(kStore));
 }
 
 TEST(SetEnv, MovesAnOverwrittenRecordToTheEnd)
 {
     write_file(kStore, "a=1\nb=2\nc=3\n");
-    EXPECT_EQ(qv_setenv("b", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "a=1\nc=3\nb=9\n");
-    EXPECT_EQ(qv_setenv("a", "longer than it was", -1), 0);
-    EXPECT_EQ(read_file(kStore), "c=3\nb=9\na=longer than it was\n");
-    EXPECT_EQ(qv_setenv("a", "", 1), 0);
-    EXPECT_EQ(read_file(kStore), "c=3\nb=9\na=\n");
+    EXPECT_EQ(0, qv_setenv("b", "9", 1));
+    EXPECT_EQ("a=1\nc=3\nb=9\n", read_file(kStore));
+    EXPECT_EQ(0, qv_setenv("a", "longer than it was", -1));
+    EXPECT_EQ("c=3\nb=9\na=longer than it was\n", read_file(kStore));
+    EXPECT_EQ(0, qv_setenv("a", "", 1));
+    EXPECT_EQ("c=3\nb=9\na=\n", read_file(kStore));
 }
 
 TEST(SetEnv, OverwritesTheFirstMatchOnly)
 {
     write_file(kStore, "a=1\na=2\n");
-    EXPECT_EQ(qv_setenv("a", "3", 1), 0);
-    EXPECT_EQ(read_file(kStore), "a=2\na=3\n");
+    EXPECT_EQ(0, qv_setenv("a", "3", 1));
+    EXPECT_EQ("a=2\na=3\n", read_file(kStore));
 }
 
 TEST(SetEnv, CutsWithinALine)
 {
     write_file(kStore, "x=0\nAB=1\nc=2\n");
-    EXPECT_EQ(qv_setenv("B", "9", 0), -2);
-    EXPECT_EQ(qv_setenv("B", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "x=0\nAc=2\nB=9\n");
+    EXPECT_EQ(-2, qv_setenv("B", "9", 0));
+    EXPECT_EQ(0, qv_setenv("B", "9", 1));
+    EXPECT_EQ("x=0\nAc=2\nB=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, CutsWithinTheLastLine)
 {
     write_file(kStore, "x=0\nAB=1\n");
-    EXPECT_EQ(qv_setenv("B", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "x=0\nAB=9\n");
+    EXPECT_EQ(0, qv_setenv("B", "9", 1));
+    EXPECT_EQ("x=0\nAB=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, FindsAMatchWithinAValue)
 {
     write_file(kStore, "opt=a=1\nz=2\n");
-    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "opt=z=2\na=9\n");
+    EXPECT_EQ(0, qv_setenv("a", "9", 1));
+    EXPECT_EQ("opt=z=2\na=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, WritesBehindAnUnfinishedLine)
 {
     write_file(kStore, "a=1");
-    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
-    EXPECT_EQ(read_file(kStore), "a=1b=2\n");
+    EXPECT_EQ(0, qv_setenv("b", "2", 1));
+    EXPECT_EQ("a=1b=2\n", read_file(kStore));
 }
 
 TEST(SetEnv, ReplacesAnUnfinishedLine)
 {
     write_file(kStore, "a=1\nb=2");
-    EXPECT_EQ(qv_setenv("b", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "a=1\nb=9\n");
+    EXPECT_EQ(0, qv_setenv("b", "9", 1));
+    EXPECT_EQ("a=1\nb=9\n", read_file(kStore));
     write_file(kStore, "a=1\nb=2");
-    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "b=2a=9\n");
+    EXPECT_EQ(0, qv_setenv("a", "9", 1));
+    EXPECT_EQ("b=2a=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, KeepsBlankLines)
 {
     write_file(kStore, "\na=1\n\nb=2\n");
-    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
-    EXPECT_EQ(read_file(kStore), "\n\nb=2\na=9\n");
+    EXPECT_EQ(0, qv_setenv("a", "9", 1));
+    EXPECT_EQ("\n\nb=2\na=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, TakesAnEmptyName)
 {
     write_file(kStore, "ab\n");
-    EXPECT_EQ(qv_setenv("", "1", 0), 0);
-    EXPECT_EQ(read_file(kStore), "ab\n=1\n");
-    EXPECT_EQ(get(""), "1");
-    EXPECT_EQ(qv_setenv("", "2", 0), -2);
+    EXPECT_EQ(0, qv_setenv("", "1", 0));
+    EXPECT_EQ("ab\n=1\n", read_file(kStore));
+    EXPECT_EQ("1", get(""));
+    EXPECT_EQ(-2, qv_setenv("", "2", 0));
 }
 
 TEST(SetEnv, BoundsOfTheName)
 {
-    EXPECT_EQ(qv_setenv(text(30).c_str(), "1", 1), 0);
+    EXPECT_EQ(0, qv_setenv(text(30).c_str(), "1", 1));
     EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
-    EXPECT_EQ(qv_setenv(text(31).c_str(), "2", 1), -1);
-    EXPECT_EQ(qv_setenv(text(5000).c_str(), "2", 1), -1);
+    EXPECT_EQ(-1, qv_setenv(text(31).c_str(), "2", 1));
+    EXPECT_EQ(-1, qv_setenv(text(5000).c_str(), "2", 1));
     EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
-    EXPECT_EQ(get(text(30)), "1");
-    EXPECT_EQ(qv_setenv(text(30).c_str(), "3", 1), 0);
+    EXPECT_EQ("1", get(text(30)));
+    EXPECT_EQ(0, qv_setenv(text(30).c_str(), "3", 1));
     EXPECT_EQ(read_file(kStore), text(30) + "=3\n");
 }
 
 TEST(SetEnv, BoundsOfTheValue)
 {
-    EXPECT_EQ(qv_setenv("v", text(64).c_str(), 1), 0);
+    EXPECT_EQ(0, qv_setenv("v", text(64).c_str(), 1));
     EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
-    EXPECT_EQ(qv_setenv("v", text(65).c_str(), 1), -1);
-    EXPECT_EQ(qv_setenv("v", text(5000).c_str(), 1), -1);
+    EXPECT_EQ(-1, qv_setenv("v", text(65).c_str(), 1));
+    EXPECT_EQ(-1, qv_setenv("v", text(5000).c_str(), 1));
     EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
 }
 
 TEST(SetEnv, RefusedLengthsDoNotCreateTheStore)
 {
-    EXPECT_EQ(qv_setenv(text(31).c_str(), "1", 1), -1);
-    EXPECT_EQ(qv_setenv("v", text(65).c_str(), 1), -1);
+    EXPECT_EQ(-1, qv_setenv(text(31).c_str(), "1", 1));
+    EXPECT_EQ(-1, qv_setenv("v", text(65).c_str(), 1));
     EXPECT_FALSE(exists(kStore));
 }
 
 TEST(SetEnv, FailsWhenTheStoreCannotBeOpened)
 {
-    ASSERT_EQ(::mkdir(kStore, 0755), 0);
-    EXPECT_EQ(qv_setenv("a", "1", 1), -1);
-    EXPECT_EQ(get("a"), "(null)");
-    EXPECT_EQ(get_from(kStore, "a"), "(null)");
+    ASSERT_EQ(0, ::mkdir(kStore, 0755));
+    EXPECT_EQ(-1, qv_setenv("a", "1", 1));
+    EXPECT_EQ("(null)", get("a"));
+    EXPECT_EQ("(null)", get_from(kStore, "a"));
 }
 
 TEST(SetEnv, WriteErrorsAreIgnored)
@@ -365,29 +365,29 @@ TEST(SetEnv, WriteErrorsAreIgnored)
         ::_exit(qv_setenv("c", "3", 1) == 0 ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kStore), "a=1\nb=2\n");
+    EXPECT_EQ("a=1\nb=2\n", read_file(kStore));
 }
 
 TEST(SetEnv, ShortReadsLoseNothing)
 {
     write_file(kStore, "a=1\nb=2\nc=3\n");
     io::most_read = 5;
-    EXPECT_EQ(qv_setenv("a", "9", 1), 0);
-    EXPECT_EQ(qv_setenv("c", "8", 0), -2);
-    EXPECT_EQ(get("b"), "2");
-    EXPECT_EQ(get("a"), "9");
-    EXPECT_EQ(get_from(kStore, "c"), "3");
+    EXPECT_EQ(0, qv_setenv("a", "9", 1));
+    EXPECT_EQ(-2, qv_setenv("c", "8", 0));
+    EXPECT_EQ("2", get("b"));
+    EXPECT_EQ("9", get("a"));
+    EXPECT_EQ("3", get_from(kStore, "c"));
     io::most_read = 0;
-    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=9\n");
+    EXPECT_EQ("b=2\nc=3\na=9\n", read_file(kStore));
 }
 
 TEST(SetEnv, ShortWritesLoseNothing)
 {
     write_file(kStore, "a=1\nb=2\nc=3\n");
     io::most_written = 3;
-    EXPECT_EQ(qv_setenv("a", "long value", 1), 0);
+    EXPECT_EQ(0, qv_setenv("a", "long value", 1));
     io::most_written = 0;
-    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=long value\n");
+    EXPECT_EQ("b=2\nc=3\na=long value\n", read_file(kStore));
 }
 
 TEST(SetEnv, AFailedReadChangesNothing)
@@ -396,12 +396,12 @@ TEST(SetEnv, AFailedReadChangesNothing)
     io::most_read = 5;
     for (int good = 0; good < 3; good++) {
         io::good_reads = good;
-        EXPECT_EQ(qv_setenv("a", "9", 1), -1);
+        EXPECT_EQ(-1, qv_setenv("a", "9", 1));
         io::good_reads = good;
-        EXPECT_EQ(get("a"), "(null)");
+        EXPECT_EQ("(null)", get("a"));
     }
     io::good_reads = -1;
-    EXPECT_EQ(read_file(kStore), "a=1\nb=2\nc=3\n");
+    EXPECT_EQ("a=1\nb=2\nc=3\n", read_file(kStore));
 }
 
 // The order is part of the contract: what a writer that is killed in between leaves is a cut-off file, never one that
@@ -410,19 +410,19 @@ TEST(SetEnv, CutsFirstThenWritesTheRestAtOnceThenTheRecordInFourPieces)
 {
     write_file(kStore, "a=1\nb=2\nc=3\n");
     io::calls.clear();
-    EXPECT_EQ(qv_setenv("b", "two", 1), 0);
-    EXPECT_EQ(io::calls,
-              (std::vector<std::string>{"cut 4", "write c=3\n", "write b", "write =", "write two", "write \n"}));
+    EXPECT_EQ(0, qv_setenv("b", "two", 1));
+    EXPECT_EQ((std::vector<std::string>{"cut 4", "write c=3\n", "write b", "write =", "write two", "write \n"}),
+              io::calls);
     io::calls.clear();
-    EXPECT_EQ(qv_setenv("b", "2", 1), 0);
-    EXPECT_EQ(io::calls, (std::vector<std::string>{"cut 8", "write b", "write =", "write 2", "write \n"}));
+    EXPECT_EQ(0, qv_setenv("b", "2", 1));
+    EXPECT_EQ((std::vector<std::string>{"cut 8", "write b", "write =", "write 2", "write \n"}), io::calls);
     io::calls.clear();
-    EXPECT_EQ(qv_setenv("d", "4", 1), 0);
-    EXPECT_EQ(io::calls, (std::vector<std::string>{"write d", "write =", "write 4", "write \n"}));
+    EXPECT_EQ(0, qv_setenv("d", "4", 1));
+    EXPECT_EQ((std::vector<std::string>{"write d", "write =", "write 4", "write \n"}), io::calls);
     io::calls.clear();
-    EXPECT_EQ(qv_setenv("a", "5", 0), -2);
-    EXPECT_EQ(get("a"), "1");
-    EXPECT_EQ(io::calls, std::vector<std::string>{});
+    EXPECT_EQ(-2, qv_setenv("a", "5", 0));
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ(std::vector<std::string>{}, io::calls);
 }
 
 TEST(SetEnv, AKillBetweenTheCutAndTheRestLosesWhatFollowed)
@@ -433,9 +433,9 @@ TEST(SetEnv, AKillBetweenTheCutAndTheRestLosesWhatFollowed)
         qv_setenv("b", "9", 1);
     });
     EXPECT_TRUE(child.killed_by(SIGKILL));
-    EXPECT_EQ(read_file(kStore), "a=1\n");
-    EXPECT_EQ(qv_setenv("d", "4", 0), 0) << "the lock went with the process";
-    EXPECT_EQ(read_file(kStore), "a=1\nd=4\n");
+    EXPECT_EQ("a=1\n", read_file(kStore));
+    EXPECT_EQ(0, qv_setenv("d", "4", 0)) << "the lock went with the process";
+    EXPECT_EQ("a=1\nd=4\n", read_file(kStore));
 }
 
 TEST(SetEnv, NoDescriptorReachesAProgramThatIsStartedMeanwhile)
@@ -445,7 +445,7 @@ TEST(SetEnv, NoDescriptorReachesAProgramThatIsStartedMeanwhile)
     qv_setenv("a", "2", 1);
     get("a");
     get_from(kStore, "a");
-    ASSERT_EQ(io::open_flags.size(), 3U);
+    ASSERT_EQ(3U, io::open_flags.size());
     EXPECT_EQ(io::open_flags[0] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDWR | O_CLOEXEC | O_CREAT);
     EXPECT_EQ(io::open_flags[1] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(io::open_flags[2] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
@@ -473,7 +473,7 @@ TEST(SetEnv, LeavesNoDescriptorAndNoLockBehind)
 TEST(SetEnv, ASignalDuringTheWaitFailsTheCall)
 {
     int fd = open_store(O_RDWR | O_CREAT);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 1));
     ChildResult child = run_child([] {
         struct sigaction action = {};
         action.sa_handler = [](int) {};
@@ -490,8 +490,8 @@ TEST(SetEnv, ASignalDuringTheWaitFailsTheCall)
 
 TEST(GetEnv, MissingStoreIsNotCreated)
 {
-    EXPECT_EQ(qv_getenv("a"), nullptr);
-    EXPECT_EQ(qv_getenv_filename(kStore, "a"), nullptr);
+    EXPECT_EQ(nullptr, qv_getenv("a"));
+    EXPECT_EQ(nullptr, qv_getenv_filename(kStore, "a"));
     EXPECT_FALSE(exists(kStore));
 }
 
@@ -499,32 +499,32 @@ TEST(GetEnv, ReadsWhatWasSet)
 {
     qv_setenv("a", "1", 1);
     qv_setenv("b", "two words", 1);
-    EXPECT_EQ(get("a"), "1");
-    EXPECT_EQ(get("b"), "two words");
-    EXPECT_EQ(get("c"), "(null)");
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ("two words", get("b"));
+    EXPECT_EQ("(null)", get("c"));
     qv_setenv("a", "3", 1);
-    EXPECT_EQ(get("a"), "3");
+    EXPECT_EQ("3", get("a"));
 }
 
 TEST(GetEnv, EmptyStoreHoldsNothing)
 {
     write_file(kStore, "");
-    EXPECT_EQ(get("a"), "(null)");
-    EXPECT_EQ(get(""), "(null)");
-    EXPECT_EQ(get_from(kStore, "a"), "(null)");
-    EXPECT_EQ(get_from(kStore, ""), "(null)");
+    EXPECT_EQ("(null)", get("a"));
+    EXPECT_EQ("(null)", get(""));
+    EXPECT_EQ("(null)", get_from(kStore, "a"));
+    EXPECT_EQ("(null)", get_from(kStore, ""));
 }
 
 TEST(GetEnv, FirstMatchAnywhereInTheText)
 {
     write_file(kStore, "AB=1\nB=2\nB=3\n");
-    EXPECT_EQ(get("B"), "1");
-    EXPECT_EQ(get("AB"), "1");
-    EXPECT_EQ(get("A"), "(null)");
+    EXPECT_EQ("1", get("B"));
+    EXPECT_EQ("1", get("AB"));
+    EXPECT_EQ("(null)", get("A"));
     write_file(kStore, "opt=a=1\na=2\n");
-    EXPECT_EQ(get("a"), "1");
-    EXPECT_EQ(get("opt"), "a=1");
-    EXPECT_EQ(get("opt=a"), "1");
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ("a=1", get("opt"));
+    EXPECT_EQ("1", get("opt=a"));
 }
 
 TEST(GetEnv, LengthsOfTheValue)
@@ -544,32 +544,32 @@ TEST(GetEnv, LengthsOfTheValue)
 
 TEST(GetEnv, ASetValueOf64CharactersReadsAsAbsent)
 {
-    EXPECT_EQ(qv_setenv("v", text(64).c_str(), 1), 0);
-    EXPECT_EQ(get("v"), "(null)");
-    EXPECT_EQ(qv_setenv("v", "1", 0), -2);
-    EXPECT_EQ(qv_setenv("v", text(63).c_str(), 1), 0);
+    EXPECT_EQ(0, qv_setenv("v", text(64).c_str(), 1));
+    EXPECT_EQ("(null)", get("v"));
+    EXPECT_EQ(-2, qv_setenv("v", "1", 0));
+    EXPECT_EQ(0, qv_setenv("v", text(63).c_str(), 1));
     EXPECT_EQ(get("v"), text(63));
 }
 
 TEST(GetEnv, LongNamesAreCut)
 {
     write_file(kStore, text(30) + "=30\n" + text(31, 'y') + "=31\n" + text(40, 'z') + "=40\n");
-    EXPECT_EQ(get(text(30)), "30");
-    EXPECT_EQ(get(text(31)), "(null)");
-    EXPECT_EQ(get(text(31, 'y')), "31");
-    EXPECT_EQ(get(text(31, 'z')), "40");
-    EXPECT_EQ(get(text(40, 'z')), "40");
-    EXPECT_EQ(get(text(31, 'z') + "other end"), "40");
-    EXPECT_EQ(get(text(5000, 'z')), "40");
+    EXPECT_EQ("30", get(text(30)));
+    EXPECT_EQ("(null)", get(text(31)));
+    EXPECT_EQ("31", get(text(31, 'y')));
+    EXPECT_EQ("40", get(text(31, 'z')));
+    EXPECT_EQ("40", get(text(40, 'z')));
+    EXPECT_EQ("40", get(text(31, 'z') + "other end"));
+    EXPECT_EQ("40", get(text(5000, 'z')));
     write_file(kStore, text(31) + "\nb=1\n");
-    EXPECT_EQ(get(text(31)), "(null)"); // no value in that line, and the next one's is not its
+    EXPECT_EQ("(null)", get(text(31))); // no value in that line, and the next one's is not its
 }
 
 TEST(GetEnv, TheTextEndsAtAZero)
 {
     write_file(kStore, std::string("a=1\0b\nc=3\n", 10));
-    EXPECT_EQ(get("a"), "1");
-    EXPECT_EQ(get("c"), "(null)");
+    EXPECT_EQ("1", get("a"));
+    EXPECT_EQ("(null)", get("c"));
 }
 
 TEST(GetEnv, BothReadersShareTheResult)
@@ -577,65 +577,65 @@ TEST(GetEnv, BothReadersShareTheResult)
     write_file(kStore, "a=1\n");
     write_file(kOther, "b=2\n");
     char *first = qv_getenv("a");
-    ASSERT_NE(first, nullptr);
+    ASSERT_NE(nullptr, first);
     EXPECT_EQ(qv_getenv_filename(kOther, "b"), first);
-    EXPECT_STREQ(first, "2");
+    EXPECT_STREQ("2", first);
 }
 
 TEST(GetEnvFilename, TakesAnyFile)
 {
     write_file(kStore, "a=1\n");
     write_file(kOther, "a=2\n");
-    EXPECT_EQ(get_from(kOther, "a"), "2");
-    EXPECT_EQ(get_from(kStore, "a"), "1");
-    EXPECT_EQ(get_from("/tmp/none", "a"), "(null)");
+    EXPECT_EQ("2", get_from(kOther, "a"));
+    EXPECT_EQ("1", get_from(kStore, "a"));
+    EXPECT_EQ("(null)", get_from("/tmp/none", "a"));
     EXPECT_FALSE(exists("/tmp/none"));
 }
 
 TEST(GetEnvFilename, OnlyTheFirstOccurrenceCounts)
 {
     write_file(kOther, "abc=1\nab=2\n");
-    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
-    EXPECT_EQ(get_from(kOther, "abc"), "1");
-    EXPECT_EQ(get_from(kOther, "bc"), "1");
+    EXPECT_EQ("(null)", get_from(kOther, "ab"));
+    EXPECT_EQ("1", get_from(kOther, "abc"));
+    EXPECT_EQ("1", get_from(kOther, "bc"));
     write_file(kOther, "x=ab\nab=2\n");
-    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
+    EXPECT_EQ("(null)", get_from(kOther, "ab"));
     write_file(kOther, "ab=2\nabc=1\n");
-    EXPECT_EQ(get_from(kOther, "ab"), "2");
+    EXPECT_EQ("2", get_from(kOther, "ab"));
     write_file(kOther, "ab");
-    EXPECT_EQ(get_from(kOther, "ab"), "(null)");
+    EXPECT_EQ("(null)", get_from(kOther, "ab"));
 }
 
 TEST(GetEnvFilename, DoesNotCutNames)
 {
     write_file(kOther, text(40) + "=1\n");
-    EXPECT_EQ(get_from(kOther, text(40)), "1");
-    EXPECT_EQ(get_from(kOther, text(39)), "(null)"); // first occurrence: the line's start
-    EXPECT_EQ(get_from(kOther, text(41)), "(null)");
+    EXPECT_EQ("1", get_from(kOther, text(40)));
+    EXPECT_EQ("(null)", get_from(kOther, text(39))); // first occurrence: the line's start
+    EXPECT_EQ("(null)", get_from(kOther, text(41)));
 }
 
 TEST(GetEnvFilename, EmptyNameNeedsAnEqualsSignInFront)
 {
     write_file(kOther, "a=1\n");
-    EXPECT_EQ(get_from(kOther, ""), "(null)");
+    EXPECT_EQ("(null)", get_from(kOther, ""));
     write_file(kOther, "=1\n");
-    EXPECT_EQ(get_from(kOther, ""), "1");
+    EXPECT_EQ("1", get_from(kOther, ""));
 }
 
 TEST(GetEnv, WaitsForTheWriter)
 {
     write_file(kStore, "a=1\n");
     int fd = open_store(O_RDWR);
-    ASSERT_EQ(file_lock(fd, F_WRLCK, 1), 0);
+    ASSERT_EQ(0, file_lock(fd, F_WRLCK, 1));
     pid_t child = ::fork();
     if (child == 0)
         ::_exit(get("a") == "2" ? 0 : 1);
     ::usleep(20000);
-    EXPECT_EQ(::pwrite(fd, "a=2\n", 4, 0), 4);
+    EXPECT_EQ(4, ::pwrite(fd, "a=2\n", 4, 0));
     file_unlock(fd);
     int status = -1;
     EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
 }
 
 // ---- against a model ----
@@ -747,7 +747,7 @@ struct Tally {
 Tally *new_tally()
 {
     void *map = ::mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    EXPECT_NE(map, MAP_FAILED);
+    EXPECT_NE(MAP_FAILED, map);
     return static_cast<Tally *>(map);
 }
 
@@ -798,7 +798,7 @@ unsigned check_store(const Tally *tally)
         EXPECT_LE(count, tally->counts[writer % kWriters]) << line;
         EXPECT_GT(count, last[writer]) << line;
         last[writer] = count;
-        EXPECT_EQ(++seen[line.substr(0, sign)], 1U) << line;
+        EXPECT_EQ(1U, ++seen[line.substr(0, sign)]) << line;
     }
     return odd;
 }
@@ -831,11 +831,11 @@ TEST(EnvProcesses, NoReaderSeesATornRecord)
     for (pid_t child : children) {
         int status = -1;
         EXPECT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(0, status);
     }
-    EXPECT_EQ(tally->wrong, 0U);
-    EXPECT_EQ(tally->failed, 0U);
-    EXPECT_EQ(check_store(tally), 0U);
+    EXPECT_EQ(0U, tally->wrong);
+    EXPECT_EQ(0U, tally->failed);
+    EXPECT_EQ(0U, check_store(tally));
 }
 
 // A record is four writes, so a killed writer may leave a piece of one, and the next record follows on the same line.
@@ -863,13 +863,13 @@ TEST(EnvProcesses, KilledWritersCostALineEachAtMost)
     for (pid_t child : children)
         ASSERT_EQ(::waitpid(child, nullptr, 0), child);
     EXPECT_GT(kills, 0U);
-    EXPECT_EQ(tally->failed, 0U);
+    EXPECT_EQ(0U, tally->failed);
     EXPECT_LE(check_store(tally), kills);
 
     // The store is as good as before: what is set now is read back.
     for (unsigned i = 0; i < kNames; i++) {
-        EXPECT_EQ(qv_setenv(name_of(i).c_str(), "back", 1), 0);
-        EXPECT_EQ(get(name_of(i)), "back");
+        EXPECT_EQ(0, qv_setenv(name_of(i).c_str(), "back", 1));
+        EXPECT_EQ("back", get(name_of(i)));
     }
 }
 

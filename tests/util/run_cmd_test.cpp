@@ -106,15 +106,15 @@ TEST(RunExecv, WaitingGivesTheRawStatus)
     char *const exits[] = {shell, option, leave, nullptr};
     char *const dies[] = {shell, option, die, nullptr};
     EXPECT_EQ(run_execv("/bin/sh", exits, 1, 0), 3 << 8);
-    EXPECT_EQ(run_execv("/bin/sh", dies, 1, 0), SIGKILL);
-    EXPECT_EQ(run_execv(show_args().c_str(), kNoArgs, 1, 0), 0);
+    EXPECT_EQ(SIGKILL, run_execv("/bin/sh", dies, 1, 0));
+    EXPECT_EQ(0, run_execv(show_args().c_str(), kNoArgs, 1, 0));
 }
 
 TEST(RunExecv, WithoutWaitingTheChildIsTheCallersToReap)
 {
     char shell[] = "sh", option[] = "-c", leave[] = "exit 5";
     char *const argv[] = {shell, option, leave, nullptr};
-    EXPECT_EQ(run_execv("/bin/sh", argv, 0, 0), 0);
+    EXPECT_EQ(0, run_execv("/bin/sh", argv, 0, 0));
     int status = 0;
     EXPECT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(status, 5 << 8);
@@ -124,35 +124,35 @@ TEST(RunExecv, AMissingProgramIsSaidAndLeavesWithStatus255)
 {
     ChildResult child = run_child([] { ::_exit(run_execv("/no/such", kNoArgs, 1, 0) == 255 << 8 ? 0 : 1); });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "execv /no/such error: No such file or directory\n");
+    EXPECT_EQ("execv /no/such error: No such file or directory\n", read_file(kConsole));
 }
 
 TEST(RunExecv, AFailedForkIsSaid)
 {
     fork_fails = true;
     pid_t pid = 77;
-    EXPECT_EQ(run_execv("/bin/true", kNoArgs, 1, 0), -1);
-    EXPECT_EQ(run_execv_ex("/bin/sh", kNoArgs, 0, &pid), -1);
-    EXPECT_EQ(run_shell("true"), -1);
+    EXPECT_EQ(-1, run_execv("/bin/true", kNoArgs, 1, 0));
+    EXPECT_EQ(-1, run_execv_ex("/bin/sh", kNoArgs, 0, &pid));
+    EXPECT_EQ(-1, run_shell("true"));
     fork_fails = false;
-    EXPECT_EQ(pid, 77) << "left alone";
-    EXPECT_EQ(read_file(kConsole), "fork /bin/true error\nfork /bin/sh error\n");
+    EXPECT_EQ(77, pid) << "left alone";
+    EXPECT_EQ("fork /bin/true error\nfork /bin/sh error\n", read_file(kConsole));
 }
 
 TEST(RunExecv, AnInterruptedWaitGoesOn)
 {
     waits_interrupted = 2;
     EXPECT_EQ(run_shell("exit 4"), 4 << 8);
-    EXPECT_EQ(waits_interrupted, 0);
-    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "no zombie is left";
-    EXPECT_EQ(errno, ECHILD);
+    EXPECT_EQ(0, waits_interrupted);
+    EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "no zombie is left";
+    EXPECT_EQ(ECHILD, errno);
 }
 
 TEST(RunExecv, AWaitThatFailsGivesMinusOne)
 {
     std::signal(SIGCHLD, SIG_IGN); // children are reaped by the kernel, the wait finds none
-    EXPECT_EQ(run_execv("/bin/true", kNoArgs, 1, 0), -1);
-    EXPECT_EQ(run_shell("true"), -1);
+    EXPECT_EQ(-1, run_execv("/bin/true", kNoArgs, 1, 0));
+    EXPECT_EQ(-1, run_shell("true"));
 }
 
 TEST(RunExecv, SigintIsRestoredOnlyWhenAsked)
@@ -164,8 +164,8 @@ TEST(RunExecv, SigintIsRestoredOnlyWhenAsked)
         ChildResult child = run_child([&] { run_execv("/bin/sh", argv, 1, dfl_sigint); });
         return (std::strtoul(child.out.c_str() + 8, nullptr, 16) >> (SIGINT - 1)) & 1;
     };
-    EXPECT_EQ(ignored(0), 1u);
-    EXPECT_EQ(ignored(1), 0u);
+    EXPECT_EQ(1u, ignored(0));
+    EXPECT_EQ(0u, ignored(1));
 }
 
 TEST(RunExecv, NoDescriptorAboveStandardErrorReachesTheChild)
@@ -175,16 +175,16 @@ TEST(RunExecv, NoDescriptorAboveStandardErrorReachesTheChild)
     char *const argv[] = {shell, option, body, nullptr};
     ChildResult child = run_child([&] { run_execv("/bin/sh", argv, 1, 0); });
     // The one above is the shell's own, listing the folder.
-    EXPECT_EQ(child.out, "/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3\n");
+    EXPECT_EQ("/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3\n", child.out);
     child = run_child([&] { run_shell(kListFds); });
-    EXPECT_EQ(child.out, "0 1 2 3 ");
+    EXPECT_EQ("0 1 2 3 ", child.out);
 }
 
 TEST(RunExecv, AnEmptyArgumentListRunsTheProgram)
 {
     std::string show = show_args();
-    EXPECT_EQ(run_shellcmd(show.c_str(), "", 1, 0), 0);
-    EXPECT_EQ(run_shellcmd(show.c_str(), " \t ", 1, 0), 0);
+    EXPECT_EQ(0, run_shellcmd(show.c_str(), "", 1, 0));
+    EXPECT_EQ(0, run_shellcmd(show.c_str(), " \t ", 1, 0));
 }
 
 TEST(CloseExtraFds, ClosesAllFromThreeUpAndKeepsTheRest)
@@ -261,7 +261,7 @@ TEST(CloseExtraFds, WorksWithoutAFreeDescriptor)
         ::_exit(good ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallItSaysSo)
@@ -315,17 +315,17 @@ TEST(CloseExtraFds, LaterLinesGoToTheConsoleAndIntoNoFileOfTheHost)
             __qv_print_msg("%s", text);
         };
         print_all("before\n");
-        EXPECT_EQ(close_extra_fds(), 0);
+        EXPECT_EQ(0, close_extra_fds());
         std::vector<std::string> paths = open_host_files();
         write_file(kConsole, "");
         print_all("after\n");
         for (const std::string &path : paths)
-            EXPECT_EQ(read_file(path), "") << path;
+            EXPECT_EQ("", read_file(path)) << path;
         for (const std::string &name : list_dir("/var/sysinfo/logs"))
             EXPECT_THAT(read_file("/var/sysinfo/logs/" + name), testing::EndsWith(" Error: f:1: after\n"));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(read_file(kConsole), "after\n") << "of both paths, each at its own place";
+    EXPECT_EQ("after\n", read_file(kConsole)) << "of both paths, each at its own place";
 }
 
 TEST(CloseExtraFds, ConsolesWithALowNumberStayOpen)
@@ -338,7 +338,7 @@ TEST(CloseExtraFds, ConsolesWithALowNumberStayOpen)
         ::_exit(::fcntl(0, F_GETFD) == 0 && ::fcntl(3, F_GETFD) != 0 ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+    EXPECT_EQ("a\nb\n", read_file(kConsole));
 }
 
 TEST(CloseExtraFds, ATraceOfAllocationsGoesIntoNoFileOfTheHost)
@@ -348,13 +348,13 @@ TEST(CloseExtraFds, ATraceOfAllocationsGoesIntoNoFileOfTheHost)
     ChildResult child = run_child([] {
         install_sighandler();
         ::raise(SIGUSR2);
-        EXPECT_EQ(close_extra_fds(), 0);
+        EXPECT_EQ(0, close_extra_fds());
         std::vector<std::string> paths = open_host_files();
         for (int i = 0; i < 500; i++)
             std::free(std::malloc(100));
         ::raise(SIGUSR2);
         for (const std::string &path : paths)
-            EXPECT_EQ(read_file(path), "") << path;
+            EXPECT_EQ("", read_file(path)) << path;
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_THAT(read_file("/etc/mtrace" + std::to_string(child.pid) + ".log"), testing::StartsWith("= Start\n"));
@@ -401,11 +401,11 @@ void fail_with_pending_text(const std::function<void()> &run)
 void expect_written_once(const ChildResult &child)
 {
     EXPECT_TRUE(child.exited(0)) << child.status;
-    EXPECT_EQ(child.out, "on standard output\n");
+    EXPECT_EQ("on standard output\n", child.out);
     for (int i = 0; i < 6; i++)
         EXPECT_EQ(read_file("/tmp/pending" + std::to_string(i)), "pending" + std::to_string(i) + "\n");
-    EXPECT_EQ(read_file(kConsole), "execv /no/such error: No such file or directory\n");
-    EXPECT_EQ(lines(read_file("/etc/consolelog")).size(), 1u);
+    EXPECT_EQ("execv /no/such error: No such file or directory\n", read_file(kConsole));
+    EXPECT_EQ(1u, lines(read_file("/etc/consolelog")).size());
 }
 
 } // namespace
@@ -418,7 +418,7 @@ TEST(FailedChild, WritesNoneOfTheCallersPendingText)
 TEST(FailedChild, WritesNoneOfItEitherWithThreadsAbout)
 {
     int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
+    ASSERT_EQ(0, ::pipe(fds));
     expect_written_once(run_child(
         [&] {
             // A thread waits for input with the stream's lock held: no flush of all streams would come back.
@@ -439,7 +439,7 @@ TEST(FailedChild, ThePendingTextComesBeforeTheProgramsOutput)
         run_shell("echo second");
         std::fflush(stdout);
     });
-    EXPECT_EQ(child.out, "first\nsecond\n");
+    EXPECT_EQ("first\nsecond\n", child.out);
 }
 
 TEST(FailedChild, LeavesTheParentsPlaceInItsInputAlone)
@@ -449,11 +449,11 @@ TEST(FailedChild, LeavesTheParentsPlaceInItsInputAlone)
         ::close(0);
         ::open("/tmp/input", O_RDONLY);
         char line[32];
-        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "one\n");
+        EXPECT_STREQ("one\n", std::fgets(line, sizeof line, stdin));
         run_execv("/no/such", kNoArgs, 1, 0);
-        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "two\n");
-        EXPECT_STREQ(std::fgets(line, sizeof line, stdin), "three\n");
-        EXPECT_EQ(std::fgets(line, sizeof line, stdin), nullptr);
+        EXPECT_STREQ("two\n", std::fgets(line, sizeof line, stdin));
+        EXPECT_STREQ("three\n", std::fgets(line, sizeof line, stdin));
+        EXPECT_EQ(nullptr, std::fgets(line, sizeof line, stdin));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -476,21 +476,19 @@ TEST(RunExecv, TheFirstArgumentIsArgv0)
     char name[] = "cat", file[] = "/proc/self/cmdline";
     char *const argv[] = {name, file, nullptr};
     pid_t pid = 0;
-    EXPECT_EQ(own_argv0([&](const char *cat) { run_execv(cat, argv, 1, 0); }), "cat");
-    EXPECT_EQ(own_argv0([](const char *cat) { run_shellcmd(cat, "cat /proc/self/cmdline", 1, 0); }), "cat");
-    EXPECT_EQ(own_argv0([&](const char *cat) {
+    EXPECT_EQ("cat", own_argv0([&](const char *cat) { run_execv(cat, argv, 1, 0); }));
+    EXPECT_EQ("cat", own_argv0([](const char *cat) { run_shellcmd(cat, "cat /proc/self/cmdline", 1, 0); }));
+    EXPECT_EQ("cat", own_argv0([&](const char *cat) {
                   run_execv_ex(cat, argv, 0, &pid);
                   ::waitpid(pid, nullptr, 0);
-              }),
-              "cat");
-    EXPECT_EQ(own_argv0([&](const char *cat) {
+              }));
+    EXPECT_EQ("cat", own_argv0([&](const char *cat) {
                   run_shellcmd_ex(cat, "cat /proc/self/cmdline", 0, &pid);
                   ::waitpid(pid, nullptr, 0);
-              }),
-              "cat");
+              }));
     ChildResult child = run_child([] { run_shell("cat /proc/$$/cmdline; true"); });
     using namespace std::string_literals;
-    EXPECT_EQ(child.out, "/bin/sh\0-c\0cat /proc/$$/cmdline; true\0"s);
+    EXPECT_EQ("/bin/sh\0-c\0cat /proc/$$/cmdline; true\0"s, child.out);
 }
 
 namespace {
@@ -524,17 +522,17 @@ TEST(RunExecv, WaitAndSigintAreTwoThings)
         auto reaped = [](pid_t pid) { ::waitpid(pid, nullptr, 0); };
         pid_t pid = 0;
         EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(run_execv(path, argv, 0, sigint), 0);
+                      EXPECT_EQ(0, run_execv(path, argv, 0, sigint));
                       reaped(-1);
                   }) & bit(SIGINT),
                   wanted);
         EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(run_execv_ex(path, argv, sigint, &pid), 0);
+                      EXPECT_EQ(0, run_execv_ex(path, argv, sigint, &pid));
                       reaped(pid);
                   }) & bit(SIGINT),
                   wanted);
         EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(run_shellcmd_ex(path, "sigs", sigint, &pid), 0);
+                      EXPECT_EQ(0, run_shellcmd_ex(path, "sigs", sigint, &pid));
                       reaped(pid);
                   }) & bit(SIGINT),
                   wanted);
@@ -545,14 +543,14 @@ TEST(RunExecv, WaitAndSigintAreTwoThings)
 TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
 {
     int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
+    ASSERT_EQ(0, ::pipe(fds));
     write_file("/tmp/block", "#!/bin/sh\nread line\nexit 4\n");
     ::chmod("/tmp/block", 0755);
     ::dup2(fds[0], 0);
-    EXPECT_EQ(run_shellcmd("/tmp/block", "block", 0, 1), 0);
+    EXPECT_EQ(0, run_shellcmd("/tmp/block", "block", 0, 1));
     int status = 0;
-    EXPECT_EQ(::waitpid(-1, &status, WNOHANG), 0) << "it runs";
-    EXPECT_EQ(::write(fds[1], "\n", 1), 1);
+    EXPECT_EQ(0, ::waitpid(-1, &status, WNOHANG)) << "it runs";
+    EXPECT_EQ(1, ::write(fds[1], "\n", 1));
     EXPECT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(status, 4 << 8);
 }
@@ -572,7 +570,7 @@ TEST(RunExecv, NoOtherSignalIsTouched)
     for (int sigint : {0, 1}) {
         ignored = ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); });
         for (int sig : {SIGHUP, SIGQUIT, SIGTERM, SIGPIPE, SIGUSR1, SIGTSTP, SIGRTMIN})
-            EXPECT_NE(ignored & bit(sig), 0u) << sig;
+            EXPECT_NE(0u, ignored & bit(sig)) << sig;
         // Not by a script: the shell clears its children's mask.
         char grep[] = "grep", pattern[] = "SigBlk:", file[] = "/proc/self/status";
         char *const show_mask[] = {grep, pattern, file, nullptr};
@@ -593,12 +591,12 @@ TEST(RunShellcmd, LongCopiesAreFreed)
     run_shellcmd("/bin/true", line.c_str(), 1, 0);
     std::size_t before = held();
     for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(run_shellcmd("/bin/true", line.c_str(), 1, 0), 0);
-        EXPECT_EQ(run_shellcmd_ex("/bin/true", line.c_str(), 0, &pid), 0);
+        EXPECT_EQ(0, run_shellcmd("/bin/true", line.c_str(), 1, 0));
+        EXPECT_EQ(0, run_shellcmd_ex("/bin/true", line.c_str(), 0, &pid));
         ::waitpid(pid, nullptr, 0);
     }
     fork_fails = true;
-    EXPECT_EQ(run_shellcmd("/bin/true", line.c_str(), 1, 0), -1);
+    EXPECT_EQ(-1, run_shellcmd("/bin/true", line.c_str(), 1, 0));
     fork_fails = false;
     EXPECT_LT(held(), before + line.size() / 2);
 }
@@ -607,7 +605,7 @@ TEST(RunShellcmd, WordsAreCutAtRunsOfBlanksAndTabs)
 {
     std::string show = show_args();
     ChildResult child = run_child([&] { run_shellcmd(show.c_str(), "\t zero  one\t\ttwo 'a b' \t", 1, 0); });
-    EXPECT_EQ(child.out, "[one][two]['a][b']");
+    EXPECT_EQ("[one][two]['a][b']", child.out);
     EXPECT_TRUE(child.exited(0));
 }
 
@@ -653,29 +651,29 @@ TEST(RunShellcmdEx, TheIdIsHandedOutAndPolled)
 {
     pid_t pid = 0;
     int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
+    ASSERT_EQ(0, ::pipe(fds));
     write_file("/tmp/wait", "#!/bin/sh\nread line\nexit 6\n");
     ::chmod("/tmp/wait", 0755);
     int saved = ::dup(0);
     ::dup2(fds[0], 0);
-    EXPECT_EQ(run_shellcmd_ex("/tmp/wait", "wait", 0, &pid), 0);
+    EXPECT_EQ(0, run_shellcmd_ex("/tmp/wait", "wait", 0, &pid));
     ::dup2(saved, 0);
     ASSERT_GT(pid, 0);
     int status = 77;
-    EXPECT_EQ(run_shellcmd_ex_wait(pid, &status), 0);
-    EXPECT_EQ(::write(fds[1], "go\n", 3), 3);
+    EXPECT_EQ(0, run_shellcmd_ex_wait(pid, &status));
+    EXPECT_EQ(3, ::write(fds[1], "go\n", 3));
     pid_t ended = 0;
     while ((ended = run_shellcmd_ex_wait(pid, &status)) == 0)
         ::usleep(1000);
     EXPECT_EQ(ended, pid);
     EXPECT_EQ(status, 6 << 8);
-    EXPECT_EQ(run_shellcmd_ex_wait(pid, &status), -1);
+    EXPECT_EQ(-1, run_shellcmd_ex_wait(pid, &status));
 }
 
 TEST(RunShell, TheShellsRulesHold)
 {
     ChildResult child = run_child([] { ::_exit(run_shell("echo 'a b' | tr a-z A-Z; exit 9") == 9 << 8 ? 0 : 1); });
-    EXPECT_EQ(child.out, "A B\n");
+    EXPECT_EQ("A B\n", child.out);
     EXPECT_TRUE(child.exited(0));
 }
 

@@ -24,7 +24,7 @@ std::string trim(const std::string &src, std::size_t size)
     std::memset(dst, '#', sizeof dst);
     EXPECT_EQ(trim_utf8_name(dst, src.c_str(), size), dst);
     for (std::size_t i = size; i < sizeof dst; i++)
-        EXPECT_EQ(dst[i], '#') << "outside the room";
+        EXPECT_EQ('#', dst[i]) << "outside the room";
     return size == 0 ? "" : dst;
 }
 
@@ -36,29 +36,29 @@ TEST(Strlcpy, CopiesWithinTheRoomAndReturnsTheWholeLength)
     EXPECT_EQ(copy("abc", 4), std::string("abc\0", 4));
     EXPECT_EQ(copy("abc", 3), std::string("ab\0", 3));
     EXPECT_EQ(copy("abc", 1), std::string("\0", 1));
-    EXPECT_EQ(copy("abc", 0), "");
+    EXPECT_EQ("", copy("abc", 0));
     EXPECT_EQ(copy("", 2), std::string("\0", 1));
 }
 
 TEST(Strlcat, AppendsWithinTheRoomAndReturnsTheLengthItTried)
 {
     char dst[8] = "ab";
-    EXPECT_EQ(strlcat(dst, "cd", sizeof dst), 4u);
-    EXPECT_STREQ(dst, "abcd");
-    EXPECT_EQ(strlcat(dst, "efg", sizeof dst), 7u);
-    EXPECT_STREQ(dst, "abcdefg");
-    EXPECT_EQ(strlcat(dst, "hij", sizeof dst), 10u);
-    EXPECT_STREQ(dst, "abcdefg");
-    EXPECT_EQ(strlcat(dst, "", sizeof dst), 7u);
+    EXPECT_EQ(4u, strlcat(dst, "cd", sizeof dst));
+    EXPECT_STREQ("abcd", dst);
+    EXPECT_EQ(7u, strlcat(dst, "efg", sizeof dst));
+    EXPECT_STREQ("abcdefg", dst);
+    EXPECT_EQ(10u, strlcat(dst, "hij", sizeof dst));
+    EXPECT_STREQ("abcdefg", dst);
+    EXPECT_EQ(7u, strlcat(dst, "", sizeof dst));
 }
 
 TEST(Strlcat, ATextWithoutEndInTheRoomStaysAsItIs)
 {
     char dst[4] = {'w', 'x', 'y', 'z'};
-    EXPECT_EQ(strlcat(dst, "abc", 4), 7u);
-    EXPECT_EQ(strlcat(dst, "abc", 2), 5u);
-    EXPECT_EQ(strlcat(dst, "abc", 0), 3u);
-    EXPECT_EQ(std::string(dst, 4), "wxyz");
+    EXPECT_EQ(7u, strlcat(dst, "abc", 4));
+    EXPECT_EQ(5u, strlcat(dst, "abc", 2));
+    EXPECT_EQ(3u, strlcat(dst, "abc", 0));
+    EXPECT_EQ("wxyz", std::string(dst, 4));
 }
 
 TEST(Strcasestr, TheFirstMatchIgnoringCase)
@@ -67,13 +67,13 @@ TEST(Strcasestr, TheFirstMatchIgnoringCase)
     EXPECT_EQ(strcasestr(text, "ABC"), text + 2);
     EXPECT_EQ(strcasestr(text, "abcX"), text + 2);
     EXPECT_EQ(strcasestr(text, ""), text);
-    EXPECT_EQ(strcasestr(text, "abd"), nullptr);
+    EXPECT_EQ(nullptr, strcasestr(text, "abd"));
     EXPECT_EQ(strcasestr(text, "BCxxAB"), text + 3);
     EXPECT_EQ(strcasestr("", ""), std::string());
-    EXPECT_EQ(strcasestr("", "a"), nullptr);
-    EXPECT_EQ(strcasestr("aab", "AB"), std::string("ab"));
-    EXPECT_EQ(strcasestr("ab", "abc"), nullptr);
-    EXPECT_EQ(strcasestr("\xC4", "\xC4"), std::string("\xC4"));
+    EXPECT_EQ(nullptr, strcasestr("", "a"));
+    EXPECT_EQ(std::string("ab"), strcasestr("aab", "AB"));
+    EXPECT_EQ(nullptr, strcasestr("ab", "abc"));
+    EXPECT_EQ(std::string("\xC4"), strcasestr("\xC4", "\xC4"));
 }
 
 TEST(Utf8, LengthByTheFirstByte)
@@ -91,30 +91,30 @@ TEST(Utf8, LengthByTheFirstByte)
 
 TEST(TrimUtf8Name, NamesThatFitAreCopied)
 {
-    EXPECT_EQ(trim("abcdefg", 8), "abcdefg");
-    EXPECT_EQ(trim("", 8), "");
-    EXPECT_EQ(trim("", 1), "");
+    EXPECT_EQ("abcdefg", trim("abcdefg", 8));
+    EXPECT_EQ("", trim("", 8));
+    EXPECT_EQ("", trim("", 1));
 }
 
 TEST(TrimUtf8Name, OthersAreCutAfterAWholeCharacterAndMarked)
 {
-    EXPECT_EQ(trim("abcdefgh", 8), "abcdef~");
-    EXPECT_EQ(trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 8), "\xE4\xB8\xAD\xE4\xB8\xAD~");
-    EXPECT_EQ(trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 9), "\xE4\xB8\xAD\xE4\xB8\xAD~");
-    EXPECT_EQ(trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 6), "a\xC3\xA4~") << "the next would end at the mark's place";
-    EXPECT_EQ(trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 7), "a\xC3\xA4\xC3\xA4~");
-    EXPECT_EQ(trim("\xFC\x80\x80\x80\x80\x80yyyyyyyy", 9), "\xFC\x80\x80\x80\x80\x80y~");
-    EXPECT_EQ(trim("\x80\x80\x80\x80", 4), "\x80\x80~") << "a stray byte is a character";
+    EXPECT_EQ("abcdef~", trim("abcdefgh", 8));
+    EXPECT_EQ("\xE4\xB8\xAD\xE4\xB8\xAD~", trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 8));
+    EXPECT_EQ("\xE4\xB8\xAD\xE4\xB8\xAD~", trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 9));
+    EXPECT_EQ("a\xC3\xA4~", trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 6)) << "the next would end at the mark's place";
+    EXPECT_EQ("a\xC3\xA4\xC3\xA4~", trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 7));
+    EXPECT_EQ("\xFC\x80\x80\x80\x80\x80y~", trim("\xFC\x80\x80\x80\x80\x80yyyyyyyy", 9));
+    EXPECT_EQ("\x80\x80~", trim("\x80\x80\x80\x80", 4)) << "a stray byte is a character";
 }
 
 TEST(TrimUtf8Name, TinyRoomsAreNotOverrun)
 {
-    EXPECT_EQ(trim("abc", 0), "");
-    EXPECT_EQ(trim("abc", 1), "");
-    EXPECT_EQ(trim("abc", 2), "~");
-    EXPECT_EQ(trim("\xE4\xB8\xAD", 2), "~");
-    EXPECT_EQ(trim("\xE4\xB8\xAD", 3), "~");
-    EXPECT_EQ(trim("ab", 2), "~");
+    EXPECT_EQ("", trim("abc", 0));
+    EXPECT_EQ("", trim("abc", 1));
+    EXPECT_EQ("~", trim("abc", 2));
+    EXPECT_EQ("~", trim("\xE4\xB8\xAD", 2));
+    EXPECT_EQ("~", trim("\xE4\xB8\xAD", 3));
+    EXPECT_EQ("~", trim("ab", 2));
 }
 
 TEST(TrimUtf8Name, RandomNamesAgreeWithAModel)

@@ -3,6 +3,7 @@
 // and everything irregular, goes through the group loops here, which decide every result.
 #include "encoding.h"
 
+#include "util/encoding/base64_alphabet.h"
 #include "util/encoding/base64_bulk.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@
 #include <climits>
 #include <cstring>
 
-const char Base64[65] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+const char Base64[65] = LIBCOMMON_BASE64_ALPHABET;
 
 namespace {
 
@@ -24,9 +25,8 @@ constexpr std::size_t kCharacters = 4;  // of a group
 constexpr std::array<signed char, 256> kValues = [] {
     std::array<signed char, 256> values{};
     values.fill(-1);
-    const char *alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     for (signed char i = 0; i < 64; i++)
-        values[static_cast<unsigned char>(alphabet[i])] = i;
+        values[static_cast<unsigned char>(base64::kAlphabet[i])] = i;
     return values;
 }();
 

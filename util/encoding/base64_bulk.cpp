@@ -2,6 +2,7 @@
 // The portable means: two characters for each 12 bits when encoding, one table a place when decoding.
 #include "util/encoding/base64_bulk.h"
 
+#include "util/encoding/base64_alphabet.h"
 #include "util/encoding/base64_vector.h"
 
 #include <array>
@@ -10,8 +11,6 @@
 
 namespace base64 {
 namespace {
-
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // The two characters of each 12 bits.
 struct pair {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Base64 by NEON: 48 bytes to 64 characters a step, and back. The structure loads take the groups apart by themselves.
 #if defined(__aarch64__)
+#include "util/encoding/base64_alphabet.h"
 #include "util/encoding/base64_vector.h"
 
 #include <arm_neon.h>
@@ -10,8 +11,6 @@ namespace base64 {
 namespace {
 
 constexpr std::size_t kGroups = 16; // four vectors of one character of each group
-
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 uint8x16x4_t alphabet()
 {
