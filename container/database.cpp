@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint32_t kLogSize = 10;
 constexpr std::uint32_t kBuckets = 1U << kLogSize;
 
-// Contract: what emptying an index returns, also when all went well.
+// Contract: the result of emptying an index, also of success.
 constexpr int kEmptied = -1;
 
 database_bucket &bucket_of(database_index *index, std::uint32_t hash)
@@ -33,8 +33,8 @@ void drop(database_bucket &bucket, database_node *node)
     std::free(node);
 }
 
-// Takes the newest node of the record out of each index before `end`. A record may be in the database more than once,
-// and its older nodes must stay where they are.
+// Removes the newest node of the record from each index before `end`. A record may be in the database more than once;
+// its older nodes stay.
 void undo_insert(database *db, const database_index *end, void *record)
 {
     for (database_index *index = db->indexes; index != end; index = index->next_index) {
@@ -154,7 +154,7 @@ int database_index_remove_all(struct database_index *index, void (*release)(void
 {
     for (std::uint32_t i = 0; i < kBuckets; i++) {
         database_bucket &bucket = index->buckets[i];
-        // Read again each time: release() may take other records out.
+        // Read again each time: release() may remove other records.
         while (database_node *node = bucket.first) {
             base::tail_queue_unlink(bucket, *node);
             if (release != nullptr)
@@ -175,4 +175,5 @@ int database_index_walk_all(struct database_index *index, void (*visit)(void *re
     }
     return 0;
 }
-}
+
+} // extern "C"

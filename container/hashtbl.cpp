@@ -80,7 +80,7 @@ template <typename IsSought>
     return nullptr;
 }
 
-// In two functions, so that most misses end in one that calls nothing and so saves no registers.
+// Two functions, so that most misses end in the one that calls nothing and therefore saves no registers.
 template <typename IsSought>
 void *find(const hashtbl *table, unsigned hash, IsSought is_sought)
 {
@@ -110,7 +110,7 @@ hashtbl *hashtbl_init(unsigned log_size, unsigned link_offset, int flag)
     }
     table->buckets = static_cast<hashtbl_link **>(std::calloc(sizeof(hashtbl_link *) << log_size, 1));
     if (table->buckets == nullptr) {
-        // The size of one slot, as the line has always read; log_size tells the rest.
+        // Contract: the size of one slot, not of the table. Log readers compute the rest from log_size.
         console_print("memory allocation error,tbl size=%lu,log_size=%d\n", sizeof(hashtbl_link *),
                       static_cast<int>(log_size));
         std::free(table);
@@ -179,13 +179,13 @@ int hashtbl_remove(hashtbl *table, unsigned hash, void *object)
     hashtbl_link *link = link_of(table, object);
     hashtbl_link *&head = bucket_of(table, hash);
 
-    // Callers remove objects that may have left already, so the link's own pointers are trusted only once it has been
-    // met in the chain.
-    hashtbl_link *met = head;
-    while (met != link) {
-        if (met == nullptr)
+    // Callers remove objects that may have been removed before, so the link's own pointers are trusted only once it has
+    // been found in the chain.
+    hashtbl_link *cursor = head;
+    while (cursor != link) {
+        if (cursor == nullptr)
             return 0;
-        met = at(met).next;
+        cursor = at(cursor).next;
     }
 
     link_record &record = at(link);

@@ -45,7 +45,8 @@ std::int64_t size_of(const idpool *pool)
     return std::int64_t{pool->max_id} - pool->min_id + 1;
 }
 
-// Marks what lies after the last of count identifiers as taken, up to the end of a bitmap of so many words.
+// Sets the bits after the first count ones, up to the end of a bitmap of `words` words, so that no scan finds them
+// free.
 void set_spare_bits(std::uint32_t *bitmap, std::int64_t count, std::int64_t words)
 {
     if (count % kWordBits != 0)
@@ -60,8 +61,8 @@ std::uint32_t *make_bitmap(std::int64_t words)
         container::zeroed_malloc(static_cast<std::size_t>(words) * sizeof(std::uint32_t)));
 }
 
-// The record of a fresh pool over a zeroed bitmap.
-void lay(idpool *pool, const char *name, int min, int max, std::uint32_t *bitmap)
+// Initialises the record of a new pool with a zeroed bitmap.
+void init_record(idpool *pool, const char *name, int min, int max, std::uint32_t *bitmap)
 {
     strlcpy(pool->name, name, sizeof pool->name);
     pool->min_id = min;
@@ -74,25 +75,26 @@ void lay(idpool *pool, const char *name, int min, int max, std::uint32_t *bitmap
 
 // ---- scanning ----
 
-// The first word from `from` up to before `end` that is not `boring`; end when there is none. Most words of a pool that
-// is nearly full (or empty) are, so they are passed a block at a time, which the compiler makes vector instructions of.
-template <std::uint32_t Boring>
+// The first word in [from, end) that differs from Skipped; end when there is none. A pool that is nearly full (or
+// empty) consists mostly of Skipped words, so whole blocks are compared at once: the compiler vectorises the inner
+// loop.
+template <std::uint32_t Skipped>
 std::int64_t skip(const std::uint32_t *bitmap, std::int64_t from, std::int64_t end)
 {
     constexpr std::int64_t kBlock = 32;
     for (; end - from >= kBlock; from += kBlock) {
-        std::uint32_t odd = 0;
+        std::uint32_t differences = 0;
         for (std::int64_t i = 0; i < kBlock; i++)
-            odd |= bitmap[from + i] ^ Boring;
-        if (odd != 0)
+            differences |= bitmap[from + i] ^ Skipped;
+        if (differences != 0)
             break;
     }
-    while (from < end && bitmap[from] == Boring)
+    while (from < end && bitmap[from] == Skipped)
         from++;
     return from;
 }
 
-// Takes the lowest free bit of a word; returns its offset in the bitmap.
+// Sets the lowest clear bit of a word. Returns its offset in the bitmap.
 std::int64_t take_lowest(idpool *pool, std::int64_t word)
 {
     int bit = std::countr_one(pool->bitmap[word]);
@@ -100,12 +102,12 @@ std::int64_t take_lowest(idpool *pool, std::int64_t word)
     return word * kWordBits + bit;
 }
 
-// The next free bit's offset, taken, or -1: from bit b of the cursor's word w up, through the words behind it and round
-// to w again, then from its bit 0.
+// Sets the next clear bit and returns its offset, or -1 when there is none. The search starts at the cursor's bit, goes
+// through the following words, wraps to word 0 and ends with the cursor's own word from its bit 0.
 std::int64_t take_next(idpool *pool)
 {
     std::int64_t words = pool->words;
-    // Beyond the words that are looked at after the pool has grown; the rest of the way is the same.
+    // After the pool has grown the cursor may lie after the words that are scanned; then the search starts modulo them.
     std::int64_t start = pool->next / kWordBits % words;
     std::uint32_t below = (1U << (pool->next % kWordBits)) - 1;
     if (std::uint32_t used = pool->bitmap[start] | below; used != kFull) {
@@ -120,7 +122,7 @@ std::int64_t take_next(idpool *pool)
     return found <= start ? take_lowest(pool, found) : -1;
 }
 
-// Hands out a bit that has been taken. One after max_id is never handed out and stays taken.
+// Returns the identifier of a bit that has just been set. A bit after max_id has none and stays set.
 int hand_out(const idpool *pool, std::int64_t offset, int *id_out)
 {
     if (offset >= size_of(pool))
@@ -162,7 +164,7 @@ void idpool_init(struct idpool *block, const char *name, int min, int max)
     if (!is_valid(min, max))
         return;
     std::memset(static_cast<void *>(block), 0, static_cast<std::size_t>(idpool_get_pool_size(min, max)));
-    lay(block, name, min, max, reinterpret_cast<std::uint32_t *>(block + 1));
+    init_record(block, name, min, max, reinterpret_cast<std::uint32_t *>(block + 1));
 }
 
 struct idpool *idpool_create(const char *name, int min, int max)
@@ -180,7 +182,7 @@ struct idpool *idpool_create(const char *name, int min, int max)
         std::free(pool);
         return nullptr;
     }
-    lay(pool, name, min, max, bitmap);
+    init_record(pool, name, min, max, bitmap);
     return pool;
 }
 
@@ -200,8 +202,8 @@ int idpool_alloc_id_slow(struct idpool *pool, int *id_out)
 {
     if (pool->words < 0)
         return -1;
-    // One word more than the pool was made with. It is there when the pool has grown; elsewhere it could only give
-    // identifiers beyond max_id, which fail all the same.
+    // Contract: one word more than the pool was made with. It exists only when the pool has grown; in other pools its
+    // identifiers would be above max_id, which fails as well.
     std::int64_t end =
         std::max<std::int64_t>(pool->words, std::min(pool->words + std::int64_t{1}, words_for(size_of(pool))));
     std::int64_t found = skip<kFull>(pool->bitmap, 0, end);
@@ -280,8 +282,9 @@ int idpool_resize(struct idpool *pool, int count)
         qv_clog("Malloc bitmap failed when resize pool %s\n", pool->name);
         return 0;
     }
-    // Contract: as many bytes as there are words. Identifiers whose bits are not copied come back free. The old bitmap
-    // counts with the words that its identifiers need, not with `words`: after a shrink those include set spare bits.
+    // Contract: as many bytes as there are words. Identifiers whose bits are not copied become free. The
+    // old bitmap counts with the words that its identifiers need, not with `words`: after a shrink `words` includes
+    // spare bits, which are set.
     const std::int64_t kept = std::min(words, words_for(size_of(pool)));
     std::memcpy(bitmap, pool->bitmap, static_cast<std::size_t>(kept));
     set_spare_bits(bitmap, count, room);
@@ -292,4 +295,5 @@ int idpool_resize(struct idpool *pool, int count)
         pool->next = 0;
     return 1;
 }
-}
+
+} // extern "C"

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kRootOrder = 4;
 constexpr int kInnerOrder = 6;
-constexpr int kMostOrder = 15; // whose size the 16-bit field holds
+constexpr int kMostOrder = 15; // the largest whose size fits the 16-bit field
 constexpr unsigned kRootSlots = 1U << kRootOrder;
 constexpr unsigned kInnerSlots = 1U << kInnerOrder;
 constexpr unsigned kRootShift = 2 * kInnerOrder;
@@ -50,7 +50,7 @@ void report(const char *function, const char *text)
     console_print("*** ERROR *** %s: %s\n", function, text);
 }
 
-// The node below a slot, made and counted where there is none; null after a report without memory.
+// The node below a slot, created and counted if missing. Null, after a report, without memory.
 idtable_node *child_or_new(idtable_node *node, unsigned slot, const char *function, const char *text)
 {
     if (node->slots[slot] != 0)
@@ -65,13 +65,13 @@ idtable_node *child_or_new(idtable_node *node, unsigned slot, const char *functi
     return made;
 }
 
-// The nodes on the way to a value that is there.
-struct way {
+// The nodes that lead from the root to a stored value.
+struct path {
     idtable_node *table2;
-    idtable_node *table3; // null after a report when there is no value
+    idtable_node *table3; // null, after a report, when there is no value
 };
 
-way find_way(idtable_node *root, unsigned key, const char *function)
+path find_path(idtable_node *root, unsigned key, const char *function)
 {
     idtable_node *table2 = child(root, root_index(key));
     if (table2 == nullptr) {
@@ -102,8 +102,8 @@ idtable_node *sub_root(const idtable_node *root, unsigned high)
     return reinterpret_cast<idtable_node *>(idtable16_find_entry(root, high));
 }
 
-// Removes a value from the table of its low half, and that table with its last value. 0, or -1 after the reports of the
-// levels below.
+// Removes a value from the table of its low half, and that table with its last value. Returns 0, or -1 after the
+// reports of idtable16_remove_entry().
 int remove_and_prune(idtable_node *root, idtable_node *sub, unsigned key)
 {
     if (idtable16_remove_entry(sub, key & kHalfMask) != 0)
@@ -116,8 +116,8 @@ int remove_and_prune(idtable_node *root, idtable_node *sub, unsigned key)
     return 0;
 }
 
-// The first high half from `high` on that has a table; kHalves when there is none. Missing inner nodes are passed
-// whole.
+// The first high half from `high` on that has a table; kHalves when there is none. A missing inner node skips all its
+// keys.
 unsigned next_half(const idtable_node *root, unsigned high)
 {
     while (high < kHalves) {
@@ -200,7 +200,7 @@ int idtable16_insert_entry(struct idtable_node *root, unsigned key, uintptr_t va
 
 int idtable16_remove_entry(struct idtable_node *root, unsigned key)
 {
-    auto [table2, table3] = find_way(root, key, __func__);
+    auto [table2, table3] = find_path(root, key, __func__);
     if (table3 == nullptr)
         return -1;
     if (!clear(table3, table3_index(key)))
@@ -224,7 +224,7 @@ uintptr_t idtable16_find_entry(const struct idtable_node *root, unsigned key)
 
 uintptr_t idtable16_find_next_entry(const struct idtable_node *root, unsigned key)
 {
-    // Neither cursor goes back to 0 when the one before it moves on, so the first table3 that is met ends the search.
+    // Contract: no cursor is reset to 0 when the one above it advances, so the first table3 found ends the search.
     unsigned middle = table2_index(key);
     unsigned low = table3_index(key);
     for (unsigned high = root_index(key); high < kRootSlots && middle < kInnerSlots; high++) {
@@ -247,7 +247,7 @@ uintptr_t idtable16_find_next_entry(const struct idtable_node *root, unsigned ke
 
 int idtable16_update_entry(struct idtable_node *root, unsigned key, uintptr_t value)
 {
-    idtable_node *table3 = find_way(root, key, __func__).table3;
+    idtable_node *table3 = find_path(root, key, __func__).table3;
     if (table3 == nullptr)
         return -1;
     table3->slots[table3_index(key)] = value;
@@ -266,7 +266,7 @@ int idtable32_insert_entry(struct idtable_node *root, unsigned key, uintptr_t va
             return -1;
         }
         if (idtable16_insert_entry(root, key >> kHalfBits, reinterpret_cast<std::uintptr_t>(sub)) != 0) {
-            report(__func__, "insert fails"); // the new table is not freed, as it never was
+            report(__func__, "insert fails"); // contract: the new table is not freed
             return -1;
         }
     }
@@ -334,4 +334,5 @@ int idtable32_update_entry(struct idtable_node *root, unsigned key, uintptr_t va
     }
     return 0;
 }
-}
+
+} // extern "C"

@@ -62,8 +62,8 @@ void insert(name2id_tbl *table, name2id_entry *entry, unsigned hash)
     base::tail_queue_append(*table, *entry);
 }
 
-// By the hash that the entry was inserted with, not that of its key now: an entry whose name a caller has changed would
-// stay in its old chain after it is freed.
+// Uses the hash of the insertion, not that of the current key: an entry whose name a caller has changed would stay in
+// its old chain after it is freed.
 bool unlink_from_hashtbl(hashtbl *index, name2id_entry *entry)
 {
     std::uint32_t count = index->count;
@@ -71,7 +71,7 @@ bool unlink_from_hashtbl(hashtbl *index, name2id_entry *entry)
     return index->count != count;
 }
 
-// Takes the entry off the list first: the data's function may look into the table.
+// Unlinks the entry before the data's function runs, which may search the table.
 void release(name2id_tbl *table, name2id_entry *entry)
 {
     void *data = entry->data;
@@ -84,14 +84,14 @@ void release(name2id_tbl *table, name2id_entry *entry)
 
 bool is_listed(const name2id_tbl *table, const name2id_entry *entry)
 {
-    const name2id_entry *met = table->first;
-    while (met != nullptr && met != entry)
-        met = met->next;
-    return met != nullptr;
+    const name2id_entry *cursor = table->first;
+    while (cursor != nullptr && cursor != entry)
+        cursor = cursor->next;
+    return cursor != nullptr;
 }
 
-// A caller may have emptied the hash table by itself; only then is the list walked to tell a table's own entry from one
-// of another table, which unlinking here would leave dangling there.
+// A caller may have emptied the hash table directly. Only then the list is searched: an entry of another table must not
+// be unlinked and freed here, or that table would keep a dangling pointer.
 int remove(name2id_tbl *table, name2id_entry *entry)
 {
     if (!is_usable(table, entry))
@@ -128,8 +128,8 @@ void name2id_tbl_destory(name2id_tbl *table)
 {
     if (table == nullptr)
         return;
-    // Emptied at once rather than entry by entry, which would walk every chain to its end; a data function that looks a
-    // name up meanwhile finds nothing.
+    // Emptied at once: removing entry by entry would walk every chain to its end. A data function that looks a name up
+    // meanwhile finds nothing.
     if (table->hashtbl != nullptr)
         hashtbl_reset(table->hashtbl);
     while (table->first != nullptr)

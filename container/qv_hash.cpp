@@ -30,8 +30,8 @@ std::uint32_t load_le16(const unsigned char *p)
     return p[0] | static_cast<std::uint32_t>(p[1]) << 8;
 }
 
-// A byte on its own at the end counts as signed in one of the two public functions and as unsigned in the other. Hashes
-// of both kinds are kept in tables, so neither can follow the other.
+// Contract: a single byte at the end counts as signed in one of the two public functions and as unsigned in the other.
+// Callers store hashes of both kinds.
 template <typename Byte>
 std::uint32_t last_byte(unsigned char byte)
 {
@@ -90,7 +90,7 @@ extern "C" {
 int qv_hashtbl_get_log2(unsigned n)
 {
     int k = static_cast<int>(std::bit_width(n | 1U)) - 1;
-    // The larger the table, the longer its chains: this bounds the memory of the buckets.
+    // Larger tables get longer chains, which bounds the memory of the buckets.
     if (k <= 4)
         return k + 1;
     if (k <= 9)
@@ -101,7 +101,7 @@ int qv_hashtbl_get_log2(unsigned n)
         return k - 2;
     if (k <= 24)
         return k - 4;
-    return k + 1; // more than hashtbl_init() takes, which then reports it
+    return k + 1; // more than hashtbl_init() accepts, which reports it
 }
 
 unsigned qv_string_hash(const char *data, int len)

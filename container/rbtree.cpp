@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The red-black tree. The root is black, no red node has a red child, and every way down from a node to a missing child
-// passes as many black nodes.
+// The red-black tree. The root is black, no red node has a red child, and all paths from a node down to its missing
+// children hold the same number of black nodes.
 //
-// What is done on one side is done on the other with left and right exchanged, so it is written once, for a Near and a
-// Far side.
+// Each rotation and each repair exists in two mirrored forms. They are written once, as templates over a Near and a Far
+// side.
 #include "rbtree.h"
 
 #include <cstddef>
@@ -54,7 +54,7 @@ void copy_color(rb_node *to, const rb_node *from)
     to->parent_color = (to->parent_color & ~kBlack) | (from->parent_color & kBlack);
 }
 
-// Hangs `now` where `before` hung below parent, or makes it the root.
+// Replaces the child `before` of parent by `now`. A null parent means that `before` is the root.
 void replace_child(rb_node *parent, const rb_node *before, rb_node *now, rb_root *root)
 {
     if (parent == nullptr)
@@ -73,7 +73,7 @@ rb_node *outermost(rb_node *node)
     return node;
 }
 
-// The node goes down to the near side; its far child comes up.
+// Moves the node down to the near side and its far child up into its place.
 template <child Near, child Far>
 void rotate(rb_node *node, rb_root *root)
 {
@@ -88,8 +88,8 @@ void rotate(rb_node *node, rb_root *root)
     replace_child(parent, node, up, root);
 }
 
-// A red node has a red parent on the near side of its grandparent. Returns the node that may now be such a one, null
-// when there can be none.
+// Repairs a red node with a red parent, which is the near child of the grandparent. Returns the node that may now have
+// a red parent, or null when the tree is in order.
 template <child Near, child Far>
 rb_node *settle_red(rb_node *node, rb_node *parent, rb_node *grandparent, rb_root *root)
 {
@@ -110,8 +110,8 @@ rb_node *settle_red(rb_node *node, rb_node *parent, rb_node *grandparent, rb_roo
     return nullptr;
 }
 
-// The ways through the parent's near child are one black node short. Returns true when they no longer are; else all
-// ways through the parent are now.
+// Repairs the paths through the parent's near child, which lack one black node. Returns true when the tree is in order;
+// otherwise all paths through the parent now lack one.
 template <child Near, child Far>
 bool settle_short(rb_node *parent, rb_root *root)
 {
@@ -139,7 +139,7 @@ bool settle_short(rb_node *parent, rb_root *root)
     return true;
 }
 
-// The ways through node, a child of parent and perhaps a missing one, are one black node short.
+// Repairs the paths through node, which lack one black node. node is a child of parent and may be null.
 void rebalance_short(rb_node *node, rb_node *parent, rb_root *root)
 {
     while (parent != nullptr && is_black(node)) {
@@ -154,7 +154,7 @@ void rebalance_short(rb_node *node, rb_node *parent, rb_root *root)
         set_black(node);
 }
 
-// Takes a node out that has at most one child.
+// Unlinks a node that has at most one child.
 void unlink_single(rb_node *node, rb_root *root)
 {
     rb_node *below = node->left != nullptr ? node->left : node->right;
@@ -166,8 +166,8 @@ void unlink_single(rb_node *node, rb_root *root)
         rebalance_short(below, parent, root);
 }
 
-// Takes a node out that has two children: its successor, which has no left one, takes its place. Contents stay where
-// they are, since others point at the objects.
+// Unlinks a node that has two children. Its successor, which has no left child, replaces it. The links change, not the
+// contents, because callers point at the objects.
 void unlink_double(rb_node *node, rb_root *root)
 {
     rb_node *successor = outermost<&rb_node::left>(node->right);
@@ -191,7 +191,7 @@ void unlink_double(rb_node *node, rb_root *root)
         rebalance_short(below, parent, root);
 }
 
-// The node after in the order that Forward is the direction of.
+// The in-order successor when Forward is the right child, the predecessor when it is the left.
 template <child Forward, child Back>
 rb_node *neighbour(const rb_node *node)
 {
@@ -299,4 +299,5 @@ void __rb_rotate_right(struct rb_node *node, struct rb_root *root)
 {
     rotate<&rb_node::right, &rb_node::left>(node, root);
 }
-}
+
+} // extern "C"

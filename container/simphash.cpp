@@ -14,7 +14,7 @@ static_assert(offsetof(simphash, log_size) == 8 && offsetof(simphash, mask) == 1
 
 namespace {
 
-// The lines under which log readers know the failures. They do not follow the source.
+// Contract: the line numbers by which log readers identify the failures. They are not those of this file.
 enum report_line { kBadSize = 34, kNoTable = 41, kNoBuckets = 47, kNoEntry = 69, kNotFound = 99 };
 
 constexpr unsigned kLogSizeMask = 31;
@@ -24,7 +24,7 @@ void report(report_line line, const char *text)
     trace::error("simphash", line, text);
 }
 
-// The pointer that points at the first matching entry; null when none matches.
+// The link that points at the first matching entry; null when none matches.
 simphash_entry **find(simphash *table, unsigned hash, simphash_cmp_fn cmp, void *key)
 {
     for (simphash_entry **link = &table->buckets[hash & table->mask]; *link != nullptr; link = &(*link)->next) {
@@ -41,7 +41,7 @@ extern "C" {
 struct simphash *simphash_create(unsigned log_size)
 {
     std::uint32_t count = std::uint32_t{1} << (log_size & kLogSizeMask);
-    if (count == 0) { // never, as long as the size is taken modulo 32
+    if (count == 0) { // impossible while the size is reduced modulo 32
         report(kBadSize, "invalid logsize when creating simple hash table\n");
         return nullptr;
     }
@@ -96,4 +96,5 @@ uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn c
     simphash_entry **link = find(table, hash, cmp, key);
     return link != nullptr ? (*link)->value : 0;
 }
-}
+
+} // extern "C"

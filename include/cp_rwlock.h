@@ -7,7 +7,7 @@
  * A process that dies with the lock leaves it held for ever.
  *
  *     struct qv_cp_rwlock *lock = init_shared_mem("counters", sizeof *lock);   // sysmem.h
- *     qv_cp_rwlock_init(lock);              // in every process, before any of them takes the lock
+ *     qv_cp_rwlock_init(lock);              // in every process, before any of them uses the lock
  *     qv_cp_rdlock(); ...read...; qv_cp_rdunlock();
  *     qv_cp_wtlock(); ...write...; qv_cp_wtunlock();
  *
@@ -35,22 +35,22 @@ extern QV_API struct qv_cp_rwlock *rwlock;
 
 /**
  * Points this process at a lock record and clears the record. A call while another process holds the lock or waits for
- * it wipes that state: all processes call it first, and only then does any of them take the lock.
+ * it wipes that state: all processes call it first, and only then may any of them use the lock.
  * @param record  12 bytes, 4-aligned, shared and writable; stays the caller's
  * @return record
  */
 QV_API void *qv_cp_rwlock_init(void *record);
 
-/** Takes the lock for writing, after every writer that asked before. @return always 1 */
+/** Acquires the lock for writing, after every writer that asked before. @return always 1 */
 QV_API int qv_cp_wtlock(void);
 
-/** Ends the writer's hold and lets the next ticket in. */
+/** Releases the lock held for writing and admits the next ticket. */
 QV_API void qv_cp_wtunlock(void);
 
-/** Takes the lock for reading, after every writer that asked before. */
+/** Acquires the lock for reading, after every writer that asked before. */
 QV_API void qv_cp_rdlock(void);
 
-/** Ends one reader's hold. */
+/** Releases the lock held for reading. */
 QV_API void qv_cp_rdunlock(void);
 
 QV_END_DECLS

@@ -3,7 +3,7 @@
  *
  * A database is a list of indexes, each a hash table of 1,024 buckets with its own hash of a record. A record that is
  * inserted goes into every index and leaves every index when it is removed; a lookup goes through one of them. The
- * database never looks into records, which stay the caller's.
+ * database never reads records, which belong to the caller.
  *
  *     struct database *sessions = db_create_database();
  *     struct database_index *by_name = db_create_database_index(sessions, hash_of_name);
@@ -11,8 +11,8 @@
  *     database_insert(sessions, s);
  *     s = database_find(by_name, name_hash(name), has_name, name);
  *
- * Records with the same hash keep their order of insertion. An index that is added later does not hold the records
- * that are already there; no index is removed but with the database. What an index hashes must not change while the
+ * Records with the same hash keep their order of insertion. An index that is added later does not hold earlier records;
+ * indexes are removed only with the database. What an index hashes must not change while the
  * record is in. Not locked: callers that share a database serialise their calls. Not for signal handlers.
  */
 #ifndef LIBCOMMON_DATABASE_H
@@ -59,42 +59,41 @@ QV_API struct database *db_create_database(void);
 QV_API struct database_index *db_create_database_index(struct database *db, uint32_t (*hash_fn)(void *record));
 
 /**
- * Frees the database and its indexes. What holds records in them is not freed: empty the database first, with
- * database_remove_all().
+ * Frees the database and its indexes. Nodes of records that are still in them leak: call database_remove_all() first.
  * @return 0, or -1 for null
  */
 QV_API int db_destroy_database(struct database *db);
 
 /**
- * Puts a record into every index, or into none. A record may be put in several times; database_remove() then takes the
- * oldest out first.
+ * Inserts a record into every index, or into none. A record may be inserted several times; database_remove() then
+ * removes the oldest first.
  * @return 0; -1 when there is no memory: the database is then as it was before the call
  */
 QV_API int database_insert(struct database *db, void *record);
 
-/** Takes a record out of every index. @return 0; -1 when an index did not hold it */
+/** Removes a record from every index. @return 0; -1 when an index did not hold it */
 QV_API int database_remove(struct database *db, void *record);
 
 /**
- * Looks through one index.
- * @param hash   of the record that is sought, as the index's hash_fn would give it
- * @param match  non-zero for the record that the key stands for
+ * Searches one index.
+ * @param hash   of the record, as the index's hash_fn returns it
+ * @param match  returns non-zero for a record that matches the key
  * @return the first record that matches, or null
  */
 QV_API void *database_find(struct database_index *index, uint32_t hash, int (*match)(void *record, void *key),
                            void *key);
 
 /**
- * Takes all records out of all indexes.
+ * Removes all records from all indexes.
  * @param release  called with each record once for each index; may be null
- * @return -1 for a database with indexes, though all went well; 0 for one without
+ * @return -1 for a database with indexes, also on success; 0 for one without
  */
 QV_API int database_remove_all(struct database *db, void (*release)(void *record));
 
-/** database_insert() for one index, under a hash that the caller has. @return 0; -1 when there is no memory */
+/** database_insert() for one index, with a hash that the caller computed. @return 0; -1 when there is no memory */
 QV_API int database_index_insert(struct database_index *index, void *record, uint32_t hash);
 
-/** database_remove() for one index, under a hash that the caller has. @return 0; -1 when the record is not there */
+/** database_remove() for one index, with a hash that the caller computed. @return 0; -1 when the record is not in it */
 QV_API int database_index_remove(struct database_index *index, void *record, uint32_t hash);
 
 /** database_remove_all() for one index. @return -1, always */

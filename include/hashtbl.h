@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* hashtbl.h - a chained hash table whose links live inside the caller's objects, and hash functions for its keys.
  *
- * The table never hashes and never allocates for an object: each object embeds a struct hashtbl_link, the table is told
- * at creation at which offset, and every call is given the key's full 32-bit hash. The bucket is the hash's low bits;
- * all 32 are kept in the link and compared before the caller's comparison is called. The number of buckets never
+ * The table never hashes and never allocates for an object: each object embeds a struct hashtbl_link, whose offset is
+ * given when the table is created, and every call receives the key's full 32-bit hash. The bucket is the hash's low
+ * bits; all 32 are kept in the link and compared before the caller's comparison is called. The number of buckets never
  * changes.
  *
  *     buckets[b] ──> link <──> link <──> link ──> null       newest first; the head's prev is null
@@ -16,7 +16,7 @@
  *     struct session *found = hashtbl_find(table, &id, qv_hash_uint32(id, 0), same_id);
  *
  * Objects belong to the caller throughout and may lie at any alignment. Not locked: callers that share a table
- * serialise their calls. Tables are not null unless a function says that it takes null.
+ * serialise their calls. Tables are not null unless a function accepts null.
  */
 #ifndef LIBCOMMON_HASHTBL_H
 #define LIBCOMMON_HASHTBL_H
@@ -71,29 +71,30 @@ QV_API int hashtbl_free_all_objects(struct hashtbl *table, void (*release)(void 
 
 /* ---- objects ---- */
 
-/** Links an object that is in no table, in front of its bucket; constant time, equal keys allowed. @return 0 */
+/** Links an object that is in no table at the head of its bucket; constant time, equal keys allowed. @return 0 */
 QV_API int hashtbl_insert(struct hashtbl *table, unsigned hash, void *object);
 
 /** Unlinks an object if it is in the bucket of hash; otherwise nothing happens. Walks that bucket. @return 0 */
 QV_API int hashtbl_remove(struct hashtbl *table, unsigned hash, void *object);
 
 /**
- * Looks for an object; of several with the same key the one inserted last is found.
- * @param match  called for objects with this very hash; non-zero marks the one sought
+ * Finds an object; of several with the same key, the one inserted last.
+ * @param match  called for objects with exactly this hash; returns non-zero for a match
  * @return the object or null
  */
 QV_API void *hashtbl_find(struct hashtbl *table, void *key, unsigned hash, int (*match)(void *object, void *key));
 
 /**
- * The same for a comparison like strcmp()'s. Mind the sense, opposite to that of hashtbl_find().
- * @param compare  called for objects with this very hash; zero marks the one sought
+ * The same for a comparison like strcmp()'s. Its result has the opposite meaning to that of match.
+ * @param compare  called for objects with exactly this hash; returns 0 for a match
  * @return the object or null
  */
 QV_API void *hashtbl_find2(struct hashtbl *table, void *key, unsigned hash,
                            int (*compare)(void *object, void *key, void *arg), void *arg);
 
 /**
- * Calls visit for each object, bucket by bucket; visit must not unlink it. A null table or visit is taken.
+ * Calls visit for each object, bucket by bucket; visit must not unlink it. A null table or visit is accepted and does
+ * nothing.
  * @return 0, or -1 as soon as visit returns non-zero
  */
 QV_API int hashtbl_traverse_each(struct hashtbl *table, int (*visit)(void *object, void *arg), void *arg);
@@ -103,12 +104,12 @@ QV_API int hashtbl_traverse_each_safe(struct hashtbl *table, int (*visit)(void *
 
 /* ---- hashes ----
  *
- * Those with a size give the remainder of the 32-bit hash divided by it, and the whole hash for a size of 0, which is
- * what a table wants. Data may lie at any alignment. */
+ * Functions with a size return the remainder of the 32-bit hash divided by it. For a size of 0, which a table requires,
+ * they return the whole hash. Data may lie at any alignment. */
 
 /**
  * A log_size for about n objects: below one object a bucket for small tables, up to 32 for the largest. It does not
- * rise steadily, and from n = 2^25 on it is more than hashtbl_init() takes.
+ * increase steadily, and from n = 2^25 on it is more than hashtbl_init() accepts.
  */
 QV_API int qv_hashtbl_get_log2(unsigned n);
 
@@ -116,8 +117,8 @@ QV_API int qv_hashtbl_get_log2(unsigned n);
 QV_API unsigned qv_string_hash(const char *data, int len);
 
 /**
- * Hash of len bytes; 0 for null or a len below 1. It differs from qv_string_hash() where one or three bytes remain
- * behind the last block of four and the very last is 0x80 or more.
+ * Hash of len bytes; 0 for null or a len below 1. It differs from qv_string_hash() when one or three bytes remain
+ * after the last block of four and the last byte is 0x80 or more.
  */
 QV_API unsigned qv_hash_data(const void *data, int len, unsigned size);
 

@@ -3,7 +3,7 @@
  *
  * An idtable16 is a tree of three levels of small tables, made when the first value goes into them and freed when the
  * last leaves. An idtable32 is an idtable16 over the high half of its keys, with an idtable16 over the low half as each
- * value. Roots of both are made alike and told apart only by the functions that are called with them.
+ * value. Both kinds have the same root; only the functions called with it differ.
  *
  *     idtable16:  root [16] ──> table2 [64] ──> table3 [64] ──> value        key bits 15-12, 11-6, 5-0
  *
@@ -11,7 +11,7 @@
  *     idtable16_insert_entry(peers, port, (uintptr_t)peer);
  *     struct peer *p = (struct peer *)idtable16_find_entry(peers, port);
  *
- * A lookup is three (six) dependent loads. Key bits above a table's width are ignored. Values stay the caller's; a
+ * A lookup is three (six) dependent loads. Key bits above a table's width are ignored. Values belong to the caller; a
  * value of 0 would count as stored and read as missing. Failures are reported through console_print(). Not locked:
  * callers that share a table serialise their calls. Not for signal handlers.
  */
@@ -45,7 +45,7 @@ QV_API struct idtable_node *idtable_alloc_table(void);
 
 /**
  * Frees an idtable16 with its inner nodes; values are not touched. An idtable32 must be empty: the tables of its low
- * halves are not freed. Null is let pass.
+ * halves are not freed. Null is ignored.
  */
 QV_API void idtable_free_table(struct idtable_node *root);
 
@@ -61,8 +61,8 @@ QV_API int idtable16_remove_entry(struct idtable_node *root, unsigned key);
 QV_API uintptr_t idtable16_find_entry(const struct idtable_node *root, unsigned key);
 
 /**
- * Looks for a value at the key or behind it, with a limited reach: within the block of 64 keys that the first inner
- * table met stands for, from the key's own place in it. Later blocks are not looked at.
+ * Finds a value at the key or after it, with a limited range. The search ends in the first inner table that exists: it
+ * covers that table's block of 64 keys, from the key's own place in its block. Later blocks are not searched.
  * @return a value, or 0
  */
 QV_API uintptr_t idtable16_find_next_entry(const struct idtable_node *root, unsigned key);
@@ -80,7 +80,8 @@ QV_API uintptr_t idtable32_find_and_remove_entry(struct idtable_node *root, unsi
 
 QV_API uintptr_t idtable32_find_entry(const struct idtable_node *root, unsigned key);
 
-/** idtable16_find_next_entry() in the table of the key's high half, then in those of the halves behind it from 0. */
+/** idtable16_find_next_entry() in the table of the key's high half, then in the tables of the following high halves
+ * from 0. */
 QV_API uintptr_t idtable32_find_next_entry(const struct idtable_node *root, unsigned key);
 
 QV_API int idtable32_update_entry(struct idtable_node *root, unsigned key, uintptr_t value);

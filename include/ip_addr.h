@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* ip_addr.h - IPv4 and IPv6 addresses: text, masks, and checks of what a user configures.
  *
- * hl_ functions take an IPv4 address in host byte order, nl_ functions one in network byte order. The qv_ functions
- * take IPv4 addresses and masks in host byte order and IPv6 addresses as their 16 bytes.
+ * hl_ functions accept an IPv4 address in host byte order, nl_ functions one in network byte order. The qv_ functions
+ * accept IPv4 addresses and masks in host byte order and IPv6 addresses as their 16 bytes.
  *
  *     printf("%s -> %s\n", nl_ip_sprintf(from), nl_ip_sprintf2(to));
  *     if (qv_check_ip_valid(ip, mask, QV_ADDR_UNSET | QV_ADDR_MULTICAST) != 0)
  *         ...                                       // not an address for an interface
  *
- * Nothing is allocated. All functions are pure but the eight that format into a static buffer of their own: those are
- * for one thread.
+ * Nothing is allocated. All functions are pure except the eight that format into a static buffer: only one thread may
+ * call each of these.
  */
 #ifndef LIBCOMMON_IP_ADDR_H
 #define LIBCOMMON_IP_ADDR_H
@@ -21,8 +21,8 @@ QV_BEGIN_DECLS
 /* ---- text ---- */
 
 /**
- * The dotted quad of an address in host byte order. Each function has its own static buffer, so that four addresses can
- * stand in one argument list; a function's next call overwrites its text.
+ * The dotted quad of an address in host byte order. Each function has a separate static buffer, so that four addresses
+ * fit into one argument list. A function's next call overwrites its text.
  */
 QV_API char *hl_ip_sprintf(unsigned int ip);
 QV_API char *hl_ip_sprintf2(unsigned int ip);
@@ -65,13 +65,13 @@ QV_API void qv_apply_mask_ipv4(unsigned int *ip, unsigned int len);
 /** Another name of qv_apply_mask_ipv4(). */
 QV_API void qv_convert_ipv4_addr_2_prefix(unsigned int *ip, unsigned int len);
 
-/** Clears the bits behind the first len of an IPv6 address in place; a length of 128 or more leaves it as it is. */
+/** Clears the bits after the first len of an IPv6 address in place; a length of 128 or more leaves it as it is. */
 QV_API void qv_apply_mask_ipv6(unsigned char addr[16], unsigned int len);
 
 /* ---- checks ---- */
 
-/* What a check refuses. The rules are tried in this order but for the last two, which IPv6 tries the other way round;
- * the first that fails gives the result. Those marked 4 have no IPv6 form, those marked 6 no IPv4 form. */
+/* What a check refuses. The rules are tried in this order, except that IPv6 tries the last two in reverse; the first
+ * rule that fails gives the result. Those marked 4 have no IPv6 form, those marked 6 no IPv4 form. */
 enum {
     QV_ADDR_UNSET = 0x001,           /* -1: address or mask (prefix length) is 0 */
     QV_ADDR_BAD_MASK = 0x002,        /* -2: mask not contiguous, prefix length above 128 */
@@ -93,8 +93,8 @@ QV_API int qv_check_ip_valid(unsigned int ip, unsigned int mask, unsigned int fl
 /** Checks an IPv6 address and prefix length. @return 0, or the code of the first rule that fails */
 QV_API int qv_check_ipv6_valid(const unsigned char addr[16], unsigned int prefixlen, unsigned int flags);
 
-/* An address of either family. Functions take it as const void * at any alignment and read no further than the address
- * that its family has. */
+/* An address of either family. Functions accept it as const void * at any alignment and read only the address of its
+ * family. */
 typedef struct qv_addr_record {
     unsigned char family; /* 10: IPv6; anything else: IPv4 */
     unsigned char reserved[7];
@@ -109,7 +109,7 @@ QV_API int qv_check_addr_valid(const void *record, unsigned int flags);
 
 /**
  * Checks that a string is an IPv4 address for a host: 15 characters at most, digits and three dots. Multicast,
- * loopback and class E addresses pass.
+ * loopback and class E addresses are accepted.
  * @return the address in network byte order; 0 when it lies in 0.0.0.0/8, is 255.255.255.255 or has a bad octet; -1
  *         when the string has another shape or is null
  */
@@ -117,7 +117,7 @@ QV_API int validate_ipv4_host_address_str(const char *s);
 
 /**
  * Checks the syntax of an e-mail address. The local part is made of letters, digits, '_', '-', '.' and sections quoted
- * between backslashes, at its start or behind a '.'; the domain of letters, digits, '-' and at least one '.'.
+ * between backslashes, at its start or after a '.'; the domain of letters, digits, '-' and at least one '.'.
  * @param s  not null
  * @return 0 if valid, else -1
  */

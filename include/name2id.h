@@ -7,11 +7,11 @@
  *
  *     struct name2id_tbl *zones = name2id_tbl_create(8, 0);
  *     name2id_entry_insert(zones, name2id_entry_create("trust", 7));
- *     int id = name2id(zones->hashtbl, "trust");             // 7; -1 for a name that is not there
+ *     int id = name2id(zones->hashtbl, "trust");             // 7; -1 for an unknown name
  *     name2id_tbl_destory(zones);
  *
- * Lookups take the inner hash table, the table's hashtbl field, not the table. Of two entries with the same key they
- * find the one inserted last. The key fields of an inserted entry are not to be changed. Not locked: callers that share
+ * Lookups accept the inner hash table, the table's hashtbl field, not the table. Of two entries with the same key they
+ * find the one inserted last. The key fields of an inserted entry must not change. Not locked: callers that share
  * a table serialise their calls.
  */
 #ifndef LIBCOMMON_NAME2ID_H
@@ -62,10 +62,10 @@ QV_API struct hashtbl *create_name2id_hash_tbl(unsigned log_size, int flag);
  */
 QV_API struct name2id_tbl *name2id_tbl_create(unsigned log_size, int flag);
 
-/** Releases every entry's data, in the order of insertion, and frees the entries and the table. Null is taken. */
+/** Releases every entry's data, in the order of insertion, and frees the entries and the table. Null is ignored. */
 QV_API void name2id_tbl_destory(struct name2id_tbl *table);
 
-/** Makes an entry; the name is cut to 255 characters. Until it is inserted it is the caller's to free(). */
+/** Makes an entry; the name is cut to 255 characters. Until it is inserted the caller owns it, for free(). */
 QV_API struct name2id_entry *name2id_entry_create(const char *name, unsigned id);
 
 /** Hands an entry over to the table. @return 0; -1 for null arguments */
@@ -74,12 +74,12 @@ QV_API int name2id_entry_insert(struct name2id_tbl *table, struct name2id_entry 
 /** @return the entry of a name or null */
 QV_API struct name2id_entry *name2id_entry_find(struct hashtbl *index, const char *name);
 
-/** @return the identifier of a name; -1, all ones, when it is not there */
+/** @return the identifier of a name; -1 (all ones) when there is none */
 QV_API int name2id(struct hashtbl *index, const char *name);
 
 /**
- * Takes an entry out of the table, releases its data and frees it. The data's function may look into the table, where
- * the entry is no longer found. An entry that is not in this table is left alone.
+ * Removes an entry from the table, releases its data and frees it. The data's function may search the table, where the
+ * entry is no longer found. An entry that is not in this table is ignored.
  * @return 0; -1 for null arguments
  */
 QV_API int name2id_entry_remove(struct name2id_tbl *table, struct name2id_entry *entry);
@@ -90,7 +90,7 @@ QV_API unsigned name2id_string_hash(const char *data, int len);
 /** 1 if both names are given and equal, else 0. */
 QV_API int name2id_comp(const char *entry_name, const char *name);
 
-/* ---- names in scopes: as above but for the arguments ---- */
+/* ---- names in scopes: the same functions with a scope ---- */
 
 QV_API struct hashtbl *create_name2id_hash_tbl2(unsigned log_size, int flag);
 QV_API struct name2id_tbl *name2id_tbl_create2(unsigned log_size, int flag);

@@ -1,20 +1,20 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* qv_env.h - settings that outlive the process: one name=value file shared by all processes.
  *
- * The store is the text file /tmp/qvenv, a line "name=value" a setting. What one process sets, for example at boot,
- * every other can read later, until a reboot clears /tmp. Nothing is quoted and nothing removes a setting.
+ * The store is the text file /tmp/qvenv, one line "name=value" for each setting. What one process sets, for example at
+ * boot, every other can read later, until a reboot clears /tmp. Nothing is quoted and nothing removes a setting.
  *
  *     qv_setenv("slot", "3", 1);
  *     const char *slot = qv_getenv("slot");       // null when nobody has set it
  *
- * Names are looked for anywhere in the text: "B=" is also found within a line "AB=1". Choose names of which none ends
+ * Names are searched anywhere in the text: "B=" is also found within a line "AB=1". Choose names so that no name ends
  * in another, and values without "=" or newline.
  *
  * Each call opens the file, holds a record lock on the whole of it for its duration (shared to read, exclusive to
  * write) and waits for that lock, so calls of different processes never mix. Such locks belong to the process: its
- * threads exclude each other themselves, the readers for their common result buffer too; and a process that closes a
- * descriptor of its own on the file drops a lock held through another. A signal handler that runs during the wait for
- * the lock, installed without SA_RESTART, makes the call fail. Not for signal handlers.
+ * threads must exclude each other, readers too because of the common result buffer; and a process that closes any
+ * descriptor of the file drops the lock that it holds through another. A signal handler without SA_RESTART that runs
+ * during the wait for the lock makes the call fail. Not for signal handlers.
  */
 #ifndef LIBCOMMON_QV_ENV_H
 #define LIBCOMMON_QV_ENV_H
@@ -23,16 +23,16 @@
 
 QV_BEGIN_DECLS
 
-/* The store's file, and what qv_setenv() takes at most. */
+/* The store's file, and the lengths that qv_setenv() accepts at most. */
 #define QV_ENV_FILE "/tmp/qvenv"
 #define QV_ENV_NAME_MAX 30
 #define QV_ENV_VALUE_MAX 64
 
 /**
  * Sets or drops a record lock on a whole file, also on what is appended to it later.
- * @param fd    the file, open for reading to share the lock, for writing to have it alone
+ * @param fd    the file, open for reading to share the lock, for writing to hold it exclusively
  * @param type  F_RDLCK, F_WRLCK or F_UNLCK of <fcntl.h>
- * @param wait  non-zero: wait until the lock can be had; 0: fail at once
+ * @param wait  non-zero: wait until the lock is free; 0: fail at once
  * @return what fcntl() returned: -1, with errno, on failure
  */
 QV_API int file_lock(int fd, short type, int wait);
@@ -41,8 +41,8 @@ QV_API int file_lock(int fd, short type, int wait);
 QV_API int file_unlock(int fd);
 
 /**
- * Stores a setting at the end of the store, which is made (mode 0644) if missing. The line of an older record of the
- * name goes, from the place where the name is found; the lines behind it move up.
+ * Stores a setting at the end of the store, which is made (mode 0644) if missing. An older record of the name is
+ * removed, from the place where the name is found to the end of that line; the following lines move up.
  * @param name       at most 30 characters
  * @param value      at most 64 characters; one of exactly 64 is stored, but qv_getenv() does not see it
  * @param overwrite  0: leave an existing record alone
@@ -53,7 +53,7 @@ QV_API int qv_setenv(const char *name, const char *value, int overwrite);
 
 /**
  * Reads a setting from the store.
- * @param name  the characters after the 30th, the '=' with them, do not all count: the text looked for is cut at 31
+ * @param name  name and '=' are cut to 31 characters for the search, so that a longer name matches without the '='
  * @return its value, up to the end of its line, in a buffer that lasts until the next call of this function or
  * qv_getenv_filename(); null when there is none, or the store cannot be opened, locked or read. A value of exactly 64
  * characters reads as absent; a longer one, from another writer, is cut to 65.
@@ -62,7 +62,7 @@ QV_API char *qv_getenv(const char *name);
 
 /**
  * Reads a setting from any file of the store's format, as qv_getenv(), but with a stricter match: only the first
- * occurrence of the name in the text counts, and an '=' must follow right behind it. The name is not cut.
+ * occurrence of the name in the text counts, and an '=' must follow directly. The name is not cut.
  * @param path  the file, which is only read
  */
 QV_API char *qv_getenv_filename(const char *path, const char *name);

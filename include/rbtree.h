@@ -13,8 +13,8 @@
  *     *slot = &object->node;
  *     rb_insert_color(&object->node, &tree);
  *
- * Insertion and erasing cost O(log n) and at most three rotations; a whole walk costs O(n). A node that holds its own
- * address in parent_color says of itself that it is in no tree. Not locked: callers that share a tree serialise their
+ * Insertion and erasing cost O(log n) and at most three rotations; a whole walk costs O(n). A node whose parent_color
+ * holds its own address counts as being in no tree. Not locked: callers that share a tree serialise their
  * calls.
  */
 #ifndef LIBCOMMON_RBTREE_H
@@ -39,7 +39,7 @@ typedef struct rb_root {
 /** Restores the balance after the caller has linked a red leaf. */
 QV_API void rb_insert_color(struct rb_node *node, struct rb_root *root);
 
-/** Takes a node out. Other nodes stay where they are in memory; its own fields are left as they were. */
+/** Removes a node. Only links of other nodes change; its own fields are unchanged. */
 QV_API void rb_erase(struct rb_node *node, struct rb_root *root);
 
 /** The leftmost and the rightmost node; null for an empty tree. */
@@ -51,22 +51,22 @@ QV_API struct rb_node *rb_next(const struct rb_node *node);
 QV_API struct rb_node *rb_prev(const struct rb_node *node);
 
 /**
- * Puts another node in a node's place, without rebalancing: the caller sees to it that the order still holds.
- * @param replacement  takes over all fields of old, which are left as they were
+ * Replaces a node by another, without rebalancing. The caller ensures that the order still holds.
+ * @param replacement  receives all fields of old, which stay unchanged
  */
 QV_API void rb_replace_node(const struct rb_node *old, struct rb_node *replacement, struct rb_root *root);
 
 /**
- * A walk on which every node comes after its children, so that each may be freed once the next is known:
+ * Postorder walk: every node comes after its children, so each may be freed once the next is known.
  *
  *     for (n = rb_first_postorder(&tree); n != NULL; n = next) { next = rb_next_postorder(n); free(object_of(n)); }
  *
- * @return the first node, the next one; null for an empty tree, behind the root, and for null
+ * @return the first node, the next one; null for an empty tree, after the root, and for null
  */
 QV_API struct rb_node *rb_first_postorder(const struct rb_root *root);
 QV_API struct rb_node *rb_next_postorder(const struct rb_node *node);
 
-/** Move a node down to the left (right) and its right (left) child up into its place. Balancing uses these alone. */
+/** Move a node down to the left (right) and its right (left) child up into its place. Balancing uses only these. */
 QV_API void __rb_rotate_left(struct rb_node *node, struct rb_root *root);
 QV_API void __rb_rotate_right(struct rb_node *node, struct rb_root *root);
 

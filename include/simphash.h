@@ -2,14 +2,14 @@
 /* simphash.h - a small chained hash table of values the size of a pointer.
  *
  * The table allocates its entries itself; hash and comparison come from the caller with each call. The entry inserted
- * last is found first, and duplicates are kept. There is no way to destroy a table: they are made once and stay.
+ * last is found first, and duplicates are kept. Tables are never destroyed.
  *
  *     struct simphash *peers = simphash_create(8);                 // 256 buckets
  *     simphash_insert(peers, hash_of(&key), (uintptr_t)peer);
  *     struct peer *p = (struct peer *)simphash_find(peers, hash_of(&key), compare, &key);
  *
- * Values stay the caller's. The value 0 cannot be told from a failure. Failures are reported through debug_trace.h at
- * error level. Not locked: callers that share a table serialise their calls. Not for signal handlers.
+ * Values belong to the caller. The value 0 cannot be distinguished from a failure. Failures are reported through
+ * debug_trace.h at error level. Not locked: callers that share a table serialise their calls. Not for signal handlers.
  */
 #ifndef LIBCOMMON_SIMPHASH_H
 #define LIBCOMMON_SIMPHASH_H
@@ -32,7 +32,7 @@ typedef struct simphash {
     uint32_t mask;     /* buckets - 1 */
 } simphash;
 
-/** 0 when the value is the one that the key stands for. */
+/** Returns 0 when the value matches the key. */
 typedef int (*simphash_cmp_fn)(uintptr_t value, void *key);
 
 /**
@@ -42,13 +42,14 @@ typedef int (*simphash_cmp_fn)(uintptr_t value, void *key);
  */
 QV_API struct simphash *simphash_create(unsigned log_size);
 
-/** Puts a value in, in front of others with its hash. @return 0, or -1 when there is no memory */
+/** Inserts a value at the head of its bucket. @return 0, or -1 when there is no memory */
 QV_API int simphash_insert(struct simphash *table, unsigned hash, uintptr_t value);
 
-/** Takes out the first value that matches. @return the value; 0 when there is none, which is reported */
+/** Removes the first value that matches. @return the value; 0, after a report, when there is none */
 QV_API uintptr_t simphash_remove(struct simphash *table, unsigned hash, void *key, simphash_cmp_fn cmp);
 
-/** Looks for the first value that matches; mind the order of the arguments. @return the value; 0 when there is none */
+/** Finds the first value that matches. Unlike simphash_remove(), key comes last. @return the value; 0 when there is
+ * none */
 QV_API uintptr_t simphash_find(struct simphash *table, unsigned hash, simphash_cmp_fn cmp, void *key);
 
 QV_END_DECLS

@@ -13,14 +13,18 @@
 
 QV_BEGIN_DECLS
 
-/** Drops page cache, dentries and inodes; do_sync non-zero: sync() first. @return 0, or -1 without the privilege */
+/**
+ * Drops page cache, dentries and inodes.
+ * @param do_sync  non-zero: call sync() first
+ * @return 0, or -1 without the privilege
+ */
 QV_API int clear_sys_pagecache(int do_sync);
 
-/** Prints len bytes to the console, 16 a line; nothing for len below 1. */
+/** Prints len bytes to the console, 16 in a line; nothing for len below 1. */
 QV_API void mem_dump(const void *addr, int len);
 
 /**
- * Maps the shared-memory object name, made if missing and resized to size bytes.
+ * Maps the shared-memory object `name`, which is created if missing and resized to size bytes.
  * @return the address; null when the object cannot be opened, MAP_FAILED when it cannot be mapped
  */
 QV_API void *init_shared_mem(const char *name, unsigned int size);

@@ -24,10 +24,10 @@ constexpr unsigned char kIpv6Family = 10;
 
 // ---- text ----
 
-constexpr std::size_t kTextSize = 20; // what is written of a buffer
+constexpr std::size_t kTextSize = 20; // the part of a buffer that is written
 using text_buffer = std::array<char, kTextSize + 1>;
 
-// One for each formatting function; whoever prints several addresses at once uses several functions.
+// One for each formatting function. A caller that prints several addresses at once uses several functions.
 text_buffer host_text[4];
 text_buffer network_text[4];
 
@@ -79,8 +79,8 @@ bool is_local_char(char c)
     return is_letter_or_digit(c) || c == '_' || c == '-' || c == '.';
 }
 
-// From the opening backslash to the closing one; null when the section is open-ended or holds a character that it may
-// not. Nothing between the two is a section too.
+// The closing backslash of a quoted section that starts at p; null when there is none or a character is not allowed.
+// The section may be empty.
 const char *end_of_quoted(const char *p)
 {
     for (p++; *p != '\\'; p++) {
@@ -101,7 +101,7 @@ const char *end_of_local_part(const char *s)
             p = end_of_quoted(p);
             if (p == nullptr || (p[1] != '@' && p[1] != '.'))
                 return nullptr;
-        } else if (!is_local_char(*p)) { // the terminator included: there is no '@'
+        } else if (!is_local_char(*p)) { // also the terminator: there is no '@'
             return nullptr;
         }
     }
@@ -110,7 +110,7 @@ const char *end_of_local_part(const char *s)
     return p;
 }
 
-// A '.' at the very end is taken: the name of the root, written out.
+// A '.' at the end is accepted: it is the name of the root.
 bool is_domain(const char *s)
 {
     bool has_dot = false;

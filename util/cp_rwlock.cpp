@@ -17,8 +17,8 @@ static_assert(offsetof(qv_cp_rwlock, next_ticket) == 4);
 static_assert(offsetof(qv_cp_rwlock, now_serving) == 8);
 static_assert(sizeof(qv_cp_rwlock) == 12);
 
-// The __sync family and not __atomic: its contract is a full barrier on both sides, for the price of the locked
-// instruction alone where that is one; an __atomic operation and a fence pay twice there.
+// The __sync functions are full barriers on both sides. Where a locked instruction is such a barrier they cost no more
+// than it; an __atomic operation with a separate fence would pay twice.
 std::uint32_t fetch_add(std::uint32_t *word, std::uint32_t amount)
 {
     return __sync_fetch_and_add(word, amount);
@@ -62,8 +62,8 @@ int qv_cp_wtlock(void)
     while (static_cast<std::int32_t>(ticket - load(&lock->now_serving)) > 0)
         ;
 
-    // Readers that were in before the ticket was drawn leave first. The plain look before each attempt leaves the line
-    // to them in the meantime. The record is looked up anew every round: the process may be pointed at another one.
+    // Readers that entered before the ticket was drawn leave first. The plain load before each attempt keeps the cache
+    // line with them meanwhile. The record is read again in every round: qv_cp_rwlock_init() may replace it.
     for (;;) {
         std::uint32_t *state = &record_in_use()->lock_state;
         if (load(state) == 0 && __sync_bool_compare_and_swap(state, 0, kWriter))
@@ -86,8 +86,8 @@ void qv_cp_rdlock(void)
 
     fetch_add(&lock->lock_state, kReader);
 
-    // A writer may have come in between the look and the count. It finishes first; one that draws its ticket from here
-    // on waits for this reader.
+    // A writer may have entered between the comparison and the increment. It finishes first. A writer that draws its
+    // ticket after the increment waits for this reader.
     while ((load(&lock->lock_state) & kWriter) != 0)
         ;
 }
@@ -96,4 +96,5 @@ void qv_cp_rdunlock(void)
 {
     subtract(&record_in_use()->lock_state, kReader);
 }
-}
+
+} // extern "C"

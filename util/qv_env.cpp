@@ -19,9 +19,9 @@ namespace {
 constexpr mode_t kFileMode = 0644;
 constexpr std::size_t kKeySize = QV_ENV_NAME_MAX + 2; // the longest name, '=' and the end
 constexpr std::size_t kUnreadableLength = QV_ENV_VALUE_MAX;
-constexpr std::size_t kResultLength = 65; // what is left of a longer value
+constexpr std::size_t kResultLength = 65; // a longer value is cut to it
 
-// The result of both readers. Without a lock: a thread that reads may see the value another one asked for.
+// The result of both readers. Not locked: a thread may see the value that another thread asked for.
 char myenv[kResultLength + 1];
 
 // "name=", cut to 31 characters: a name of 31 or more loses its '='.
@@ -37,7 +37,7 @@ struct lookup_key {
             text[length++] = '=';
         text[length] = '\0';
     }
-    bool cut() const { return text[length - 1] != '='; }
+    bool is_cut() const { return text[length - 1] != '='; }
 };
 
 // The settings file, open and locked until the end of the scope, with its text in memory. No cancellation meanwhile: a
@@ -62,7 +62,7 @@ public:
         struct stat status;
         if (!locked_ || ::fstat(fd_.get(), &status) != 0)
             return false;
-        // Whoever appends without taking the lock may do so now; only the size seen here is read.
+        // A process without the lock may append now; only the size seen here is read.
         std::size_t size = static_cast<std::size_t>(status.st_size);
         text_ = static_cast<char *>(std::malloc(size + 1));
         if (text_ == nullptr)
@@ -74,7 +74,7 @@ public:
     const char *text() const { return text_; }
 
 private:
-    // A read may give less than there is. Whatever is not read here is lost when a record before it is cut out.
+    // A read may be short. Text that is not read here is lost when a record before it is removed.
     bool read_text(std::size_t size)
     {
         std::size_t have = 0;
@@ -83,7 +83,7 @@ private:
             if (length < 0)
                 return false;
             if (length == 0)
-                break; // somebody without the lock has cut the file off
+                break; // a process without the lock has truncated the file
             have += static_cast<std::size_t>(length);
         }
         text_[have] = '\0';
@@ -96,8 +96,8 @@ private:
     char *text_ = nullptr;
 };
 
-// A record is best effort: on a full file system the settings written before stay readable. One write, unless the
-// system takes less than it is given.
+// Errors are ignored: on a full file system the settings written before stay readable. One write, unless the kernel
+// accepts only a part.
 void put(int fd, const char *text)
 {
     std::size_t left = std::strlen(text);
@@ -109,8 +109,8 @@ void put(int fd, const char *text)
     } while (left != 0 && written > 0);
 }
 
-// Takes the old record out and leaves the file offset at the new end. The cut is at the match, also within a line: what
-// stands before it there joins the line that follows.
+// Removes the old record and leaves the file offset at the new end. The cut is at the match, also within a line: the
+// text before it in that line joins the next line.
 void cut_record(int fd, const char *text, const char *match)
 {
     off_t offset = match - text;
@@ -125,7 +125,7 @@ void cut_record(int fd, const char *text, const char *match)
 char *take_value(const char *value)
 {
     std::size_t length = std::strcspn(value, "\n");
-    // Neither the bound nor the 65 below is a slip to mend: programs rely on both.
+    // Contract: neither this bound nor the length 65 below is a mistake; programs depend on both.
     if (length == kUnreadableLength)
         return nullptr;
     length = std::min(length, kResultLength);
@@ -134,8 +134,8 @@ char *take_value(const char *value)
     return myenv;
 }
 
-// The place behind the '=' of the first match anywhere in the text. A cut key matches without one: then it is the next
-// in the line.
+// The text after the '=' of the first match, which may be anywhere. A cut key has no '=': then the next one in the line
+// counts.
 const char *find_value(const char *text, const char *name)
 {
     lookup_key key(name);
@@ -143,7 +143,7 @@ const char *find_value(const char *text, const char *name)
     if (match == nullptr)
         return nullptr;
     const char *value = match + key.length;
-    if (!key.cut())
+    if (!key.is_cut())
         return value;
     value += std::strcspn(value, "=\n");
     return *value == '=' ? value + 1 : nullptr;
@@ -233,4 +233,5 @@ char *qv_getenv_filename(const char *path, const char *name)
     ::pthread_testcancel();
     return value;
 }
-}
+
+} // extern "C"

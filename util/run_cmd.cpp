@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Starting other programs: the split of command lines, the child's side of a fork, and the parent's.
+// Starting other programs: splitting command lines, and the child's and the parent's side of a fork.
 #include "run_cmd.h"
 
 #include "base/cancel_guard.h"
@@ -40,7 +40,7 @@ int parse_line(char *line, char **argv)
         if (*line == '\0')
             break;
         *line++ = '\0';
-        // Asked before it is known whether another word follows: 32 words with blanks behind them are refused as well.
+        // Contract: tested before it is known whether another word follows, so 32 words followed by blanks fail too.
         if (count == kMaxWords) {
             std::printf("** Too many args (max. %d) **\n", kMaxWords);
             return -1;
@@ -55,10 +55,10 @@ int parse_line(char *line, char **argv)
 namespace {
 
 constexpr int kFirstExtraFd = STDERR_FILENO + 1;
-constexpr int kShellFailedLine = 197;    // the number that log readers know run_shell()'s failure by
+constexpr int kShellFailedLine = 197;    // contract: log readers identify run_shell()'s failure by it
 constexpr std::size_t kStackCopy = 4096; // longer command lines are copied to the heap
 
-// Closes the descriptors that the folder lists, but for its own.
+// Closes the descriptors that the folder lists, except its own.
 void close_listed(DIR *folder)
 {
     while (const dirent *entry = ::readdir(folder)) {
@@ -70,7 +70,7 @@ void close_listed(DIR *folder)
     }
 }
 
-// The same in two system calls; false where the kernel lacks them.
+// The same with two system calls; false where the kernel lacks close_range().
 bool close_around(int own)
 {
     if (own > kFirstExtraFd && ::close_range(kFirstExtraFd, static_cast<unsigned>(own) - 1, 0) != 0)
@@ -79,7 +79,7 @@ bool close_around(int own)
     return ::close_range(above, UINT_MAX, 0) == 0;
 }
 
-// Where the folder cannot be listed for lack of the descriptor that it takes. Leaves errno as it was.
+// Closes all when the folder could not be opened because no descriptor was free. Preserves errno.
 bool close_without_folder(int error)
 {
     base::errno_guard keep;
@@ -88,16 +88,16 @@ bool close_without_folder(int error)
 
 // ---- forks ----
 
-// Text that is pending in the caller's streams belongs to the caller alone. It is written before the fork, so that it
-// comes before the program's. With other threads that could wait without limit, for a stream that one of them reads.
+// Pending text in the caller's streams belongs to the caller alone. It is written before the fork, so that it precedes
+// the program's output. With other threads the flush could block without limit on a stream that one of them reads.
 void flush_streams()
 {
     if (__libc_single_threaded)
         std::fflush(nullptr);
 }
 
-// In the child: drops what is pending in streams whose descriptor is `first` or above. exit() would write it a second
-// time, or into a file that has got the number of a closed descriptor.
+// In the child: drops the pending text of streams whose descriptor is `first` or above. exit() would write it a second
+// time, or to a file that reuses the number of a closed descriptor.
 void drop_pending(int first)
 {
     for (std::FILE *stream = _IO_list_all; stream != nullptr; stream = stream->_chain) {
@@ -126,7 +126,7 @@ void close_inherited()
     ::execv(path, argv);
     console_print("execv %s error: %m\n", path);
     drop_pending(STDIN_FILENO);
-    std::exit(-1); // not _exit(), contract: the caller's exit handlers run
+    std::exit(-1); // contract: not _exit(), the caller's exit handlers run
 }
 
 // The child's id, or -1 after a report.
@@ -150,8 +150,8 @@ int wait_for(pid_t child)
     return status;
 }
 
-// Starts a program with the words of a copy of the command line. What parse_line() says of too many words is a warning,
-// no refusal: the program runs with those that fit. The copy is gone before anyone waits for the child.
+// Starts a program with the words of a copy of the command line. A failure of parse_line() is only a warning: the
+// program runs with the words that fit. The copy is freed before anyone waits for the child.
 pid_t start_words(const char *path, const char *cmdline, int dfl_sigint)
 {
     std::size_t size = std::strlen(cmdline) + 1;
@@ -201,8 +201,7 @@ int close_extra_fds(void)
         return -1;
     }
     if (folder != nullptr) {
-        // The folder's own descriptor goes last: closed on the way it would end the listing with descriptors still
-        // open.
+        // The folder's own descriptor is closed last: without it the listing would end while descriptors are open.
         if (!close_around(::dirfd(folder)))
             close_listed(folder);
         ::closedir(folder);
@@ -247,8 +246,9 @@ int run_shell(const char *cmd)
     char option[] = "-c";
     char *const argv[] = {shell, option, const_cast<char *>(cmd), nullptr};
     ::execv(shell, argv);
-    // No exit here: callers know a child by this -1 and end it in their own way.
+    // Contract: no exit here. Callers recognise the child by this -1 and end it themselves.
     std::printf("%d: execv failed, %s\n", kShellFailedLine, std::strerror(errno));
     return -1;
 }
-}
+
+} // extern "C"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bounded string copies, the caseless search, and the cutting of UTF-8 names.
+// Bounded string copies, case-insensitive search, truncation of UTF-8 names.
 #include "strutil.h"
 
 #include <algorithm>
@@ -7,7 +7,8 @@
 #include <cstring>
 #include <strings.h>
 
-// <string.h> gives C++ two overloads of this name, so the one symbol is defined under another and named for the linker.
+// <string.h> declares two C++ overloads of strcasestr(), so the function is defined under another name, with the symbol
+// given for the linker.
 extern "C" QV_API char *find_ignoring_case(const char *haystack, const char *needle) __asm__("strcasestr");
 
 namespace {
@@ -68,12 +69,12 @@ char *trim_utf8_name(char *dst, const char *src, size_t size)
 {
     if (size == 0)
         return dst;
-    // A single byte holds the terminator and no mark.
+    // A buffer of one byte holds the terminator but no "~".
     if (size == 1 || std::strlen(src) < size) {
         strlcpy(dst, src, size);
         return dst;
     }
-    // src is at least size bytes long, so the characters looked at, all below size - 1, lie within it.
+    // src is at least size bytes long, so the characters read, all below size - 1, lie within it.
     std::size_t p = 0;
     for (;;) {
         auto n = static_cast<std::size_t>(get_utf8_byte_count_by_1st_byte(static_cast<unsigned char>(src[p])));
@@ -86,4 +87,5 @@ char *trim_utf8_name(char *dst, const char *src, size_t size)
     dst[p + 1] = '\0';
     return dst;
 }
-}
+
+} // extern "C"

@@ -2,15 +2,15 @@
 // hashtbl.hpp - a typed view of the intrusive hash table for C++ hosts.
 //
 // The table of the C functions, owned, with the object's type and the place of its link known to the compiler. A view
-// keeps nothing but the C table's pointer, and the C functions may be used on get() too. Lookups and walks are inline.
+// holds only the C table's pointer, and the C functions may be used on get() too. Lookups and walks are inline.
 //
 //     struct session { unsigned id; hashtbl_link link; };
 //     qv::intrusive_table<session, &session::link> table(qv_hashtbl_get_log2(100000));
 //     table.insert(qv_hash_uint32(s->id, 0), *s);
 //     session *found = table.find(hash, [&](const session &other) { return other.id == id; });
 //
-// Callbacks are anything that std::invoke() accepts: lambdas, functions, member pointers. They may throw: a lookup or a
-// walk then ends, and the table is as the callback left it.
+// Callbacks are anything that std::invoke() accepts: lambdas, functions, member pointers. They may throw: the lookup or
+// walk then ends, and the table stays as the callback left it.
 #ifndef LIBCOMMON_CXX_HASHTBL_HPP
 #define LIBCOMMON_CXX_HASHTBL_HPP
 
@@ -27,7 +27,7 @@
 namespace qv {
 
 // Link is the pointer to the objects' hashtbl_link, which may lie in a base class of T. The table does not own the
-// objects; one that is destroyed while it holds objects just forgets them.
+// objects; a table that is destroyed while it holds objects does not touch them.
 template <typename T, auto Link>
 requires detail::member_of<Link, hashtbl_link, T>
 class intrusive_table : public detail::owner<hashtbl, hashtbl_destroy> {
@@ -56,7 +56,7 @@ public:
     const T *find(unsigned hash, Match &&match) const { return find_as<const T>(hash, match); }
 
     // Calls visit(object) -> bool for each object; true goes on. Returns false when the visit was stopped. No object
-    // may leave meanwhile.
+    // may be removed meanwhile.
     template <typename Visit>
     requires std::predicate<Visit &, T &>
     bool for_each(Visit &&visit) { return for_each_as<T>(visit); }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// idpool.hpp - identifier pools for C++ hosts: owned, with optional results and range-for over what is allocated.
+// idpool.hpp - identifier pools for C++ hosts: owned, with optional results and range-for over the allocated
+// identifiers.
 //
 //     qv::id_pool sessions("session", 1, 100000);
 //     if (std::optional<int> id = sessions.allocate())
@@ -21,9 +22,9 @@ namespace qv {
 
 class id_pool : public detail::owner<idpool, idpool_destroy> {
 public:
-    // Over the identifiers that are allocated as it goes: each step reads the bitmap, so the identifier that it stands
-    // on may be freed. It is a forward iterator by its concept; its references are values, so that algorithms from
-    // before C++20 see an input iterator.
+    // Walks the allocated identifiers. Each step reads the bitmap, so the current identifier may be freed. It is a
+    // forward iterator in the sense of C++20; for older algorithms it is an input iterator, because its references are
+    // values.
     class iterator {
     public:
         using iterator_concept = std::forward_iterator_tag;
@@ -34,7 +35,7 @@ public:
         using reference = int;
 
         iterator() = default;
-        // Begins with the lowest allocated identifier from `from` on; after the last when from is out of range.
+        // Starts at the lowest allocated identifier that is not below `from`; at the end when from is out of range.
         iterator(const idpool *pool, int from) : pool_(pool) { seek(std::int64_t{from} - pool->min_id); }
         int operator*() const { return id_; }
         iterator &operator++()
@@ -54,7 +55,8 @@ public:
         }
 
     private:
-        // Goes to the first set bit from this offset on, as far as idpool_get_next_allocated_id() searches.
+        // Moves to the first set bit from this offset on, within the range that idpool_get_next_allocated_id()
+        // searches.
         void seek(std::int64_t offset)
         {
             const std::int64_t last = std::int64_t{pool_->max_id} - pool_->min_id;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// member_object.hpp - from a link or node to the object that holds it, for the typed views.
+// member_object.hpp - finds the object that holds a link or node, for the typed views.
 #ifndef LIBCOMMON_CXX_MEMBER_OBJECT_HPP
 #define LIBCOMMON_CXX_MEMBER_OBJECT_HPP
 
@@ -8,8 +8,8 @@
 
 namespace qv::detail {
 
-// Member is a pointer to a member M of T or of a base class of T, but not of a virtual one: the member's place in T
-// must not depend on the object.
+// Member is a pointer to a member M of T or of a non-virtual base class of T: the member's offset in T must not depend
+// on the object.
 template <auto Member, typename M, typename T>
 concept member_of = std::is_convertible_v<decltype(Member), M T::*>;
 

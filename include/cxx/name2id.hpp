@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// name2id.hpp - name-to-identifier tables for C++ hosts: owned, with results that tell a miss from all ones.
+// name2id.hpp - name-to-identifier tables for C++ hosts: owned, with results that distinguish a miss from all ones.
 //
 //     qv::name_table zones(8);
 //     if (zones.insert("trust", 7) == nullptr)
@@ -24,8 +24,7 @@ class name_table : public detail::owner<name2id_tbl, name2id_tbl_destory> {
 public:
     explicit name_table(unsigned log_size) : owner(name2id_tbl_create(log_size, 0)) {}
 
-    // The new entry, owned by the table. Null when it is not in the table: without memory, for a null name, or where
-    // there is no table.
+    // Returns the new entry, which the table owns, or null: without memory, for a null name, or without a table.
     name2id_entry *insert(const char *name, std::uint32_t id)
     {
         name2id_entry *entry = name2id_entry_create(name, id);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // rbtree.hpp - a typed view of the intrusive red-black tree for C++ hosts.
 //
-// The search, which the C functions leave to the caller, by a key function and an order; walking by range-for. A view
-// keeps nothing but the C root, and the C functions may be used on get() too. Searches and walks are inline, balancing
-// is the C functions'.
+// The C functions leave the search to the caller; the view searches by a key function and an order, and supports
+// range-for. A view holds only the C root, and the C functions may be used on get() too. Searches and walks are inline;
+// the C functions balance.
 //
 //     struct route { unsigned prefix; rb_node node; };
 //     qv::rb_tree<route, &route::node, &route::prefix> routes;
@@ -40,7 +40,7 @@ inline rb_node *rb_parent(const rb_node *node)
     return reinterpret_cast<rb_node *>(node->parent_color & ~kColorBits);
 }
 
-// The last node on the way down by one side; null for null.
+// The last node on the path down one side; null for null.
 template <rb_child Side>
 rb_node *rb_outermost(rb_node *node)
 {
@@ -72,7 +72,7 @@ rb_node *rb_neighbour(rb_node *node)
 
 // Node is the pointer to the objects' rb_node, which may lie in a base class of T. Key is a member pointer or anything
 // else that std::invoke() accepts with a const T &. Objects with equal keys keep their order of insertion. The tree
-// does not own them; one that is destroyed while it holds objects just forgets them. Moving a tree invalidates its
+// does not own them; a tree that is destroyed while it holds objects does not touch them. Moving a tree invalidates its
 // iterators.
 template <typename T, auto Node, auto Key, typename Less = std::less<>>
 requires detail::member_of<Node, rb_node, T>
@@ -224,7 +224,7 @@ public:
 private:
     static decltype(auto) key_of(const T &object) { return std::invoke(Key, object); }
     static T *object_of(rb_node *node) { return detail::object_of<T, Node>(node); }
-    // Nodes are the tree's to change, also through a const object.
+    // The tree may change nodes also through a const object.
     static rb_node *node_of(const T &object) { return &(const_cast<T &>(object).*Node); }
 
     rb_node *first() const { return detail::rb_outermost<&rb_node::left>(root_.node); }

@@ -15,10 +15,10 @@
 
 namespace {
 
-// As in grep: "no" is no trouble.
+// Like those of grep: kNo is not an error.
 enum exit_code { kDone = 0, kNo = 1, kTrouble = 2 };
 
-// What qv_setenv() answers for a name that it leaves alone.
+// The result of qv_setenv() for a name that it does not overwrite.
 constexpr int kPresent = -2;
 
 constexpr const char *kUsage = "usage: qvenv [-f FILE] get NAME\n"
@@ -46,13 +46,13 @@ exit_code trouble(const char *subject, const char *what)
     return kTrouble;
 }
 
-// Standard output may be a full disk or a closed pipe, which only shows when it is flushed.
+// Standard output may be a full disk or a closed pipe; the error appears only when it is flushed.
 exit_code flushed(exit_code code)
 {
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? code : trouble("write", std::strerror(errno));
 }
 
-// Copies the whole file, under the lock, so that no half of a change is listed.
+// Copies the whole file under the lock, so that no partial change is listed.
 exit_code list(const char *path)
 {
     base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
@@ -67,8 +67,8 @@ exit_code list(const char *path)
     return flushed(kDone);
 }
 
-// Whether a file's text can be read; errno says why not. The lookups answer the same for a file that they cannot read
-// and for a name that is not set.
+// Whether a file's text can be read; errno holds the reason if not. The lookups return the same for a file that they
+// cannot read and for a name that is not set.
 bool is_readable(const char *path)
 {
     base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
@@ -87,7 +87,7 @@ exit_code get(const char *file, const char *name)
         std::puts(value);
         return flushed(kDone);
     }
-    // A store that nobody has written to is empty, no trouble; a file that was asked for by name has to be there.
+    // A store that nobody has written to is empty, which is not an error; a file that is given by name must exist.
     const char *path = file != nullptr ? file : QV_ENV_FILE;
     if (!is_readable(path) && (file != nullptr || errno != ENOENT))
         return trouble(path, std::strerror(errno));
@@ -114,7 +114,7 @@ exit_code set(const char *name, const char *value, bool overwrite)
 {
     std::string_view name_text = name;
     std::string_view value_text = value;
-    // The file has no quoting: these would be read back as something else.
+    // The file has no quoting: these would be read back differently.
     if (name_text.empty() || name_text.find_first_of("=\n") != name_text.npos)
         return trouble(name, "not a valid name");
     if (value_text.find('\n') != value_text.npos)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Base64, both ways. Whole runs of groups go through base64_bulk.h, which picks the instructions; the rest at the ends,
-// and everything irregular, goes through the group loops here, which decide every result.
+// Base64 encoding and decoding. Whole runs of groups go through base64_bulk.h, which picks the instructions; the rest
+// at the ends, and everything irregular, goes through the group loops here, which decide every result.
 #include "encoding.h"
 
 #include "util/encoding/base64_alphabet.h"
@@ -49,12 +49,12 @@ const char *skip_space(const char *text)
 
 // ---- encoding ----
 
-// Text that grows in the caller's buffer; a group goes in whole or not at all.
+// Text that grows in the caller's buffer. A group is written whole or not at all.
 class encoder {
 public:
     encoder(char *target, std::size_t size) : target_(target), size_(size) {}
 
-    // As many whole groups as there are and have room; returns the bytes taken.
+    // Writes as many whole groups as there are and fit. Returns the number of bytes encoded.
     std::size_t put_groups(const unsigned char *src, std::size_t length)
     {
         std::size_t groups = std::min(length / kBytes, (size_ - length_) / kCharacters);
@@ -118,8 +118,8 @@ int encode(const unsigned char *src, std::size_t length, char *target, std::size
 
 // ---- decoding ----
 
-// Bytes that grow in the caller's buffer, or are only counted. The cycle of four places is told by place_: each but the
-// first completes a byte, each but the last begins the next, and both must lie within the room.
+// Bytes that grow in the caller's buffer, or are only counted. place_ is the position in the group of four: each place
+// but the first completes a byte, each but the last begins the next one, and both bytes must fit.
 class decoder {
 public:
     decoder(unsigned char *target, std::size_t size) : target_(target), size_(size) {}
@@ -134,7 +134,7 @@ public:
         return true;
     }
 
-    // Whole groups, as far as they are regular and have room; returns the characters taken.
+    // Writes whole groups while they are regular and fit. Returns the number of characters decoded.
     std::size_t put_groups(const char *src, const char *end)
     {
         if (place_ != 0 || target_ == nullptr)
@@ -147,7 +147,7 @@ public:
 
     unsigned place() const { return place_; }
 
-    // The bits of the byte that padding cut off.
+    // Whether the incomplete byte before the padding has bits set.
     bool leaves_bits_over() const { return target_ != nullptr && target_[count_] != 0; }
 
     int count() const { return count_ <= INT_MAX ? static_cast<int>(count_) : -1; }
@@ -174,7 +174,7 @@ private:
     unsigned place_ = 0;
 };
 
-// What follows the first '=', which stands in the decoder's place.
+// Checks the text after the first '=', which is in the place of the group where the decoder stopped.
 int finish_padded(const char *rest, const decoder &out)
 {
     if (out.place() < 2)
@@ -222,4 +222,5 @@ int b64_pton(const char *src, unsigned char *target, size_t targsize)
             return -1;
     }
 }
-}
+
+} // extern "C"

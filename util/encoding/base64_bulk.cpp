@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The portable means: two characters for each 12 bits when encoding, one table a place when decoding.
+// The portable code: two characters for each 12 bits when encoding, one table for each place when decoding.
 #include "util/encoding/base64_bulk.h"
 
 #include "util/encoding/base64_alphabet.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Base64 by NEON: 48 bytes to 64 characters a step, and back. The structure loads take the groups apart by themselves.
+// Base64 with NEON: 48 bytes to 64 characters at a step, and back. The structure loads separate the groups' bytes.
 #if defined(__aarch64__)
 #include "util/encoding/base64_alphabet.h"
 #include "util/encoding/base64_vector.h"

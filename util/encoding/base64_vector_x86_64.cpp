@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Base64 by AVX2: 24 bytes to 32 characters a step, and back.
+// Base64 with AVX2: 24 bytes to 32 characters at a step, and back.
 #if defined(__x86_64__)
 #include "util/encoding/base64_vector.h"
 
@@ -14,12 +14,12 @@ constexpr std::size_t kGroups = 8; // a vector of 32 characters
 
 bool has_avx2()
 {
-    __builtin_cpu_init(); // may run before the constructor that would; it returns at once the second time
+    __builtin_cpu_init(); // a caller may run before libgcc's constructor; a second call returns at once
     return __builtin_cpu_supports("avx2") != 0;
 }
 
-// Two blocks of 12 bytes, each in the low end of a 128-bit lane. The second load begins 4 bytes early, so that neither
-// reads beyond the 24 bytes by more than the caller sees to.
+// Two blocks of 12 bytes, each at the low end of a 128-bit lane. The second load starts 4 bytes early, so that no load
+// reads after the 24 bytes.
 AVX2 __m256i load_24(const unsigned char *src)
 {
     __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
@@ -27,7 +27,7 @@ AVX2 __m256i load_24(const unsigned char *src)
     return _mm256_set_m128i(high, low);
 }
 
-// Bytes a, b, c of each group become the four 6-bit values, one a byte.
+// Splits the bytes a, b, c of each group into four 6-bit values, one in each byte.
 AVX2 __m256i split(__m256i bytes)
 {
     // Each 32-bit word gets b a c b, so that every value lies within one of its 16-bit halves: a:b holds the first two
@@ -52,7 +52,7 @@ AVX2 __m256i to_characters(__m256i values)
                                                '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0, //
                                                'a' - 26, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52, '0' - 52,
                                                '0' - 52, '0' - 52, '0' - 52, '0' - 52, '+' - 62, '/' - 63, 'A', 0, 0);
-    // 52 to 63 have places 1 to 12 of their own, all below share place 0, and those below 26 are moved on to place 13.
+    // Values 52 to 63 have places 1 to 12; 26 to 51 share place 0; those below 26 get place 13.
     __m256i place = _mm256_subs_epu8(values, _mm256_set1_epi8(51));
     __m256i is_capital = _mm256_cmpgt_epi8(_mm256_set1_epi8(26), values);
     place = _mm256_or_si256(place, _mm256_and_si256(is_capital, _mm256_set1_epi8(13)));
@@ -115,7 +115,7 @@ AVX2 std::size_t decode_avx2(const char *src, std::size_t groups, unsigned char 
         __m256i values;
         if (!to_values(_mm256_loadu_si256(reinterpret_cast<const __m256i *>(src)), &values))
             break;
-        // The first half's four bytes too many are overwritten by the second, which is stored to the byte.
+        // The first store writes four bytes too many. The second half overwrites them and writes exactly its 12 bytes.
         __m256i bytes = join(values);
         __m128i high = _mm256_extracti128_si256(bytes, 1);
         _mm_storeu_si128(reinterpret_cast<__m128i *>(out), _mm256_castsi256_si128(bytes));

@@ -13,4 +13,5 @@ uint64_t qv_hton64(uint64_t v)
 {
     return qv_ntoh64(v);
 }
-}
+
+} // extern "C"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two checksums. CRC-32 goes to what the processor does by itself first, and what that leaves, to the tables.
+// The two checksums. CRC-32 uses the processor's instructions first, and the tables for the remaining bytes.
 #include "encoding.h"
 
 #include "util/encoding/crc32_hardware.h"
@@ -9,13 +9,14 @@ extern "C" {
 
 unsigned short qv_crc16(unsigned short start, const unsigned char *buf, unsigned int len)
 {
-    return crc::carry_on<std::uint16_t>(crc::kTables16, start, buf, len);
+    return crc::extend<std::uint16_t>(crc::kTables16, start, buf, len);
 }
 
 unsigned int qv_crc32(unsigned int start, const unsigned char *buf, size_t len)
 {
     std::uint32_t sum = ~start;
-    std::size_t done = crc::by_hardware(&sum, buf, len);
-    return ~crc::carry_on<std::uint32_t>(crc::kTables32, sum, buf + done, len - done);
+    std::size_t done = crc::extend_by_hardware(&sum, buf, len);
+    return ~crc::extend<std::uint32_t>(crc::kTables32, sum, buf + done, len - done);
 }
-}
+
+} // extern "C"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// CRC-32 by the CPU's own instruction, 8 bytes at a time. The instruction has a latency of some cycles and can begin
-// one a cycle, so three parts of a block are summed side by side and then joined.
+// CRC-32 by the processor's instruction, 8 bytes at a time. It has a latency of several cycles and a throughput of one
+// per cycle, so three parts of a block are summed in parallel and then combined.
 #if defined(__aarch64__)
 #include "util/encoding/crc32_hardware.h"
 #include "util/encoding/crc_slices.h"
@@ -23,7 +23,7 @@ __attribute__((target("+crc"))) std::uint32_t add_word(std::uint32_t sum, const 
     return __builtin_aarch64_crc32x(sum, word);
 }
 
-// What a sum becomes over zero bytes is linear in it: a table for each of its four bytes does it in four look-ups.
+// Extending a sum by zero bytes is linear in the sum: with a table for each of its four bytes it takes four look-ups.
 constexpr std::uint32_t over_zeros(std::uint32_t sum, std::size_t bytes)
 {
     for (std::size_t bit = 0; bit < bytes * 8; bit++)
@@ -33,7 +33,7 @@ constexpr std::uint32_t over_zeros(std::uint32_t sum, std::size_t bytes)
 
 using skip_table = std::array<std::array<std::uint32_t, 256>, 4>;
 
-// By the 32 single bits, so that the compiler has little to evaluate.
+// Composed from the 32 single bits, so that the compiler has little to evaluate.
 constexpr skip_table make_skip(std::size_t bytes)
 {
     std::array<std::uint32_t, 32> bits{};
@@ -78,7 +78,7 @@ bool has_crc32()
 
 } // namespace
 
-std::size_t by_hardware(std::uint32_t *sum, const unsigned char *buf, std::size_t len)
+std::size_t extend_by_hardware(std::uint32_t *sum, const unsigned char *buf, std::size_t len)
 {
     if (len < kLeast || !has_crc32())
         return 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// crc_slices.h - any reflected checksum by tables, eight bytes at a time.
+// crc_slices.h - reflected checksums by tables, eight bytes at a time.
 #ifndef LIBCOMMON_UTIL_ENCODING_CRC_SLICES_H
 #define LIBCOMMON_UTIL_ENCODING_CRC_SLICES_H
 
@@ -13,7 +13,7 @@ constexpr std::uint16_t kPolynomial16 = 0xA001;
 constexpr std::uint32_t kPolynomial32 = 0xEDB88320;
 constexpr std::size_t kStride = 8;
 
-// tables[k][b]: what the byte b makes of a sum of 0 when k more bytes of zero follow it.
+// tables[k][b]: the sum of the byte b followed by k zero bytes.
 template <typename Sum, Sum Polynomial>
 constexpr std::array<std::array<Sum, 256>, kStride> make_tables()
 {
@@ -38,11 +38,10 @@ inline constexpr auto kTables32 = make_tables<std::uint32_t, kPolynomial32>();
 
 static_assert(kTables16[0][1] == 0xC0C1 && kTables32[0][1] == 0x77073096);
 
-// Carries a sum on: eight bytes at a time, each through the table for its distance from the stride's end, so that the
-// look-ups do not wait for each other as those of a byte-wise loop do.
+// Extends a sum over more bytes, eight at a time. Each byte uses the table for its distance from the end of the eight,
+// so the look-ups are independent; in a byte-wise loop each waits for the one before.
 template <typename Sum>
-Sum carry_on(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, const unsigned char *buf,
-             std::size_t len)
+Sum extend(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, const unsigned char *buf, std::size_t len)
 {
     for (; len >= kStride; len -= kStride, buf += kStride) {
         std::uint64_t bytes = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The exported checksum tables, plain constant data; the tests compute them anew.
+// The exported checksum tables, as constant data; crc_test computes them again.
 #include "encoding.h"
 
 // clang-format off

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The MD5 digest of a file, by the digest functions of the host's libcrypto.
+// The MD5 digest of a file, with the functions of the host's libcrypto.
 #include "encoding.h"
 
 #include "base/cancel_guard.h"
@@ -10,7 +10,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-// Weak, so that a host that has no libcrypto can load the library.
+// Weak, so that a host without libcrypto can load the library.
 extern "C" {
 struct MD5state_st;
 [[gnu::weak]] int MD5_Init(MD5state_st *state);
@@ -33,8 +33,8 @@ struct Digest {
     bool complete() const { return init != nullptr && update != nullptr && final != nullptr; }
 };
 
-// The library that a search found; null before. It stays loaded. Only the handle is kept: one word, published at once,
-// so that threads which search at the same time never mix the functions of two libraries.
+// The library that a search found, or null. It stays loaded. Only the handle is kept, one word that is published
+// atomically, so that threads that search at the same time never mix the functions of two libraries.
 std::atomic<void *> found_library;
 
 Digest functions_of(void *library)
@@ -59,7 +59,7 @@ void *keep(void *library)
     return first;
 }
 
-// A failure is not remembered: the library may be installed, or memory come free, later.
+// A failure is not remembered: the library may be installed, or memory become free, later.
 Digest search()
 {
     for (const char *name : kLibcrypto) {
@@ -73,8 +73,8 @@ Digest search()
     return {};
 }
 
-// A link with --as-needed, the usual default, drops the libcrypto that a host names but does not call itself: a weak
-// reference does not count as a need. So where nothing bound the functions libcrypto is looked up by name.
+// A link with --as-needed, the usual default, drops a libcrypto that the host names but does not call: a weak reference
+// does not make it needed. When nothing bound the functions, libcrypto is searched by name.
 Digest digest_functions()
 {
     Digest bound = {MD5_Init, MD5_Update, MD5_Final};

@@ -7,7 +7,7 @@
 extern "C" int hex_to_str(const unsigned char *src, char *dst, unsigned int len, unsigned int dstlen)
 {
     static constexpr char kDigits[] = "0123456789abcdef";
-    // In 64 bits, which twice the length fits in.
+    // In 64 bits, where twice the length cannot overflow.
     if (dstlen <= uint64_t{len} * 2)
         return -1;
     for (std::size_t i = 0; i < len; i++) {
