@@ -115,7 +115,7 @@ struct Boost {
     }
 };
 
-// The same behind what a library has to put between table and caller: a call, and a comparison through a pointer.
+// The same with the cost of a library boundary: a call, and a comparison through a pointer.
 struct EqualByPointer {
     using Function = int (*)(const void *object, const void *key);
     static inline Function volatile function = [](const void *object, const void *key) -> int {

@@ -77,7 +77,7 @@ struct Bitset {
 #endif
 
 #ifdef HAVE_JUDY
-// Keeps the taken ones and looks for the next empty place.
+// Keeps the allocated ones and searches the next gap.
 struct Judy {
     void *taken = nullptr;
     Word_t next = 0;
@@ -105,7 +105,7 @@ void fill(Pool &pool)
         pool.take();
 }
 
-// Of each thousand, so many are taken, evenly spread; what is handed out takes the place of another that is given back.
+// Of each thousand, a given number is allocated, evenly spread. Each allocation is followed by freeing another one.
 template <typename Pool>
 void churn(benchmark::State &state, int taken_per_mille)
 {

@@ -14,7 +14,7 @@ namespace {
 constexpr const char *kFile = "/tmp/qv_env_bench";
 constexpr const char *kLast = "the.last.setting";
 
-// Some 130 settings, the one looked for behind all others.
+// About 130 settings; the one that is read is the last.
 void write_settings()
 {
     std::string text;

@@ -375,7 +375,7 @@ TEST(CxxTree, EqualKeysKeepTheirOrder)
     EXPECT_EQ(4, tree.lower_bound(3)->order) << "the first of those with the key";
 }
 
-TEST(CxxTree, IteratorsStepBothWays)
+TEST(CxxTree, IteratorsStepForwardAndBack)
 {
     Routes tree;
     Route routes[3] = {{10, 0, {}}, {20, 0, {}}, {30, 0, {}}};
@@ -616,7 +616,7 @@ TEST(CxxTree, WalksAsTheCFunctions)
 
 // ---- names ----
 
-TEST(CxxNames, FindTellsAMissFromAllOnes)
+TEST(CxxNames, FindDistinguishesAMissFromAllOnes)
 {
     qv::name_table table(3);
     ASSERT_TRUE(table);

@@ -199,12 +199,12 @@ TEST(Hashtbl, AnObjectInsertedTwiceTakesNoOtherAlong)
     hashtbl_remove(table, 1, &twice);
     EXPECT_EQ(table.table->buckets[0], &other.link);
     hashtbl_remove(table, 1, &twice);
-    EXPECT_EQ(table.table->buckets[0], &other.link) << "it is not the head, though it has none in front of it";
+    EXPECT_EQ(table.table->buckets[0], &other.link) << "it is not the head, though its prev is null";
     EXPECT_EQ(1U, table.table->count);
     EXPECT_EQ(find(table, 2, 1), &other);
 }
 
-TEST(Hashtbl, RemoveGoesByTheGivenHash)
+TEST(Hashtbl, RemoveUsesTheGivenHash)
 {
     Table table(4);
     Object object{1, 1, {}};

@@ -53,7 +53,7 @@ void fill(idpool *pool)
         idpool_alloc_specific_id(pool, id);
 }
 
-// What a failing call said on standard output, made with `allowed` allocations.
+// The text that a failing call, made with `allowed` allocations, writes to standard output.
 template <typename Call>
 std::string said_with(int allowed, Call call)
 {
@@ -111,7 +111,7 @@ TEST(IdPool, InvalidRangesAreRefusedInSilence)
     EXPECT_EQ('#', block.name[0]);
 }
 
-TEST(IdPool, FailedAllocationsAreSaidOnStandardOutput)
+TEST(IdPool, FailedAllocationsAreReportedOnStandardOutput)
 {
     EXPECT_EQ("Malloc failed for pool red\n", said_with(0, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }));
     EXPECT_EQ("Malloc bitmap failed for pool red\n",
@@ -143,7 +143,7 @@ TEST(IdPool, NextFitGoesRound)
     EXPECT_EQ(1, pool->next);
     EXPECT_EQ(11, take(pool));
     EXPECT_EQ(12, take(pool));
-    EXPECT_EQ(0, pool->next) << "behind the last comes the first";
+    EXPECT_EQ(0, pool->next) << "the first follows the last";
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(0, idpool_free_id(pool, 11));
     EXPECT_EQ(11, take(pool)) << "by the scan";
@@ -336,7 +336,7 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
     for (int id = 0; id < 32; id++)
         EXPECT_EQ(take(pool), id);
     EXPECT_EQ(32, pool->next);
-    EXPECT_EQ(32, take(pool)) << "the cursor itself may stand beyond";
+    EXPECT_EQ(32, take(pool)) << "the cursor itself may lie beyond";
     EXPECT_EQ(0, idpool_alloc_specific_id(pool, 33));
     EXPECT_EQ(-1, take(pool)) << "but the scan does not go there";
     EXPECT_EQ(0, idpool_free_id(pool, 5));
@@ -346,7 +346,7 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
         EXPECT_EQ(take_lowest(pool), id);
     EXPECT_EQ(-1, take_lowest(pool));
     EXPECT_EQ(31, next_taken(pool, 31));
-    EXPECT_EQ(-1, next_taken(pool, 32)) << "behind the words as made";
+    EXPECT_EQ(-1, next_taken(pool, 32)) << "after the original words";
     EXPECT_EQ(1, idpool_is_id_allocated(pool, 32));
     idpool_destroy(pool);
 }
@@ -364,7 +364,7 @@ TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(-1, take_lowest(pool));
 
-    // The free one lies before the cursor: the scan passes the end of the bitmap on its way there.
+    // The free one lies before the cursor: the scan wraps at the end of the bitmap.
     EXPECT_EQ(0, idpool_free_id(pool, 39));
     EXPECT_EQ(39, take(pool));
     EXPECT_EQ(0, idpool_free_id(pool, 38));
@@ -425,7 +425,7 @@ TEST(IdPoolResize, FullMeansFull)
             for (int other = 0; other < reach; other++)
                 has_free |= idpool_is_id_allocated(pool, other) == 0;
             int taken = take(pool);
-            // After a growth the cursor may also stand on one that the scan does not reach.
+            // After a growth the cursor may also be at an identifier that the scan does not reach.
             ASSERT_TRUE(taken >= reach || (taken >= 0) == has_free) << first << " resized to " << count;
         }
         idpool_destroy(pool);

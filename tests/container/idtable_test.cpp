@@ -306,7 +306,7 @@ TEST_F(IdTable32, InsertionWithoutMemory)
     EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
               error("idtable_alloc_table_internal", "Can't alloc memory, size 136") +
                   error("idtable32_insert_entry", "Can't alloc memory for table"));
-    if (!under_sanitizer()) { // the sub-root that is left behind is the established way
+    if (!under_sanitizer()) { // contract: the sub-root is not freed
         EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
                   no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
                       error("idtable32_insert_entry", "insert fails"));

@@ -61,7 +61,7 @@ std::vector<int> backward(const rb_root &tree)
     return keys;
 }
 
-// Black nodes on every way down from here; -1 where the tree breaks a rule.
+// Black nodes on every path down from here; -1 where the tree breaks a rule.
 int black_height(const rb_node *node, const rb_node *parent)
 {
     if (node == nullptr)
@@ -329,7 +329,7 @@ TEST(RbTreeModel, RandomWorkAgreesWithAMultimap)
             if (places[i] == model.end()) {
                 x.key = static_cast<int>(random() % 4000);
                 insert(tree, x);
-                places[i] = model.emplace(x.key, &x); // behind its equals, as above
+                places[i] = model.emplace(x.key, &x); // after its equals, as above
                 continue;
             }
             auto after = std::next(places[i]);

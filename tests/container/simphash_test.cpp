@@ -49,7 +49,7 @@ void destroy(simphash *table)
 
 } // namespace
 
-TEST(Simphash, SizeIsTakenModulo32)
+TEST(Simphash, SizeIsReducedModulo32)
 {
     for (auto [log_size, mask] :
          {std::pair{0U, 0U}, {1U, 1U}, {10U, 1023U}, {32U, 0U}, {33U, 1U}, {0xFFFFFFE4U, 15U}}) {

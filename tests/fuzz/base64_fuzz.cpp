@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0;
     std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
     std::size_t enough = text.size() + 1;
-    // In blocks of their very size, so that the sanitizer sees any access beside them.
+    // In blocks of exactly their size, so that the sanitizer detects any access outside them.
     std::vector<char> exact_text(text.c_str(), text.c_str() + std::strlen(text.c_str()) + 1);
     std::vector<unsigned char> room(enough - data[0] % enough);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any command line and key: the value is what lies behind the key's first place, read as strtoul() reads it.
+// Any command line and key: the value is the text after the key's first occurrence, as strtoul() reads it.
 #include "bootargs.h"
 
 #include <cstdint>

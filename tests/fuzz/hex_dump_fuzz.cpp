@@ -90,7 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         for (auto &text : t)
             std::snprintf(text, sizeof text, "%*d", static_cast<int>(&text - t), 7);
     };
-    // %n stores an int, which wants to be aligned.
+    // %n stores an int, which must be aligned.
     const bool stores = title.find('n') != title.npos;
     const unsigned char *mark = bytes + marked % sizeof bytes / (stores ? 8 : 1) * (stores ? 8 : 1);
     auto with_arguments = [&](auto call) {
@@ -115,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string text(expected, static_cast<std::size_t>(expected_length));
     require(written.size() >= dump.size() && written.compare(written.size() - dump.size(), dump.size(), dump) == 0);
     const std::string head = written.substr(0, written.size() - dump.size());
-    // A descriptor takes fewer characters at a time than a buffer may hold.
+    // A descriptor accepts fewer characters at a time than a buffer may hold.
     require(head == text.substr(0, head.size()) && (head.size() >= 900 || head == text));
     return 0;
 }

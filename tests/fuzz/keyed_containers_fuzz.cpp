@@ -113,7 +113,7 @@ void run_hashtbl(Input &input)
                 }
             });
             break;
-        case 6: { // all leave, some come back
+        case 6: { // all are removed, some are inserted again
             std::vector<Item *> expected = model.all(), seen;
             for (auto &bucket : model.buckets)
                 bucket.clear();

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-// Lines of too many words are said on standard output, each of them.
+// Each line of too many words is reported on standard output.
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;

@@ -38,7 +38,7 @@ inline std::string stored_settings()
     return text;
 }
 
-// Without privilege a namespace of mounts takes one of users, in which this one is root.
+// Without privilege a mount namespace requires a user namespace, in which this process is root.
 inline void unshare_as_user()
 {
     std::string user = std::to_string(::getuid());

@@ -32,7 +32,7 @@ struct text {
     std::size_t size;
 };
 
-// What stands in for /proc while an input runs. Everything else is the system's.
+// Replaces /proc while an input runs. Everything else is the system's.
 struct {
     bool is_active;
     text maps, stat, comm, cmdline;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The string functions and the hexadecimal text, each into a block of just the size that it is told, against the
+// The string functions and the hexadecimal text, each into a block of exactly the size that it is given, against the
 // plainest model of each.
 #include "encoding.h"
 #include "strutil.h"

@@ -52,7 +52,7 @@ void require_sound(vrkernel::tables &all)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    stderr = std::fopen("/dev/null", "w"); // every mistake is told there
+    stderr = std::fopen("/dev/null", "w"); // every mistake is reported there
     return 0;
 }
 

@@ -68,7 +68,7 @@ void require_in_a_vr(const name &n)
     require(inside_of(ntohl(address.s_addr)).has_value());
 }
 
-// Control data as the kernel wants it, and none that it does not know.
+// Control data as the kernel requires it, and none that it does not know.
 void require_well_formed(const msghdr &message)
 {
     base::cmsg_walk found(message.msg_control, message.msg_controllen, message.msg_controllen,

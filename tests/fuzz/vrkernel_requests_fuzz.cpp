@@ -113,7 +113,7 @@ private:
 void ask_channel(vrkernel::tables &all, std::uint8_t code, const std::vector<std::uint8_t> &bytes)
 {
     auto request = bytes;
-    if (code < 32) // likely ones, beside those that the input spells out
+    if (code < 32) // likely codes, in addition to those that the input gives
         std::fill_n(request.begin(), 8, 0), request[0] = code;
     std::uint64_t asked;
     std::memcpy(&asked, request.data(), sizeof asked);

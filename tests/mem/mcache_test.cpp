@@ -258,7 +258,7 @@ TEST(McachePages, MoveBetweenTheLists)
     EXPECT_EQ(0U, cache->in_use);
 }
 
-TEST(McachePages, FreedObjectsComeBackFirst)
+TEST(McachePages, FreedObjectsAreReusedFirst)
 {
     mcache *cache = mcache_create("lifo", 64, nullptr, 0, 1);
     void *a = mcache_alloc(cache), *b = mcache_alloc(cache), *c = mcache_alloc(cache);
@@ -627,6 +627,7 @@ struct Model {
 TEST(McacheModel, RandomWork)
 {
     for (unsigned seed = 1; seed <= 6; seed++) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed);
         std::mt19937 random(seed);
         unsigned size = 1 + static_cast<unsigned>(random() % (seed % 2 == 0 ? 2000 : 200));
         mcache *cache = mcache_create("model", size, nullptr, 0, 1 + static_cast<int>(random() % 2));

@@ -176,8 +176,8 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
     EXPECT_EQ(0u, s->lock.lock_state);
 }
 
-// A ticket behind the one that is served has been passed over, for example by a late initialisation: it does not wait.
-TEST(CpRwlock, ATicketBehindTheServedOneGoesIn)
+// A ticket before the one that is served was skipped, for example by a late initialisation. It does not wait.
+TEST(CpRwlock, ATicketBeforeTheServedOneEnters)
 {
     for (std::uint32_t serving : {7U, 0U, 0x80000000U, 0x7FFFFFFFU}) {
         qv_cp_rwlock record;
@@ -194,7 +194,7 @@ TEST(CpRwlock, ATicketBehindTheServedOneGoesIn)
 
 TEST(CpRwlock, TheDistanceOfTicketsIsSigned)
 {
-    // As far behind as a signed distance reaches.
+    // The largest distance that a signed number holds.
     qv_cp_rwlock record;
     qv_cp_rwlock_init(&record);
     record.next_ticket = 0x80000000U;
@@ -326,7 +326,7 @@ TEST(CpRwlock, AWriterWaitsForTheReadersInside)
     EXPECT_EQ(1u, s->stage);
 }
 
-TEST(CpRwlock, AReaderCountedBehindAWriterWaitsForItsHold)
+TEST(CpRwlock, AReaderCountedAfterAWriterEnteredWaits)
 {
     Shared *s = shared();
     qv_cp_rwlock_init(&s->lock);
@@ -383,7 +383,7 @@ TEST(CpRwlock, TwoThreadsOverManyAcquisitions)
     const std::size_t rounds = effort(1000000);
     static Shared s;
     qv_cp_rwlock_init(&s.lock);
-    s.lock.next_ticket = s.lock.now_serving = 0xFFFFFF00u; // the counters wrap on the way
+    s.lock.next_ticket = s.lock.now_serving = 0xFFFFFF00u; // the counters wrap meanwhile
     std::thread other([&] { hammer(&s, rounds, 1); });
     hammer(&s, rounds, 2);
     other.join();

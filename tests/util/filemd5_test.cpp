@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The digest of a file in a host that brings digest functions of its own: these note what they are given.
+// The digest of a file in a host that defines the digest functions itself: these record their arguments.
 #include "encoding.h"
 
 #include "support/support.h"

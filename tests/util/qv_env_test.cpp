@@ -57,7 +57,7 @@ std::string text(std::size_t length, char c = 'x')
     return std::string(length, c);
 }
 
-// What a reader answers, "(null)" for null: no value of these tests reads so.
+// The result of a reader, "(null)" for null: no value in these tests is that text.
 std::string get(const std::string &name)
 {
     const char *value = qv_getenv(name.c_str());
@@ -77,7 +77,7 @@ int open_store(int flags)
     return fd;
 }
 
-// The lock that stands in another process's way to a lock of this type, F_UNLCK for none.
+// The lock that prevents another process from getting a lock of this type; F_UNLCK for none.
 struct flock blocking_lock(int fd, short type)
 {
     struct flock lock = {};
@@ -286,7 +286,7 @@ TEST(SetEnv, FindsAMatchWithinAValue)
     EXPECT_EQ("opt=z=2\na=9\n", read_file(kStore));
 }
 
-TEST(SetEnv, WritesBehindAnUnfinishedLine)
+TEST(SetEnv, AppendsToAnUnfinishedLine)
 {
     write_file(kStore, "a=1");
     EXPECT_EQ(0, qv_setenv("b", "2", 1));
@@ -451,7 +451,7 @@ TEST(SetEnv, NoDescriptorReachesAProgramThatIsStartedMeanwhile)
     EXPECT_EQ(io::open_flags[2] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
 }
 
-TEST(SetEnv, LeavesNoDescriptorAndNoLockBehind)
+TEST(SetEnv, LeavesNoDescriptorAndNoLock)
 {
     int before = ::dup(0);
     ::close(before);
@@ -724,7 +724,7 @@ std::string name_of(unsigned n)
     return "n" + std::to_string(100 + n);
 }
 
-// A value tells who wrote it, when, and where it ends: "<writer>.<count>.<as many dots as the count says>;".
+// A value identifies its writer, its number and its end: "<writer>.<count>.<as many dots as the count says>;".
 std::string value_of(unsigned writer, unsigned count)
 {
     return std::to_string(writer) + ":" + std::to_string(count) + ":" + text(count % 40, '.') + ";";
@@ -780,7 +780,7 @@ pid_t start_hammer(Tally *tally, unsigned writer, unsigned total)
     return pid;
 }
 
-// Judges the store's lines: each whole one is a record that was written, and what one writer wrote last stands last.
+// Checks the store's lines: each complete one is a record that was written, and each writer's newest record comes last.
 // Returns the number of lines that are no records.
 unsigned check_store(const Tally *tally)
 {

@@ -421,7 +421,7 @@ TEST(FailedChild, WritesNoneOfItEitherWithThreadsAbout)
     ASSERT_EQ(0, ::pipe(fds));
     expect_written_once(run_child(
         [&] {
-            // A thread waits for input with the stream's lock held: no flush of all streams would come back.
+            // A thread waits for input with the stream's lock held: a flush of all streams would never return.
             std::FILE *input = ::fdopen(fds[0], "r");
             std::thread reading([&] { std::fgetc(input); });
             ::usleep(20000);
@@ -609,7 +609,7 @@ TEST(RunShellcmd, WordsAreCutAtRunsOfBlanksAndTabs)
     EXPECT_TRUE(child.exited(0));
 }
 
-TEST(RunShellcmd, ThirtyTwoWordsAreTaken)
+TEST(RunShellcmd, ThirtyTwoWordsAreAccepted)
 {
     std::string show = show_args();
     ChildResult child = run_child([&] { run_shellcmd(show.c_str(), words(32).c_str(), 1, 0); });
