@@ -82,6 +82,7 @@ th { text-align: left; border-bottom: 2px solid #888; white-space: nowrap; }
 th button { all: unset; cursor: pointer; font-weight: 600; padding: .3em .6em; }
 th button:focus-visible { outline: 2px solid #06c; }
 td { border-bottom: 1px solid #ddd; padding: .3em .6em; vertical-align: top; }
+td.date { white-space: nowrap; }
 td.number { text-align: right; font-variant-numeric: tabular-nums; }
 td.signature { font-family: ui-monospace, monospace; overflow-wrap: anywhere; }
 td.signature small { color: #666; }
@@ -119,10 +120,10 @@ std::string row(const log_group &group, long first_day, long last_day)
 {
     std::string first = day_text(group.first), last = day_text(group.last), count = std::to_string(group.count);
     std::string signature = escaped(group.signature);
-    return "<tr><td class=\"number\" data-key=\"" + count + "\">" + count + "</td><td data-key=\"" + first + "\">" +
-           first + "</td><td data-key=\"" + last + "\">" + last + "</td><td>" + chart(group, first_day, last_day) +
-           "</td><td class=\"signature\" data-key=\"" + signature + "\">" + signature + "<br><small>" +
-           escaped(group.example) + "</small></td></tr>\n";
+    return "<tr><td class=\"number\" data-key=\"" + count + "\">" + count + "</td><td class=\"date\" data-key=\"" +
+           first + "\">" + first + "</td><td class=\"date\" data-key=\"" + last + "\">" + last + "</td><td>" +
+           chart(group, first_day, last_day) + "</td><td class=\"signature\" data-key=\"" + signature + "\">" +
+           signature + "<br><small>" + escaped(group.example) + "</small></td></tr>\n";
 }
 
 } // namespace
