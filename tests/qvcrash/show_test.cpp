@@ -270,6 +270,35 @@ TEST(QvcrashShow, SeparateDebugFilesByBuildIdAndByLink)
     EXPECT_FALSE(names_line(show_json(log, {"--root", "/tmp/image", "--debug", "/tmp/debug"}), line));
 }
 
+// The host below an image, changed by a shell command from $host to $image.
+std::string image_with(const std::string &command)
+{
+    std::string image = "/tmp/image" + kHost;
+    EXPECT_TRUE(run_program({"/bin/mkdir", "-p", image.substr(0, image.rfind('/'))}).exited(0));
+    ChildResult made = run_program({"/bin/sh", "-ec", "host=" + kHost + " image=" + image + "; cd /tmp; " + command});
+    EXPECT_TRUE(made.exited(0)) << made.err;
+    return "/tmp/image";
+}
+
+TEST(QvcrashShow, CompressedSections)
+{
+    std::string log = log_of("null-member");
+    std::string root = image_with("objcopy --compress-debug-sections=zlib $host $image");
+    EXPECT_TRUE(names_line(show_json(log, {"--root", root}), marked_line("null member")));
+}
+
+// What some distributions leave in stripped programs: function names, without lines.
+TEST(QvcrashShow, SymbolsWithinAStrippedProgram)
+{
+    std::string log = log_of("null-member");
+    std::string root = image_with("objcopy -S $host $image");
+    auto names_function = [&] { return show({"--root", root, log}).out.find("count_session") != std::string::npos; };
+    EXPECT_FALSE(names_function());
+    image_with(
+        "objcopy --strip-debug $host names; xz names; objcopy -S --add-section .gnu_debugdata=names.xz $host $image");
+    EXPECT_TRUE(names_function());
+}
+
 // Return addresses of the log follow no call there.
 TEST(QvcrashShow, AnotherBuildIsNoticed)
 {
