@@ -439,7 +439,7 @@ int signal_snprintf(char *buf, int size, const char *fmt, ...)
 
 int in_signal_context(void)
 {
-    return signal_context_flag != 0 && fault::is_handler_running() ? 1 : 0;
+    return __atomic_load_n(&signal_context_flag, __ATOMIC_RELAXED) != 0 && fault::is_handler_running() ? 1 : 0;
 }
 
 } // extern "C"

@@ -423,9 +423,9 @@ std::string message(int level, int type, const std::vector<std::int32_t> &data, 
     if (is_padded)
         bytes.resize((bytes.size() + 7) / 8 * 8);
     std::string digits;
-    for (unsigned char byte : bytes) {
+    for (char byte : bytes) {
         char text[3];
-        std::snprintf(text, sizeof text, "%02x", byte);
+        std::snprintf(text, sizeof text, "%02x", static_cast<unsigned char>(byte));
         digits += text;
     }
     return digits;
