@@ -57,8 +57,8 @@ struct Walk {
         std::fill(std::begin(frames), std::end(frames), 0xeeUL);
         count = qv_backtrace_spec(fp, pc, lr, addrs, frames, max, &bottom);
         for (std::size_t i = static_cast<std::size_t>(count); i < 32; i++) {
-            EXPECT_EQ(addrs[i], 0xeeUL) << i;
-            EXPECT_EQ(frames[i], 0xeeUL) << i;
+            EXPECT_EQ(0xeeUL, addrs[i]) << i;
+            EXPECT_EQ(0xeeUL, frames[i]) << i;
         }
     }
 
@@ -90,7 +90,7 @@ constexpr unsigned long kCode = 0x7000; // within the table of load_one_section(
 
 void load_one_section()
 {
-    ASSERT_EQ(load(map_line("7000-8000", "r-xp")), 0);
+    ASSERT_EQ(0, load(map_line("7000-8000", "r-xp")));
 }
 
 } // namespace
@@ -99,31 +99,31 @@ void load_one_section()
 
 TEST(Maps, OnlyExecutableAndNotWritableMappingsCount)
 {
-    ASSERT_EQ(load(map_line("1000-2000", "r-xp") + map_line("2000-3000", "rwxp") + map_line("3000-4000", "r--p") +
+    ASSERT_EQ(0,
+              load(map_line("1000-2000", "r-xp") + map_line("2000-3000", "rwxp") + map_line("3000-4000", "r--p") +
                    map_line("4000-5000", "--xp") + map_line("5000-6000", "rw-p") + map_line("0-7000", "r-xp") +
-                   map_line("9000-8000", "r-xp") + map_line("a000-a000", "r-xp") + map_line("AbC000-aBd000", "r-xs")),
-              0);
-    ASSERT_EQ(table_size(), 3U);
-    EXPECT_EQ(section_rec[0].start, 0x1000U);
-    EXPECT_EQ(section_rec[0].end, 0x2000U);
-    EXPECT_EQ(section_rec[0].reserved, 0U);
-    EXPECT_EQ(section_rec[1].start, 0x4000U);
-    EXPECT_EQ(section_rec[2].start, 0xabc000U);
-    EXPECT_EQ(section_rec[2].end, 0xabd000U);
+                   map_line("9000-8000", "r-xp") + map_line("a000-a000", "r-xp") + map_line("AbC000-aBd000", "r-xs")));
+    ASSERT_EQ(3U, table_size());
+    EXPECT_EQ(0x1000U, section_rec[0].start);
+    EXPECT_EQ(0x2000U, section_rec[0].end);
+    EXPECT_EQ(0U, section_rec[0].reserved);
+    EXPECT_EQ(0x4000U, section_rec[1].start);
+    EXPECT_EQ(0xabc000U, section_rec[2].start);
+    EXPECT_EQ(0xabd000U, section_rec[2].end);
 }
 
 TEST(Maps, LinesWithoutARangeAreSkipped)
 {
     ASSERT_EQ(
-        load("nothing\n\n-\nzz-yy r-xp\n1000- 2000 r-xp\n1000-2000\n1000-2000 r\n" + map_line("7000-8000", "r-xp")), 0);
-    ASSERT_EQ(table_size(), 1U);
-    EXPECT_EQ(section_rec[0].start, 0x7000U);
+        0, load("nothing\n\n-\nzz-yy r-xp\n1000- 2000 r-xp\n1000-2000\n1000-2000 r\n" + map_line("7000-8000", "r-xp")));
+    ASSERT_EQ(1U, table_size());
+    EXPECT_EQ(0x7000U, section_rec[0].start);
 }
 
 TEST(Maps, ALastLineWithoutNewlineIsDropped)
 {
-    ASSERT_EQ(load(map_line("1000-2000", "r-xp") + "2000-3000 r-xp 0 00:00 0"), 0);
-    EXPECT_EQ(table_size(), 1U);
+    ASSERT_EQ(0, load(map_line("1000-2000", "r-xp") + "2000-3000 r-xp 0 00:00 0"));
+    EXPECT_EQ(1U, table_size());
 }
 
 TEST(Maps, ALineLongerThanTheBufferEndsTheReading)
@@ -133,10 +133,10 @@ TEST(Maps, ALineLongerThanTheBufferEndsTheReading)
         return line + std::string(length - line.size(), 'x') + "\n";
     };
     std::string first = map_line("1000-2000", "r-xp"), last = map_line("3000-4000", "r-xp");
-    ASSERT_EQ(load(first + padded(1023) + last), 0);
-    EXPECT_EQ(table_size(), 3U);
-    ASSERT_EQ(load(first + padded(1024) + last), 0);
-    EXPECT_EQ(table_size(), 1U);
+    ASSERT_EQ(0, load(first + padded(1023) + last));
+    EXPECT_EQ(3U, table_size());
+    ASSERT_EQ(0, load(first + padded(1024) + last));
+    EXPECT_EQ(1U, table_size());
 }
 
 TEST(Maps, TooManyMappingsAreToldOnceWhenALineFollows)
@@ -147,32 +147,32 @@ TEST(Maps, TooManyMappingsAreToldOnceWhenALineFollows)
         std::snprintf(range, sizeof range, "%x000-%x800", i, i);
         full += map_line(range, "r-xp");
     }
-    ASSERT_EQ(load(full), 0);
-    EXPECT_EQ(table_size(), 128U);
-    EXPECT_EQ(read_file(kConsole), "");
-    ASSERT_EQ(load(full + "any\nand another\n"), 0);
-    EXPECT_EQ(table_size(), 128U);
-    EXPECT_EQ(read_file(kConsole), "procps_read_maps, exec section number large than 128.\n");
-    EXPECT_EQ(is_dynamic_lib(0x80000), 1);
-    EXPECT_EQ(is_dynamic_lib(0x807ff), 1);
-    EXPECT_EQ(is_dynamic_lib(0x80800), 0);
+    ASSERT_EQ(0, load(full));
+    EXPECT_EQ(128U, table_size());
+    EXPECT_EQ("", read_file(kConsole));
+    ASSERT_EQ(0, load(full + "any\nand another\n"));
+    EXPECT_EQ(128U, table_size());
+    EXPECT_EQ("procps_read_maps, exec section number large than 128.\n", read_file(kConsole));
+    EXPECT_EQ(1, is_dynamic_lib(0x80000));
+    EXPECT_EQ(1, is_dynamic_lib(0x807ff));
+    EXPECT_EQ(0, is_dynamic_lib(0x80800));
 }
 
 TEST(Maps, BoundsOfTheTable)
 {
     load_one_section();
-    EXPECT_EQ(is_dynamic_lib(0x6fff), 0);
-    EXPECT_EQ(is_dynamic_lib(0x7000), 1);
-    EXPECT_EQ(is_dynamic_lib(0x7fff), 1);
-    EXPECT_EQ(is_dynamic_lib(0x8000), 0);
-    EXPECT_EQ(is_dynamic_lib(0), 0);
+    EXPECT_EQ(0, is_dynamic_lib(0x6fff));
+    EXPECT_EQ(1, is_dynamic_lib(0x7000));
+    EXPECT_EQ(1, is_dynamic_lib(0x7fff));
+    EXPECT_EQ(0, is_dynamic_lib(0x8000));
+    EXPECT_EQ(0, is_dynamic_lib(0));
 }
 
 TEST(Maps, WithoutATableEveryAddressIsCode)
 {
-    EXPECT_EQ(table_size(), 0U);
-    EXPECT_EQ(is_dynamic_lib(0), 1);
-    EXPECT_EQ(is_dynamic_lib(~0UL), 1);
+    EXPECT_EQ(0U, table_size());
+    EXPECT_EQ(1, is_dynamic_lib(0));
+    EXPECT_EQ(1, is_dynamic_lib(~0UL));
 }
 
 TEST(Maps, AFailedLoadClearsTheTable)
@@ -182,22 +182,22 @@ TEST(Maps, AFailedLoadClearsTheTable)
         EXPECT_GT(table_size(), 0U);
         ::unshare(CLONE_NEWNS);
         mount_tmpfs("/proc");
-        EXPECT_EQ(procps_read_maps(), -1);
-        EXPECT_EQ(table_size(), 0U);
+        EXPECT_EQ(-1, procps_read_maps());
+        EXPECT_EQ(0U, table_size());
         // Only the thread's own list is asked for in thread mode.
         std::string process = std::string("/proc/").append(std::to_string(::getpid()));
         ::mkdir(process.c_str(), 0755);
         write_file(maps_path(), map_line("1000-2000", "r-xp"));
-        EXPECT_EQ(procps_read_maps(), 0);
+        EXPECT_EQ(0, procps_read_maps());
         qv_set_handle_thread_trace();
-        EXPECT_EQ(procps_read_maps(), -1);
+        EXPECT_EQ(-1, procps_read_maps());
         std::string task = process.append("/task");
         ::mkdir(task.c_str(), 0755);
         task.append("/").append(std::to_string(thread_id()));
         ::mkdir(task.c_str(), 0755);
         write_file(task.append("/maps"), map_line("3000-4000", "r-xp"));
-        EXPECT_EQ(procps_read_maps(), 0);
-        EXPECT_EQ(section_rec[0].start, 0x3000U);
+        EXPECT_EQ(0, procps_read_maps());
+        EXPECT_EQ(0x3000U, section_rec[0].start);
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.status;
 }
@@ -210,13 +210,13 @@ TEST(Maps, ThreadModeReadsTheListOfTheCallingThread)
         auto body = [](void *) -> void * {
             std::string list = "/proc/" + std::to_string(::getpid()) + "/task/" + std::to_string(thread_id()) + "/maps";
             bind_over(list, map_line("5000-6000", "r-xp"));
-            EXPECT_EQ(procps_read_maps(), 0);
-            EXPECT_EQ(table_size(), 1U);
-            EXPECT_EQ(section_rec[0].start, 0x5000U);
+            EXPECT_EQ(0, procps_read_maps());
+            EXPECT_EQ(1U, table_size());
+            EXPECT_EQ(0x5000U, section_rec[0].start);
             return nullptr;
         };
-        ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
-        ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+        ASSERT_EQ(0, ::pthread_create(&thread, nullptr, body, nullptr));
+        ASSERT_EQ(0, ::pthread_join(thread, nullptr));
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err;
 }
@@ -225,33 +225,33 @@ TEST(Maps, ErrnoIsKept)
 {
     errno = E2BIG;
     procps_read_maps();
-    EXPECT_EQ(errno, E2BIG);
+    EXPECT_EQ(E2BIG, errno);
     ChildResult child = run_child([] {
         ::unshare(CLONE_NEWNS);
         mount_tmpfs("/proc");
         char name[128] = {};
         errno = E2BIG;
-        EXPECT_EQ(procps_read_maps(), -1);
-        EXPECT_EQ(errno, E2BIG);
-        EXPECT_EQ(get_proc_comm_name(name, 127), 0);
-        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(-1, procps_read_maps());
+        EXPECT_EQ(E2BIG, errno);
+        EXPECT_EQ(0, get_proc_comm_name(name, 127));
+        EXPECT_EQ(E2BIG, errno);
         get_function_name_by_ptr(name, name, sizeof name);
-        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(E2BIG, errno);
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err;
 }
 
 TEST(Maps, TheTableIsTheThreadsOwn)
 {
-    ASSERT_EQ(procps_read_maps(), 0);
-    EXPECT_EQ(is_dynamic_lib(at(reinterpret_cast<void *>(&::getpid))), 1);
-    EXPECT_EQ(is_dynamic_lib(at(&section_rec)), 0);
+    ASSERT_EQ(0, procps_read_maps());
+    EXPECT_EQ(1, is_dynamic_lib(at(reinterpret_cast<void *>(&::getpid))));
+    EXPECT_EQ(0, is_dynamic_lib(at(&section_rec)));
     pthread_t thread;
     auto body = [](void *) -> void * { return reinterpret_cast<void *>(table_size()); };
     void *size = nullptr;
-    ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
-    ASSERT_EQ(::pthread_join(thread, &size), 0);
-    EXPECT_EQ(size, nullptr);
+    ASSERT_EQ(0, ::pthread_create(&thread, nullptr, body, nullptr));
+    ASSERT_EQ(0, ::pthread_join(thread, &size));
+    EXPECT_EQ(nullptr, size);
 }
 
 // ---- the walk ----
@@ -284,8 +284,8 @@ TEST(Walk, HostTextIsCodeBothEndsIncluded)
     load_one_section();
     for (const char *edge : {__qv_text_start, __qv_text_end})
         EXPECT_EQ(Walk(0, at(edge), 0, 20).code(), (Words{at(edge)}));
-    EXPECT_EQ(Walk(0, at(__qv_text_start) - 1, 0, 20).count, 0);
-    EXPECT_EQ(Walk(0, at(__qv_text_end) + 1, 0, 20).count, 0);
+    EXPECT_EQ(0, Walk(0, at(__qv_text_start) - 1, 0, 20).count);
+    EXPECT_EQ(0, Walk(0, at(__qv_text_end) + 1, 0, 20).count);
 }
 
 TEST(Walk, NeverMoreThanMax)
@@ -297,8 +297,8 @@ TEST(Walk, NeverMoreThanMax)
         EXPECT_EQ(walk.count, std::min(max, 11)) << max;
         EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, max).count, std::min(max, 9)) << max;
     }
-    EXPECT_EQ(Walk(chain.fp(), kCode, kCode, 0).count, 0);
-    EXPECT_EQ(Walk(chain.fp(), kCode, kCode, -1).count, 0);
+    EXPECT_EQ(0, Walk(chain.fp(), kCode, kCode, 0).count);
+    EXPECT_EQ(0, Walk(chain.fp(), kCode, kCode, -1).count);
     EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 3).bottom, chain.record(3));
 }
 
@@ -307,7 +307,7 @@ TEST(Walk, ACircleEndsAtMax)
     load_one_section();
     Chain chain(2);
     chain.words[2] = chain.fp();
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).count, 20);
+    EXPECT_EQ(20, Walk(chain.fp(), kNotCode, 0, 20).count);
 }
 
 TEST(Walk, FramePointerIsRoundedUpAndLinksAreNot)
@@ -329,13 +329,13 @@ TEST(Walk, NoFramePointerAndAZeroFirstLinkEndIt)
 {
     load_one_section();
     EXPECT_EQ(Walk(0, kCode, 0, 20).code(), (Words{kCode}));
-    EXPECT_EQ(Walk(0, kCode, 0, 20).bottom, 0U);
+    EXPECT_EQ(0U, Walk(0, kCode, 0, 20).bottom);
     EXPECT_EQ(Walk(~0UL, kCode, 0, 20).code(), (Words{kCode}));
     Chain chain(1);
     Walk walk(chain.fp(), kCode, 0, 20);
     EXPECT_EQ(walk.code(), (Words{kCode, 0x1000}));
     EXPECT_EQ(walk.frame(), (Words{chain.fp(), 0}));
-    EXPECT_EQ(walk.bottom, 0U);
+    EXPECT_EQ(0U, walk.bottom);
 }
 
 TEST(Walk, UnreadableMemoryEndsIt)
@@ -372,9 +372,9 @@ TEST(Walk, OutputsMayBeLeftOut)
     load_one_section();
     Chain chain(3);
     unsigned long addrs[20];
-    EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, kCode, addrs, nullptr, 20, nullptr), 4);
-    EXPECT_EQ(addrs[2], 0x1000U);
-    EXPECT_EQ(qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr), 0);
+    EXPECT_EQ(4, qv_backtrace_spec(chain.fp(), kCode, kCode, addrs, nullptr, 20, nullptr));
+    EXPECT_EQ(0x1000U, addrs[2]);
+    EXPECT_EQ(0, qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr));
 }
 
 TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
@@ -384,7 +384,7 @@ TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
             load_one_section();
         Chain chain(2);
         chain.words[1] = 0xDEADBEEFCAFEBABE;
-        EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code().back(), 0xDEADBEEFCAFEBABE);
+        EXPECT_EQ(0xDEADBEEFCAFEBABE, Walk(chain.fp(), kNotCode, 0, 20).code().back());
     }
 }
 
@@ -431,7 +431,7 @@ TEST(Walk, ErrnoIsKept)
     load_one_section();
     errno = E2BIG;
     Walk(0x123450, kCode, 0, 20);
-    EXPECT_EQ(errno, E2BIG);
+    EXPECT_EQ(E2BIG, errno);
 }
 
 namespace {
@@ -466,7 +466,7 @@ TEST(Walk, TheRealStackWalks)
     int n = walk_two_deeper(addrs);
     ASSERT_GE(n, 3);
     for (int i = 0; i < 3; i++)
-        EXPECT_EQ(is_dynamic_lib(addrs[i]), 1) << i;
+        EXPECT_EQ(1, is_dynamic_lib(addrs[i])) << i;
     auto is_within = [&](int i, int (*function)(unsigned long *)) {
         unsigned long start = at(reinterpret_cast<void *>(function));
         return addrs[i] > start && addrs[i] < start + 256;
@@ -480,8 +480,8 @@ TEST(Walk, TheRealStackWalks)
 TEST(FunctionName, NullNamedAndUnnamed)
 {
     char text[256];
-    EXPECT_EQ(get_function_name_by_ptr(nullptr, text, sizeof text), 4);
-    EXPECT_STREQ(text, "NULL");
+    EXPECT_EQ(4, get_function_name_by_ptr(nullptr, text, sizeof text));
+    EXPECT_STREQ("NULL", text);
     void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
     char wanted[256];
     std::snprintf(wanted, sizeof wanted, "procps_read_maps@%p", function);
@@ -502,8 +502,8 @@ TEST(FunctionName, IsCutAndTerminated)
     char wide[64];
     std::memset(wide, 'x', sizeof wide);
     get_function_name_by_ptr(function, wide, sizeof wide);
-    EXPECT_EQ(wide[62], 'x');
-    EXPECT_EQ(wide[63], '\0');
+    EXPECT_EQ('x', wide[62]);
+    EXPECT_EQ('\0', wide[63]);
     get_function_name_by_ptr(function, text, 0);
     EXPECT_EQ(std::string(text, 8), std::string("procp\0xx", 8));
 }
@@ -512,20 +512,20 @@ TEST(CommandName, OfTheProcessWithoutLineEnds)
 {
     rename_process("routed");
     char name[128] = {};
-    EXPECT_EQ(get_proc_comm_name(name, 127), 7);
-    EXPECT_STREQ(name, "routed");
+    EXPECT_EQ(7, get_proc_comm_name(name, 127));
+    EXPECT_STREQ("routed", name);
     std::memset(name, 0, sizeof name);
-    EXPECT_EQ(get_proc_comm_name(name, 3), 3);
-    EXPECT_STREQ(name, "rou");
-    EXPECT_EQ(get_proc_comm_name(name, 0), 0);
-    EXPECT_EQ(get_proc_comm_name(name, -1), 0);
+    EXPECT_EQ(3, get_proc_comm_name(name, 3));
+    EXPECT_STREQ("rou", name);
+    EXPECT_EQ(0, get_proc_comm_name(name, 0));
+    EXPECT_EQ(0, get_proc_comm_name(name, -1));
 }
 
 TEST(CommandName, EveryLineEndBecomesNul)
 {
     bind_over("/proc/self/comm", "a\rb\n\nc\r\n");
     char name[128] = {};
-    EXPECT_EQ(get_proc_comm_name(name, 127), 8);
+    EXPECT_EQ(8, get_proc_comm_name(name, 127));
     EXPECT_EQ(std::string(name, 8), std::string("a\0b\0\0c\0\0", 8));
 }
 
@@ -534,9 +534,9 @@ TEST(CommandName, DescriptorZeroCountsAsFailure)
     ChildResult child = run_child([] {
         ::close(0);
         char name[128] = {};
-        EXPECT_EQ(get_proc_comm_name(name, 127), 0);
-        EXPECT_STREQ(name, "");
-        EXPECT_EQ(::dup(1), 0); // it was given back
+        EXPECT_EQ(0, get_proc_comm_name(name, 127));
+        EXPECT_STREQ("", name);
+        EXPECT_EQ(0, ::dup(1)); // it was given back
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -549,8 +549,8 @@ TEST(CommandName, OfTheThreadInThreadMode)
         auto body = [](void *) -> void * {
             rename_process("worker");
             char name[128] = {};
-            EXPECT_EQ(get_proc_comm_name(name, 127), 7);
-            EXPECT_STREQ(name, "worker");
+            EXPECT_EQ(7, get_proc_comm_name(name, 127));
+            EXPECT_STREQ("worker", name);
             return nullptr;
         };
         ::pthread_create(&thread, nullptr, body, nullptr);
@@ -565,11 +565,11 @@ TEST(StackTrace, PrintsTheTagAndNumberedFrames)
     qv_stacktrace("here");
     std::vector<std::string> text = lines(read_file(kConsole));
     ASSERT_GE(text.size(), 3U);
-    EXPECT_EQ(text[0], "stack trace: here pid = " + std::to_string(::getpid()) + ", com_name = routed");
+    EXPECT_EQ("stack trace: here pid = " + std::to_string(::getpid()) + ", com_name = routed", text[0]);
     for (std::size_t i = 1; i < text.size(); i++) {
         char head[32];
         std::snprintf(head, sizeof head, "Frame %2zu: ", i);
-        EXPECT_EQ(text[i].rfind(head, 0), 0U) << text[i];
+        EXPECT_EQ(0U, text[i].rfind(head, 0)) << text[i];
     }
 }
 
@@ -579,8 +579,8 @@ TEST(StackTrace, UsesTheProgramsNameWithoutACommandName)
         ::close(0);
         qv_stacktrace("x");
     });
-    EXPECT_EQ(lines(read_file(kConsole)).at(0),
-              "stack trace: x pid = " + std::to_string(child.pid) + ", com_name = backtrace_test");
+    EXPECT_EQ("stack trace: x pid = " + std::to_string(child.pid) + ", com_name = backtrace_test",
+              lines(read_file(kConsole)).at(0));
 }
 
 // ---- symbol texts, as they stand in a backtrace section ----
@@ -615,7 +615,7 @@ std::string symbol_of(unsigned long addr)
         ::sigqueue(::getpid(), SIGUSR1, value);
     });
     std::vector<std::string> text = lines(child.out);
-    EXPECT_EQ(text.size(), 4U) << child.out;
+    EXPECT_EQ(4U, text.size()) << child.out;
     std::size_t arrow = text.size() > 1 ? text[1].find("-> ") : std::string::npos;
     return arrow == std::string::npos ? child.out : text[1].substr(arrow + 3);
 }
@@ -636,5 +636,5 @@ TEST(SymbolText, NamedUnnamedAndUnknown)
     unsigned long inside = at(info.dli_fbase) + 0x40;
     std::snprintf(wanted, sizeof wanted, "%s(+0x40) [0x%lx]", info.dli_fname, inside);
     EXPECT_EQ(symbol_of(inside), wanted);
-    EXPECT_EQ(symbol_of(0x1234), "0x1234");
+    EXPECT_EQ("0x1234", symbol_of(0x1234));
 }

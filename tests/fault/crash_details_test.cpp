@@ -6,10 +6,10 @@
 #include "console_print.h"
 #include "signal_printf.h"
 #include "stack_info.h"
+#include "support/next_function.h"
 
 #include <atomic>
 #include <cerrno>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -55,26 +55,20 @@ void record(const char *call, int sig, sighandler_t handler)
     calls.text.append(std::to_string(sig)).append(disposition_name(handler)).append(" ");
 }
 
-template <typename Function>
-Function *next(const char *name)
-{
-    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 extern "C" {
 
 sighandler_t signal(int sig, sighandler_t handler) noexcept
 {
-    static auto *real = next<sighandler_t(int, sighandler_t)>("signal");
+    static auto *real = support::next_function<sighandler_t(int, sighandler_t)>("signal");
     record("s", sig, handler);
     return real(sig, handler);
 }
 
 int sigaction(int sig, const struct sigaction *action, struct sigaction *old) noexcept
 {
-    static auto *real = next<int(int, const struct sigaction *, struct sigaction *)>("sigaction");
+    static auto *real = support::next_function<int(int, const struct sigaction *, struct sigaction *)>("sigaction");
     if (action != nullptr)
         record("a", sig, action->sa_handler);
     if (action != nullptr && (calls.refused_sigaction == sig || calls.refused_sigaction == -1)) {
@@ -86,7 +80,7 @@ int sigaction(int sig, const struct sigaction *action, struct sigaction *old) no
 
 int mkdir(const char *path, mode_t mode) noexcept
 {
-    static auto *real = next<int(const char *, mode_t)>("mkdir");
+    static auto *real = support::next_function<int(const char *, mode_t)>("mkdir");
     if (calls.mkdir_comes_late)
         real(path, mode);
     return real(path, mode);
@@ -94,7 +88,7 @@ int mkdir(const char *path, mode_t mode) noexcept
 
 ssize_t read(int fd, void *buffer, std::size_t size)
 {
-    static auto *real = next<ssize_t(int, void *, std::size_t)>("read");
+    static auto *real = support::next_function<ssize_t(int, void *, std::size_t)>("read");
     if (calls.read_fails) {
         errno = EIO;
         return -1;
@@ -204,7 +198,7 @@ TEST(Ids, AnAttachingThreadByProcessAndByThread)
         EXPECT_NE(printed().find(line), std::string::npos) << line << printed();
         int id = by_thread ? worker_id() : child.pid;
         Log log = read_log(log_path(by_thread ? "worker" : "routed", id, "attach", 52));
-        EXPECT_EQ(log.error, "");
+        EXPECT_EQ("", log.error);
         EXPECT_EQ(log.id, id);
         EXPECT_EQ(log.by_thread, by_thread);
     }
@@ -259,16 +253,16 @@ TEST(Registers, EachSlotHoldsItsOwn)
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     Log log = read_log(log_path(kName, child.pid, "attach", 52));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     expect_register(log, 0, 0);
 #if defined(__aarch64__)
     for (unsigned i = 1; i < 31; i++)
         expect_register(log, i, 0xa000000000000000 + i);
     expect_register(log, 31, 0xb1);
-    EXPECT_EQ(log.sp, 0xb1U);
-    EXPECT_EQ(log.pc, 0xb2U);
-    EXPECT_EQ(log.pstate, 0xb3U);
-    EXPECT_EQ(log.fault, 0xb4U);
+    EXPECT_EQ(0xb1U, log.sp);
+    EXPECT_EQ(0xb2U, log.pc);
+    EXPECT_EQ(0xb3U, log.pstate);
+    EXPECT_EQ(0xb4U, log.fault);
 #else
     constexpr int kNone = -1;
     constexpr int kSaved[32] = {kNone,  REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI, REG_RAX, kNone,
@@ -294,8 +288,8 @@ TEST(Mappings, TheHandlerReadsTheMappingsOfItsThread)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     Log log = read_log(log_path(kName, child.pid, "coredump", SIGSEGV));
-    ASSERT_EQ(log.error, "");
-    EXPECT_EQ(log.pc, kWildAddress);
+    ASSERT_EQ("", log.error);
+    EXPECT_EQ(kWildAddress, log.pc);
     for (const Log::Entry &entry : log.entries)
         EXPECT_EQ(entry.text.find("[0x123450]"), std::string::npos) << entry.text;
 }
@@ -318,7 +312,7 @@ TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     Log log = read_log(log_path(kName, child.pid, "attach", 14));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     ASSERT_FALSE(log.entries.empty());
     char address[32];
     std::snprintf(address, sizeof address, "0x%lx", static_cast<unsigned long>(log.pc));
@@ -356,7 +350,7 @@ TEST(Files, AFolderThatAnotherThreadHasJustMadeIsNoFailure)
         ::raise(SIGTERM);
     });
     EXPECT_TRUE(child.killed_by(SIGTERM));
-    EXPECT_EQ(read_log(log_path(kName, child.pid, "attach", 52)).error, "");
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 52)).error);
     EXPECT_TRUE(exists(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")));
     EXPECT_EQ(printed().find("mkdir"), std::string::npos);
 }
@@ -368,7 +362,7 @@ TEST(Arming, MakesItsCallsInOrder)
     ChildResult child = named_child([] {
         calls.recorded = true;
         install_sighandler();
-        EXPECT_EQ(calls.text, "a14crash a6crash a11crash a7crash a4crash a51crash a52crash phase0 s12other s1ignore ");
+        EXPECT_EQ("a14crash a6crash a11crash a7crash a4crash a51crash a52crash phase0 s12other s1ignore ", calls.text);
         calls.text.clear();
         pstrace_terminate_signal();
         std::string wanted;
@@ -380,11 +374,12 @@ TEST(Arming, MakesItsCallsInOrder)
         EXPECT_EQ(calls.text, wanted);
         calls.text.clear();
         uninstall_sighandler();
-        EXPECT_EQ(calls.text, "s7default s4default s11default s6default ");
+        EXPECT_EQ("s7default s4default s11default s6default ", calls.text);
         calls.text.clear();
         ignore_signal();
-        EXPECT_EQ(calls.text, "s7ignore s4ignore s11ignore s6ignore s14ignore s1ignore s17ignore s13ignore s50ignore "
-                              "s51ignore s52ignore ");
+        EXPECT_EQ("s7ignore s4ignore s11ignore s6ignore s14ignore s1ignore s17ignore s13ignore s50ignore "
+                  "s51ignore s52ignore ",
+                  calls.text);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -409,7 +404,7 @@ TEST(Arming, TheResetComesInItsOrderAndBeforeTheWarning)
         install_sighandler();
         calls.recorded = true;
         ::raise(SIGILL);
-        EXPECT_EQ(calls.text, "s7default s6default s11default s4default ");
+        EXPECT_EQ("s7default s6default s11default s4default ", calls.text);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_NE(printed().find("is dying(4)"), std::string::npos);
@@ -428,7 +423,7 @@ TEST(Arming, EachFailureHasItsText)
             install_sighandler();
         });
         EXPECT_TRUE(child.exited(0));
-        EXPECT_EQ(printed(), "install signal handler for " + std::string(name) + " failed.\n");
+        EXPECT_EQ("install signal handler for " + std::string(name) + " failed.\n", printed());
     }
     mount_tmpfs("/etc");
     ChildResult child = named_child([] {
@@ -446,9 +441,9 @@ TEST(Arming, Phase0GetsTheActionAndNoRecord)
 {
     ChildResult child = named_child([] {
         install_sighandler2(SIGUSR2);
-        EXPECT_EQ(phase0.calls, 1);
+        EXPECT_EQ(1, phase0.calls);
         EXPECT_TRUE(phase0.is_action);
-        EXPECT_EQ(phase0.record, nullptr);
+        EXPECT_EQ(nullptr, phase0.record);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -457,7 +452,7 @@ TEST(Arming, RecordsTheMainStackUnlessAnAttachSignalIsChosen)
 {
     ChildResult child = named_child([] {
         install_sighandler2(SIGUSR1);
-        EXPECT_EQ(g_process_stack_start, 0U);
+        EXPECT_EQ(0U, g_process_stack_start);
         install_sighandler();
         auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
         EXPECT_LE(g_process_stack_start, here);
@@ -490,13 +485,13 @@ TEST(PlainHandler, PrintsTwentyFramesOfADeepStack)
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     std::vector<std::string> text = lines(read_file(kConsole));
-    ASSERT_EQ(text.size(), 21U);
-    EXPECT_EQ(text[0], "crash_details_test Caught signal 10");
+    ASSERT_EQ(21U, text.size());
+    EXPECT_EQ("crash_details_test Caught signal 10", text[0]);
     for (int i = 1; i <= 20; i++) {
         char head[32];
         std::snprintf(head, sizeof head, "Frame %2d: 0x", i);
         const std::string &line = text[static_cast<std::size_t>(i)];
-        EXPECT_EQ(line.rfind(head, 0), 0U) << line;
+        EXPECT_EQ(0U, line.rfind(head, 0)) << line;
         // The address and, behind a blank, the symbol's text, which ends in the same address.
         std::string address = line.substr(10, line.find(' ', 10) - 10);
         EXPECT_NE(line.find("[" + address + "]"), std::string::npos) << line;
@@ -512,7 +507,7 @@ TEST(PlainHandler, SaysWhyItCannotReadTheName)
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     // Two calls build a line: the name, which is empty, and the signal.
-    EXPECT_EQ(printed().rfind("read file /proc/self/cmdline failed, Input/output error\n", 0), 0U) << printed();
+    EXPECT_EQ(0U, printed().rfind("read file /proc/self/cmdline failed, Input/output error\n", 0)) << printed();
     EXPECT_NE(printed().find(" Caught signal 10\n"), std::string::npos) << printed();
 }
 
@@ -524,7 +519,7 @@ void expect_errno_kept(const char *what, const std::function<void()> &call)
 {
     errno = E2BIG;
     call();
-    EXPECT_EQ(errno, E2BIG) << what;
+    EXPECT_EQ(E2BIG, errno) << what;
 }
 
 } // namespace

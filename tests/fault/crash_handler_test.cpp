@@ -133,18 +133,18 @@ TEST(Crash, LogIsCompleteAndTheFaultStillKills)
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.err;
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     EXPECT_FALSE(log.by_thread);
     EXPECT_EQ(log.id, child.pid);
-    EXPECT_EQ(log.sig, SIGSEGV);
-    EXPECT_EQ(log.registers[0], 0U);
+    EXPECT_EQ(SIGSEGV, log.sig);
+    EXPECT_EQ(0U, log.registers[0]);
     EXPECT_EQ(log.registers[31], log.sp);
-    EXPECT_EQ(log.fault, kBadAddress);
+    EXPECT_EQ(kBadAddress, log.fault);
     ASSERT_GE(log.entries.size(), 3U);
     char pc[32];
     std::snprintf(pc, sizeof pc, "[0x%lx]", static_cast<unsigned long>(log.pc));
     EXPECT_NE(log.entries[0].text.find(pc), std::string::npos) << log.entries[0].text;
-    EXPECT_EQ(log.rest, "depth " + std::to_string(log.entries.size()) + "\nlast\n");
+    EXPECT_EQ("depth " + std::to_string(log.entries.size()) + "\nlast\n", log.rest);
     expect_dying_line(child, SIGSEGV, log.pc);
 }
 
@@ -152,7 +152,7 @@ TEST(Crash, RegisterNamesAreThePorts)
 {
     ChildResult child = crash_child([] { write_null(); });
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     std::array<std::string, 32> names;
     for (unsigned i = 0; i < 32; i++)
         names[i] = std::string("x").append(std::to_string(i));
@@ -183,7 +183,7 @@ TEST(Crash, AnOlderLongerLogKeepsItsTail)
     EXPECT_EQ(text.size(), old.size());
     std::size_t end = text.find("last\n");
     ASSERT_NE(end, std::string::npos);
-    EXPECT_EQ(text.substr(end + 5), std::string(old.size() - end - 5, 'o'));
+    EXPECT_EQ(std::string(old.size() - end - 5, 'o'), text.substr(end + 5));
 }
 
 TEST(Crash, EveryFaultSignalIsLoggedAndResetsAllFour)
@@ -193,12 +193,12 @@ TEST(Crash, EveryFaultSignalIsLoggedAndResetsAllFour)
         ChildResult child = crash_child([sig] {
             ::raise(sig);
             for (int other : kFaultSignals)
-                EXPECT_EQ(disposition(other).sa_handler, SIG_DFL) << other;
+                EXPECT_EQ(SIG_DFL, disposition(other).sa_handler) << other;
             EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
         });
         EXPECT_TRUE(child.exited(0)) << child.out;
         Log log = read_log(core_path(child, "coredump", sig));
-        EXPECT_EQ(log.error, "") << sig;
+        EXPECT_EQ("", log.error) << sig;
         expect_dying_line(child, sig, log.pc);
     }
 }
@@ -215,7 +215,7 @@ TEST(Crash, WithThreadModeTheThreadIsNamed)
     EXPECT_NE(tid, child.pid);
     std::string path = log_path("worker", tid, "coredump", SIGSEGV);
     Log log = read_log(path);
-    EXPECT_EQ(log.error, "");
+    EXPECT_EQ("", log.error);
     EXPECT_TRUE(log.by_thread);
     EXPECT_EQ(log.id, tid);
     EXPECT_EQ(log.label, path);
@@ -225,7 +225,7 @@ TEST(Crash, WithoutThreadModeTheProcessIsNamed)
 {
     ChildResult child = crash_child([] { in_thread(crash_as_worker); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
 TEST(Crash, ASlashInANameBecomesAnUnderscoreInTheFileName)
@@ -239,7 +239,7 @@ TEST(Crash, ASlashInANameBecomesAnUnderscoreInTheFileName)
     EXPECT_TRUE(child.exited(0)) << child.out;
     std::string path = log_path("_rx_eth0_", child.pid, "attach", 52);
     Log log = read_log(path);
-    EXPECT_EQ(log.error, "");
+    EXPECT_EQ("", log.error);
     EXPECT_EQ(log.label, path);
 }
 
@@ -250,8 +250,8 @@ TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
             remount("/etc", read_only);
             errno = E2BIG;
             ::raise(52);
-            EXPECT_EQ(errno, E2BIG);
-            EXPECT_EQ(in_signal_context(), 0);
+            EXPECT_EQ(E2BIG, errno);
+            EXPECT_EQ(0, in_signal_context());
         }
         remount("/etc", false);
     });
@@ -276,9 +276,9 @@ TEST(Crash, AHandlerThatACallbackLeftIsForgottenByTheNext)
     ChildResult child = crash_child([] {
         for (int i = 0; i < 3; i++) {
             raise_and_leave(52);
-            EXPECT_EQ(in_signal_context(), 1);
+            EXPECT_EQ(1, in_signal_context());
             ::raise(52);
-            EXPECT_EQ(in_signal_context(), 0);
+            EXPECT_EQ(0, in_signal_context());
         }
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -295,7 +295,7 @@ TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
             EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
         });
         EXPECT_TRUE(child.exited(0)) << child.out;
-        EXPECT_EQ(read_log(core_path(child, "attach", sig)).error, "");
+        EXPECT_EQ("", read_log(core_path(child, "attach", sig)).error);
         std::string line =
             std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (" + std::to_string(sig) + ")\n";
         EXPECT_NE(printed().find(line), std::string::npos);
@@ -307,20 +307,21 @@ TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
 {
     ChildResult child = crash_child([] {
         ::raise(51);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
         EXPECT_EQ(disposition(51).sa_sigaction, &signal_err);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     std::string path = log_path(kName, child.pid, "attach", 51, "/tmp/dump");
-    EXPECT_EQ(printed(), std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (51)\n" +
-                             "dir /tmp/dump not exists! \nFail to create " + path + " \n");
+    EXPECT_EQ(std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (51)\n" +
+                  "dir /tmp/dump not exists! \nFail to create " + path + " \n",
+              printed());
     EXPECT_FALSE(exists("/tmp/dump"));
     EXPECT_FALSE(exists("/etc/core"));
 
     ::mkdir("/tmp/dump", 0777);
     child = crash_child([] { ::raise(51); });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_log(log_path(kName, child.pid, "attach", 51, "/tmp/dump")).error, "");
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 51, "/tmp/dump")).error);
     EXPECT_FALSE(exists("/etc/core"));
 }
 
@@ -335,7 +336,7 @@ TEST(Dump, Signal14CountsBeforeAnythingIsArmed)
         ::raise(14);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_log(core_path(child, "attach", 14)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "attach", 14)).error);
 }
 
 TEST(Dump, AnotherAttachSignalReplaces14)
@@ -344,10 +345,10 @@ TEST(Dump, AnotherAttachSignalReplaces14)
         rename_process(kName);
         install_sighandler2(SIGUSR1);
         ::raise(SIGUSR1);
-        EXPECT_EQ(disposition(14).sa_handler, SIG_DFL);
+        EXPECT_EQ(SIG_DFL, disposition(14).sa_handler);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(read_log(core_path(child, "attach", SIGUSR1)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "attach", SIGUSR1)).error);
 }
 
 // ---- callbacks ----
@@ -355,13 +356,13 @@ TEST(Dump, AnotherAttachSignalReplaces14)
 TEST(Callback, PhasesComeInOrderWithTheirArguments)
 {
     ChildResult child = crash_child([] {
-        EXPECT_EQ(phases(), "a0 b0 ");
+        EXPECT_EQ("a0 b0 ", phases());
         EXPECT_NE(calls[0].arg, 0U);
-        EXPECT_EQ(calls[0].record, nullptr);
+        EXPECT_EQ(nullptr, calls[0].record);
         call_count = 0;
         ::raise(SIGSEGV);
-        EXPECT_EQ(phases(), "a1 b1 a4 b4 a2 b2 ");
-        EXPECT_EQ(calls[0].arg, 0U);
+        EXPECT_EQ("a1 b1 a4 b4 a2 b2 ", phases());
+        EXPECT_EQ(0U, calls[0].arg);
         EXPECT_NE(calls[0].record, nullptr);
         EXPECT_EQ(calls[2].arg, calls[4].arg);
         EXPECT_TRUE(is_reset_at_backtrace); // the handlers of a process without threads are disarmed before the log
@@ -388,12 +389,12 @@ TEST(Callback, AResultOfPhase1SuppressesWarningAndReset)
         call_count = 0;
         first_result[QV_COREDUMP_FIRST] = 7;
         ::raise(SIGSEGV);
-        EXPECT_EQ(phases(), "a1 a4 b4 a2 b2 ");
+        EXPECT_EQ("a1 a4 b4 a2 b2 ", phases());
         EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(printed(), "");
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", printed());
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
 TEST(Callback, AResultEndsTheWalk)
@@ -403,13 +404,13 @@ TEST(Callback, AResultEndsTheWalk)
         first_result[QV_COREDUMP_BACKTRACE] = 1;
         first_result[QV_COREDUMP_LAST] = -1;
         ::raise(SIGSEGV);
-        EXPECT_EQ(phases(), "a1 b1 a4 a2 ");
+        EXPECT_EQ("a1 b1 a4 a2 ", phases());
         call_count = 0;
         first_result[6] = -5;
-        EXPECT_EQ(call_signal_table(6, 77, &call_count), -5);
-        EXPECT_EQ(phases(), "a6 ");
-        EXPECT_EQ(call_signal_table(5, 77, nullptr), 0);
-        EXPECT_EQ(calls[1].arg, 77U);
+        EXPECT_EQ(-5, call_signal_table(6, 77, &call_count));
+        EXPECT_EQ("a6 ", phases());
+        EXPECT_EQ(0, call_signal_table(5, 77, nullptr));
+        EXPECT_EQ(77U, calls[1].arg);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -419,7 +420,7 @@ TEST(Callback, PathOfPhase1IsUsedAndTheFolderStillMade)
     path_to_set = "/tmp/mine.log";
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
-    EXPECT_EQ(read_log("/tmp/mine.log").error, "");
+    EXPECT_EQ("", read_log("/tmp/mine.log").error);
     EXPECT_TRUE(exists("/etc/core"));
     EXPECT_EQ(list_dir("/etc/core"), std::vector<std::string>());
 }
@@ -429,7 +430,7 @@ TEST(Callback, APathWithoutTerminationIsBounded)
     fill_whole_path = true;
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
-    EXPECT_EQ(read_log("/tmp/" + std::string(127 - 5, 'p')).error, "");
+    EXPECT_EQ("", read_log("/tmp/" + std::string(127 - 5, 'p')).error);
 }
 
 // ---- failures ----
@@ -448,7 +449,7 @@ TEST(Failure, NoFolderToBeMade)
 
 TEST(Failure, ALinkToNowhereIsNoFolder)
 {
-    ASSERT_EQ(::symlink("/nowhere/core", "/etc/core"), 0);
+    ASSERT_EQ(0, ::symlink("/nowhere/core", "/etc/core"));
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
@@ -478,8 +479,8 @@ TEST(Failure, LongNamesAreCutAtThePathsSize)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::vector<std::string> logs = list_dir("/etc/core");
-    ASSERT_EQ(logs.size(), 1U);
-    EXPECT_EQ(logs[0], std::string(127 - std::strlen("/etc/core/"), 'n'));
+    ASSERT_EQ(1U, logs.size());
+    EXPECT_EQ(std::string(127 - std::strlen("/etc/core/"), 'n'), logs[0]);
 }
 
 // ---- the record's backtrace, written on its own ----
@@ -488,8 +489,8 @@ TEST(BacktraceSection, NegativeDescriptorDoesNothing)
 {
     crash_record rec = {};
     rec.depth = 7;
-    EXPECT_EQ(coredump_backtrace_to_file(-1, &rec), 0);
-    EXPECT_EQ(rec.depth, 7U);
+    EXPECT_EQ(0, coredump_backtrace_to_file(-1, &rec));
+    EXPECT_EQ(7U, rec.depth);
 }
 
 TEST(BacktraceSection, FillsTheRecordAndWritesIt)
@@ -505,14 +506,14 @@ TEST(BacktraceSection, FillsTheRecordAndWritesIt)
     EXPECT_NE(rec.fault_fp, 0U);
     std::vector<std::string> written = lines(text);
     ASSERT_EQ(static_cast<int>(written.size()), depth + 3);
-    EXPECT_EQ(written[0], "Backtracing:");
+    EXPECT_EQ("Backtracing:", written[0]);
     for (unsigned i = 0; i < rec.depth; i++) {
         char head[64];
         std::snprintf(head, sizeof head, "\t<0x%lX> -> ", static_cast<unsigned long>(rec.frames[i]));
-        EXPECT_EQ(written[i + 1].rfind(head, 0), 0U) << written[i + 1];
+        EXPECT_EQ(0U, written[i + 1].rfind(head, 0)) << written[i + 1];
     }
     char bottom[64];
     std::snprintf(bottom, sizeof bottom, "\tStack bottom is at 0x%lX", static_cast<unsigned long>(rec.stack_bottom));
     EXPECT_EQ(written[written.size() - 2], bottom);
-    EXPECT_EQ(written.back(), "");
+    EXPECT_EQ("", written.back());
 }

@@ -58,7 +58,7 @@ void expect_logs(int sig, const std::function<void()> &body, const std::function
         ASSERT_TRUE(child.killed_by(sig))
             << "round " << i << " status " << child.status << " hung " << child.timed_out << child.out << child.err;
         Log log = read_log(log_path(kName, child.pid, "coredump", sig));
-        ASSERT_EQ(log.error, "") << "round " << i;
+        ASSERT_EQ("", log.error) << "round " << i;
         ASSERT_EQ(log.sig, sig);
         if (check)
             check(log);
@@ -98,13 +98,13 @@ std::size_t count_of(const std::string &text, const std::string &part)
 
 TEST(Matrix, NullWrite)
 {
-    expect_logs(SIGSEGV, write_null, [](const Log &log) { EXPECT_EQ(log.fault, kBadAddress); });
+    expect_logs(SIGSEGV, write_null, [](const Log &log) { EXPECT_EQ(kBadAddress, log.fault); });
 }
 
 TEST(Matrix, JumpToAWildAddress)
 {
     expect_logs(SIGSEGV, jump_wild, [](const Log &log) {
-        EXPECT_EQ(log.pc, kWildAddress);
+        EXPECT_EQ(kWildAddress, log.pc);
         ASSERT_FALSE(log.entries.empty());
         EXPECT_EQ(log.entries[0].text.find("[0x123450]"), std::string::npos);
     });
@@ -250,8 +250,8 @@ TEST(Matrix, SecondaryThreadByThread)
     }
     for (const std::string &name : list_dir("/etc/core")) {
         Log log = read_log("/etc/core/" + name);
-        EXPECT_EQ(log.error, "");
-        EXPECT_EQ(log.label, "/etc/core/" + name);
+        EXPECT_EQ("", log.error);
+        EXPECT_EQ("/etc/core/" + name, log.label);
     }
 }
 
@@ -270,7 +270,7 @@ TEST(Matrix, SixteenThreadsAtOnceEachWithItsLog)
         std::vector<std::string> logs = list_dir("/etc/core");
         EXPECT_EQ(logs.size(), static_cast<std::size_t>(kThreads));
         for (const std::string &name : logs)
-            EXPECT_EQ(read_log("/etc/core/" + name).error, "");
+            EXPECT_EQ("", read_log("/etc/core/" + name).error);
     }
 }
 
@@ -284,7 +284,7 @@ TEST(Matrix, SixteenThreadsAtOnceIntoOneLog)
             wait_for_the_end();
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-        EXPECT_EQ(read_log(log_path(kName, child.pid, "coredump", SIGSEGV)).error, "");
+        EXPECT_EQ("", read_log(log_path(kName, child.pid, "coredump", SIGSEGV)).error);
         EXPECT_EQ(count_of(printed(), " pid " + std::to_string(child.pid) + " parent"),
                   static_cast<std::size_t>(kThreads));
     }
@@ -307,7 +307,7 @@ TEST(Matrix, SixteenThreadsWithoutOrder)
             wait_for_the_end();
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-        ASSERT_EQ(read_log(log_path(kName, child.pid, "coredump", SIGSEGV)).error, "") << "round " << i;
+        ASSERT_EQ("", read_log(log_path(kName, child.pid, "coredump", SIGSEGV)).error) << "round " << i;
     }
 }
 
@@ -365,6 +365,6 @@ TEST(Matrix, DiskFull)
         std::snprintf(told, sizeof told, "!!!!!!WARNING: process %d pid %d parent %d  is dying(11), ePC :  ", child.pid,
                       child.pid, ::getpid());
         EXPECT_NE(printed().find(told), std::string::npos);
-        EXPECT_EQ(read_file(log_path(kName, child.pid, "coredump", SIGSEGV)), "");
+        EXPECT_EQ("", read_file(log_path(kName, child.pid, "coredump", SIGSEGV)));
     }
 }

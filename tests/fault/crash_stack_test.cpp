@@ -25,7 +25,7 @@ ChildResult named_child(const std::function<void()> &body)
 void run_thread(void *(*body)(void *), const pthread_attr_t *attributes = nullptr)
 {
     pthread_t thread;
-    ASSERT_EQ(::pthread_create(&thread, attributes, body, nullptr), 0);
+    ASSERT_EQ(0, ::pthread_create(&thread, attributes, body, nullptr));
     ::pthread_join(thread, nullptr);
 }
 
@@ -115,7 +115,7 @@ TEST(DumpStack, ADumpFitsIntoTheStatedSize)
         run_thread(dump_with_little_stack, &attributes);
     });
     EXPECT_TRUE(child.exited(0)) << child.status << child.out;
-    EXPECT_EQ(read_log(log_path(kName, child.pid, "attach", 52)).error, "");
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 52)).error);
 }
 
 // ---- alternate stacks ----
@@ -127,7 +127,7 @@ TEST(SignalStack, WithoutOneAnOverflowLeavesNoLog)
     ChildResult child = named_child([] {
         install_sighandler();
         for (int sig : {14, 6, 11, 7, 4, 51, 52})
-            EXPECT_EQ(flags_of(sig), SA_SIGINFO) << sig;
+            EXPECT_EQ(SA_SIGINFO, flags_of(sig)) << sig;
         run_thread(overflow_without_stack);
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
@@ -142,22 +142,22 @@ TEST(SignalStack, WithOneAnOverflowLeavesItsLog)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
     Log log = core_log(child);
-    EXPECT_EQ(log.error, "");
-    EXPECT_EQ(log.entries.size(), 20U);
+    EXPECT_EQ("", log.error);
+    EXPECT_EQ(20U, log.entries.size());
     EXPECT_NE(printed().find("is dying(11)"), std::string::npos);
 }
 
 TEST(SignalStack, TheMainThreadMayAskBeforeTheHandlersAreArmed)
 {
     ChildResult child = named_child([] {
-        EXPECT_EQ(qv_use_signal_stack(), 0);
+        EXPECT_EQ(0, qv_use_signal_stack());
         install_sighandler2(SIGUSR1);
         for (int sig : {SIGUSR1, 6, 11, 7, 4, 51, 52})
-            EXPECT_EQ(flags_of(sig), SA_SIGINFO | SA_ONSTACK) << sig;
+            EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, flags_of(sig)) << sig;
         overflow(0);
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
-    EXPECT_EQ(core_log(child).error, "");
+    EXPECT_EQ("", core_log(child).error);
 }
 
 TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
@@ -166,11 +166,11 @@ TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
         install_sighandler();
         ::signal(SIGUSR1, [](int) {});
         int other = flags_of(SIGUSR1);
-        EXPECT_EQ(qv_use_signal_stack(), 0);
+        EXPECT_EQ(0, qv_use_signal_stack());
         for (int sig : {14, 6, 11, 7, 4, 51, 52})
-            EXPECT_EQ(flags_of(sig), SA_SIGINFO | SA_ONSTACK) << sig;
+            EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, flags_of(sig)) << sig;
         EXPECT_EQ(flags_of(SIGUSR1), other);
-        EXPECT_EQ(flags_of(SIGHUP) & SA_ONSTACK, 0);
+        EXPECT_EQ(0, flags_of(SIGHUP) & SA_ONSTACK);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -181,11 +181,11 @@ TEST(SignalStack, HasTheStatedSizeAndAGuardBelow)
         GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
     static char *bottom;
     ChildResult child = named_child([] {
-        EXPECT_EQ(qv_use_signal_stack(), 0);
+        EXPECT_EQ(0, qv_use_signal_stack());
         stack_t mine = signal_stack();
         EXPECT_EQ(mine.ss_size, static_cast<std::size_t>(QV_SIGNAL_STACK_SIZE));
-        EXPECT_EQ(mine.ss_flags, 0);
-        EXPECT_EQ(qv_use_signal_stack(), 0);
+        EXPECT_EQ(0, mine.ss_flags);
+        EXPECT_EQ(0, qv_use_signal_stack());
         EXPECT_EQ(signal_stack().ss_sp, mine.ss_sp);
         bottom = static_cast<char *>(mine.ss_sp);
         bottom[0] = 1;
@@ -207,7 +207,7 @@ std::string stack_range;
 
 void *use_stack(void *)
 {
-    EXPECT_EQ(qv_use_signal_stack(), 0);
+    EXPECT_EQ(0, qv_use_signal_stack());
     char text[32];
     std::snprintf(text, sizeof text, "%lx-", reinterpret_cast<unsigned long>(signal_stack().ss_sp));
     stack_range = text;
@@ -243,8 +243,8 @@ void *use_besides(void *stack, std::size_t size)
     stack_t own = {};
     own.ss_sp = stack;
     own.ss_size = size;
-    EXPECT_EQ(::sigaltstack(&own, nullptr), 0);
-    EXPECT_EQ(qv_use_signal_stack(), 0);
+    EXPECT_EQ(0, ::sigaltstack(&own, nullptr));
+    EXPECT_EQ(0, qv_use_signal_stack());
     ::pthread_setspecific(end_key, &end_key);
     return signal_stack().ss_sp;
 }

@@ -93,7 +93,7 @@ sighandler_t disposition(int sig)
 void expect_log_up_to_the_callback(const ChildResult &child, int sig)
 {
     Log log = read_log(core_path(child, "coredump", sig));
-    EXPECT_EQ(log.error, "");
+    EXPECT_EQ("", log.error);
     EXPECT_EQ(log.sig, sig);
 }
 
@@ -203,8 +203,8 @@ TEST(Dying, DumpRequestsAreStillServed)
         write_null();
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
-    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
 TEST(Dying, ASentSignalDisarmsWhenTheLogIsWritten)
@@ -212,8 +212,8 @@ TEST(Dying, ASentSignalDisarmsWhenTheLogIsWritten)
     ChildResult child = threaded_child([] {
         ::raise(SIGSEGV);
         for (int sig : {SIGBUS, SIGABRT, SIGSEGV, SIGILL})
-            EXPECT_EQ(disposition(sig), SIG_DFL) << sig;
-        EXPECT_EQ(in_signal_context(), 0);
+            EXPECT_EQ(SIG_DFL, disposition(sig)) << sig;
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -223,8 +223,8 @@ TEST(Dying, WhatACallbackSetsOrArmsStands)
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_LAST] = [] { ::signal(SIGBUS, SIG_IGN); };
         ::raise(SIGSEGV);
-        EXPECT_EQ(disposition(SIGBUS), SIG_IGN);
-        EXPECT_EQ(disposition(SIGSEGV), SIG_DFL);
+        EXPECT_EQ(SIG_IGN, disposition(SIGBUS));
+        EXPECT_EQ(SIG_DFL, disposition(SIGSEGV));
         in_phase[QV_COREDUMP_LAST] = [] { install_sighandler(); };
         install_sighandler();
         ::raise(SIGSEGV);
@@ -274,7 +274,7 @@ TEST(Dying, AForkedChildOfAThreadedProcessDisarmsFirst)
         }
         int status = 0;
         ::waitpid(pid, &status, 0);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(0, status);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -300,7 +300,7 @@ TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
         write_null();
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
 namespace {
@@ -330,7 +330,7 @@ TEST(Dying, NobodyWaitsForAHandlerThatWasLeft)
         idle(nullptr);
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
     EXPECT_LE(sleeps(), kFewSleeps);
 }
 
@@ -407,7 +407,7 @@ TEST(Context, AForkedChildDoesNotInheritOtherThreadsHandlers)
         in_phase[QV_COREDUMP_LAST] = stay_inside;
         pthread_t thread = start(request_dump);
         wait_until([] { return is_inside.load(); });
-        EXPECT_EQ(in_signal_context(), 1);
+        EXPECT_EQ(1, in_signal_context());
         for (auto fork_call : {&::fork, &::_Fork}) {
             pid_t pid = fork_call();
             if (pid == 0) {
@@ -416,12 +416,12 @@ TEST(Context, AForkedChildDoesNotInheritOtherThreadsHandlers)
                 ::raise(52);
                 ::_exit(is_right && prints_ordinarily() ? 0 : 1);
             }
-            EXPECT_EQ(status_of(pid), 0);
+            EXPECT_EQ(0, status_of(pid));
         }
-        EXPECT_EQ(in_signal_context(), 1);
+        EXPECT_EQ(1, in_signal_context());
         may_leave = true;
         ::pthread_join(thread, nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
@@ -436,10 +436,10 @@ TEST(Context, AChildForkedByACallbackIsStillInside)
                 ::_exit(1);
         };
         ::raise(52);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
         if (pid == 0)
             ::_exit(in_signal_context());
-        EXPECT_EQ(status_of(pid), 0);
+        EXPECT_EQ(0, status_of(pid));
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
@@ -472,7 +472,7 @@ TEST(Context, ALeftHandlerIsForgottenByADeeperOne)
     ChildResult child = threaded_child([] {
         leave_handler();
         raise_deeper(50);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
         EXPECT_TRUE(prints_ordinarily());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
@@ -483,7 +483,7 @@ TEST(Context, ALeftHandlerIsForgottenByOneOnAnotherThread)
     ChildResult child = threaded_child([] {
         leave_handler();
         ::pthread_join(start(request_dump), nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
         EXPECT_TRUE(prints_ordinarily());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
@@ -506,7 +506,7 @@ TEST(Context, ALeftHandlerIsForgottenThoughItsThreadHadSignalsBlocked)
         is_blocked = true;
         ::pthread_join(thread, nullptr);
         ::pthread_sigmask(SIG_UNBLOCK, &all, nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
         EXPECT_TRUE(prints_ordinarily());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
@@ -523,10 +523,10 @@ TEST(Context, AnOuterHandlerIsNotForgottenByADeeperOne)
             context[level] = in_signal_context();
         };
         ::raise(52);
-        EXPECT_EQ(depth, 2);
-        EXPECT_EQ(context[0], 1);
-        EXPECT_EQ(context[1], 1);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(2, depth);
+        EXPECT_EQ(1, context[0]);
+        EXPECT_EQ(1, context[1]);
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
@@ -539,10 +539,10 @@ TEST(Context, AnotherThreadsHandlerStillCountsWhenOneReturns)
         wait_until([] { return is_inside.load(); });
         in_phase[QV_COREDUMP_LAST] = nullptr;
         ::raise(14);
-        EXPECT_EQ(in_signal_context(), 1);
+        EXPECT_EQ(1, in_signal_context());
         may_leave = true;
         ::pthread_join(thread, nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
@@ -553,7 +553,7 @@ TEST(Context, AThreadThatEndedInsideDoesNotCount)
         in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
         for (int i = 0; i < 50; i++) {
             ::pthread_join(start(request_dump), nullptr);
-            ASSERT_EQ(in_signal_context(), 0);
+            ASSERT_EQ(0, in_signal_context());
             ASSERT_TRUE(prints_ordinarily());
         }
     });
@@ -567,7 +567,7 @@ TEST(Context, AFirstThreadThatEndedInsideDoesNotCount)
         in_phase[QV_COREDUMP_LAST] = [] { ::syscall(SYS_exit, 0); };
         start([](void *) -> void * {
             ::pthread_join(first, nullptr);
-            EXPECT_EQ(in_signal_context(), 0);
+            EXPECT_EQ(0, in_signal_context());
             EXPECT_TRUE(prints_ordinarily());
             ::_exit(::testing::Test::HasFailure() ? 1 : 0);
         });
@@ -582,8 +582,8 @@ TEST(Context, ErrnoIsKept)
         in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
         ::pthread_join(start(request_dump), nullptr);
         errno = E2BIG;
-        EXPECT_EQ(in_signal_context(), 0);
-        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(0, in_signal_context());
+        EXPECT_EQ(E2BIG, errno);
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
@@ -614,15 +614,15 @@ TEST(Cancellation, APendingRequestActsAfterTheHandler)
             went_on = false;
             void *result = nullptr;
             ::pthread_join(start(cancel_self_and_dump), &result);
-            EXPECT_EQ(result, PTHREAD_CANCELED);
+            EXPECT_EQ(PTHREAD_CANCELED, result);
             EXPECT_TRUE(went_on);
         }
         EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
-    EXPECT_EQ(runs(), 21U);
-    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
+    EXPECT_EQ(21U, runs());
+    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
 }
 
 TEST(Cancellation, ARequestInTheMiddleOfACrashDoesNotCutItsLog)
@@ -637,7 +637,7 @@ TEST(Cancellation, ARequestInTheMiddleOfACrashDoesNotCutItsLog)
         idle(nullptr);
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-    EXPECT_EQ(read_log(core_path(child, "coredump", SIGSEGV)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
 TEST(Cancellation, AThreadThatIsCancelledAtAnyTimeFinishesItsLog)
@@ -654,8 +654,8 @@ TEST(Cancellation, AThreadThatIsCancelledAtAnyTimeFinishesItsLog)
         ::pthread_cancel(thread);
         may_leave = true;
         ::pthread_join(thread, nullptr);
-        EXPECT_EQ(in_signal_context(), 0);
+        EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
-    EXPECT_EQ(read_log(core_path(child, "attach", 52)).error, "");
+    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
 }

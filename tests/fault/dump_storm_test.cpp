@@ -97,7 +97,7 @@ void storm(unsigned requests)
     stop = true;
     for (pthread_t thread : threads)
         ::pthread_join(thread, nullptr);
-    EXPECT_EQ(in_signal_context(), 0);
+    EXPECT_EQ(0, in_signal_context());
     EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
 }
 
@@ -112,7 +112,7 @@ TEST(Storm, AThousandRequestsToABusyProcess)
     ASSERT_EQ(list_dir("/tmp/logs").size(), requests);
     for (unsigned i = 0; i < requests; i++) {
         Log log = read_log(std::string("/tmp/logs/").append(std::to_string(i)));
-        ASSERT_EQ(log.error, "") << i;
-        ASSERT_EQ(log.sig, kRequest);
+        ASSERT_EQ("", log.error) << i;
+        ASSERT_EQ(kRequest, log.sig);
     }
 }

@@ -74,7 +74,7 @@ void expect_log(const ChildResult &child, int sig)
     ASSERT_FALSE(child.timed_out) << child.out << child.err;
     ASSERT_TRUE(child.killed_by(sig)) << child.status << child.out << child.err;
     Log log = read_log(log_path(kName, child.pid, "coredump", sig));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     ASSERT_FALSE(log.entries.empty());
 }
 
@@ -188,7 +188,7 @@ TEST(LoaderBusy, ADumpRequestToTheThreadWhoseLockAConstructorWaitsFor)
     });
     EXPECT_FALSE(child.timed_out);
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
-    EXPECT_EQ(read_log(log_path(kName, child.pid, "attach", kRequest)).error, "");
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kRequest)).error);
 }
 
 // A look-up finds the module or does not; its memory may go at any moment between.
@@ -228,7 +228,7 @@ TEST(LoaderBusy, AThreadDiesInsideFreeInAHostThatLoadedTheLibraryLate)
     ASSERT_FALSE(child.timed_out);
     ASSERT_TRUE(child.killed_by(SIGABRT)) << child.status << child.out << child.err;
     Log log = read_log(log_path("late", child.pid, "coredump", SIGABRT));
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     ASSERT_FALSE(log.entries.empty());
     EXPECT_NE(log.entries[0].text.find("libc.so"), std::string::npos) << log.entries[0].text;
 }
@@ -237,6 +237,7 @@ TEST(LoaderBusy, ThreadsOfAHostThatLoadedTheLibraryLateHaveTheirOwnTables)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "a sanitizer's run time must come before the library";
-    ChildResult child = run_program({build_dir() + "/tests/late_crash_host", build_dir() + "/libcommon.so.1", "tables"});
+    ChildResult child =
+        run_program({build_dir() + "/tests/late_crash_host", build_dir() + "/libcommon.so.1", "tables"});
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
 }

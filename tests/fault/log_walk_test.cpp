@@ -131,7 +131,7 @@ __attribute__((noinline, visibility("default"))) NO_SANITIZERS void dying_with_o
 TEST(LogWalk, AnAbortShowsWhoCalledIt)
 {
     Log log = log_of(SIGABRT, calls_dying_by_abort);
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     EXPECT_TRUE(shows(log, "calls_dying_by_abort"));
     if (is_x86()) {
         EXPECT_TRUE(shows(log, "abort"));
@@ -142,7 +142,7 @@ TEST(LogWalk, AnAbortShowsWhoCalledIt)
 TEST(LogWalk, ACallbackOfTheCLibraryShowsWhoCalledThat)
 {
     Log log = log_of(SIGSEGV, dying_in_sort);
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     EXPECT_TRUE(shows(log, "dying_in_sort"));
 }
 
@@ -156,7 +156,7 @@ TEST(LogWalk, MallocsAbortShowsWhoFreed)
         *reinterpret_cast<volatile unsigned long *>(block + ::malloc_usable_size(block)) = 0;
         std::free(block);
     });
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     EXPECT_GT(log.entries.size(), 5U);
     if (is_x86()) {
         EXPECT_TRUE(shows(log, "__libc_free"));
@@ -166,11 +166,11 @@ TEST(LogWalk, MallocsAbortShowsWhoFreed)
 TEST(LogWalk, ARecordLinkedToItself)
 {
     Log log = log_of(SIGSEGV, dying_with_own_link);
-    ASSERT_EQ(log.error, "");
+    ASSERT_EQ("", log.error);
     if (is_x86())
         expect_no_copies(log);
     else
-        EXPECT_EQ(log.entries.size(), 20U);
+        EXPECT_EQ(20U, log.entries.size());
 }
 
 // A sound chain is shown word by word, whatever its addresses are, wherever it lies.
@@ -185,13 +185,13 @@ TEST(LogWalk, ASoundChainIsShownAsItIs)
     records[3][1] = 0x1003;
     for (unsigned long sp : {0UL, at(records)}) {
         Log log = log_of_walk(at(records), sp);
-        ASSERT_EQ(log.entries.size(), 4U);
+        ASSERT_EQ(4U, log.entries.size());
         for (std::size_t i = 0; i < 3; i++) {
-            EXPECT_EQ(log.entries[i].text, "0x100" + std::to_string(i));
+            EXPECT_EQ("0x100" + std::to_string(i), log.entries[i].text);
             EXPECT_EQ(log.entries[i].frame, pointer_text(at(records[i + 1])));
         }
-        EXPECT_EQ(log.entries[3].text, "0x1003");
-        EXPECT_EQ(log.bottom, "0x2");
+        EXPECT_EQ("0x1003", log.entries[3].text);
+        EXPECT_EQ("0x2", log.bottom);
     }
 }
 

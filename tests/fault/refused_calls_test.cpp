@@ -39,8 +39,8 @@ constexpr sock_filter answer(unsigned value)
 void install(const std::vector<sock_filter> &filter)
 {
     sock_fprog program = {static_cast<unsigned short>(filter.size()), const_cast<sock_filter *>(filter.data())};
-    ASSERT_EQ(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_EQ(::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0), 0) << errno;
+    ASSERT_EQ(0, ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0));
+    ASSERT_EQ(0, ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0)) << errno;
 }
 
 // From here on the call fails with this error.
@@ -183,7 +183,7 @@ TEST(RefusedCalls, ACrashLeavesItsWholeLog)
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.out << child.err;
         Log log = read_log(log_path("routed", child.pid, "coredump", SIGSEGV));
-        ASSERT_EQ(log.error, "");
+        ASSERT_EQ("", log.error);
         ASSERT_GT(log.entries.size(), 3U);
     }
 }

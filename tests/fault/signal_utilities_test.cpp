@@ -21,29 +21,29 @@ void *const kIgnored = reinterpret_cast<void *>(SIG_IGN);
 
 TEST(Callback, AnEmptyTableAnswersZero)
 {
-    EXPECT_EQ(call_signal_table(1, 0, nullptr), 0);
+    EXPECT_EQ(0, call_signal_table(1, 0, nullptr));
 }
 
 TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
 {
     ChildResult child = run_child([] {
         constexpr int kRestorer = 0x04000000; // the C library's own
-        EXPECT_EQ(install_sighandler2(SIGUSR1), kDefault);
+        EXPECT_EQ(kDefault, install_sighandler2(SIGUSR1));
         for (int sig : {10, 6, 11, 7, 4, 51, 52}) {
             struct sigaction action = disposition(sig);
             EXPECT_EQ(action.sa_sigaction, &signal_err) << sig;
-            EXPECT_EQ(action.sa_flags & ~kRestorer, SA_SIGINFO) << sig;
+            EXPECT_EQ(SA_SIGINFO, action.sa_flags & ~kRestorer) << sig;
             for (int masked = 1; masked <= SIGRTMAX; masked++)
                 EXPECT_NE(::sigismember(&action.sa_mask, masked), 1) << masked;
         }
-        EXPECT_EQ(disposition(SIGALRM).sa_handler, SIG_DFL);
-        EXPECT_EQ(disposition(SIGHUP).sa_handler, SIG_IGN);
+        EXPECT_EQ(SIG_DFL, disposition(SIGALRM).sa_handler);
+        EXPECT_EQ(SIG_IGN, disposition(SIGHUP).sa_handler);
         EXPECT_NE(disposition(SIGUSR2).sa_handler, SIG_DFL);
-        EXPECT_EQ(install_sighandler(), kIgnored);
+        EXPECT_EQ(kIgnored, install_sighandler());
         EXPECT_EQ(disposition(SIGALRM).sa_sigaction, &signal_err);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(printed(), "");
+    EXPECT_EQ("", printed());
 }
 
 TEST(Install, AnImpossibleSignalIsToldAndTheRestArmed)
@@ -63,17 +63,17 @@ TEST(Install, AnImpossibleSignalIsToldAndTheRestArmed)
         EXPECT_NE(console.find("install signal handler for " + std::string(sig) + " failed.\n"), std::string::npos)
             << sig;
     for (int sig : {52, 14})
-        EXPECT_EQ(read_log(log_path("routed", child.pid, "attach", sig)).error, "");
+        EXPECT_EQ("", read_log(log_path("routed", child.pid, "attach", sig)).error);
 }
 
 TEST(Utility, IgnoreSignalIgnoresItsList)
 {
     ChildResult child = run_child([] {
-        EXPECT_EQ(ignore_signal(), kDefault);
+        EXPECT_EQ(kDefault, ignore_signal());
         for (int sig : {7, 4, 11, 6, 14, 1, 17, 13, 50, 51, 52})
-            EXPECT_EQ(disposition(sig).sa_handler, SIG_IGN) << sig;
-        EXPECT_EQ(disposition(SIGTERM).sa_handler, SIG_DFL);
-        EXPECT_EQ(ignore_signal(), kIgnored);
+            EXPECT_EQ(SIG_IGN, disposition(sig).sa_handler) << sig;
+        EXPECT_EQ(SIG_DFL, disposition(SIGTERM).sa_handler);
+        EXPECT_EQ(kIgnored, ignore_signal());
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -84,7 +84,7 @@ TEST(Utility, UninstallResetsTheFaultSignalsOnly)
         install_sighandler();
         EXPECT_EQ(uninstall_sighandler(), reinterpret_cast<void *>(&signal_err));
         for (int sig : {7, 4, 11, 6})
-            EXPECT_EQ(disposition(sig).sa_handler, SIG_DFL) << sig;
+            EXPECT_EQ(SIG_DFL, disposition(sig).sa_handler) << sig;
         EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -93,18 +93,18 @@ TEST(Utility, UninstallResetsTheFaultSignalsOnly)
 TEST(Utility, PthreadIgnoreBlocksAllInThisThread)
 {
     ChildResult child = run_child([] {
-        EXPECT_EQ(pthread_ignore_signal(), 0);
+        EXPECT_EQ(0, pthread_ignore_signal());
         sigset_t blocked;
         ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
         for (int sig : {1, 2, 11, 15, 34, 52, 64})
-            EXPECT_EQ(::sigismember(&blocked, sig), 1) << sig;
+            EXPECT_EQ(1, ::sigismember(&blocked, sig)) << sig;
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
 TEST(Utility, CallbackRegistrationReturnsItsArgument)
 {
-    EXPECT_EQ(install_sigal_err_callback(0x1234567890UL), 0x1234567890UL);
+    EXPECT_EQ(0x1234567890UL, install_sigal_err_callback(0x1234567890UL));
 }
 
 TEST(Utility, PlainHandlerPrintsTheBacktrace)
@@ -113,14 +113,14 @@ TEST(Utility, PlainHandlerPrintsTheBacktrace)
         install_sighandler();
         ::signal(SIGUSR1, signal_handler);
         ::raise(SIGUSR1);
-        EXPECT_EQ(disposition(SIGSEGV).sa_handler, SIG_DFL);
+        EXPECT_EQ(SIG_DFL, disposition(SIGSEGV).sa_handler);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     std::vector<std::string> text = lines(read_file(kConsole));
     ASSERT_GE(text.size(), 3U);
-    EXPECT_EQ(text[0], "signal_utilities_test Caught signal 10");
-    EXPECT_EQ(text[1].rfind("Frame  1: 0x", 0), 0U) << text[1];
-    EXPECT_EQ(text[2].rfind("Frame  2: 0x", 0), 0U) << text[2];
+    EXPECT_EQ("signal_utilities_test Caught signal 10", text[0]);
+    EXPECT_EQ(0U, text[1].rfind("Frame  1: 0x", 0)) << text[1];
+    EXPECT_EQ(0U, text[2].rfind("Frame  2: 0x", 0)) << text[2];
 }
 
 // ---- hexadecimal dumps ----
@@ -146,21 +146,21 @@ std::string address(const void *p)
 
 TEST(HexDump, SixteenBytesALineAndTheMark)
 {
-    EXPECT_EQ(dump(nullptr, kBytes, kBytes + 3, 20), "\n" + address(kBytes) +
-                                                         ": 00 01 02*ab 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f\n" +
-                                                         address(kBytes + 16) + ": 10 11 fe ff\n");
-    EXPECT_EQ(dump(nullptr, kBytes, kBytes, 1), "\n" + address(kBytes) + ":*00\n");
-    EXPECT_EQ(dump(nullptr, kBytes + 1, nullptr, 2), "\n" + address(kBytes + 1) + ": 01 02\n");
-    EXPECT_EQ(lines(dump(nullptr, kBytes, nullptr, 16)).size(), 2U);
-    EXPECT_EQ(lines(dump(nullptr, kBytes, nullptr, 17)).size(), 3U);
+    EXPECT_EQ("\n" + address(kBytes) + ": 00 01 02*ab 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f\n" + address(kBytes + 16) +
+                  ": 10 11 fe ff\n",
+              dump(nullptr, kBytes, kBytes + 3, 20));
+    EXPECT_EQ("\n" + address(kBytes) + ":*00\n", dump(nullptr, kBytes, kBytes, 1));
+    EXPECT_EQ("\n" + address(kBytes + 1) + ": 01 02\n", dump(nullptr, kBytes + 1, nullptr, 2));
+    EXPECT_EQ(2U, lines(dump(nullptr, kBytes, nullptr, 16)).size());
+    EXPECT_EQ(3U, lines(dump(nullptr, kBytes, nullptr, 17)).size());
 }
 
 TEST(HexDump, NothingToDump)
 {
-    EXPECT_EQ(dump("title\n", nullptr, nullptr, 4), "title\n");
-    EXPECT_EQ(dump("title\n", kBytes, nullptr, 0), "title\n");
-    EXPECT_EQ(dump("title\n", kBytes, nullptr, -1), "title\n");
-    EXPECT_EQ(dump(nullptr, nullptr, nullptr, 4), "");
+    EXPECT_EQ("title\n", dump("title\n", nullptr, nullptr, 4));
+    EXPECT_EQ("title\n", dump("title\n", kBytes, nullptr, 0));
+    EXPECT_EQ("title\n", dump("title\n", kBytes, nullptr, -1));
+    EXPECT_EQ("", dump(nullptr, nullptr, nullptr, 4));
     hex_dump_to_file(-1, "title %s", kBytes, nullptr, 4, "never read");
 }
 
@@ -170,11 +170,11 @@ TEST(HexDump, TitleTakesTheNamedArgumentsAndThenTheRest)
         hex_dump_to_file(STDOUT_FILENO, "%p %p %d %s %d %lx %c%%%hd", nullptr, kBytes, -1, "more", -7, 0x123456789abUL,
                          'c');
     });
-    EXPECT_EQ(text, "0x0 " + address(kBytes) + " -1 more -7 123456789ab c%%hd");
+    EXPECT_EQ("0x0 " + address(kBytes) + " -1 more -7 123456789ab c%%hd", text);
     text = capture_stdout([] {
         hex_dump_to_file(STDOUT_FILENO, "%p%p%d%d%d%d%d%d%d%d%d%d", nullptr, nullptr, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9);
     });
-    EXPECT_EQ(text, "0x00x00123456789");
+    EXPECT_EQ("0x00x00123456789", text);
 }
 
 TEST(HexDump, ATitleWithTooManyConversionsIsShownAsItStands)

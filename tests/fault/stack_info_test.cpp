@@ -41,7 +41,7 @@ Range stack_of(unsigned long addr)
 
 void expect_range(const Range &range, unsigned long start, unsigned long end)
 {
-    EXPECT_EQ(range.result, 0);
+    EXPECT_EQ(0, range.result);
     EXPECT_EQ(range.start, start);
     EXPECT_EQ(range.end, end);
 }
@@ -59,8 +59,8 @@ void set_maps(const std::string &content)
 void in_thread(void *(*body)(void *))
 {
     pthread_t thread;
-    ASSERT_EQ(::pthread_create(&thread, nullptr, body, nullptr), 0);
-    ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+    ASSERT_EQ(0, ::pthread_create(&thread, nullptr, body, nullptr));
+    ASSERT_EQ(0, ::pthread_join(thread, nullptr));
 }
 
 } // namespace
@@ -69,7 +69,7 @@ TEST(StackInfo, TheRealMainStack)
 {
     int local = 0;
     Range range = main_stack();
-    EXPECT_EQ(range.result, 0);
+    EXPECT_EQ(0, range.result);
     auto here = reinterpret_cast<unsigned long>(&local);
     if (!under_sanitizer()) { // which may keep locals elsewhere
         EXPECT_TRUE(range.start <= here && here < range.end);
@@ -110,7 +110,7 @@ TEST(ThreadStackInfo, ARealThreadsStack)
         int local = 0;
         auto here = reinterpret_cast<unsigned long>(&local);
         Range range = stack_of(here);
-        EXPECT_EQ(range.result, 0);
+        EXPECT_EQ(0, range.result);
         EXPECT_TRUE(range.start <= here && here < range.end);
         return nullptr;
     });
@@ -123,13 +123,14 @@ TEST(StackInfo, FailuresAreToldOnStandardOutput)
         std::string told = capture_stdout([] {
             ::unshare(CLONE_NEWNS);
             mount_tmpfs("/proc");
-            EXPECT_EQ(main_stack().result, -1);
+            EXPECT_EQ(-1, main_stack().result);
             Range range = stack_of(0x1000);
-            EXPECT_EQ(range.result, -1);
-            EXPECT_EQ(range.start, 11U);
+            EXPECT_EQ(-1, range.result);
+            EXPECT_EQ(11U, range.start);
         });
-        EXPECT_EQ(told, "qv_get_stack_info 1208 : open " + path + " failed.\nqv_get_thread_stack_info 1258 : open " +
-                            path + " failed.\n");
+        EXPECT_EQ("qv_get_stack_info 1208 : open " + path + " failed.\nqv_get_thread_stack_info 1258 : open " + path +
+                      " failed.\n",
+                  told);
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err;
 }
@@ -153,10 +154,10 @@ TEST(StackInfo, AThreadsFailureNamesItsOwnList)
                 ::unshare(CLONE_NEWNS);
                 mount_tmpfs("/proc");
                 errno = E2BIG;
-                EXPECT_EQ(main_stack().result, -1);
-                EXPECT_EQ(errno, E2BIG);
+                EXPECT_EQ(-1, main_stack().result);
+                EXPECT_EQ(E2BIG, errno);
             });
-            EXPECT_EQ(told, "qv_get_stack_info 1208 : open " + path + " failed.\n");
+            EXPECT_EQ("qv_get_stack_info 1208 : open " + path + " failed.\n", told);
             return nullptr;
         });
     });
@@ -169,7 +170,7 @@ TEST(StackInfo, ErrnoIsKeptAndNoDescriptorStays)
     errno = E2BIG;
     main_stack();
     stack_of(1);
-    EXPECT_EQ(errno, E2BIG);
+    EXPECT_EQ(E2BIG, errno);
     EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
 }
 
@@ -210,8 +211,8 @@ void record(const std::string &status)
 
 void expect_record(uint64_t cur, uint32_t index)
 {
-    EXPECT_EQ(g_process_stack_start, 0x100000U);
-    EXPECT_EQ(g_process_stack_end, 0x200000U);
+    EXPECT_EQ(0x100000U, g_process_stack_start);
+    EXPECT_EQ(0x200000U, g_process_stack_end);
     EXPECT_EQ(g_process_stack_cur, cur);
     EXPECT_EQ(g_process_stack_cur_index, index);
 }
@@ -227,10 +228,10 @@ TEST(Record, TheRealMainThread)
     Range range = main_stack();
     EXPECT_EQ(g_process_stack_start, range.start);
     EXPECT_GE(g_process_stack_end, g_process_stack_start);
-    EXPECT_EQ(g_process_stack_cur_index, 28U);
+    EXPECT_EQ(28U, g_process_stack_cur_index);
     EXPECT_GE(g_process_stack_cur, g_process_stack_start);
     EXPECT_LE(g_process_stack_cur, g_process_stack_end);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(Record, NothingOutsideTheMainThread)
@@ -239,10 +240,10 @@ TEST(Record, NothingOutsideTheMainThread)
         qv_record_process_info();
         return nullptr;
     });
-    EXPECT_EQ(g_process_stack_start, 0U);
-    EXPECT_EQ(g_process_stack_end, 0U);
-    EXPECT_EQ(g_process_stack_cur, 0U);
-    EXPECT_EQ(g_process_stack_cur_index, 0U);
+    EXPECT_EQ(0U, g_process_stack_start);
+    EXPECT_EQ(0U, g_process_stack_end);
+    EXPECT_EQ(0U, g_process_stack_cur);
+    EXPECT_EQ(0U, g_process_stack_cur_index);
 }
 
 TEST(Record, FirstNumberWithinTheStackBothEndsIncluded)
@@ -283,7 +284,7 @@ TEST(Record, WithoutAStackNothingIsLookedUp)
     set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n");
     bind_over(task_file("stat"), status_line(50, {{5, "0"}}));
     qv_record_process_info();
-    EXPECT_EQ(g_process_stack_cur_index, 0U);
+    EXPECT_EQ(0U, g_process_stack_cur_index);
 }
 
 TEST(Record, AMissingStatusLineIsTold)
@@ -297,7 +298,7 @@ TEST(Record, AMissingStatusLineIsTold)
         write_file(maps, "100000-200000 rw-p 0 0:0 0 [stack]\n");
         qv_record_process_info();
         expect_record(0, 0);
-        EXPECT_EQ(read_file(kConsole), "qv_record_process_info 1338 : open " + stat + " failed.\n");
+        EXPECT_EQ("qv_record_process_info 1338 : open " + stat + " failed.\n", read_file(kConsole));
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err;
 }

@@ -45,11 +45,11 @@ TEST(Terminate, EverySignalOfTheListIsLoggedAndKills)
         char head[128];
         std::snprintf(head, sizeof head, "Process %d receive signal(%d) from pid %d,", child.pid, sig, child.pid);
         EXPECT_EQ(text[0], head);
-        EXPECT_EQ(text[1], "Backtracing:");
-        EXPECT_EQ(text[2].rfind("\t<0x", 0), 0U) << text[2];
-        EXPECT_EQ(text[text.size() - 2].rfind("\tStack bottom is at ", 0), 0U);
+        EXPECT_EQ("Backtracing:", text[1]);
+        EXPECT_EQ(0U, text[2].rfind("\t<0x", 0)) << text[2];
+        EXPECT_EQ(0U, text[text.size() - 2].rfind("\tStack bottom is at ", 0));
     }
-    EXPECT_EQ(printed(), "");
+    EXPECT_EQ("", printed());
 }
 
 TEST(Terminate, OtherSignalsAreLeftAlone)
@@ -59,7 +59,7 @@ TEST(Terminate, OtherSignalsAreLeftAlone)
         struct sigaction before[std::size(kOthers)], after;
         for (std::size_t i = 0; i < std::size(kOthers); i++)
             ::sigaction(kOthers[i], nullptr, &before[i]);
-        EXPECT_EQ(pstrace_terminate_signal(), nullptr);
+        EXPECT_EQ(nullptr, pstrace_terminate_signal());
         for (std::size_t i = 0; i < std::size(kOthers); i++) {
             ::sigaction(kOthers[i], nullptr, &after);
             EXPECT_EQ(after.sa_handler, before[i].sa_handler) << kOthers[i];
@@ -105,11 +105,11 @@ TEST(Terminate, AFolderThatCannotBeMadeIsToldAndTheProcessGoesOn)
     ChildResult child = terminated_child(SIGTERM, [] {
         struct sigaction action;
         ::sigaction(SIGTERM, nullptr, &action);
-        EXPECT_EQ(action.sa_handler, SIG_DFL);
+        EXPECT_EQ(SIG_DFL, action.sa_handler);
     });
     EXPECT_TRUE(child.exited(0)) << child.status;
-    EXPECT_EQ(printed(), "mkdir /flash/core  failed, Read-only file system\nFail to create " +
-                             path_of(child.pid, SIGTERM) + " \n");
+    EXPECT_EQ("mkdir /flash/core  failed, Read-only file system\nFail to create " + path_of(child.pid, SIGTERM) + " \n",
+              printed());
 }
 
 TEST(Terminate, AFileThatCannotBeMadeIsToldAndTheProcessGoesOn)
@@ -119,8 +119,8 @@ TEST(Terminate, AFileThatCannotBeMadeIsToldAndTheProcessGoesOn)
     ChildResult child = terminated_child(SIGTERM);
     EXPECT_TRUE(child.exited(0)) << child.status;
     std::string path = path_of(child.pid, SIGTERM);
-    EXPECT_EQ(printed(),
-              "!!!!!!WARNING: failed to terminate dump log file in " + path + ".\nFail to create " + path + " \n");
+    EXPECT_EQ("!!!!!!WARNING: failed to terminate dump log file in " + path + ".\nFail to create " + path + " \n",
+              printed());
 }
 
 TEST(Terminate, ErrnoIsKept)
@@ -130,7 +130,7 @@ TEST(Terminate, ErrnoIsKept)
         pstrace_terminate_signal();
         errno = E2BIG;
         ::raise(SIGTERM);
-        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(E2BIG, errno);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -184,5 +184,5 @@ TEST(Terminate, OneSignalOfInitIsSurvivedUnlogged)
         GTEST_SKIP() << "no process namespace to be had here";
     EXPECT_TRUE(child.exited(0)) << child.status;
     EXPECT_FALSE(exists("/flash/core"));
-    EXPECT_EQ(printed(), "");
+    EXPECT_EQ("", printed());
 }

@@ -23,90 +23,84 @@ unsigned long parse(const std::string &text, const char *key)
 
 TEST(ParseCmdline, NumbersInAllNotations)
 {
-    EXPECT_EQ(parse("quiet mem=0x100 ro", "mem"), 256u);
-    EXPECT_EQ(parse("mem=100", "mem"), 100u);
-    EXPECT_EQ(parse("mem=0100\n", "mem"), 64u);
-    EXPECT_EQ(parse("mem=18446744073709551615 ", "mem"), ULONG_MAX);
-    EXPECT_EQ(parse("mem=99999999999999999999 ", "mem"), ULONG_MAX);
-    EXPECT_EQ(parse("mem=-1", "mem"), ULONG_MAX);
-    EXPECT_EQ(parse("mem=12ab", "mem"), 12u);
-    EXPECT_EQ(parse("mem=abc", "mem"), 0u);
-    EXPECT_EQ(parse("mem=1 mem=2", "mem"), 1u) << "the first";
-    EXPECT_EQ(parse("quiet ro", "mem"), 0u);
+    EXPECT_EQ(256u, parse("quiet mem=0x100 ro", "mem"));
+    EXPECT_EQ(100u, parse("mem=100", "mem"));
+    EXPECT_EQ(64u, parse("mem=0100\n", "mem"));
+    EXPECT_EQ(ULONG_MAX, parse("mem=18446744073709551615 ", "mem"));
+    EXPECT_EQ(ULONG_MAX, parse("mem=99999999999999999999 ", "mem"));
+    EXPECT_EQ(ULONG_MAX, parse("mem=-1", "mem"));
+    EXPECT_EQ(12u, parse("mem=12ab", "mem"));
+    EXPECT_EQ(0u, parse("mem=abc", "mem"));
+    EXPECT_EQ(1u, parse("mem=1 mem=2", "mem")) << "the first";
+    EXPECT_EQ(0u, parse("quiet ro", "mem"));
 }
 
 TEST(ParseCmdline, AKeyMatchesInsideAWord)
 {
-    EXPECT_EQ(parse("cab=1 ab=2", "ab"), 1u);
-    EXPECT_EQ(parse("able=7", "ab"), 0u) << "one character is skipped whatever it is";
-    EXPECT_EQ(parse("abx7", "ab"), 7u);
+    EXPECT_EQ(1u, parse("cab=1 ab=2", "ab"));
+    EXPECT_EQ(0u, parse("able=7", "ab")) << "one character is skipped whatever it is";
+    EXPECT_EQ(7u, parse("abx7", "ab"));
 }
 
 TEST(ParseCmdline, BlanksEndTheValueFromItsSecondCharacterOn)
 {
-    EXPECT_EQ(parse("mem=1 2", "mem"), 1u);
-    EXPECT_EQ(parse("mem= 7 8", "mem"), 7u) << "a first blank does not";
-    EXPECT_EQ(parse("mem 7", "mem"), 7u);
+    EXPECT_EQ(1u, parse("mem=1 2", "mem"));
+    EXPECT_EQ(7u, parse("mem= 7 8", "mem")) << "a first blank does not";
+    EXPECT_EQ(7u, parse("mem 7", "mem"));
 }
 
 TEST(ParseCmdline, AKeyAtTheVeryEndGivesZero)
 {
-    EXPECT_EQ(parse("quiet mem", "mem"), 0u);
-    EXPECT_EQ(parse("quiet mem=", "mem"), 0u);
-    EXPECT_EQ(parse("mem", "mem"), 0u);
-    EXPECT_EQ(parse("", "mem"), 0u);
+    EXPECT_EQ(0u, parse("quiet mem", "mem"));
+    EXPECT_EQ(0u, parse("quiet mem=", "mem"));
+    EXPECT_EQ(0u, parse("mem", "mem"));
+    EXPECT_EQ(0u, parse("", "mem"));
 }
 
 TEST(ParseCmdline, TheCharacterAfterTheKeyIsSkippedEvenIfItIsAZeroByte)
 {
     using namespace std::string_literals;
-    EXPECT_EQ(parse("quiet mem\0"
-                    "0x20 ro"s,
-                    "mem"),
-              32u);
-    EXPECT_EQ(parse("mem\0"
-                    "17\0"
-                    "5"s,
-                    "mem"),
-              17u)
+    EXPECT_EQ(32u, parse("quiet mem\0"
+                         "0x20 ro"s,
+                         "mem"));
+    EXPECT_EQ(17u, parse("mem\0"
+                         "17\0"
+                         "5"s,
+                         "mem"))
         << "a zero byte ends the value";
-    EXPECT_EQ(parse("mem\0\0"
-                    "17"s,
-                    "mem"),
-              0u);
-    EXPECT_EQ(parse("mem\0"s, "mem"), 0u);
-    EXPECT_EQ(parse("quiet\0"
-                    "mem=7"s,
-                    "mem"),
-              0u)
+    EXPECT_EQ(0u, parse("mem\0\0"
+                        "17"s,
+                        "mem"));
+    EXPECT_EQ(0u, parse("mem\0"s, "mem"));
+    EXPECT_EQ(0u, parse("quiet\0"
+                        "mem=7"s,
+                        "mem"))
         << "the key is looked for before the first one";
-    EXPECT_EQ(parse(std::string(4095 - 4, 'x') + "mem\0"
-                                                 "7"s,
-                    "mem"),
-              0u)
+    EXPECT_EQ(0u, parse(std::string(4095 - 4, 'x') + "mem\0"
+                                                     "7"s,
+                        "mem"))
         << "the 4096th byte does not count";
-    EXPECT_EQ(parse(std::string(4095 - 5, 'x') + "mem\0"
-                                                 "7"s,
-                    "mem"),
-              7u);
+    EXPECT_EQ(7u, parse(std::string(4095 - 5, 'x') + "mem\0"
+                                                     "7"s,
+                        "mem"));
 }
 
 TEST(ParseCmdline, Only4095BytesCount)
 {
     auto padded = [](std::size_t before, const std::string &tail) { return std::string(before, 'x') + tail; };
-    EXPECT_EQ(parse(padded(4095 - 5, "mem=7") + "89", "mem"), 7u) << "the digits behind are not read";
-    EXPECT_EQ(parse(padded(4095 - 4, "mem=7"), "mem"), 0u);
-    EXPECT_EQ(parse(padded(4095 - 3, "mem=7"), "mem"), 0u) << "the key ends at the last byte";
-    EXPECT_EQ(parse(padded(4095 - 2, "mem=7"), "mem"), 0u);
-    EXPECT_EQ(parse(padded(4092, " mem"), "mem"), 0u);
+    EXPECT_EQ(7u, parse(padded(4095 - 5, "mem=7") + "89", "mem")) << "the digits behind are not read";
+    EXPECT_EQ(0u, parse(padded(4095 - 4, "mem=7"), "mem"));
+    EXPECT_EQ(0u, parse(padded(4095 - 3, "mem=7"), "mem")) << "the key ends at the last byte";
+    EXPECT_EQ(0u, parse(padded(4095 - 2, "mem=7"), "mem"));
+    EXPECT_EQ(0u, parse(padded(4092, " mem"), "mem"));
 }
 
 TEST(ParseCmdline, FailuresAreSaidOnStandardOutput)
 {
-    std::string said = capture_stdout([] { EXPECT_EQ(qv_parse_cmdline("/no/file", "mem"), 0u); });
-    EXPECT_EQ(said, "open /no/file failed\n");
-    said = capture_stdout([] { EXPECT_EQ(qv_parse_cmdline("/etc", "mem"), 0u); });
-    EXPECT_EQ(said, "read /etc failed, Is a directory\n");
+    std::string said = capture_stdout([] { EXPECT_EQ(0u, qv_parse_cmdline("/no/file", "mem")); });
+    EXPECT_EQ("open /no/file failed\n", said);
+    said = capture_stdout([] { EXPECT_EQ(0u, qv_parse_cmdline("/etc", "mem")); });
+    EXPECT_EQ("read /etc failed, Is a directory\n", said);
 }
 
 TEST(ParseCmdline, LeavesNoDescriptorOpen)
@@ -122,64 +116,64 @@ TEST(ParseCmdline, LeavesNoDescriptorOpen)
 TEST(HasBootargs, LooksForTheTextAnywhere)
 {
     bind_over("/proc/cmdline", "quiet qv_output ro\n");
-    EXPECT_EQ(qv_has_bootargs("qv_output"), 1);
-    EXPECT_EQ(qv_has_bootargs("v_out"), 1);
-    EXPECT_EQ(qv_has_bootargs("verbose"), 0);
-    EXPECT_EQ(qv_has_bootargs(""), 1);
+    EXPECT_EQ(1, qv_has_bootargs("qv_output"));
+    EXPECT_EQ(1, qv_has_bootargs("v_out"));
+    EXPECT_EQ(0, qv_has_bootargs("verbose"));
+    EXPECT_EQ(1, qv_has_bootargs(""));
 }
 
 TEST(HasBootargs, Only1023BytesCount)
 {
     bind_over("/proc/cmdline", std::string(1023 - 4, 'x') + "word");
-    EXPECT_EQ(qv_has_bootargs("word"), 1);
+    EXPECT_EQ(1, qv_has_bootargs("word"));
     bind_over("/proc/cmdline", std::string(1024 - 4, 'x') + "word");
-    EXPECT_EQ(qv_has_bootargs("word"), 0);
-    EXPECT_EQ(qv_has_bootargs("wor"), 1);
+    EXPECT_EQ(0, qv_has_bootargs("word"));
+    EXPECT_EQ(1, qv_has_bootargs("wor"));
 }
 
 TEST(HasBootargs, IsOpenedForWritingTooSoARefusalMeansNo)
 {
     bind_over("/proc/cmdline", "qv_output");
     remount("/proc/cmdline", true);
-    EXPECT_EQ(qv_has_bootargs("qv_output"), 0);
+    EXPECT_EQ(0, qv_has_bootargs("qv_output"));
 }
 
 TEST(Output, QuietLevelsPrintOnlyOnADeviceBootedVerbosely)
 {
     bind_over("/proc/cmdline", "quiet\n");
     for (int level : {-1, 0, 2, 3, 6, 100})
-        EXPECT_EQ(qv_output(level, "no\n"), 0);
-    EXPECT_EQ(read_file(kConsole), "");
+        EXPECT_EQ(0, qv_output(level, "no\n"));
+    EXPECT_EQ("", read_file(kConsole));
     bind_over("/proc/cmdline", "quiet qv_output\n");
-    EXPECT_EQ(qv_output(2, "two %d\n", 2), 6);
-    EXPECT_EQ(qv_output(-1, "neg\n"), 4);
-    EXPECT_EQ(read_file(kConsole), "two 2\nneg\n");
+    EXPECT_EQ(6, qv_output(2, "two %d\n", 2));
+    EXPECT_EQ(4, qv_output(-1, "neg\n"));
+    EXPECT_EQ("two 2\nneg\n", read_file(kConsole));
 }
 
 TEST(Output, Levels1And4And5AlwaysPrint)
 {
     bind_over("/proc/cmdline", "quiet\n");
-    EXPECT_EQ(qv_output(1, "one\n"), 0) << "which tells nothing of its length";
-    EXPECT_EQ(qv_output(4, "four\n"), 5);
-    EXPECT_EQ(qv_output(5, "five\n"), 5);
-    EXPECT_EQ(read_file(kConsole), "one\nfour\nfive\n");
+    EXPECT_EQ(0, qv_output(1, "one\n")) << "which tells nothing of its length";
+    EXPECT_EQ(5, qv_output(4, "four\n"));
+    EXPECT_EQ(5, qv_output(5, "five\n"));
+    EXPECT_EQ("one\nfour\nfive\n", read_file(kConsole));
     EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith(" five\n"));
 }
 
 TEST(Output, TextIsCutTo1023CharactersAndPercentSignsStay)
 {
-    EXPECT_EQ(qv_output(4, "%s", std::string(1023, 'x').c_str()), 1023);
-    EXPECT_EQ(qv_output(4, "%s", std::string(1024, 'y').c_str()), 1023);
-    EXPECT_EQ(qv_output(4, "100%%d\n"), 6);
-    EXPECT_EQ(read_file(kConsole), std::string(1023, 'x') + std::string(1023, 'y') + "100%d\n");
+    EXPECT_EQ(1023, qv_output(4, "%s", std::string(1023, 'x').c_str()));
+    EXPECT_EQ(1023, qv_output(4, "%s", std::string(1024, 'y').c_str()));
+    EXPECT_EQ(6, qv_output(4, "100%%d\n"));
+    EXPECT_EQ(std::string(1023, 'x') + std::string(1023, 'y') + "100%d\n", read_file(kConsole));
 }
 
 TEST(BootArgsKernel, ArgumentsOfTheRealCommandLine)
 {
     if (std::getenv("LIBCOMMON_VM_EPOCH") == nullptr)
         GTEST_SKIP() << "needs a machine booted with arguments of ours";
-    EXPECT_EQ(qv_parse_cmdline("/proc/cmdline", "libcommon.probe"), 0x100u);
-    EXPECT_EQ(qv_has_bootargs("qv_output"), 1);
-    EXPECT_EQ(qv_output(2, "verbose\n"), 8);
-    EXPECT_EQ(read_file(kConsole), "verbose\n");
+    EXPECT_EQ(0x100u, qv_parse_cmdline("/proc/cmdline", "libcommon.probe"));
+    EXPECT_EQ(1, qv_has_bootargs("qv_output"));
+    EXPECT_EQ(8, qv_output(2, "verbose\n"));
+    EXPECT_EQ("verbose\n", read_file(kConsole));
 }

@@ -31,30 +31,30 @@ const std::string kOther = "tty0                 -WU (E  p  )    4:1\n";
 
 TEST(DefaultConsole, TheOwnLineMustCarryBothFlags)
 {
-    EXPECT_EQ(asked(kPreferred), 1);
-    EXPECT_EQ(asked(kOther + kPreferred), 1);
-    EXPECT_EQ(asked("ttyS0 -W- (E  p a) 4:64\n"), 0);
-    EXPECT_EQ(asked("ttyS0 -W- (E  p a) 4:64\ntty0 -WU (EC p ) 4:1\n"), 0) << "flags of a later line";
-    EXPECT_EQ(asked("tty0 -WU (EC p ) 4:1\nttyS0 -W- (E p a) 4:64\n"), 0) << "flags of an earlier line";
-    EXPECT_EQ(asked("tty0 -WU (EC p ) 4:1\n"), 0);
-    EXPECT_EQ(asked(""), 0);
+    EXPECT_EQ(1, asked(kPreferred));
+    EXPECT_EQ(1, asked(kOther + kPreferred));
+    EXPECT_EQ(0, asked("ttyS0 -W- (E  p a) 4:64\n"));
+    EXPECT_EQ(0, asked("ttyS0 -W- (E  p a) 4:64\ntty0 -WU (EC p ) 4:1\n")) << "flags of a later line";
+    EXPECT_EQ(0, asked("tty0 -WU (EC p ) 4:1\nttyS0 -W- (E p a) 4:64\n")) << "flags of an earlier line";
+    EXPECT_EQ(0, asked("tty0 -WU (EC p ) 4:1\n"));
+    EXPECT_EQ(0, asked(""));
 }
 
 TEST(DefaultConsole, ALineWithoutNewlineDoesNotCount)
 {
-    EXPECT_EQ(asked("ttyS0 -W- (EC p a) 4:64"), 0);
+    EXPECT_EQ(0, asked("ttyS0 -W- (EC p a) 4:64"));
 }
 
 TEST(DefaultConsole, OnlyTheFirstOccurrenceOfTheNameIsLookedAt)
 {
-    EXPECT_EQ(asked("ttyS01 -W- (E ) 4:65\n" + kPreferred), 0);
-    EXPECT_EQ(asked("ttyS01 -W- (EC ) 4:65\n"), 1) << "a longer name matches too";
+    EXPECT_EQ(0, asked("ttyS01 -W- (E ) 4:65\n" + kPreferred));
+    EXPECT_EQ(1, asked("ttyS01 -W- (EC ) 4:65\n")) << "a longer name matches too";
 }
 
 TEST(DefaultConsole, Only255BytesAreRead)
 {
-    EXPECT_EQ(asked(std::string(254 - kPreferred.size(), '#') + "\n" + kPreferred), 1);
-    EXPECT_EQ(asked(std::string(255 - kPreferred.size(), '#') + "\n" + kPreferred), 0) << "its newline is the 256th";
+    EXPECT_EQ(1, asked(std::string(254 - kPreferred.size(), '#') + "\n" + kPreferred));
+    EXPECT_EQ(0, asked(std::string(255 - kPreferred.size(), '#') + "\n" + kPreferred)) << "its newline is the 256th";
 }
 
 TEST(DefaultConsole, AMissingListMeansNo)
@@ -65,15 +65,15 @@ TEST(DefaultConsole, AMissingListMeansNo)
         ::_exit(is_default_console_device("ttyS0"));
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(is_default_console_device(nullptr), 0);
+    EXPECT_EQ(0, is_default_console_device(nullptr));
 }
 
 TEST(DefaultConsole, AnotherDefaultMakesTheSerialPortAnOutputOfItsOwn)
 {
     bind_over("/proc/consoles", kOther);
     console_print_t("a\n");
-    EXPECT_EQ(read_file(kSerial), "a\n");
-    EXPECT_EQ(read_file(kConsole), "a\n");
+    EXPECT_EQ("a\n", read_file(kSerial));
+    EXPECT_EQ("a\n", read_file(kConsole));
 }
 
 TEST(DefaultConsole, IsDecidedOnce)
@@ -82,8 +82,8 @@ TEST(DefaultConsole, IsDecidedOnce)
     console_print_t("a\n");
     bind_over("/proc/consoles", kOther);
     console_print_t("b\n");
-    EXPECT_EQ(read_file(kSerial), "");
-    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+    EXPECT_EQ("", read_file(kSerial));
+    EXPECT_EQ("a\nb\n", read_file(kConsole));
 }
 
 TEST(DefaultConsole, TheSignalPathAsksForItself)
@@ -98,8 +98,8 @@ TEST(DefaultConsole, TheSignalPathAsksForItself)
     console_print_t("a\n");
     bind_over("/proc/consoles", kOther);
     print("b\n");
-    EXPECT_EQ(read_file(kSerial), "b\n");
+    EXPECT_EQ("b\n", read_file(kSerial));
     bind_over("/proc/consoles", kPreferred);
     print("c\n");
-    EXPECT_EQ(read_file(kSerial), "b\nc\n") << "once";
+    EXPECT_EQ("b\nc\n", read_file(kSerial)) << "once";
 }

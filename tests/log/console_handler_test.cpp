@@ -5,6 +5,7 @@
 
 #include "fault/crash_support.h"
 #include "qv_time.h"
+#include "support/next_function.h"
 
 #include <atomic>
 #include <cerrno>
@@ -12,7 +13,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -87,7 +87,7 @@ QV_COREDUMP_CALLBACK(callback);
 
 extern "C" std::time_t time(std::time_t *t)
 {
-    static auto real = reinterpret_cast<std::time_t (*)(std::time_t *)>(::dlsym(RTLD_NEXT, "time"));
+    static auto real = support::next_function<std::time_t(std::time_t *)>("time");
     std::time_t now = told_time != 0 ? told_time : real(nullptr);
     if (t != nullptr)
         *t = now;
@@ -96,7 +96,7 @@ extern "C" std::time_t time(std::time_t *t)
 
 extern "C" void *malloc(std::size_t size)
 {
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    static auto real = support::next_function<void *(std::size_t)>("malloc");
     if (counting)
         allocations++;
     return real(size);
@@ -114,8 +114,8 @@ TEST(HandlerLines, AreOrdinaryLinesInLocalTime)
         terminate();
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kLog), lines_of(child.pid, "2026-01-31 14:30:00 "));
-    EXPECT_EQ(read_file(kConsole), lines_of(child.pid, ""));
+    EXPECT_EQ(lines_of(child.pid, "2026-01-31 14:30:00 "), read_file(kLog));
+    EXPECT_EQ(lines_of(child.pid, ""), read_file(kConsole));
 }
 
 TEST(HandlerLines, OfTheTraceToggleToo)
@@ -129,8 +129,8 @@ TEST(HandlerLines, OfTheTraceToggleToo)
     });
     EXPECT_TRUE(child.exited(0));
     std::string path = "/etc/mtrace" + std::to_string(child.pid) + ".log\n";
-    EXPECT_EQ(read_file(kLog),
-              "2026-01-31 06:00:00 Start mtrace log " + path + "2026-01-31 06:00:00 Stop mtrace log " + path);
+    EXPECT_EQ("2026-01-31 06:00:00 Start mtrace log " + path + "2026-01-31 06:00:00 Stop mtrace log " + path,
+              read_file(kLog));
 }
 
 TEST(HandlerLines, FollowAChangeOfTheZoneThatAnOrdinaryLineHasSeen)
@@ -144,7 +144,7 @@ TEST(HandlerLines, FollowAChangeOfTheZoneThatAnOrdinaryLineHasSeen)
         qv_ilog("ordinary\n");
         terminate();
     });
-    EXPECT_EQ(read_file(kLog), lines_of(child.pid, "2026-01-31 11:00:00 "));
+    EXPECT_EQ(lines_of(child.pid, "2026-01-31 11:00:00 "), read_file(kLog));
 }
 
 TEST(HandlerLines, FollowTheStartAndTheEndOfSummerTime)
@@ -163,7 +163,7 @@ TEST(HandlerLines, FollowTheStartAndTheEndOfSummerTime)
             told_time = now;
             terminate();
         });
-        EXPECT_EQ(read_file(kLog), lines_of(child.pid, stamp));
+        EXPECT_EQ(lines_of(child.pid, stamp), read_file(kLog));
     }
 }
 
@@ -177,7 +177,7 @@ TEST(HandlerLines, BeforeTheClockIsSetCarryTheUptime)
         told_time = -1;
         terminate();
     });
-    EXPECT_EQ(read_file(kLog), lines_of(child.pid, "uptime 42 ") + lines_of(child.pid, ""));
+    EXPECT_EQ(lines_of(child.pid, "uptime 42 ") + lines_of(child.pid, ""), read_file(kLog));
 }
 
 TEST(HandlerLines, ShareTheConsoleDescriptor)
@@ -191,7 +191,7 @@ TEST(HandlerLines, ShareTheConsoleDescriptor)
         EXPECT_EQ(before, list_dir("/proc/self/fd"));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(read_file(kConsole), "open\n" + lines_of(child.pid, ""));
+    EXPECT_EQ("open\n" + lines_of(child.pid, ""), read_file(kConsole));
 }
 
 TEST(HandlerLines, ShareTheCounterOfDroppedLines)
@@ -208,8 +208,9 @@ TEST(HandlerLines, ShareTheCounterOfDroppedLines)
         qv_clog("last\n");
     });
     const std::string stamp = "2026-01-31 09:00:00 ";
-    EXPECT_EQ(read_file(kLog), stamp + "Pid " + std::to_string(child.pid) + " drops total 3 logs as file oversize\n" +
-                                   lines_of(child.pid, stamp) + stamp + "last\n");
+    EXPECT_EQ(stamp + "Pid " + std::to_string(child.pid) + " drops total 3 logs as file oversize\n" +
+                  lines_of(child.pid, stamp) + stamp + "last\n",
+              read_file(kLog));
 }
 
 namespace {
@@ -236,11 +237,11 @@ TEST(HandlerLines, ReachTheMirrorHookFirstAndItsErrnoNot)
         console_print_mfunc_set(noting_mirror);
         errno = E2BIG;
         ::raise(SIGTERM);
-        EXPECT_EQ(errno, E2BIG);
+        EXPECT_EQ(E2BIG, errno);
         EXPECT_THAT(events, testing::StartsWith("early mkdir /flash/core  failed, Read-only file system\nlate Fail"));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ(read_file(kConsole), lines_of(child.pid, ""));
+    EXPECT_EQ(lines_of(child.pid, ""), read_file(kConsole));
 }
 
 TEST(HandlerLines, AllocateNothingInAnyLocale)
@@ -252,8 +253,8 @@ TEST(HandlerLines, AllocateNothingInAnyLocale)
         bool has_locale = std::setlocale(LC_ALL, "C.UTF-8") != nullptr;
         ::setenv("LANGUAGE", "de:fr", 1);
         terminate();
-        EXPECT_EQ(allocations, 0) << (has_locale ? "in C.UTF-8" : "in C");
-        EXPECT_EQ(logged().size(), 2u);
+        EXPECT_EQ(0, allocations) << (has_locale ? "in C.UTF-8" : "in C");
+        EXPECT_EQ(2u, logged().size());
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -295,7 +296,7 @@ TEST(HandlerLines, PassWhileTheCallerKeepsTheClocksMutex)
         },
         5000);
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(logged().size(), 2u);
+    EXPECT_EQ(2u, logged().size());
 }
 
 TEST(HandlerLines, TakeTheFatalPathInsideTheCrashHandler)
@@ -314,13 +315,13 @@ TEST(HandlerLines, TakeTheFatalPathInsideTheCrashHandler)
 
 TEST(HandlerFormat, DescribesErrorsInEnglish)
 {
-    EXPECT_EQ(formatted(ENOENT, "a %m"), "a No such file or directory");
-    EXPECT_EQ(formatted(ENOENT, "%m"), "No such file or directory");
-    EXPECT_EQ(formatted(EROFS, "%s: %m, %d", "an argument", 7), "an argument: Read-only file system, 7");
-    EXPECT_EQ(formatted(ENOENT, "%%m %m%%"), "%m No such file or directory%");
-    EXPECT_EQ(formatted(0, "%m %m"), "Success Success");
-    EXPECT_EQ(formatted(12345, "%m"), "Unknown error 12345");
-    EXPECT_EQ(formatted(-1, "%m"), "Unknown error -1");
+    EXPECT_EQ("a No such file or directory", formatted(ENOENT, "a %m"));
+    EXPECT_EQ("No such file or directory", formatted(ENOENT, "%m"));
+    EXPECT_EQ("an argument: Read-only file system, 7", formatted(EROFS, "%s: %m, %d", "an argument", 7));
+    EXPECT_EQ("%m No such file or directory%", formatted(ENOENT, "%%m %m%%"));
+    EXPECT_EQ("Success Success", formatted(0, "%m %m"));
+    EXPECT_EQ("Unknown error 12345", formatted(12345, "%m"));
+    EXPECT_EQ("Unknown error -1", formatted(-1, "%m"));
 }
 
 TEST(HandlerFormat, AgreesWithTheCLibraryInTheCLocale)
@@ -361,5 +362,5 @@ TEST(HandlerFormat, AllocatesNothing)
         errno = error;
         print("%s %m %-40m %.3m\n", "x");
     }
-    EXPECT_EQ(allocations, 0);
+    EXPECT_EQ(0, allocations);
 }

@@ -2,10 +2,10 @@
 // How console output opens its devices and logs.
 #include "console_print.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <cstdarg>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <map>
 
@@ -31,7 +31,7 @@ std::map<std::string, opening> openings;
 
 extern "C" int open(const char *path, int flags, ...)
 {
-    static auto real = reinterpret_cast<int (*)(const char *, int, ...)>(::dlsym(RTLD_NEXT, "open"));
+    static auto real = support::next_function<int(const char *, int, ...)>("open");
     va_list ap;
     va_start(ap, flags);
     mode_t mode = (flags & O_CREAT) != 0 ? va_arg(ap, mode_t) : 0;
@@ -63,7 +63,7 @@ TEST(ConsoleOpen, DevicesNeverBecomeTheControllingTerminal)
     console_print("x\n");
     EXPECT_EQ(openings[kConsole], (opening{O_WRONLY | O_NOCTTY, 0}));
     EXPECT_EQ(openings[kSerial], (opening{O_WRONLY | O_NOCTTY, 0}));
-    EXPECT_EQ(openings["/etc/consolelog"], kLogOpening);
+    EXPECT_EQ(kLogOpening, openings["/etc/consolelog"]);
 }
 
 TEST(ConsoleOpen, TheFatalPathDoesNotBlockEither)
@@ -73,5 +73,5 @@ TEST(ConsoleOpen, TheFatalPathDoesNotBlockEither)
     print_fatal("x\n");
     EXPECT_EQ(openings[kConsole], (opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}));
     EXPECT_EQ(openings[kSerial], (opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}));
-    EXPECT_EQ(openings["/etc/fatal"], kLogOpening);
+    EXPECT_EQ(kLogOpening, openings["/etc/fatal"]);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "console_print.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -101,15 +101,14 @@ extern "C" std::time_t time(std::time_t *t)
 
 extern "C" int vsnprintf(char *out, std::size_t size, const char *format, va_list ap)
 {
-    static auto real =
-        reinterpret_cast<int (*)(char *, std::size_t, const char *, va_list)>(::dlsym(RTLD_NEXT, "vsnprintf"));
+    static auto real = support::next_function<int(char *, std::size_t, const char *, va_list)>("vsnprintf");
     formattings++;
     return told_length != 0 ? told_length : real(out, size, format, ap);
 }
 
 extern "C" void *realloc(void *block, std::size_t size)
 {
-    static auto real = reinterpret_cast<void *(*)(void *, std::size_t)>(::dlsym(RTLD_NEXT, "realloc"));
+    static auto real = support::next_function<void *(void *, std::size_t)>("realloc");
     allocations++;
     return no_memory ? nullptr : real(block, size);
 }
@@ -118,23 +117,23 @@ extern "C" void *realloc(void *block, std::size_t size)
 
 TEST(ConsolePrint, GoesToTheConsoleAndTheLog)
 {
-    EXPECT_EQ(console_print("link %s is %d\n", "up", 7), 13);
-    EXPECT_EQ(read_file(kConsole), "link up is 7\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "link up is 7\n");
-    EXPECT_EQ(read_file(kSerial), "") << "the console reaches it already";
+    EXPECT_EQ(13, console_print("link %s is %d\n", "up", 7));
+    EXPECT_EQ("link up is 7\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "link up is 7\n", read_file(kLog));
+    EXPECT_EQ("", read_file(kSerial)) << "the console reaches it already";
 }
 
 TEST(ConsolePrint, KeepsOffTheConsoleWhenTheHostSaysSo)
 {
     numa_answer = 1;
-    EXPECT_EQ(console_print("a\n"), 2);
-    EXPECT_EQ(read_file(kConsole), "");
-    EXPECT_EQ(read_file(kLog), kStamp + "a\n");
-    EXPECT_EQ(console_print_t("b\n"), 2) << "which only it asks";
-    EXPECT_EQ(read_file(kConsole), "b\n");
+    EXPECT_EQ(2, console_print("a\n"));
+    EXPECT_EQ("", read_file(kConsole));
+    EXPECT_EQ(kStamp + "a\n", read_file(kLog));
+    EXPECT_EQ(2, console_print_t("b\n")) << "which only it asks";
+    EXPECT_EQ("b\n", read_file(kConsole));
     numa_answer = -1;
     console_print("c\n");
-    EXPECT_EQ(read_file(kConsole), "b\n");
+    EXPECT_EQ("b\n", read_file(kConsole));
 }
 
 namespace {
@@ -154,30 +153,30 @@ int printv(const char *format, ...)
 
 TEST(ConsolePrint, TheFamilyOfTheConsole)
 {
-    EXPECT_EQ(console_print_t("%s\n", "t"), 2);
-    EXPECT_EQ(console_print_nb("%s\n", "nb"), 3);
-    EXPECT_EQ(printv("%s\n", "v"), 2);
-    EXPECT_EQ(read_file(kConsole), "t\nnb\nv\nv\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "t\n" + kStamp + "nb\n" + kStamp + "v\n" + kStamp + "v\n");
+    EXPECT_EQ(2, console_print_t("%s\n", "t"));
+    EXPECT_EQ(3, console_print_nb("%s\n", "nb"));
+    EXPECT_EQ(2, printv("%s\n", "v"));
+    EXPECT_EQ("t\nnb\nv\nv\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "t\n" + kStamp + "nb\n" + kStamp + "v\n" + kStamp + "v\n", read_file(kLog));
 }
 
 TEST(ConsolePrint, TheFamilyOfTheLogs)
 {
     ::mkdir("/flash/platform", 0777);
     console_print_mfunc_set(mirror);
-    EXPECT_EQ(boot_print("%d\n", 1), 2);
-    EXPECT_EQ(qv_clog("%d\n", 2), 2);
-    EXPECT_EQ(qv_ilog("%d\n", 3), 2);
-    EXPECT_EQ(qv_plog("%d\n", 4), 2);
-    EXPECT_EQ(qv_fru_mlog("%d\n", 5), 2);
-    EXPECT_EQ(read_file("/etc/bootlog"), kStamp + "1\n");
-    EXPECT_EQ(read_file("/etc/consolelog"), kStamp + "2\n");
-    EXPECT_EQ(read_file("/etc/ilog.txt"), kStamp + "3\n");
-    EXPECT_EQ(read_file("/flash/platform/powerlog"), kStamp + "4\n");
-    EXPECT_EQ(read_file("/etc/fru_mlog"), kStamp + "5\n");
-    EXPECT_EQ(read_file(kConsole), "");
-    EXPECT_EQ(read_file(kSerial), "");
-    EXPECT_EQ(mirrored, "1\n2\n3\n4\n5\n");
+    EXPECT_EQ(2, boot_print("%d\n", 1));
+    EXPECT_EQ(2, qv_clog("%d\n", 2));
+    EXPECT_EQ(2, qv_ilog("%d\n", 3));
+    EXPECT_EQ(2, qv_plog("%d\n", 4));
+    EXPECT_EQ(2, qv_fru_mlog("%d\n", 5));
+    EXPECT_EQ(kStamp + "1\n", read_file("/etc/bootlog"));
+    EXPECT_EQ(kStamp + "2\n", read_file("/etc/consolelog"));
+    EXPECT_EQ(kStamp + "3\n", read_file("/etc/ilog.txt"));
+    EXPECT_EQ(kStamp + "4\n", read_file("/flash/platform/powerlog"));
+    EXPECT_EQ(kStamp + "5\n", read_file("/etc/fru_mlog"));
+    EXPECT_EQ("", read_file(kConsole));
+    EXPECT_EQ("", read_file(kSerial));
+    EXPECT_EQ("1\n2\n3\n4\n5\n", mirrored);
 }
 
 TEST(ConsolePrint, LogFilesAreMadeWithMode0777)
@@ -185,16 +184,16 @@ TEST(ConsolePrint, LogFilesAreMadeWithMode0777)
     ::umask(0);
     qv_clog("x\n");
     struct stat info;
-    ASSERT_EQ(::stat(kLog, &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0777u);
+    ASSERT_EQ(0, ::stat(kLog, &info));
+    EXPECT_EQ(0777u, info.st_mode & 07777);
 }
 
 TEST(ConsolePrint, ALogThatCannotBeOpenedIsNoFailure)
 {
-    EXPECT_EQ(qv_plog("no folder\n"), 10);
+    EXPECT_EQ(10, qv_plog("no folder\n"));
     remount("/etc", true);
-    EXPECT_EQ(console_print("read-only\n"), 10);
-    EXPECT_EQ(read_file(kConsole), "read-only\n");
+    EXPECT_EQ(10, console_print("read-only\n"));
+    EXPECT_EQ("read-only\n", read_file(kConsole));
 }
 
 TEST(ConsolePrint, ARemovedLogIsMadeAnew)
@@ -202,16 +201,16 @@ TEST(ConsolePrint, ARemovedLogIsMadeAnew)
     qv_clog("a\n");
     ::unlink(kLog);
     qv_clog("b\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "b\n");
+    EXPECT_EQ(kStamp + "b\n", read_file(kLog));
 }
 
 TEST(ConsolePrintArgs, DestinationsAreTheCallers)
 {
-    EXPECT_EQ(print_args(0, nullptr, "x%d\n", 1), 3);
-    EXPECT_EQ(print_args(1, nullptr, "y\n"), 2);
-    EXPECT_EQ(print_args(-5, "/tmp/own", "z\n"), 2) << "any value but 0";
-    EXPECT_EQ(read_file(kConsole), "y\nz\n");
-    EXPECT_EQ(read_file("/tmp/own"), kStamp + "z\n");
+    EXPECT_EQ(3, print_args(0, nullptr, "x%d\n", 1));
+    EXPECT_EQ(2, print_args(1, nullptr, "y\n"));
+    EXPECT_EQ(2, print_args(-5, "/tmp/own", "z\n")) << "any value but 0";
+    EXPECT_EQ("y\nz\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "z\n", read_file("/tmp/own"));
     EXPECT_FALSE(exists(kLog));
 }
 
@@ -225,19 +224,19 @@ TEST(ConsoleDevice, IsOpenedOnceAndKept)
     int after = ::open("/dev/null", O_RDONLY);
     EXPECT_EQ(after, next + 1);
     ::unlink(kConsole); // a device replaced later is not seen
-    EXPECT_EQ(console_print_t("c\n"), 2);
+    EXPECT_EQ(2, console_print_t("c\n"));
     EXPECT_FALSE(exists(kConsole));
 }
 
 TEST(ConsoleDevice, AFailedOpenIsTriedAgain)
 {
     std::string moved = std::string(kConsole) + ".away";
-    ASSERT_EQ(::rename(kConsole, moved.c_str()), 0);
-    EXPECT_EQ(console_print_t("a\n"), 2);
-    ASSERT_EQ(::rename(moved.c_str(), kConsole), 0);
-    EXPECT_EQ(console_print_t("b\n"), 2);
-    EXPECT_EQ(read_file(kConsole), "b\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "a\n" + kStamp + "b\n");
+    ASSERT_EQ(0, ::rename(kConsole, moved.c_str()));
+    EXPECT_EQ(2, console_print_t("a\n"));
+    ASSERT_EQ(0, ::rename(moved.c_str(), kConsole));
+    EXPECT_EQ(2, console_print_t("b\n"));
+    EXPECT_EQ("b\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "a\n" + kStamp + "b\n", read_file(kLog));
 }
 
 TEST(ConsoleDevice, DescriptorZeroIsAsGoodAsAny)
@@ -249,7 +248,7 @@ TEST(ConsoleDevice, DescriptorZeroIsAsGoodAsAny)
         ::_exit(::fcntl(0, F_GETFL) >= 0 && (::fcntl(0, F_GETFL) & O_ACCMODE) == O_WRONLY ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "a\nb\n");
+    EXPECT_EQ("a\nb\n", read_file(kConsole));
 }
 
 TEST(ConsoleDevice, WorksWithAllStandardDescriptorsClosed)
@@ -261,8 +260,8 @@ TEST(ConsoleDevice, WorksWithAllStandardDescriptorsClosed)
         console_print("b\n");
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "a\nb\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "a\n" + kStamp + "b\n");
+    EXPECT_EQ("a\nb\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "a\n" + kStamp + "b\n", read_file(kLog));
 }
 
 // ---- lengths ----
@@ -272,9 +271,9 @@ TEST(ConsoleLength, UpTo1023NeedsNoHeap)
     for (std::size_t n : {1u, 1022u, 1023u}) {
         allocations = formattings = 0;
         EXPECT_EQ(print_args(0, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
-        EXPECT_EQ(allocations, 0) << n;
-        EXPECT_EQ(formattings, 1) << n;
-        EXPECT_EQ(read_file("/tmp/log"), kStamp + line(n));
+        EXPECT_EQ(0, allocations) << n;
+        EXPECT_EQ(1, formattings) << n;
+        EXPECT_EQ(kStamp + line(n), read_file("/tmp/log"));
         ::unlink("/tmp/log");
     }
 }
@@ -284,9 +283,9 @@ TEST(ConsoleLength, From1024OnTheTextIsFormattedAgain)
     for (std::size_t n : {1024u, 1025u, 5000u, 16381u, 16382u}) {
         allocations = formattings = 0;
         EXPECT_EQ(print_args(1, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
-        EXPECT_EQ(allocations, 1) << n;
-        EXPECT_EQ(formattings, 2) << n;
-        EXPECT_EQ(read_file("/tmp/log"), kStamp + line(n));
+        EXPECT_EQ(1, allocations) << n;
+        EXPECT_EQ(2, formattings) << n;
+        EXPECT_EQ(kStamp + line(n), read_file("/tmp/log"));
         ::unlink("/tmp/log");
     }
     EXPECT_EQ(read_file(kConsole), line(1024) + line(1025) + line(5000) + line(16381) + line(16382));
@@ -297,28 +296,28 @@ TEST(ConsoleLength, From16383OnANoticeReplacesTheText)
     console_print_t("open\n");
     for (std::size_t n : {16383u, 16384u, 100000u})
         EXPECT_EQ(console_print_t("%s", line(n).c_str()), static_cast<int>(n));
-    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong + kTooLong + kTooLong);
-    EXPECT_EQ(read_file(kLog), kStamp + "open\n");
-    EXPECT_EQ(kTooLong.size(), 47u);
+    EXPECT_EQ("open\n" + kTooLong + kTooLong + kTooLong, read_file(kConsole));
+    EXPECT_EQ(kStamp + "open\n", read_file(kLog));
+    EXPECT_EQ(47u, kTooLong.size());
 }
 
 TEST(ConsoleLength, TheNoticeGoesToAnOpenConsoleOnly)
 {
-    EXPECT_EQ(console_print_t("%s", line(16383).c_str()), 16383);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(16383, console_print_t("%s", line(16383).c_str()));
+    EXPECT_EQ("", read_file(kConsole));
     EXPECT_FALSE(exists(kLog));
     console_print_t("open\n");
-    EXPECT_EQ(qv_ilog("%s", line(20000).c_str()), 20000) << "also for a text that is not for the console";
-    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+    EXPECT_EQ(20000, qv_ilog("%s", line(20000).c_str())) << "also for a text that is not for the console";
+    EXPECT_EQ("open\n" + kTooLong, read_file(kConsole));
 }
 
 TEST(ConsoleLength, TheLongestPossibleTextIsCountedAndRefused)
 {
     console_print_t("open\n");
     told_length = INT_MAX;
-    EXPECT_EQ(print_args(0, kLog, "x"), INT_MAX);
+    EXPECT_EQ(INT_MAX, print_args(0, kLog, "x"));
     told_length = 0;
-    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+    EXPECT_EQ("open\n" + kTooLong, read_file(kConsole));
 }
 
 TEST(ConsoleLength, FailingFormattingGrowsTheBufferAndEndsInTheNotice)
@@ -326,29 +325,29 @@ TEST(ConsoleLength, FailingFormattingGrowsTheBufferAndEndsInTheNotice)
     console_print_t("open\n");
     formattings = allocations = 0;
     told_length = -1;
-    EXPECT_EQ(print_args(1, kLog, "x\n"), -1);
+    EXPECT_EQ(-1, print_args(1, kLog, "x\n"));
     told_length = 0;
-    EXPECT_EQ(formattings, 4) << "with 1024, 2048, 4096 and 8192 bytes";
-    EXPECT_EQ(allocations, 3);
-    EXPECT_EQ(read_file(kConsole), "open\n" + kTooLong);
+    EXPECT_EQ(4, formattings) << "with 1024, 2048, 4096 and 8192 bytes";
+    EXPECT_EQ(3, allocations);
+    EXPECT_EQ("open\n" + kTooLong, read_file(kConsole));
 }
 
 TEST(ConsoleLength, WithoutMemoryNothingIsWritten)
 {
     console_print_t("open\n");
     no_memory = true;
-    EXPECT_EQ(print_args(1, kLog, "%s", line(2000).c_str()), -1);
+    EXPECT_EQ(-1, print_args(1, kLog, "%s", line(2000).c_str()));
     no_memory = false;
-    EXPECT_EQ(read_file(kConsole), "open\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "open\n");
+    EXPECT_EQ("open\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "open\n", read_file(kLog));
 }
 
 TEST(ConsoleLength, AnEmptyMessageGetsNoStamp)
 {
-    EXPECT_EQ(console_print("%s", ""), 0);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(0, console_print("%s", ""));
+    EXPECT_EQ("", read_file(kConsole));
     EXPECT_TRUE(exists(kLog));
-    EXPECT_EQ(read_file(kLog), "");
+    EXPECT_EQ("", read_file(kLog));
 }
 
 // ---- stamps ----
@@ -357,7 +356,7 @@ TEST(ConsoleStamp, StandsBeforeThePieceThatEndsTheLine)
 {
     qv_clog("one, ");
     qv_clog("two\n");
-    EXPECT_EQ(read_file(kLog), "one, " + kStamp + "two\n");
+    EXPECT_EQ("one, " + kStamp + "two\n", read_file(kLog));
 }
 
 TEST(ConsoleStamp, In1970ItIsTheUptime)
@@ -370,7 +369,7 @@ TEST(ConsoleStamp, In1970ItIsTheUptime)
     qv_clog("z\n");
     told_time = 31536000;
     qv_clog("w\n");
-    EXPECT_EQ(read_file(kLog), "uptime 42 x\nuptime 0 y\nuptime 31535999 z\n1971-01-01 00:00:00 w\n");
+    EXPECT_EQ("uptime 42 x\nuptime 0 y\nuptime 31535999 z\n1971-01-01 00:00:00 w\n", read_file(kLog));
 }
 
 TEST(ConsoleStamp, FollowsTheTimeZone)
@@ -379,16 +378,16 @@ TEST(ConsoleStamp, FollowsTheTimeZone)
     qv_clog("x\n");
     ::setenv("TZ", "XXX+10", 1);
     qv_clog("y\n");
-    EXPECT_EQ(read_file(kLog), "2026-01-31 11:30:00 x\n2026-01-30 23:00:00 y\n");
+    EXPECT_EQ("2026-01-31 11:30:00 x\n2026-01-30 23:00:00 y\n", read_file(kLog));
 }
 
 TEST(ConsoleStamp, WithoutATimeThereIsNone)
 {
     told_time = -1;
-    EXPECT_EQ(qv_clog("x\n"), 2);
+    EXPECT_EQ(2, qv_clog("x\n"));
     told_time = LONG_MAX; // no calendar has it
-    EXPECT_EQ(qv_clog("y\n"), 2);
-    EXPECT_EQ(read_file(kLog), "x\ny\n");
+    EXPECT_EQ(2, qv_clog("y\n"));
+    EXPECT_EQ("x\ny\n", read_file(kLog));
 }
 
 TEST(ConsoleStamp, LeavesTheStaticRecordOfLocaltimeAlone)
@@ -404,10 +403,10 @@ TEST(ConsoleStampKernel, Epoch1970ClockGivesUptime)
 {
     if (std::getenv("LIBCOMMON_VM_EPOCH") == nullptr)
         GTEST_SKIP() << "needs a machine whose clock stands in 1970";
-    static auto real = reinterpret_cast<std::time_t (*)(std::time_t *)>(::dlsym(RTLD_NEXT, "time"));
+    static auto real = support::next_function<std::time_t(std::time_t *)>("time");
     told_time = real(nullptr);
     qv_clog("x\n");
-    EXPECT_EQ(read_file(kLog), "uptime " + std::to_string(told_time) + " x\n");
+    EXPECT_EQ("uptime " + std::to_string(told_time) + " x\n", read_file(kLog));
 }
 
 // ---- the size limit ----
@@ -416,24 +415,24 @@ TEST(ConsoleLimit, AFileOfJust512KiBTakesOneMore)
 {
     make_log(524288);
     qv_clog("x\n");
-    EXPECT_EQ(appended(524288), kStamp + "x\n");
+    EXPECT_EQ(kStamp + "x\n", appended(524288));
     qv_clog("y\n");
-    EXPECT_EQ(appended(524288), kStamp + "x\n");
+    EXPECT_EQ(kStamp + "x\n", appended(524288));
 }
 
 TEST(ConsoleLimit, DropsAreCountedAndNotedByTheNextThatGetsIn)
 {
     make_log(524289);
-    EXPECT_EQ(console_print("1\n"), 2);
-    EXPECT_EQ(qv_clog("2\n"), 2);
-    EXPECT_EQ(qv_clog("3"), 1);
-    EXPECT_EQ(appended(524289), "");
-    EXPECT_EQ(read_file(kConsole), "1\n") << "the console got its part";
+    EXPECT_EQ(2, console_print("1\n"));
+    EXPECT_EQ(2, qv_clog("2\n"));
+    EXPECT_EQ(1, qv_clog("3"));
+    EXPECT_EQ("", appended(524289));
+    EXPECT_EQ("1\n", read_file(kConsole)) << "the console got its part";
     make_log(0);
     qv_clog("4\n");
-    EXPECT_EQ(read_file(kLog), drops(3) + kStamp + "4\n");
+    EXPECT_EQ(drops(3) + kStamp + "4\n", read_file(kLog));
     qv_clog("5\n");
-    EXPECT_EQ(read_file(kLog), drops(3) + kStamp + "4\n" + kStamp + "5\n") << "noted once";
+    EXPECT_EQ(drops(3) + kStamp + "4\n" + kStamp + "5\n", read_file(kLog)) << "noted once";
 }
 
 TEST(ConsoleLimit, OneCountForAllLogs)
@@ -443,7 +442,7 @@ TEST(ConsoleLimit, OneCountForAllLogs)
     qv_ilog("1\n");
     boot_print("2\n");
     qv_clog("3");
-    EXPECT_EQ(read_file(kLog), drops(2) + "3") << "noted also by a message without newline";
+    EXPECT_EQ(drops(2) + "3", read_file(kLog)) << "noted also by a message without newline";
 }
 
 TEST(ConsoleLimit, WithoutAStampTheNoticeStandsAlone)
@@ -453,41 +452,41 @@ TEST(ConsoleLimit, WithoutAStampTheNoticeStandsAlone)
     make_log(0);
     told_time = -1;
     qv_clog("2\n");
-    EXPECT_EQ(read_file(kLog), drops(1).substr(kStamp.size()) + "2\n");
+    EXPECT_EQ(drops(1).substr(kStamp.size()) + "2\n", read_file(kLog));
 }
 
 // ---- the mirror hook ----
 
 TEST(Mirror, SeesEveryMessageAndItsResultIsIgnored)
 {
-    EXPECT_EQ(mirror_func, nullptr);
-    EXPECT_EQ(console_print_mfunc_set(mirror), 0);
+    EXPECT_EQ(nullptr, mirror_func);
+    EXPECT_EQ(0, console_print_mfunc_set(mirror));
     EXPECT_EQ(mirror_func, mirror);
-    EXPECT_EQ(console_print("a%d\n", 1), 3);
-    EXPECT_EQ(qv_ilog("b\n"), 2);
-    EXPECT_EQ(mirrored, "a1\nb\n");
-    EXPECT_EQ(console_print_mfunc_set(nullptr), 0);
+    EXPECT_EQ(3, console_print("a%d\n", 1));
+    EXPECT_EQ(2, qv_ilog("b\n"));
+    EXPECT_EQ("a1\nb\n", mirrored);
+    EXPECT_EQ(0, console_print_mfunc_set(nullptr));
     console_print("c\n");
-    EXPECT_EQ(mirrored, "a1\nb\n");
+    EXPECT_EQ("a1\nb\n", mirrored);
     mirror_func = mirror;
     console_print("d\n");
-    EXPECT_EQ(mirrored, "a1\nb\nd\n") << "the global itself may be set";
+    EXPECT_EQ("a1\nb\nd\n", mirrored) << "the global itself may be set";
 }
 
 TEST(Mirror, SeesWhatIsTooLongToPrint)
 {
     console_print_mfunc_set(mirror);
     qv_ilog("%s", line(20000).c_str());
-    EXPECT_EQ(mirrored, std::string(63, 'x'));
+    EXPECT_EQ(std::string(63, 'x'), mirrored);
 }
 
 TEST(Mirror, OneThatPrintsIsCalledAgain)
 {
     console_print_mfunc_set(printing_mirror);
     qv_clog("a\n");
-    EXPECT_EQ(mirrored, "a\nagain\n");
-    EXPECT_EQ(read_file("/etc/ilog.txt"), kStamp + "again\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "a\n");
+    EXPECT_EQ("a\nagain\n", mirrored);
+    EXPECT_EQ(kStamp + "again\n", read_file("/etc/ilog.txt"));
+    EXPECT_EQ(kStamp + "a\n", read_file(kLog));
 }
 
 // ---- errno ----
@@ -497,17 +496,17 @@ TEST(ConsoleErrno, PercentMIsTheCallersWhateverHappensBefore)
     numa_spoils_errno = true;
     console_print_mfunc_set(mirror);
     errno = ENOENT;
-    EXPECT_EQ(console_print("%m\n"), 26);
-    EXPECT_EQ(errno, ENOENT) << "and stays the caller's";
-    EXPECT_EQ(read_file(kConsole), "No such file or directory\n");
-    EXPECT_EQ(mirrored, "No such file or directory\n");
+    EXPECT_EQ(26, console_print("%m\n"));
+    EXPECT_EQ(ENOENT, errno) << "and stays the caller's";
+    EXPECT_EQ("No such file or directory\n", read_file(kConsole));
+    EXPECT_EQ("No such file or directory\n", mirrored);
 }
 
 TEST(ConsoleErrno, PercentMSurvivesTheSecondFormatting)
 {
     errno = ENOENT;
     int n = console_print_t("%1500d %m\n", 5);
-    EXPECT_EQ(n, 1527);
+    EXPECT_EQ(1527, n);
     EXPECT_THAT(read_file(kConsole), testing::EndsWith(" No such file or directory\n"));
 }
 
@@ -517,38 +516,38 @@ TEST(ConsoleErrno, IsLeftAloneWhenNothingWorks)
     ::unlink(kConsole);
     errno = 0;
     console_print("x\n");
-    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(0, errno);
 }
 
 // ---- the platform ----
 
 TEST(Platform, AMarkerFileMadeLaterIsSeenAndThenRemembered)
 {
-    EXPECT_EQ(qv_is_pcap_network(), 0);
-    EXPECT_EQ(qv_is_pcap_network(), 0);
+    EXPECT_EQ(0, qv_is_pcap_network());
+    EXPECT_EQ(0, qv_is_pcap_network());
     write_file("/etc/pcap", "");
-    EXPECT_EQ(qv_is_pcap_network(), 1);
+    EXPECT_EQ(1, qv_is_pcap_network());
     ::unlink("/etc/pcap");
-    EXPECT_EQ(qv_is_pcap_network(), 1);
+    EXPECT_EQ(1, qv_is_pcap_network());
 }
 
 TEST(Platform, WithTheXenMarkerTheSerialPortIsLeftAlone)
 {
-    EXPECT_EQ(qv_is_aws(), 0);
+    EXPECT_EQ(0, qv_is_aws());
     mount_tmpfs("/sys");
     ::mkdir("/sys/devices", 0755);
     ::mkdir("/sys/devices/system", 0755);
     ::mkdir("/sys/devices/system/xen_memory", 0755);
-    EXPECT_EQ(qv_is_aws(), 1);
+    EXPECT_EQ(1, qv_is_aws());
     console_print("x\n");
-    EXPECT_EQ(read_file(kConsole), "x\n");
-    EXPECT_EQ(read_file(kSerial), "");
+    EXPECT_EQ("x\n", read_file(kConsole));
+    EXPECT_EQ("", read_file(kSerial));
 }
 
 TEST(Platform, EveryNamedConsoleCountsAsTheDefaultOne)
 {
-    EXPECT_EQ(qv_is_support_default_console_device(), 1);
-    EXPECT_EQ(is_default_console_device("ttyS0"), 1);
-    EXPECT_EQ(is_default_console_device("nonsense"), 1);
-    EXPECT_EQ(is_default_console_device(nullptr), 0);
+    EXPECT_EQ(1, qv_is_support_default_console_device());
+    EXPECT_EQ(1, is_default_console_device("ttyS0"));
+    EXPECT_EQ(1, is_default_console_device("nonsense"));
+    EXPECT_EQ(0, is_default_console_device(nullptr));
 }

@@ -2,13 +2,13 @@
 // The path of the fatal-signal handler, called directly; the crash tests run it inside real handlers.
 #include "console_print.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -58,7 +58,7 @@ extern "C" long syscall(long number, ...)
     for (long &argument : a)
         argument = va_arg(ap, long);
     va_end(ap);
-    static auto real = reinterpret_cast<long (*)(long, ...)>(::dlsym(RTLD_NEXT, "syscall"));
+    static auto real = support::next_function<long(long, ...)>("syscall");
     if (number != SYS_gettimeofday)
         return real(number, a[0], a[1], a[2], a[3], a[4], a[5]);
     *reinterpret_cast<timeval *>(a[0]) = told_clock;
@@ -70,20 +70,20 @@ extern "C" long syscall(long number, ...)
 
 TEST(SigctxPrint, GoesToTheConsoleAndTheLog)
 {
-    EXPECT_EQ(print_to(1, kLog, "ePC %016lx\n", 0xABCUL), 21);
-    EXPECT_EQ(read_file(kConsole), "ePC 0000000000000abc\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "ePC 0000000000000abc\n");
-    EXPECT_EQ(read_file(kSerial), "");
-    EXPECT_EQ(print_to(0, nullptr, "x\n"), 2);
-    EXPECT_EQ(print_to(0, kLog, "y\n"), 2);
-    EXPECT_EQ(read_file(kConsole), "ePC 0000000000000abc\n");
+    EXPECT_EQ(21, print_to(1, kLog, "ePC %016lx\n", 0xABCUL));
+    EXPECT_EQ("ePC 0000000000000abc\n", read_file(kConsole));
+    EXPECT_EQ(kStamp + "ePC 0000000000000abc\n", read_file(kLog));
+    EXPECT_EQ("", read_file(kSerial));
+    EXPECT_EQ(2, print_to(0, nullptr, "x\n"));
+    EXPECT_EQ(2, print_to(0, kLog, "y\n"));
+    EXPECT_EQ("ePC 0000000000000abc\n", read_file(kConsole));
 }
 
 TEST(SigctxPrint, LongTextIsCutTo1024BytesWithItsZero)
 {
     for (std::size_t n : {1024u, 1025u, 2000u}) {
         ::unlink("/tmp/log");
-        EXPECT_EQ(print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()), 1024);
+        EXPECT_EQ(1024, print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()));
         std::string wanted = std::string(1023, 'x') + '\0';
         EXPECT_EQ(read_file("/tmp/log"), wanted) << n << ": and no stamp";
     }
@@ -95,14 +95,14 @@ TEST(SigctxPrint, UpTo1023CharactersAreWhole)
         ::unlink("/tmp/log");
         std::string text = std::string(n - 1, 'x') + "\n";
         EXPECT_EQ(print_to(0, "/tmp/log", "%s", text.c_str()), static_cast<int>(n));
-        EXPECT_EQ(read_file("/tmp/log"), kStamp + text);
+        EXPECT_EQ(kStamp + text, read_file("/tmp/log"));
     }
 }
 
 TEST(SigctxPrint, FailedFormattingWritesTheWholeBuffer)
 {
-    EXPECT_EQ(print_to(1, nullptr, "%lc\n", static_cast<wint_t>(0xD800)), 1024);
-    EXPECT_EQ(read_file(kConsole).size(), 1024u);
+    EXPECT_EQ(1024, print_to(1, nullptr, "%lc\n", static_cast<wint_t>(0xD800)));
+    EXPECT_EQ(1024u, read_file(kConsole).size());
 }
 
 TEST(SigctxPrint, NoHookAndTheCallersErrno)
@@ -113,22 +113,22 @@ TEST(SigctxPrint, NoHookAndTheCallersErrno)
     });
     errno = ENOENT;
     print_to(1, kLog, "%m\n");
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(read_file(kConsole), "No such file or directory\n");
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ("No such file or directory\n", read_file(kConsole));
 }
 
 TEST(SigctxPrint, AnEmptyMessageGetsNoStamp)
 {
-    EXPECT_EQ(print_to(1, kLog, "%s", ""), 0);
+    EXPECT_EQ(0, print_to(1, kLog, "%s", ""));
     EXPECT_TRUE(exists(kLog));
-    EXPECT_EQ(read_file(kLog), "");
+    EXPECT_EQ("", read_file(kLog));
 }
 
 TEST(SigctxPrint, UnwritableLogsAreNoFailure)
 {
-    EXPECT_EQ(print_to(0, "/no/such/log", "x\n"), 2);
+    EXPECT_EQ(2, print_to(0, "/no/such/log", "x\n"));
     remount("/etc", true);
-    EXPECT_EQ(print_to(0, kLog, "x\n"), 2);
+    EXPECT_EQ(2, print_to(0, kLog, "x\n"));
 }
 
 // ---- console descriptors ----
@@ -151,16 +151,16 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
     int next = ::open("/dev/null", O_RDONLY);
     print_to(1, nullptr, "c\n");
     EXPECT_EQ(::open("/dev/null", O_RDONLY), next + 1) << "opened once";
-    EXPECT_EQ(read_file(kConsole), "b\nc\n") << "each descriptor writes at its own place, here over the first line";
+    EXPECT_EQ("b\nc\n", read_file(kConsole)) << "each descriptor writes at its own place, here over the first line";
 }
 
 TEST(SigctxDevice, AFailedOpenIsTriedAgain)
 {
-    ASSERT_EQ(::rename(kConsole, "/dev/away"), 0);
+    ASSERT_EQ(0, ::rename(kConsole, "/dev/away"));
     print_to(1, nullptr, "a\n");
-    ASSERT_EQ(::rename("/dev/away", kConsole), 0);
+    ASSERT_EQ(0, ::rename("/dev/away", kConsole));
     print_to(1, nullptr, "b\n");
-    EXPECT_EQ(read_file(kConsole), "b\n");
+    EXPECT_EQ("b\n", read_file(kConsole));
 }
 
 TEST(SigctxDevice, WithTheXenMarkerTheSerialPortIsLeftAlone)
@@ -169,8 +169,8 @@ TEST(SigctxDevice, WithTheXenMarkerTheSerialPortIsLeftAlone)
     for (const char *folder : {"/sys/devices", "/sys/devices/system", "/sys/devices/system/xen_memory"})
         ::mkdir(folder, 0755);
     print_to(1, nullptr, "x\n");
-    EXPECT_EQ(read_file(kSerial), "");
-    EXPECT_EQ(read_file(kConsole), "x\n");
+    EXPECT_EQ("", read_file(kSerial));
+    EXPECT_EQ("x\n", read_file(kConsole));
 }
 
 // ---- stamps ----
@@ -181,14 +181,14 @@ TEST(SigctxStamp, TheKernelsZoneOffsetIsAppliedAndStillCalledUtc)
     print_to(0, kLog, "x\n");
     minutes_west = 600;
     print_to(0, kLog, "y\n");
-    EXPECT_EQ(read_file(kLog), "2026-01-31 10:00:00(UTC) x\n2026-01-30 23:00:00(UTC) y\n");
+    EXPECT_EQ("2026-01-31 10:00:00(UTC) x\n2026-01-30 23:00:00(UTC) y\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, TheLibrarysZoneIsNotAsked)
 {
     ::setenv("TZ", "XXX-5", 1);
     print_to(0, kLog, "x\n");
-    EXPECT_EQ(read_file(kLog), kStamp + "x\n");
+    EXPECT_EQ(kStamp + "x\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, In1970ItIsTheUptimeOfTime)
@@ -201,8 +201,8 @@ TEST(SigctxStamp, In1970ItIsTheUptimeOfTime)
     print_to(0, kLog, "z\n");
     told_clock.tv_sec = -1;
     print_to(0, kLog, "w\n");
-    EXPECT_EQ(read_file(kLog),
-              "uptime 1234 x\n1971-01-01 00:00:00(UTC) y\nuptime 1234 z\n1969-12-31 23:59:59(UTC) w\n");
+    EXPECT_EQ("uptime 1234 x\n1971-01-01 00:00:00(UTC) y\nuptime 1234 z\n1969-12-31 23:59:59(UTC) w\n",
+              read_file(kLog));
 }
 
 TEST(SigctxStamp, WithoutTheSystemCallItIsTheUptime)
@@ -211,14 +211,14 @@ TEST(SigctxStamp, WithoutTheSystemCallItIsTheUptime)
     print_to(0, kLog, "x\n");
     told_time = -1;
     print_to(0, kLog, "y\n");
-    EXPECT_EQ(read_file(kLog), "uptime 1234 x\ny\n");
+    EXPECT_EQ("uptime 1234 x\ny\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, ContinuationsGetNone)
 {
     print_to(0, kLog, "x, ");
     print_to(0, kLog, "y\n");
-    EXPECT_EQ(read_file(kLog), "x, " + kStamp + "y\n");
+    EXPECT_EQ("x, " + kStamp + "y\n", read_file(kLog));
 }
 
 // ---- the size limit ----
@@ -231,7 +231,7 @@ TEST(SigctxLimit, DropsAreCountedApartFromTheOrdinaryPath)
     qv_clog("3\n");
     write_file(kLog, "");
     print_to(0, kLog, "4\n");
-    EXPECT_EQ(read_file(kLog), kStamp + drops(2) + kStamp + "4\n");
+    EXPECT_EQ(kStamp + drops(2) + kStamp + "4\n", read_file(kLog));
     write_file(kLog, "");
     qv_clog("5");
     EXPECT_THAT(read_file(kLog), testing::EndsWith(drops(1) + "5"));
@@ -241,7 +241,7 @@ TEST(SigctxLimit, AFileOfJust512KiBTakesOneMore)
 {
     write_file(kLog, std::string(524288, 'o'));
     print_to(0, kLog, "1\n");
-    EXPECT_EQ(read_file(kLog).substr(524288), kStamp + "1\n");
+    EXPECT_EQ(kStamp + "1\n", read_file(kLog).substr(524288));
 }
 
 TEST(SigctxLimit, TheNoticeComesWithAPieceOfALineToo)
@@ -250,7 +250,7 @@ TEST(SigctxLimit, TheNoticeComesWithAPieceOfALineToo)
     print_to(0, kLog, "1\n");
     write_file(kLog, "");
     print_to(0, kLog, "2");
-    EXPECT_EQ(read_file(kLog), kStamp + drops(1) + "2");
+    EXPECT_EQ(kStamp + drops(1) + "2", read_file(kLog));
 }
 
 TEST(SigctxLimit, WithoutAnyStampTheNoticeStandsAlone)
@@ -261,5 +261,5 @@ TEST(SigctxLimit, WithoutAnyStampTheNoticeStandsAlone)
     clock_result = -1;
     told_time = -1;
     print_to(0, kLog, "2\n");
-    EXPECT_EQ(read_file(kLog), drops(1) + "2\n");
+    EXPECT_EQ(drops(1) + "2\n", read_file(kLog));
 }

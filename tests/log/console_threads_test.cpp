@@ -31,7 +31,7 @@ TEST(ConsoleThreads, LinesNeverInterleaveInside)
     std::string log = read_file("/etc/ilog.txt");
     std::size_t found = 0;
     for (std::size_t at = 0; (at = log.find('<', at)) != std::string::npos; at++) {
-        EXPECT_EQ(log.compare(at + 63, 2, ">\n"), 0);
+        EXPECT_EQ(0, log.compare(at + 63, 2, ">\n"));
         found++;
     }
     EXPECT_EQ(found, 4 * rounds);
@@ -103,8 +103,8 @@ TEST(ConsoleCancellation, ActsAfterTheMessage)
     });
     printing.join();
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(lines(read_file("/etc/consolelog")).size(), 1u);
-    EXPECT_EQ(lines(read_file("/etc/fatal")).size(), 1u);
+    EXPECT_EQ(1u, lines(read_file("/etc/consolelog")).size());
+    EXPECT_EQ(1u, lines(read_file("/etc/fatal")).size());
 }
 
 TEST(ConsoleCancellation, LeavesTheThreadsStateAlone)
@@ -112,8 +112,8 @@ TEST(ConsoleCancellation, LeavesTheThreadsStateAlone)
     int state = -1;
     print_everywhere();
     ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
+    EXPECT_EQ(PTHREAD_CANCEL_ENABLE, state);
     print_everywhere();
     ::pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
-    EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
+    EXPECT_EQ(PTHREAD_CANCEL_DISABLE, state);
 }

@@ -29,7 +29,7 @@ void make_logs(const std::string &root = "")
 {
     ::mkdir((root + "/var").c_str(), 0755);
     ::mkdir((root + "/var/sysinfo").c_str(), 0755);
-    ASSERT_EQ(::mkdir((root + "/var/sysinfo/logs").c_str(), 0755), 0);
+    ASSERT_EQ(0, ::mkdir((root + "/var/sysinfo/logs").c_str(), 0755));
 }
 
 std::string file_of(const std::string &day, pid_t pid = ::getpid())
@@ -39,7 +39,7 @@ std::string file_of(const std::string &day, pid_t pid = ::getpid())
 
 std::string prefix(int level, const char *file, int line)
 {
-    return capture_stderr([&] { EXPECT_EQ(__qv_print_prefix(level, file, line), 0); });
+    return capture_stderr([&] { EXPECT_EQ(0, __qv_print_prefix(level, file, line)); });
 }
 
 } // namespace
@@ -54,20 +54,20 @@ extern "C" std::time_t time(std::time_t *t)
 
 extern "C" int qv_get_basedir(char *buf, std::size_t size)
 {
-    EXPECT_EQ(size, 128u);
-    EXPECT_EQ(buf[0], '\0');
+    EXPECT_EQ(128u, size);
+    EXPECT_EQ('\0', buf[0]);
     base.copy(buf, base_fills_all ? size : size - 1);
     return base_result;
 }
 
 TEST(DebugTrace, InitialSettings)
 {
-    EXPECT_EQ(__qv_debug_where, 2);
-    EXPECT_EQ(__qv_debug_detail, 3);
-    EXPECT_EQ(__qv_debug_level, 2);
-    EXPECT_EQ(__qv_debug_calltrace, 0);
-    EXPECT_EQ(__qv_debug_assert, 0);
-    EXPECT_EQ(__qv_print_val, 0);
+    EXPECT_EQ(2, __qv_debug_where);
+    EXPECT_EQ(3, __qv_debug_detail);
+    EXPECT_EQ(2, __qv_debug_level);
+    EXPECT_EQ(0, __qv_debug_calltrace);
+    EXPECT_EQ(0, __qv_debug_assert);
+    EXPECT_EQ(0, __qv_print_val);
 }
 
 TEST(DebugTrace, DefaultsGoToStandardErrorOnly)
@@ -77,7 +77,7 @@ TEST(DebugTrace, DefaultsGoToStandardErrorOnly)
         __qv_print_prefix(2, "qv_stimer", 55);
         __qv_print_msg("message %d\n", 7);
     });
-    EXPECT_EQ(said, "[09:00:00] Error: qv_stimer:55: message 7\n");
+    EXPECT_EQ("[09:00:00] Error: qv_stimer:55: message 7\n", said);
     EXPECT_TRUE(list_dir("/var/sysinfo/logs").empty());
 }
 
@@ -85,30 +85,30 @@ TEST(DebugTrace, LevelNames)
 {
     const char *names[] = {"", "Fatal", "Error", "Warn", "Debug"};
     for (int level = 0; level < 5; level++)
-        EXPECT_EQ(prefix(level, "f", 1), std::string("[09:00:00] ") + names[level] + ": f:1: ");
+        EXPECT_EQ(std::string("[09:00:00] ") + names[level] + ": f:1: ", prefix(level, "f", 1));
 }
 
 TEST(DebugTrace, Details)
 {
     __qv_debug_detail = 0;
-    EXPECT_EQ(prefix(2, "f", 1), "");
-    EXPECT_EQ(capture_stderr([] { __qv_print_msg("still said\n"); }), "still said\n");
+    EXPECT_EQ("", prefix(2, "f", 1));
+    EXPECT_EQ("still said\n", capture_stderr([] { __qv_print_msg("still said\n"); }));
     __qv_debug_detail = 1;
-    EXPECT_EQ(prefix(2, "f", 1), "[09:00:00] Error: ");
+    EXPECT_EQ("[09:00:00] Error: ", prefix(2, "f", 1));
     __qv_debug_detail = 2;
-    EXPECT_EQ(prefix(2, "f", 1), "[09:00:00] Error: f: ");
+    EXPECT_EQ("[09:00:00] Error: f: ", prefix(2, "f", 1));
     for (int detail : {-1, 4, 99}) {
         __qv_debug_detail = detail;
-        EXPECT_EQ(prefix(2, "f", 1), "[09:00:00] <Unknown Detail>: f:1: ");
+        EXPECT_EQ("[09:00:00] <Unknown Detail>: f:1: ", prefix(2, "f", 1));
     }
 }
 
 TEST(DebugTrace, LeadingDotsAndSlashesAreLeftOut)
 {
-    EXPECT_EQ(prefix(2, "../src/timer", 1), "[09:00:00] Error: src/timer:1: ");
-    EXPECT_EQ(prefix(2, "./timer.c", 1), "[09:00:00] Error: timer.c:1: ");
-    EXPECT_EQ(prefix(2, "/../..a/b", 1), "[09:00:00] Error: a/b:1: ");
-    EXPECT_EQ(prefix(2, "..", 1), "[09:00:00] Error: :1: ");
+    EXPECT_EQ("[09:00:00] Error: src/timer:1: ", prefix(2, "../src/timer", 1));
+    EXPECT_EQ("[09:00:00] Error: timer.c:1: ", prefix(2, "./timer.c", 1));
+    EXPECT_EQ("[09:00:00] Error: a/b:1: ", prefix(2, "/../..a/b", 1));
+    EXPECT_EQ("[09:00:00] Error: :1: ", prefix(2, "..", 1));
 }
 
 TEST(DebugTrace, NamesOfAnyLengthStayInThePrefix)
@@ -127,9 +127,9 @@ TEST(DebugTrace, TheFileOfTheDay)
         __qv_print_prefix(2, "f", 1);
         __qv_print_msg("%s\n", "message");
     });
-    EXPECT_EQ(said, "");
-    EXPECT_EQ(read_file(file_of("20260131")), "[09:00:00] Error: f:1: message\n") << "flushed at once";
-    EXPECT_EQ(list_dir("/var/sysinfo/logs").size(), 1u);
+    EXPECT_EQ("", said);
+    EXPECT_EQ("[09:00:00] Error: f:1: message\n", read_file(file_of("20260131"))) << "flushed at once";
+    EXPECT_EQ(1u, list_dir("/var/sysinfo/logs").size());
 }
 
 TEST(DebugTrace, BothDestinationsAndAppending)
@@ -137,15 +137,15 @@ TEST(DebugTrace, BothDestinationsAndAppending)
     make_logs();
     write_file(file_of("20260131"), "before\n");
     __qv_debug_where = 3;
-    EXPECT_EQ(prefix(3, "f", 1), "[09:00:00] Warn: f:1: ");
-    EXPECT_EQ(read_file(file_of("20260131")), "before\n[09:00:00] Warn: f:1: ");
+    EXPECT_EQ("[09:00:00] Warn: f:1: ", prefix(3, "f", 1));
+    EXPECT_EQ("before\n[09:00:00] Warn: f:1: ", read_file(file_of("20260131")));
 }
 
 TEST(DebugTrace, AMessageBeforeAnyPrefixOpensNoFile)
 {
     make_logs();
     __qv_debug_where = 1;
-    EXPECT_EQ(capture_stderr([] { __qv_print_msg("lost\n"); }), "");
+    EXPECT_EQ("", capture_stderr([] { __qv_print_msg("lost\n"); }));
     EXPECT_TRUE(list_dir("/var/sysinfo/logs").empty());
 }
 
@@ -160,8 +160,8 @@ TEST(DebugTrace, MidnightBringsANewFile)
     __qv_print_msg("still old\n"); // only a prefix looks
     __qv_print_prefix(2, "f", 2);
     __qv_print_msg("new\n");
-    EXPECT_EQ(read_file(file_of("20260131")), "[23:59:59] Error: f:1: old\nstill old\n");
-    EXPECT_EQ(read_file(file_of("20260201")), "[00:00:01] Error: f:2: new\n");
+    EXPECT_EQ("[23:59:59] Error: f:1: old\nstill old\n", read_file(file_of("20260131")));
+    EXPECT_EQ("[00:00:01] Error: f:2: new\n", read_file(file_of("20260201")));
 }
 
 TEST(DebugTrace, TheTimeIsReadBeforeTheDay)
@@ -171,7 +171,7 @@ TEST(DebugTrace, TheTimeIsReadBeforeTheDay)
     told_time = 1769903999; // 23:59:59
     seconds_per_reading = 1;
     __qv_print_prefix(2, "f", 1);
-    EXPECT_EQ(read_file(file_of("20260201")), "[23:59:59] Error: f:1: ");
+    EXPECT_EQ("[23:59:59] Error: f:1: ", read_file(file_of("20260201")));
 }
 
 TEST(DebugTrace, AZoneChangeMayBringANewDay)
@@ -181,7 +181,7 @@ TEST(DebugTrace, AZoneChangeMayBringANewDay)
     __qv_print_prefix(2, "f", 1);
     ::setenv("TZ", "XXX-20", 1);
     __qv_print_prefix(2, "f", 2);
-    EXPECT_EQ(read_file(file_of("20260201")), "[05:00:00] Error: f:2: ");
+    EXPECT_EQ("[05:00:00] Error: f:2: ", read_file(file_of("20260201")));
 }
 
 TEST(DebugTrace, AMissingFolderIsSaidAndEndsFileTracing)
@@ -190,13 +190,13 @@ TEST(DebugTrace, AMissingFolderIsSaidAndEndsFileTracing)
     std::string out, err;
     out = capture_stdout([&] { err = prefix(2, "f", 1); });
     std::string path = file_of("20260131");
-    EXPECT_EQ(out, "qv_check_debug_file: fopen(" + path + ") failed: No such file or directory\n" +
-                       "qv_check_debug_file: user (" + std::to_string(::getuid()) +
-                       ") errno 2: No such file or directory\n");
-    EXPECT_EQ(__qv_debug_where, 2);
-    EXPECT_EQ(err, "[09:00:00] Error: f:1: ") << "the same prefix goes to standard error";
+    EXPECT_EQ("qv_check_debug_file: fopen(" + path + ") failed: No such file or directory\n" +
+                  "qv_check_debug_file: user (" + std::to_string(::getuid()) + ") errno 2: No such file or directory\n",
+              out);
+    EXPECT_EQ(2, __qv_debug_where);
+    EXPECT_EQ("[09:00:00] Error: f:1: ", err) << "the same prefix goes to standard error";
     out = capture_stdout([&] { prefix(2, "f", 1); });
-    EXPECT_EQ(out, "") << "not tried again";
+    EXPECT_EQ("", out) << "not tried again";
     make_logs();
     __qv_debug_where = 1;
     prefix(2, "f", 1);
@@ -208,8 +208,8 @@ TEST(DebugTrace, WithoutABaseFolderThereIsNoFileAndEachPrefixTriesAgain)
     make_logs();
     __qv_debug_where = 3;
     base_result = -1;
-    EXPECT_EQ(prefix(2, "f", 1), "[09:00:00] Error: f:1: ");
-    EXPECT_EQ(__qv_debug_where, 3);
+    EXPECT_EQ("[09:00:00] Error: f:1: ", prefix(2, "f", 1));
+    EXPECT_EQ(3, __qv_debug_where);
     EXPECT_TRUE(list_dir("/var/sysinfo/logs").empty());
     base_result = 0;
     prefix(2, "f", 1);
@@ -233,15 +233,15 @@ TEST(DebugTrace, PmsgAddsTheErrnoOfTheCall)
     __qv_print_prefix(2, "f", 1);
     std::string said = capture_stderr([] {
         errno = ENOENT;
-        EXPECT_EQ(__qv_print_pmsg("open %s: %m", "x"), 0);
+        EXPECT_EQ(0, __qv_print_pmsg("open %s: %m", "x"));
     });
-    EXPECT_EQ(said, "open x: No such file or directory\t[2, No such file or directory]\n");
+    EXPECT_EQ("open x: No such file or directory\t[2, No such file or directory]\n", said);
     EXPECT_THAT(read_file(file_of("20260131")), testing::EndsWith(said));
     said = capture_stderr([] {
         errno = 0;
         __qv_print_pmsg("fine");
     });
-    EXPECT_EQ(said, "fine\t[0, Success]\n");
+    EXPECT_EQ("fine\t[0, Success]\n", said);
 }
 
 TEST(DebugTrace, PmsgKeepsItsErrnoWhenAStreamFails)
@@ -270,19 +270,19 @@ TEST(DebugTrace, SeveralFilesDoNoHarmAtExit)
         std::exit(0);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(list_dir("/var/sysinfo/logs").size(), 5u);
+    EXPECT_EQ(5u, list_dir("/var/sysinfo/logs").size());
 }
 
 TEST(DebugTrace, TheMacroIsAnExpressionThatTheLevelGates)
 {
     int evaluated = 0;
     std::string said = capture_stderr([&] {
-        EXPECT_EQ(QV_TRACE(QV_TRACE_ERROR, "error %d\n", ++evaluated), 0);
-        EXPECT_EQ(QV_TRACE(QV_TRACE_WARN, "warn %d\n", ++evaluated), 0);
+        EXPECT_EQ(0, QV_TRACE(QV_TRACE_ERROR, "error %d\n", ++evaluated));
+        EXPECT_EQ(0, QV_TRACE(QV_TRACE_WARN, "warn %d\n", ++evaluated));
         __qv_debug_level = 0;
         QV_TRACE(QV_TRACE_FATAL, "fatal %d\n", ++evaluated);
     });
-    EXPECT_EQ(evaluated, 1);
+    EXPECT_EQ(1, evaluated);
     EXPECT_THAT(said, testing::MatchesRegex("\\[09:00:00\\] Error: .*debug_trace_test.cpp:[0-9]+: error 1\n"));
 }
 
@@ -296,11 +296,11 @@ TEST(DebugTrace, NothingChangesErrno)
             __qv_debug_where = where;
             errno = E2BIG;
             __qv_print_prefix(2, "f", 1);
-            EXPECT_EQ(errno, E2BIG) << where;
+            EXPECT_EQ(E2BIG, errno) << where;
             __qv_print_msg("%d\n", 1);
-            EXPECT_EQ(errno, E2BIG) << where;
+            EXPECT_EQ(E2BIG, errno) << where;
             __qv_print_pmsg("%d", 1);
-            EXPECT_EQ(errno, E2BIG) << where;
+            EXPECT_EQ(E2BIG, errno) << where;
         }
     });
 }
@@ -362,7 +362,7 @@ TEST(DebugTrace, TheFileIsClosedAmongTheExitHandlers)
         std::exit(0);
     });
     EXPECT_TRUE(child.exited(0)) << child.status;
-    EXPECT_EQ(read_file(file_of("20260131", child.pid)), "[09:00:00] Error: f:1: in time\n");
+    EXPECT_EQ("[09:00:00] Error: f:1: in time\n", read_file(file_of("20260131", child.pid)));
 }
 
 // ---- threads ----
@@ -412,7 +412,7 @@ TEST(DebugTraceThreads, DaysThatChangeUnderThreadsLoseNothing)
     EXPECT_EQ(prefixes, static_cast<std::size_t>(kThreads * rounds));
     EXPECT_EQ(messages, static_cast<std::size_t>(kThreads * rounds));
     __qv_print_prefix(2, "f", 1);
-    EXPECT_EQ(descriptors_of_logs(), 1u) << "the files of other days are closed";
+    EXPECT_EQ(1u, descriptors_of_logs()) << "the files of other days are closed";
 }
 
 TEST(DebugTraceThreads, CancelledThreadsLeaveTheFileUsable)
@@ -474,14 +474,14 @@ TEST(DebugTraceChildren, OpenTheirOwnFile)
         __qv_print_msg("lost, before a prefix\n");
         __qv_print_prefix(2, "f", 2);
         __qv_print_msg("child\n");
-        EXPECT_EQ(descriptors_of_logs(), 1u) << "its own";
+        EXPECT_EQ(1u, descriptors_of_logs()) << "its own";
         std::exit(0);
     });
     EXPECT_TRUE(child.exited(0));
     __qv_print_prefix(2, "f", 3);
     __qv_print_msg("parent again\n");
-    EXPECT_EQ(read_file(file_of("20260131")), "[09:00:00] Error: f:1: parent\n[09:00:00] Error: f:3: parent again\n");
-    EXPECT_EQ(read_file(file_of("20260131", child.pid)), "[09:00:00] Error: f:2: child\n");
+    EXPECT_EQ("[09:00:00] Error: f:1: parent\n[09:00:00] Error: f:3: parent again\n", read_file(file_of("20260131")));
+    EXPECT_EQ("[09:00:00] Error: f:2: child\n", read_file(file_of("20260131", child.pid)));
 }
 
 TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
@@ -506,7 +506,7 @@ TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
         }
         int status = -1;
         ::waitpid(pid, &status, 0);
-        ASSERT_EQ(status, 0);
+        ASSERT_EQ(0, status);
         ::truncate(file_of("20260131").c_str(), 0);
     }
     stop = true;
@@ -514,7 +514,7 @@ TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
         thread.join();
     ::truncate(file_of("20260131").c_str(), 0);
     __qv_print_msg("end\n");
-    EXPECT_EQ(read_file(file_of("20260131")), "end\n");
+    EXPECT_EQ("end\n", read_file(file_of("20260131")));
 }
 
 TEST(DebugTrace, ABaseFolderThatFillsTheBufferIsCut)

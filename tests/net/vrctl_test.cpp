@@ -2,13 +2,13 @@
 // The requests byte for byte, against an ioctl() that stands in for the appliance kernel's, and on the stock kernel.
 #include "vrctl.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <net/if.h>
 #include <pthread.h>
@@ -120,7 +120,7 @@ extern "C" int ioctl(int fd, unsigned long number, ...)
     va_start(ap, number);
     void *argument = va_arg(ap, void *);
     va_end(ap);
-    static auto real = reinterpret_cast<int (*)(int, unsigned long, void *)>(::dlsym(RTLD_NEXT, "ioctl"));
+    static auto real = support::next_function<int(int, unsigned long, void *)>("ioctl");
     if (!interposed)
         return real(fd, number, argument);
 
@@ -144,7 +144,7 @@ extern "C" int ioctl(int fd, unsigned long number, ...)
 
 extern "C" int socket(int domain, int type, int protocol)
 {
-    static auto real = reinterpret_cast<int (*)(int, int, int)>(::dlsym(RTLD_NEXT, "socket"));
+    static auto real = support::next_function<int(int, int, int)>("socket");
     if (!interposed)
         return real(domain, type, protocol);
     if (sockets_fail_with != 0) {
@@ -160,7 +160,7 @@ extern "C" int socket(int domain, int type, int protocol)
 
 extern "C" int close(int fd)
 {
-    static auto real = reinterpret_cast<int (*)(int)>(::dlsym(RTLD_NEXT, "close"));
+    static auto real = support::next_function<int(int)>("close");
     if (interposed) {
         EXPECT_GE(fd, 0);
         closed++;

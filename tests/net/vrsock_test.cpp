@@ -2,6 +2,7 @@
 // The VR sockets byte for byte, against system calls that stand in for the appliance kernel's, and on the stock kernel.
 #include "vrsock.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <arpa/inet.h>
@@ -9,7 +10,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <dlfcn.h>
 #include <optional>
 #include <random>
 #include <sys/uio.h>
@@ -223,8 +223,7 @@ Bytes bytes_of(const Address &address)
 
 extern "C" int setsockopt(int fd, int level, int name, const void *value, socklen_t length) noexcept
 {
-    static auto real =
-        reinterpret_cast<int (*)(int, int, int, const void *, socklen_t)>(::dlsym(RTLD_NEXT, "setsockopt"));
+    static auto real = support::next_function<int(int, int, int, const void *, socklen_t)>("setsockopt");
     if (!interposed)
         return real(fd, level, name, value, length);
     options_asked++;
@@ -236,7 +235,7 @@ extern "C" int setsockopt(int fd, int level, int name, const void *value, sockle
 
 extern "C" int getsockopt(int fd, int level, int name, void *value, socklen_t *length) noexcept
 {
-    static auto real = reinterpret_cast<int (*)(int, int, int, void *, socklen_t *)>(::dlsym(RTLD_NEXT, "getsockopt"));
+    static auto real = support::next_function<int(int, int, int, void *, socklen_t *)>("getsockopt");
     if (!interposed)
         return real(fd, level, name, value, length);
     options_asked++;
@@ -250,7 +249,7 @@ extern "C" int getsockopt(int fd, int level, int name, void *value, socklen_t *l
 
 extern "C" int getsockname(int fd, sockaddr *name, socklen_t *length) noexcept
 {
-    static auto real = reinterpret_cast<int (*)(int, sockaddr *, socklen_t *)>(::dlsym(RTLD_NEXT, "getsockname"));
+    static auto real = support::next_function<int(int, sockaddr *, socklen_t *)>("getsockname");
     if (!interposed)
         return real(fd, name, length);
     EXPECT_EQ(*length, 128u);
@@ -263,7 +262,7 @@ extern "C" int getsockname(int fd, sockaddr *name, socklen_t *length) noexcept
 
 extern "C" ssize_t sendmsg(int fd, const msghdr *m, int flags)
 {
-    static auto real = reinterpret_cast<ssize_t (*)(int, const msghdr *, int)>(::dlsym(RTLD_NEXT, "sendmsg"));
+    static auto real = support::next_function<ssize_t(int, const msghdr *, int)>("sendmsg");
     if (!interposed)
         return real(fd, m, flags);
     sent = {fd, flags, m->msg_flags, m->msg_name, m->msg_namelen, {}, {}, m->msg_control == nullptr};
@@ -274,7 +273,7 @@ extern "C" ssize_t sendmsg(int fd, const msghdr *m, int flags)
 
 extern "C" ssize_t recvmsg(int fd, msghdr *m, int flags)
 {
-    static auto real = reinterpret_cast<ssize_t (*)(int, msghdr *, int)>(::dlsym(RTLD_NEXT, "recvmsg"));
+    static auto real = support::next_function<ssize_t(int, msghdr *, int)>("recvmsg");
     if (!interposed)
         return real(fd, m, flags);
     auto *control = static_cast<unsigned char *>(m->msg_control);

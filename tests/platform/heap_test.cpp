@@ -2,13 +2,13 @@
 // The contract of the heap library, as heap.h states it.
 #include "heap.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <random>
 #include <set>
 #include <utility>
@@ -47,7 +47,7 @@ bool no_memory = false;
 
 extern "C" void *realloc(void *block, std::size_t size)
 {
-    static auto real = reinterpret_cast<void *(*)(void *, std::size_t)>(::dlsym(RTLD_NEXT, "realloc"));
+    static auto real = support::next_function<void *(void *, std::size_t)>("realloc");
     return no_memory ? nullptr : real(block, size);
 }
 

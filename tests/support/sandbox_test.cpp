@@ -16,17 +16,17 @@ TEST(Sandbox, FoldersAreFreshAndWritable)
         EXPECT_TRUE(list_dir(folder).empty()) << folder;
     write_file("/etc/consolelog", "x");
     write_file("/flash/x", "y");
-    EXPECT_EQ(read_file("/etc/consolelog"), "x");
-    EXPECT_EQ(read_file("/flash/x"), "y");
+    EXPECT_EQ("x", read_file("/etc/consolelog"));
+    EXPECT_EQ("y", read_file("/flash/x"));
 }
 
 TEST(Sandbox, ConsoleDevicesAreEmptyFiles)
 {
     for (const char *device : {kConsole, kSerial}) {
         struct stat info;
-        ASSERT_EQ(::stat(device, &info), 0) << device;
+        ASSERT_EQ(0, ::stat(device, &info)) << device;
         EXPECT_TRUE(S_ISREG(info.st_mode)) << device;
-        EXPECT_EQ(info.st_size, 0) << device;
+        EXPECT_EQ(0, info.st_size) << device;
     }
 }
 
@@ -38,16 +38,16 @@ TEST(Sandbox, BuildFolderIsReachable)
 TEST(Sandbox, BindOverReplacesAFileOfProc)
 {
     bind_over("/proc/cmdline", "quiet qv_output\n");
-    EXPECT_EQ(read_file("/proc/cmdline"), "quiet qv_output\n");
+    EXPECT_EQ("quiet qv_output\n", read_file("/proc/cmdline"));
 }
 
 TEST(Sandbox, RemountMakesAFolderReadOnlyAndBack)
 {
     remount("/etc", true);
-    EXPECT_EQ(std::fopen("/etc/x", "w"), nullptr);
+    EXPECT_EQ(nullptr, std::fopen("/etc/x", "w"));
     remount("/etc", false);
     write_file("/etc/x", "1");
-    EXPECT_EQ(read_file("/etc/x"), "1");
+    EXPECT_EQ("1", read_file("/etc/x"));
 }
 
 TEST(Child, OutputAndExitCodeAreTold)
@@ -59,8 +59,8 @@ TEST(Child, OutputAndExitCodeAreTold)
         ::_exit(3);
     });
     EXPECT_TRUE(child.exited(3));
-    EXPECT_EQ(child.out, "to out");
-    EXPECT_EQ(child.err, "to err");
+    EXPECT_EQ("to out", child.out);
+    EXPECT_EQ("to err", child.err);
 }
 
 TEST(Child, DeathBySignalIsTold)
@@ -75,6 +75,6 @@ TEST(Child, AHangIsEndedAndTold)
 
 TEST(Capture, StandardStreamsOfThisProcess)
 {
-    EXPECT_EQ(capture_stdout([] { std::printf("one"); }), "one");
-    EXPECT_EQ(capture_stderr([] { std::fprintf(stderr, "two"); }), "two");
+    EXPECT_EQ("one", capture_stdout([] { std::printf("one"); }));
+    EXPECT_EQ("two", capture_stderr([] { std::fprintf(stderr, "two"); }));
 }

@@ -3,9 +3,10 @@
 // of malloc and calloc.
 #pragma once
 
+#include "support/next_function.h"
+
 #include <cstddef>
 #include <cstdlib>
-#include <dlfcn.h>
 
 namespace support {
 
@@ -23,12 +24,12 @@ inline bool take_allocation()
 
 extern "C" void *malloc(std::size_t size)
 {
-    static auto real = reinterpret_cast<void *(*)(std::size_t)>(::dlsym(RTLD_NEXT, "malloc"));
+    static auto real = support::next_function<void *(std::size_t)>("malloc");
     return support::take_allocation() ? real(size) : nullptr;
 }
 
 extern "C" void *calloc(std::size_t count, std::size_t size)
 {
-    static auto real = reinterpret_cast<void *(*)(std::size_t, std::size_t)>(::dlsym(RTLD_NEXT, "calloc"));
+    static auto real = support::next_function<void *(std::size_t, std::size_t)>("calloc");
     return support::take_allocation() ? real(count, size) : nullptr;
 }

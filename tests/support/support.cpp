@@ -135,20 +135,20 @@ void bind_over(const std::string &path, const std::string &content)
     ::mkdir("/tmp/.bound", 0755);
     std::string file = "/tmp/.bound/" + std::to_string(::getpid()) + "." + std::to_string(count++);
     write_file(file, content);
-    ASSERT_EQ(::mount(file.c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0) << path << " errno " << errno;
+    ASSERT_EQ(0, ::mount(file.c_str(), path.c_str(), nullptr, MS_BIND, nullptr)) << path << " errno " << errno;
 }
 
 void mount_tmpfs(const std::string &path, std::size_t size)
 {
     ::mkdir(path.c_str(), 0755);
     std::string options = "mode=1777" + (size != 0 ? ",size=" + std::to_string(size) : std::string());
-    ASSERT_EQ(::mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()), 0) << path << " errno " << errno;
+    ASSERT_EQ(0, ::mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str())) << path << " errno " << errno;
 }
 
 void remount(const std::string &path, bool read_only)
 {
     unsigned long flags = MS_REMOUNT | MS_BIND | (read_only ? static_cast<unsigned long>(MS_RDONLY) : 0UL);
-    ASSERT_EQ(::mount(nullptr, path.c_str(), nullptr, flags, nullptr), 0) << path << " errno " << errno;
+    ASSERT_EQ(0, ::mount(nullptr, path.c_str(), nullptr, flags, nullptr)) << path << " errno " << errno;
 }
 
 bool ChildResult::exited(int code) const

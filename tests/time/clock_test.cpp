@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qv_time.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <functional>
 #include <pthread.h>
 #include <random>
@@ -36,7 +36,7 @@ constexpr time_t kSummer = 1720000000; // 2024-07-03 09:46:40 UTC
 
 extern "C" int clock_gettime(clockid_t id, timespec *ts)
 {
-    static auto real = reinterpret_cast<int (*)(clockid_t, timespec *)>(::dlsym(RTLD_NEXT, "clock_gettime"));
+    static auto real = support::next_function<int(clockid_t, timespec *)>("clock_gettime");
     if (!interposed)
         return real(id, ts);
     clock_asked = id;
@@ -52,16 +52,16 @@ extern "C" int clock_gettime(clockid_t id, timespec *ts)
 TEST(TimevalCompare, SecondsFirstThenMicroseconds)
 {
     auto compare = [](timeval a, timeval b) { return qv_timeval_compare(&a, &b); };
-    EXPECT_EQ(compare({5, 999999}, {6, 0}), -1);
-    EXPECT_EQ(compare({6, 0}, {5, 999999}), 1);
-    EXPECT_EQ(compare({5, 2}, {5, 1}), 1);
-    EXPECT_EQ(compare({5, 1}, {5, 2}), -1);
-    EXPECT_EQ(compare({5, 1}, {5, 1}), 0);
-    EXPECT_EQ(compare({-1, 0}, {0, 0}), -1) << "signed";
-    EXPECT_EQ(compare({0, -1}, {0, 0}), -1);
-    EXPECT_EQ(compare({LONG_MIN, 0}, {LONG_MAX, 0}), -1) << "compared, not subtracted";
-    EXPECT_EQ(compare({LONG_MAX, LONG_MIN}, {LONG_MAX, LONG_MAX}), -1);
-    EXPECT_EQ(compare({1, 2000000}, {2, 0}), -1) << "not normalised";
+    EXPECT_EQ(-1, compare({5, 999999}, {6, 0}));
+    EXPECT_EQ(1, compare({6, 0}, {5, 999999}));
+    EXPECT_EQ(1, compare({5, 2}, {5, 1}));
+    EXPECT_EQ(-1, compare({5, 1}, {5, 2}));
+    EXPECT_EQ(0, compare({5, 1}, {5, 1}));
+    EXPECT_EQ(-1, compare({-1, 0}, {0, 0})) << "signed";
+    EXPECT_EQ(-1, compare({0, -1}, {0, 0}));
+    EXPECT_EQ(-1, compare({LONG_MIN, 0}, {LONG_MAX, 0})) << "compared, not subtracted";
+    EXPECT_EQ(-1, compare({LONG_MAX, LONG_MIN}, {LONG_MAX, LONG_MAX}));
+    EXPECT_EQ(-1, compare({1, 2000000}, {2, 0})) << "not normalised";
 }
 
 // ---- monotonic reads ----
@@ -70,22 +70,22 @@ TEST_F(Clock, ReadsTheMonotonicClock)
 {
     told = {42, 1999};
     timeval tv;
-    EXPECT_EQ(gettimeofday_qv(&tv), 0);
-    EXPECT_EQ(clock_asked, CLOCK_MONOTONIC);
-    EXPECT_EQ(tv.tv_sec, 42);
-    EXPECT_EQ(tv.tv_usec, 1) << "cut off";
+    EXPECT_EQ(0, gettimeofday_qv(&tv));
+    EXPECT_EQ(CLOCK_MONOTONIC, clock_asked);
+    EXPECT_EQ(42, tv.tv_sec);
+    EXPECT_EQ(1, tv.tv_usec) << "cut off";
     told = {43, 999999999};
-    EXPECT_EQ(qv_gettimeofday(&tv), 0);
-    EXPECT_EQ(tv.tv_sec, 43);
-    EXPECT_EQ(tv.tv_usec, 999999);
+    EXPECT_EQ(0, qv_gettimeofday(&tv));
+    EXPECT_EQ(43, tv.tv_sec);
+    EXPECT_EQ(999999, tv.tv_usec);
     timespec ts;
-    EXPECT_EQ(timeRT(&ts), 0);
-    EXPECT_EQ(ts.tv_sec, 43);
-    EXPECT_EQ(ts.tv_nsec, 999999999);
+    EXPECT_EQ(0, timeRT(&ts));
+    EXPECT_EQ(43, ts.tv_sec);
+    EXPECT_EQ(999999999, ts.tv_nsec);
     time_t t = 0;
-    EXPECT_EQ(qv_time(&t), 43);
-    EXPECT_EQ(t, 43);
-    EXPECT_EQ(qv_time(nullptr), 43);
+    EXPECT_EQ(43, qv_time(&t));
+    EXPECT_EQ(43, t);
+    EXPECT_EQ(43, qv_time(nullptr));
 }
 
 TEST_F(Clock, EveryFunctionReadsTheSameClock)
@@ -97,22 +97,22 @@ TEST_F(Clock, EveryFunctionReadsTheSameClock)
     };
     timeval tv;
     timespec ts;
-    EXPECT_EQ(asked_by([&] { qv_time(nullptr); }), CLOCK_MONOTONIC);
-    EXPECT_EQ(asked_by([&] { get_time_second(); }), CLOCK_MONOTONIC);
-    EXPECT_EQ(asked_by([&] { gettimeofday_qv(&tv); }), CLOCK_MONOTONIC);
-    EXPECT_EQ(asked_by([&] { qv_gettimeofday(&tv); }), CLOCK_MONOTONIC);
-    EXPECT_EQ(asked_by([&] { timeRT(&ts); }), CLOCK_MONOTONIC);
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_by([&] { qv_time(nullptr); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_by([&] { get_time_second(); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_by([&] { gettimeofday_qv(&tv); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_by([&] { qv_gettimeofday(&tv); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_by([&] { timeRT(&ts); }));
 }
 
 TEST_F(Clock, SecondsAreCutTo32Bits)
 {
     told = {0xFFFFFFFFL, 0};
-    EXPECT_EQ(get_time_second(), 0xFFFFFFFFu);
+    EXPECT_EQ(0xFFFFFFFFu, get_time_second());
     told = {0x100000000L, 0};
-    EXPECT_EQ(get_time_second(), 0u);
+    EXPECT_EQ(0u, get_time_second());
     told = {0x100000007L, 0};
-    EXPECT_EQ(get_time_second(), 7u);
-    EXPECT_EQ(qv_time(nullptr), 0x100000007L);
+    EXPECT_EQ(7u, get_time_second());
+    EXPECT_EQ(0x100000007L, qv_time(nullptr));
 }
 
 TEST_F(Clock, AFailureGivesZeros)
@@ -121,21 +121,21 @@ TEST_F(Clock, AFailureGivesZeros)
     timeval tv = {1, 1};
     timespec ts = {1, 1};
     time_t t = 1;
-    EXPECT_EQ(gettimeofday_qv(&tv), -1);
-    EXPECT_EQ(tv.tv_sec, 0);
-    EXPECT_EQ(tv.tv_usec, 0);
+    EXPECT_EQ(-1, gettimeofday_qv(&tv));
+    EXPECT_EQ(0, tv.tv_sec);
+    EXPECT_EQ(0, tv.tv_usec);
     tv = {1, 1};
-    EXPECT_EQ(qv_gettimeofday(&tv), -1);
-    EXPECT_EQ(tv.tv_sec, 0);
-    EXPECT_EQ(timeRT(&ts), -1);
-    EXPECT_EQ(ts.tv_sec, 0);
-    EXPECT_EQ(ts.tv_nsec, 0);
-    EXPECT_EQ(qv_time(&t), 0);
-    EXPECT_EQ(t, 0);
-    EXPECT_EQ(qv_time(nullptr), 0);
-    EXPECT_EQ(get_time_second(), 0u);
+    EXPECT_EQ(-1, qv_gettimeofday(&tv));
+    EXPECT_EQ(0, tv.tv_sec);
+    EXPECT_EQ(-1, timeRT(&ts));
+    EXPECT_EQ(0, ts.tv_sec);
+    EXPECT_EQ(0, ts.tv_nsec);
+    EXPECT_EQ(0, qv_time(&t));
+    EXPECT_EQ(0, t);
+    EXPECT_EQ(0, qv_time(nullptr));
+    EXPECT_EQ(0u, get_time_second());
     clock_result = -7;
-    EXPECT_EQ(timeRT(&ts), -7) << "the failing result itself";
+    EXPECT_EQ(-7, timeRT(&ts)) << "the failing result itself";
 }
 
 TEST(MonotonicClock, HasNothingToDoWithTheDate)
@@ -153,18 +153,18 @@ TEST(MonotonicClock, HasNothingToDoWithTheDate)
 TEST(Calendar, ATimeZoneChangeIsSeenByAllButLocaltimeSafe)
 {
     ::setenv("TZ", "UTC0", 1);
-    EXPECT_EQ(qv_localtime(&kSummer)->tm_hour, 9);
+    EXPECT_EQ(9, qv_localtime(&kSummer)->tm_hour);
     ::setenv("TZ", "XXX-2", 1);
-    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 9) << "does not look at TZ anew";
-    EXPECT_EQ(qv_localtime(&kSummer)->tm_hour, 11);
-    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 11);
+    EXPECT_EQ(9, localtime_safe(&kSummer)->tm_hour) << "does not look at TZ anew";
+    EXPECT_EQ(11, qv_localtime(&kSummer)->tm_hour);
+    EXPECT_EQ(11, localtime_safe(&kSummer)->tm_hour);
     ::setenv("TZ", "XXX-3", 1);
     tm out;
     EXPECT_EQ(qv_localtime_r(&kSummer, &out), &out);
-    EXPECT_EQ(out.tm_hour, 12);
+    EXPECT_EQ(12, out.tm_hour);
     ::setenv("TZ", "XXX-4", 1);
     qv_calendar_time(nullptr);
-    EXPECT_EQ(localtime_safe(&kSummer)->tm_hour, 13);
+    EXPECT_EQ(13, localtime_safe(&kSummer)->tm_hour);
 }
 
 TEST(Calendar, ResultsAreTheCLibrarysStaticRecord)
@@ -177,11 +177,11 @@ TEST(Calendar, TimesThatCannotBeConvertedGiveNull)
 {
     time_t far = LONG_MAX;
     tm out;
-    EXPECT_EQ(qv_localtime(&far), nullptr);
-    EXPECT_EQ(localtime_safe(&far), nullptr);
-    EXPECT_EQ(qv_localtime_r(&far, &out), nullptr);
-    EXPECT_EQ(localtime_safe_lock(), 0) << "the mutex was given back";
-    EXPECT_EQ(localtime_safe_unlock(), 0);
+    EXPECT_EQ(nullptr, qv_localtime(&far));
+    EXPECT_EQ(nullptr, localtime_safe(&far));
+    EXPECT_EQ(nullptr, qv_localtime_r(&far, &out));
+    EXPECT_EQ(0, localtime_safe_lock()) << "the mutex was given back";
+    EXPECT_EQ(0, localtime_safe_unlock());
 }
 
 TEST(Calendar, CalendarTimeIsTheWallClock)
@@ -201,7 +201,7 @@ TEST(LocaltimeMutex, KeepsConversionsOutWhileHeld)
     const std::function<void()> conversions[] = {[] { qv_localtime(&kSummer); }, [] { localtime_safe(&kSummer); },
                                                  [&] { qv_localtime_r(&kSummer, &out); }};
     for (const auto &convert : conversions) {
-        EXPECT_EQ(localtime_safe_lock(), 0);
+        EXPECT_EQ(0, localtime_safe_lock());
         std::atomic<bool> done{false};
         std::thread other([&] {
             convert();
@@ -209,7 +209,7 @@ TEST(LocaltimeMutex, KeepsConversionsOutWhileHeld)
         });
         ::usleep(20000);
         EXPECT_FALSE(done);
-        EXPECT_EQ(localtime_safe_unlock(), 0);
+        EXPECT_EQ(0, localtime_safe_unlock());
         other.join();
         EXPECT_TRUE(done);
     }
@@ -317,7 +317,7 @@ TEST(CalendarTime, AChildForkedWhileAnotherThreadAsksForItCanConvert)
                     }
                     int status = -1;
                     ::waitpid(pid, &status, 0);
-                    ASSERT_EQ(status, 0) << i;
+                    ASSERT_EQ(0, status) << i;
                 }
                 if (while_kept)
                     localtime_safe_unlock();

@@ -3,6 +3,7 @@
 // without them does not end the search.
 #include "encoding.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <atomic>
@@ -21,12 +22,6 @@ constexpr const char *kDigest = "900150983cd24fb0d6963f7d28e17f72"; // of "abc"
 std::map<std::string, const char *> libraries;
 std::atomic<int> opened, closed;
 
-template <typename Function>
-Function *real(const char *name)
-{
-    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
-}
-
 std::string digest()
 {
     write_file("/tmp/file", "abc");
@@ -43,13 +38,13 @@ extern "C" void *dlopen(const char *name, int flags) noexcept
     if (found == libraries.end())
         return nullptr;
     opened++;
-    return real<void *(const char *, int)>("dlopen")(found->second, flags);
+    return support::next_function<void *(const char *, int)>("dlopen")(found->second, flags);
 }
 
 extern "C" int dlclose(void *library) noexcept
 {
     closed++;
-    return real<int(void *)>("dlclose")(library);
+    return support::next_function<int(void *)>("dlclose")(library);
 }
 
 TEST(FileMd5Search, AFailureIsNotForGood)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qv_env.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -9,7 +10,6 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <map>
 #include <random>
@@ -36,12 +36,6 @@ std::vector<int> open_flags;
 std::size_t most_read, most_written; // bytes a call; 0 for no limit
 int good_reads = -1;                 // before one fails; -1 for all
 bool killed_after_cut;
-
-template <typename Function>
-Function *real(const char *name)
-{
-    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
-}
 
 bool is_store(int fd)
 {
@@ -90,7 +84,7 @@ struct flock blocking_lock(int fd, short type)
 
 extern "C" ssize_t read(int fd, void *buffer, std::size_t size)
 {
-    static auto *real = io::real<ssize_t(int, void *, std::size_t)>("read");
+    static auto *real = support::next_function<ssize_t(int, void *, std::size_t)>("read");
     if (io::good_reads == 0) {
         errno = EIO;
         return -1;
@@ -101,7 +95,7 @@ extern "C" ssize_t read(int fd, void *buffer, std::size_t size)
 
 extern "C" ssize_t write(int fd, const void *buffer, std::size_t size)
 {
-    static auto *real = io::real<ssize_t(int, const void *, std::size_t)>("write");
+    static auto *real = support::next_function<ssize_t(int, const void *, std::size_t)>("write");
     if (io::is_store(fd))
         io::calls.push_back("write " + std::string(static_cast<const char *>(buffer), size));
     return real(fd, buffer, io::most_written != 0 ? std::min(size, io::most_written) : size);
@@ -109,7 +103,7 @@ extern "C" ssize_t write(int fd, const void *buffer, std::size_t size)
 
 extern "C" int ftruncate(int fd, off_t size) noexcept
 {
-    static auto *real = io::real<int(int, off_t)>("ftruncate");
+    static auto *real = support::next_function<int(int, off_t)>("ftruncate");
     io::calls.push_back("cut " + std::to_string(size));
     int result = real(fd, size);
     if (io::killed_after_cut)
@@ -119,7 +113,7 @@ extern "C" int ftruncate(int fd, off_t size) noexcept
 
 extern "C" int open(const char *path, int flags, ...)
 {
-    static auto *real = io::real<int(const char *, int, ...)>("open");
+    static auto *real = support::next_function<int(const char *, int, ...)>("open");
     va_list arguments;
     va_start(arguments, flags);
     mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;

@@ -5,6 +5,7 @@
 #include "debug_trace.h"
 #include "sighandler.h"
 
+#include "support/next_function.h"
 #include "support/support.h"
 
 #include <cerrno>
@@ -13,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <functional>
 #include <malloc.h>
@@ -71,7 +71,7 @@ char *const kNoArgs[] = {nullptr};
 
 extern "C" pid_t fork(void)
 {
-    static auto real = reinterpret_cast<pid_t (*)()>(::dlsym(RTLD_NEXT, "fork"));
+    static auto real = support::next_function<pid_t()>("fork");
     if (fork_fails) {
         errno = EAGAIN;
         return -1;
@@ -81,7 +81,7 @@ extern "C" pid_t fork(void)
 
 extern "C" int close_range(unsigned first, unsigned last, int flags)
 {
-    static auto real = reinterpret_cast<int (*)(unsigned, unsigned, int)>(::dlsym(RTLD_NEXT, "close_range"));
+    static auto real = support::next_function<int(unsigned, unsigned, int)>("close_range");
     if (no_close_range) {
         errno = ENOSYS;
         return -1;
@@ -91,7 +91,7 @@ extern "C" int close_range(unsigned first, unsigned last, int flags)
 
 extern "C" pid_t waitpid(pid_t pid, int *status, int options)
 {
-    static auto real = reinterpret_cast<pid_t (*)(pid_t, int *, int)>(::dlsym(RTLD_NEXT, "waitpid"));
+    static auto real = support::next_function<pid_t(pid_t, int *, int)>("waitpid");
     if (waits_interrupted > 0) {
         waits_interrupted--;
         errno = EINTR;
