@@ -4,6 +4,7 @@
 
 #include "base/unique_fd.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <fcntl.h>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -95,19 +97,22 @@ exit_code get(const char *file, const char *name)
 }
 
 // Whether the store holds a whole record of this name. qv_setenv() ignores failed writes: a full disk leaves no record,
-// or a piece without its newline. Another process may have replaced the value since, so the value may be any.
+// or a piece without its newline. Another process may have replaced the value since, so the value may be any. Only the
+// size that the store has now is read, as the library does: a device never ends.
 bool is_stored(const char *name)
 {
     base::unique_fd file(::open(QV_ENV_FILE, O_RDONLY | O_CLOEXEC));
-    if (!file || file_lock(file.get(), F_RDLCK, 1) != 0)
+    struct stat status;
+    if (!file || file_lock(file.get(), F_RDLCK, 1) != 0 || ::fstat(file.get(), &status) != 0)
         return false;
+    const auto size = static_cast<std::size_t>(status.st_size);
     std::string text;
     char chunk[4096];
-    ssize_t length;
-    while ((length = ::read(file.get(), chunk, sizeof chunk)) > 0)
+    ssize_t length = 0;
+    while (text.size() < size && (length = ::read(file.get(), chunk, std::min(sizeof chunk, size - text.size()))) > 0)
         text.append(chunk, static_cast<std::size_t>(length));
     std::size_t record = text.find(std::string(name) + "=");
-    return length == 0 && record != text.npos && text.find('\n', record) != text.npos;
+    return length >= 0 && record != text.npos && text.find('\n', record) != text.npos;
 }
 
 exit_code set(const char *name, const char *value, bool overwrite)

@@ -124,6 +124,14 @@ TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
     expect(qvenv({"set", "slot", "3"}), 2, "", full);
 }
 
+TEST(QvenvTool, SetEndsWhenTheStoreIsAnEndlessDevice)
+{
+    ::unlink(kStore);
+    ASSERT_EQ(::symlink("/dev/full", kStore), 0);
+    expect(qvenv({"set", "slot", "3"}), 2, "", "qvenv: /tmp/qvenv: No space left on device\n");
+    ::unlink(kStore);
+}
+
 TEST(QvenvTool, ReadsAnotherFile)
 {
     write_file("/tmp/saved", "abc=1\nab=2\n");
