@@ -277,10 +277,10 @@ conversion parse_conversion(const char **s)
     return result;
 }
 
-void put_text(cursor &out, const conversion &spec, const char *text, std::size_t length)
+void put_text(cursor &out, const conversion &field, const char *text, std::size_t length)
 {
-    long padding = spec.width - static_cast<long>(length);
-    if ((spec.flags & FMT_LEFT) == 0) {
+    long padding = field.width - static_cast<long>(length);
+    if ((field.flags & FMT_LEFT) == 0) {
         out.fill(' ', padding);
         padding = 0;
     }
@@ -288,27 +288,27 @@ void put_text(cursor &out, const conversion &spec, const char *text, std::size_t
     out.fill(' ', padding);
 }
 
-void put_string(cursor &out, const conversion &spec, const char *text)
+void put_string(cursor &out, const conversion &field, const char *text)
 {
     std::size_t length =
-        spec.precision >= 0 ? ::strnlen(text, static_cast<std::size_t>(spec.precision)) : std::strlen(text);
-    put_text(out, spec, text, length);
+        field.precision >= 0 ? ::strnlen(text, static_cast<std::size_t>(field.precision)) : std::strlen(text);
+    put_text(out, field, text, length);
 }
 
-void put_number(cursor &out, const conversion &spec, unsigned long value, int base, unsigned more_flags = 0)
+void put_number(cursor &out, const conversion &field, unsigned long value, int base, unsigned more_flags = 0)
 {
-    number(out, value, base, spec.width, spec.precision, spec.flags | more_flags);
+    number(out, value, base, field.width, field.precision, field.flags | more_flags);
 }
 
 // The prefix is outside the field; the digits are in upper case, contract: log readers know them so.
-void put_pointer(cursor &out, conversion spec, const void *pointer)
+void put_pointer(cursor &out, conversion field, const void *pointer)
 {
     out.copy("0x", 2);
-    if (spec.width == -1) {
-        spec.width = 0;
-        spec.flags |= FMT_ZERO_PAD;
+    if (field.width == -1) {
+        field.width = 0;
+        field.flags |= FMT_ZERO_PAD;
     }
-    put_number(out, spec, reinterpret_cast<std::uintptr_t>(pointer), 16);
+    put_number(out, field, reinterpret_cast<std::uintptr_t>(pointer), 16);
 }
 
 // The arguments of a call. The first length makes all later d, i and u of the call read a long, contract: formats in
@@ -320,30 +320,30 @@ struct arguments {
     long next_integer() { return are_long ? va_arg(list, long) : va_arg(list, int); }
 };
 
-void render(cursor &out, const conversion &spec, arguments &args)
+void render(cursor &out, const conversion &field, arguments &args)
 {
-    switch (spec.letter) {
+    switch (field.letter) {
     case 'c': {
         char c = static_cast<char>(va_arg(args.list, int));
-        return put_text(out, spec, &c, 1);
+        return put_text(out, field, &c, 1);
     }
     case 's':
-        return put_string(out, spec, va_arg(args.list, const char *));
+        return put_string(out, field, va_arg(args.list, const char *));
     case 'd':
     case 'i':
-        return put_number(out, spec, static_cast<unsigned long>(args.next_integer()), 10, FMT_SIGNED);
+        return put_number(out, field, static_cast<unsigned long>(args.next_integer()), 10, FMT_SIGNED);
     case 'u':
-        return put_number(out, spec, static_cast<unsigned long>(args.next_integer()), 10);
+        return put_number(out, field, static_cast<unsigned long>(args.next_integer()), 10);
     case 'b':
-        return put_number(out, spec, static_cast<unsigned long>(long{va_arg(args.list, int)}), 2);
+        return put_number(out, field, static_cast<unsigned long>(long{va_arg(args.list, int)}), 2);
     case 'o':
-        return put_number(out, spec, va_arg(args.list, unsigned long), 8);
+        return put_number(out, field, va_arg(args.list, unsigned long), 8);
     case 'x':
-        return put_number(out, spec, va_arg(args.list, unsigned long), 16, FMT_LOWER);
+        return put_number(out, field, va_arg(args.list, unsigned long), 16, FMT_LOWER);
     case 'X':
-        return put_number(out, spec, va_arg(args.list, unsigned long), 16);
+        return put_number(out, field, va_arg(args.list, unsigned long), 16);
     case 'p':
-        return put_pointer(out, spec, va_arg(args.list, void *));
+        return put_pointer(out, field, va_arg(args.list, void *));
     case 'n':
         *va_arg(args.list, int *) = static_cast<int>(out.produced());
         return;
@@ -351,7 +351,7 @@ void render(cursor &out, const conversion &spec, arguments &args)
         return out.put('%');
     default:
         out.put('%');
-        return out.put(spec.letter);
+        return out.put(field.letter);
     }
 }
 
@@ -390,14 +390,14 @@ int sig_sprintf(char *buf, const char *fmt, va_list list)
             copy_plain_text(out, &fmt);
         } else {
             fmt++;
-            conversion spec = parse_conversion(&fmt);
-            args.are_long = args.are_long || spec.has_length;
-            if (spec.letter == '\0') {
+            conversion field = parse_conversion(&fmt);
+            args.are_long = args.are_long || field.has_length;
+            if (field.letter == '\0') {
                 out.put('%');
                 break;
             }
-            render(out, spec, args);
-            is_tested = spec.letter != 'n';
+            render(out, field, args);
+            is_tested = field.letter != 'n';
         }
         if (is_tested && *fmt != '\0' && is_budget_used(out))
             break;

@@ -336,7 +336,7 @@ void explain_poisoned_registers(const crash_log &log, std::vector<std::string> *
     }
 }
 
-// A jump is told from a bad access by the program counter, which lies in no code.
+// After a jump, unlike after a bad access, the program counter lies in no code.
 bool explain_jump(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
                   std::vector<std::string> *causes)
 {

@@ -153,7 +153,7 @@ std::optional<name_parts> split_file_name(std::string_view path)
     return parts;
 }
 
-// A process's name may end in digits of its own, so the id is taken off as the log's head has it.
+// A process's name may end in digits, so the id is removed as the log's head has it.
 std::string process_name(std::string_view process_and_id, std::optional<int> id)
 {
     if (id) {

@@ -39,7 +39,7 @@ std::string groups_text(const group_result &result);
 /** One object a group, one to a line. Its form is documented in qvcrash(1) and named by its member "format". */
 std::string groups_json(const group_result &result);
 
-/** A page of its own, without references to other files. */
+/** A complete page, without references to other files. */
 std::string groups_html(const group_result &result);
 
 } // namespace qvcrash
