@@ -326,7 +326,7 @@ TEST(Matrix, NoFreeDescriptors)
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status;
         // Without a descriptor the command name cannot be read either.
-        std::string path = log_path("crash_matrix_test", child.pid, "coredump", SIGSEGV);
+        std::string path = log_path(program_invocation_short_name, child.pid, "coredump", SIGSEGV);
         EXPECT_FALSE(exists(path));
         std::string console = read_file(kConsole);
         EXPECT_NE(console.find("is dying(11), ePC :"), std::string::npos);
