@@ -579,7 +579,7 @@ TEST(StackTrace, UsesTheProgramsNameWithoutACommandName)
         ::close(0);
         qv_stacktrace("x");
     });
-    EXPECT_EQ("stack trace: x pid = " + std::to_string(child.pid) + ", com_name = backtrace_test",
+    EXPECT_EQ("stack trace: x pid = " + std::to_string(child.pid) + ", com_name = " + program_invocation_short_name,
               lines(read_file(kConsole)).at(0));
 }
 

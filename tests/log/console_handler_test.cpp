@@ -94,6 +94,8 @@ extern "C" std::time_t time(std::time_t *t)
     return now;
 }
 
+// A sanitizer has its own malloc(), which looks functions up before this one can run.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void *malloc(std::size_t size)
 {
     static auto real = support::next_function<void *(std::size_t)>("malloc");
@@ -101,6 +103,7 @@ extern "C" void *malloc(std::size_t size)
         allocations++;
     return real(size);
 }
+#endif
 
 // ---- the lines ----
 
