@@ -718,6 +718,8 @@ TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
 
 TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
 {
+    if (under_sanitizer())
+        GTEST_SKIP() << "the sanitizer counts a cut name as written in full";
     const std::vector<const char *> calls = {
         // UDP: lengths of names that are too short, too long and none.
         "socket 4", "setoption 3 1 2 1", "bind 3 127.0.0.1 5000", "sendtolength 3 127.0.0.1 5000 0",
