@@ -59,7 +59,7 @@ struct name {
 
 using name_call = int (*)(int fd, void *address, socklen_t *length);
 
-// The VR and address that an outside address stands for, if it is one of a VR in the tables.
+// The VR and address that an outside address means, if it is one of a VR in the tables.
 std::optional<inner> vr_behind(tables &all, const in_addr &outside);
 std::optional<inner> vr_behind(tables &all, const in6_addr &outside);
 

@@ -182,7 +182,7 @@ bool is_named(const explained_frame &frame, std::string_view name)
 {
     if (frame.logged.code.symbol == name)
         return true;
-    // The C library's inner names of its own functions.
+    // The prefix of the C library's internal names for its functions.
     constexpr std::string_view kInner = "__GI_";
     return std::any_of(frame.where.frames.begin(), frame.where.frames.end(), [&](const source_frame &f) {
         std::string_view function = f.function;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// root_folder.h - files below a folder that stands for another machine's root.
+// root_folder.h - files below a folder that is used as another machine's root.
 //
 // Every path, "..", and symbolic link is resolved inside the folder, so that an unpacked image reads as it would on its
 // own machine and nothing outside it is opened, whatever the log says.

@@ -168,7 +168,7 @@ int mode_of(const std::string &path)
 
 } // namespace
 
-// ---- ids: a second thread tells the thread's from the process's ----
+// ---- ids: on a second thread, the thread's id differs from the process's ----
 
 TEST(Ids, ADyingThread)
 {

@@ -46,7 +46,7 @@ bool shows(const Log &log, const std::string &function)
     return false;
 }
 
-// No entry stands there twice.
+// No entry is there twice.
 void expect_no_copies(const Log &log)
 {
     std::set<std::string> seen;
