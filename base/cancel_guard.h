@@ -5,7 +5,7 @@
 
 #include <pthread.h>
 
-namespace base {
+namespace qv::base {
 
 // Signal-safe. open(), write() and most other system calls are cancellation points: a pending pthread_cancel() would
 // end the thread there with descriptors open and locks held. The request stays pending and acts after the scope.
@@ -20,6 +20,6 @@ private:
     int saved_;
 };
 
-} // namespace base
+} // namespace qv::base
 
 #endif

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <span>
 
-namespace base {
+namespace qv::base {
 
 // The kernel's header of a control message on 64-bit machines; the data follows it, padded to a multiple of 8 bytes.
 struct cmsg_header {
@@ -108,6 +108,6 @@ private:
     cmsg_header header_{};
 };
 
-} // namespace base
+} // namespace qv::base
 
 #endif

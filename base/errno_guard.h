@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-namespace base {
+namespace qv::base {
 
 class errno_guard {
 public:
@@ -21,6 +21,6 @@ private:
     int saved_;
 };
 
-} // namespace base
+} // namespace qv::base
 
 #endif

@@ -11,7 +11,7 @@
 #ifndef LIBCOMMON_BASE_TAIL_QUEUE_H
 #define LIBCOMMON_BASE_TAIL_QUEUE_H
 
-namespace base {
+namespace qv::base {
 
 template <typename Queue>
 inline void tail_queue_init(Queue &queue)
@@ -40,6 +40,6 @@ inline void tail_queue_unlink(Queue &queue, Node &node)
     *node.prev = node.next;
 }
 
-} // namespace base
+} // namespace qv::base
 
 #endif

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace base {
+namespace qv::base {
 
 // Signal-safe, and no cancellation point: close() is one and would leave the descriptor open. A process may run with
 // descriptors 0 to 2 closed, so 0 is a valid descriptor.
@@ -43,6 +43,6 @@ private:
     int fd_ = -1;
 };
 
-} // namespace base
+} // namespace qv::base
 
 #endif

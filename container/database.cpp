@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+using namespace qv;
+
 static_assert(offsetof(database_node, next) == 8 && offsetof(database_node, prev) == 16);
 static_assert(offsetof(database_bucket, last) == 8 && sizeof(database_bucket) == 16);
 static_assert(offsetof(database_index, hash_fn) == 8 && offsetof(database_index, buckets) == 16);

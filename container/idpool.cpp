@@ -22,6 +22,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace qv;
+
 static_assert(offsetof(idpool, min_id) == 32 && offsetof(idpool, max_id) == 36 && offsetof(idpool, bitmap) == 40);
 static_assert(offsetof(idpool, words) == 48 && offsetof(idpool, next) == 52 && sizeof(idpool) == 56);
 

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+using namespace qv;
+
 static_assert(offsetof(idtable_node, size) == 0 && offsetof(idtable_node, count) == 2);
 static_assert(offsetof(idtable_node, slots) == sizeof(uintptr_t));
 

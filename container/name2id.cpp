@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace qv;
+
 static_assert(offsetof(name2id_entry, name) == 0);
 static_assert(offsetof(name2id_entry, id) == 256);
 static_assert(offsetof(name2id_entry, id2) == 260);

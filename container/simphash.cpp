@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+using namespace qv;
+
 static_assert(offsetof(simphash_entry, pprev) == 8 && offsetof(simphash_entry, value) == 16);
 static_assert(offsetof(simphash, log_size) == 8 && offsetof(simphash, mask) == 12 && sizeof(simphash) == 16);
 

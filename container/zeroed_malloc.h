@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace container {
+namespace qv::container {
 
 // From this size on the C library asks the system for a block of its own, which comes zeroed as it is touched; zeroing
 // it here would commit all of it, up to 16 GiB for the largest hash table.
@@ -24,6 +24,6 @@ inline void *zeroed_malloc(std::size_t size)
     return block;
 }
 
-} // namespace container
+} // namespace qv::container
 
 #endif

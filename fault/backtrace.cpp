@@ -17,6 +17,8 @@
 #include <cstring>
 #include <fcntl.h>
 
+using namespace qv;
+
 extern "C" {
 
 // Bounds of the host executable's code, from its link; a host linked without them has an empty text range.
@@ -117,7 +119,7 @@ void append_symbol(unsigned long addr, fault::symbol_lookup *lookup, fault::text
 
 } // namespace
 
-namespace fault {
+namespace qv::fault {
 
 const char *process_name(char (&buffer)[kCommandNameSize])
 {
@@ -188,7 +190,7 @@ int load_section_table(section_record *table)
     return 0;
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" {
 

@@ -24,7 +24,7 @@ void backtrace_symbol_to_buffer(unsigned long addr, char *out);
 
 } // extern "C"
 
-namespace fault {
+namespace qv::fault {
 
 // The process's (or, with thread traces, the thread's) name for logs: the kernel's, in `buffer`, or the program's where
 // the kernel's cannot be read.
@@ -65,6 +65,6 @@ inline pid_t traced_id()
     return qv_handle_thread != 0 ? thread_id() : ::getpid();
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -14,6 +14,8 @@
 #include <fcntl.h>
 #include <libgen.h>
 
+using namespace qv;
+
 namespace {
 
 void print_program_name()

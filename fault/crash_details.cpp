@@ -24,7 +24,9 @@
 #include <sys/resource.h>
 #include <sys/utsname.h>
 
-namespace fault {
+using namespace qv;
+
+namespace qv::fault {
 namespace {
 
 constexpr int kFormatVersion = 1;
@@ -218,7 +220,7 @@ void report_details(int fd, const crash_record &rec)
 }
 
 } // namespace
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" {
 

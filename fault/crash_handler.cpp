@@ -23,6 +23,8 @@
 #include <sys/stat.h>
 #include <ucontext.h>
 
+using namespace qv;
+
 extern "C" {
 
 // Bounds of the host executable's callback table, from its link; a host linked without them has no callbacks.
@@ -30,7 +32,7 @@ extern "C" {
 [[gnu::weak]] extern const qv_coredump_callback __qv_coredump_end[];
 }
 
-namespace fault {
+namespace qv::fault {
 
 int g_attach_signal = SIGALRM;
 std::atomic<std::size_t> g_fault_signal_count = kDefaultFaultSignals;
@@ -268,7 +270,7 @@ crash_record make_record(int sig, siginfo_t *info, void *uctx)
 }
 
 } // namespace
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" {
 

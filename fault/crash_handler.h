@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <span>
 
-namespace fault {
+namespace qv::fault {
 
 // Fixed numbers, agreed with the tools that send them, whatever the C library's SIGRTMIN is.
 inline constexpr int kDumpFileSignal = 51;
@@ -32,6 +32,6 @@ extern int g_attach_signal;
 // The sa_flags to arm the crash handler with: SA_ONSTACK is among them once a thread has asked for a stack.
 extern std::atomic<int> g_crash_action_flags;
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -13,6 +13,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+using namespace qv;
+
 static_assert(QV_COREDUMP_DEPTH == kMaxFrames);
 static_assert(offsetof(crash_record, signo) == 0 && offsetof(crash_record, info) == 8);
 static_assert(offsetof(crash_record, uctx) == 16 && offsetof(crash_record, fault_fp) == 24);
@@ -20,7 +22,7 @@ static_assert(offsetof(crash_record, stack_bottom) == 32 && offsetof(crash_recor
 static_assert(offsetof(crash_record, frames) == 200 && offsetof(crash_record, depth) == 360);
 static_assert(offsetof(crash_record, log_path) == 364 && sizeof(crash_record) == 496);
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr mode_t kMode = 0777; // less the umask
@@ -103,7 +105,7 @@ void write_log_head(int fd, const crash_record &rec)
                   machine.fault_address(), machine.program_counter(), machine.stack_pointer(), machine.state_word());
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" {
 

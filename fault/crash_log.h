@@ -6,7 +6,7 @@
 #include "base/unique_fd.h"
 #include "sighandler.h"
 
-namespace fault {
+namespace qv::fault {
 
 // What a log is about: the word in its file name.
 enum class log_kind { coredump, attach, term };
@@ -26,6 +26,6 @@ base::unique_fd open_log(const char *path);
 // Writes everything before the backtrace: process, signal, registers, fault address and state word.
 void write_log_head(int fd, const crash_record &rec);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

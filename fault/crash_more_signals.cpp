@@ -6,6 +6,8 @@
 
 #include <iterator>
 
+using namespace qv;
+
 extern "C" int qv_crash_more_signals(void)
 {
     using namespace fault;

@@ -18,7 +18,9 @@
 #include <cstdio>
 #include <cstring>
 
-namespace fault {
+using namespace qv;
+
+namespace qv::fault {
 namespace {
 
 struct crash_note {
@@ -106,7 +108,7 @@ void report_notes(int fd)
     }
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" void qv_crash_note(const char *format, ...)
 {

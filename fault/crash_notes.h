@@ -3,7 +3,7 @@
 #ifndef LIBCOMMON_FAULT_CRASH_NOTES_H
 #define LIBCOMMON_FAULT_CRASH_NOTES_H
 
-namespace fault {
+namespace qv::fault {
 
 // What an object cache found before it ends the process.
 struct cache_misuse {
@@ -22,6 +22,6 @@ void report_cache_misuse(int fd);
 // Writes a line for each note of a thread that is alive in this process.
 void report_notes(int fd);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

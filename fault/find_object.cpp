@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <dlfcn.h>
 
+using namespace qv;
+
 #if __GLIBC_PREREQ(2, 35)
 static_assert(offsetof(fault::found_object, start) == offsetof(dl_find_object, dlfo_map_start));
 static_assert(offsetof(fault::found_object, end) == offsetof(dl_find_object, dlfo_map_end));
@@ -12,7 +14,7 @@ static_assert(offsetof(fault::found_object, map) == offsetof(dl_find_object, dlf
 static_assert(sizeof(fault::found_object) >= sizeof(dl_find_object));
 #endif
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 [[gnu::constructor]] void ask_for_find_object()
@@ -21,4 +23,4 @@ namespace {
 }
 
 } // namespace
-} // namespace fault
+} // namespace qv::fault

@@ -5,7 +5,7 @@
 
 #include <link.h>
 
-namespace fault {
+namespace qv::fault {
 
 // As _dl_find_object() fills it. Declared here, for the headers of older C libraries lack it.
 struct found_object {
@@ -22,6 +22,6 @@ using find_object_function = int (*)(void *address, found_object *found);
 // even a weak one, would carry that version and keep the library from being loaded with an older one.
 extern find_object_function find_object;
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+using namespace qv;
+
 namespace {
 
 constexpr int kBytesPerLine = 16;

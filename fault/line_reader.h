@@ -8,7 +8,7 @@
 #include <cstring>
 #include <unistd.h>
 
-namespace fault {
+namespace qv::fault {
 
 inline constexpr std::size_t kLineSize = 1024;
 
@@ -121,6 +121,6 @@ inline bool parse_mapping(char *line, mapping_line *mapping)
     return true;
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

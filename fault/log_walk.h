@@ -13,12 +13,12 @@
 
 #include "fault/machine_context.h"
 
-namespace fault {
+namespace qv::fault {
 
 // Parameters and result as those of qv_backtrace_spec(); neither array nor `bottom` is null.
 int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned long *frames, int max,
                  unsigned long *bottom);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -6,7 +6,7 @@
 
 #include "backtrace.h"
 
-namespace fault {
+namespace qv::fault {
 
 int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned long *frames, int max,
                  unsigned long *bottom)
@@ -14,6 +14,6 @@ int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned 
     return qv_backtrace_spec(machine.frame_pointer(), machine.program_counter(), 0, addrs, frames, max, bottom);
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

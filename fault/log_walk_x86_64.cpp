@@ -8,7 +8,7 @@
 #include "fault/backtrace_internal.h"
 #include "fault/safe_memory.h"
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr unsigned long kWord = sizeof(unsigned long);
@@ -200,6 +200,6 @@ int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned 
     return chain.count;
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -9,7 +9,7 @@
 
 #include <ucontext.h>
 
-namespace fault {
+namespace qv::fault {
 
 inline constexpr unsigned kRegisterSlots = 32;
 
@@ -38,6 +38,6 @@ bool ends_in_call(const unsigned char *end);
 // A return address without the signature that some processors put into its upper bits.
 unsigned long strip_signature(unsigned long return_address);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr unsigned kFramePointer = 29;
@@ -82,6 +82,6 @@ unsigned long strip_signature(unsigned long return_address)
     return return_address;
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

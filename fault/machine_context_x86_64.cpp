@@ -4,7 +4,7 @@
 
 #if defined(__x86_64__)
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr int kNoRegister = -1;
@@ -101,6 +101,6 @@ unsigned long strip_signature(unsigned long return_address)
     return return_address;
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -18,7 +18,7 @@
 #include <fcntl.h>
 #include <link.h>
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr std::size_t kMaxPath = 512;
@@ -246,4 +246,4 @@ void report_modules(int fd)
     is_noting.clear(std::memory_order_release);
 }
 
-} // namespace fault
+} // namespace qv::fault

@@ -3,7 +3,7 @@
 #ifndef LIBCOMMON_FAULT_MODULE_REPORT_H
 #define LIBCOMMON_FAULT_MODULE_REPORT_H
 
-namespace fault {
+namespace qv::fault {
 
 // Remembers which modules are loaded now. Does nothing while another thread's call runs.
 void note_modules();
@@ -11,6 +11,6 @@ void note_modules();
 // Writes a line for each module, then one for each that was noted earlier and is gone.
 void report_modules(int fd);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -13,7 +13,7 @@
 #include <link.h>
 #include <sys/auxv.h>
 
-namespace fault {
+namespace qv::fault {
 
 find_object_function find_object;
 
@@ -452,4 +452,4 @@ void symbol_lookup::append_text(unsigned long from, text_buffer *text)
     }
 }
 
-} // namespace fault
+} // namespace qv::fault

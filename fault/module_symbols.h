@@ -19,7 +19,7 @@
 
 #include <cstddef>
 
-namespace fault {
+namespace qv::fault {
 
 // Builds a text in a caller-provided buffer. Text that does not fit is cut and still counted. Terminated after each
 // step if there is any room.
@@ -105,6 +105,6 @@ private:
     unsigned long symbol_address_ = 0;
 };
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -26,7 +26,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 using std::uint64_t;
@@ -406,4 +406,4 @@ bool is_handler_running()
     return is_running_here;
 }
 
-} // namespace fault
+} // namespace qv::fault

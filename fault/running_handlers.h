@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <ucontext.h>
 
-namespace fault {
+namespace qv::fault {
 
 // One run of the handler. Lies in the handler's frame: its address says which of two runs on a stack is the inner one.
 class running_handler {
@@ -60,6 +60,6 @@ bool is_other_log_unfinished();
 // Whether any handler runs in this process.
 bool is_handler_running();
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

@@ -8,7 +8,7 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 // The smallest page of any port. With larger pages some calls are redundant.
@@ -160,4 +160,4 @@ bool safe_memory::pass_through_pipe(unsigned long address, unsigned char *to, st
     return ::read(read_end_.get(), to, static_cast<std::size_t>(written)) == static_cast<ssize_t>(size);
 }
 
-} // namespace fault
+} // namespace qv::fault

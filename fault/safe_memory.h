@@ -17,7 +17,7 @@
 
 #include <cstddef>
 
-namespace fault {
+namespace qv::fault {
 
 class safe_memory {
 public:
@@ -52,6 +52,6 @@ private:
     base::unique_fd write_end_;
 };
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

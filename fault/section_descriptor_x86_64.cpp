@@ -4,7 +4,7 @@
 
 #if defined(__x86_64__)
 
-namespace fault {
+namespace qv::fault {
 
 unsigned long section_descriptor_word()
 {
@@ -13,6 +13,6 @@ unsigned long section_descriptor_word()
     return descriptor[1];
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

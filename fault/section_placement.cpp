@@ -6,13 +6,15 @@
 #include "fault/backtrace_internal.h"
 #include "fault/section_table.h"
 
+using namespace qv;
+
 extern "C" {
 __thread struct section_record section_rec[QV_SECTION_MAX];
 }
 
 static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 // Another library's constructor may call this before the library's own one does. Two threads cannot be here at once:
@@ -51,7 +53,7 @@ section_record *make_section_table()
 }
 
 } // namespace
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" int procps_read_maps(void)
 {

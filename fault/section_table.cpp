@@ -8,7 +8,7 @@
 #include <csignal>
 #include <pthread.h>
 
-namespace fault {
+namespace qv::fault {
 
 constinit section_placement placement{};
 
@@ -96,4 +96,4 @@ handler_section_table::~handler_section_table()
     }
 }
 
-} // namespace fault
+} // namespace qv::fault

@@ -19,7 +19,7 @@
 #include <atomic>
 #include <pthread.h>
 
-namespace fault {
+namespace qv::fault {
 
 // Written once, while the library is loaded; `where` last.
 struct section_placement {
@@ -56,6 +56,6 @@ private:
 // that is the same in every thread. One file per architecture.
 unsigned long section_descriptor_word();
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

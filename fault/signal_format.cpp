@@ -16,6 +16,8 @@
 #include <string_view>
 #include <unistd.h>
 
+using namespace qv;
+
 int __res;
 int signal_context_flag;
 

@@ -14,6 +14,8 @@
 #include <csignal>
 #include <execinfo.h>
 
+using namespace qv;
+
 namespace {
 
 using fault::g_attach_signal;

@@ -18,7 +18,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace fault {
+using namespace qv;
+
+namespace qv::fault {
 
 std::atomic<int> g_crash_action_flags = SA_SIGINFO;
 
@@ -122,7 +124,7 @@ void move_handlers_to_signal_stack()
 }
 
 } // namespace
-} // namespace fault
+} // namespace qv::fault
 
 extern "C" int qv_use_signal_stack(void)
 {

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <fcntl.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr std::size_t kPathSize = 128;

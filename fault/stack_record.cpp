@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace qv;
+
 extern "C" {
 
 uint64_t g_process_stack_start;

@@ -4,7 +4,7 @@
 #include "backtrace.h"
 #include "fault/machine_context.h"
 
-namespace fault {
+namespace qv::fault {
 
 bool follows_call(safe_memory *code, unsigned long address)
 {
@@ -15,4 +15,4 @@ bool follows_call(safe_memory *code, unsigned long address)
            ends_in_call(before + sizeof before);
 }
 
-} // namespace fault
+} // namespace qv::fault

@@ -5,7 +5,7 @@
 
 #include "fault/safe_memory.h"
 
-namespace fault {
+namespace qv::fault {
 
 // Whether the word is an address in an executable mapping, directly after a call instruction. Words that earlier calls
 // left on the stack count too.
@@ -24,6 +24,6 @@ void scan_stack(safe_memory *stack, safe_memory *code, unsigned long from, unsig
     }
 }
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

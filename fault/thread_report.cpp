@@ -20,7 +20,7 @@
 #include <linux/futex.h>
 #include <pthread.h>
 
-namespace fault {
+namespace qv::fault {
 namespace {
 
 constexpr std::size_t kPathSize = 64;
@@ -300,4 +300,4 @@ void report_threads(int fd)
     thread_reporter(fd).report();
 }
 
-} // namespace fault
+} // namespace qv::fault

@@ -3,11 +3,11 @@
 #ifndef LIBCOMMON_FAULT_THREAD_REPORT_H
 #define LIBCOMMON_FAULT_THREAD_REPORT_H
 
-namespace fault {
+namespace qv::fault {
 
 // Writes lines for each thread of the process, and a line for each circle of threads that wait for one another.
 void report_threads(int fd);
 
-} // namespace fault
+} // namespace qv::fault
 
 #endif

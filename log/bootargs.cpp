@@ -15,6 +15,8 @@
 #include <fcntl.h>
 #include <iterator>
 
+using namespace qv;
+
 namespace {
 
 constexpr const char *kCmdline = "/proc/cmdline";

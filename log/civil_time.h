@@ -8,7 +8,7 @@
 
 #include <ctime>
 
-namespace console {
+namespace qv::console {
 
 struct civil_time {
     long year; // 64 bits: every time_t has its year
@@ -75,6 +75,6 @@ inline civil_time civil_from_time(std::time_t time)
     return result;
 }
 
-} // namespace console
+} // namespace qv::console
 
 #endif

@@ -13,7 +13,7 @@
 #include <cstdarg>
 #include <ctime>
 
-namespace console {
+namespace qv::console {
 namespace {
 
 // The ordinary stamp, in local time by the offset that ordinary code stored; in UTC before that.
@@ -68,4 +68,4 @@ int print_from_handler(const char *format, ...)
     return length;
 }
 
-} // namespace console
+} // namespace qv::console

@@ -17,7 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace console {
+namespace qv::console {
 
 inline constexpr const char *kConsolePath = "/dev/console";
 inline constexpr const char *kSerialPath = "/dev/ttyS0";
@@ -146,6 +146,6 @@ int print_from_handler(const char *format, ...);
 // For a caller that is about to close all descriptors from `first` up.
 void forget_devices(int first);
 
-} // namespace console
+} // namespace qv::console
 
 #endif

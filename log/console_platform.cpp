@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using namespace qv;
+
 int (*mirror_func)(const char *format, va_list ap) = nullptr;
 
 // The host's answer whether console output is kept off. A host without this function prints.
@@ -49,7 +51,7 @@ bool list_prefers(const char *list, const char *name)
 
 } // namespace
 
-namespace console {
+namespace qv::console {
 
 int console_wanted()
 {
@@ -71,7 +73,7 @@ void show_to_mirror(const char *format, va_list ap, int error)
     va_end(copy);
 }
 
-} // namespace console
+} // namespace qv::console
 
 extern "C" {
 

@@ -6,7 +6,7 @@
 
 #include <cstdarg>
 
-namespace console {
+namespace qv::console {
 
 // Whether console_print() writes to the console devices: 1 unless the host's qv_is_numa_ssm() is non-zero.
 int console_wanted();
@@ -14,6 +14,6 @@ int console_wanted();
 // Calls the mirror hook, if there is one, with the caller's errno.
 void show_to_mirror(const char *format, va_list ap, int error);
 
-} // namespace console
+} // namespace qv::console
 
 #endif

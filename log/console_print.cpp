@@ -16,6 +16,8 @@
 #include <ctime>
 #include <string_view>
 
+using namespace qv;
+
 namespace {
 
 constexpr std::size_t kMaxSize = 16383; // largest buffer, terminator included

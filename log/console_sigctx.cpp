@@ -11,6 +11,8 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 
+using namespace qv;
+
 namespace {
 
 // The date by the raw system call, which does not use the C library's time-zone code. The label says UTC although the

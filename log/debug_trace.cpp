@@ -23,6 +23,8 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
+using namespace qv;
+
 int __qv_debug_where = QV_TRACE_TO_STDERR;
 int __qv_debug_detail = 3;
 int __qv_debug_level = QV_TRACE_ERROR;

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace console {
+namespace qv::console {
 namespace {
 
 constexpr std::size_t kFormatSize = 1024;
@@ -141,4 +141,4 @@ int format_in_handler(char *out, std::size_t size, const char *format, va_list a
     return length;
 }
 
-} // namespace console
+} // namespace qv::console

@@ -6,12 +6,12 @@
 #include <cstdarg>
 #include <cstddef>
 
-namespace console {
+namespace qv::console {
 
 // vsnprintf() with %m as the English description of error in every locale. The C library's own %m looks for a
 // translation, which takes locks and allocates. Signal-safe if the other conversions are. ap is not changed.
 int format_in_handler(char *out, std::size_t size, const char *format, va_list ap, int error);
 
-} // namespace console
+} // namespace qv::console
 
 #endif

@@ -5,7 +5,7 @@
 
 #include "debug_trace.h"
 
-namespace trace {
+namespace qv::trace {
 
 // Reports at error level under a family's source name and one of its line numbers.
 inline void error(const char *source, int line, const char *text)
@@ -16,6 +16,6 @@ inline void error(const char *source, int line, const char *text)
     __qv_print_val = result + __qv_print_msg("%s", text);
 }
 
-} // namespace trace
+} // namespace qv::trace
 
 #endif

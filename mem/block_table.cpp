@@ -6,7 +6,7 @@
 #include <bit>
 #include <cstring>
 
-namespace live_blocks {
+namespace qv::live_blocks {
 namespace {
 
 constexpr unsigned kSlotMask = kSlots - 1;
@@ -119,4 +119,4 @@ unsigned block_table::rebuild()
     return blocks;
 }
 
-} // namespace live_blocks
+} // namespace qv::live_blocks

@@ -18,7 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace live_blocks {
+namespace qv::live_blocks {
 
 inline constexpr unsigned kSlots = MTRACE_TABLE_SIZE;
 
@@ -60,6 +60,6 @@ private:
     void add_to_index(unsigned slot);
 };
 
-} // namespace live_blocks
+} // namespace qv::live_blocks
 
 #endif

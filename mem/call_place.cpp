@@ -10,7 +10,7 @@
 #include <cstring>
 #include <pthread.h>
 
-namespace call_place {
+namespace qv::call_place {
 namespace {
 
 constexpr int kSlotBits = 8;
@@ -115,4 +115,4 @@ void after_fork_in_child()
         each.caller = 0;
 }
 
-} // namespace call_place
+} // namespace qv::call_place

@@ -8,7 +8,7 @@
 
 #include <cstddef>
 
-namespace call_place {
+namespace qv::call_place {
 
 // Writes "@ FILE:(SYMBOL+0xOFFSET)[0xADDRESS] ", with the address as in the file; "@ [0xADDRESS] " where no module is
 // known. Cuts the text to the size and returns its length.
@@ -16,6 +16,6 @@ std::size_t write(char *to, std::size_t size, const void *caller);
 
 void after_fork_in_child();
 
-} // namespace call_place
+} // namespace qv::call_place
 
 #endif

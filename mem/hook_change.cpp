@@ -9,7 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace hooks {
+namespace qv::hooks {
 namespace {
 
 // The thread that makes a change; 0 for none. One word, so that a signal handler never reads a part of it.
@@ -116,4 +116,4 @@ void after_fork_in_child()
         end_change();
 }
 
-} // namespace hooks
+} // namespace qv::hooks

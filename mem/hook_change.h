@@ -8,7 +8,7 @@
 #ifndef LIBCOMMON_MEM_HOOK_CHANGE_H
 #define LIBCOMMON_MEM_HOOK_CHANGE_H
 
-namespace hooks {
+namespace qv::hooks {
 
 // A change. Waits for another thread's change, and for forks. Inside another scope of the same thread it does nothing.
 // Its end does the deferred work.
@@ -36,6 +36,6 @@ void before_fork();
 void after_fork_in_parent();
 void after_fork_in_child();
 
-} // namespace hooks
+} // namespace qv::hooks
 
 #endif

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <type_traits>
 
+using namespace qv;
+
 extern "C" {
 hooks::malloc_fn __malloc_hook = nullptr;
 hooks::free_fn __free_hook = nullptr;
@@ -13,7 +15,7 @@ hooks::free_fn old_free_hook = nullptr;
 hooks::realloc_fn old_realloc_hook = nullptr;
 } // extern "C"
 
-namespace hooks {
+namespace qv::hooks {
 
 constinit threads::set inside;
 bool intercepting = false;
@@ -203,4 +205,4 @@ void put_back_in_child()
     put_back(__realloc_hook, below.realloc, hidden.realloc);
 }
 
-} // namespace hooks
+} // namespace qv::hooks

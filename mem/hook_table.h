@@ -39,7 +39,7 @@ void *__libc_realloc(void *ptr, std::size_t size);
 void __libc_free(void *ptr);
 } // extern "C"
 
-namespace hooks {
+namespace qv::hooks {
 
 using malloc_fn = void *(*)(std::size_t size, const void *caller);
 using free_fn = void (*)(void *ptr, const void *caller);
@@ -244,6 +244,6 @@ inline std::uint32_t chunk_size(void *ptr)
     return static_cast<std::uint32_t>(::malloc_usable_size(ptr) + words * sizeof(std::size_t));
 }
 
-} // namespace hooks
+} // namespace qv::hooks
 
 #endif

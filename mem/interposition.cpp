@@ -12,7 +12,9 @@
 #include <cerrno>
 #include <cstring>
 
-namespace hooks {
+using namespace qv;
+
+namespace qv::hooks {
 namespace {
 
 // Set by the library's malloc() when its thread is in `inside`: proves that the process's malloc() is the library's.
@@ -59,7 +61,7 @@ size_source find_size_source()
 }
 
 } // namespace
-} // namespace hooks
+} // namespace qv::hooks
 
 // ---- at load ----
 

@@ -3,6 +3,8 @@
 #include "mem/hook_table.h"
 #include "mem/light_stats.h"
 
+using namespace qv;
+
 const hooks::own_set light::kHooks = {{my_malloc_light_hook, my_free_light_hook, my_realloc_light_hook},
                                       {light::allocate, light::release, light::reallocate},
                                       false};

@@ -7,7 +7,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-namespace light {
+namespace qv::light {
 
 std::uintptr_t owners[kShards];
 statistics shards[kShards];
@@ -155,4 +155,4 @@ void after_fork_in_child()
             owner = 0;
 }
 
-} // namespace light
+} // namespace qv::light

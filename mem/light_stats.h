@@ -13,7 +13,7 @@
 #include <bit>
 #include <cstdint>
 
-namespace light {
+namespace qv::light {
 
 inline constexpr unsigned kClasses = 32;
 
@@ -135,6 +135,6 @@ void clear();
 void watch_threads(); // once, at load
 void after_fork_in_child();
 
-} // namespace light
+} // namespace qv::light
 
 #endif

@@ -7,13 +7,15 @@
 #include <unistd.h>
 #include <utility>
 
+using namespace qv;
+
 // The C library's assertion failure, called by name so that NDEBUG does not remove it.
 extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
                                            const char *function) noexcept;
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 
-namespace live_blocks {
+namespace qv::live_blocks {
 
 constinit tracing_state state;
 
@@ -252,7 +254,7 @@ tracing_state read_state()
     return state;
 }
 
-} // namespace live_blocks
+} // namespace qv::live_blocks
 
 extern "C" {
 

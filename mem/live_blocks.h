@@ -13,7 +13,7 @@
 #include <ctime>
 #include <pthread.h>
 
-namespace live_blocks {
+namespace qv::live_blocks {
 
 class table_lock {
 public:
@@ -62,6 +62,6 @@ void before_fork();
 void after_fork_in_parent();
 void after_fork_in_child();
 
-} // namespace live_blocks
+} // namespace qv::live_blocks
 
 #endif

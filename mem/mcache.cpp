@@ -16,6 +16,8 @@
 #include <pthread.h>
 #include <type_traits>
 
+using namespace qv;
+
 struct mcache_page {
     std::uint64_t magic;
     std::uint32_t free_count;

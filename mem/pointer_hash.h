@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-namespace mem {
+namespace qv::mem {
 
 // The top `bits` bits of the product with 2^64 divided by the golden ratio. Addresses are multiples of an alignment, so
 // their low bits do not differ; those of the product that depend on all bits are the top ones.
@@ -14,6 +14,6 @@ inline unsigned pointer_hash(std::uintptr_t address, int bits)
     return static_cast<unsigned>(address * 0x9E3779B97F4A7C15 >> (64 - bits));
 }
 
-} // namespace mem
+} // namespace qv::mem
 
 #endif

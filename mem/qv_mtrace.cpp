@@ -17,6 +17,8 @@
 #include <span>
 #include <utility>
 
+using namespace qv;
+
 static_assert(sizeof(leak_group) == 72 && offsetof(leak_group, trace) == 8);
 static_assert(sizeof(mtrace_class_row) == 32);
 static_assert(offsetof(mtrace_stat_record, full) == 4 && offsetof(mtrace_stat_record, reserved1) == 32);

@@ -13,6 +13,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr std::uintptr_t kLine = 16;       // bytes

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <sched.h>
 
-namespace threads {
+namespace qv::threads {
 
 inline std::uintptr_t self()
 {
@@ -83,6 +83,6 @@ private:
     std::uintptr_t slots_[kSlots] = {};
 };
 
-} // namespace threads
+} // namespace qv::threads
 
 #endif

@@ -28,7 +28,9 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-namespace trace_file {
+using namespace qv;
+
+namespace qv::trace_file {
 
 namespace {
 
@@ -382,7 +384,7 @@ void close_file(int first)
         flush();
 }
 
-} // namespace trace_file
+} // namespace qv::trace_file
 
 extern "C" {
 

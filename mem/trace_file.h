@@ -7,7 +7,7 @@
 
 #include "mem/hook_table.h"
 
-namespace trace_file {
+namespace qv::trace_file {
 
 extern const hooks::own_set kHooks;
 
@@ -17,6 +17,6 @@ void close_file(int first);
 
 void after_fork_in_child();
 
-} // namespace trace_file
+} // namespace qv::trace_file
 
 #endif

@@ -9,7 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace trace_file {
+namespace qv::trace_file {
 namespace {
 
 constexpr std::string_view kName = "MALLOC_TRACE=";
@@ -84,4 +84,4 @@ void unset_trace_variable()
         __atomic_store_n(entry, entry[1], __ATOMIC_RELEASE);
 }
 
-} // namespace trace_file
+} // namespace qv::trace_file

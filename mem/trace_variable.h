@@ -4,12 +4,12 @@
 #ifndef LIBCOMMON_MEM_TRACE_VARIABLE_H
 #define LIBCOMMON_MEM_TRACE_VARIABLE_H
 
-namespace trace_file {
+namespace qv::trace_file {
 
 // Signal-safe. If another thread changes the environment at the same time, one of the two changes may be lost.
 void set_trace_variable(const char *path);
 void unset_trace_variable();
 
-} // namespace trace_file
+} // namespace qv::trace_file
 
 #endif

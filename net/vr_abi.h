@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace vr_abi {
+namespace qv::vr_abi {
 
 // Socket options and control messages, on the IP and the IPv6 level.
 inline constexpr int kIpGetVr = 30; // getsockopt() option, and message type on receive
@@ -60,6 +60,6 @@ inline constexpr std::size_t kIfNameSize = 16;
 
 inline constexpr unsigned kShared = 2; // in the flags of interfaces and VRs: shared between virtual systems
 
-} // namespace vr_abi
+} // namespace qv::vr_abi
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace vr_abi {
+namespace qv::vr_abi {
 
 // Does not own the bytes, and does not know how many there are: every offset comes from vr_abi.h.
 class record_view {
@@ -35,6 +35,6 @@ private:
     unsigned char *bytes_;
 };
 
-} // namespace vr_abi
+} // namespace qv::vr_abi
 
 #endif

@@ -16,6 +16,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+using namespace qv;
 using namespace vr_abi;
 
 namespace {

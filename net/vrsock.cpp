@@ -11,6 +11,8 @@
 #include <cstring>
 #include <sys/uio.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr std::size_t kHeader = sizeof(base::cmsg_header);

@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+using namespace qv;
+
 namespace {
 
 constexpr unsigned kMaxTotalBits = 30;

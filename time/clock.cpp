@@ -10,6 +10,8 @@
 #include <atomic>
 #include <pthread.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr long kNanosecondsPerMicrosecond = 1000;

@@ -10,7 +10,7 @@
 #include <ctime>
 #include <pthread.h>
 
-namespace timers {
+namespace qv::timers {
 
 // Waits for the mutex while will_unlock(), called every 10 ms, says that its holder will unlock it.
 // @return whether the mutex was locked
@@ -32,6 +32,6 @@ bool lock_for_fork(pthread_mutex_t &mutex, WillUnlock will_unlock)
     return pthread_mutex_trylock(&mutex) == 0; // it may have been unlocked just now
 }
 
-} // namespace timers
+} // namespace qv::timers
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-namespace local_time {
+namespace qv::local_time {
 
 // tzset() and localtime_r(), as qv_localtime_r() does them, and leaves the zone's offset for signal handlers.
 bool convert_for_log(std::time_t now, tm *out);
@@ -16,6 +16,6 @@ bool convert_for_trace(std::time_t now, tm *out);
 // Leaves the offset of the moment for signal handlers that are about to be installed.
 void prepare_handlers();
 
-} // namespace local_time
+} // namespace qv::local_time
 
 #endif

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <type_traits>
 
+using namespace qv;
+
 // Only where the loaded heap library has it.
 extern "C" [[gnu::weak]] decltype(__heap_new_keyed) __heap_new_keyed;
 

@@ -5,7 +5,7 @@
 
 #include <sys/time.h>
 
-namespace timers {
+namespace qv::timers {
 
 // Without a branch: in a heap the result is not predictable.
 inline bool is_later(const timeval &a, const timeval &b)
@@ -13,6 +13,6 @@ inline bool is_later(const timeval &a, const timeval &b)
     return (a.tv_sec > b.tv_sec) | ((a.tv_sec == b.tv_sec) & (a.tv_usec > b.tv_usec));
 }
 
-} // namespace timers
+} // namespace qv::timers
 
 #endif

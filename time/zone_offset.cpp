@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-namespace zone {
+namespace qv::zone {
 namespace {
 
 struct copy {
@@ -45,4 +45,4 @@ void store_offsets(const offsets &record)
     generation.store(next, std::memory_order_release);
 }
 
-} // namespace zone
+} // namespace qv::zone

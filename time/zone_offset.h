@@ -16,7 +16,7 @@
 
 #include <ctime>
 
-namespace zone {
+namespace qv::zone {
 
 struct offsets {
     long offset = 0; // seconds east of UTC
@@ -32,6 +32,6 @@ bool load_offsets(offsets *out);
 // Stores the record. One caller at a time.
 void store_offsets(const offsets &record);
 
-} // namespace zone
+} // namespace qv::zone
 
 #endif

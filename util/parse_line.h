@@ -5,7 +5,7 @@
 
 #include <array>
 
-namespace util {
+namespace qv::util {
 
 inline constexpr int kMaxWords = 32;
 
@@ -17,6 +17,6 @@ using word_list = std::array<char *, kMaxWords + 1>;
 // standard output, for more than 32 words and for 32 words followed by blanks; the first 32 are in argv even then.
 int parse_line(char *line, char **argv);
 
-} // namespace util
+} // namespace qv::util
 
 #endif

@@ -14,6 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr mode_t kFileMode = 0644;

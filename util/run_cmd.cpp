@@ -22,10 +22,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using namespace qv;
+
 // All streams of the process, linked by FILE::_chain. The C library exports it for its own inline functions.
 extern "C" std::FILE *_IO_list_all;
 
-namespace util {
+namespace qv::util {
 
 int parse_line(char *line, char **argv)
 {
@@ -50,7 +52,7 @@ int parse_line(char *line, char **argv)
     return count;
 }
 
-} // namespace util
+} // namespace qv::util
 
 namespace {
 

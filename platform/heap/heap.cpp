@@ -22,6 +22,8 @@
 #include <cstring>
 #include <sys/time.h>
 
+using namespace qv;
+
 namespace {
 
 constexpr std::size_t kArity = 4;

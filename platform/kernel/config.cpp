@@ -19,7 +19,9 @@
 #include <cstring>
 #include <fcntl.h>
 
-namespace vrkernel {
+using namespace qv;
+
+namespace qv::vrkernel {
 
 namespace {
 
@@ -289,4 +291,4 @@ bool read_config(const char *config, int fd, tables &into)
     return good;
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

@@ -3,7 +3,7 @@
 #ifndef LIBCOMMON_PLATFORM_KERNEL_CONFIG_H
 #define LIBCOMMON_PLATFORM_KERNEL_CONFIG_H
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 struct tables;
 
@@ -11,6 +11,6 @@ struct tables;
 // standard error for each mistake; false if there was one.
 bool read_config(const char *config, int fd, tables &into);
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

@@ -15,9 +15,10 @@
 #include <span>
 #include <sys/uio.h>
 
+using namespace qv;
 using namespace vr_abi;
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 namespace {
 
@@ -457,4 +458,4 @@ int receive_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flag
     return done;
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 struct tables;
 
@@ -19,6 +19,6 @@ ssize_t receive_from(tables &all, int fd, void *data, size_t size, int flags, so
 int send_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags);
 int receive_all(tables &all, int fd, mmsghdr *messages, unsigned count, int flags, timespec *timeout);
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

@@ -13,6 +13,9 @@
 #include <cstdlib>
 #include <sys/ioctl.h>
 
+using namespace qv;
+using namespace qv;
+
 #define VRKERNEL_EXPORT extern "C" [[gnu::visibility("default")]]
 
 extern "C" [[noreturn]] void __chk_fail(); // ends a program that overruns a buffer

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 
-namespace vrkernel {
+using namespace qv;
+
+namespace qv::vrkernel {
 
 namespace {
 
@@ -187,4 +189,4 @@ void forget_main_address(tables &all, int fd)
     real::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &previous, sizeof previous);
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <sys/socket.h>
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 struct tables;
 
@@ -88,6 +88,6 @@ int bind_if_unbound(tables &all, int fd, unsigned vr);
 // the address too, so that the socket can be put into another VR.
 void forget_main_address(tables &all, int fd);
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

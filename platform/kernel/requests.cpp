@@ -9,9 +9,10 @@
 #include <cstring>
 #include <net/if.h>
 
+using namespace qv;
 using namespace vr_abi;
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 namespace {
 
@@ -215,4 +216,4 @@ int answer(tables &all, unsigned long request, void *argument)
     return command != nullptr ? take_command(all, record(command)) : EFAULT;
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

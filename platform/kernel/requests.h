@@ -3,7 +3,7 @@
 #ifndef LIBCOMMON_PLATFORM_KERNEL_REQUESTS_H
 #define LIBCOMMON_PLATFORM_KERNEL_REQUESTS_H
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 struct tables;
 
@@ -16,6 +16,6 @@ bool is_ours(unsigned long request, const void *argument);
 // EINVAL: a VR of another vsys; EFAULT: no record.
 int answer(tables &all, unsigned long request, void *argument);
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

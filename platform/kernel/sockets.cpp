@@ -10,7 +10,9 @@
 
 #include <algorithm>
 
-namespace vrkernel {
+using namespace qv;
+
+namespace qv::vrkernel {
 
 namespace {
 
@@ -130,4 +132,4 @@ int peer_name(tables &all, int fd, sockaddr *to, socklen_t *room)
     return give_name(all, fd, to, room, real::getpeername);
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

@@ -8,7 +8,7 @@
 
 #include <sys/socket.h>
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 struct tables;
 
@@ -24,6 +24,6 @@ int connect(tables &all, int fd, const sockaddr *address, socklen_t length);
 int own_name(tables &all, int fd, sockaddr *address, socklen_t *length);  // getsockname()
 int peer_name(tables &all, int fd, sockaddr *address, socklen_t *length); // getpeername()
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

@@ -5,7 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-namespace vrkernel::real {
+namespace qv::vrkernel::real {
 
 namespace {
 
@@ -115,4 +115,4 @@ int ioctl(int fd, unsigned long request, void *argument)
     return static_cast<int>(::syscall(SYS_ioctl, fd, request, argument));
 }
 
-} // namespace vrkernel::real
+} // namespace qv::vrkernel::real

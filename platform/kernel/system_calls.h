@@ -7,7 +7,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-namespace vrkernel::real {
+namespace qv::vrkernel::real {
 
 // Looks up the C library's functions. Called once at load, because the first call may be in a signal handler.
 void look_up();
@@ -29,6 +29,6 @@ int getsockname(int fd, void *address, socklen_t *length);
 int getpeername(int fd, void *address, socklen_t *length);
 int ioctl(int fd, unsigned long request, void *argument);
 
-} // namespace vrkernel::real
+} // namespace qv::vrkernel::real
 
 #endif

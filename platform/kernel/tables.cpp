@@ -16,7 +16,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-namespace vrkernel {
+using namespace qv;
+
+namespace qv::vrkernel {
 
 namespace {
 
@@ -225,4 +227,4 @@ bool forget(const char *config)
     return ::shm_unlink(name) == 0 || errno == ENOENT;
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel

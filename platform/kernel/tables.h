@@ -17,7 +17,7 @@
 #include <ctime>
 #include <sys/types.h>
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 inline constexpr const char *kConfigVariable = "VRKERNEL_CONFIG";
 inline constexpr std::size_t kVsysLimit = 256;
@@ -93,6 +93,6 @@ tables *attach(const char *config);
 // gone or replaced. Running processes keep what they have.
 bool forget(const char *config);
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

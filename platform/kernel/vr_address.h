@@ -18,7 +18,7 @@
 #include <netinet/in.h>
 #include <optional>
 
-namespace vrkernel {
+namespace qv::vrkernel {
 
 inline constexpr std::uint32_t kLoopback = 0x7F000000; // 127.0.0.0/24 is the IPv4 network of each VR
 inline constexpr std::uint32_t kOutside = 0x7F800000;  // 127.128.0.0/9
@@ -99,6 +99,6 @@ inline in6_addr inner_address6(const inner &a)
     return address;
 }
 
-} // namespace vrkernel
+} // namespace qv::vrkernel
 
 #endif

@@ -15,6 +15,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace {
 
 // Like those of grep: kNo is not an error.

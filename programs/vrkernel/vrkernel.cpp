@@ -16,6 +16,7 @@
 
 namespace {
 
+using namespace qv;
 using namespace vrkernel;
 
 constexpr int kUsage = 2;

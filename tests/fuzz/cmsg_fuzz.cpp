@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace qv;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     if (size < 1)

@@ -7,6 +7,8 @@
 #include <string_view>
 #include <sys/mman.h>
 
+using namespace qv;
+
 namespace {
 
 void require(bool holds)

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <string>
 
+using namespace qv;
+
 // Each line of too many words is reported on standard output.
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {

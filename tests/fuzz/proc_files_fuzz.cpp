@@ -19,6 +19,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace {
 
 void require(bool holds)

@@ -13,6 +13,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+using namespace qv;
+using namespace qv;
+
 namespace {
 
 void require(bool held)

@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 
+using namespace qv;
+using namespace qv;
 using namespace vrkernel;
 
 namespace {
@@ -109,7 +111,7 @@ struct block {
 
 } // namespace
 
-namespace vrkernel::real {
+namespace qv::vrkernel::real {
 
 int connect(int, const void *, socklen_t)
 {
@@ -222,7 +224,7 @@ int ioctl(int, unsigned long, void *)
     return 0;
 }
 
-} // namespace vrkernel::real
+} // namespace qv::vrkernel::real
 
 namespace {
 

@@ -12,6 +12,8 @@
 #include <net/if.h>
 #include <vector>
 
+using namespace qv;
+using namespace qv;
 using namespace vr_abi;
 
 namespace {

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <random>
 
+using namespace qv;
 using namespace support;
 
 TEST(CivilTime, AgreesWithTheCLibraryOverAWideRange)

@@ -9,6 +9,8 @@
 #include <pthread.h>
 #include <vector>
 
+using namespace qv;
+
 namespace {
 
 std::ptrdiff_t taken()

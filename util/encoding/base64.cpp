@@ -12,6 +12,8 @@
 #include <climits>
 #include <cstring>
 
+using namespace qv;
+
 const char Base64[65] = LIBCOMMON_BASE64_ALPHABET;
 
 namespace {

@@ -6,11 +6,11 @@
 // A literal: an array such as the exported Base64 can be initialised by nothing else.
 #define LIBCOMMON_BASE64_ALPHABET "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"
 
-namespace base64 {
+namespace qv::base64 {
 
 // Local to the library, while a host may define a symbol Base64 itself.
 inline constexpr char kAlphabet[] = LIBCOMMON_BASE64_ALPHABET;
 
-} // namespace base64
+} // namespace qv::base64
 
 #endif

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace base64 {
+namespace qv::base64 {
 namespace {
 
 // The two characters of each 12 bits.
@@ -71,4 +71,4 @@ std::size_t decode_groups(const char *src, std::size_t groups, unsigned char *ou
     return done;
 }
 
-} // namespace base64
+} // namespace qv::base64

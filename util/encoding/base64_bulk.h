@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-namespace base64 {
+namespace qv::base64 {
 
 // Encodes groups of 3 bytes into groups of 4 characters, and writes no more than those.
 void encode_groups(const unsigned char *src, std::size_t groups, char *out);
@@ -15,6 +15,6 @@ void encode_groups(const unsigned char *src, std::size_t groups, char *out);
 // alphabet. Returns the number of groups and writes no more than their bytes.
 std::size_t decode_groups(const char *src, std::size_t groups, unsigned char *out);
 
-} // namespace base64
+} // namespace qv::base64
 
 #endif

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-namespace base64 {
+namespace qv::base64 {
 
 // Like encode_groups(), for as many groups as fill whole vectors. Returns their number: 0 when the processor lacks the
 // instructions.
@@ -15,6 +15,6 @@ std::size_t encode_vectors(const unsigned char *src, std::size_t groups, char *o
 // number of groups decoded.
 std::size_t decode_vectors(const char *src, std::size_t groups, unsigned char *out);
 
-} // namespace base64
+} // namespace qv::base64
 
 #endif

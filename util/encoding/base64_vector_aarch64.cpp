@@ -7,7 +7,7 @@
 #include <arm_neon.h>
 #include <cstdint>
 
-namespace base64 {
+namespace qv::base64 {
 namespace {
 
 constexpr std::size_t kGroups = 16; // four vectors of one character of each group
@@ -79,5 +79,5 @@ std::size_t decode_vectors(const char *src, std::size_t groups, unsigned char *o
     return done;
 }
 
-} // namespace base64
+} // namespace qv::base64
 #endif

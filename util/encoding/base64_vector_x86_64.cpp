@@ -6,7 +6,7 @@
 #include <cstring>
 #include <immintrin.h>
 
-namespace base64 {
+namespace qv::base64 {
 namespace {
 
 constexpr std::size_t kGroups = 8; // a vector of 32 characters
@@ -140,5 +140,5 @@ std::size_t decode_vectors(const char *src, std::size_t groups, unsigned char *o
     return groups >= kGroups && has_avx2() ? decode_avx2(src, groups, out) : 0;
 }
 
-} // namespace base64
+} // namespace qv::base64
 #endif

@@ -5,6 +5,8 @@
 #include "util/encoding/crc32_hardware.h"
 #include "util/encoding/crc_slices.h"
 
+using namespace qv;
+
 extern "C" {
 
 unsigned short qv_crc16(unsigned short start, const unsigned char *buf, unsigned int len)

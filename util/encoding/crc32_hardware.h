@@ -6,12 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace crc {
+namespace qv::crc {
 
 // Extends *sum, in its inverted form, over a first part of the bytes. Returns the length of that part: 0, with *sum
 // unchanged, when the processor lacks the instructions or the input is too short to gain from them.
 std::size_t extend_by_hardware(std::uint32_t *sum, const unsigned char *buf, std::size_t len);
 
-} // namespace crc
+} // namespace qv::crc
 
 #endif

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <sys/auxv.h>
 
-namespace crc {
+namespace qv::crc {
 namespace {
 
 constexpr unsigned long kHasCrc32 = 1 << 7; // HWCAP_CRC32
@@ -90,5 +90,5 @@ std::size_t extend_by_hardware(std::uint32_t *sum, const unsigned char *buf, std
     return done;
 }
 
-} // namespace crc
+} // namespace qv::crc
 #endif

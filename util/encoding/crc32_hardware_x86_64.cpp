@@ -14,7 +14,7 @@
 
 #include <immintrin.h>
 
-namespace crc {
+namespace qv::crc {
 namespace {
 
 constexpr std::size_t kBlock = 16;
@@ -108,5 +108,5 @@ std::size_t extend_by_hardware(std::uint32_t *sum, const unsigned char *buf, std
     return extend_by_clmul(sum, buf, len);
 }
 
-} // namespace crc
+} // namespace qv::crc
 #endif

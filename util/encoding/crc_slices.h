@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace crc {
+namespace qv::crc {
 
 constexpr std::uint16_t kPolynomial16 = 0xA001;
 constexpr std::uint32_t kPolynomial32 = 0xEDB88320;
@@ -57,6 +57,6 @@ Sum extend(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, con
     return sum;
 }
 
-} // namespace crc
+} // namespace qv::crc
 
 #endif

@@ -10,6 +10,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+using namespace qv;
+
 // Weak, so that a host without libcrypto can load the library.
 extern "C" {
 struct MD5state_st;
