@@ -104,9 +104,10 @@ TEST(HashtblInit, Limits)
         EXPECT_EQ(nullptr, hashtbl_init(0xFFFFFFFF, 0, 0));
         EXPECT_EQ(nullptr, hashtbl_init(20, 65536, 0));
     });
-    EXPECT_EQ(text, "log size of the table must be between 1 and 2^20\n"
-                    "log size of the table must be between 1 and 2^20\n"
-                    "offset of hash table link must be between 0 and 65535\n");
+    EXPECT_EQ("log size of the table must be between 1 and 2^20\n"
+              "log size of the table must be between 1 and 2^20\n"
+              "offset of hash table link must be between 0 and 65535\n",
+              text);
 }
 
 TEST(HashtblInit, WithoutMemoryThereIsNone)

@@ -101,9 +101,9 @@ TEST(IdPool, CreateSetsItsFields)
 TEST(IdPool, InvalidRangesAreRefusedInSilence)
 {
     EXPECT_EQ("", capture_stdout([] {
-                  EXPECT_EQ(idpool_create("bad", -1, 5), nullptr);
-                  EXPECT_EQ(idpool_create("bad", 6, 5), nullptr);
-                  EXPECT_EQ(idpool_create("bad", INT_MIN, INT_MIN), nullptr);
+                  EXPECT_EQ(nullptr, idpool_create("bad", -1, 5));
+                  EXPECT_EQ(nullptr, idpool_create("bad", 6, 5));
+                  EXPECT_EQ(nullptr, idpool_create("bad", INT_MIN, INT_MIN));
               }));
     idpool block;
     std::memset(static_cast<void *>(&block), '#', sizeof block);
@@ -113,9 +113,9 @@ TEST(IdPool, InvalidRangesAreRefusedInSilence)
 
 TEST(IdPool, FailedAllocationsAreReportedOnStandardOutput)
 {
-    EXPECT_EQ("Malloc failed for pool red\n", said_with(0, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }));
+    EXPECT_EQ("Malloc failed for pool red\n", said_with(0, [] { EXPECT_EQ(nullptr, idpool_create("red", 0, 9)); }));
     EXPECT_EQ("Malloc bitmap failed for pool red\n",
-              said_with(1, [] { EXPECT_EQ(idpool_create("red", 0, 9), nullptr); }));
+              said_with(1, [] { EXPECT_EQ(nullptr, idpool_create("red", 0, 9)); }));
 }
 
 TEST(IdPool, ALaidPoolUsesItsBlockOnly)

@@ -196,7 +196,7 @@ TEST_F(IdTable16, WhatIsMissingIsSaid)
                   error("idtable16_remove_entry", m.text));
         EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_update_entry(root, m.key, 3)); }),
                   error("idtable16_update_entry", m.text));
-        EXPECT_EQ("", said([&] { EXPECT_EQ(idtable16_find_entry(root, m.key), 0U); }));
+        EXPECT_EQ("", said([&] { EXPECT_EQ(0U, idtable16_find_entry(root, m.key)); }));
     }
     EXPECT_EQ(1U, idtable16_find_entry(root, 0x1000));
 }
@@ -275,10 +275,10 @@ TEST_F(IdTable32, SubRootsComeAndGo)
 TEST_F(IdTable32, FindAndRemove)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
-    EXPECT_EQ("", said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010006), 0U); }));
+    EXPECT_EQ("", said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00010006)); }));
     EXPECT_EQ(said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00020005)); }),
               error("idtable32_find_and_remove_entry", "no such table"));
-    EXPECT_EQ("", said([&] { EXPECT_EQ(idtable32_find_and_remove_entry(root, 0x00010005), 15U); }));
+    EXPECT_EQ("", said([&] { EXPECT_EQ(15U, idtable32_find_and_remove_entry(root, 0x00010005)); }));
     EXPECT_EQ(0, root->count) << "its sub-root is gone too";
 }
 

@@ -122,10 +122,10 @@ TEST(Simphash, ReportsNeedTheErrorLevel)
     simphash *table = simphash_create(2);
     __qv_debug_level = 1;
     __qv_print_val = 7;
-    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(take(table, 3, 1), 0U); }));
+    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(0U, take(table, 3, 1)); }));
     EXPECT_EQ(7, __qv_print_val);
     __qv_debug_level = 2;
-    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(find(table, 3, 1), 0U); })) << "a lookup says nothing";
+    EXPECT_EQ("", capture_stderr([&] { EXPECT_EQ(0U, find(table, 3, 1)); })) << "a lookup says nothing";
     destroy(table);
 }
 

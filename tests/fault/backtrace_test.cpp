@@ -626,7 +626,7 @@ TEST(SymbolText, NamedUnnamedAndUnknown)
 {
     void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
     Dl_info info;
-    ASSERT_NE(::dladdr(function, &info), 0);
+    ASSERT_NE(0, ::dladdr(function, &info));
     char wanted[512];
     std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0x4) [0x%lx]", info.dli_fname, at(function) + 4);
     EXPECT_EQ(symbol_of(at(function) + 4), wanted);

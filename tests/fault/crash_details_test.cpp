@@ -457,7 +457,7 @@ TEST(Arming, RecordsTheMainStackUnlessAnAttachSignalIsChosen)
         auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
         EXPECT_LE(g_process_stack_start, here);
         EXPECT_GT(g_process_stack_end, here);
-        EXPECT_NE(section_rec[0].start, 0U);
+        EXPECT_NE(0U, section_rec[0].start);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }

@@ -357,13 +357,13 @@ TEST(Callback, PhasesComeInOrderWithTheirArguments)
 {
     ChildResult child = crash_child([] {
         EXPECT_EQ("a0 b0 ", phases());
-        EXPECT_NE(calls[0].arg, 0U);
+        EXPECT_NE(0U, calls[0].arg);
         EXPECT_EQ(nullptr, calls[0].record);
         call_count = 0;
         ::raise(SIGSEGV);
         EXPECT_EQ("a1 b1 a4 b4 a2 b2 ", phases());
         EXPECT_EQ(0U, calls[0].arg);
-        EXPECT_NE(calls[0].record, nullptr);
+        EXPECT_NE(nullptr, calls[0].record);
         EXPECT_EQ(calls[2].arg, calls[4].arg);
         EXPECT_TRUE(is_reset_at_backtrace); // the handlers of a process without threads are disarmed before the log
     });
@@ -503,7 +503,7 @@ TEST(BacktraceSection, FillsTheRecordAndWritesIt)
     std::string text = capture_stdout([&] { depth = coredump_backtrace_to_file(STDOUT_FILENO, &rec); });
     EXPECT_GT(depth, 1);
     EXPECT_EQ(static_cast<int>(rec.depth), depth);
-    EXPECT_NE(rec.fault_fp, 0U);
+    EXPECT_NE(0U, rec.fault_fp);
     std::vector<std::string> written = lines(text);
     ASSERT_EQ(static_cast<int>(written.size()), depth + 3);
     EXPECT_EQ("Backtracing:", written[0]);

@@ -131,7 +131,7 @@ TEST(SignalStack, WithoutOneAnOverflowLeavesNoLog)
         run_thread(overflow_without_stack);
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
-    EXPECT_NE(core_log(child).error, "");
+    EXPECT_NE("", core_log(child).error);
 }
 
 TEST(SignalStack, WithOneAnOverflowLeavesItsLog)

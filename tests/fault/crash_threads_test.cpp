@@ -228,7 +228,7 @@ TEST(Dying, WhatACallbackSetsOrArmsStands)
         in_phase[QV_COREDUMP_LAST] = [] { install_sighandler(); };
         install_sighandler();
         ::raise(SIGSEGV);
-        EXPECT_NE(disposition(SIGSEGV), SIG_DFL);
+        EXPECT_NE(SIG_DFL, disposition(SIGSEGV));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }

@@ -253,7 +253,7 @@ namespace {
 void compare_loaded(const std::string &file)
 {
     std::string path = build_dir() + "/tests/" + file;
-    ASSERT_NE(::dlopen(path.c_str(), RTLD_NOW), nullptr) << ::dlerror();
+    ASSERT_NE(nullptr, ::dlopen(path.c_str(), RTLD_NOW)) << ::dlerror();
     compare_module(file, 1);
 }
 

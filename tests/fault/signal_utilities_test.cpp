@@ -34,11 +34,11 @@ TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
             EXPECT_EQ(action.sa_sigaction, &signal_err) << sig;
             EXPECT_EQ(SA_SIGINFO, action.sa_flags & ~kRestorer) << sig;
             for (int masked = 1; masked <= SIGRTMAX; masked++)
-                EXPECT_NE(::sigismember(&action.sa_mask, masked), 1) << masked;
+                EXPECT_NE(1, ::sigismember(&action.sa_mask, masked)) << masked;
         }
         EXPECT_EQ(SIG_DFL, disposition(SIGALRM).sa_handler);
         EXPECT_EQ(SIG_IGN, disposition(SIGHUP).sa_handler);
-        EXPECT_NE(disposition(SIGUSR2).sa_handler, SIG_DFL);
+        EXPECT_NE(SIG_DFL, disposition(SIGUSR2).sa_handler);
         EXPECT_EQ(kIgnored, install_sighandler());
         EXPECT_EQ(disposition(SIGALRM).sa_sigaction, &signal_err);
     });

@@ -125,13 +125,13 @@ TEST(LeakAge, ABlockCountsFromTheSecondOnInWhichItIsOldEnough)
     start_quietly();
     add_malloc_record(70, nullptr, fake_block(1));
     time_wait = 10;
-    EXPECT_EQ(leaked_at(5000), 0U);
-    EXPECT_EQ(leaked_at(5009), 0U);
-    EXPECT_EQ(leaked_at(5010), 70U);
-    EXPECT_EQ(leaked_at(5011), 70U);
-    EXPECT_EQ(leaked_at(4000), 0U) << "the clock was set back";
+    EXPECT_EQ(0U, leaked_at(5000));
+    EXPECT_EQ(0U, leaked_at(5009));
+    EXPECT_EQ(70U, leaked_at(5010));
+    EXPECT_EQ(70U, leaked_at(5011));
+    EXPECT_EQ(0U, leaked_at(4000)) << "the clock was set back";
     time_wait = 0;
-    EXPECT_EQ(leaked_at(5000), 70U);
+    EXPECT_EQ(70U, leaked_at(5000));
     qv_mtrace_reset();
 }
 
@@ -145,12 +145,12 @@ TEST(LeakAge, TheLineNamesTheLiveBlocksAndTheOldOnes)
     for (std::uintptr_t i = 3; i < 10; i++)
         add_malloc_record(1, nullptr, fake_block(i));
     time_wait = 10;
-    EXPECT_EQ(leaked_at(5010), 3U);
+    EXPECT_EQ(3U, leaked_at(5010));
     EXPECT_THAT(last_line("/etc/consolelog"),
                 testing::EndsWith("Total record 10,  3 records malloc but not free within 10(s)"));
     write_file("/etc/consolelog", "");
-    EXPECT_EQ(leaked_at(5011), 10U);
-    EXPECT_EQ(read_file("/etc/consolelog"), "") << "none is too young";
+    EXPECT_EQ(10U, leaked_at(5011));
+    EXPECT_EQ("", read_file("/etc/consolelog")) << "none is too young";
     qv_mtrace_reset();
 }
 
@@ -161,20 +161,20 @@ TEST(LeakAge, AReallocationBeginsAnew)
     void *block = nullptr;
     traced([&] { block = allocate_here(40); });
     time_wait = 0;
-    ASSERT_EQ(report().size(), 1U);
+    ASSERT_EQ(1U, report().size());
     EXPECT_TRUE(is_in_chain(report()[0], allocate_here));
     clock_now = 6000;
     traced([&] { block = reallocate_here(block, 90); });
     auto groups = report();
-    ASSERT_EQ(groups.size(), 1U);
-    EXPECT_EQ(groups[0].bytes, 90U);
+    ASSERT_EQ(1U, groups.size());
+    EXPECT_EQ(90U, groups[0].bytes);
     EXPECT_TRUE(is_in_chain(groups[0], reallocate_here));
     EXPECT_FALSE(is_in_chain(groups[0], allocate_here));
     time_wait = 10;
-    EXPECT_EQ(leaked_at(6009), 0U);
-    EXPECT_EQ(leaked_at(6010), 90U);
+    EXPECT_EQ(0U, leaked_at(6009));
+    EXPECT_EQ(90U, leaked_at(6010));
     traced([&] { my_free_hook(block, nullptr); });
-    EXPECT_EQ(counters()[0], 0U);
+    EXPECT_EQ(0U, counters()[0]);
     qv_mtrace_reset();
 }
 
@@ -185,8 +185,8 @@ TEST(LeakAge, ABlockFromANullReallocationHasItsTimeToo)
     void *block = nullptr;
     traced([&] { block = reallocate_here(nullptr, 40); });
     time_wait = 10;
-    EXPECT_EQ(leaked_at(5009), 0U);
-    EXPECT_EQ(leaked_at(5010), 40U);
+    EXPECT_EQ(0U, leaked_at(5009));
+    EXPECT_EQ(40U, leaked_at(5010));
     traced([&] { my_free_hook(block, nullptr); });
     qv_mtrace_reset();
 }
@@ -199,9 +199,9 @@ TEST(CallChain, HasEightAddressesAtMost)
     time_wait = 0;
     enter_from_depth(20, fake_block(1));
     auto groups = report();
-    ASSERT_EQ(groups.size(), 1U);
+    ASSERT_EQ(1U, groups.size());
     for (std::uint64_t address : groups[0].trace)
-        EXPECT_NE(address, 0U);
+        EXPECT_NE(0U, address);
     EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 1], groups[0].trace[MTRACE_CHAIN_SIZE - 2]) << "in the recursion";
     qv_mtrace_reset();
 }
@@ -214,7 +214,7 @@ TEST(CallChain, BeginsWithTheCodeThatRecords)
     time_wait = 0;
     enter_from_depth(0, fake_block(1));
     auto groups = report();
-    ASSERT_EQ(groups.size(), 1U);
+    ASSERT_EQ(1U, groups.size());
     auto in = [&](int i, auto *function) {
         auto begin = reinterpret_cast<std::uint64_t>(function);
         return groups[0].trace[i] > begin && groups[0].trace[i] < begin + 4096;
@@ -238,7 +238,7 @@ TEST(CallChain, AShortOneEndsInZeros)
         fake_block(1));
     pthread_join(thread, nullptr);
     auto groups = report();
-    ASSERT_EQ(groups.size(), 1U);
+    ASSERT_EQ(1U, groups.size());
     std::span<std::uint64_t> trace(groups[0].trace);
     auto end = std::find(trace.begin(), trace.end(), 0U);
     EXPECT_GE(end - trace.begin(), 2);
@@ -276,15 +276,15 @@ TEST(Report, HasThirtyTwoGroupsAtMost)
     for (unsigned i = 0; i < 40; i++)
         turns::left(i, 6, fake_block(i));
     time_wait = 0;
-    ASSERT_EQ(report().size(), 40U);
+    ASSERT_EQ(40U, report().size());
     struct {
         mtrace_stat_record rec;
         std::uint64_t after;
     } guarded = {{}, 0x5555};
     EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&guarded.rec, 0));
-    EXPECT_EQ(guarded.rec.rows, 32U);
-    EXPECT_EQ(guarded.rec.full[0], 40U);
-    EXPECT_EQ(guarded.after, 0x5555U);
+    EXPECT_EQ(32U, guarded.rec.rows);
+    EXPECT_EQ(40U, guarded.rec.full[0]);
+    EXPECT_EQ(0x5555U, guarded.after);
     qv_mtrace_reset();
 }
 
@@ -306,8 +306,8 @@ TEST(Report, DoesNotChangeTheCountersThatItReports)
         EXPECT_TRUE(std::equal(std::begin(first.full), std::end(first.full), std::begin(second.full)))
             << zone << ": " << second.full[0] << " live, " << second.full[2] << " allocations, " << second.full[3]
             << " frees";
-        EXPECT_EQ(second.full[0], 1U);
-        EXPECT_EQ(second.full[3], 0U);
+        EXPECT_EQ(1U, second.full[0]);
+        EXPECT_EQ(0U, second.full[3]);
         std::free(block);
         qv_mtrace_stop();
     }
@@ -325,12 +325,12 @@ TEST(ReallocToZero, ReleasesTheBlockAndFailsInTheFirstClass)
     volatile std::size_t nothing = 0;
     void *volatile result = std::realloc(block, nothing);
     qv_mtrace_stat(&after, 0);
-    EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(nullptr, result);
+    EXPECT_EQ(1U, after.light_releases - before.light_releases);
     EXPECT_EQ(after.light_products, before.light_products);
-    EXPECT_EQ(after.row.classes[0].failures - before.row.classes[0].failures, 1U);
+    EXPECT_EQ(1U, after.row.classes[0].failures - before.row.classes[0].failures);
     EXPECT_EQ(after.light_frees, before.light_frees);
-    EXPECT_EQ(before.light_blocks - after.light_blocks, 1U);
+    EXPECT_EQ(1U, before.light_blocks - after.light_blocks);
 }
 
 TEST(ReallocToZero, EndsTheRecordAndKeepsItsBytesInTheTotal)
@@ -339,7 +339,7 @@ TEST(ReallocToZero, EndsTheRecordAndKeepsItsBytesInTheTotal)
     void *block = nullptr;
     traced([&] { block = my_malloc_hook(100, nullptr); });
     auto before = counters();
-    traced([&] { EXPECT_EQ(my_realloc_hook(block, 0, nullptr), nullptr); });
+    traced([&] { EXPECT_EQ(nullptr, my_realloc_hook(block, 0, nullptr)); });
     auto after = counters();
     EXPECT_EQ(after[0], before[0] - 1);
     EXPECT_EQ(after[1], before[1]);
@@ -372,13 +372,13 @@ TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
     mtrace();
     ::setenv("MALLOC_TRACE", "/tmp/second", 1);
     qv_mtrace_start();
-    EXPECT_EQ(marks_in("/tmp/first"), kWhole);
+    EXPECT_EQ(kWhole, marks_in("/tmp/first"));
     EXPECT_TRUE(exists("/tmp/second"));
     EXPECT_NE(__malloc_hook, my_malloc_hook) << "the new trace stands on the full hooks";
     ::unsetenv("MALLOC_TRACE");
     muntrace();
     EXPECT_EQ(__malloc_hook, my_malloc_hook);
-    EXPECT_EQ(marks_in("/tmp/second"), kWhole);
+    EXPECT_EQ(kWhole, marks_in("/tmp/second"));
     qv_mtrace_reset();
 }
 
@@ -389,8 +389,8 @@ TEST(TraceFileAndFullTracing, AStopEndsTheTraceAndBeginsNone)
         qv_mtrace_start();
         EXPECT_TRUE(exists("/tmp/trace"));
         stop();
-        EXPECT_EQ(marks_in("/tmp/trace"), kWhole);
-        EXPECT_EQ(__malloc_hook, nullptr);
+        EXPECT_EQ(kWhole, marks_in("/tmp/trace"));
+        EXPECT_EQ(nullptr, __malloc_hook);
         ::unlink("/tmp/trace");
     }
     ::unsetenv("MALLOC_TRACE");
@@ -403,9 +403,9 @@ TEST(TraceFileAndFullTracing, LoadingAgainEndsTheTraceAndBeginsANewOne)
     mtrace();
     ::setenv("MALLOC_TRACE", "/tmp/second", 1);
     my_init_hook();
-    EXPECT_EQ(marks_in("/tmp/first"), kWhole);
+    EXPECT_EQ(kWhole, marks_in("/tmp/first"));
     EXPECT_TRUE(exists("/tmp/second"));
     muntrace();
     EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(marks_in("/tmp/second"), kWhole);
+    EXPECT_EQ(kWhole, marks_in("/tmp/second"));
 }

@@ -31,7 +31,7 @@ void run_at_once(unsigned threads, void *(*work)(void *))
     pthread_barrier_t all_there;
     pthread_barrier_init(&all_there, nullptr, threads);
     for (pthread_t &thread : started)
-        ASSERT_EQ(pthread_create(&thread, nullptr, work, &all_there), 0);
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, work, &all_there));
     for (pthread_t thread : started)
         pthread_join(thread, nullptr);
     pthread_barrier_destroy(&all_there);
@@ -58,12 +58,12 @@ TEST(LightShards, AreGivenBackAtAThreadsEnd)
 {
     light::watch_threads();
     count_one();
-    EXPECT_EQ(taken(), 1);
+    EXPECT_EQ(1, taken());
     run_at_once(40, count_together);
-    EXPECT_EQ(taken(), 1);
+    EXPECT_EQ(1, taken());
     run_at_once(300, count_together); // more than there are
-    EXPECT_EQ(taken(), 1);
-    EXPECT_EQ(light::read()[5].allocs, 341U);
+    EXPECT_EQ(1, taken());
+    EXPECT_EQ(341U, light::read()[5].allocs);
     EXPECT_EQ(light::read()[5].bytes_taken, 341U * 32);
 }
 
@@ -76,7 +76,7 @@ TEST(LightShards, AThreadThatCountsWhileItEndsTakesNone)
         pthread_setspecific(later_key, value);
     });
     run_at_once(20, count_at_the_end);
-    EXPECT_EQ(taken(), 0);
+    EXPECT_EQ(0, taken());
     EXPECT_GE(light::read()[5].allocs, 40U);
 }
 
@@ -85,8 +85,7 @@ TEST(LightShards, AThreadKeepsItsShard)
     light::watch_threads();
     for (int i = 0; i < 10; i++)
         count_one();
-    EXPECT_EQ(taken(), 1);
-    EXPECT_EQ(std::count_if(std::begin(light::shards), std::end(light::shards),
-                            [](const light::statistics &shard) { return shard[5].allocs == 10; }),
-              1);
+    EXPECT_EQ(1, taken());
+    EXPECT_EQ(1, std::count_if(std::begin(light::shards), std::end(light::shards),
+                               [](const light::statistics &shard) { return shard[5].allocs == 10; }));
 }

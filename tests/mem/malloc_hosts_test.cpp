@@ -39,14 +39,14 @@ TEST(MallocHosts, OneThatLoadsTheLibraryLateIsNotIntercepted)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "a sanitizer's run time must come before the library";
-    EXPECT_EQ(said_by({"late_host", build_dir() + "/libcommon.so.1"}), "good\n");
+    EXPECT_EQ("good\n", said_by({"late_host", build_dir() + "/libcommon.so.1"}));
 }
 
 TEST(MallocHosts, OneWithItsOwnAllocatorServesTheLibraryToo)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "the sanitizer has the allocator";
-    EXPECT_EQ(said_by({"own_allocator_host"}), "good\n");
+    EXPECT_EQ("good\n", said_by({"own_allocator_host"}));
 }
 
 namespace {
@@ -79,14 +79,14 @@ TEST(MallocHosts, OneUnderTheCLibrarysChecker)
     for (auto [tunable, forks] : modes) {
         std::vector<std::string> command = tuned(tunable, {"checked_host", std::to_string(forks)});
         command.insert(command.begin() + 2, "LD_PRELOAD=libc_malloc_debug.so.0");
-        EXPECT_EQ(said_by(command), "good\n");
+        EXPECT_EQ("good\n", said_by(command));
     }
 }
 
 TEST(MallocHosts, OneWithATaggedHeap)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(said_by(tuned("glibc.mem.tagging=0", {"tagged_host", "all"})), "plain\n");
+    EXPECT_EQ("plain\n", said_by(tuned("glibc.mem.tagging=0", {"tagged_host", "all"})));
     const char *expected = processor_has_tags() ? "tagged\n" : "plain\n";
     for (const char *tunable : {"glibc.mem.tagging=1", "glibc.mem.tagging=3"}) {
         EXPECT_EQ(said_by(tuned(tunable, {"tagged_host", "small"})), expected) << tunable;
@@ -101,13 +101,13 @@ TEST(MallocHosts, OneWithATaggedHeap)
 TEST(EarlyLibrary, ItsForkHandlersAllocateUnderFullTracing)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(said_by({"early_host", "full", std::to_string(effort(200))}), "good\n");
+    EXPECT_EQ("good\n", said_by({"early_host", "full", std::to_string(effort(200))}));
 }
 
 TEST(EarlyLibrary, ItsForkHandlersAllocateWithATraceFile)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(said_by({"early_host", "file", std::to_string(effort(200))}), "good\n");
+    EXPECT_EQ("good\n", said_by({"early_host", "file", std::to_string(effort(200))}));
 }
 
 TEST(EarlyLibrary, WhatItFreesAtItsEndIsInTheTraceFile)
@@ -122,7 +122,7 @@ TEST(EarlyLibrary, WhatItFreesAtItsEndIsInTheTraceFile)
             address = line.substr(sign + 4, line.find(' ', sign + 4) - sign - 4);
         freed = freed || (!address.empty() && line.ends_with("] - " + address));
     }
-    EXPECT_NE(address, "");
+    EXPECT_NE("", address);
     EXPECT_TRUE(freed) << read_file("/tmp/trace");
 }
 
@@ -131,11 +131,11 @@ TEST(EarlyLibrary, WhatItFreesAtItsEndIsInTheTraceFile)
 TEST(LoaderThreads, ForksUnderFullTracing)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(loader_host("full"), "good\n");
+    EXPECT_EQ("good\n", loader_host("full"));
 }
 
 TEST(LoaderThreads, ThreadsThatStartWithATraceFile)
 {
     NEEDS_INTERPOSITION();
-    EXPECT_EQ(loader_host("file"), "good\n");
+    EXPECT_EQ("good\n", loader_host("file"));
 }

@@ -87,14 +87,14 @@ TEST(MtraceFile, StandsOnTheHooksThatItFindsAndPutsThemBack)
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
     mtrace();
     EXPECT_NE(__malloc_hook, my_malloc_light_hook);
-    EXPECT_NE(__malloc_hook, nullptr);
+    EXPECT_NE(nullptr, __malloc_hook);
     auto hook = __malloc_hook;
     mtrace();
     EXPECT_EQ(__malloc_hook, hook) << "one at a time";
     std::uint32_t before = allocations();
     std::free(kept(std::malloc(10)));
     if (!under_sanitizer()) {
-        EXPECT_EQ(allocations() - before, 1U) << "the light statistics go on below";
+        EXPECT_EQ(1U, allocations() - before) << "the light statistics go on below";
     }
     muntrace();
     EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
@@ -144,7 +144,7 @@ TEST(MtraceFile, LinesTellThePlace)
     NEEDS_INTERPOSITION();
     traced([] { std::free(kept(std::malloc(1))); });
     auto log = lines(read_file("/tmp/trace"));
-    ASSERT_EQ(log.size(), 4U);
+    ASSERT_EQ(4U, log.size());
     EXPECT_THAT(log[1], testing::ContainsRegex("^@ .*mtrace_file_test:(\\(.*\\))?\\[0x[0-9a-f]+\\] \\+ 0x"));
 }
 
@@ -156,7 +156,7 @@ TEST(MtraceFile, FromTheProcessesStart)
     EXPECT_TRUE(result.exited(0)) << result.err;
     auto log = lines(read_file("/tmp/own"));
     ASSERT_GE(log.size(), 3U);
-    EXPECT_EQ(log[0], "= Start");
+    EXPECT_EQ("= Start", log[0]);
     EXPECT_TRUE(std::any_of(log.begin(), log.end(), [](const std::string &l) { return l.find("] + 0x") != l.npos; }));
 }
 
@@ -178,9 +178,9 @@ TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
     std::free(block);
     EXPECT_EQ(allocations(), before) << "the light counters stand still meanwhile";
     ::raise(SIGUSR2);
-    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+    EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
     EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(old_malloc_hook, nullptr);
+    EXPECT_EQ(nullptr, old_malloc_hook);
     std::string log = read_file(log_path());
     EXPECT_THAT(log, testing::StartsWith("= Start\n"));
     EXPECT_THAT(log, testing::HasSubstr("+ " + address + " 0x123\n"));
@@ -188,7 +188,7 @@ TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
     EXPECT_THAT(log, testing::EndsWith("= End\n"));
     before = allocations();
     std::free(kept(std::malloc(10)));
-    EXPECT_EQ(allocations() - before, 1U);
+    EXPECT_EQ(1U, allocations() - before);
 }
 
 TEST(Sigusr2, IsSaid)
@@ -196,8 +196,8 @@ TEST(Sigusr2, IsSaid)
     std::size_t start = read_file(kConsole).size();
     signal_mtrace(SIGUSR2);
     signal_mtrace(SIGUSR2);
-    EXPECT_EQ(read_file(kConsole).substr(start),
-              "Start mtrace log " + log_path() + "\nStop mtrace log " + log_path() + "\n");
+    EXPECT_EQ("Start mtrace log " + log_path() + "\nStop mtrace log " + log_path() + "\n",
+              read_file(kConsole).substr(start));
     EXPECT_THAT(read_file("/etc/consolelog"), testing::HasSubstr("Start mtrace log " + log_path() + "\n"));
     EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith("Stop mtrace log " + log_path() + "\n"));
 }
@@ -218,7 +218,7 @@ TEST(Sigusr2, TheMirrorHookSeesItWithoutAnotherThreadsOutputBeingTouched)
     console_print_mfunc_set(nullptr);
     EXPECT_EQ(seen, (std::vector<std::string>{"Start mtrace log " + log_path() + "\n",
                                               "Stop mtrace log " + log_path() + "\n"}));
-    EXPECT_EQ(context, 0);
+    EXPECT_EQ(0, context);
 }
 
 TEST(Sigusr2, AStopInstallsTheHandlerForTheSignalGiven)
@@ -228,7 +228,7 @@ TEST(Sigusr2, AStopInstallsTheHandlerForTheSignalGiven)
         ::signal(sig, SIG_DFL);
         signal_mtrace(sig);
         EXPECT_EQ(::signal(sig, SIG_DFL), signal_mtrace);
-        EXPECT_EQ(::signal(sig == SIGUSR1 ? SIGUSR2 : SIGUSR1, SIG_DFL), SIG_DFL);
+        EXPECT_EQ(SIG_DFL, ::signal(sig == SIGUSR1 ? SIGUSR2 : SIGUSR1, SIG_DFL));
     }
 }
 
@@ -240,11 +240,11 @@ TEST(Sigusr2, AnOlderVariableIsOverwrittenAndOthersStay)
     signal_mtrace(SIGUSR2);
     EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
     signal_mtrace(SIGUSR2);
-    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
-    EXPECT_STREQ(std::getenv("BEFORE"), "1");
-    EXPECT_STREQ(std::getenv("BEHIND"), "2");
+    EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
+    EXPECT_STREQ("1", std::getenv("BEFORE"));
+    EXPECT_STREQ("2", std::getenv("BEHIND"));
     ::setenv("LATER", "3", 1);
-    EXPECT_STREQ(std::getenv("LATER"), "3");
+    EXPECT_STREQ("3", std::getenv("LATER"));
 }
 
 TEST(Sigusr2, DuringFullTracing)
@@ -303,8 +303,8 @@ TEST(Sigusr2, ManyPairsTakeNoMoreMemory)
     }
     EXPECT_LT(pages(), before + 100);
     for (int i = 0; i < 20; i++)
-        EXPECT_STREQ(std::getenv(("HOST" + std::to_string(i)).c_str()), "1");
-    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+        EXPECT_STREQ("1", std::getenv(("HOST" + std::to_string(i)).c_str()));
+    EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
 }
 
 TEST(Sigusr2, AVariableInAnEmptyEnvironment)
@@ -313,9 +313,9 @@ TEST(Sigusr2, AVariableInAnEmptyEnvironment)
     signal_mtrace(SIGUSR2);
     EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
     signal_mtrace(SIGUSR2);
-    EXPECT_EQ(std::getenv("MALLOC_TRACE"), nullptr);
+    EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
     ::setenv("LATER", "1", 1);
-    EXPECT_STREQ(std::getenv("LATER"), "1");
+    EXPECT_STREQ("1", std::getenv("LATER"));
 }
 
 // Calls of mtrace() and toggles at once: one that mistakes the other's lock for its own waits for good.
@@ -357,7 +357,7 @@ TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
             std::free(kept(std::malloc(10)));
         return const_cast<void **>(&sink);
     };
-    ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, work, nullptr));
     void *result = nullptr;
     pthread_join(thread, &result);
     EXPECT_EQ(result, const_cast<void **>(&sink));
@@ -386,7 +386,7 @@ TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
     std::free(kept(std::malloc(10)));
     std::free(kept(std::malloc(10)));
     EXPECT_EQ(__malloc_hook, hook);
-    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(2, calls);
     __malloc_hook = my_malloc_light_hook;
     EXPECT_THAT(read_file("/tmp/trace"), testing::EndsWith("= End\n"));
 }
@@ -408,7 +408,7 @@ TEST(Fork, WithTheFileOpenBothWriteTheirOwnLinesOnce)
     }
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_EQ(status, 0);
+    ASSERT_EQ(0, status);
     std::free(kept(std::malloc(0x779)));
     std::free(before);
     muntrace();
@@ -416,12 +416,12 @@ TEST(Fork, WithTheFileOpenBothWriteTheirOwnLinesOnce)
     auto count = [&](const std::string &end) {
         return std::count_if(log.begin(), log.end(), [&](const std::string &line) { return line.ends_with(end); });
     };
-    EXPECT_EQ(count(" 0x777"), 1);
-    EXPECT_EQ(count(" 0x778"), 1) << "the child's";
-    EXPECT_EQ(count(" 0x779"), 1) << "the parent's";
-    EXPECT_EQ(count("- " + address), 1);
-    EXPECT_EQ(count("= Start"), 1);
-    EXPECT_EQ(count("= End"), 2);
+    EXPECT_EQ(1, count(" 0x777"));
+    EXPECT_EQ(1, count(" 0x778")) << "the child's";
+    EXPECT_EQ(1, count(" 0x779")) << "the parent's";
+    EXPECT_EQ(1, count("- " + address));
+    EXPECT_EQ(1, count("= Start"));
+    EXPECT_EQ(2, count("= End"));
 }
 
 namespace {
@@ -639,7 +639,7 @@ TEST(Soak, EverythingAtRandomMoments)
     my_init_hook();
     std::uint32_t count = allocations();
     std::free(kept(std::malloc(10)));
-    EXPECT_EQ(allocations() - count, 1U) << "everything works as before";
+    EXPECT_EQ(1U, allocations() - count) << "everything works as before";
 }
 
 TEST(Soak, TheSignalMeetsItsThreadInsideTheAllocator)
@@ -656,7 +656,7 @@ TEST(Soak, TheSignalMeetsItsThreadInsideTheAllocator)
         sigevent event = {};
         event.sigev_notify = SIGEV_SIGNAL;
         event.sigev_signo = SIGUSR2;
-        ASSERT_EQ(::timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
+        ASSERT_EQ(0, ::timer_create(CLOCK_MONOTONIC, &event, &timer));
         itimerspec often = {{0, 300000}, {0, 300000}};
         ::timer_settime(timer, 0, &often, nullptr);
         worker w(3);

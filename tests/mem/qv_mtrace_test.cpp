@@ -39,7 +39,7 @@ std::array<mtrace_class_row, 32> classes_now()
 {
     mtrace_stat_record rec = {};
     EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
-    EXPECT_EQ(rec.rows, 32U);
+    EXPECT_EQ(32U, rec.rows);
     std::array<mtrace_class_row, 32> rows;
     std::copy(std::begin(rec.row.classes), std::end(rec.row.classes), rows.begin());
     return rows;
@@ -130,9 +130,9 @@ TEST(Light, HooksAreInstalledAtLoad)
     EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
     EXPECT_EQ(__free_hook, my_free_light_hook);
     EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
-    EXPECT_EQ(old_malloc_hook, nullptr);
-    EXPECT_EQ(old_free_hook, nullptr);
-    EXPECT_EQ(old_realloc_hook, nullptr);
+    EXPECT_EQ(nullptr, old_malloc_hook);
+    EXPECT_EQ(nullptr, old_free_hook);
+    EXPECT_EQ(nullptr, old_realloc_hook);
 }
 
 TEST(Light, RowsAreForPowersOfTwo)
@@ -162,7 +162,7 @@ TEST(Light, FailuresCountAsRequested)
     NEEDS_INTERPOSITION();
     const std::size_t huge = std::size_t{1} << 62; // cut to 32 bits it leaves what is added
     for (auto [size, k] : {std::pair{0UL, 0U}, {1UL, 0U}, {2UL, 1U}, {3UL, 1U}, {4UL, 2U}, {0xFFFFFFFFUL, 31U}}) {
-        expect_row(change(k, [&, s = size] { EXPECT_EQ(allocate(huge + s), nullptr); }), 0, 0, 0, 0, 0, 0, 1);
+        expect_row(change(k, [&, s = size] { EXPECT_EQ(nullptr, allocate(huge + s)); }), 0, 0, 0, 0, 0, 0, 1);
     }
 }
 
@@ -180,16 +180,16 @@ TEST(Light, CallocIsAnAllocation)
     NEEDS_INTERPOSITION();
     void *block = nullptr;
     mtrace_class_row row = change(class_of(2016), [&] { block = kept(std::calloc(20, 100)); });
-    EXPECT_EQ(row.allocs, 1U);
+    EXPECT_EQ(1U, row.allocs);
     EXPECT_EQ(row.bytes, chunk_of(block));
     for (int i = 0; i < 2000; i++)
-        ASSERT_EQ(static_cast<char *>(block)[i], 0);
+        ASSERT_EQ(0, static_cast<char *>(block)[i]);
     std::free(block);
     mtrace_stat_record before = light_now();
     volatile std::size_t many = SIZE_MAX / 2;
     sink = std::calloc(many, 3);
-    EXPECT_EQ(sink, nullptr);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(nullptr, sink);
+    EXPECT_EQ(ENOMEM, errno);
     EXPECT_EQ(light_now().light_allocs, before.light_allocs);
 }
 
@@ -201,8 +201,8 @@ TEST(Light, ReallocationsReleaseAndProduce)
     std::uint32_t chunk = chunk_of(block);
     block = kept(std::realloc(block, 5000));
     mtrace_stat_record after = light_now();
-    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
-    EXPECT_EQ(after.light_products - before.light_products, 1U);
+    EXPECT_EQ(1U, after.light_releases - before.light_releases);
+    EXPECT_EQ(1U, after.light_products - before.light_products);
     EXPECT_EQ(after.light_blocks, before.light_blocks);
     EXPECT_EQ(after.light_bytes - before.light_bytes, chunk_of(block) - chunk);
     std::free(block);
@@ -212,7 +212,7 @@ TEST(Light, ReallocationsReleaseAndProduce)
     block = kept(std::realloc(sink, 100));
     after = light_now();
     EXPECT_EQ(after.light_allocs, before.light_allocs);
-    EXPECT_EQ(after.light_products - before.light_products, 1U);
+    EXPECT_EQ(1U, after.light_products - before.light_products);
     EXPECT_EQ(after.light_releases, before.light_releases);
     std::free(block);
 }
@@ -226,10 +226,10 @@ TEST(Light, AFailedReallocationCountsARelease)
     volatile std::size_t huge = SIZE_MAX / 2;
     sink = std::realloc(block, huge);
     mtrace_stat_record after = light_now();
-    EXPECT_EQ(sink, nullptr);
-    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
+    EXPECT_EQ(nullptr, sink);
+    EXPECT_EQ(1U, after.light_releases - before.light_releases);
     EXPECT_EQ(after.light_products, before.light_products);
-    EXPECT_EQ(after.light_failures - before.light_failures, 1U);
+    EXPECT_EQ(1U, after.light_failures - before.light_failures);
     EXPECT_EQ(before.light_bytes - after.light_bytes, chunk) << "though the block lives";
     std::free(block);
 }
@@ -243,8 +243,8 @@ TEST(Light, AlignedBlocksAreTakenBack)
     block = kept(std::realloc(block, 4000));
     std::free(block);
     mtrace_stat_record after = light_now();
-    EXPECT_EQ(after.light_releases - before.light_releases, 1U);
-    EXPECT_EQ(after.light_frees - before.light_frees, 1U);
+    EXPECT_EQ(1U, after.light_releases - before.light_releases);
+    EXPECT_EQ(1U, after.light_frees - before.light_frees);
 }
 
 TEST(Light, TheShortReport)
@@ -252,13 +252,13 @@ TEST(Light, TheShortReport)
     mtrace_stat_record rec;
     std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(MTRACE_TOTALS, qv_mtrace_stat(&rec, MTRACE_MODE_TOTALS));
-    EXPECT_EQ(rec.rows, 1U);
-    EXPECT_EQ(rec.full[0], 0x55555555U) << "left alone";
-    EXPECT_EQ(rec.row.classes[0].lower_bound, 0x55555555U);
+    EXPECT_EQ(1U, rec.rows);
+    EXPECT_EQ(0x55555555U, rec.full[0]) << "left alone";
+    EXPECT_EQ(0x55555555U, rec.row.classes[0].lower_bound);
     EXPECT_EQ(rec.light_blocks, rec.light_allocs + rec.light_products - rec.light_frees - rec.light_releases);
     std::memset(&rec, 0x55, sizeof rec);
-    EXPECT_EQ(qv_mtrace_stat_min(&rec), 1);
-    EXPECT_EQ(rec.rows, 1U);
+    EXPECT_EQ(1, qv_mtrace_stat_min(&rec));
+    EXPECT_EQ(1U, rec.rows);
 }
 
 TEST(Light, TotalsAreTheSumsOfTheRows)
@@ -277,20 +277,20 @@ TEST(Light, HooksByThemselvesCount)
 {
     mtrace_stat_record before = light_now();
     void *block = my_malloc_light_hook(100, nullptr);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(light_now().light_allocs - before.light_allocs, 1U);
+    ASSERT_NE(nullptr, block);
+    EXPECT_EQ(1U, light_now().light_allocs - before.light_allocs);
     block = my_realloc_light_hook(block, 3000, nullptr);
-    EXPECT_EQ(light_now().light_releases - before.light_releases, 1U);
-    EXPECT_EQ(light_now().light_products - before.light_products, 1U);
+    EXPECT_EQ(1U, light_now().light_releases - before.light_releases);
+    EXPECT_EQ(1U, light_now().light_products - before.light_products);
     my_free_light_hook(block, nullptr);
-    EXPECT_EQ(light_now().light_frees - before.light_frees, 1U);
+    EXPECT_EQ(1U, light_now().light_frees - before.light_frees);
     EXPECT_EQ(light_now().light_bytes, before.light_bytes);
 }
 
 TEST(Light, HooksByThemselvesInstallThemselves)
 {
     qv_mtrace_stop();
-    EXPECT_EQ(__malloc_hook, nullptr);
+    EXPECT_EQ(nullptr, __malloc_hook);
     sink = my_malloc_light_hook(100, nullptr);
     EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
     EXPECT_EQ(__free_hook, my_free_light_hook);
@@ -302,13 +302,13 @@ TEST(Light, LoadingAgainClears)
 {
     my_init_hook();
     mtrace_stat_record rec = light_now();
-    EXPECT_EQ(rec.light_allocs, 0U);
-    EXPECT_EQ(rec.light_bytes, 0U);
+    EXPECT_EQ(0U, rec.light_allocs);
+    EXPECT_EQ(0U, rec.light_bytes);
     EXPECT_EQ(old_malloc_hook, my_malloc_light_hook) << "what was found";
     sink = std::malloc(10); // must not go in a circle
     std::free(sink);
     if (!under_sanitizer()) {
-        EXPECT_EQ(light_now().light_allocs, 1U);
+        EXPECT_EQ(1U, light_now().light_allocs);
     }
 }
 
@@ -367,7 +367,7 @@ TEST(Light, MoreThreadsThanShardsCountExactly)
     std::vector<pthread_t> threads(kThreads);
     mtrace_stat_record before = light_now();
     for (pthread_t &thread : threads)
-        ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, work, nullptr));
     for (pthread_t thread : threads)
         pthread_join(thread, nullptr);
     mtrace_stat_record after = light_now();
@@ -401,12 +401,12 @@ TEST(FullTracing, BlocksAreRecordedWithTheirRequestedSize)
     std::free(a);
     Full after = full_now();
     std::free(b);
-    EXPECT_EQ(with.live - before.live, 2U);
-    EXPECT_EQ(with.bytes - before.bytes, 150U);
-    EXPECT_EQ(with.allocs - before.allocs, 2U);
-    EXPECT_EQ(after.live - before.live, 1U);
-    EXPECT_EQ(after.bytes - before.bytes, 50U);
-    EXPECT_EQ(after.frees - before.frees, 1U);
+    EXPECT_EQ(2U, with.live - before.live);
+    EXPECT_EQ(150U, with.bytes - before.bytes);
+    EXPECT_EQ(2U, with.allocs - before.allocs);
+    EXPECT_EQ(1U, after.live - before.live);
+    EXPECT_EQ(50U, after.bytes - before.bytes);
+    EXPECT_EQ(1U, after.frees - before.frees);
     EXPECT_EQ(full_now().unmatched_frees, before.unmatched_frees);
 }
 
@@ -417,8 +417,8 @@ TEST(FullTracing, AFreshTableIsEmpty)
     EXPECT_EQ(full_now(), Full{});
     my_free_hook(early, nullptr);
     Full now = full_now();
-    EXPECT_EQ(now.frees, 1U);
-    EXPECT_EQ(now.unmatched_frees, 1U) << "it was not seen allocated";
+    EXPECT_EQ(1U, now.frees);
+    EXPECT_EQ(1U, now.unmatched_frees) << "it was not seen allocated";
     qv_mtrace_reset();
 }
 
@@ -433,12 +433,12 @@ TEST(FullTracing, Reallocations)
     now = full_now();
     EXPECT_EQ(now, (Full{1, 4000, 1, 0, 0, 2, 0}));
     volatile std::size_t huge = SIZE_MAX / 2;
-    EXPECT_EQ(my_realloc_hook(early, huge, nullptr), nullptr);
+    EXPECT_EQ(nullptr, my_realloc_hook(early, huge, nullptr));
     now = full_now();
     EXPECT_EQ(now, (Full{0, 4000, 1, 0, 0, 3, 0})) << "the record goes, the bytes stay in the total";
     early = my_realloc_hook(early, 100, nullptr);
     EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 4, 1})) << "it is unknown from then on";
-    EXPECT_EQ(my_realloc_hook(nullptr, huge, nullptr), nullptr);
+    EXPECT_EQ(nullptr, my_realloc_hook(nullptr, huge, nullptr));
     EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 5, 1}));
     my_free_hook(early, nullptr);
     EXPECT_EQ(full_now(), (Full{0, 4000, 1, 1, 1, 5, 1}));
@@ -457,7 +457,7 @@ TEST(FullTracing, LightCountersStandStillFromItsStartOn)
     std::free(allocate(100));
     EXPECT_EQ(light_now().light_allocs, before.light_allocs);
     qv_mtrace_stop();
-    EXPECT_EQ(__malloc_hook, nullptr);
+    EXPECT_EQ(nullptr, __malloc_hook);
     std::free(allocate(100));
     EXPECT_EQ(light_now().light_allocs, before.light_allocs) << "and after its end";
 }
@@ -481,7 +481,7 @@ TEST(FullTracing, TheTableOutlivesAStop)
     qv_mtrace_reset();
     EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(full_now(), Full{});
-    EXPECT_EQ(__malloc_hook, nullptr);
+    EXPECT_EQ(nullptr, __malloc_hook);
 }
 
 TEST(FullTracing, HooksOfAStoppedTraceJustAllocate)
@@ -493,7 +493,7 @@ TEST(FullTracing, HooksOfAStoppedTraceJustAllocate)
     block = my_realloc_hook(block, 200, nullptr);
     my_free_hook(block, nullptr);
     EXPECT_EQ(full_now(), before);
-    EXPECT_EQ(__malloc_hook, nullptr) << "and do not install themselves";
+    EXPECT_EQ(nullptr, __malloc_hook) << "and do not install themselves";
 }
 
 TEST(FullTracing, HooksByThemselvesInstallThemselves)
@@ -502,19 +502,19 @@ TEST(FullTracing, HooksByThemselvesInstallThemselves)
     void *block = my_malloc_hook(100, nullptr);
     EXPECT_EQ(__malloc_hook, my_malloc_hook);
     EXPECT_EQ(__free_hook, my_free_hook);
-    EXPECT_EQ(full_now().allocs, 0U) << "there is no table";
+    EXPECT_EQ(0U, full_now().allocs) << "there is no table";
     my_free_hook(block, nullptr);
-    EXPECT_EQ(full_now().frees, 0U);
+    EXPECT_EQ(0U, full_now().frees);
     qv_mtrace_stop();
 }
 
 TEST(FullTracing, WithoutATableOrABlockNothingIsEntered)
 {
-    EXPECT_EQ(add_malloc_record(10, nullptr, &next_address), 0);
+    EXPECT_EQ(0, add_malloc_record(10, nullptr, &next_address));
     EXPECT_EQ(full_now(), (Full{0, 0, 1, 0, 0, 0, 0}));
     qv_mtrace_start();
     std::uint32_t live = full_now().live;
-    EXPECT_EQ(add_malloc_record(10, nullptr, nullptr), 0);
+    EXPECT_EQ(0, add_malloc_record(10, nullptr, nullptr));
     EXPECT_EQ(full_now().live, live);
     qv_mtrace_reset();
 }
@@ -525,11 +525,11 @@ TEST(FullTracing, TheTableHolds65536Blocks)
     qv_mtrace_stop(); // the rest by hand
     std::uint32_t live = full_now().live;
     for (std::uintptr_t i = live; i < 65536; i++)
-        ASSERT_EQ(add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x1000 + i * 16)), 1);
-    EXPECT_EQ(full_now().live, 65536U);
-    EXPECT_EQ(add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x10)), 0);
-    EXPECT_EQ(full_now().live, 65536U);
-    EXPECT_EQ(full_now().allocs, 65537U) << "counted all the same";
+        ASSERT_EQ(1, add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x1000 + i * 16)));
+    EXPECT_EQ(65536U, full_now().live);
+    EXPECT_EQ(0, add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x10)));
+    EXPECT_EQ(65536U, full_now().live);
+    EXPECT_EQ(65537U, full_now().allocs) << "counted all the same";
     qv_mtrace_reset();
 }
 
@@ -547,9 +547,9 @@ TEST(FullTracing, BlocksBeyondTheTableAreUnmatchedLater)
         std::free(block);
     Full after = full_now();
     qv_mtrace_stop();
-    EXPECT_EQ(full.live, 65536U);
-    EXPECT_EQ(full.allocs, 70000U);
-    EXPECT_EQ(after.live, 0U);
+    EXPECT_EQ(65536U, full.live);
+    EXPECT_EQ(70000U, full.allocs);
+    EXPECT_EQ(0U, after.live);
     EXPECT_EQ(after.unmatched_frees, 70000U - 65536U);
 }
 
@@ -583,7 +583,7 @@ TEST(FullTracing, ThreadsAreRecordedExactly)
     qv_mtrace_stop();
     std::uint32_t own = now.live - kThreads * kKept; // the threads' own blocks
     EXPECT_LE(own, kThreads);
-    EXPECT_EQ(now.bytes >= kThreads * kKept * 100, true);
+    EXPECT_TRUE(now.bytes >= kThreads * kKept * 100);
     EXPECT_GE(now.allocs, kThreads * (rounds + kKept));
     EXPECT_LE(now.allocs, kThreads * (rounds + kKept + 1));
 }
@@ -772,14 +772,14 @@ TEST(LeakGroups, AreByCallChainTheLargestFirst)
     time_wait = 0;
     leak_group groups[32] = {};
     write_file("/etc/consolelog", "");
-    ASSERT_EQ(get_malloc_statistics(groups, 32), 2) << "a group of no bytes is none";
-    EXPECT_EQ(groups[0].bytes, 600U);
-    EXPECT_EQ(groups[0].blocks, 4U);
+    ASSERT_EQ(2, get_malloc_statistics(groups, 32)) << "a group of no bytes is none";
+    EXPECT_EQ(600U, groups[0].bytes);
+    EXPECT_EQ(4U, groups[0].blocks);
     EXPECT_TRUE(comes_from(groups[0], leak_here));
-    EXPECT_EQ(groups[1].bytes, 500U);
-    EXPECT_EQ(groups[1].blocks, 5U);
+    EXPECT_EQ(500U, groups[1].bytes);
+    EXPECT_EQ(5U, groups[1].blocks);
     EXPECT_TRUE(comes_from(groups[1], leak_there));
-    EXPECT_EQ(read_file("/etc/consolelog"), "") << "all blocks were old enough";
+    EXPECT_EQ("", read_file("/etc/consolelog")) << "all blocks were old enough";
     give_back(blocks);
 }
 
@@ -789,26 +789,26 @@ TEST(LeakGroups, AsManyAsAreAskedFor)
     time_wait = 0;
     leak_group groups[2] = {};
     groups[1].bytes = 77;
-    EXPECT_EQ(get_malloc_statistics(groups, 1), 1);
-    EXPECT_EQ(groups[0].bytes, 600U);
-    EXPECT_EQ(groups[1].bytes, 77U);
-    EXPECT_EQ(get_malloc_statistics(nullptr, 0), 0);
-    EXPECT_EQ(get_malloc_statistics(nullptr, -1), 0);
-    EXPECT_EQ(get_malloc_statistics(nullptr, INT_MIN), 0);
+    EXPECT_EQ(1, get_malloc_statistics(groups, 1));
+    EXPECT_EQ(600U, groups[0].bytes);
+    EXPECT_EQ(77U, groups[1].bytes);
+    EXPECT_EQ(0, get_malloc_statistics(nullptr, 0));
+    EXPECT_EQ(0, get_malloc_statistics(nullptr, -1));
+    EXPECT_EQ(0, get_malloc_statistics(nullptr, INT_MIN));
     give_back(blocks);
 }
 
 TEST(LeakGroups, YoungBlocksAreLeftOutAndTold)
 {
     std::vector<void *> blocks = leak_some();
-    EXPECT_EQ(time_wait, 1800U);
+    EXPECT_EQ(1800U, time_wait);
     leak_group groups[32];
-    EXPECT_EQ(get_malloc_statistics(groups, 32), 0);
+    EXPECT_EQ(0, get_malloc_statistics(groups, 32));
     EXPECT_THAT(read_file("/etc/consolelog"),
                 testing::EndsWith("Total record 10,  0 records malloc but not free within 1800(s)\n"));
     for (std::uint64_t end : {UINT64_MAX, UINT64_MAX - 1}) {
         time_wait = end;
-        EXPECT_EQ(get_malloc_statistics(groups, 32), 0);
+        EXPECT_EQ(0, get_malloc_statistics(groups, 32));
         EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith(" within " + std::to_string(end) + "(s)\n"));
     }
     time_wait = 0;
@@ -818,10 +818,10 @@ TEST(LeakGroups, YoungBlocksAreLeftOutAndTold)
 TEST(LeakGroups, NothingToTellOf)
 {
     leak_group groups[1];
-    EXPECT_EQ(get_malloc_statistics(groups, 1), 0) << "no table";
+    EXPECT_EQ(0, get_malloc_statistics(groups, 1)) << "no table";
     qv_mtrace_start();
     qv_mtrace_stop();
-    EXPECT_EQ(get_malloc_statistics(groups, 1), 0) << "no block";
+    EXPECT_EQ(0, get_malloc_statistics(groups, 1)) << "no block";
     EXPECT_FALSE(exists("/etc/consolelog"));
 }
 
@@ -832,15 +832,15 @@ TEST(LeakGroups, TheReportOfAllAtOnce)
     mtrace_stat_record rec;
     std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&rec, 0));
-    EXPECT_EQ(rec.rows, 2U);
-    EXPECT_EQ(rec.full[0], 10U);
-    EXPECT_EQ(rec.full[1], 1100U);
-    EXPECT_EQ(rec.full[2], 10U);
-    EXPECT_EQ(rec.full[3] + rec.full[4] + rec.full[5] + rec.full[6], 0U);
-    EXPECT_EQ(rec.row.groups[0].bytes, 600U);
-    EXPECT_EQ(rec.reserved0, 0x55555555U);
-    EXPECT_EQ(rec.reserved1, 0x55555555U);
-    EXPECT_EQ(rec.light_bytes, 0x55555555U) << "the light totals are not asked";
+    EXPECT_EQ(2U, rec.rows);
+    EXPECT_EQ(10U, rec.full[0]);
+    EXPECT_EQ(1100U, rec.full[1]);
+    EXPECT_EQ(10U, rec.full[2]);
+    EXPECT_EQ(0U, rec.full[3] + rec.full[4] + rec.full[5] + rec.full[6]);
+    EXPECT_EQ(600U, rec.row.groups[0].bytes);
+    EXPECT_EQ(0x55555555U, rec.reserved0);
+    EXPECT_EQ(0x55555555U, rec.reserved1);
+    EXPECT_EQ(0x55555555U, rec.light_bytes) << "the light totals are not asked";
     give_back(blocks);
 }
 
@@ -863,7 +863,7 @@ TEST(LeakGroups, ManyGroupsFillThirtyTwoRows)
     leak_group groups[32];
     for (int depth = 0; depth < 5; depth++)
         recursion::enter(depth);
-    EXPECT_EQ(get_malloc_statistics(groups, 32), 5);
+    EXPECT_EQ(5, get_malloc_statistics(groups, 32));
     qv_mtrace_reset();
 }
 
@@ -875,12 +875,12 @@ TEST(Comparators, ChainsUpToTheirEnd)
         malloc_stat_entry left = {1, 1, x}, right = {2, 2, y};
         return my_compare_trace(&left, &right);
     };
-    EXPECT_EQ(compare(a, b), 0) << "nothing counts behind a 0";
+    EXPECT_EQ(0, compare(a, b)) << "nothing counts behind a 0";
     EXPECT_LT(compare(a, c), 0);
     EXPECT_GT(compare(c, a), 0);
     EXPECT_LT(compare(d, e), 0) << "as unsigned numbers";
     EXPECT_GT(compare(e, d), 0);
-    EXPECT_EQ(compare(e, e), 0);
+    EXPECT_EQ(0, compare(e, e));
 }
 
 TEST(Comparators, TheMostBytesFirst)
@@ -891,7 +891,7 @@ TEST(Comparators, TheMostBytesFirst)
     };
     EXPECT_LT(compare(2, 1), 0);
     EXPECT_GT(compare(1, 2), 0);
-    EXPECT_EQ(compare(3, 3), 0);
+    EXPECT_EQ(0, compare(3, 3));
     EXPECT_LT(compare(0x80000000, 1), 0);
 }
 
@@ -921,7 +921,7 @@ TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
         }
         int status = -1;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
-        ASSERT_EQ(status, 0);
+        ASSERT_EQ(0, status);
     }
     stop = true;
     for (std::thread &thread : busy)

@@ -113,7 +113,7 @@ TEST(PageCache, ACancelledThreadLeavesNoDescriptorOpen)
         result = clear_sys_pagecache(0);
     });
     thread.join();
-    EXPECT_EQ(result, 0);
+    EXPECT_EQ(0, result);
     EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
 }
 

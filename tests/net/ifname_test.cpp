@@ -115,13 +115,14 @@ TEST(IfpName2UnixName, TheCopyIsCutAt31Characters)
 TEST(IfpName2UnixName, ACutResultIsAnErrorThatLeavesTheCutText)
 {
     EXPECT_EQ(forward("ethernet0/1", 7), good("eth0-1"));
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ("", read_file(kConsole));
     EXPECT_EQ(forward("ethernet0/1", 6), (Result{-1, "eth0/"})) << "not mapped";
     EXPECT_EQ(forward("ethernet0/1", 4), (Result{-1, "eth"}));
     EXPECT_EQ(forward("tunnel1", 7), (Result{-1, "tunnel"}));
-    EXPECT_EQ(read_file(kConsole), "Can not convert ifp name: ethernet0/1\n"
-                                   "Can not convert ifp name: ethernet0/1\n"
-                                   "Can not convert ifp name: tunnel1\n");
+    EXPECT_EQ("Can not convert ifp name: ethernet0/1\n"
+              "Can not convert ifp name: ethernet0/1\n"
+              "Can not convert ifp name: tunnel1\n",
+              read_file(kConsole));
 }
 
 TEST(IfpName2UnixName, OnlyTheLastCopyIsAskedWhetherItWasCut)
@@ -133,20 +134,20 @@ TEST(IfpName2UnixName, OnlyTheLastCopyIsAskedWhetherItWasCut)
 TEST(IfpName2UnixName, WithoutRoomNothingIsWritten)
 {
     char out = '#';
-    EXPECT_EQ(ifpname2unixname("ethernet0", &out, 0), -1);
-    EXPECT_EQ(ifpname2unixname("ethernet", &out, 0), -1);
-    EXPECT_EQ(ifpname2unixname("", &out, 0), -1);
-    EXPECT_EQ(ifpname2unixname("tunnel", &out, -5), -1);
-    EXPECT_EQ(ifpname2unixname("tunnel", &out, INT_MIN), -1);
-    EXPECT_EQ(out, '#');
-    EXPECT_EQ(ifpname2unixname("", &out, 1), 0);
-    EXPECT_EQ(out, '\0');
+    EXPECT_EQ(-1, ifpname2unixname("ethernet0", &out, 0));
+    EXPECT_EQ(-1, ifpname2unixname("ethernet", &out, 0));
+    EXPECT_EQ(-1, ifpname2unixname("", &out, 0));
+    EXPECT_EQ(-1, ifpname2unixname("tunnel", &out, -5));
+    EXPECT_EQ(-1, ifpname2unixname("tunnel", &out, INT_MIN));
+    EXPECT_EQ('#', out);
+    EXPECT_EQ(0, ifpname2unixname("", &out, 1));
+    EXPECT_EQ('\0', out);
 }
 
 TEST(IfpName2UnixName, ANullNameIsSaid)
 {
-    EXPECT_EQ(run(ifpname2unixname, nullptr, 64).code, -1);
-    EXPECT_EQ(read_file(kConsole), "NULL ifp name, can not convert\n");
+    EXPECT_EQ(-1, run(ifpname2unixname, nullptr, 64).code);
+    EXPECT_EQ("NULL ifp name, can not convert\n", read_file(kConsole));
 }
 
 TEST(UnixName2IfpName, CharactersComeBackWordsDoNot)
@@ -184,33 +185,33 @@ TEST(UnixName2IfpName, FailuresAreSaid)
 {
     EXPECT_EQ(back("eth0-1", 7), good("eth0/1"));
     EXPECT_EQ(back("eth0-1", 6), (Result{-1, "eth0-"}));
-    EXPECT_EQ(run(unixname2ifpname, nullptr, 64).code, -1);
-    EXPECT_EQ(read_file(kConsole), "Can not convert linux name: eth0-1\nNULL unix name, can not convert\n");
+    EXPECT_EQ(-1, run(unixname2ifpname, nullptr, 64).code);
+    EXPECT_EQ("Can not convert linux name: eth0-1\nNULL unix name, can not convert\n", read_file(kConsole));
 }
 
 TEST(IfpName2Vfg, TheNumberBehindTheFirstColon)
 {
-    EXPECT_EQ(ifpname2vfg("ethernet0/1:17"), 17);
-    EXPECT_EQ(ifpname2vfg("ethernet0/1"), 0);
-    EXPECT_EQ(ifpname2vfg(nullptr), 0);
-    EXPECT_EQ(ifpname2vfg(":"), 0);
-    EXPECT_EQ(ifpname2vfg("a:12:34"), 12);
-    EXPECT_EQ(ifpname2vfg("a:-3"), -3);
-    EXPECT_EQ(ifpname2vfg("a:0x10"), 0);
-    EXPECT_EQ(ifpname2vfg("a:4294967297"), 1) << "cut to 32 bits";
+    EXPECT_EQ(17, ifpname2vfg("ethernet0/1:17"));
+    EXPECT_EQ(0, ifpname2vfg("ethernet0/1"));
+    EXPECT_EQ(0, ifpname2vfg(nullptr));
+    EXPECT_EQ(0, ifpname2vfg(":"));
+    EXPECT_EQ(12, ifpname2vfg("a:12:34"));
+    EXPECT_EQ(-3, ifpname2vfg("a:-3"));
+    EXPECT_EQ(0, ifpname2vfg("a:0x10"));
+    EXPECT_EQ(1, ifpname2vfg("a:4294967297")) << "cut to 32 bits";
 }
 
 TEST(CaseConversion, IsBoundedAndStopsAtTheEnd)
 {
     char text[] = "ABC";
     strllwr(text, 2);
-    EXPECT_STREQ(text, "abC");
+    EXPECT_STREQ("abC", text);
     strllwr(text, 100);
-    EXPECT_STREQ(text, "abc");
+    EXPECT_STREQ("abc", text);
     strlupr(text, 1);
-    EXPECT_STREQ(text, "Abc");
+    EXPECT_STREQ("Abc", text);
     strlupr(text, 0);
-    EXPECT_STREQ(text, "Abc");
+    EXPECT_STREQ("Abc", text);
     char beyond[] = "ab\0cd";
     strlupr(beyond, 5);
     EXPECT_EQ(std::string(beyond, 5), std::string("AB\0cd", 5));

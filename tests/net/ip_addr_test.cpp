@@ -17,7 +17,7 @@ constexpr unsigned kAllFlags = 0xFFF;
 std::array<unsigned char, 16> v6(const char *text)
 {
     std::array<unsigned char, 16> addr{};
-    EXPECT_EQ(inet_pton(AF_INET6, text, addr.data()), 1);
+    EXPECT_EQ(1, inet_pton(AF_INET6, text, addr.data()));
     return addr;
 }
 
@@ -40,21 +40,21 @@ unsigned masked(unsigned ip, unsigned len)
 TEST(IpText, HostAndNetworkOrder)
 {
     for (auto *print : {hl_ip_sprintf, hl_ip_sprintf2, hl_ip_sprintf3, hl_ip_sprintf4}) {
-        EXPECT_STREQ(print(0xC0A80001), "192.168.0.1");
-        EXPECT_STREQ(print(kHost), "255.255.255.255");
-        EXPECT_STREQ(print(0), "0.0.0.0");
+        EXPECT_STREQ("192.168.0.1", print(0xC0A80001));
+        EXPECT_STREQ("255.255.255.255", print(kHost));
+        EXPECT_STREQ("0.0.0.0", print(0));
     }
     for (auto *print : {nl_ip_sprintf, nl_ip_sprintf2, nl_ip_sprintf3, nl_ip_sprintf4})
-        EXPECT_STREQ(print(htonl(0x0A010203)), "10.1.2.3");
+        EXPECT_STREQ("10.1.2.3", print(htonl(0x0A010203)));
 }
 
 TEST(IpText, EachFunctionHasItsOwnBuffer)
 {
     std::set<std::string> texts = {hl_ip_sprintf(1), hl_ip_sprintf2(2), hl_ip_sprintf3(3), hl_ip_sprintf4(4)};
-    EXPECT_EQ(texts.size(), 4U);
+    EXPECT_EQ(4U, texts.size());
     std::set<const char *> buffers = {hl_ip_sprintf(1), hl_ip_sprintf2(1), hl_ip_sprintf3(1), hl_ip_sprintf4(1),
                                       nl_ip_sprintf(1), nl_ip_sprintf2(1), nl_ip_sprintf3(1), nl_ip_sprintf4(1)};
-    EXPECT_EQ(buffers.size(), 8U);
+    EXPECT_EQ(8U, buffers.size());
     EXPECT_EQ(hl_ip_sprintf(1), hl_ip_sprintf(2));
 }
 
@@ -62,43 +62,43 @@ TEST(IpText, ReentrantFormIsCutToItsBuffer)
 {
     char out[16];
     EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, sizeof out), out);
-    EXPECT_STREQ(out, "10.1.2.3");
+    EXPECT_STREQ("10.1.2.3", out);
     std::memset(out, '#', sizeof out);
     EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
-    EXPECT_STREQ(out, "10.1");
-    EXPECT_EQ(out[5], '#');
+    EXPECT_STREQ("10.1", out);
+    EXPECT_EQ('#', out[5]);
     std::memset(out, '#', sizeof out);
     EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 1), out);
-    EXPECT_EQ(out[0], '\0') << "room for the terminator";
-    EXPECT_EQ(out[1], '#');
+    EXPECT_EQ('\0', out[0]) << "room for the terminator";
+    EXPECT_EQ('#', out[1]);
     EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
-    EXPECT_EQ(nl_ip_sprintf_r(1, nullptr, 16), nullptr);
-    EXPECT_EQ(nl_ip_sprintf_r(1, out, 0), nullptr);
-    EXPECT_EQ(nl_ip_sprintf_r(1, out, -1), nullptr);
-    EXPECT_STREQ(out, "10.1");
+    EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, nullptr, 16));
+    EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, out, 0));
+    EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, out, -1));
+    EXPECT_STREQ("10.1", out);
 }
 
 TEST(Masks, LowestZeroBit)
 {
-    EXPECT_EQ(ffz(0), 0);
-    EXPECT_EQ(ffz(1), 1);
-    EXPECT_EQ(ffz(0xB), 2);
-    EXPECT_EQ(ffz(ULONG_MAX >> 1), 63);
-    EXPECT_EQ(ffz(ULONG_MAX), 64);
+    EXPECT_EQ(0, ffz(0));
+    EXPECT_EQ(1, ffz(1));
+    EXPECT_EQ(2, ffz(0xB));
+    EXPECT_EQ(63, ffz(ULONG_MAX >> 1));
+    EXPECT_EQ(64, ffz(ULONG_MAX));
 }
 
 TEST(Masks, LengthsAndMasks)
 {
-    EXPECT_EQ(inet_mask_len(0), 0);
-    EXPECT_EQ(inet_mask_len(htonl(0xFF00FF00)), 24); // only trailing zeros count
-    EXPECT_EQ(qv_masklen2mask_v4(0), 0U);
-    EXPECT_EQ(qv_masklen2mask_v4(33), kHost);
-    EXPECT_EQ(qv_masklen2mask_v4(UINT_MAX), kHost);
+    EXPECT_EQ(0, inet_mask_len(0));
+    EXPECT_EQ(24, inet_mask_len(htonl(0xFF00FF00))); // only trailing zeros count
+    EXPECT_EQ(0U, qv_masklen2mask_v4(0));
+    EXPECT_EQ(kHost, qv_masklen2mask_v4(33));
+    EXPECT_EQ(kHost, qv_masklen2mask_v4(UINT_MAX));
     for (unsigned len = 1; len <= 32; len++) {
         unsigned mask = qv_masklen2mask_v4(len);
         EXPECT_EQ(mask, static_cast<unsigned>(0xFFFFFFFF00000000ULL >> len)) << len;
         EXPECT_EQ(inet_mask_len(htonl(mask)), static_cast<int>(len));
-        EXPECT_EQ(qv_check_mask_valid(mask), 0) << len;
+        EXPECT_EQ(0, qv_check_mask_valid(mask)) << len;
     }
     for (unsigned n = 0; n <= 8; n++)
         EXPECT_EQ(qv_addr_maskbit_array[n], 0xFF00 >> n & 0xFF);
@@ -106,32 +106,32 @@ TEST(Masks, LengthsAndMasks)
 
 TEST(Masks, OnlyContiguousOnesAreValid)
 {
-    EXPECT_EQ(qv_check_mask_valid(0), 0);
-    EXPECT_EQ(qv_check_mask_valid(kHost), 0);
+    EXPECT_EQ(0, qv_check_mask_valid(0));
+    EXPECT_EQ(0, qv_check_mask_valid(kHost));
     for (unsigned mask : {0xFFFF00FFU, 1U, 0x7FFFFFFFU, 0x40000000U, 0xFFFFFFFDU, 0xBFFFFFFFU})
-        EXPECT_EQ(qv_check_mask_valid(mask), -1) << mask;
+        EXPECT_EQ(-1, qv_check_mask_valid(mask)) << mask;
 }
 
 TEST(Masks, Ipv4AddressIsCut)
 {
-    EXPECT_EQ(masked(0x0A010203, 12), 0x0A000000U);
-    EXPECT_EQ(masked(0x0A010203, UINT_MAX), 0x0A010203U);
+    EXPECT_EQ(0x0A000000U, masked(0x0A010203, 12));
+    EXPECT_EQ(0x0A010203U, masked(0x0A010203, UINT_MAX));
     for (unsigned len = 0; len <= 33; len++)
         EXPECT_EQ(masked(kHost, len), qv_masklen2mask_v4(len)) << len;
     unsigned ip = 0x0A010203;
     qv_convert_ipv4_addr_2_prefix(&ip, 24);
-    EXPECT_EQ(ip, 0x0A010200U);
+    EXPECT_EQ(0x0A010200U, ip);
 }
 
 TEST(Masks, Ipv6AddressIsCut)
 {
     constexpr const char *kAddress = "2001:db8:ffff:ffff:ffff:ffff:ffff:ffff";
-    EXPECT_EQ(masked_v6(kAddress, 0), "::");
-    EXPECT_EQ(masked_v6(kAddress, 33), "2001:db8:8000::");
-    EXPECT_EQ(masked_v6(kAddress, 64), "2001:db8:ffff:ffff::");
-    EXPECT_EQ(masked_v6(kAddress, 127), "2001:db8:ffff:ffff:ffff:ffff:ffff:fffe");
-    EXPECT_EQ(masked_v6(kAddress, 128), kAddress);
-    EXPECT_EQ(masked_v6(kAddress, UINT_MAX), kAddress);
+    EXPECT_EQ("::", masked_v6(kAddress, 0));
+    EXPECT_EQ("2001:db8:8000::", masked_v6(kAddress, 33));
+    EXPECT_EQ("2001:db8:ffff:ffff::", masked_v6(kAddress, 64));
+    EXPECT_EQ("2001:db8:ffff:ffff:ffff:ffff:ffff:fffe", masked_v6(kAddress, 127));
+    EXPECT_EQ(kAddress, masked_v6(kAddress, 128));
+    EXPECT_EQ(kAddress, masked_v6(kAddress, UINT_MAX));
 }
 
 TEST(CheckIp, EachRule)
@@ -184,21 +184,21 @@ TEST(CheckIp, EachRule)
     for (const Case &c : kCases) {
         EXPECT_EQ(qv_check_ip_valid(c.ip, c.mask, c.flags), c.result)
             << hl_ip_sprintf(c.ip) << ' ' << hl_ip_sprintf2(c.mask) << ' ' << c.flags;
-        EXPECT_EQ(qv_check_ip_valid(c.ip, c.mask, 0), 0);
+        EXPECT_EQ(0, qv_check_ip_valid(c.ip, c.mask, 0));
     }
 }
 
 TEST(CheckIp, FirstRuleDecides)
 {
-    EXPECT_EQ(qv_check_ip_valid(0, 0xFFFF00FF, kAllFlags), -1);
-    EXPECT_EQ(qv_check_ip_valid(kHost, 0xFFFF00FF, kAllFlags), -2);
-    EXPECT_EQ(qv_check_ip_valid(kHost, kHost, kAllFlags), -4);
-    EXPECT_EQ(qv_check_ip_valid(kHost, kHost, kAllFlags & ~0x008U), -5);
-    EXPECT_EQ(qv_check_ip_valid(0x7F000000, 0xFF000000, kAllFlags), -6);
-    EXPECT_EQ(qv_check_ip_valid(0x000000FF, 0xFFFFFF00, kAllFlags), -8);
-    EXPECT_EQ(qv_check_ip_valid(0x000001FF, 0xFFFFFF00, kAllFlags), -9);
-    EXPECT_EQ(qv_check_ip_valid(0x00000101, 0xFFFFFF00, kAllFlags), -10);
-    EXPECT_EQ(qv_check_ip_valid(0x0A000001, 0xFFFFFF00, kAllFlags), 0);
+    EXPECT_EQ(-1, qv_check_ip_valid(0, 0xFFFF00FF, kAllFlags));
+    EXPECT_EQ(-2, qv_check_ip_valid(kHost, 0xFFFF00FF, kAllFlags));
+    EXPECT_EQ(-4, qv_check_ip_valid(kHost, kHost, kAllFlags));
+    EXPECT_EQ(-5, qv_check_ip_valid(kHost, kHost, kAllFlags & ~0x008U));
+    EXPECT_EQ(-6, qv_check_ip_valid(0x7F000000, 0xFF000000, kAllFlags));
+    EXPECT_EQ(-8, qv_check_ip_valid(0x000000FF, 0xFFFFFF00, kAllFlags));
+    EXPECT_EQ(-9, qv_check_ip_valid(0x000001FF, 0xFFFFFF00, kAllFlags));
+    EXPECT_EQ(-10, qv_check_ip_valid(0x00000101, 0xFFFFFF00, kAllFlags));
+    EXPECT_EQ(0, qv_check_ip_valid(0x0A000001, 0xFFFFFF00, kAllFlags));
 }
 
 // Of every two rules that an address breaks, the one that comes first in this list decides.
@@ -236,17 +236,17 @@ TEST(CheckIp, OrderOfTheRules)
 TEST(CheckIpv6, OrderOfTheRules)
 {
     const unsigned all = 0xFFF;
-    EXPECT_EQ(qv_check_ipv6_valid(v6("::").data(), 200, all), -1);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("::").data(), 200, all & ~1U), -2);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 0, all), -1);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 129, all), -2);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("ff00::").data(), 129, all & ~2U), -3);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("::1").data(), 129, all), -2);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("::1").data(), 129, all & ~2U), -6);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("fec0::").data(), 129, all), -2);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("fe80::").data(), 0, all), -1);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("fe80::").data(), 64, 0x800), 0);
-    EXPECT_EQ(qv_check_ipv6_valid(v6("fec0::").data(), 64, 0x400), 0);
+    EXPECT_EQ(-1, qv_check_ipv6_valid(v6("::").data(), 200, all));
+    EXPECT_EQ(-2, qv_check_ipv6_valid(v6("::").data(), 200, all & ~1U));
+    EXPECT_EQ(-1, qv_check_ipv6_valid(v6("ff00::").data(), 0, all));
+    EXPECT_EQ(-2, qv_check_ipv6_valid(v6("ff00::").data(), 129, all));
+    EXPECT_EQ(-3, qv_check_ipv6_valid(v6("ff00::").data(), 129, all & ~2U));
+    EXPECT_EQ(-2, qv_check_ipv6_valid(v6("::1").data(), 129, all));
+    EXPECT_EQ(-6, qv_check_ipv6_valid(v6("::1").data(), 129, all & ~2U));
+    EXPECT_EQ(-2, qv_check_ipv6_valid(v6("fec0::").data(), 129, all));
+    EXPECT_EQ(-1, qv_check_ipv6_valid(v6("fe80::").data(), 0, all));
+    EXPECT_EQ(0, qv_check_ipv6_valid(v6("fe80::").data(), 64, 0x800));
+    EXPECT_EQ(0, qv_check_ipv6_valid(v6("fec0::").data(), 64, 0x400));
 }
 
 TEST(CheckIpv6, EachRule)
@@ -266,9 +266,9 @@ TEST(CheckIpv6, EachRule)
     };
     for (const Case &c : kCases) {
         EXPECT_EQ(qv_check_ipv6_valid(v6(c.addr).data(), c.len, c.flags), c.result) << c.addr << ' ' << c.flags;
-        EXPECT_EQ(qv_check_ipv6_valid(v6(c.addr).data(), c.len, 0), 0);
+        EXPECT_EQ(0, qv_check_ipv6_valid(v6(c.addr).data(), c.len, 0));
     }
-    EXPECT_EQ(qv_check_ipv6_valid(v6("ff02::1").data(), 200, kAllFlags), -2);
+    EXPECT_EQ(-2, qv_check_ipv6_valid(v6("ff02::1").data(), 200, kAllFlags));
 }
 
 TEST(CheckAddr, ReadsTheRecordAtAnyAlignment)
@@ -281,13 +281,13 @@ TEST(CheckAddr, ReadsTheRecordAtAnyAlignment)
     };
     record.family = 10;
     std::memcpy(record.address.ipv6, v6("::1").data(), 16);
-    EXPECT_EQ(check(kAllFlags), -6);
-    EXPECT_EQ(check(0x002), 0);
+    EXPECT_EQ(-6, check(kAllFlags));
+    EXPECT_EQ(0, check(0x002));
     record.family = 2;
     record.address.ipv4 = 0xE0000001;
-    EXPECT_EQ(check(kAllFlags), -3);
+    EXPECT_EQ(-3, check(kAllFlags));
     record.address.ipv4 = 0x0A000000;
-    EXPECT_EQ(check(kAllFlags), 0); // as a single host it is no network address
+    EXPECT_EQ(0, check(kAllFlags)); // as a single host it is no network address
 }
 
 TEST(HostString, Shapes)
@@ -298,11 +298,11 @@ TEST(HostString, Shapes)
     EXPECT_EQ(validate_ipv4_host_address_str("127.0.0.1"), network(0x7F000001));
     EXPECT_EQ(validate_ipv4_host_address_str("255.255.255.254"), network(0xFFFFFFFE));
     for (const char *zero : {"0.1.2.3", "0.0.0.0", "255.255.255.255", "256.1.1.1", "1..2.3", "...", "1.2.3.999"})
-        EXPECT_EQ(validate_ipv4_host_address_str(zero), 0) << zero;
+        EXPECT_EQ(0, validate_ipv4_host_address_str(zero)) << zero;
     for (const char *bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.4 ", "a.b.c.d", "1.2.3.x", "0x1.2.3.4", "-1.2.3.4", "1234",
                             "001.002.003.0004"})
-        EXPECT_EQ(validate_ipv4_host_address_str(bad), -1) << bad;
-    EXPECT_EQ(validate_ipv4_host_address_str(nullptr), -1);
+        EXPECT_EQ(-1, validate_ipv4_host_address_str(bad)) << bad;
+    EXPECT_EQ(-1, validate_ipv4_host_address_str(nullptr));
     EXPECT_EQ(validate_ipv4_host_address_str("001.002.003.004"), network(0x01020304)); // 15 characters
 }
 
@@ -312,10 +312,10 @@ TEST(HostString, ALeadingZeroMakesAnOctalNumber)
     EXPECT_EQ(validate_ipv4_host_address_str("010.1.2.3"), network(0x08010203));
     EXPECT_EQ(validate_ipv4_host_address_str("10.010.020.030"), network(0x0A081018));
     EXPECT_EQ(validate_ipv4_host_address_str("0377.1.1.1"), network(0xFF010101));
-    EXPECT_EQ(validate_ipv4_host_address_str("0400.1.1.1"), 0) << "too large in octal";
-    EXPECT_EQ(validate_ipv4_host_address_str("08.1.2.3"), 0) << "no octal digit";
-    EXPECT_EQ(validate_ipv4_host_address_str("1.2.3.09"), 0);
-    EXPECT_EQ(validate_ipv4_host_address_str("00.1.2.3"), 0);
+    EXPECT_EQ(0, validate_ipv4_host_address_str("0400.1.1.1")) << "too large in octal";
+    EXPECT_EQ(0, validate_ipv4_host_address_str("08.1.2.3")) << "no octal digit";
+    EXPECT_EQ(0, validate_ipv4_host_address_str("1.2.3.09"));
+    EXPECT_EQ(0, validate_ipv4_host_address_str("00.1.2.3"));
 }
 
 // Shape comes before value: what is no dotted quad is -1 even where its value alone would give 0.
@@ -323,16 +323,16 @@ TEST(HostString, OrderOfTheRefusals)
 {
     for (const char *bad : {"0.0.0", "0.0.0.0.0", "0.a.0.0", "255.255.255.x", "0000.0000.0000.0", "256.256.256.256.",
                             "0.1.2.3456789012", "999.999.999 999"})
-        EXPECT_EQ(validate_ipv4_host_address_str(bad), -1) << bad;
+        EXPECT_EQ(-1, validate_ipv4_host_address_str(bad)) << bad;
     for (const char *zero : {"0.999.1.1", "0000.000.000.00", "255.255.255.255", "999.999.999.999", "...1"})
-        EXPECT_EQ(validate_ipv4_host_address_str(zero), 0) << zero;
+        EXPECT_EQ(0, validate_ipv4_host_address_str(zero)) << zero;
 }
 
 TEST(Email, Valid)
 {
     for (const char *s : {"a.b@c.d", "A_z-0.9@x-y.Z", ".a@c.d", "a..b@c.d", "a@c.", "a@-.-", R"(\abc\@c.d)",
                           R"(\\@c.d)", R"(\a@b\@c.d)", R"(\!~\.x@c.d)", R"(a.\q\@c.d)", R"(\a\.\b\@c.d)"})
-        EXPECT_EQ(validate_email_address_str(s), 0) << s;
+        EXPECT_EQ(0, validate_email_address_str(s)) << s;
 }
 
 TEST(Email, Invalid)
@@ -365,5 +365,5 @@ TEST(Email, Invalid)
                           "a@\xe9.d",
                           "\\\xe9\\@c.d",
                           "\\"})
-        EXPECT_EQ(validate_email_address_str(s), -1) << s;
+        EXPECT_EQ(-1, validate_email_address_str(s)) << s;
 }

@@ -55,7 +55,7 @@ using Fields = std::initializer_list<std::pair<std::size_t, std::size_t>>; // of
 // A request's code is right, and apart from the named fields every byte is zero.
 void expect_command(const Request &request, unsigned code, Fields fields)
 {
-    EXPECT_EQ(request.number, 0x89F0u);
+    EXPECT_EQ(0x89F0u, request.number);
     std::vector<unsigned char> channel(sizeof(ifreq), 0);
     std::memcpy(channel.data(), "pow0", 4);
     EXPECT_EQ(request.channel, channel);
@@ -70,13 +70,13 @@ void expect_command(const Request &request, unsigned code, Fields fields)
 // The only request made.
 Request only(unsigned code, Fields fields)
 {
-    EXPECT_EQ(requests.size(), 1u);
+    EXPECT_EQ(1u, requests.size());
     if (requests.empty())
         return {};
     Request request = requests.front();
     expect_command(request, code, fields);
-    EXPECT_EQ(opened, 1);
-    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(1, opened);
+    EXPECT_EQ(1, closed);
     return request;
 }
 
@@ -151,9 +151,9 @@ extern "C" int socket(int domain, int type, int protocol)
         errno = sockets_fail_with;
         return -1;
     }
-    EXPECT_EQ(domain, AF_INET);
-    EXPECT_EQ(type, SOCK_DGRAM);
-    EXPECT_EQ(protocol, 0);
+    EXPECT_EQ(AF_INET, domain);
+    EXPECT_EQ(SOCK_DGRAM, type);
+    EXPECT_EQ(0, protocol);
     opened++;
     return real(domain, type, protocol);
 }
@@ -176,26 +176,26 @@ extern "C" int close(int fd)
 TEST_F(Vrctl, VridToVsysid)
 {
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 10, 65535); });
-    EXPECT_EQ(qv_vrid_2_vsysid(0x1234), 65535);
-    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 0x1234u);
+    EXPECT_EQ(65535, qv_vrid_2_vsysid(0x1234));
+    EXPECT_EQ(0x1234u, field(only(11, {{8, 2}}), 8, 2));
 }
 
 TEST_F(Vrctl, VridToName)
 {
     succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 16, "untrust"); });
     char *name = qv_vrid_2_name(7);
-    EXPECT_STREQ(name, "untrust");
-    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 7u);
+    EXPECT_STREQ("untrust", name);
+    EXPECT_EQ(7u, field(only(11, {{8, 2}}), 8, 2));
     succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 16, "b"); });
     EXPECT_EQ(qv_vrid_2_name(8), name) << "one static buffer";
-    EXPECT_STREQ(name, "b");
+    EXPECT_STREQ("b", name);
 }
 
 TEST_F(Vrctl, NamesWithoutTerminatorAreCutAt31)
 {
     succeed([](unsigned char *record) { std::memset(record, 'n', 280); });
-    EXPECT_EQ(qv_vrid_2_name(7), std::string(31, 'n'));
-    EXPECT_EQ(qv_vsysid_2_name(7), std::string(31, 'n'));
+    EXPECT_EQ(std::string(31, 'n'), qv_vrid_2_name(7));
+    EXPECT_EQ(std::string(31, 'n'), qv_vsysid_2_name(7));
 }
 
 TEST_F(Vrctl, NamesOf30And31CharactersComeWhole)
@@ -220,10 +220,10 @@ TEST_F(Vrctl, NamesOf30And31CharactersComeWhole)
 TEST_F(Vrctl, VrNameToId)
 {
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 8, 2080); });
-    EXPECT_EQ(qv_vrname_2_id(3, "trust"), 2080);
+    EXPECT_EQ(2080, qv_vrname_2_id(3, "trust"));
     Request request = only(12, {{10, 2}, {16, 32}});
-    EXPECT_EQ(field(request, 10, 2), 3u);
-    EXPECT_STREQ(reinterpret_cast<char *>(request.record.data()) + 16, "trust");
+    EXPECT_EQ(3u, field(request, 10, 2));
+    EXPECT_STREQ("trust", reinterpret_cast<char *>(request.record.data()) + 16);
 }
 
 TEST_F(Vrctl, SentNamesAreCutAt31)
@@ -246,8 +246,8 @@ TEST_F(Vrctl, SentNamesAreCutAt31)
 TEST_F(Vrctl, VsysIdToName)
 {
     succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 10, "root"); });
-    EXPECT_STREQ(qv_vsysid_2_name(9), "root");
-    EXPECT_EQ(field(only(15, {{8, 2}}), 8, 2), 9u);
+    EXPECT_STREQ("root", qv_vsysid_2_name(9));
+    EXPECT_EQ(9u, field(only(15, {{8, 2}}), 8, 2));
 }
 
 TEST_F(Vrctl, TheTwoNameBuffersAreSeparate)
@@ -256,36 +256,36 @@ TEST_F(Vrctl, TheTwoNameBuffersAreSeparate)
     char *vsys = qv_vsysid_2_name(1);
     char *vr = qv_vrid_2_name(1);
     EXPECT_NE(vsys, vr);
-    EXPECT_STREQ(vsys, "xxxxxxyyyy");
-    EXPECT_STREQ(vr, "yyyy");
+    EXPECT_STREQ("xxxxxxyyyy", vsys);
+    EXPECT_STREQ("yyyy", vr);
 }
 
 TEST_F(Vrctl, VsysNameToId)
 {
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 8, 65535); });
-    EXPECT_EQ(qv_vsysname_2_id("root"), 65535);
-    EXPECT_STREQ(reinterpret_cast<char *>(only(16, {{10, 32}}).record.data()) + 10, "root");
+    EXPECT_EQ(65535, qv_vsysname_2_id("root"));
+    EXPECT_STREQ("root", reinterpret_cast<char *>(only(16, {{10, 32}}).record.data()) + 10);
 }
 
 TEST_F(Vrctl, NullNamesNeedNoSocket)
 {
-    EXPECT_EQ(qv_vsysname_2_id(nullptr), -1);
-    EXPECT_EQ(qv_vrname_2_id(1, nullptr), 0);
+    EXPECT_EQ(-1, qv_vsysname_2_id(nullptr));
+    EXPECT_EQ(0, qv_vrname_2_id(1, nullptr));
     unsigned vrid = 5;
-    EXPECT_EQ(qv_get_if_vr(nullptr, &vrid), -1);
-    EXPECT_EQ(qv_set_if_vr(nullptr, 5), -1);
-    EXPECT_EQ(vrid, 5u);
-    EXPECT_EQ(opened, 0);
-    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(-1, qv_get_if_vr(nullptr, &vrid));
+    EXPECT_EQ(-1, qv_set_if_vr(nullptr, 5));
+    EXPECT_EQ(5u, vrid);
+    EXPECT_EQ(0, opened);
+    EXPECT_EQ(0, closed);
 }
 
 TEST_F(Vrctl, DefaultVr)
 {
-    EXPECT_EQ(qv_vsysid_2_default_vrid(0), 1);
-    EXPECT_EQ(opened, 0);
+    EXPECT_EQ(1, qv_vsysid_2_default_vrid(0));
+    EXPECT_EQ(0, opened);
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 42, 77); });
-    EXPECT_EQ(qv_vsysid_2_default_vrid(4), 77);
-    EXPECT_EQ(field(only(17, {{8, 2}}), 8, 2), 4u);
+    EXPECT_EQ(77, qv_vsysid_2_default_vrid(4));
+    EXPECT_EQ(4u, field(only(17, {{8, 2}}), 8, 2));
 }
 
 // ---- flags ----
@@ -293,10 +293,10 @@ TEST_F(Vrctl, DefaultVr)
 TEST_F(Vrctl, InterfaceSharedMark)
 {
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 268, 0xFFFFFFFF); });
-    EXPECT_EQ(qv_is_if_shared(300), 2);
-    EXPECT_EQ(field(only(6, {{264, 4}}), 264, 4), 300u);
+    EXPECT_EQ(2, qv_is_if_shared(300));
+    EXPECT_EQ(300u, field(only(6, {{264, 4}}), 264, 4));
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 268, 0xFFFFFFFD); });
-    EXPECT_EQ(qv_is_if_shared(300), 0);
+    EXPECT_EQ(0, qv_is_if_shared(300));
 }
 
 TEST_F(Vrctl, SettingAnInterfacesMarkReadsAndWritesBack)
@@ -305,20 +305,20 @@ TEST_F(Vrctl, SettingAnInterfacesMarkReadsAndWritesBack)
         if (record[0] == 6)
             put<std::uint32_t>(record, 268, 0xA0000001);
     });
-    EXPECT_EQ(qv_set_if_shared(300), 0);
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(field(requests[0], 0, 8), 6u);
-    EXPECT_EQ(field(requests[1], 0, 8), 4u);
-    EXPECT_EQ(field(requests[1], 264, 4), 300u);
-    EXPECT_EQ(field(requests[1], 268, 4), 0xA0000003u);
+    EXPECT_EQ(0, qv_set_if_shared(300));
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ(6u, field(requests[0], 0, 8));
+    EXPECT_EQ(4u, field(requests[1], 0, 8));
+    EXPECT_EQ(300u, field(requests[1], 264, 4));
+    EXPECT_EQ(0xA0000003u, field(requests[1], 268, 4));
     succeed([](unsigned char *record) {
         if (record[0] == 6)
             put<std::uint32_t>(record, 268, 0xA0000003);
     });
-    EXPECT_EQ(qv_set_if_unshared(301), 0);
-    ASSERT_EQ(requests.size(), 4u);
-    EXPECT_EQ(field(requests[3], 264, 4), 301u);
-    EXPECT_EQ(field(requests[3], 268, 4), 0xA0000001u);
+    EXPECT_EQ(0, qv_set_if_unshared(301));
+    ASSERT_EQ(4u, requests.size());
+    EXPECT_EQ(301u, field(requests[3], 264, 4));
+    EXPECT_EQ(0xA0000001u, field(requests[3], 268, 4));
     for (std::size_t read : {0u, 2u}) {
         expect_command(requests[read], 6, {{264, 4}});
         expect_command(requests[read + 1], 4, {{264, 4}, {268, 4}});
@@ -328,10 +328,10 @@ TEST_F(Vrctl, SettingAnInterfacesMarkReadsAndWritesBack)
 TEST_F(Vrctl, VrSharedMark)
 {
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 12, 2); });
-    EXPECT_EQ(qv_is_vr_shared(9), 2);
-    EXPECT_EQ(field(only(11, {{8, 2}}), 8, 2), 9u);
+    EXPECT_EQ(2, qv_is_vr_shared(9));
+    EXPECT_EQ(9u, field(only(11, {{8, 2}}), 8, 2));
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 12, 1); });
-    EXPECT_EQ(qv_is_vr_shared(9), 0);
+    EXPECT_EQ(0, qv_is_vr_shared(9));
 }
 
 TEST_F(Vrctl, SettingAVrsMarkReadsAndWritesBack)
@@ -343,14 +343,14 @@ TEST_F(Vrctl, SettingAVrsMarkReadsAndWritesBack)
         else
             std::memcpy(&flags, record + 12, 4);
     });
-    EXPECT_EQ(qv_set_vr_shared(9), 0);
-    EXPECT_EQ(flags, 0x80000007u);
-    EXPECT_EQ(qv_set_vr_unshared(9), 0);
-    EXPECT_EQ(flags, 0x80000005u);
-    ASSERT_EQ(requests.size(), 4u);
-    EXPECT_EQ(field(requests[1], 0, 8), 9u);
-    EXPECT_EQ(field(requests[1], 8, 2), 9u);
-    EXPECT_EQ(field(requests[1], 10, 2), 0u);
+    EXPECT_EQ(0, qv_set_vr_shared(9));
+    EXPECT_EQ(0x80000007u, flags);
+    EXPECT_EQ(0, qv_set_vr_unshared(9));
+    EXPECT_EQ(0x80000005u, flags);
+    ASSERT_EQ(4u, requests.size());
+    EXPECT_EQ(9u, field(requests[1], 0, 8));
+    EXPECT_EQ(9u, field(requests[1], 8, 2));
+    EXPECT_EQ(0u, field(requests[1], 10, 2));
     for (std::size_t read : {0u, 2u}) {
         expect_command(requests[read], 11, {{8, 2}});
         expect_command(requests[read + 1], 9, {{8, 2}, {12, 4}});
@@ -360,18 +360,18 @@ TEST_F(Vrctl, SettingAVrsMarkReadsAndWritesBack)
 TEST_F(Vrctl, AWriteThatFailsIsTheResult)
 {
     reply = [](unsigned char *record) { return record[0] == 4 || record[0] == 9 ? -1 : 0; };
-    EXPECT_EQ(qv_set_if_shared(1), -1);
-    EXPECT_EQ(qv_set_vr_unshared(1), -1);
-    EXPECT_EQ(requests.size(), 4u);
+    EXPECT_EQ(-1, qv_set_if_shared(1));
+    EXPECT_EQ(-1, qv_set_vr_unshared(1));
+    EXPECT_EQ(4u, requests.size());
 }
 
 TEST_F(Vrctl, InterfacesVsys)
 {
     unsigned short vsysid = 5;
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 272, 65000); });
-    EXPECT_EQ(qv_get_if_vsysid(65535, &vsysid), 0);
-    EXPECT_EQ(vsysid, 65000);
-    EXPECT_EQ(field(only(6, {{264, 4}}), 264, 4), 65535u) << "widened without a sign";
+    EXPECT_EQ(0, qv_get_if_vsysid(65535, &vsysid));
+    EXPECT_EQ(65000, vsysid);
+    EXPECT_EQ(65535u, field(only(6, {{264, 4}}), 264, 4)) << "widened without a sign";
 }
 
 // ---- the other interface commands ----
@@ -380,36 +380,36 @@ TEST_F(Vrctl, CellularMac)
 {
     const unsigned char mac[6] = {1, 2, 3, 0xFD, 0xFE, 0xFF};
     succeed();
-    EXPECT_EQ(qv_set_cellular_if_mac(mac, 12, 0xDEADBEEF), 0);
+    EXPECT_EQ(0, qv_set_cellular_if_mac(mac, 12, 0xDEADBEEF));
     Request request = only(18, {{8, 2}, {12, 4}, {16, 6}});
-    EXPECT_EQ(field(request, 8, 2), 12u);
-    EXPECT_EQ(field(request, 12, 4), 0xDEADBEEFu);
-    EXPECT_EQ(std::memcmp(request.record.data() + 16, mac, 6), 0);
+    EXPECT_EQ(12u, field(request, 8, 2));
+    EXPECT_EQ(0xDEADBEEFu, field(request, 12, 4));
+    EXPECT_EQ(0, std::memcmp(request.record.data() + 16, mac, 6));
 }
 
 TEST_F(Vrctl, Wifi)
 {
     succeed();
-    EXPECT_EQ(qv_set_wifi_if(12, 0xDEADBEEF), 0);
+    EXPECT_EQ(0, qv_set_wifi_if(12, 0xDEADBEEF));
     Request request = only(19, {{8, 2}, {12, 4}});
-    EXPECT_EQ(field(request, 8, 2), 12u);
-    EXPECT_EQ(field(request, 12, 4), 0xDEADBEEFu);
+    EXPECT_EQ(12u, field(request, 8, 2));
+    EXPECT_EQ(0xDEADBEEFu, field(request, 12, 4));
 }
 
 TEST_F(Vrctl, MtuLimit)
 {
     succeed();
-    EXPECT_EQ(qv_set_if_mtu_limit(12), 0);
-    EXPECT_EQ(field(only(22, {{8, 2}}), 8, 2), 12u);
+    EXPECT_EQ(0, qv_set_if_mtu_limit(12));
+    EXPECT_EQ(12u, field(only(22, {{8, 2}}), 8, 2));
 }
 
 TEST_F(Vrctl, CellularDevice)
 {
     succeed();
-    EXPECT_EQ(qv_change_cellular_dev(&requests, 12, 3), 0);
+    EXPECT_EQ(0, qv_change_cellular_dev(&requests, 12, 3));
     Request request = only(24, {{8, 2}, {12, 4}});
-    EXPECT_EQ(field(request, 8, 2), 12u);
-    EXPECT_EQ(field(request, 12, 4), 3u);
+    EXPECT_EQ(12u, field(request, 8, 2));
+    EXPECT_EQ(3u, field(request, 12, 4));
 }
 
 // ---- positive results, which only the interface requests take for failures ----
@@ -426,24 +426,24 @@ TEST_F(Vrctl, APositiveResultOfACommandIsSuccess)
         errno = EIO;
         return 1;
     };
-    EXPECT_EQ(qv_vrid_2_vsysid(1), 0x0202);
-    EXPECT_STREQ(qv_vrid_2_name(1), std::string(31, 2).c_str());
-    EXPECT_EQ(qv_vrname_2_id(1, "x"), 9);
-    EXPECT_STREQ(qv_vsysid_2_name(1), std::string(31, 2).c_str());
-    EXPECT_EQ(qv_vsysname_2_id("x"), 9);
-    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0x0202);
-    EXPECT_EQ(qv_is_vr_shared(1), 2);
-    EXPECT_EQ(qv_set_vr_shared(1), 0);
-    EXPECT_EQ(qv_set_vr_unshared(1), 0);
-    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), 0);
-    EXPECT_EQ(vsysid, 0x0202);
-    EXPECT_EQ(qv_is_if_shared(1), 2);
-    EXPECT_EQ(qv_set_if_shared(1), 0);
-    EXPECT_EQ(qv_set_if_unshared(1), 0);
-    EXPECT_EQ(qv_set_cellular_if_mac(mac, 1, 1), 0);
-    EXPECT_EQ(qv_set_wifi_if(1, 1), 0);
-    EXPECT_EQ(qv_set_if_mtu_limit(1), 0);
-    EXPECT_EQ(qv_change_cellular_dev(nullptr, 1, 1), 0);
+    EXPECT_EQ(0x0202, qv_vrid_2_vsysid(1));
+    EXPECT_STREQ(std::string(31, 2).c_str(), qv_vrid_2_name(1));
+    EXPECT_EQ(9, qv_vrname_2_id(1, "x"));
+    EXPECT_STREQ(std::string(31, 2).c_str(), qv_vsysid_2_name(1));
+    EXPECT_EQ(9, qv_vsysname_2_id("x"));
+    EXPECT_EQ(0x0202, qv_vsysid_2_default_vrid(1));
+    EXPECT_EQ(2, qv_is_vr_shared(1));
+    EXPECT_EQ(0, qv_set_vr_shared(1));
+    EXPECT_EQ(0, qv_set_vr_unshared(1));
+    EXPECT_EQ(0, qv_get_if_vsysid(1, &vsysid));
+    EXPECT_EQ(0x0202, vsysid);
+    EXPECT_EQ(2, qv_is_if_shared(1));
+    EXPECT_EQ(0, qv_set_if_shared(1));
+    EXPECT_EQ(0, qv_set_if_unshared(1));
+    EXPECT_EQ(0, qv_set_cellular_if_mac(mac, 1, 1));
+    EXPECT_EQ(0, qv_set_wifi_if(1, 1));
+    EXPECT_EQ(0, qv_set_if_mtu_limit(1));
+    EXPECT_EQ(0, qv_change_cellular_dev(nullptr, 1, 1));
 }
 
 TEST_F(Vrctl, APositiveResultOfAnInterfaceRequestIsAFailure)
@@ -454,13 +454,13 @@ TEST_F(Vrctl, APositiveResultOfAnInterfaceRequestIsAFailure)
         errno = EIO;
         return 1;
     };
-    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), EIO);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
-    EXPECT_EQ(qv_set_if_vr("eth0", 5), EIO);
+    EXPECT_EQ(EIO, qv_get_if_vr("eth0", &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(EIO, qv_set_if_vr("eth0", 5));
     vrid = 5;
-    EXPECT_EQ(qv_get_netif_vr("ethernet0/1", &vrid), EIO);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
-    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), -1);
+    EXPECT_EQ(EIO, qv_get_netif_vr("ethernet0/1", &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(-1, qv_ifname_2_vsysid("ethernet0/1"));
 }
 
 // ---- failures of the private channel ----
@@ -471,42 +471,42 @@ TEST_F(Vrctl, ARefusedCommandGivesEachCallItsFailureAndTheRequestsErrno)
     unsigned short vsysid = 5;
     fail(ENODEV);
     auto expect_errno = [](const char *call) {
-        EXPECT_EQ(errno, ENODEV) << call;
+        EXPECT_EQ(ENODEV, errno) << call;
         errno = 0;
     };
-    EXPECT_EQ(qv_vrid_2_vsysid(1), -1), expect_errno("vrid_2_vsysid");
-    EXPECT_EQ(qv_vrid_2_name(1), nullptr), expect_errno("vrid_2_name");
-    EXPECT_EQ(qv_vrname_2_id(1, "x"), 0), expect_errno("vrname_2_id");
-    EXPECT_EQ(qv_vsysid_2_name(1), nullptr), expect_errno("vsysid_2_name");
-    EXPECT_EQ(qv_vsysname_2_id("x"), -1), expect_errno("vsysname_2_id");
-    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0), expect_errno("default_vrid");
-    EXPECT_EQ(qv_is_vr_shared(1), 0), expect_errno("is_vr_shared");
-    EXPECT_EQ(qv_set_vr_shared(1), -1), expect_errno("set_vr_shared");
-    EXPECT_EQ(qv_set_vr_unshared(1), -1), expect_errno("set_vr_unshared");
-    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), -1), expect_errno("get_if_vsysid");
-    EXPECT_EQ(qv_is_if_shared(1), 0), expect_errno("is_if_shared");
-    EXPECT_EQ(qv_set_if_shared(1), -1), expect_errno("set_if_shared");
-    EXPECT_EQ(qv_set_if_unshared(1), -1), expect_errno("set_if_unshared");
-    EXPECT_EQ(qv_set_cellular_if_mac(mac, 1, 1), -1), expect_errno("cellular_mac");
-    EXPECT_EQ(qv_set_wifi_if(1, 1), -1), expect_errno("wifi");
-    EXPECT_EQ(qv_set_if_mtu_limit(1), -1), expect_errno("mtu");
-    EXPECT_EQ(qv_change_cellular_dev(nullptr, 1, 1), -1), expect_errno("cellular_dev");
-    EXPECT_EQ(vsysid, 5) << "left alone";
-    EXPECT_EQ(opened, 17);
-    EXPECT_EQ(closed, 17);
+    EXPECT_EQ(-1, qv_vrid_2_vsysid(1)), expect_errno("vrid_2_vsysid");
+    EXPECT_EQ(nullptr, qv_vrid_2_name(1)), expect_errno("vrid_2_name");
+    EXPECT_EQ(0, qv_vrname_2_id(1, "x")), expect_errno("vrname_2_id");
+    EXPECT_EQ(nullptr, qv_vsysid_2_name(1)), expect_errno("vsysid_2_name");
+    EXPECT_EQ(-1, qv_vsysname_2_id("x")), expect_errno("vsysname_2_id");
+    EXPECT_EQ(0, qv_vsysid_2_default_vrid(1)), expect_errno("default_vrid");
+    EXPECT_EQ(0, qv_is_vr_shared(1)), expect_errno("is_vr_shared");
+    EXPECT_EQ(-1, qv_set_vr_shared(1)), expect_errno("set_vr_shared");
+    EXPECT_EQ(-1, qv_set_vr_unshared(1)), expect_errno("set_vr_unshared");
+    EXPECT_EQ(-1, qv_get_if_vsysid(1, &vsysid)), expect_errno("get_if_vsysid");
+    EXPECT_EQ(0, qv_is_if_shared(1)), expect_errno("is_if_shared");
+    EXPECT_EQ(-1, qv_set_if_shared(1)), expect_errno("set_if_shared");
+    EXPECT_EQ(-1, qv_set_if_unshared(1)), expect_errno("set_if_unshared");
+    EXPECT_EQ(-1, qv_set_cellular_if_mac(mac, 1, 1)), expect_errno("cellular_mac");
+    EXPECT_EQ(-1, qv_set_wifi_if(1, 1)), expect_errno("wifi");
+    EXPECT_EQ(-1, qv_set_if_mtu_limit(1)), expect_errno("mtu");
+    EXPECT_EQ(-1, qv_change_cellular_dev(nullptr, 1, 1)), expect_errno("cellular_dev");
+    EXPECT_EQ(5, vsysid) << "left alone";
+    EXPECT_EQ(17, opened);
+    EXPECT_EQ(17, closed);
 }
 
 TEST_F(Vrctl, WithoutASocketNothingIsClosed)
 {
     sockets_fail_with = EMFILE;
     unsigned vrid = 5;
-    EXPECT_EQ(qv_vrid_2_vsysid(1), -1);
-    EXPECT_EQ(errno, EMFILE);
-    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0);
-    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), EMFILE);
-    EXPECT_EQ(qv_set_if_vr("eth0", 5), EMFILE);
-    EXPECT_EQ(vrid, 5u) << "left alone";
-    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(-1, qv_vrid_2_vsysid(1));
+    EXPECT_EQ(EMFILE, errno);
+    EXPECT_EQ(0, qv_vsysid_2_default_vrid(1));
+    EXPECT_EQ(EMFILE, qv_get_if_vr("eth0", &vrid));
+    EXPECT_EQ(EMFILE, qv_set_if_vr("eth0", 5));
+    EXPECT_EQ(5u, vrid) << "left alone";
+    EXPECT_EQ(0, closed);
     EXPECT_TRUE(requests.empty());
 }
 
@@ -516,23 +516,23 @@ TEST_F(Vrctl, InterfacesVr)
 {
     unsigned vrid = 5;
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 16, 0x12345678); });
-    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), 0);
-    EXPECT_EQ(vrid, 0x12345678u);
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].number, 0x89A4u);
+    EXPECT_EQ(0, qv_get_if_vr("eth0", &vrid));
+    EXPECT_EQ(0x12345678u, vrid);
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ(0x89A4u, requests[0].number);
     std::vector<unsigned char> wanted(56, 0);
     std::memcpy(wanted.data(), "eth0", 4);
     EXPECT_EQ(requests[0].record, wanted);
-    EXPECT_EQ(opened, 1);
-    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(1, opened);
+    EXPECT_EQ(1, closed);
 }
 
 TEST_F(Vrctl, SettingAnInterfacesVr)
 {
     succeed();
-    EXPECT_EQ(qv_set_if_vr("a-name-of-16-cha", 0x12345678), 0);
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].number, 0x89A5u);
+    EXPECT_EQ(0, qv_set_if_vr("a-name-of-16-cha", 0x12345678));
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ(0x89A5u, requests[0].number);
     std::vector<unsigned char> wanted(56, 0);
     std::memcpy(wanted.data(), "a-name-of-16-ch", 15);
     put<std::uint32_t>(wanted.data(), 16, 0x12345678);
@@ -546,11 +546,11 @@ TEST_F(Vrctl, InterfaceRequestsAreCleared)
     for (const char *name : {"", "e", "fifteen-charact"}) {
         requests.clear();
         dirty_stack();
-        EXPECT_EQ(qv_get_if_vr(name, &vrid), 0);
+        EXPECT_EQ(0, qv_get_if_vr(name, &vrid));
         dirty_stack();
-        EXPECT_EQ(qv_set_if_vr(name, 0x01020304), 0);
+        EXPECT_EQ(0, qv_set_if_vr(name, 0x01020304));
         dirty_stack();
-        EXPECT_EQ(qv_get_netif_vr(name, &vrid), 0);
+        EXPECT_EQ(0, qv_get_netif_vr(name, &vrid));
         std::vector<unsigned char> wanted(56, 0);
         std::strcpy(reinterpret_cast<char *>(wanted.data()), name);
         EXPECT_EQ(requests.at(0).record, wanted);
@@ -569,7 +569,7 @@ TEST_F(Vrctl, CommandsAreCleared)
         requests.clear();
         dirty_stack();
         call();
-        ASSERT_EQ(requests.size(), 1u);
+        ASSERT_EQ(1u, requests.size());
         expect_command(requests[0], code, fields);
     };
     cleared([] { qv_vrid_2_vsysid(0xFFFF); }, 11, {{8, 2}});
@@ -591,33 +591,34 @@ TEST_F(Vrctl, ARefusedInterfaceRequestGivesThePositiveErrno)
 {
     unsigned vrid = 5;
     fail(ENXIO);
-    EXPECT_EQ(qv_get_if_vr("eth0", &vrid), ENXIO);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
-    EXPECT_EQ(qv_set_if_vr("eth0", 5), ENXIO);
-    EXPECT_EQ(closed, 2);
+    EXPECT_EQ(ENXIO, qv_get_if_vr("eth0", &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(ENXIO, qv_set_if_vr("eth0", 5));
+    EXPECT_EQ(2, closed);
 }
 
 TEST_F(Vrctl, TheApplianceNameIsConverted)
 {
     unsigned vrid = 5;
     succeed([](unsigned char *record) { put<std::uint32_t>(record, 16, 9); });
-    EXPECT_EQ(qv_get_netif_vr("ethernet0/1", &vrid), 0);
-    EXPECT_EQ(vrid, 9u);
-    EXPECT_STREQ(reinterpret_cast<char *>(requests.at(0).record.data()), "eth0-1");
+    EXPECT_EQ(0, qv_get_netif_vr("ethernet0/1", &vrid));
+    EXPECT_EQ(9u, vrid);
+    EXPECT_STREQ("eth0-1", reinterpret_cast<char *>(requests.at(0).record.data()));
 }
 
 TEST_F(Vrctl, ANameThatCannotBeConvertedMakesNoRequest)
 {
     unsigned vrid = 5;
     std::string name = "tunnel" + std::string(26, '1');
-    EXPECT_EQ(qv_get_netif_vr(name.c_str(), &vrid), -1);
-    EXPECT_EQ(qv_get_netif_vr(nullptr, &vrid), -1);
-    EXPECT_EQ(qv_ifname_2_vsysid(name.c_str()), -1);
-    EXPECT_EQ(vrid, 5u);
+    EXPECT_EQ(-1, qv_get_netif_vr(name.c_str(), &vrid));
+    EXPECT_EQ(-1, qv_get_netif_vr(nullptr, &vrid));
+    EXPECT_EQ(-1, qv_ifname_2_vsysid(name.c_str()));
+    EXPECT_EQ(5u, vrid);
     EXPECT_TRUE(requests.empty());
     interposed = false;
-    EXPECT_EQ(read_file(kConsole), "Can not convert ifp name: " + name + "\nNULL ifp name, can not convert\n" +
-                                       "Can not convert ifp name: " + name + "\n");
+    EXPECT_EQ("Can not convert ifp name: " + name + "\nNULL ifp name, can not convert\n" +
+                  "Can not convert ifp name: " + name + "\n",
+              read_file(kConsole));
 }
 
 TEST_F(Vrctl, IfnameToVsysid)
@@ -629,18 +630,18 @@ TEST_F(Vrctl, IfnameToVsysid)
             put<std::uint16_t>(record, 10, 4);
         return 0;
     };
-    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), 4);
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(field(requests[1], 0, 8), 11u);
-    EXPECT_EQ(field(requests[1], 8, 2), 9u) << "the low 16 bits of the VR id";
+    EXPECT_EQ(4, qv_ifname_2_vsysid("ethernet0/1"));
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ(11u, field(requests[1], 0, 8));
+    EXPECT_EQ(9u, field(requests[1], 8, 2)) << "the low 16 bits of the VR id";
     fail(EINVAL);
-    EXPECT_EQ(qv_ifname_2_vsysid("ethernet0/1"), -1);
+    EXPECT_EQ(-1, qv_ifname_2_vsysid("ethernet0/1"));
 }
 
 TEST(VrctlProbes, WhatThePlatformCanDo)
 {
-    EXPECT_EQ(qv_is_support_multi_vrouter(), 1);
-    EXPECT_EQ(qv_is_support_vrf(), 0);
+    EXPECT_EQ(1, qv_is_support_multi_vrouter());
+    EXPECT_EQ(0, qv_is_support_vrf());
 }
 
 // ---- the stock kernel, which has none of this ----
@@ -649,21 +650,21 @@ TEST(VrctlStockKernel, EveryCallGivesItsFailure)
 {
     unsigned short vsysid = 5;
     unsigned vrid = 5;
-    EXPECT_EQ(qv_vrid_2_vsysid(1), -1);
-    EXPECT_EQ(qv_vrid_2_name(1), nullptr);
-    EXPECT_EQ(qv_vrname_2_id(0, "x"), 0);
-    EXPECT_EQ(qv_vsysid_2_name(0), nullptr);
-    EXPECT_EQ(qv_vsysname_2_id("x"), -1);
-    EXPECT_EQ(qv_vsysid_2_default_vrid(1), 0);
-    EXPECT_EQ(qv_is_vr_shared(1), 0);
-    EXPECT_EQ(qv_set_vr_shared(1), -1);
-    EXPECT_EQ(qv_get_if_vsysid(1, &vsysid), -1);
-    EXPECT_EQ(qv_is_if_shared(1), 0);
-    EXPECT_EQ(qv_set_if_shared(1), -1);
+    EXPECT_EQ(-1, qv_vrid_2_vsysid(1));
+    EXPECT_EQ(nullptr, qv_vrid_2_name(1));
+    EXPECT_EQ(0, qv_vrname_2_id(0, "x"));
+    EXPECT_EQ(nullptr, qv_vsysid_2_name(0));
+    EXPECT_EQ(-1, qv_vsysname_2_id("x"));
+    EXPECT_EQ(0, qv_vsysid_2_default_vrid(1));
+    EXPECT_EQ(0, qv_is_vr_shared(1));
+    EXPECT_EQ(-1, qv_set_vr_shared(1));
+    EXPECT_EQ(-1, qv_get_if_vsysid(1, &vsysid));
+    EXPECT_EQ(0, qv_is_if_shared(1));
+    EXPECT_EQ(-1, qv_set_if_shared(1));
     EXPECT_GT(qv_get_if_vr("lo", &vrid), 0);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(0xFFFFABCDu, vrid);
     EXPECT_GT(qv_set_if_vr("lo", 1), 0);
-    EXPECT_EQ(vsysid, 5);
+    EXPECT_EQ(5, vsysid);
 }
 
 TEST(VrctlStockKernel, NoDescriptorIsLeftOpen)

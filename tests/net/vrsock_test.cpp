@@ -252,7 +252,7 @@ extern "C" int getsockname(int fd, sockaddr *name, socklen_t *length) noexcept
     static auto real = support::next_function<int(int, sockaddr *, socklen_t *)>("getsockname");
     if (!interposed)
         return real(fd, name, length);
-    EXPECT_EQ(*length, 128u);
+    EXPECT_EQ(128u, *length);
     errno = own_name_error;
     if (own_name_error != 0)
         return -1;
@@ -298,56 +298,56 @@ extern "C" ssize_t recvmsg(int fd, msghdr *m, int flags)
 TEST_F(Vrsock, BindReachesTheKernelForValidIds)
 {
     for (int vrid : {-1, 1, 2, 2080}) {
-        EXPECT_EQ(qv_bindvr(5, vrid), 0);
-        EXPECT_EQ(option.fd, 5);
-        EXPECT_EQ(option.level, 0);
-        EXPECT_EQ(option.name, 31);
+        EXPECT_EQ(0, qv_bindvr(5, vrid));
+        EXPECT_EQ(5, option.fd);
+        EXPECT_EQ(0, option.level);
+        EXPECT_EQ(31, option.name);
         EXPECT_EQ(option.value, number(static_cast<std::uint32_t>(vrid)));
-        EXPECT_EQ(qv_bindvr6(6, vrid), 0);
-        EXPECT_EQ(option.fd, 6);
-        EXPECT_EQ(option.level, 41);
-        EXPECT_EQ(option.name, 91);
+        EXPECT_EQ(0, qv_bindvr6(6, vrid));
+        EXPECT_EQ(6, option.fd);
+        EXPECT_EQ(41, option.level);
+        EXPECT_EQ(91, option.name);
         EXPECT_EQ(option.value, number(static_cast<std::uint32_t>(vrid)));
     }
-    EXPECT_EQ(options_asked, 8);
+    EXPECT_EQ(8, options_asked);
 }
 
 TEST_F(Vrsock, BindRefusesOtherIdsByItself)
 {
     for (int vrid : {0, -2, 2081, INT_MAX, INT_MIN}) {
-        EXPECT_EQ(qv_bindvr(5, vrid), -1);
-        EXPECT_EQ(qv_bindvr6(5, vrid), -1);
+        EXPECT_EQ(-1, qv_bindvr(5, vrid));
+        EXPECT_EQ(-1, qv_bindvr6(5, vrid));
     }
-    EXPECT_EQ(options_asked, 0);
+    EXPECT_EQ(0, options_asked);
 }
 
 TEST_F(Vrsock, GetvrAsksTheKernel)
 {
     int vrid = 0;
     option_reply = 2080;
-    EXPECT_EQ(qv_getvr(5, &vrid), 0);
-    EXPECT_EQ(vrid, 2080);
-    EXPECT_EQ(option.level, 0);
-    EXPECT_EQ(option.name, 30);
-    EXPECT_EQ(option.length, 4u);
-    EXPECT_EQ(qv_getvr6(5, &vrid), 0);
-    EXPECT_EQ(option.level, 41);
-    EXPECT_EQ(option.name, 90);
-    EXPECT_EQ(option.length, 4u);
-    EXPECT_EQ(qv_getvr(5, nullptr), -1);
-    EXPECT_EQ(qv_getvr6(5, nullptr), -1);
-    EXPECT_EQ(options_asked, 2);
+    EXPECT_EQ(0, qv_getvr(5, &vrid));
+    EXPECT_EQ(2080, vrid);
+    EXPECT_EQ(0, option.level);
+    EXPECT_EQ(30, option.name);
+    EXPECT_EQ(4u, option.length);
+    EXPECT_EQ(0, qv_getvr6(5, &vrid));
+    EXPECT_EQ(41, option.level);
+    EXPECT_EQ(90, option.name);
+    EXPECT_EQ(4u, option.length);
+    EXPECT_EQ(-1, qv_getvr(5, nullptr));
+    EXPECT_EQ(-1, qv_getvr6(5, nullptr));
+    EXPECT_EQ(2, options_asked);
 }
 
 TEST_F(Vrsock, OptionFailuresArePositiveErrnoValues)
 {
     int vrid = 5;
     option_error = ENOPROTOOPT;
-    EXPECT_EQ(qv_bindvr(5, 1), ENOPROTOOPT);
-    EXPECT_EQ(qv_bindvr6(5, 1), ENOPROTOOPT);
-    EXPECT_EQ(qv_getvr(5, &vrid), ENOPROTOOPT);
-    EXPECT_EQ(qv_getvr6(5, &vrid), ENOPROTOOPT);
-    EXPECT_EQ(vrid, 5);
+    EXPECT_EQ(ENOPROTOOPT, qv_bindvr(5, 1));
+    EXPECT_EQ(ENOPROTOOPT, qv_bindvr6(5, 1));
+    EXPECT_EQ(ENOPROTOOPT, qv_getvr(5, &vrid));
+    EXPECT_EQ(ENOPROTOOPT, qv_getvr6(5, &vrid));
+    EXPECT_EQ(5, vrid);
 }
 
 // ---- sending ----
@@ -355,26 +355,26 @@ TEST_F(Vrsock, OptionFailuresArePositiveErrnoValues)
 TEST_F(Vrsock, SendtoBytes)
 {
     auto to = address4("127.0.0.1", 9);
-    EXPECT_EQ(qv_sendto(5, buf, 7, 0x40, reinterpret_cast<sockaddr *>(&to), sizeof to, 0xA1B2C3D4), 0)
+    EXPECT_EQ(0, qv_sendto(5, buf, 7, 0x40, reinterpret_cast<sockaddr *>(&to), sizeof to, 0xA1B2C3D4))
         << "not the count";
-    EXPECT_EQ(sent.fd, 5);
-    EXPECT_EQ(sent.flags, 0x10040);
-    EXPECT_EQ(sent.message_flags, 0);
+    EXPECT_EQ(5, sent.fd);
+    EXPECT_EQ(0x10040, sent.flags);
+    EXPECT_EQ(0, sent.message_flags);
     EXPECT_EQ(sent.to, &to);
     EXPECT_EQ(sent.tolen, sizeof to);
-    ASSERT_EQ(sent.data.size(), 1u);
+    ASSERT_EQ(1u, sent.data.size());
     EXPECT_EQ(sent.data[0].iov_base, buf);
-    EXPECT_EQ(sent.data[0].iov_len, 7u);
+    EXPECT_EQ(7u, sent.data[0].iov_len);
     EXPECT_EQ(sent.control, message(0, 31, number(0xA1B2C3D4)));
-    EXPECT_EQ(sent.control.size(), 24u);
-    EXPECT_EQ(sent.control[0], 20);
+    EXPECT_EQ(24u, sent.control.size());
+    EXPECT_EQ(20, sent.control[0]);
 }
 
 TEST_F(Vrsock, Ipv6SendtoBytes)
 {
     auto to = address6("::1", 9);
-    EXPECT_EQ(qv_ipv6_sendto(5, buf, 7, 0, reinterpret_cast<sockaddr *>(&to), sizeof to, 7), 0);
-    EXPECT_EQ(sent.flags, 0x10000);
+    EXPECT_EQ(0, qv_ipv6_sendto(5, buf, 7, 0, reinterpret_cast<sockaddr *>(&to), sizeof to, 7));
+    EXPECT_EQ(0x10000, sent.flags);
     EXPECT_EQ(sent.tolen, sizeof to);
     EXPECT_EQ(sent.control, message(41, 91, number(7)));
 }
@@ -383,12 +383,12 @@ TEST_F(Vrsock, SendtoIfBytes)
 {
     auto to = address4("127.0.0.1", 9);
     auto source = address4("10.1.2.3", 77);
-    EXPECT_EQ(qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7), 0);
-    EXPECT_EQ(sent.flags, 0x10002);
+    EXPECT_EQ(0, qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7));
+    EXPECT_EQ(0x10002, sent.flags);
     EXPECT_EQ(sent.control, message(0, 31, number(7)) + info4(12, "10.1.2.3", "0.0.0.0"));
-    EXPECT_EQ(sent.control.size(), 56u);
-    EXPECT_EQ(sent.control[24], 28);
-    EXPECT_EQ(qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, -1, 7), 0);
+    EXPECT_EQ(56u, sent.control.size());
+    EXPECT_EQ(28, sent.control[24]);
+    EXPECT_EQ(0, qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, -1, 7));
     EXPECT_EQ(sent.control, message(0, 31, number(7)) + info4(-1, "0.0.0.0", "0.0.0.0"));
 }
 
@@ -396,12 +396,12 @@ TEST_F(Vrsock, Ipv6SendtoIfBytes)
 {
     auto to = address6("::1", 9);
     auto source = address6("fd00::5", 77);
-    EXPECT_EQ(qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7), 0);
-    EXPECT_EQ(sent.flags, 0x10002);
+    EXPECT_EQ(0, qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7));
+    EXPECT_EQ(0x10002, sent.flags);
     EXPECT_EQ(sent.control, message(41, 91, number(7)) + info6(12, "fd00::5"));
-    EXPECT_EQ(sent.control.size(), 64u);
-    EXPECT_EQ(sent.control[24], 36);
-    EXPECT_EQ(qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, 12, 7), 0);
+    EXPECT_EQ(64u, sent.control.size());
+    EXPECT_EQ(36, sent.control[24]);
+    EXPECT_EQ(0, qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, 12, 7));
     EXPECT_EQ(sent.control, message(41, 91, number(7)) + info6(12, "::"));
 }
 
@@ -424,41 +424,41 @@ TEST_F(Vrsock, SendResults)
 TEST_F(Vrsock4, TakesTheVrMessage)
 {
     unsigned vrid = 5;
-    EXPECT_EQ(receive(vr4(7), &vrid), 5);
-    EXPECT_EQ(vrid, 7u);
-    EXPECT_EQ(received.flags, 0x10000);
+    EXPECT_EQ(5, receive(vr4(7), &vrid));
+    EXPECT_EQ(7u, vrid);
+    EXPECT_EQ(0x10000, received.flags);
     EXPECT_EQ(received.name, &from);
-    EXPECT_EQ(received.namelen, 99u);
-    EXPECT_EQ(received.control_size, 80u);
+    EXPECT_EQ(99u, received.namelen);
+    EXPECT_EQ(80u, received.control_size);
     EXPECT_TRUE(received.control_was_zero);
-    EXPECT_EQ(fromlen, 99u) << "not written back";
+    EXPECT_EQ(99u, fromlen) << "not written back";
 }
 
 TEST_F(Vrsock4, TheFirstVrMessageAmongOthersCounts)
 {
     unsigned vrid = 5;
-    EXPECT_EQ(receive(info4(1, "1.1.1.1", "2.2.2.2") + vr4(7) + vr4(8), &vrid), 5);
-    EXPECT_EQ(vrid, 7u);
-    EXPECT_EQ(receive(message(41, 30, number(9)) + message(0, 90, number(9)) + vr4(7), &vrid), 5);
-    EXPECT_EQ(vrid, 7u) << "level and type both count";
+    EXPECT_EQ(5, receive(info4(1, "1.1.1.1", "2.2.2.2") + vr4(7) + vr4(8), &vrid));
+    EXPECT_EQ(7u, vrid);
+    EXPECT_EQ(5, receive(message(41, 30, number(9)) + message(0, 90, number(9)) + vr4(7), &vrid));
+    EXPECT_EQ(7u, vrid) << "level and type both count";
 }
 
 TEST_F(Vrsock4, WithoutAVrMessageThereIsNoVr)
 {
     unsigned vrid = 5;
-    EXPECT_EQ(receive({}, &vrid), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(5, receive({}, &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
     vrid = 5;
-    EXPECT_EQ(receive(info4(1, "1.1.1.1", "2.2.2.2"), &vrid), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(5, receive(info4(1, "1.1.1.1", "2.2.2.2"), &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
 }
 
 TEST_F(Vrsock4, AVrMessageOfAnotherLengthIsRefused)
 {
     for (std::uint64_t length : {0ULL, 15ULL, 16ULL, 17ULL, 19ULL, 21ULL, 24ULL, ~0ULL, 1ULL << 63}) {
         unsigned vrid = 5;
-        EXPECT_EQ(receive(vr4(7, length), &vrid), -22) << length;
-        EXPECT_EQ(vrid, 0xFFFFABCDu);
+        EXPECT_EQ(-22, receive(vr4(7, length), &vrid)) << length;
+        EXPECT_EQ(0xFFFFABCDu, vrid);
     }
 }
 
@@ -466,9 +466,9 @@ TEST_F(Vrsock4, AFailedReceiveWritesNothing)
 {
     unsigned vrid = 5;
     receive_result = -1;
-    EXPECT_EQ(receive(vr4(7), &vrid), -1);
-    EXPECT_EQ(vrid, 5u);
-    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(-1, receive(vr4(7), &vrid));
+    EXPECT_EQ(5u, vrid);
+    EXPECT_EQ(EAGAIN, errno);
 }
 
 TEST_F(Vrsock4, ControlDataBelowAHeaderIsNotLookedAt)
@@ -476,16 +476,16 @@ TEST_F(Vrsock4, ControlDataBelowAHeaderIsNotLookedAt)
     unsigned vrid = 5;
     for (std::size_t claimed : {0u, 1u, 15u}) {
         claimed_control = claimed;
-        EXPECT_EQ(receive(vr4(7), &vrid), 5);
-        EXPECT_EQ(vrid, 0xFFFFABCDu);
+        EXPECT_EQ(5, receive(vr4(7), &vrid));
+        EXPECT_EQ(0xFFFFABCDu, vrid);
     }
     claimed_control = 16;
-    EXPECT_EQ(receive(vr4(7), &vrid), 5);
-    EXPECT_EQ(vrid, 7u) << "the first message is read as its length tells";
+    EXPECT_EQ(5, receive(vr4(7), &vrid));
+    EXPECT_EQ(7u, vrid) << "the first message is read as its length tells";
     claimed_control = SIZE_MAX;
     reply_null_control = true;
-    EXPECT_EQ(receive(vr4(7), &vrid), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(5, receive(vr4(7), &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
 }
 
 TEST_F(Vrsock4, SteppingEndsWhereTheNextMessageDoesNotFit)
@@ -493,7 +493,7 @@ TEST_F(Vrsock4, SteppingEndsWhereTheNextMessageDoesNotFit)
     unsigned vrid = 5;
     auto ends = [&](const Bytes &control, std::size_t used) {
         claimed_control = used;
-        EXPECT_EQ(receive(control, &vrid), 5);
+        EXPECT_EQ(5, receive(control, &vrid));
         return vrid == 0xFFFFABCDu;
     };
     Bytes first = message(9, 9, number(1)); // 24 bytes
@@ -511,15 +511,15 @@ TEST_F(Vrsock4, SteppingEndsWhereTheNextMessageDoesNotFit)
 TEST_F(Vrsock4, AMessageOfLengthZeroBehindAnotherIsStillLookedAt)
 {
     unsigned vrid = 5;
-    EXPECT_EQ(receive(message(9, 9, number(1)) + vr4(7, 0), &vrid), -22);
+    EXPECT_EQ(-22, receive(message(9, 9, number(1)) + vr4(7, 0), &vrid));
 }
 
 TEST_F(Vrsock4, FromMayBeNull)
 {
     unsigned vrid = 5;
     reply_control = vr4(7);
-    EXPECT_EQ(qv_recvfrom(3, buf, sizeof buf, 0, nullptr, nullptr, &vrid), 5);
-    EXPECT_EQ(vrid, 7u);
+    EXPECT_EQ(5, qv_recvfrom(3, buf, sizeof buf, 0, nullptr, nullptr, &vrid));
+    EXPECT_EQ(7u, vrid);
 }
 
 TEST_F(Vrsock, RecvfromSixTakesAnyLevelButItsOwn)
@@ -529,19 +529,19 @@ TEST_F(Vrsock, RecvfromSixTakesAnyLevelButItsOwn)
         reply_control = control;
         return qv_recvfrom6(3, buf, sizeof buf, 4, reinterpret_cast<sockaddr *>(&from), &fromlen, &vrid);
     };
-    EXPECT_EQ(receive(vr6(7)), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
-    EXPECT_EQ(received.flags, 0x10004);
-    EXPECT_EQ(received.control_size, 80u);
+    EXPECT_EQ(5, receive(vr6(7)));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(0x10004, received.flags);
+    EXPECT_EQ(80u, received.control_size);
     for (int level : {0, 1, 40, 42, -1}) {
-        EXPECT_EQ(receive(message(level, 90, number(7))), 5);
-        EXPECT_EQ(vrid, 7u) << level;
+        EXPECT_EQ(5, receive(message(level, 90, number(7))));
+        EXPECT_EQ(7u, vrid) << level;
     }
-    EXPECT_EQ(receive(message(0, 90, number(7), 24)), -22);
-    EXPECT_EQ(receive(vr6(7, 24)), 5) << "not even looked at";
-    EXPECT_EQ(receive(vr4(7)), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
-    EXPECT_EQ(fromlen, 99u);
+    EXPECT_EQ(-22, receive(message(0, 90, number(7), 24)));
+    EXPECT_EQ(5, receive(vr6(7, 24))) << "not even looked at";
+    EXPECT_EQ(5, receive(vr4(7)));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(99u, fromlen);
 }
 
 // ---- receiving with the destination ----
@@ -549,26 +549,26 @@ TEST_F(Vrsock, RecvfromSixTakesAnyLevelButItsOwn)
 TEST_F(Vrsock, RecvfromtoTellsDestinationInterfaceAndVr)
 {
     Told told = receive_to4(info4(12, "10.0.0.1", "10.0.0.2") + vr4(7));
-    EXPECT_EQ(told.result, 5);
-    EXPECT_EQ(told.vrid, 7u);
-    EXPECT_EQ(told.ifindex, 12);
-    EXPECT_EQ(told.tolen, 16u);
+    EXPECT_EQ(5, told.result);
+    EXPECT_EQ(7u, told.vrid);
+    EXPECT_EQ(12, told.ifindex);
+    EXPECT_EQ(16u, told.tolen);
     EXPECT_EQ(told.to, bytes_of(address4("10.0.0.2", 5000))) << "the header's destination, the socket's own port";
-    EXPECT_EQ(received.control_size, 256u);
+    EXPECT_EQ(256u, received.control_size);
     EXPECT_TRUE(received.control_was_zero);
-    EXPECT_EQ(received.flags, 0x10000);
+    EXPECT_EQ(0x10000, received.flags);
 }
 
 TEST_F(Vrsock, RecvfromtoSixTellsDestinationInterfaceAndVr)
 {
     own_is_v6();
     Told told = receive_to6(vr6(7) + info6(12, "fd00::2"));
-    EXPECT_EQ(told.result, 5);
-    EXPECT_EQ(told.vrid, 7u);
-    EXPECT_EQ(told.ifindex, 12);
-    EXPECT_EQ(told.tolen, 28u);
+    EXPECT_EQ(5, told.result);
+    EXPECT_EQ(7u, told.vrid);
+    EXPECT_EQ(12, told.ifindex);
+    EXPECT_EQ(28u, told.tolen);
     EXPECT_EQ(told.to, bytes_of(address6("fd00::2", 6000)));
-    EXPECT_EQ(received.control_size, 256u);
+    EXPECT_EQ(256u, received.control_size);
 }
 
 TEST_F(Vrsock, RecvfromtoWritesFromlenBack)
@@ -578,11 +578,10 @@ TEST_F(Vrsock, RecvfromtoWritesFromlenBack)
     sockaddr_in to;
     int ifindex;
     unsigned vrid;
-    EXPECT_EQ(qv_recvfromto(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &tolen, &ifindex,
-                            &vrid),
-              5);
-    EXPECT_EQ(received.namelen, 99u);
-    EXPECT_EQ(fromlen, 7u);
+    EXPECT_EQ(5, qv_recvfromto(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &tolen,
+                               &ifindex, &vrid));
+    EXPECT_EQ(99u, received.namelen);
+    EXPECT_EQ(7u, fromlen);
 }
 
 TEST_F(Vrsock, RecvfromtoRoomOf7DeclinesTheDestinationAnd8TakesIt)
@@ -590,15 +589,15 @@ TEST_F(Vrsock, RecvfromtoRoomOf7DeclinesTheDestinationAnd8TakesIt)
     Bytes control = info4(12, "10.0.0.1", "10.0.0.2") + vr4(7);
     for (socklen_t room : {0u, 4u, 7u}) {
         Told told = receive_to4(control, room);
-        EXPECT_EQ(told.tolen, 0u);
-        EXPECT_EQ(told.ifindex, -77);
+        EXPECT_EQ(0u, told.tolen);
+        EXPECT_EQ(-77, told.ifindex);
         EXPECT_EQ(told.to, Bytes(16, 0xEE));
-        EXPECT_EQ(told.vrid, 7u) << "the VR comes all the same";
+        EXPECT_EQ(7u, told.vrid) << "the VR comes all the same";
     }
-    EXPECT_EQ(receive_to4(control, 8).tolen, 16u);
+    EXPECT_EQ(16u, receive_to4(control, 8).tolen);
     own_is_v6();
-    EXPECT_EQ(receive_to6(info6(12, "::1"), 7).tolen, 0u);
-    EXPECT_EQ(receive_to6(info6(12, "::1"), 8).tolen, 28u);
+    EXPECT_EQ(0u, receive_to6(info6(12, "::1"), 7).tolen);
+    EXPECT_EQ(28u, receive_to6(info6(12, "::1"), 8).tolen);
 }
 
 TEST_F(Vrsock, RecvfromtoReadsTheRoomAsASignedNumber)
@@ -606,64 +605,64 @@ TEST_F(Vrsock, RecvfromtoReadsTheRoomAsASignedNumber)
     Bytes control = info4(12, "10.0.0.1", "10.0.0.2") + vr4(7);
     for (socklen_t room : {0x80000000u, 0x80000010u, 0xFFFFFFFFu}) {
         Told told = receive_to4(control, room);
-        EXPECT_EQ(told.tolen, 0u) << room;
-        EXPECT_EQ(told.ifindex, -77);
+        EXPECT_EQ(0u, told.tolen) << room;
+        EXPECT_EQ(-77, told.ifindex);
         EXPECT_EQ(told.to, Bytes(16, 0xEE));
-        EXPECT_EQ(told.vrid, 7u);
+        EXPECT_EQ(7u, told.vrid);
     }
-    EXPECT_EQ(receive_to4(control, 0x7FFFFFFF).tolen, 16u);
+    EXPECT_EQ(16u, receive_to4(control, 0x7FFFFFFF).tolen);
     own_is_v6();
     for (socklen_t room : {0x80000000u, 0x8000001Cu, 0xFFFFFFFFu}) {
         Told told = receive_to6(info6(12, "::1"), room);
-        EXPECT_EQ(told.tolen, 0u) << room;
+        EXPECT_EQ(0u, told.tolen) << room;
         EXPECT_EQ(told.to, Bytes(28, 0xEE));
     }
-    EXPECT_EQ(receive_to6(info6(12, "::1"), 0x7FFFFFFF).tolen, 28u);
+    EXPECT_EQ(28u, receive_to6(info6(12, "::1"), 0x7FFFFFFF).tolen);
 }
 
 TEST_F(Vrsock, RecvfromtoTakesTheFirstPacketInfoOnly)
 {
     Told told = receive_to4(info4(12, "1.1.1.1", "10.0.0.2") + info4(13, "1.1.1.1", "10.0.0.3"));
-    EXPECT_EQ(told.ifindex, 12);
+    EXPECT_EQ(12, told.ifindex);
     EXPECT_EQ(told.to, bytes_of(address4("10.0.0.2", 5000)));
 }
 
 TEST_F(Vrsock, RecvfromtoTakesTheLastVrMessage)
 {
-    EXPECT_EQ(receive_to4(vr4(7) + vr4(8)).vrid, 8u);
+    EXPECT_EQ(8u, receive_to4(vr4(7) + vr4(8)).vrid);
 }
 
 TEST_F(Vrsock, RecvfromtoNeedsASocketOfItsFamilyForTheDestination)
 {
     own_is_v6();
     Told told = receive_to4(info4(12, "1.1.1.1", "10.0.0.2") + vr4(7));
-    EXPECT_EQ(told.tolen, 0u);
-    EXPECT_EQ(told.ifindex, -77);
-    EXPECT_EQ(told.vrid, 7u) << "not for the VR";
+    EXPECT_EQ(0u, told.tolen);
+    EXPECT_EQ(-77, told.ifindex);
+    EXPECT_EQ(7u, told.vrid) << "not for the VR";
     auto own = address4("0.0.0.0", 5000);
     std::memcpy(&own_name, &own, sizeof own);
     told = receive_to6(info6(12, "::1") + vr6(7));
-    EXPECT_EQ(told.tolen, 0u);
-    EXPECT_EQ(told.vrid, 7u);
+    EXPECT_EQ(0u, told.tolen);
+    EXPECT_EQ(7u, told.vrid);
 }
 
 TEST_F(Vrsock, RecvfromtoWithoutMessagesLeavesItsOutputs)
 {
     Told told = receive_to4({});
-    EXPECT_EQ(told.result, 5);
-    EXPECT_EQ(told.vrid, 0x77777777u);
-    EXPECT_EQ(told.ifindex, -77);
-    EXPECT_EQ(told.tolen, 0u);
-    EXPECT_EQ(receive_to4(vr6(7)).vrid, 0x77777777u) << "the other family's messages";
+    EXPECT_EQ(5, told.result);
+    EXPECT_EQ(0x77777777u, told.vrid);
+    EXPECT_EQ(-77, told.ifindex);
+    EXPECT_EQ(0u, told.tolen);
+    EXPECT_EQ(0x77777777u, receive_to4(vr6(7)).vrid) << "the other family's messages";
     own_is_v6();
-    EXPECT_EQ(receive_to6(vr4(7)).vrid, 0x77777777u);
+    EXPECT_EQ(0x77777777u, receive_to6(vr4(7)).vrid);
 }
 
 TEST_F(Vrsock, RecvfromtoMalformedVrMeansTheDefault)
 {
     for (std::uint64_t length : {0ULL, 16ULL, 19ULL, 21ULL, 24ULL, ~0ULL}) {
-        EXPECT_EQ(receive_to4(vr4(7, length)).vrid, 1u) << length;
-        EXPECT_EQ(receive_to6(vr6(7, length)).vrid, 1u) << length;
+        EXPECT_EQ(1u, receive_to4(vr4(7, length)).vrid) << length;
+        EXPECT_EQ(1u, receive_to6(vr6(7, length)).vrid) << length;
     }
 }
 
@@ -671,21 +670,21 @@ TEST_F(Vrsock, RecvfromtoFailures)
 {
     receive_result = -1;
     Told told = receive_to4(vr4(7));
-    EXPECT_EQ(told.result, -1);
-    EXPECT_EQ(told.tolen, 16u) << "nothing written";
-    EXPECT_EQ(told.vrid, 0x77777777u);
+    EXPECT_EQ(-1, told.result);
+    EXPECT_EQ(16u, told.tolen) << "nothing written";
+    EXPECT_EQ(0x77777777u, told.vrid);
     own_name_error = ENOTSOCK;
     std::string said = capture_stdout([&] {
-        EXPECT_EQ(receive_to4({}).result, -1);
-        EXPECT_EQ(receive_to6({}).result, -1);
+        EXPECT_EQ(-1, receive_to4({}).result);
+        EXPECT_EQ(-1, receive_to6({}).result);
     });
-    EXPECT_EQ(said, "getsockname (Socket operation on non-socket)\ngetsockname (Socket operation on non-socket)\n");
+    EXPECT_EQ("getsockname (Socket operation on non-socket)\ngetsockname (Socket operation on non-socket)\n", said);
 }
 
 TEST_F(Vrsock, RecvfromtoShortPacketInfoIsReadFromZeroedMemory)
 {
     Told told = receive_to4(message(0, 8, number(12), 20));
-    EXPECT_EQ(told.ifindex, 12);
+    EXPECT_EQ(12, told.ifindex);
     EXPECT_EQ(told.to, bytes_of(address4("0.0.0.0", 5000)));
 }
 
@@ -695,10 +694,10 @@ TEST_F(Vrsock, RecvfromtoPacketInfoAtTheEndOfTheBufferIsReadWithinIt)
     while (filler.size() < 240)
         filler = filler + message(9, 9, {}, 16);
     Told told = receive_to4(filler + message(0, 8, {}, 16));
-    EXPECT_EQ(told.tolen, 16u);
-    EXPECT_EQ(told.ifindex, 0);
+    EXPECT_EQ(16u, told.tolen);
+    EXPECT_EQ(0, told.ifindex);
     told = receive_to4(filler + message(0, 30, {}, 16));
-    EXPECT_EQ(told.vrid, 1u);
+    EXPECT_EQ(1u, told.vrid);
 }
 
 TEST_F(Vrsock, RandomControlDataIsNeverReadOutside)
@@ -720,8 +719,8 @@ TEST_F(Vrsock, RandomControlDataIsNeverReadOutside)
         ASSERT_TRUE(n == 5 || n == -22);
         n = qv_recvfrom6(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &vrid);
         ASSERT_TRUE(n == 5 || n == -22);
-        ASSERT_EQ(receive_to4(control).result, 5);
-        ASSERT_EQ(receive_to6(control).result, 5);
+        ASSERT_EQ(5, receive_to4(control).result);
+        ASSERT_EQ(5, receive_to6(control).result);
     }
 }
 
@@ -738,8 +737,8 @@ TEST(VrsockStockKernel, OptionsAreRefused)
     EXPECT_GE(qv_getvr(fd, &vrid), 0);
     EXPECT_GT(qv_bindvr6(fd6, 7), 0);
     EXPECT_GT(qv_getvr6(fd6, &vrid), 0);
-    EXPECT_EQ(qv_bindvr(-1, 7), EBADF);
-    EXPECT_EQ(qv_getvr6(-1, &vrid), EBADF);
+    EXPECT_EQ(EBADF, qv_bindvr(-1, 7));
+    EXPECT_EQ(EBADF, qv_getvr6(-1, &vrid));
     ::close(fd);
     ::close(fd6);
 }
@@ -755,8 +754,8 @@ TEST(VrsockStockKernel, SendingInAVrIsRefused)
     to6.sin6_addr = in6addr_loopback;
     auto *name = reinterpret_cast<sockaddr *>(&to), *name6 = reinterpret_cast<sockaddr *>(&to6);
     auto refused = [](int result) {
-        EXPECT_EQ(result, -1);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ(EINVAL, errno);
     };
     refused(qv_sendto(fd, "x", 1, 0, name, sizeof to, 7));
     refused(qv_sendto_if(fd, "x", 1, 0, name, nullptr, sizeof to, 0, 7));
@@ -770,28 +769,27 @@ TEST(VrsockStockKernel, ReceivingWorksWithoutAVr)
 {
     int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
     auto own = address4("127.0.0.1", 0);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr *>(&own), sizeof own));
     socklen_t length = sizeof own;
     ::getsockname(fd, reinterpret_cast<sockaddr *>(&own), &length);
     int on = 1;
     ::setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof on);
-    auto send = [&] { EXPECT_EQ(::sendto(fd, "hello", 5, 0, reinterpret_cast<sockaddr *>(&own), sizeof own), 5); };
+    auto send = [&] { EXPECT_EQ(5, ::sendto(fd, "hello", 5, 0, reinterpret_cast<sockaddr *>(&own), sizeof own)); };
     char text[16];
     sockaddr_in from, to;
     socklen_t fromlen = sizeof from, tolen = sizeof to;
     unsigned vrid = 5;
     send();
-    EXPECT_EQ(qv_recvfrom(fd, text, sizeof text, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &vrid), 5);
-    EXPECT_EQ(vrid, 0xFFFFABCDu);
+    EXPECT_EQ(5, qv_recvfrom(fd, text, sizeof text, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &vrid));
+    EXPECT_EQ(0xFFFFABCDu, vrid);
     int ifindex = 0;
     vrid = 5;
     send();
-    EXPECT_EQ(qv_recvfromto(fd, text, sizeof text, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &tolen,
-                            &ifindex, &vrid),
-              5);
-    EXPECT_EQ(vrid, 5u);
+    EXPECT_EQ(5, qv_recvfromto(fd, text, sizeof text, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &tolen,
+                               &ifindex, &vrid));
+    EXPECT_EQ(5u, vrid);
     EXPECT_EQ(bytes_of(to), bytes_of(own));
     EXPECT_GT(ifindex, 0);
-    EXPECT_EQ(tolen, 16u);
+    EXPECT_EQ(16u, tolen);
     ::close(fd);
 }

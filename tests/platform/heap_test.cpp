@@ -54,9 +54,9 @@ extern "C" void *realloc(void *block, std::size_t size)
 TEST(HeapLibrary, EmptyHeapAnswersNothing)
 {
     Heap heap;
-    ASSERT_NE(heap.handle, nullptr);
+    ASSERT_NE(nullptr, heap.handle);
     for (unsigned position : {0u, 1u, 2u, UINT_MAX}) {
-        EXPECT_EQ(heap.at(position), nullptr);
+        EXPECT_EQ(nullptr, heap.at(position));
         EXPECT_LT(__heap_delete(heap.handle, position), 0);
     }
 }
@@ -66,11 +66,11 @@ TEST(HeapLibrary, TheEarliestIsAtPosition1AndAnswersFor0)
     Heap heap;
     Element five{5}, three{3}, four{4};
     for (Element *e : {&five, &three, &four})
-        EXPECT_EQ(__heap_insert(heap.handle, e), 0);
+        EXPECT_EQ(0, __heap_insert(heap.handle, e));
     EXPECT_EQ(heap.at(1), &three);
     EXPECT_EQ(heap.at(0), &three);
-    EXPECT_EQ(heap.at(4), nullptr);
-    EXPECT_EQ(heap.at(UINT_MAX), nullptr);
+    EXPECT_EQ(nullptr, heap.at(4));
+    EXPECT_EQ(nullptr, heap.at(UINT_MAX));
 }
 
 TEST(HeapLibrary, PositionsOutsideAreAnsweredNegative)
@@ -94,9 +94,9 @@ TEST(HeapLibrary, TheToldPositionDeletes)
         __heap_insert(heap.handle, &e);
     for (Element &e : elements) {
         EXPECT_EQ(heap.at(e.position), &e);
-        EXPECT_EQ(__heap_delete(heap.handle, e.position), 0);
+        EXPECT_EQ(0, __heap_delete(heap.handle, e.position));
     }
-    EXPECT_EQ(heap.at(1), nullptr);
+    EXPECT_EQ(nullptr, heap.at(1));
 }
 
 TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
@@ -108,23 +108,23 @@ TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
     int told = one.told;
     __heap_delete(heap.handle, one.position);
     EXPECT_EQ(one.told, told);
-    EXPECT_EQ(one.position, 1u) << "stale now";
-    EXPECT_EQ(two.position, 1u) << "moved up, and told";
-    EXPECT_EQ(__heap_delete(heap.handle, 2), -1);
+    EXPECT_EQ(1u, one.position) << "stale now";
+    EXPECT_EQ(1u, two.position) << "moved up, and told";
+    EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
 }
 
 TEST(HeapLibrary, GrowthThatFailsLeavesTheHeapAsItWas)
 {
     void *handle = __heap_new(before, tell, 2);
     Element elements[3] = {{3}, {2}, {1}};
-    EXPECT_EQ(__heap_insert(handle, &elements[0]), 0);
-    EXPECT_EQ(__heap_insert(handle, &elements[1]), 0);
+    EXPECT_EQ(0, __heap_insert(handle, &elements[0]));
+    EXPECT_EQ(0, __heap_insert(handle, &elements[1]));
     no_memory = true;
     EXPECT_LT(__heap_insert(handle, &elements[2]), 0);
     no_memory = false;
-    EXPECT_EQ(elements[2].told, 0);
+    EXPECT_EQ(0, elements[2].told);
     EXPECT_EQ(__heap_element(handle, 1), &elements[1]);
-    EXPECT_EQ(__heap_insert(handle, &elements[2]), 0);
+    EXPECT_EQ(0, __heap_insert(handle, &elements[2]));
     EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
     __heap_free(handle);
 }
@@ -134,7 +134,7 @@ TEST(HeapLibrary, AnInitialSizeOf0IsAsGoodAsAny)
     void *handle = __heap_new(before, tell, 0);
     Element elements[5] = {{3}, {2}, {1}, {5}, {4}};
     for (Element &e : elements)
-        EXPECT_EQ(__heap_insert(handle, &e), 0);
+        EXPECT_EQ(0, __heap_insert(handle, &e));
     EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
     __heap_free(handle);
 }
@@ -144,7 +144,7 @@ TEST(HeapLibrary, NullHandlesAreAnswered)
     Element one;
     EXPECT_LT(__heap_insert(nullptr, &one), 0);
     EXPECT_LT(__heap_delete(nullptr, 1), 0);
-    EXPECT_EQ(__heap_element(nullptr, 1), nullptr);
+    EXPECT_EQ(nullptr, __heap_element(nullptr, 1));
     __heap_free(nullptr);
 }
 
@@ -165,7 +165,7 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
                 Element *e = out.back();
                 out.pop_back();
                 e->key = static_cast<int>(random() % 200);
-                ASSERT_EQ(__heap_insert(heap.handle, e), 0);
+                ASSERT_EQ(0, __heap_insert(heap.handle, e));
                 in.push_back(e);
                 keys.insert(e->key);
             } else {
@@ -174,7 +174,7 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
                     which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
                 Element *e = in[which];
                 ASSERT_EQ(heap.at(e->position), e);
-                ASSERT_EQ(__heap_delete(heap.handle, e->position), 0);
+                ASSERT_EQ(0, __heap_delete(heap.handle, e->position));
                 keys.erase(keys.find(e->key));
                 in[which] = in.back();
                 in.pop_back();
@@ -184,7 +184,7 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
             if (!keys.empty()) {
                 ASSERT_EQ(heap.at(1)->key, *keys.begin());
             }
-            ASSERT_EQ(heap.at(static_cast<unsigned>(in.size()) + 1), nullptr);
+            ASSERT_EQ(nullptr, heap.at(static_cast<unsigned>(in.size()) + 1));
             if (step % 1000 == 0) {
                 for (Element *e : in)
                     ASSERT_EQ(heap.at(e->position), e);
@@ -239,30 +239,30 @@ TEST(KeyedHeap, OrdersAndStoresPositionsWithoutACall)
     three.time = {3, 999999};
     four.time = {4, -1};
     for (Timed *t : {&five, &three, &four})
-        EXPECT_EQ(__heap_insert(heap.handle, t), 0);
+        EXPECT_EQ(0, __heap_insert(heap.handle, t));
     EXPECT_EQ(heap.at(0), &three);
     EXPECT_EQ(heap.at(1), &three);
-    EXPECT_EQ(three.position, 2);
-    EXPECT_EQ(__heap_delete(heap.handle, 1), 0);
+    EXPECT_EQ(2, three.position);
+    EXPECT_EQ(0, __heap_delete(heap.handle, 1));
     EXPECT_EQ(heap.at(1), &four);
-    EXPECT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(five.position - 1)), 0);
-    EXPECT_EQ(__heap_delete(heap.handle, 2), -1);
+    EXPECT_EQ(0, __heap_delete(heap.handle, static_cast<unsigned>(five.position - 1)));
+    EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
     EXPECT_EQ(heap.at(1), &four);
-    EXPECT_EQ(told, 0);
+    EXPECT_EQ(0, told);
 }
 
 TEST(KeyedHeap, AnswersLikeTheOther)
 {
     KeyedHeap heap;
     for (unsigned position : {0u, 1u, 2u, UINT_MAX}) {
-        EXPECT_EQ(heap.at(position), nullptr);
+        EXPECT_EQ(nullptr, heap.at(position));
         EXPECT_LT(__heap_delete(heap.handle, position), 0);
     }
     Timed one;
-    EXPECT_EQ(__heap_insert(heap.handle, &one), 0);
+    EXPECT_EQ(0, __heap_insert(heap.handle, &one));
     for (unsigned position : {0u, 2u, UINT_MAX})
         EXPECT_LT(__heap_delete(heap.handle, position), 0) << position;
-    EXPECT_EQ(heap.at(2), nullptr);
+    EXPECT_EQ(nullptr, heap.at(2));
 }
 
 TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
@@ -271,13 +271,13 @@ TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
     Timed first, second;
     first.time = {2, 0};
     second.time = {1, 0};
-    EXPECT_EQ(__heap_insert(handle, &first), 0);
+    EXPECT_EQ(0, __heap_insert(handle, &first));
     no_memory = true;
     EXPECT_LT(__heap_insert(handle, &second), 0);
     no_memory = false;
-    EXPECT_EQ(second.position, -1);
+    EXPECT_EQ(-1, second.position);
     EXPECT_EQ(__heap_element(handle, 1), &first);
-    EXPECT_EQ(__heap_insert(handle, &second), 0);
+    EXPECT_EQ(0, __heap_insert(handle, &second));
     EXPECT_EQ(__heap_element(handle, 1), &second);
     __heap_free(handle);
 }
@@ -312,14 +312,14 @@ TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
                 Timed *t = out.back();
                 out.pop_back();
                 t->time = some_time(step);
-                ASSERT_EQ(__heap_insert(heap.handle, t), 0);
+                ASSERT_EQ(0, __heap_insert(heap.handle, t));
                 in.push_back(t);
             } else {
                 std::size_t which = random() % in.size();
                 if (random() % 2 == 0)
                     which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
                 ASSERT_TRUE(heap.holds(*in[which]));
-                ASSERT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(in[which]->position - 1)), 0);
+                ASSERT_EQ(0, __heap_delete(heap.handle, static_cast<unsigned>(in[which]->position - 1)));
                 out.push_back(in[which]);
                 in[which] = in.back();
                 in.pop_back();
@@ -333,6 +333,6 @@ TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
                     ASSERT_TRUE(heap.holds(*t));
             }
         }
-        ASSERT_EQ(told, 0);
+        ASSERT_EQ(0, told);
     }
 }

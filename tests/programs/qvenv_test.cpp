@@ -127,7 +127,7 @@ TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
 TEST(QvenvTool, SetEndsWhenTheStoreIsAnEndlessDevice)
 {
     ::unlink(kStore);
-    ASSERT_EQ(::symlink("/dev/full", kStore), 0);
+    ASSERT_EQ(0, ::symlink("/dev/full", kStore));
     expect(qvenv({"set", "slot", "3"}), 2, "", "qvenv: /tmp/qvenv: No space left on device\n");
     ::unlink(kStore);
 }

@@ -36,7 +36,7 @@ std::string callback_text(void (*callback)(void *))
 }
 
 struct Wheel : atimer_context {
-    Wheel(unsigned levels_wanted, int bits) { EXPECT_EQ(atimer_init(this, levels_wanted, bits), 0); }
+    Wheel(unsigned levels_wanted, int bits) { EXPECT_EQ(0, atimer_init(this, levels_wanted, bits)); }
     ~Wheel()
     {
         for (std::int32_t i = 0; i < nlevels; i++)
@@ -85,21 +85,21 @@ TEST(AtimerInit, Fields)
 {
     now = 0x100000007;
     Wheel wheel(2, 4);
-    EXPECT_EQ(wheel.nlevels, 2);
-    EXPECT_EQ(wheel.total_bits, 8u);
-    EXPECT_EQ(wheel.tick_mask, 0xFFu);
-    EXPECT_EQ(wheel.max_expire, 240u);
-    EXPECT_EQ(wheel.tick, 0u);
-    EXPECT_EQ(wheel.last_second, 7u) << "32 bits of the clock";
+    EXPECT_EQ(2, wheel.nlevels);
+    EXPECT_EQ(8u, wheel.total_bits);
+    EXPECT_EQ(0xFFu, wheel.tick_mask);
+    EXPECT_EQ(240u, wheel.max_expire);
+    EXPECT_EQ(0u, wheel.tick);
+    EXPECT_EQ(7u, wheel.last_second) << "32 bits of the clock";
     for (int i = 0; i < 2; i++) {
         const atimer_level &level = wheel.levels[i];
-        EXPECT_EQ(level.current, 0);
-        EXPECT_EQ(level.bits, 4);
-        EXPECT_EQ(level.size, 16);
+        EXPECT_EQ(0, level.current);
+        EXPECT_EQ(4, level.bits);
+        EXPECT_EQ(16, level.size);
         EXPECT_EQ(level.shift, 4 * i);
         EXPECT_EQ(level.mask, i == 0 ? 0u : 15u);
         for (int b = 0; b < 16; b++) {
-            EXPECT_EQ(level.buckets[b].first, nullptr);
+            EXPECT_EQ(nullptr, level.buckets[b].first);
             EXPECT_EQ(level.buckets[b].last, &level.buckets[b].first);
         }
     }
@@ -113,49 +113,49 @@ TEST(AtimerInit, ThirtyBitsAreTakenAndMoreRefused)
         EXPECT_EQ(wheel.tick_mask, (1u << 30) - 1);
     }
     atimer_context context;
-    EXPECT_EQ(atimer_init(&context, 3, 11), -1);
-    EXPECT_EQ(context.total_bits, 33u);
-    EXPECT_EQ(context.tick_mask, 1u);
+    EXPECT_EQ(-1, atimer_init(&context, 3, 11));
+    EXPECT_EQ(33u, context.total_bits);
+    EXPECT_EQ(1u, context.tick_mask);
     EXPECT_EQ(context.max_expire, 2047u << 22) << "32-bit words";
-    EXPECT_EQ(context.levels, nullptr);
-    EXPECT_EQ(atimer_init(&context, 31, 1), -1);
-    EXPECT_EQ(atimer_init(&context, 1, 31), -1);
-    EXPECT_EQ(atimer_init(&context, 1, INT_MAX), -1);
+    EXPECT_EQ(nullptr, context.levels);
+    EXPECT_EQ(-1, atimer_init(&context, 31, 1));
+    EXPECT_EQ(-1, atimer_init(&context, 1, 31));
+    EXPECT_EQ(-1, atimer_init(&context, 1, INT_MAX));
     EXPECT_EQ(read_file(kConsole), kTooMany + kTooMany + kTooMany + kTooMany);
 }
 
 TEST(AtimerInit, WrappingProductsAndNegativeBitsAreRefused)
 {
     atimer_context context;
-    EXPECT_EQ(atimer_init(&context, 1u << 31, 2), -1);
-    EXPECT_EQ(atimer_init(&context, 1u << 30, 4), -1);
-    EXPECT_EQ(atimer_init(&context, 1, -1), -1);
-    EXPECT_EQ(atimer_init(&context, 2, INT_MIN), -1);
-    EXPECT_EQ(atimer_init(&context, 0, -1), -1);
-    EXPECT_EQ(atimer_init(&context, 0, 31), -1);
-    EXPECT_EQ(context.levels, nullptr);
+    EXPECT_EQ(-1, atimer_init(&context, 1u << 31, 2));
+    EXPECT_EQ(-1, atimer_init(&context, 1u << 30, 4));
+    EXPECT_EQ(-1, atimer_init(&context, 1, -1));
+    EXPECT_EQ(-1, atimer_init(&context, 2, INT_MIN));
+    EXPECT_EQ(-1, atimer_init(&context, 0, -1));
+    EXPECT_EQ(-1, atimer_init(&context, 0, 31));
+    EXPECT_EQ(nullptr, context.levels);
 }
 
 TEST(AtimerInit, OddCountsLeaveNothingToIndexWrongly)
 {
-    EXPECT_EQ(atimer_init(nullptr, 1, 4), -1);
+    EXPECT_EQ(-1, atimer_init(nullptr, 1, 4));
     atimer_context context;
-    EXPECT_EQ(atimer_init(&context, UINT_MAX, 0), -1);
-    EXPECT_EQ(context.levels, nullptr);
+    EXPECT_EQ(-1, atimer_init(&context, UINT_MAX, 0));
+    EXPECT_EQ(nullptr, context.levels);
     atimer *timer = create_atimer(0x80000000u, note, nullptr);
     {
         Wheel none(0, 4);
-        EXPECT_EQ(none.max_expire, 0xF0000000u);
+        EXPECT_EQ(0xF0000000u, none.max_expire);
         start_atimer(&none, timer);
-        EXPECT_EQ(timer->bucket, nullptr);
+        EXPECT_EQ(nullptr, timer->bucket);
         per_tick_call(&none);
         now += 5;
-        EXPECT_EQ(process_atimer(&none), 0);
+        EXPECT_EQ(0, process_atimer(&none));
     }
     Wheel single(3, 0);
-    EXPECT_EQ(single.max_expire, 0u);
+    EXPECT_EQ(0u, single.max_expire);
     start_atimer(&single, timer);
-    EXPECT_EQ(single.ticks_to_fire(3), 1u) << "one bucket comes up every tick";
+    EXPECT_EQ(1u, single.ticks_to_fire(3)) << "one bucket comes up every tick";
     free_atimer(timer);
 }
 
@@ -166,10 +166,10 @@ TEST(AtimerInit, FailedAllocationsLeaveNothing)
         allocations_left = good;
         int result = atimer_init(&context, 3, 4);
         allocations_left = -1;
-        EXPECT_EQ(result, -1) << good;
-        EXPECT_EQ(context.levels, nullptr);
+        EXPECT_EQ(-1, result) << good;
+        EXPECT_EQ(nullptr, context.levels);
     }
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 // ---- timers ----
@@ -178,12 +178,12 @@ TEST(Atimer, CreateSetsItsFields)
 {
     int arg;
     atimer *t = create_atimer(7, note, &arg);
-    EXPECT_EQ(t->bucket, nullptr);
-    EXPECT_EQ(t->spare, 0u);
+    EXPECT_EQ(nullptr, t->bucket);
+    EXPECT_EQ(0u, t->spare);
     EXPECT_EQ(t->callback, note);
     EXPECT_EQ(t->arg, &arg);
-    EXPECT_EQ(t->expire, 7u);
-    EXPECT_EQ(t->remain, 7u);
+    EXPECT_EQ(7u, t->expire);
+    EXPECT_EQ(7u, t->remain);
     free_atimer(t);
 }
 
@@ -194,8 +194,8 @@ TEST(Atimer, CreateWithoutMemoryGivesNothingAndSaysNothing)
     allocations_left = 0;
     atimer *t = create_atimer(7, note, nullptr);
     allocations_left = -1;
-    EXPECT_EQ(t, nullptr);
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ(nullptr, t);
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(Atimer, InitStopsWhatRuns)
@@ -205,11 +205,11 @@ TEST(Atimer, InitStopsWhatRuns)
     init_atimer(nullptr, 1, note, nullptr);
     init_atimer(&t, 5, note, nullptr);
     start_atimer(&wheel, &t);
-    EXPECT_NE(t.bucket, nullptr);
+    EXPECT_NE(nullptr, t.bucket);
     init_atimer(&t, 6, note, &t);
-    EXPECT_EQ(t.bucket, nullptr);
-    EXPECT_EQ(t.expire, 6u);
-    EXPECT_EQ(wheel.ticks_to_fire(300), 0u);
+    EXPECT_EQ(nullptr, t.bucket);
+    EXPECT_EQ(6u, t.expire);
+    EXPECT_EQ(0u, wheel.ticks_to_fire(300));
 }
 
 TEST(Atimer, FiresOnTheTickOfItsExpiry)
@@ -218,9 +218,9 @@ TEST(Atimer, FiresOnTheTickOfItsExpiry)
     atimer *t = create_atimer(5, note, nullptr);
     start_atimer(&wheel, t);
     EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 5}));
-    EXPECT_EQ(wheel.ticks_to_fire(20), 5u);
-    EXPECT_EQ(t->bucket, nullptr);
-    EXPECT_EQ(wheel.ticks_to_fire(300), 0u) << "once";
+    EXPECT_EQ(5u, wheel.ticks_to_fire(20));
+    EXPECT_EQ(nullptr, t->bucket);
+    EXPECT_EQ(0u, wheel.ticks_to_fire(300)) << "once";
     free_atimer(t);
 }
 
@@ -230,13 +230,13 @@ TEST(Atimer, CascadesFromTheHigherLevel)
     atimer *t = create_atimer(20, note, nullptr);
     start_atimer(&wheel, t);
     EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{1, 1}));
-    EXPECT_EQ(t->remain, 4u);
+    EXPECT_EQ(4u, t->remain);
     for (int i = 0; i < 15; i++)
         per_tick_call(&wheel);
-    EXPECT_EQ(place_of(wheel, *t).first, 1);
+    EXPECT_EQ(1, place_of(wheel, *t).first);
     per_tick_call(&wheel);
     EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 4}));
-    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     free_atimer(t);
 }
 
@@ -245,8 +245,8 @@ TEST(Atimer, OneThatIsDueWhenItsBucketComesUpFiresThere)
     Wheel wheel(2, 4);
     atimer *t = create_atimer(16, note, nullptr);
     start_atimer(&wheel, t);
-    EXPECT_EQ(t->remain, 0u);
-    EXPECT_EQ(wheel.ticks_to_fire(40), 16u);
+    EXPECT_EQ(0u, t->remain);
+    EXPECT_EQ(16u, wheel.ticks_to_fire(40));
     free_atimer(t);
 }
 
@@ -256,7 +256,7 @@ TEST(Atimer, ZeroTicksCountAsOne)
     for (unsigned expire : {0u, 1u}) {
         atimer *t = create_atimer(expire, note, nullptr);
         start_atimer(&wheel, t);
-        EXPECT_EQ(wheel.ticks_to_fire(20), 1u);
+        EXPECT_EQ(1u, wheel.ticks_to_fire(20));
         free_atimer(t);
     }
 }
@@ -266,12 +266,12 @@ TEST(Atimer, ExpiriesFromTheLimitUpAreRefused)
     Wheel wheel(2, 4);
     atimer *t = create_atimer(239, note, nullptr);
     start_atimer(&wheel, t);
-    EXPECT_EQ(wheel.ticks_to_fire(300), 239u);
+    EXPECT_EQ(239u, wheel.ticks_to_fire(300));
     t->expire = 240;
     start_atimer(&wheel, t);
     t->expire = INT_MAX;
     start_atimer(&wheel, t);
-    EXPECT_EQ(t->bucket, nullptr);
+    EXPECT_EQ(nullptr, t->bucket);
     std::string tail = " greater than max allowed 240, callback " + callback_text(note) + "\n";
     EXPECT_EQ(read_file(kConsole), "ATimer expire 240" + tail + "ATimer expire 2147483647" + tail);
     free_atimer(t);
@@ -283,12 +283,12 @@ TEST(Atimer, ExpiriesFrom2To31UpPassTheSignedCompare)
     for (unsigned expire : {0x80000000u, 0x80000005u, 0xFFFFFFFFu}) {
         atimer *t = create_atimer(expire, note, nullptr);
         start_atimer(&wheel, t);
-        EXPECT_NE(t->bucket, nullptr) << expire;
+        EXPECT_NE(nullptr, t->bucket) << expire;
         auto place = place_of(wheel, *t);
         EXPECT_GE(place.first, 0) << "within the wheel";
         free_atimer(t);
     }
-    EXPECT_EQ(read_file(kConsole), "");
+    EXPECT_EQ("", read_file(kConsole));
 }
 
 TEST(Atimer, StartingARunningOneIsSaidAndChangesNothing)
@@ -299,9 +299,9 @@ TEST(Atimer, StartingARunningOneIsSaidAndChangesNothing)
     auto place = place_of(wheel, *t);
     per_tick_call(&wheel);
     start_atimer(&wheel, t);
-    EXPECT_EQ(read_file(kConsole), "ATimer has already been started, callback " + callback_text(note) + "\n");
+    EXPECT_EQ("ATimer has already been started, callback " + callback_text(note) + "\n", read_file(kConsole));
     EXPECT_EQ(place_of(wheel, *t), place);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     free_atimer(t);
 }
 
@@ -311,7 +311,7 @@ TEST(Atimer, ANullCallbackIsNotCalled)
     atimer *t = create_atimer(1, nullptr, nullptr);
     start_atimer(&wheel, t);
     per_tick_call(&wheel);
-    EXPECT_EQ(t->bucket, nullptr);
+    EXPECT_EQ(nullptr, t->bucket);
     free_atimer(t);
 }
 
@@ -322,16 +322,16 @@ TEST(Atimer, StopAndAdjust)
     stop_atimer(t);
     start_atimer(&wheel, t);
     stop_atimer(t);
-    EXPECT_EQ(t->bucket, nullptr);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 0u);
+    EXPECT_EQ(nullptr, t->bucket);
+    EXPECT_EQ(0u, wheel.ticks_to_fire(20));
     adjust_atimer(&wheel, t, 7);
-    EXPECT_EQ(t->expire, 7u);
+    EXPECT_EQ(7u, t->expire);
     per_tick_call(&wheel);
     adjust_atimer(&wheel, t, 3);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 3u);
+    EXPECT_EQ(3u, wheel.ticks_to_fire(20));
     adjust_atimer(&wheel, t, 500);
-    EXPECT_EQ(t->bucket, nullptr) << "stopped, and refused";
-    EXPECT_EQ(t->expire, 500u);
+    EXPECT_EQ(nullptr, t->bucket) << "stopped, and refused";
+    EXPECT_EQ(500u, t->expire);
     free_atimer(t);
 }
 
@@ -340,12 +340,12 @@ TEST(Atimer, AdjustWithoutAWheelOrATimerDoesNothing)
     Wheel wheel(2, 4);
     atimer *t = create_atimer(5, note, nullptr);
     adjust_atimer(nullptr, t, 9);
-    EXPECT_EQ(t->expire, 5u);
+    EXPECT_EQ(5u, t->expire);
     start_atimer(&wheel, t);
     adjust_atimer(nullptr, t, 9);
     adjust_atimer(&wheel, nullptr, 9);
-    EXPECT_EQ(t->expire, 5u);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 5u) << "it has run on";
+    EXPECT_EQ(5u, t->expire);
+    EXPECT_EQ(5u, wheel.ticks_to_fire(20)) << "it has run on";
     free_atimer(t);
 }
 
@@ -358,7 +358,7 @@ TEST(Atimer, TimersOfABucketFireInTheOrderOfTheirStarts)
         start_atimer(&wheel, timers.back());
     }
     wheel.ticks_to_fire(5);
-    ASSERT_EQ(fired.size(), 4u);
+    ASSERT_EQ(4u, fired.size());
     for (long i = 0; i < 4; i++)
         EXPECT_EQ(fired[static_cast<std::size_t>(i)], reinterpret_cast<void *>(i));
     for (atimer *t : timers)
@@ -376,14 +376,14 @@ TEST(Atimer, ACascadeKeepsTheOrderOfTheStarts)
         return place_of(wheel, *timers.back());
     };
     for (unsigned i = 0; i < 3; i++)
-        EXPECT_EQ(start(20).first, 1);
+        EXPECT_EQ(1, start(20).first);
     for (int i = 0; i < 10; i++)
         per_tick_call(&wheel);
-    EXPECT_EQ(start(10).first, 1) << "due on the same tick, and queued after the others";
+    EXPECT_EQ(1, start(10).first) << "due on the same tick, and queued after the others";
     for (int i = 0; i < 6; i++)
         per_tick_call(&wheel);
     EXPECT_EQ(start(4), (std::pair<int, long>{0, 4})) << "after the cascade";
-    EXPECT_EQ(wheel.ticks_to_fire(20), 4u);
+    EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     std::vector<void *> wanted;
     for (long i = 0; i < 5; i++)
         wanted.push_back(reinterpret_cast<void *>(i));
@@ -419,7 +419,7 @@ TEST(AtimerCallbacks, MayStopFreeAndStartTimersOfTheSameBucket)
     for (int i = 0; i < 3; i++)
         per_tick_call(&wheel);
     EXPECT_EQ(fired, (std::vector<void *>{nullptr, reinterpret_cast<void *>(4L)}));
-    EXPECT_EQ(wheel.ticks_to_fire(20), 14u);
+    EXPECT_EQ(14u, wheel.ticks_to_fire(20));
     for (int i : {1, 3, 4})
         free_atimer(shared[static_cast<std::size_t>(i)]);
 }
@@ -437,7 +437,7 @@ TEST(AtimerCallbacks, ACascadeAppendsAfterATimerThatACallbackStarted)
     start_atimer(&wheel, starter);
     start_atimer(&wheel, cascaded);
     EXPECT_EQ(starter->bucket, cascaded->bucket) << "the first fires and the second moves down in the same tick";
-    EXPECT_EQ(wheel.ticks_to_fire(20), 18u);
+    EXPECT_EQ(18u, wheel.ticks_to_fire(20));
     EXPECT_EQ(fired, (std::vector<void *>{&started, &wheel}));
     for (atimer *t : {starter, started, cascaded})
         free_atimer(t);
@@ -451,9 +451,9 @@ TEST(AtimerCallbacks, StartingAgainForAFullTurnIsNotFiredAtOnce)
     t = create_atimer(
         16, [](void *) { fired.push_back(nullptr), start_atimer(shared_wheel, t); }, nullptr);
     start_atimer(&wheel, t);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 16u);
-    EXPECT_EQ(fired.size(), 1u);
-    EXPECT_EQ(wheel.ticks_to_fire(20), 16u);
+    EXPECT_EQ(16u, wheel.ticks_to_fire(20));
+    EXPECT_EQ(1u, fired.size());
+    EXPECT_EQ(16u, wheel.ticks_to_fire(20));
     free_atimer(t);
 }
 
@@ -462,31 +462,31 @@ TEST(AtimerCallbacks, StartingAgainForAFullTurnIsNotFiredAtOnce)
 TEST(AtimerProcess, OneTickASecond)
 {
     Wheel wheel(2, 4);
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 0u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(0u, wheel.tick);
     now += 1;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 1u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(1u, wheel.tick);
     now += 5;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 6u);
-    EXPECT_EQ(wheel.last_second, 1006u);
-    EXPECT_EQ(wheel.levels[0].current, 6);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(6u, wheel.tick);
+    EXPECT_EQ(1006u, wheel.last_second);
+    EXPECT_EQ(6, wheel.levels[0].current);
 }
 
 TEST(AtimerProcess, AClockThatFailsOrJumpsBackGivesNoTicks)
 {
     Wheel wheel(2, 4);
     clock_fails = true;
-    EXPECT_EQ(process_atimer(&wheel), -1000);
+    EXPECT_EQ(-1000, process_atimer(&wheel));
     clock_fails = false;
     now -= 10;
-    EXPECT_EQ(process_atimer(&wheel), -10);
-    EXPECT_EQ(wheel.tick, 0u);
-    EXPECT_EQ(wheel.last_second, 1000u);
+    EXPECT_EQ(-10, process_atimer(&wheel));
+    EXPECT_EQ(0u, wheel.tick);
+    EXPECT_EQ(1000u, wheel.last_second);
     now += 12;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 2u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(2u, wheel.tick);
 }
 
 TEST(AtimerProcess, SecondsAndTicksWrap)
@@ -498,13 +498,13 @@ TEST(AtimerProcess, SecondsAndTicksWrap)
     start_atimer(&wheel, t);
     now += 19;
     fired.clear();
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(fired.size(), 0u);
-    EXPECT_EQ(wheel.last_second, 17u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(0u, fired.size());
+    EXPECT_EQ(17u, wheel.last_second);
     now += 1;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(fired.size(), 1u);
-    EXPECT_EQ(wheel.tick, 4u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(1u, fired.size());
+    EXPECT_EQ(4u, wheel.tick);
     free_atimer(t);
 }
 
@@ -524,9 +524,9 @@ TEST(AtimerProcess, CallbacksSeeTheirOwnTick)
         &t);
     start_atimer(&wheel, t);
     now += 100;
-    EXPECT_EQ(process_atimer(&wheel), 0);
+    EXPECT_EQ(0, process_atimer(&wheel));
     EXPECT_EQ(at, (std::vector<std::pair<std::uint32_t, std::uint32_t>>{{7, 1007}, {14, 1014}, {21, 1021}}));
-    EXPECT_EQ(wheel.tick, 100u);
+    EXPECT_EQ(100u, wheel.tick);
     free_atimer(t);
 }
 
@@ -539,8 +539,8 @@ TEST(AtimerProcess, ACallbackMayDriveTheWheelItself)
         7, [](void *) { process_atimer(driven); }, nullptr);
     start_atimer(&wheel, t);
     now += 50;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 50u) << "no second is delivered twice";
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(50u, wheel.tick) << "no second is delivered twice";
     free_atimer(t);
 }
 
@@ -552,12 +552,12 @@ TEST(AtimerProcess, AClockThatFailsInACallbackEndsTheCall)
         3, [](void *) { clock_fails = true; }, nullptr);
     start_atimer(&wheel, t);
     now += 10;
-    EXPECT_EQ(process_atimer(&wheel), -1003);
-    EXPECT_EQ(wheel.tick, 3u);
-    EXPECT_EQ(wheel.last_second, 1003u);
+    EXPECT_EQ(-1003, process_atimer(&wheel));
+    EXPECT_EQ(3u, wheel.tick);
+    EXPECT_EQ(1003u, wheel.last_second);
     clock_fails = false;
-    EXPECT_EQ(process_atimer(&wheel), 0) << "the rest of the stall is delivered later";
-    EXPECT_EQ(wheel.tick, 10u);
+    EXPECT_EQ(0, process_atimer(&wheel)) << "the rest of the stall is delivered later";
+    EXPECT_EQ(10u, wheel.tick);
     free_atimer(t);
 }
 
@@ -574,11 +574,11 @@ TEST(AtimerProcess, AClockThatJumpsInACallbackIsFollowed)
     now += 10;
     fired.clear();
     EXPECT_EQ(process_atimer(&wheel), 1005 - 1020);
-    EXPECT_EQ(wheel.tick, 20u) << "on to the new time, and no further once the clock is behind";
+    EXPECT_EQ(20u, wheel.tick) << "on to the new time, and no further once the clock is behind";
     EXPECT_TRUE(fired.empty());
     now = 1021;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(fired.size(), 1u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(1u, fired.size());
     for (atimer *t : {forward, back, late})
         free_atimer(t);
 }
@@ -587,8 +587,8 @@ TEST(AtimerProcess, ALongStallOfAnEmptyWheelIsCaughtUpWith)
 {
     Wheel wheel(3, 10);
     now += 2000000000L;
-    EXPECT_EQ(process_atimer(&wheel), 0);
-    EXPECT_EQ(wheel.tick, 2000000000u);
+    EXPECT_EQ(0, process_atimer(&wheel));
+    EXPECT_EQ(2000000000u, wheel.tick);
     EXPECT_EQ(static_cast<unsigned>(wheel.levels[0].current), wheel.tick % 1024);
     EXPECT_EQ(static_cast<unsigned>(wheel.levels[1].current), (wheel.tick >> 10) % 1024);
     EXPECT_EQ(static_cast<unsigned>(wheel.levels[2].current), (wheel.tick >> 20) % 1024);
@@ -677,7 +677,7 @@ TEST(AtimerModel, StallsGiveTheSameAsSingleTicks)
             long stall = static_cast<long>(random() % 400);
             now += stall;
             fired.clear();
-            ASSERT_EQ(process_atimer(&stalled), 0);
+            ASSERT_EQ(0, process_atimer(&stalled));
             std::vector<void *> wanted = fired;
             fired.clear();
             for (long i = 0; i < stall; i++)

@@ -252,7 +252,7 @@ TEST(LocaltimeMutex, AChildForkedWhileAnotherThreadHeldItCanConvert)
     EXPECT_TRUE(child.exited(0));
     stage = 2;
     holder.join();
-    EXPECT_NE(qv_localtime(&kSummer), nullptr) << "the parent's mutex is as good as before";
+    EXPECT_NE(nullptr, qv_localtime(&kSummer)) << "the parent's mutex is as good as before";
 }
 
 TEST(LocaltimeMutex, AChildForkedByItsHolderHoldsItStill)

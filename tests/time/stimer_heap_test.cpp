@@ -42,7 +42,7 @@ struct Context {
     void *cell = nullptr;
     Context()
     {
-        EXPECT_EQ(stimer_context_init(&cell), 0);
+        EXPECT_EQ(0, stimer_context_init(&cell));
         take_calls();
     }
 };
@@ -112,12 +112,12 @@ void __heap_free(void *heap)
 TEST(TimersHeap, IsMadeWithTheTwoCallbacksAndRoomFor16)
 {
     void *cell = nullptr;
-    EXPECT_EQ(stimer_context_init(&cell), 0);
+    EXPECT_EQ(0, stimer_context_init(&cell));
     EXPECT_EQ(cell, &handle);
     EXPECT_EQ(take_calls(), Calls{"new"});
     EXPECT_EQ(first_order, stimer_higher_priority_func);
     EXPECT_EQ(first_index, stimer_index_func);
-    EXPECT_EQ(first_size, 16u);
+    EXPECT_EQ(16u, first_size);
     stimer_context_fini(&cell);
     EXPECT_EQ(take_calls(), Calls{"free"});
     EXPECT_EQ(cell, &handle);
@@ -128,8 +128,8 @@ TEST(TimersHeap, OneThatCannotBeMadeIsReported)
     void *cell = &cell;
     refuse_new = true;
     __qv_debug_detail = 0;
-    EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(stimer_context_init(&cell), -1); }), "Can not intialize stimer context\n");
-    EXPECT_EQ(cell, nullptr);
+    EXPECT_EQ("Can not intialize stimer context\n", capture_stderr([&] { EXPECT_EQ(-1, stimer_context_init(&cell)); }));
+    EXPECT_EQ(nullptr, cell);
     take_calls();
     stimer_context_fini(&cell);
     EXPECT_EQ(take_calls(), Calls{});
@@ -143,10 +143,10 @@ TEST(TimersHeap, StartInsertsAndStopDeletesAtTheIndexMinus1)
     start_stimer(a);
     start_stimer(b);
     EXPECT_EQ(take_calls(), (Calls{"insert", "insert"}));
-    EXPECT_EQ(b->index, 3);
+    EXPECT_EQ(3, b->index);
     stop_stimer(b);
     EXPECT_EQ(take_calls(), Calls{"delete 2"});
-    EXPECT_EQ(b->index, 0);
+    EXPECT_EQ(0, b->index);
     stop_stimer(b);
     EXPECT_EQ(take_calls(), Calls{});
     free_stimer(a);
@@ -160,14 +160,14 @@ TEST(TimersHeap, RefusalsAreReportedByTheSameText)
     __qv_debug_detail = 0;
     stimer *t = create_stimer(&context.cell, 5, nothing, nullptr);
     refuse_insert = true;
-    EXPECT_EQ(capture_stderr([&] { start_stimer(t); }), "Can not start stimer\n");
-    EXPECT_EQ(t->index, 0);
-    EXPECT_EQ(t->expire.tv_sec, 1005) << "computed before";
+    EXPECT_EQ("Can not start stimer\n", capture_stderr([&] { start_stimer(t); }));
+    EXPECT_EQ(0, t->index);
+    EXPECT_EQ(1005, t->expire.tv_sec) << "computed before";
     refuse_insert = false;
     start_stimer(t);
     refuse_delete = true;
-    EXPECT_EQ(capture_stderr([&] { stop_stimer(t); }), "Can not start stimer\n");
-    EXPECT_EQ(t->index, 2) << "it runs on";
+    EXPECT_EQ("Can not start stimer\n", capture_stderr([&] { stop_stimer(t); }));
+    EXPECT_EQ(2, t->index) << "it runs on";
     refuse_delete = false;
     free_stimer(t);
 }
@@ -176,7 +176,7 @@ TEST(TimersHeap, TheNextExpiryIsReadAtPosition0)
 {
     Context context;
     timeval out;
-    EXPECT_EQ(stimer_get_next_expire(&context.cell, &out), -1);
+    EXPECT_EQ(-1, stimer_get_next_expire(&context.cell, &out));
     EXPECT_EQ(take_calls(), Calls{"element 0"});
 }
 
@@ -193,8 +193,8 @@ TEST(TimersHeap, ProcessingReadsPosition1EveryRoundAndTheClockOnce)
     now_seconds += 3;
     take_calls();
     clock_reads = 0;
-    EXPECT_EQ(process_stimer(&context.cell), 3);
-    EXPECT_EQ(clock_reads, 1);
+    EXPECT_EQ(3, process_stimer(&context.cell));
+    EXPECT_EQ(1, clock_reads);
     EXPECT_EQ(take_calls(),
               (Calls{"element 1", "delete 1", "element 1", "delete 1", "element 1", "delete 1", "element 1"}));
     EXPECT_GT(t[3]->index, 0) << "due by now, but not when the call began";
@@ -208,7 +208,7 @@ TEST(TimersHeap, OneWithoutCallbackDeletesOnceMore)
     stimer *silent = create_stimer(&context.cell, 0, nullptr, nullptr);
     start_stimer(silent);
     take_calls();
-    EXPECT_EQ(process_stimer(&context.cell), 1);
+    EXPECT_EQ(1, process_stimer(&context.cell));
     EXPECT_EQ(take_calls(), (Calls{"element 1", "delete 1", "delete 1", "element 1"}));
     free_stimer(silent);
 }

@@ -38,7 +38,7 @@ std::string reported(const std::function<void()> &body)
 
 struct Timers : testing::Test {
     void *ctx = nullptr;
-    void SetUp() override { ASSERT_EQ(stimer_context_init(&ctx), 0); }
+    void SetUp() override { ASSERT_EQ(0, stimer_context_init(&ctx)); }
     void TearDown() override { stimer_context_fini(&ctx); }
 };
 
@@ -65,23 +65,23 @@ TEST_F(Timers, CreateSetsAllFields)
 {
     int arg = 0;
     stimer *t = create_stimer(&ctx, 7, count_up, &arg);
-    ASSERT_NE(t, nullptr);
+    ASSERT_NE(nullptr, t);
     EXPECT_EQ(t->ctx, &ctx);
-    EXPECT_EQ(t->index, 0);
-    EXPECT_EQ(t->interval.tv_sec, 7);
-    EXPECT_EQ(t->interval.tv_usec, 0);
-    EXPECT_EQ(t->expire.tv_sec, 0);
-    EXPECT_EQ(t->expire.tv_usec, 0);
+    EXPECT_EQ(0, t->index);
+    EXPECT_EQ(7, t->interval.tv_sec);
+    EXPECT_EQ(0, t->interval.tv_usec);
+    EXPECT_EQ(0, t->expire.tv_sec);
+    EXPECT_EQ(0, t->expire.tv_usec);
     EXPECT_EQ(t->callback, count_up);
     EXPECT_EQ(t->arg, &arg);
-    EXPECT_EQ(stimer_isruning(t), 0);
+    EXPECT_EQ(0, stimer_isruning(t));
     free_stimer(t);
 }
 
 TEST_F(Timers, SecondsKeepTheirSign)
 {
     stimer *t = create_stimer(&ctx, INT_MIN, nullptr, nullptr);
-    EXPECT_EQ(t->interval.tv_sec, INT_MIN);
+    EXPECT_EQ(INT_MIN, t->interval.tv_sec);
     free_stimer(t);
 }
 
@@ -92,9 +92,9 @@ TEST_F(Timers, InitLeavesTheExpiry)
     timeval expire = t.expire;
     init_stimer(&t, &ctx, -3, count_up, &t);
     EXPECT_EQ(t.ctx, &ctx);
-    EXPECT_EQ(t.index, 0);
-    EXPECT_EQ(t.interval.tv_sec, -3);
-    EXPECT_EQ(t.interval.tv_usec, 0);
+    EXPECT_EQ(0, t.index);
+    EXPECT_EQ(-3, t.interval.tv_sec);
+    EXPECT_EQ(0, t.interval.tv_usec);
     EXPECT_EQ(t.expire.tv_sec, expire.tv_sec);
     EXPECT_EQ(t.expire.tv_usec, expire.tv_usec);
     EXPECT_EQ(t.arg, &t);
@@ -112,19 +112,18 @@ TEST(TimersMemory, FailuresAreReported)
         allocations_left = 0;
         int result = stimer_context_init(&ctx);
         allocations_left = -1;
-        EXPECT_EQ(result, -1);
-        EXPECT_EQ(ctx, nullptr);
+        EXPECT_EQ(-1, result);
+        EXPECT_EQ(nullptr, ctx);
     });
     EXPECT_THAT(said,
                 testing::MatchesRegex("\\[..:..:..\\] Error: qv_stimer:[0-9]+: Can not intialize stimer context\n"));
-    EXPECT_EQ(__qv_print_val, 0);
-    EXPECT_EQ(reported([&] {
+    EXPECT_EQ(0, __qv_print_val);
+    EXPECT_EQ("Can not allocate stimer\n", reported([&] {
                   allocations_left = 0;
                   stimer *timer = create_stimer(&good, 5, count_up, nullptr);
                   allocations_left = -1;
-                  EXPECT_EQ(timer, nullptr);
-              }),
-              "Can not allocate stimer\n");
+                  EXPECT_EQ(nullptr, timer);
+              }));
     stimer_context_fini(&good);
 }
 
@@ -143,21 +142,21 @@ TEST_F(Timers, StartComputesTheExpiry)
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     at(1000, 999999);
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, 1005);
-    EXPECT_EQ(t->expire.tv_usec, 999999);
-    EXPECT_EQ(stimer_isruning(t), 1);
+    EXPECT_EQ(1005, t->expire.tv_sec);
+    EXPECT_EQ(999999, t->expire.tv_usec);
+    EXPECT_EQ(1, stimer_isruning(t));
     EXPECT_GT(t->index, 0);
     stop_stimer(t);
-    EXPECT_EQ(t->index, 0);
+    EXPECT_EQ(0, t->index);
     t->interval.tv_usec = 1;
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, 1006) << "carried";
-    EXPECT_EQ(t->expire.tv_usec, 0);
+    EXPECT_EQ(1006, t->expire.tv_sec) << "carried";
+    EXPECT_EQ(0, t->expire.tv_usec);
     stop_stimer(t);
     t->interval.tv_usec = 3000000;
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, 1006) << "once";
-    EXPECT_EQ(t->expire.tv_usec, 2999999);
+    EXPECT_EQ(1006, t->expire.tv_sec) << "once";
+    EXPECT_EQ(2999999, t->expire.tv_usec);
     free_stimer(t);
 }
 
@@ -166,14 +165,14 @@ TEST_F(Timers, HandSetIntervalsDoNotOverflow)
     stimer *t = create_stimer(&ctx, 0, count_up, nullptr);
     t->interval = {LONG_MAX, LONG_MAX};
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, LONG_MAX);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(LONG_MAX, t->expire.tv_sec);
+    EXPECT_EQ(0, process_stimer(&ctx));
     stop_stimer(t);
     t->interval = {LONG_MIN, 0};
     at(-5);
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, LONG_MIN);
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(LONG_MIN, t->expire.tv_sec);
+    EXPECT_EQ(1, process_stimer(&ctx));
     free_stimer(t);
 }
 
@@ -183,10 +182,10 @@ TEST_F(Timers, StartingARunningOneReportsAndKeepsItsExpiry)
     start_stimer(t);
     timeval expire = t->expire;
     at(2000);
-    EXPECT_EQ(reported([&] { start_stimer(t); }), "stimer already started\n");
+    EXPECT_EQ("stimer already started\n", reported([&] { start_stimer(t); }));
     EXPECT_EQ(t->expire.tv_sec, expire.tv_sec);
     __qv_debug_level = 1;
-    EXPECT_EQ(reported([&] { start_stimer(t); }), "") << "only at level 2 and above";
+    EXPECT_EQ("", reported([&] { start_stimer(t); })) << "only at level 2 and above";
     free_stimer(t);
 }
 
@@ -195,12 +194,11 @@ TEST_F(Timers, StoppingAnIdleOneSaysNothing)
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     stimer without{};
     without.index = 3;
-    EXPECT_EQ(reported([&] {
+    EXPECT_EQ("", reported([&] {
                   stop_stimer(t);
                   stop_stimer(&without);
-              }),
-              "");
-    EXPECT_EQ(without.index, 3);
+              }));
+    EXPECT_EQ(3, without.index);
     free_stimer(t);
 }
 
@@ -208,13 +206,13 @@ TEST_F(Timers, AFailedStopReportsLikeAFailedStart)
 {
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     t->index = 9; // no such position
-    EXPECT_EQ(reported([&] { stop_stimer(t); }), "Can not start stimer\n");
-    EXPECT_EQ(t->index, 9);
+    EXPECT_EQ("Can not start stimer\n", reported([&] { stop_stimer(t); }));
+    EXPECT_EQ(9, t->index);
     t->index = 0;
     void *none = nullptr;
     t->ctx = &none;
-    EXPECT_EQ(reported([&] { start_stimer(t); }), "Can not start stimer\n");
-    EXPECT_EQ(t->index, 0);
+    EXPECT_EQ("Can not start stimer\n", reported([&] { start_stimer(t); }));
+    EXPECT_EQ(0, t->index);
     free_stimer(t);
 }
 
@@ -231,19 +229,19 @@ TEST_F(Timers, StartingWithoutAContextAborts)
 TEST_F(Timers, NextExpiryIsTheEarliest)
 {
     timeval out = {7, 7};
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), -1);
-    EXPECT_EQ(out.tv_sec, 7);
+    EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
+    EXPECT_EQ(7, out.tv_sec);
     std::vector<stimer *> timers;
     for (int seconds : {30, 10, 20}) {
         timers.push_back(create_stimer(&ctx, seconds, count_up, nullptr));
         start_stimer(timers.back());
     }
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), 0);
-    EXPECT_EQ(out.tv_sec, 1010);
-    EXPECT_EQ(out.tv_usec, 500);
+    EXPECT_EQ(0, stimer_get_next_expire(&ctx, &out));
+    EXPECT_EQ(1010, out.tv_sec);
+    EXPECT_EQ(500, out.tv_usec);
     for (stimer *t : timers)
         free_stimer(t);
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), -1);
+    EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
 TEST(TimersContext, FiniOfNothingIsFine)
@@ -267,13 +265,13 @@ TEST_F(Timers, DueOnesFireInOrderAndOthersStay)
         timers.push_back(create_stimer(&ctx, static_cast<int>(seconds), note, reinterpret_cast<void *>(seconds)));
         start_stimer(timers.back());
     }
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(0, process_stimer(&ctx));
     at(1050);
-    EXPECT_EQ(process_stimer(&ctx), 3);
+    EXPECT_EQ(3, process_stimer(&ctx));
     EXPECT_EQ(order, (std::vector<long>{1, 2, 3}));
-    EXPECT_EQ(stimer_isruning(timers[0]), 0);
-    EXPECT_EQ(stimer_isruning(timers[3]), 1);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(0, stimer_isruning(timers[0]));
+    EXPECT_EQ(1, stimer_isruning(timers[3]));
+    EXPECT_EQ(0, process_stimer(&ctx));
     for (stimer *t : timers)
         free_stimer(t);
 }
@@ -283,9 +281,9 @@ TEST_F(Timers, AnExpiryOfNowIsDue)
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     start_stimer(t);
     at(1005, 499);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(0, process_stimer(&ctx));
     at(1005, 500);
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(1, process_stimer(&ctx));
     free_stimer(t);
 }
 
@@ -295,7 +293,7 @@ TEST_F(Timers, NegativeAndZeroSecondsAreDueAtOnce)
     stimer *zero = create_stimer(&ctx, 0, count_up, nullptr);
     start_stimer(negative);
     start_stimer(zero);
-    EXPECT_EQ(process_stimer(&ctx), 2);
+    EXPECT_EQ(2, process_stimer(&ctx));
     free_stimer(negative);
     free_stimer(zero);
 }
@@ -307,10 +305,10 @@ TEST_F(Timers, ACallbackMayStartItsTimerAgain)
         &ctx, 1, [](void *) { start_stimer(t), fired++; }, nullptr);
     start_stimer(t);
     at(1001, 500);
-    EXPECT_EQ(process_stimer(&ctx), 1) << "and is left for the next call";
-    EXPECT_EQ(stimer_isruning(t), 1);
+    EXPECT_EQ(1, process_stimer(&ctx)) << "and is left for the next call";
+    EXPECT_EQ(1, stimer_isruning(t));
     at(1002, 500);
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(1, process_stimer(&ctx));
     stop_stimer(t);
     static int rounds = 0;
     stimer *again = create_stimer(&ctx, 0, nullptr, nullptr);
@@ -320,7 +318,7 @@ TEST_F(Timers, ACallbackMayStartItsTimerAgain)
             start_stimer(static_cast<stimer *>(self));
     };
     start_stimer(again);
-    EXPECT_EQ(process_stimer(&ctx), 5) << "unless its new expiry is not later than the start of the call";
+    EXPECT_EQ(5, process_stimer(&ctx)) << "unless its new expiry is not later than the start of the call";
     free_stimer(again);
     free_stimer(t);
 }
@@ -339,8 +337,8 @@ TEST_F(Timers, ACallbackMayFreeItsTimerAndOthers)
     start_stimer(other);
     at(2000);
     fired = 0;
-    EXPECT_EQ(process_stimer(&ctx), 1);
-    EXPECT_EQ(fired, 0);
+    EXPECT_EQ(1, process_stimer(&ctx));
+    EXPECT_EQ(0, fired);
 }
 
 TEST_F(Timers, OneWithoutCallbackTakesTheNextOffWithItself)
@@ -352,19 +350,19 @@ TEST_F(Timers, OneWithoutCallbackTakesTheNextOffWithItself)
         start_stimer(t);
     at(1001, 500);
     fired = 0;
-    EXPECT_EQ(process_stimer(&ctx), 1);
-    EXPECT_EQ(stimer_isruning(silent), 0);
-    EXPECT_EQ(stimer_isruning(next), 1) << "says so, but is off the queue";
+    EXPECT_EQ(1, process_stimer(&ctx));
+    EXPECT_EQ(0, stimer_isruning(silent));
+    EXPECT_EQ(1, stimer_isruning(next)) << "says so, but is off the queue";
     timeval out;
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), 0);
-    EXPECT_EQ(out.tv_sec, 1003);
+    EXPECT_EQ(0, stimer_get_next_expire(&ctx, &out));
+    EXPECT_EQ(1003, out.tv_sec);
     stop_stimer(third);
-    EXPECT_EQ(reported([&] { stop_stimer(next); }), "Can not start stimer\n") << "a stale position is refused";
-    EXPECT_EQ(stimer_isruning(next), 1);
+    EXPECT_EQ("Can not start stimer\n", reported([&] { stop_stimer(next); })) << "a stale position is refused";
+    EXPECT_EQ(1, stimer_isruning(next));
     next->index = 0;
     for (stimer *t : {silent, next, third})
         free_stimer(t);
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), -1);
+    EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
 TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
@@ -375,7 +373,7 @@ TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
         start_stimer(timers.back());
     }
     at(1000, 500);
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(1, process_stimer(&ctx));
     reported([&] { free_stimer(timers[1]); }); // off the queue, its index stale
     timers.erase(timers.begin() + 1);
     at(5000);
@@ -383,15 +381,15 @@ TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
     for (stimer *t : timers)
         reported([&] { free_stimer(t); });
     timeval out;
-    EXPECT_EQ(stimer_get_next_expire(&ctx, &out), -1);
+    EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
 TEST_F(Timers, OneWithoutCallbackAloneIsFine)
 {
     stimer *silent = create_stimer(&ctx, 0, nullptr, nullptr);
     start_stimer(silent);
-    EXPECT_EQ(process_stimer(&ctx), 1);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(1, process_stimer(&ctx));
+    EXPECT_EQ(0, process_stimer(&ctx));
     free_stimer(silent);
 }
 
@@ -402,10 +400,10 @@ TEST_F(Timers, AFailingClockReadsAsZero)
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     clock_fails = true;
     start_stimer(t);
-    EXPECT_EQ(t->expire.tv_sec, 5);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(5, t->expire.tv_sec);
+    EXPECT_EQ(0, process_stimer(&ctx));
     clock_fails = false;
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(1, process_stimer(&ctx));
     free_stimer(t);
 }
 
@@ -414,9 +412,9 @@ TEST_F(Timers, AClockThatJumpsBackDelays)
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     start_stimer(t);
     at(10);
-    EXPECT_EQ(process_stimer(&ctx), 0);
+    EXPECT_EQ(0, process_stimer(&ctx));
     at(1006);
-    EXPECT_EQ(process_stimer(&ctx), 1);
+    EXPECT_EQ(1, process_stimer(&ctx));
     free_stimer(t);
 }
 
@@ -430,20 +428,20 @@ TEST(TimerOrder, StrictlyBefore)
         b.expire = y;
         return stimer_higher_priority_func(&a, &b);
     };
-    EXPECT_EQ(before({1, 5}, {2, 0}), 1);
-    EXPECT_EQ(before({2, 0}, {1, 5}), 0);
-    EXPECT_EQ(before({1, 4}, {1, 5}), 1);
-    EXPECT_EQ(before({1, 5}, {1, 5}), 0);
-    EXPECT_EQ(before({-1, 0}, {0, 0}), 1);
+    EXPECT_EQ(1, before({1, 5}, {2, 0}));
+    EXPECT_EQ(0, before({2, 0}, {1, 5}));
+    EXPECT_EQ(1, before({1, 4}, {1, 5}));
+    EXPECT_EQ(0, before({1, 5}, {1, 5}));
+    EXPECT_EQ(1, before({-1, 0}, {0, 0}));
 }
 
 TEST(TimerOrder, IndexIsThePositionPlusOne)
 {
     stimer t{};
     stimer_index_func(&t, 7);
-    EXPECT_EQ(t.index, 8);
+    EXPECT_EQ(8, t.index);
     stimer_index_func(&t, 0);
-    EXPECT_EQ(t.index, 1);
+    EXPECT_EQ(1, t.index);
 }
 
 // ---- model ----
@@ -470,7 +468,7 @@ TEST(TimersModel, RandomWorkAgreesWithASortedList)
                 break;
             case 2:
                 stop_stimer(t);
-                ASSERT_EQ(stimer_isruning(t), 0);
+                ASSERT_EQ(0, stimer_isruning(t));
                 break;
             default: {
                 at(now.tv_sec + static_cast<long>(random() % 3), static_cast<long>(random() % 1000000));
@@ -484,7 +482,7 @@ TEST(TimersModel, RandomWorkAgreesWithASortedList)
                 fired = 0;
                 ASSERT_EQ(process_stimer(&ctx), wanted);
                 ASSERT_EQ(fired, wanted);
-                ASSERT_EQ(std::count_if(timers.begin(), timers.end(), due), 0);
+                ASSERT_EQ(0, std::count_if(timers.begin(), timers.end(), due));
             }
             }
             timeval out;

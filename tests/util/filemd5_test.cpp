@@ -69,7 +69,7 @@ TEST(FileMd5, ReadsInChunks)
     char text[33];
     EXPECT_EQ(0, filemd5str("/tmp/file", text, sizeof text));
     EXPECT_EQ((std::vector<std::size_t>{2048, 2048, 904}), chunks);
-    EXPECT_EQ(seen, std::string(5000, 'x'));
+    EXPECT_EQ(std::string(5000, 'x'), seen);
 }
 
 TEST(FileMd5, NeedsRoomFor33)

@@ -328,10 +328,10 @@ TEST(SetEnv, BoundsOfTheName)
 TEST(SetEnv, BoundsOfTheValue)
 {
     EXPECT_EQ(0, qv_setenv("v", text(64).c_str(), 1));
-    EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
+    EXPECT_EQ("v=" + text(64) + "\n", read_file(kStore));
     EXPECT_EQ(-1, qv_setenv("v", text(65).c_str(), 1));
     EXPECT_EQ(-1, qv_setenv("v", text(5000).c_str(), 1));
-    EXPECT_EQ(read_file(kStore), "v=" + text(64) + "\n");
+    EXPECT_EQ("v=" + text(64) + "\n", read_file(kStore));
 }
 
 TEST(SetEnv, RefusedLengthsDoNotCreateTheStore)
@@ -814,7 +814,7 @@ TEST(EnvCancellation, ActsAfterTheRecord)
     cancelled([] { qv_setenv("a", "new", 1); });
     cancelled([] { qv_getenv("b"); });
     cancelled([] { qv_getenv_filename(kStore, "c"); });
-    EXPECT_EQ(read_file(kStore), "b=2\nc=3\na=new\n");
+    EXPECT_EQ("b=2\nc=3\na=new\n", read_file(kStore));
     EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
 }
 

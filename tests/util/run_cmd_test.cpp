@@ -221,8 +221,8 @@ TEST(CloseExtraFds, AMissingFolderIsSaid)
         ::_exit(hidden && refused && open ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "close_extra_fds: opendir /proc/" + std::to_string(child.pid) +
-                                       "/fd, error: No such file or directory\n");
+    EXPECT_EQ("close_extra_fds: opendir /proc/" + std::to_string(child.pid) + "/fd, error: No such file or directory\n",
+              read_file(kConsole));
 }
 
 TEST(CloseExtraFds, WorksOnAKernelWithoutTheRangeCall)
@@ -274,8 +274,8 @@ TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallItSaysSo)
         ::_exit(result == -1 && ::fcntl(63, F_GETFD) == 0 ? 0 : 1);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ(read_file(kConsole), "open\nclose_extra_fds: opendir /proc/" + std::to_string(child.pid) +
-                                       "/fd, error: Too many open files\n");
+    EXPECT_EQ("open\nclose_extra_fds: opendir /proc/" + std::to_string(child.pid) + "/fd, error: Too many open files\n",
+              read_file(kConsole));
 }
 
 namespace {
@@ -403,7 +403,7 @@ void expect_written_once(const ChildResult &child)
     EXPECT_TRUE(child.exited(0)) << child.status;
     EXPECT_EQ("on standard output\n", child.out);
     for (int i = 0; i < 6; i++)
-        EXPECT_EQ(read_file("/tmp/pending" + std::to_string(i)), "pending" + std::to_string(i) + "\n");
+        EXPECT_EQ("pending" + std::to_string(i) + "\n", read_file("/tmp/pending" + std::to_string(i)));
     EXPECT_EQ("execv /no/such error: No such file or directory\n", read_file(kConsole));
     EXPECT_EQ(1u, lines(read_file("/etc/consolelog")).size());
 }
@@ -644,7 +644,7 @@ TEST(RunShellcmd, AVeryLongLineNeedsNoStack)
         std::string padded = "prog " + std::string(16u << 20, ' ') + word;
         run_shellcmd(show.c_str(), padded.c_str(), 1, 0);
     });
-    EXPECT_EQ(child.out, "[" + word + "]");
+    EXPECT_EQ("[" + word + "]", child.out);
 }
 
 TEST(RunShellcmdEx, TheIdIsHandedOutAndPolled)

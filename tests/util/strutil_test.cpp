@@ -32,12 +32,12 @@ std::string trim(const std::string &src, std::size_t size)
 
 TEST(Strlcpy, CopiesWithinTheRoomAndReturnsTheWholeLength)
 {
-    EXPECT_EQ(copy("abc", 5), std::string("abc\0", 4));
-    EXPECT_EQ(copy("abc", 4), std::string("abc\0", 4));
-    EXPECT_EQ(copy("abc", 3), std::string("ab\0", 3));
-    EXPECT_EQ(copy("abc", 1), std::string("\0", 1));
+    EXPECT_EQ(std::string("abc\0", 4), copy("abc", 5));
+    EXPECT_EQ(std::string("abc\0", 4), copy("abc", 4));
+    EXPECT_EQ(std::string("ab\0", 3), copy("abc", 3));
+    EXPECT_EQ(std::string("\0", 1), copy("abc", 1));
     EXPECT_EQ("", copy("abc", 0));
-    EXPECT_EQ(copy("", 2), std::string("\0", 1));
+    EXPECT_EQ(std::string("\0", 1), copy("", 2));
 }
 
 TEST(Strlcat, AppendsWithinTheRoomAndReturnsTheLengthItTried)
@@ -69,7 +69,7 @@ TEST(Strcasestr, TheFirstMatchIgnoringCase)
     EXPECT_EQ(strcasestr(text, ""), text);
     EXPECT_EQ(nullptr, strcasestr(text, "abd"));
     EXPECT_EQ(strcasestr(text, "BCxxAB"), text + 3);
-    EXPECT_EQ(strcasestr("", ""), std::string());
+    EXPECT_EQ(std::string(), strcasestr("", ""));
     EXPECT_EQ(nullptr, strcasestr("", "a"));
     EXPECT_EQ(std::string("ab"), strcasestr("aab", "AB"));
     EXPECT_EQ(nullptr, strcasestr("ab", "abc"));
