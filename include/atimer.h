@@ -31,11 +31,13 @@ QV_BEGIN_DECLS
 
 struct atimer;
 
+/** The timers that wait at one position of a level. */
 typedef struct atimer_bucket {
     struct atimer *first;
     struct atimer **last; /* address of the last timer's next, or of first */
 } atimer_bucket;
 
+/** A level of the wheel: a ring of buckets. */
 typedef struct atimer_level {
     struct atimer_bucket *buckets; /* size of them, and behind them the level's occupancy words */
     int32_t current;               /* the bucket that came up last */
@@ -57,6 +59,7 @@ typedef struct atimer_context {
     uint32_t last_second; /* of the monotonic clock, up to which ticks have been delivered */
 } atimer_context;
 
+/** A timer. */
 typedef struct atimer {
     struct atimer *next;
     struct atimer **prev;         /* address of what points at this timer */

@@ -24,17 +24,20 @@
 
 QV_BEGIN_DECLS
 
+/** A record's place in one index. */
 typedef struct database_node {
     void *record;
     struct database_node *next;
     struct database_node **prev; /* the pointer that points here */
 } database_node;
 
+/** The records with one hash of an index. */
 typedef struct database_bucket {
     struct database_node *first;
     struct database_node **last; /* the last node's next; first when empty */
 } database_bucket;
 
+/** An index: a hash table of the records by its own hash function. */
 typedef struct database_index {
     struct database *db;
     uint32_t (*hash_fn)(void *record);
@@ -44,6 +47,7 @@ typedef struct database_index {
     struct database_index *next_index;
 } database_index;
 
+/** A database: its indexes. */
 typedef struct database {
     struct database_index *indexes; /* the newest first; null when there is none */
 } database;

@@ -27,12 +27,14 @@
 
 QV_BEGIN_DECLS
 
+/** An object's place in a table: a member of the object. */
 typedef struct hashtbl_link {
     struct hashtbl_link *prev; /* null in the head of a chain */
     struct hashtbl_link *next;
     uint32_t hash; /* as given at insertion */
 } hashtbl_link;
 
+/** A table. */
 typedef struct hashtbl {
     uint8_t log_size; /* 2^log_size buckets, 0 to 20 */
     uint8_t flag;     /* 0 or 1, kept for the caller */

@@ -24,6 +24,7 @@ QV_BEGIN_DECLS
 
 #define IDPOOL_NAME_SIZE 32 /* terminator included */
 
+/** A pool: a bit for each identifier of its range. */
 typedef struct idpool {
     char name[IDPOOL_NAME_SIZE];
     int32_t min_id;

@@ -24,6 +24,7 @@
 
 QV_BEGIN_DECLS
 
+/** A node of a table. */
 typedef struct idtable_node {
     uint16_t size;  /* slots */
     uint16_t count; /* of them in use */
@@ -72,18 +73,21 @@ QV_API int idtable16_update_entry(struct idtable_node *root, unsigned key, uintp
 
 /* ---- 32-bit keys: as above ---- */
 
+/** As the functions of the same name for 16-bit keys. */
 QV_API int idtable32_insert_entry(struct idtable_node *root, unsigned key, uintptr_t value);
 QV_API int idtable32_remove_entry(struct idtable_node *root, unsigned key);
 
 /** Removes a key's value. @return the value, or 0 when there was none */
 QV_API uintptr_t idtable32_find_and_remove_entry(struct idtable_node *root, unsigned key);
 
+/** @return the value of a key, or 0 */
 QV_API uintptr_t idtable32_find_entry(const struct idtable_node *root, unsigned key);
 
 /** idtable16_find_next_entry() in the table of the key's high half, then in the tables of the following high halves
  * from 0. */
 QV_API uintptr_t idtable32_find_next_entry(const struct idtable_node *root, unsigned key);
 
+/** Replaces the value of a key that has one. @return 0, or -1 when there is none */
 QV_API int idtable32_update_entry(struct idtable_node *root, unsigned key, uintptr_t value);
 
 QV_END_DECLS

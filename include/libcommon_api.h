@@ -8,6 +8,7 @@
 #ifndef LIBCOMMON_API_H
 #define LIBCOMMON_API_H
 
+/** Marks a declaration that the library exports. */
 #define QV_API __attribute__((visibility("default")))
 
 /* A mark for readers; the build checks the crash path's objects against a list of allowed symbols. */
@@ -24,6 +25,7 @@
 #endif
 
 #ifdef __cplusplus
+/** Enclose declarations with C linkage. */
 #define QV_BEGIN_DECLS extern "C" {
 #define QV_END_DECLS }
 #else

@@ -3,6 +3,7 @@
 #ifndef LIBCOMMON_VERSION_H
 #define LIBCOMMON_VERSION_H
 
+/** The version by its numbers, and as text. See docs/versioning.md for what each number means. */
 #define LIBCOMMON_VERSION_MAJOR 1
 #define LIBCOMMON_VERSION_MINOR 0
 #define LIBCOMMON_VERSION_PATCH 0

@@ -33,6 +33,7 @@ enum mcache_error_code {
 /* The guard word after each allocated object. */
 #define MCACHE_GUARD UINT64_C(0xdeaddeaddeaddead)
 
+/** A cache. */
 typedef struct mcache {
     uint32_t objs_per_page; /* the free count of a new page */
     int lock;               /* a pthread spin lock, shared between processes; strict C11 has no name for its type */

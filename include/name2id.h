@@ -26,6 +26,7 @@ QV_BEGIN_DECLS
 
 #define NAME2ID_NAME_SIZE 256 /* terminator included */
 
+/** A name with its identifier. */
 typedef struct name2id_entry {
     char name[NAME2ID_NAME_SIZE];
     uint32_t id;               /* first family: the identifier; second: the scope */
@@ -37,6 +38,7 @@ typedef struct name2id_entry {
     struct hashtbl_link link;
 } name2id_entry;
 
+/** A table: the list of its entries, and a hash table that finds them by name. */
 typedef struct name2id_tbl {
     struct name2id_entry *first;
     struct name2id_entry **last; /* the last entry's next; first when empty */
@@ -90,8 +92,9 @@ QV_API unsigned name2id_string_hash(const char *data, int len);
 /** 1 if both names are given and equal, else 0. */
 QV_API int name2id_comp(const char *entry_name, const char *name);
 
-/* ---- names in scopes: the same functions with a scope ---- */
+/* ---- names in scopes ---- */
 
+/** As the functions above, for names in scopes: each scope may give the same name another identifier. */
 QV_API struct hashtbl *create_name2id_hash_tbl2(unsigned log_size, int flag);
 QV_API struct name2id_tbl *name2id_tbl_create2(unsigned log_size, int flag);
 QV_API void name2id_tbl_destory2(struct name2id_tbl *table);

@@ -81,6 +81,7 @@ QV_API void *my_realloc_hook(void *ptr, size_t size, const void *caller);
 
 /* ---- light statistics ---- */
 
+/** The light counters of one size class. */
 typedef struct mtrace_class_row {
     uint32_t lower_bound; /* 2^k: sizes from this to below its double; the first class holds 0 and 1 */
     uint32_t bytes;       /* held now */
@@ -146,6 +147,7 @@ QV_API int my_compare_bytes(const void *a, const void *b);
 
 /* ---- reports ---- */
 
+/** A report. */
 typedef struct mtrace_stat_record {
     uint32_t reserved0;
     uint32_t full[7]; /* live blocks, live bytes, allocations, frees, unmatched frees, reallocations, unmatched ones */

@@ -26,12 +26,14 @@
 
 QV_BEGIN_DECLS
 
+/** An object's place in a tree: a member of the object. */
 typedef struct rb_node {
     uintptr_t parent_color; /* the parent's address, null for the root; bit 0: 0 red, 1 black; bit 1 is 0 */
     struct rb_node *right;
     struct rb_node *left;
 } rb_node;
 
+/** A tree. */
 typedef struct rb_root {
     struct rb_node *node; /* null when the tree is empty */
 } rb_root;

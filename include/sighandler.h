@@ -60,8 +60,8 @@ typedef siginfo_t qv_siginfo;
 typedef void qv_siginfo;
 #endif
 
-#define QV_COREDUMP_DEPTH 20
-#define QV_COREDUMP_PATH_SIZE 128
+#define QV_COREDUMP_DEPTH 20      /* return addresses of a record */
+#define QV_COREDUMP_PATH_SIZE 128 /* bytes of the path in a record */
 
 /* Stack that a dump uses, in bytes: including the kernel's signal frame, without callbacks and without vector registers
  * beyond 128 bits. */

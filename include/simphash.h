@@ -20,12 +20,14 @@
 
 QV_BEGIN_DECLS
 
+/** A value's place in a table. */
 typedef struct simphash_entry {
     struct simphash_entry *next;
     struct simphash_entry **pprev; /* the pointer that points here: a bucket or another entry's next */
     uintptr_t value;
 } simphash_entry;
 
+/** A table. */
 typedef struct simphash {
     struct simphash_entry **buckets;
     uint32_t log_size; /* as it was given */

@@ -27,6 +27,7 @@
 
 QV_BEGIN_DECLS
 
+/** A timer. */
 typedef struct stimer {
     void **ctx;              /* the context that it belongs to */
     int index;               /* its heap position plus one while it runs, else 0 */

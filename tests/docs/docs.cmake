@@ -12,3 +12,10 @@ if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE AND LIBCOMMON_MALLOC_HOOK
             ENVIRONMENT "CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}")
     endforeach()
 endif()
+
+# The reference has no gap, and man finds its pages.
+find_program(doxygen doxygen)
+if(doxygen AND NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
+    add_test(NAME docs.reference COMMAND ${CMAKE_CURRENT_LIST_DIR}/reference ${PROJECT_SOURCE_DIR}/abi/libcommon.exports
+        ${CMAKE_CURRENT_BINARY_DIR}/reference)
+endif()
