@@ -13,6 +13,7 @@
 namespace qvcrash {
 namespace {
 
+constexpr std::size_t kFramePointer = 29;
 constexpr std::size_t kLinkRegister = 30;
 constexpr std::uint64_t kNullRange = 65536;    // nothing is mapped below it, so such an address is null and an offset
 constexpr std::uint64_t kStackReach = 1 << 20; // how far from the stack pointer one frame's data may lie
@@ -92,12 +93,14 @@ void add_link_register(const crash_log &log, const module_map &modules, std::vec
     frames->insert(frames->begin() + (has_pc ? 1 : 0), std::move(frame));
 }
 
-// Where on the stack the walk took each frame's return address from: behind the link of the frame before.
-std::vector<std::uint64_t> places_of(const std::vector<explained_frame> &frames)
+// Where on the stack the walk took each frame's return address from: after the link of the frame before. A walk that
+// does not begin with the program counter begins at the frame pointer.
+std::vector<std::uint64_t> places_of(const crash_log &log, const std::vector<explained_frame> &frames)
 {
     constexpr std::uint64_t kReturnAddressOffset = 8;
     std::vector<std::uint64_t> places;
-    std::uint64_t record = 0;
+    bool has_pc = !frames.empty() && frames.front().origin == frame_origin::program_counter;
+    std::uint64_t record = has_pc ? 0 : register_value(log, kFramePointer).value_or(0);
     for (const explained_frame &frame : frames) {
         bool is_record = frame.origin == frame_origin::frame_record && record != 0;
         places.push_back(is_record ? record + kReturnAddressOffset : 0);
@@ -120,7 +123,7 @@ void add_found_words(const crash_log &log, const module_map &modules, std::vecto
     if (!log.details)
         return;
     constexpr std::size_t kMaxAdded = 24;
-    std::vector<std::uint64_t> places = places_of(*frames);
+    std::vector<std::uint64_t> places = places_of(log, *frames);
     std::vector<explained_frame> merged;
     std::size_t next = 0;
     std::size_t added = 0;
@@ -336,6 +339,32 @@ void explain_poisoned_registers(const crash_log &log, std::vector<std::string> *
     }
 }
 
+// What an address outside all code points to, as far as it says something: "the stack", or a module's data.
+std::string describe_data(const crash_log &log, std::uint64_t address, const module_map &modules)
+{
+    const log_details *details = log.details ? &*log.details : nullptr;
+    if (details != nullptr && details->stack_start && address >= *details->stack_start && address < *details->stack_end)
+        return "the stack";
+    const used_module *module = modules.module_at(address);
+    return module != nullptr ? module->logged_path + '+' + hex(address - *module->bias) : std::string();
+}
+
+// The return instruction of AArch64 leaves the register that it jumps through as it was; calls set it.
+bool is_after_return(const crash_log &log)
+{
+    return log.from == machine::aarch64 && log.pc && register_value(log, kLinkRegister) == log.pc;
+}
+
+bool is_at_return(const crash_log &log, const module_map &modules)
+{
+    const used_module *module = log.pc ? modules.module_at(*log.pc) : nullptr;
+    return module != nullptr && module->file != nullptr && module->sameness != identity::differs &&
+           module->file->is_return(*log.pc - *module->bias).value_or(false);
+}
+
+constexpr char kOverwrittenReturn[] =
+    "A function returned to no code: its return address on the stack was overwritten, as by a local array's overrun";
+
 // After a jump, unlike after a bad access, the program counter lies in no code.
 bool explain_jump(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
                   std::vector<std::string> *causes)
@@ -353,11 +382,15 @@ bool explain_jump(const crash_log &log, const std::vector<explained_frame> &fram
         frames.empty() ? nullptr : &frames[has_pc ? std::min<std::size_t>(1, frames.size() - 1) : 0];
     std::string from =
         caller != nullptr && !describe(caller->where).empty() ? ", called from " + describe(caller->where) : "";
-    if (*log.pc < kNullRange)
+    std::string target = describe_data(log, *log.pc, modules);
+    if (is_after_return(log))
+        causes->push_back(std::string(kOverwrittenReturn) + ", to " + hex(*log.pc) + '.');
+    else if (*log.pc < kNullRange)
         causes->push_back("Jump through a null pointer" + (*log.pc == 0 ? std::string() : " plus " + hex(*log.pc)) +
                           from + ".");
     else
-        causes->push_back("Jump through a wild pointer, to " + hex(*log.pc) + ", which is no code" + from + ".");
+        causes->push_back("Jump through a wild pointer, to " + hex(*log.pc) + ", which is no code" +
+                          (target.empty() ? "" : " but in " + target) + from + ".");
     return true;
 }
 
@@ -390,9 +423,76 @@ bool explain_stack(const crash_log &log, const std::vector<explained_frame> &fra
                           ": a local array was overrun" + quoted_function(frames.front()) + ".");
         return true;
     }
+    bool has_room = log.details && log.details->stack_start; // the stack pointer lies in the stack's mapping
+    if (has_room)
+        return false;
     causes->push_back("Stack overflow: " + hex(*log.fault) + " was touched with the stack pointer at " + hex(*log.sp) +
                       (frames.empty() ? "" : quoted_function(frames.front())) + ".");
     return true;
+}
+
+// Whether the kernel gave this reason; false for a log without details.
+bool has_code(const crash_log &log, int code)
+{
+    return log.details && log.details->code == code;
+}
+
+// The x86-64 processor reports no address for a pointer with unequal upper bits, nor for a misaligned operand of an
+// instruction that requires alignment.
+bool is_hidden_address(const crash_log &log)
+{
+    if (log.from != machine::x86_64 || *log.fault != 0)
+        return false;
+    if (log.details && log.details->code)
+        return *log.details->code == SI_KERNEL;
+    return std::any_of(log.registers.begin(), log.registers.end(),
+                       [](const register_slot &slot) { return !is_canonical(slot.value); });
+}
+
+std::string describe_hidden_address(const crash_log &log, const module_map &modules)
+{
+    if (is_at_return(log, modules))
+        return kOverwrittenReturn;
+    std::string text = "A pointer that is no address was followed (the processor reports none then), or ";
+    return text + (log.details && log.details->code ? "an operand is misaligned" : "a null pointer");
+}
+
+std::string describe_bus_error(const crash_log &log)
+{
+    if (has_code(log, BUS_ADRALN))
+        return "The address " + hex(*log.fault) + " is not aligned for the instruction";
+    if (has_code(log, BUS_ADRERR))
+        return "The file that is mapped at " + hex(*log.fault) + " ends before it, or has no room on its device";
+    return "The memory at " + hex(*log.fault) + " cannot be accessed";
+}
+
+std::string describe_refused_address(const crash_log &log, const module_map &modules)
+{
+    std::string address = hex(*log.fault);
+    std::string data = describe_data(log, *log.fault, modules);
+    std::string place = data.empty() ? address : address + ", in " + data + ',';
+    if (has_code(log, SEGV_MAPERR))
+        return "Nothing is mapped at the address " + place;
+    if (has_code(log, SEGV_ACCERR))
+        return "The address " + place + " is mapped, but not for this access: read-only memory was written, or memory "
+                                        "without access was touched";
+    return "The address " + place + " may not be accessed so";
+}
+
+std::string describe_access(const crash_log &log, const module_map &modules)
+{
+    if (is_hidden_address(log))
+        return describe_hidden_address(log, modules);
+    if (*log.fault == 0)
+        return "A null pointer was followed";
+    if (*log.fault < kNullRange)
+        return "A member at offset " + std::to_string(*log.fault) + " of a null pointer was touched";
+    std::uint64_t pointer = faulting_pointer(log);
+    if (std::string meaning = poison_in(pointer); !meaning.empty())
+        return "The address " + hex(pointer) + " is " + meaning;
+    if (!is_canonical(pointer, log.from))
+        return "A pointer that is no address, " + hex(pointer) + ", was followed";
+    return log.signal == SIGBUS ? describe_bus_error(log) : describe_refused_address(log, modules);
 }
 
 void explain_access(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
@@ -402,26 +502,7 @@ void explain_access(const crash_log &log, const std::vector<explained_frame> &fr
         explain_stack(log, frames, causes))
         return;
     std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
-    bool may_be_hidden = log.from == machine::x86_64 && *log.fault == 0 &&
-                         std::any_of(log.registers.begin(), log.registers.end(),
-                                     [](const register_slot &slot) { return !is_canonical(slot.value); });
-    if (may_be_hidden) {
-        causes->push_back(
-            "A pointer that is no address was followed (the processor reports none then), or a null pointer" + where +
-            ".");
-    } else if (*log.fault < kNullRange) {
-        std::string offset = std::to_string(*log.fault);
-        causes->push_back(*log.fault == 0
-                              ? "A null pointer was followed" + where + "."
-                              : "A member at offset " + offset + " of a null pointer was touched" + where + ".");
-    } else if (std::string meaning = poison_in(faulting_pointer(log)); !meaning.empty()) {
-        causes->push_back("The address " + hex(faulting_pointer(log)) + " is " + meaning + where + ".");
-    } else if (!is_canonical(faulting_pointer(log), log.from)) {
-        causes->push_back("A pointer that is no address, " + hex(faulting_pointer(log)) + ", was followed" + where +
-                          ".");
-    } else {
-        causes->push_back("The address " + hex(*log.fault) + " may not be accessed so" + where + ".");
-    }
+    causes->push_back(describe_access(log, modules) + where + '.');
     explain_poisoned_registers(log, causes);
 }
 
@@ -430,10 +511,20 @@ bool is_division(const crash_log &log)
     return !log.details || !log.details->code || *log.details->code == FPE_INTDIV;
 }
 
+// Nothing at the program counter caused a signal that a process sent. abort() sends one too.
+bool explain_sent_signal(const crash_log &log, std::vector<std::string> *causes)
+{
+    if (!log.details || !log.details->code || *log.details->code > 0 || log.signal == SIGABRT)
+        return false;
+    if (log.details->sender == log.details->pid)
+        causes->push_back("The process sent itself the signal, as by kill() or raise().");
+    return true;
+}
+
 void explain_fatal_signal(const crash_log &log, const std::vector<explained_frame> &frames, const module_map &modules,
                           std::vector<std::string> *causes)
 {
-    if (explain_by_function(log, frames, causes))
+    if (explain_by_function(log, frames, causes) || explain_sent_signal(log, causes))
         return;
     std::string where = frames.empty() ? std::string() : quoted_function(frames.front());
     switch (log.signal.value_or(0)) {
@@ -448,7 +539,8 @@ void explain_fatal_signal(const crash_log &log, const std::vector<explained_fram
         causes->push_back("A trap instruction" + where + ".");
         break;
     case SIGFPE:
-        causes->push_back((is_division(log) ? "A whole number was divided by 0" : "An arithmetic error") + where + ".");
+        causes->push_back((is_division(log) ? "A whole number was divided by 0, or the smallest one by -1"
+                                           : "An arithmetic error") + where + ".");
         break;
     case SIGABRT:
         causes->push_back("The process called abort(), or was sent the signal" + where + ".");

@@ -141,6 +141,24 @@ bool ends_in_call_x86_64(const unsigned char *end, std::size_t size)
     return false;
 }
 
+// ---- returns ----
+
+constexpr std::size_t kLongestReturn = 4;
+
+bool is_return_aarch64(const unsigned char *code)
+{
+    std::uint32_t word;
+    std::memcpy(&word, code, sizeof word);
+    bool is_signed = word == 0xD65F0BFFu || word == 0xD65F0FFFu; // retaa, retab
+    return is_signed || (word & 0xFFFFFC1Fu) == 0xD65F0000u;
+}
+
+bool is_return_x86_64(const unsigned char *code)
+{
+    constexpr unsigned char kRepeat = 0xF3; // a prefix that older processors predict better
+    return code[0] == 0xC3 || code[0] == 0xC2 || (code[0] == kRepeat && code[1] == 0xC3);
+}
+
 class dwfl_module final : public module_file {
 public:
     dwfl_module(std::string path, debug_finder *finder) : path_(std::move(path)), finder_(finder) {}
@@ -215,11 +233,10 @@ public:
             if (address <= s.start || address > s.end)
                 continue;
             std::size_t size = std::min<std::uint64_t>(kLongestCall + 1, address - s.start);
-            Elf_Data *data = ::elf_getdata_rawchunk(elf_, static_cast<int64_t>(s.offset + (address - s.start) - size),
-                                                    size, ELF_T_BYTE);
-            if (data == nullptr || data->d_size < size)
+            const unsigned char *code = read_code(s, address - size, size);
+            if (code == nullptr)
                 return {};
-            const unsigned char *end = static_cast<const unsigned char *>(data->d_buf) + size;
+            const unsigned char *end = code + size;
             if (machine_ == machine::aarch64)
                 return address % 4 == 0 && size >= 4 && ends_in_call_aarch64(end);
             if (machine_ == machine::x86_64)
@@ -227,6 +244,19 @@ public:
             return {};
         }
         return false;
+    }
+
+    std::optional<bool> is_return(std::uint64_t address) override
+    {
+        for (const segment &s : code_) {
+            if (address < s.start || address > s.end || s.end - address < kLongestReturn)
+                continue;
+            const unsigned char *code = read_code(s, address, kLongestReturn);
+            if (code == nullptr || machine_ == machine::unknown)
+                return {};
+            return machine_ == machine::aarch64 ? is_return_aarch64(code) : is_return_x86_64(code);
+        }
+        return {};
     }
 
     bool is_function_start(std::uint64_t address) override
@@ -261,6 +291,14 @@ private:
         std::uint64_t start, end, offset;
         bool contains(std::uint64_t address) const { return address >= start && address < end; }
     };
+
+    // Null when the file ends before.
+    const unsigned char *read_code(const segment &s, std::uint64_t address, std::size_t size)
+    {
+        auto offset = static_cast<int64_t>(s.offset + (address - s.start));
+        Elf_Data *data = ::elf_getdata_rawchunk(elf_, offset, size, ELF_T_BYTE);
+        return data != nullptr && data->d_size >= size ? static_cast<const unsigned char *>(data->d_buf) : nullptr;
+    }
 
     static int find_no_elf(Dwfl_Module *, void **, const char *, Dwarf_Addr, char **, Elf **) { return -1; }
 

@@ -69,6 +69,9 @@ public:
     /** Whether the instruction before the address is a call; nothing when the bytes cannot be read. */
     virtual std::optional<bool> follows_call(std::uint64_t address) = 0;
 
+    /** Whether a return instruction is at the address; nothing when the bytes cannot be read. */
+    virtual std::optional<bool> is_return(std::uint64_t address) = 0;
+
     /** Whether a function begins at the address, by the symbol table. */
     virtual bool is_function_start(std::uint64_t address) = 0;
 

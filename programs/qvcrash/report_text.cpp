@@ -76,8 +76,7 @@ private:
     {
         char label[16];
         std::snprintf(label, sizeof label, "  #%-3d ", number);
-        std::string note =
-            frame.origin == frame_origin::link_register ? "  (probable caller, from the link register)" : "";
+        std::string note = note_of(frame.origin);
         if (frame.repeats > 1)
             note += "  (" + std::to_string(frame.repeats) + " times)";
         if (frame.where.frames.empty()) {

@@ -16,10 +16,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <mutex>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 
 QV_CRASH_DETAILS;
 
@@ -133,6 +136,37 @@ volatile int no_sessions;
     keep_frame();
 }
 
+// What lies above a frame is its return address. Written through the frame's address, so that no check notices.
+[[gnu::noinline]] void overwrite_return()
+{
+    auto frame = static_cast<unsigned long *>(__builtin_frame_address(0));
+    static_cast<unsigned long volatile *>(frame)[1] = 0x4141414141414141;
+} // line: overwritten return
+
+[[gnu::noinline]] void send_signal()
+{
+    ::kill(::getpid(), SIGSEGV); // line: sent signal
+    keep_frame();
+}
+
+[[gnu::noinline]] void write_constant()
+{
+    static const long constant[4] = {1, 2, 3, 4};
+    const_cast<long volatile *>(constant)[1] = 5; // line: read-only
+    keep_frame();
+}
+
+[[gnu::noinline]] void use_truncated_file()
+{
+    constexpr std::size_t kSize = 65536;
+    int fd = ::open("/tmp/mapped", O_RDWR | O_CREAT, 0600);
+    bool is_sized = ::ftruncate(fd, kSize) == 0;
+    auto bytes = static_cast<char volatile *>(::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    is_sized = is_sized && ::ftruncate(fd, 0) == 0;
+    bytes[kSize / 2] = is_sized ? 1 : 0; // line: truncated file
+    keep_frame();
+}
+
 std::mutex first_lock, second_lock;
 std::atomic<int> locks_held;
 
@@ -224,6 +258,14 @@ int main(int argc, char **argv)
         run_out_of_memory();
     else if (std::strcmp(failure, "unloaded-plugin") == 0)
         call_unloaded(argv[2]);
+    else if (std::strcmp(failure, "overwritten-return") == 0)
+        overwrite_return();
+    else if (std::strcmp(failure, "sent-signal") == 0)
+        send_signal();
+    else if (std::strcmp(failure, "read-only") == 0)
+        write_constant();
+    else if (std::strcmp(failure, "truncated-file") == 0)
+        use_truncated_file();
     else if (std::strcmp(failure, "dump") == 0)
         std::raise(52);
     return 3;

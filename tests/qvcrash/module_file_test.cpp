@@ -36,6 +36,7 @@ void use_file(const std::string &path)
         module->is_code(address);
         module->is_function_start(address);
         module->follows_call(address);
+        module->is_return(address);
         module->keeps_link_register(address);
     }
 }

@@ -131,6 +131,9 @@ const expected_answer kAnswers[] = {
     {"deadlock", "deadlock", "Deadlock: thread "},
     {"out-of-memory", "out of memory", "A member at offset 8 of a null pointer"},
     {"unloaded-plugin", "unloaded plug-in", "failing_plugin.so was unloaded"},
+    {"sent-signal", "sent signal", "The process sent itself the signal"},
+    {"read-only", "read-only", "is mapped, but not for this access"},
+    {"truncated-file", "truncated file", "ends before it"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Failures, Explained, testing::ValuesIn(kAnswers), test_name);
@@ -195,6 +198,24 @@ TEST_F(ArmLogs, AFunctionsStartIsNoReturnAddress)
         for (const json &function : frame["functions"])
             EXPECT_EQ(std::string::npos, function["function"].get<std::string>().find("watch_deadlock"));
     }
+}
+
+// The function is known on x86-64 only, where the return instruction itself faults.
+TEST(QvcrashShow, AnOverwrittenReturnAddressIsNamed)
+{
+    json object = show_json(log_of("overwritten-return"));
+    EXPECT_THAT(causes_of(object), testing::HasSubstr("its return address on the stack was overwritten"));
+    EXPECT_TRUE(names_line(object, marked_line("overwritten return"))) << object.dump(1);
+}
+
+// The jump leaves nothing of the caller but the word at the stack pointer.
+TEST(QvcrashShow, TheCallerOfAWildJumpComesFirst)
+{
+    std::string log = log_of("wild-call");
+    json object = show_json(log);
+    EXPECT_EQ("stack-top", object["frames"][0]["origin"]);
+    EXPECT_EQ(marked_line("wild call"), object["frames"][0]["functions"][0].value("line", 0));
+    EXPECT_THAT(show({log}).out, testing::HasSubstr("(probable caller, from the top of the stack)"));
 }
 
 TEST(QvcrashShow, DumpRequestsAreNoCrashes)
