@@ -349,10 +349,12 @@ std::string describe_data(const crash_log &log, std::uint64_t address, const mod
     return module != nullptr ? module->logged_path + '+' + hex(address - *module->bias) : std::string();
 }
 
-// The return instruction of AArch64 leaves the register that it jumps through as it was; calls set it.
+// The return instruction of AArch64 leaves the register that it jumps through as it was; calls set it. The program
+// counter lacks the register's top byte.
 bool is_after_return(const crash_log &log)
 {
-    return log.from == machine::aarch64 && log.pc && register_value(log, kLinkRegister) == log.pc;
+    std::optional<std::uint64_t> link = register_value(log, kLinkRegister);
+    return log.from == machine::aarch64 && log.pc && link && *link != 0 && (*link ^ *log.pc) << 8 == 0;
 }
 
 bool is_at_return(const crash_log &log, const module_map &modules)

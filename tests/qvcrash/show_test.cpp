@@ -185,6 +185,12 @@ TEST_F(ArmLogs, ALinkRegisterThatIsNotSavedIsTheCaller)
     EXPECT_EQ(std::string::npos, causes_of(object).find("0x101010101010101")) << "a constant of strcmp()";
 }
 
+TEST_F(ArmLogs, AnOverwrittenReturnAddressIsNamed)
+{
+    EXPECT_THAT(causes_of(show_arm("overwritten-return")),
+                testing::HasSubstr("its return address on the stack was overwritten"));
+}
+
 // raise() has saved it, and calls return to it.
 TEST_F(ArmLogs, ALinkRegisterThatIsSavedIsNotTheCaller)
 {
