@@ -458,7 +458,7 @@ TEST(DebugTraceThreads, ACallerThatKeepsTheClocksMutexMayTrace)
             __qv_print_prefix(2, "f", 1);
             localtime_safe_unlock();
         },
-        5000);
+        20000);
     EXPECT_TRUE(child.exited(0));
 }
 
@@ -486,20 +486,21 @@ TEST(DebugTraceChildren, OpenTheirOwnFile)
 
 TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
 {
+    if (under_sanitizer())
+        GTEST_SKIP() << "a child inherits the locks of the sanitizer that other threads hold";
     make_logs();
     __qv_debug_where = 1;
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 2; t++)
-        threads.emplace_back([&] {
-            while (!stop)
+        threads.emplace_back([](const std::stop_token &stop) {
+            while (!stop.stop_requested())
                 __qv_print_msg("%0500d\n", 7);
         });
     __qv_print_prefix(2, "f", 1);
     for (std::size_t i = 0; i < effort(100); i++) {
         pid_t pid = ::fork();
         if (pid == 0) {
-            ::alarm(5);
+            ::alarm(20); // a deadlock ends here
             if (i % 2 == 0)
                 __qv_print_prefix(2, "f", 1);
             std::exit(0);
@@ -509,9 +510,7 @@ TEST(DebugTraceChildren, ForkedAmongTracesNeverHangNorRepeatTheParentsText)
         ASSERT_EQ(0, status);
         ::truncate(file_of("20260131").c_str(), 0);
     }
-    stop = true;
-    for (std::thread &thread : threads)
-        thread.join();
+    threads.clear();
     ::truncate(file_of("20260131").c_str(), 0);
     __qv_print_msg("end\n");
     EXPECT_EQ("end\n", read_file(file_of("20260131")));
