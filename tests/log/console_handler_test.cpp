@@ -283,7 +283,7 @@ TEST(HandlerLines, NeverWaitForTheInterruptedCode)
                 while (::waitpid(sender, nullptr, WNOHANG) == 0)
                     qv_ilog("%s\n", i % 2 == 0 ? "short" : text.c_str());
             },
-            10000);
+            20000);
         ASSERT_TRUE(child.exited(0)) << i;
     }
 }
@@ -297,7 +297,7 @@ TEST(HandlerLines, PassWhileTheCallerKeepsTheClocksMutex)
             terminate();
             localtime_safe_unlock();
         },
-        5000);
+        20000);
     EXPECT_TRUE(child.exited(0));
     EXPECT_EQ(2u, logged().size());
 }

@@ -347,7 +347,7 @@ TEST(Sigusr2, AmongCallsOfMtrace)
 TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
 {
     NEEDS_INTERPOSITION();
-    ::alarm(10);
+    ::alarm(30);
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
     mtrace();
     pthread_t thread;
@@ -368,7 +368,7 @@ TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
 TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
 {
     NEEDS_INTERPOSITION();
-    ::alarm(10);
+    ::alarm(30);
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
     static int calls;
     static void *(*hook)(std::size_t, const void *);
@@ -443,7 +443,7 @@ void *forking_hook(std::size_t size, const void *)
 bool both_go_on(const std::function<void()> &forks)
 {
     return run_child([&] {
-               ::alarm(10);
+               ::alarm(30);
                forks();
                std::free(kept(std::malloc(20)));
                int status = 0;

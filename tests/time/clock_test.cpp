@@ -225,7 +225,7 @@ TEST(LocaltimeMutex, IsNotNeededForTheCalendarTime)
             std::thread([&] { others = qv_calendar_time(nullptr); }).join();
             ::_exit(own > 0 && others >= own && localtime_safe_unlock() == 0 ? 0 : 1);
         },
-        5000);
+        20000);
     EXPECT_TRUE(child.exited(0));
 }
 
@@ -248,7 +248,7 @@ TEST(LocaltimeMutex, AChildForkedWhileAnotherThreadHeldItCanConvert)
                 qv_localtime_r(&kSummer, &out) != nullptr && localtime_safe_lock() == 0 && localtime_safe_unlock() == 0;
             ::_exit(good ? 0 : 1);
         },
-        5000);
+        20000);
     EXPECT_TRUE(child.exited(0));
     stage = 2;
     holder.join();
@@ -263,7 +263,7 @@ TEST(LocaltimeMutex, AChildForkedByItsHolderHoldsItStill)
             bool unlocked = localtime_safe_unlock() == 0;
             ::_exit(unlocked && qv_localtime(&kSummer) != nullptr ? 0 : 1);
         },
-        5000);
+        20000);
     EXPECT_TRUE(child.exited(0));
     localtime_safe_unlock();
 }
@@ -284,7 +284,7 @@ TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
                 tm out;
                 ::_exit(qv_localtime_r(&kSummer, &out) != nullptr ? 0 : 1);
             },
-            10000);
+            20000);
         EXPECT_TRUE(child.exited(0));
     }
     stop = true;
@@ -308,7 +308,7 @@ TEST(CalendarTime, AChildForkedWhileAnotherThreadAsksForItCanConvert)
                 for (std::size_t i = 0; i < effort(300); i++) {
                     pid_t pid = ::fork();
                     if (pid == 0) {
-                        ::alarm(5);
+                        ::alarm(20);
                         if (while_kept)
                             localtime_safe_unlock();
                         tm out;
@@ -397,7 +397,7 @@ TEST(LocaltimeMutex, ForkHandlersOfALibraryLoadedEarlierMayConvert)
             std::thread([&] { unlocked = localtime_safe_lock() == 0 && localtime_safe_unlock() == 0; }).join();
             ::_exit(status == 0 && converted_in_handlers == 2 && unlocked ? 0 : 1);
         },
-        5000);
+        20000);
     EXPECT_TRUE(forking.exited(0));
 }
 
@@ -430,7 +430,7 @@ TEST(LocaltimeMutex, AForkDuringTheVeryFirstConversionLeavesAChildThatCanConvert
                 converting.join();
                 ::_exit(status != 0);
             },
-            10000);
+            20000);
         ASSERT_TRUE(child.exited(0)) << i;
     }
 }

@@ -429,7 +429,7 @@ TEST(FailedChild, WritesNoneOfItEitherWithThreadsAbout)
             [[maybe_unused]] ssize_t n = ::write(fds[1], "x", 1);
             reading.join();
         },
-        10000));
+        20000));
 }
 
 TEST(FailedChild, ThePendingTextComesBeforeTheProgramsOutput)

@@ -32,7 +32,7 @@ bool child_allocates()
 {
     pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(10);
+        ::alarm(30);
         std::free(std::malloc(30));
         ::_exit(0);
     }

@@ -76,7 +76,7 @@ bool child_allocates()
 {
     pid_t child = ::fork();
     if (child == 0) {
-        ::alarm(10);
+        ::alarm(30);
         allocate_once(nullptr);
         ::_exit(0);
     }
