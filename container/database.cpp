@@ -158,6 +158,7 @@ int database_index_remove_all(struct database_index *index, void (*release)(void
         database_bucket &bucket = index->buckets[i];
         // Read again each time: release() may remove other records.
         while (database_node *node = bucket.first) {
+            // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): moves `first`, through the node's `prev`
             base::tail_queue_unlink(bucket, *node);
             if (release != nullptr)
                 release(node->record);

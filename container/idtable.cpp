@@ -268,7 +268,8 @@ int idtable32_insert_entry(struct idtable_node *root, unsigned key, uintptr_t va
             return -1;
         }
         if (idtable16_insert_entry(root, key >> kHalfBits, reinterpret_cast<std::uintptr_t>(sub)) != 0) {
-            report(__func__, "insert fails"); // contract: the new table is not freed
+            // contract: the new table is not freed
+            report(__func__, "insert fails"); // NOLINT(clang-analyzer-unix.Malloc): by that contract
             return -1;
         }
     }

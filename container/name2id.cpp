@@ -135,7 +135,7 @@ void name2id_tbl_destory(name2id_tbl *table)
     if (table->hashtbl != nullptr)
         hashtbl_reset(table->hashtbl);
     while (table->first != nullptr)
-        release(table, table->first);
+        release(table, table->first); // NOLINT(clang-analyzer-unix.Malloc): moves `first`, through the entry's `prev`
     if (table->hashtbl != nullptr)
         hashtbl_destroy(table->hashtbl);
     std::free(table);

@@ -46,6 +46,7 @@ void set_red(rb_node *node)
 
 void set_black(rb_node *node)
 {
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): settle_short() passes a child after it found it red
     node->parent_color |= kBlack;
 }
 
@@ -110,17 +111,27 @@ rb_node *settle_red(rb_node *node, rb_node *parent, rb_node *grandparent, rb_roo
     return nullptr;
 }
 
+// The other child of a node whose near side lacks a black node. It exists: the far side has that many black nodes.
+template <child Far>
+rb_node *sibling_of_short(rb_node *parent)
+{
+    rb_node *sibling = parent->*Far;
+    if (sibling == nullptr)
+        __builtin_unreachable();
+    return sibling;
+}
+
 // Repairs the paths through the parent's near child, which lack one black node. Returns true when the tree is in order;
 // otherwise all paths through the parent now lack one.
 template <child Near, child Far>
 bool settle_short(rb_node *parent, rb_root *root)
 {
-    rb_node *sibling = parent->*Far;
+    rb_node *sibling = sibling_of_short<Far>(parent);
     if (is_red(sibling)) {
         set_black(sibling);
         set_red(parent);
         rotate<Near, Far>(parent, root);
-        sibling = parent->*Far;
+        sibling = sibling_of_short<Far>(parent);
     }
     if (is_black(sibling->*Near) && is_black(sibling->*Far)) {
         set_red(sibling);
@@ -130,7 +141,7 @@ bool settle_short(rb_node *parent, rb_root *root)
         set_black(sibling->*Near);
         set_red(sibling);
         rotate<Far, Near>(sibling, root);
-        sibling = parent->*Far;
+        sibling = sibling_of_short<Far>(parent);
     }
     copy_color(sibling, parent);
     set_black(parent);

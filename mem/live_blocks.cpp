@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "mem/live_blocks.h"
 
+#include "base/assert_fail.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <execinfo.h>
@@ -8,10 +10,6 @@
 #include <utility>
 
 using namespace qv;
-
-// The C library's assertion failure, called by name so that NDEBUG does not remove it.
-extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
-                                           const char *function) noexcept;
 
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
 

@@ -38,7 +38,7 @@ struct slot_header {
 constexpr std::uint64_t kMagic = 0xa68f25e04b37d14c;
 constexpr std::uint32_t kUnit = 8192; // bytes
 constexpr int kMaxUnits = 16;
-constexpr std::uint32_t kSlotOverhead = sizeof(slot_header) + sizeof(MCACHE_GUARD);
+constexpr std::uint32_t kSlotOverhead = sizeof(slot_header) + sizeof(std::uint64_t); // the guard follows
 constexpr std::uint32_t kPageOverhead = sizeof(mcache_page) + sizeof(slot_header);
 constexpr std::uint32_t kKeepSpare = 0x40;  // a flag of a cache
 constexpr std::uint32_t kSpareLimit = 8144; // from this slot size on a cache keeps no spare page

@@ -24,11 +24,13 @@ std::size_t environment_size()
     return size;
 }
 
-// The environment's entry, or its end.
+// The place of the variable in the environment, or of the environment's end; null without an environment.
 char **find()
 {
-    return std::find_if(environ, environ + environment_size(),
-                        [](const char *entry) { return std::string_view(entry).starts_with(kName); });
+    char **entry = environ;
+    while (entry != nullptr && *entry != nullptr && !std::string_view(*entry).starts_with(kName))
+        entry++;
+    return entry;
 }
 
 // The library's own list of entries, used when the variable has to be added. It is kept for the next time. It is the
@@ -61,6 +63,7 @@ void append(char *entry)
         return;
     if (before != own_list)
         std::copy_n(before, size, own_list);
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): own_room, above 0 here, is the room of a mapped list
     own_list[size + 1] = nullptr;
     __atomic_store_n(&own_list[size], entry, __ATOMIC_RELEASE);
     __atomic_store_n(&environ, own_list, __ATOMIC_RELEASE);

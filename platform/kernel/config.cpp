@@ -55,7 +55,7 @@ constexpr kind kAllKinds[kKinds] = {
 // One parsed line.
 struct entry {
     std::size_t kind;
-    const char *name;
+    const char *name = "";
     unsigned given; // set of attributes
     unsigned values[kAttributes];
 };
@@ -125,9 +125,10 @@ private:
         if (e.kind == kKinds)
             return mistake("unknown entry \"%s\", want vsys, vr or interface", word);
         const kind &k = kAllKinds[e.kind];
-        e.name = ::strtok_r(nullptr, kBlanks, &rest);
-        if (e.name == nullptr)
+        const char *name = ::strtok_r(nullptr, kBlanks, &rest);
+        if (name == nullptr)
             return mistake("%s without a name", k.word);
+        e.name = name;
         if (std::strlen(e.name) >= k.name_size)
             return mistake("name \"%s\" too long, at most %zu characters", e.name, k.name_size - 1);
         while (char *text = ::strtok_r(nullptr, kBlanks, &rest)) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// late_crash_host LIBRARY [tables] - loads the library when threads are running already, and lets one die inside free().
-// That thread has never used the library, and nothing can be allocated any more. With "tables" it lets each of two
-// threads load its table of mappings instead.
+// late_crash_host LIBRARY [tables] - loads the library when threads are running already, and lets one die inside
+// free(). That thread has never used the library, and nothing can be allocated any more. With "tables" it lets each of
+// two threads load its table of mappings instead.
 #include <cstdlib>
 #include <dlfcn.h>
 #include <malloc.h>
@@ -32,7 +32,8 @@ void *die(void *)
 
 void *library;
 
-template <typename function> function *find(const char *name)
+template <typename function>
+function *find(const char *name)
 {
     return reinterpret_cast<function *>(::dlsym(library, name));
 }
