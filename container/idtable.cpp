@@ -268,8 +268,8 @@ int idtable32_insert_entry(struct idtable_node *root, unsigned key, uintptr_t va
             return -1;
         }
         if (idtable16_insert_entry(root, key >> kHalfBits, reinterpret_cast<std::uintptr_t>(sub)) != 0) {
-            // contract: the new table is not freed
-            report(__func__, "insert fails"); // NOLINT(clang-analyzer-unix.Malloc): by that contract
+            // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): contract: the new table is not freed
+            report(__func__, "insert fails");
             return -1;
         }
     }

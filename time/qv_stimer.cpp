@@ -15,7 +15,8 @@
 
 using namespace qv;
 
-// Only where the loaded heap library has it.
+// Only where the loaded heap library has it. The second declaration makes the reference weak.
+// NOLINTNEXTLINE(readability-redundant-declaration): for that
 extern "C" [[gnu::weak]] decltype(__heap_new_keyed) __heap_new_keyed;
 
 namespace {

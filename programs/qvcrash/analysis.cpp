@@ -476,8 +476,9 @@ std::string describe_refused_address(const crash_log &log, const module_map &mod
     if (has_code(log, SEGV_MAPERR))
         return "Nothing is mapped at the address " + place;
     if (has_code(log, SEGV_ACCERR))
-        return "The address " + place + " is mapped, but not for this access: read-only memory was written, or memory "
-                                        "without access was touched";
+        return "The address " + place +
+               " is mapped, but not for this access: read-only memory was written, or memory "
+               "without access was touched";
     return "The address " + place + " may not be accessed so";
 }
 
@@ -541,8 +542,9 @@ void explain_fatal_signal(const crash_log &log, const std::vector<explained_fram
         causes->push_back("A trap instruction" + where + ".");
         break;
     case SIGFPE:
-        causes->push_back((is_division(log) ? "A whole number was divided by 0, or the smallest one by -1"
-                                           : "An arithmetic error") + where + ".");
+        causes->push_back(
+            (is_division(log) ? "A whole number was divided by 0, or the smallest one by -1" : "An arithmetic error") +
+            where + ".");
         break;
     case SIGABRT:
         causes->push_back("The process called abort(), or was sent the signal" + where + ".");

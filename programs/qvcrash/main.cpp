@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <string>
 #include <thread>
@@ -149,9 +150,7 @@ void describe_show(CLI::App *command, show_options *options)
     command->add_flag("--json", options->as_json, "One object for each log, one to a line");
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     CLI::App program("Reads what crashed processes left.", "qvcrash");
     program.require_subcommand(1);
@@ -169,4 +168,16 @@ int main(int argc, char **argv)
         return status == 0 ? kAllRead : kUsage;
     }
     return group_command->parsed() ? group(grouping) : show(options);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) { // such as want of memory
+        std::fprintf(stderr, "qvcrash: %s\n", error.what());
+        return kSomeUnread;
+    }
 }

@@ -17,9 +17,7 @@ std::string printable(std::string_view text)
     std::string result;
     for (char c : text) {
         auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7F) {
-            result += c;
-        } else if (c == '\n' || c == '\t') {
+        if ((byte >= 0x20 && byte != 0x7F) || c == '\n' || c == '\t') {
             result += c;
         } else {
             char escaped[8];

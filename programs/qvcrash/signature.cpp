@@ -82,9 +82,13 @@ std::string frame_name(const crash_log &log, const code_reference &code)
     if (!code.symbol.empty())
         return std::string(last_component(code.file)).append("!").append(code.symbol);
     const detailed_module *module = module_at(log, code.address);
-    if (code.file.empty() && module == nullptr)
-        return {};
-    std::string name(last_component(code.file.empty() ? module->path : code.file));
+    std::string_view file = code.file;
+    if (file.empty()) {
+        if (module == nullptr)
+            return {};
+        file = module->path;
+    }
+    std::string name(last_component(file));
     auto distance = static_cast<std::uint64_t>(code.offset.value_or(0));
     if (module != nullptr)
         distance = code.address - module->bias;
