@@ -31,8 +31,9 @@ function(libcommon_runtime_flags target)
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}
         PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/libcommon>)
     target_compile_definitions(${target} PRIVATE _GNU_SOURCE)
-    # Allocation hooks tell malloc() from calloc(), so the compiler is not to make one of the other.
-    target_compile_options(${target} PRIVATE -fvisibility=hidden -fno-builtin-malloc
+    # Allocation hooks tell malloc() from calloc(), so the compiler is not to make one of the other. A host may define an
+    # exported function itself, and the library's own calls have to reach it: clang inlines them without the option.
+    target_compile_options(${target} PRIVATE -fvisibility=hidden -fsemantic-interposition -fno-builtin-malloc
         $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
     # No symbol may be bound lazily inside a signal handler.
     set(map ${PROJECT_SOURCE_DIR}/cmake/c-symbols-only.map)
