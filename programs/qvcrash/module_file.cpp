@@ -52,27 +52,48 @@ std::string function_name(Dwarf_Die *die)
     return {};
 }
 
+bool has_code(Dwarf_Die *die)
+{
+    return ::dwarf_hasattr(die, DW_AT_low_pc) || ::dwarf_hasattr(die, DW_AT_ranges);
+}
+
+// Entries follow one another in the file; a reference backwards would never end.
+bool next_sibling(Dwarf_Die *die)
+{
+    Dwarf_Off offset = ::dwarf_dieoffset(die);
+    return ::dwarf_siblingof(die, die) == 0 && ::dwarf_dieoffset(die) > offset;
+}
+
+constexpr int kDeepestScope = 256; // what is nested deeper is no program's
+
+// Adds the functions around an address within a scope, the outermost first; false if there are none. Namespaces and
+// classes have no addresses themselves: clang defines functions in them, where dwarf_getscopes() does not look.
+bool add_functions(Dwarf_Die *scope, Dwarf_Addr address, int depth, std::vector<Dwarf_Die> *chain)
+{
+    Dwarf_Die die;
+    if (depth == kDeepestScope || ::dwarf_child(scope, &die) != 0)
+        return false;
+    do {
+        bool is_around = has_code(&die);
+        if (is_around && ::dwarf_haspc(&die, address) != 1)
+            continue;
+        int tag = ::dwarf_tag(&die);
+        if (is_around && tag == DW_TAG_subprogram)
+            chain->assign(1, die);
+        else if (is_around && tag == DW_TAG_inlined_subroutine)
+            chain->push_back(die);
+        if (add_functions(&die, address, depth + 1, chain) || is_around)
+            return true;
+    } while (next_sibling(&die));
+    return false;
+}
+
 // The functions around an address in a compilation unit, the innermost inlined one first.
 std::vector<Dwarf_Die> function_chain(Dwarf_Die *unit, Dwarf_Addr address)
 {
     std::vector<Dwarf_Die> chain;
-    Dwarf_Die *scopes = nullptr;
-    if (::dwarf_getscopes(unit, address, &scopes) <= 0)
-        return chain;
-    // By address, an inlined function's outer scopes are those of its definition. By its own entry, those it is in.
-    Dwarf_Die innermost = scopes[0];
-    std::free(scopes);
-    scopes = nullptr;
-    int count = ::dwarf_getscopes_die(&innermost, &scopes);
-    for (int i = 0; i < count; i++) {
-        int tag = ::dwarf_tag(&scopes[i]);
-        if (tag != DW_TAG_inlined_subroutine && tag != DW_TAG_subprogram)
-            continue;
-        chain.push_back(scopes[i]);
-        if (tag == DW_TAG_subprogram)
-            break;
-    }
-    std::free(scopes);
+    add_functions(unit, address, 0, &chain);
+    std::reverse(chain.begin(), chain.end());
     return chain;
 }
 

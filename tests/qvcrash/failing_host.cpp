@@ -43,6 +43,14 @@ void runnable::run()
     std::puts("run");
 }
 
+// A pointer that the compiler does not know to be null; it may drop all that would follow it.
+template <typename T>
+T *null_pointer()
+{
+    T *volatile pointer = nullptr;
+    return pointer;
+}
+
 // Keeps what follows a call, so that the call is no jump.
 void keep_frame()
 {
@@ -114,8 +122,7 @@ volatile int no_sessions;
 
 [[gnu::noinline]] int divide(int value)
 {
-    int share = value / no_sessions; // line: division
-    keep_frame();
+    int volatile share = value / no_sessions; // line: division
     return share;
 }
 
@@ -196,9 +203,8 @@ std::atomic<int> locks_held;
     rlimit small = {256 << 20, 256 << 20};
     ::setrlimit(RLIMIT_AS, &small);
     for (;;) {
-        auto *s = static_cast<session *>(std::malloc(1 << 20));
+        auto *s = static_cast<session volatile *>(std::malloc(1 << 20));
         s->count = 1; // line: out of memory
-        keep_frame();
     }
 }
 
@@ -227,7 +233,7 @@ int main(int argc, char **argv)
     long no_object[2] = {0x1234567812345678, 0};
     const char *failure = argv[1];
     if (std::strcmp(failure, "null-member") == 0)
-        count_session(nullptr);
+        count_session(null_pointer<session>());
     else if (std::strcmp(failure, "stale-object") == 0)
         use_stale(&poisoned);
     else if (std::strcmp(failure, "vtable") == 0)
@@ -237,7 +243,7 @@ int main(int argc, char **argv)
     else if (std::strcmp(failure, "wild-call") == 0)
         call_pointer(reinterpret_cast<void (*)()>(0x7777000));
     else if (std::strcmp(failure, "inlined") == 0)
-        call_inlined(nullptr);
+        call_inlined(null_pointer<int>());
     else if (std::strcmp(failure, "double-free") == 0)
         free_twice();
     else if (std::strcmp(failure, "abort") == 0)
