@@ -46,7 +46,8 @@ static struct stimer next_sample, crash, end;
 static struct hashtbl *sessions;
 static struct idpool *ids;
 static struct options options = {1.0, 4, 0.0, 0.0};
-static unsigned long samples, last_sample;
+static volatile unsigned long samples; /* the crash callback reads it: stored where the code says so */
+static unsigned long last_sample;
 static volatile sig_atomic_t stopping;
 
 /* ---- its share of a crash log: plain numbers, so that the callback takes no lock ---- */
@@ -100,11 +101,12 @@ static void close_session(void *object, void *arg)
 
 /* ---- the work ---- */
 
-__attribute__((noinline)) static void take_sample(unsigned long *slot)
+__attribute__((noinline)) static void take_sample(volatile unsigned long *slot)
 {
     char client[CLIENT_NAME_SIZE];
     snprintf(client, sizeof client, "client-%lu", samples % options.clients);
-    *slot = ++samples;
+    *slot = samples + 1;
+    samples++;
     console_print("sampled_c: sample %lu of %s, session %d\n", samples, client, touch_session(client));
 }
 
