@@ -17,8 +17,11 @@
  *
  * Starting and stopping take constant time and no memory; a tick with nothing due takes a few instructions, and a stall
  * with an empty wheel is caught up in next to none. A timer that fires is off the wheel before its callback runs; a
- * callback may start, stop or free any timer. A wheel and its timers belong to one thread. Refused starts are reported
- * through console_print(). Not for signal handlers.
+ * callback may start, stop or free any timer. A wheel and its timers belong to one thread. Not for signal handlers.
+ *
+ * A timer counts ticks, and the first tick after its start may come at once: it fires up to one tick early, never late
+ * by more than the time between two calls. start_atimer() returns nothing. A refused start prints a message with
+ * console_print(), and the timer's `bucket` stays null.
  */
 #ifndef LIBCOMMON_ATIMER_H
 #define LIBCOMMON_ATIMER_H

@@ -42,6 +42,9 @@
 
 QV_BEGIN_DECLS
 
+/** A host may define it: a result other than 0 keeps the messages of console_print() off the console. */
+int qv_is_numa_ssm(void);
+
 /** Prints to the console, unless the host's qv_is_numa_ssm() is non-zero, and to /etc/consolelog. */
 QV_API int console_print(const char *format, ...) QV_PRINTF(1, 2);
 

@@ -6,10 +6,13 @@
  * or gives up: hold it for instructions, not for system calls, and only where each contender has a processor to itself.
  * A process that dies with the lock leaves it held for ever.
  *
- *     struct qv_cp_rwlock *lock = init_shared_mem("counters", sizeof *lock);   // sysmem.h
+ *     struct qv_cp_rwlock *lock = init_shared_mem("/counters", sizeof *lock);  // sysmem.h
  *     qv_cp_rwlock_init(lock);              // in every process, before any of them uses the lock
  *     qv_cp_rdlock(); ...read...; qv_cp_rdunlock();
  *     qv_cp_wtlock(); ...write...; qv_cp_wtunlock();
+ *
+ * Workers that are forked after their parent's qv_cp_rwlock_init() have the lock already, with `rwlock` and the
+ * mapping: they must not call it again, because it would release what the others hold.
  *
  * Every function acts on the one record that `rwlock` points to, may be called from any thread of any process that
  * shares it, and must not be called before qv_cp_rwlock_init(). Neither side may ask again for what it holds.

@@ -47,7 +47,7 @@ typedef struct hashtbl {
 
 /**
  * Makes an empty table.
- * @param log_size     0 to 20: two to its power is the number of buckets
+ * @param log_size     0 to 20: two to its power is the number of buckets, 1 to 2^20 as the message has it
  * @param link_offset  0 to 65535: where in each object its link lies
  * @param flag         kept as 0 or 1
  * @return the table, for hashtbl_destroy(); null, with a console message, for bad arguments or without memory

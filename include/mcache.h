@@ -76,6 +76,11 @@ QV_API void *mcache_alloc(struct mcache *cache);
 
 /**
  * Frees an object. A null cache, an object of another cache or of none, a second free and an overrun crash.
+ *
+ * An object is foreign if the words before it do not lead to a page of this cache. That finds objects of other caches,
+ * and pointers from malloc() or to the stack by their content, which is nearly always another. The words before any
+ * readable pointer are read; one that cannot be read crashes there. A second free after the whole page was freed counts
+ * as foreign; one after the slot was allocated again cannot be found. An overrun is found if it changed the guard word.
  * @param object  from mcache_alloc() with this cache; null is ignored
  */
 QV_API void mcache_free(struct mcache *cache, void *object);

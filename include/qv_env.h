@@ -7,8 +7,9 @@
  *     qv_setenv("slot", "3", 1);
  *     const char *slot = qv_getenv("slot");       // null when nobody has set it
  *
- * Names are searched anywhere in the text: "B=" is also found within a line "AB=1". Choose names so that no name ends
- * in another, and values without "=" or newline.
+ * Names are searched anywhere in the text: "B=" is also found within a line "AB=1". Setting B then removes "B=1" from
+ * that line and joins its rest, "A", to the next one. Choose names so that no name ends in another, and values without
+ * "=" or newline: neither is refused, and a newline makes a second line that reads as a setting.
  *
  * Each call opens the file, holds a record lock on the whole of it for its duration (shared to read, exclusive to
  * write) and waits for that lock, so calls of different processes never mix. Such locks belong to the process: its

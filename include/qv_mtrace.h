@@ -99,7 +99,7 @@ typedef struct mtrace_class_row {
 typedef struct leak_group {
     uint32_t bytes;
     uint32_t blocks;
-    uint64_t trace[MTRACE_CHAIN_SIZE];
+    uint64_t trace[MTRACE_CHAIN_SIZE]; /* trace[0] lies in the library's hook, trace[1] in malloc()'s caller */
 } leak_group;
 
 /* What the comparators compare: a block or a group of blocks, while a report is made. */

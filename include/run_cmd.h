@@ -3,7 +3,9 @@
  *
  * Each call forks; the child closes every descriptor above standard error, optionally restores the default action of
  * SIGINT, and becomes the program. Nothing else is changed: other signal dispositions, the mask, the
- * environment and the working folder are inherited. A command line is cut at blanks and tabs, at most 32 words, without
+ * environment and the working folder are inherited. What the caller ignores, the program ignores: after
+ * ignore_signal() of sighandler.h that is SIGPIPE and SIGHUP too, and because SIGCHLD is among them the calls that wait
+ * return -1 although the program ran. A command line is cut at blanks and tabs, at most 32 words, without
  * quoting: for a shell's rules there is run_shell().
  *
  *     int status = run_shellcmd("/sbin/ip", "ip link set eth0 up", 1, 1);
@@ -11,10 +13,10 @@
  *
  * Wait statuses come raw, as waitpid() stores them. A wait that a signal handler interrupts goes on, so that no waiting
  * call leaves a zombie. A child whose program cannot be started prints "execv PATH error: ..." with console_print(),
- * also to the console, and calls exit(-1), status 255; that runs the caller's atexit() functions in the child.
- * Pending text in the caller's stdio streams belongs to the caller: a process without other threads writes it
- * before the fork, and no child writes it. Not for signal handlers; a caller with threads risks that a child whose
- * program cannot be started waits for a lock that a thread held at the fork.
+ * also to the console, and calls exit(-1), status 255, which a program may also return by itself; that runs the
+ * caller's atexit() functions in the child. Pending text in the caller's stdio streams belongs to the caller: a process
+ * without other threads writes it before the fork, and no child writes it. Not for signal handlers; a caller with
+ * threads risks that a child whose program cannot be started waits for a lock that a thread held at the fork.
  */
 #ifndef LIBCOMMON_RUN_CMD_H
 #define LIBCOMMON_RUN_CMD_H

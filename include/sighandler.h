@@ -130,6 +130,10 @@ typedef long (*qv_coredump_callback)(unsigned int phase, unsigned long arg, void
 
 /**
  * Records the main thread's stack (stack_info.h), then arms the handlers with 14 as the attach signal.
+ *
+ * It takes these signals from the host, whose own handlers for them are replaced: SIGALRM, SIGABRT, SIGSEGV, SIGBUS,
+ * SIGILL, 51, 52, SIGUSR2 and SIGHUP. Forked children have the same handlers; a program that a child executes starts
+ * with the defaults, and ignores SIGHUP.
  * @return what install_sighandler2() returns
  */
 QV_API void *install_sighandler(void);
@@ -211,7 +215,11 @@ QV_API void hex_dump_to_file(int fd, const char *title, const unsigned char *sta
 
 /* ---- signal utilities ---- */
 
-/** Ignores SIGBUS, SIGILL, SIGSEGV, SIGABRT, SIGALRM, SIGHUP, SIGCHLD, SIGPIPE, 50, 51 and 52. Returns the last result.
+/**
+ * Ignores SIGBUS, SIGILL, SIGSEGV, SIGABRT, SIGALRM, SIGHUP, SIGCHLD, SIGPIPE, 50, 51 and 52, also in programs that the
+ * process starts later. With SIGCHLD ignored the kernel reaps children: waitpid() and the waiting calls of run_cmd.h
+ * return -1.
+ * @return the last result
  */
 QV_API void *ignore_signal(void);
 

@@ -52,7 +52,8 @@ QV_API int stimer_get_next_expire(void **ctx, struct timeval *out);
 
 /**
  * Makes a timer, which is the caller's until free_stimer().
- * @param seconds   from start to expiry; one that is not positive is due at once
+ * @param seconds   from start to expiry; one that is not positive is due at once. For fractions of a second set the
+ *                  timer's interval, in seconds and microseconds, before it is started
  * @param callback  called with arg when it expires; a timer without one takes the next timer off the queue with itself
  * @return the timer, not running; null when there is no memory
  */

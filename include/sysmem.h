@@ -24,7 +24,10 @@ QV_API int clear_sys_pagecache(int do_sync);
 QV_API void mem_dump(const void *addr, int len);
 
 /**
- * Maps the shared-memory object `name`, which is created if missing and resized to size bytes.
+ * Maps the shared-memory object `name`, which is created if missing and resized to size bytes. Nothing removes it: it
+ * lasts until shm_unlink() or a restart of the system.
+ * @param name  begins with '/' and has no other; the C library also takes a name without it, for the same object
+ * @param size  in bytes. All processes give the same: a smaller one cuts the object under the others
  * @return the address; null when the object cannot be opened, MAP_FAILED when it cannot be mapped
  */
 QV_API void *init_shared_mem(const char *name, unsigned int size);
