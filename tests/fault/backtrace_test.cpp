@@ -2,6 +2,7 @@
 // Executable mappings, the frame walk on made-up and real chains, symbol texts, command names.
 #include "backtrace.h"
 #include "fault/crash_support.h"
+#include "support/machine.h"
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -388,18 +389,6 @@ TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
     }
 }
 
-#if defined(__aarch64__)
-namespace {
-
-// The address of a function of the library, signed if this processor signs.
-unsigned long signed_address(unsigned long address)
-{
-    asm("mov x30, %0\n\thint #25\n\tmov %0, x30" : "+r"(address) : : "x30"); // PACIASP
-    return address;
-}
-
-} // namespace
-
 TEST(Walk, SignaturesOfReturnAddressesAreStripped)
 {
     unsigned long address = at(reinterpret_cast<void *>(&qv_backtrace_spec));
@@ -416,7 +405,6 @@ TEST(Walk, SignaturesOfReturnAddressesAreStripped)
         EXPECT_EQ(walk.frame(), (Words{chain.fp(), 1, chain.record(1)}));
     }
 }
-#endif
 
 TEST(Walk, TheLinkRegisterIsCodeOrLeftOut)
 {
@@ -598,11 +586,7 @@ std::string symbol_of(unsigned long addr)
             unsigned long record[2] = {0, wanted};
             ucontext_t context;
             std::memset(&context, 0, sizeof context);
-#if defined(__aarch64__)
-            context.uc_mcontext.regs[29] = at(record);
-#else
-            context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(at(record));
-#endif
+            set_frame_pointer(context, at(record));
             crash_record rec = {};
             rec.uctx = &context;
             coredump_backtrace_to_file(STDOUT_FILENO, &rec);

@@ -6,6 +6,7 @@
 #include "console_print.h"
 #include "signal_printf.h"
 #include "stack_info.h"
+#include "support/machine.h"
 #include "support/next_function.h"
 
 #include <atomic>
@@ -225,58 +226,26 @@ TEST(Ids, ATerminatedThreadByProcessAndByThread)
 
 // ---- what a log holds ----
 
-namespace {
-
-void expect_register(const Log &log, unsigned slot, std::uint64_t value)
-{
-    EXPECT_EQ(log.registers[slot], value) << "slot " << slot;
-}
-
-} // namespace
-
 TEST(Registers, EachSlotHoldsItsOwn)
 {
     ChildResult child = named_child([] {
         ucontext_t context;
         ::getcontext(&context);
-        auto &machine = context.uc_mcontext;
-#if defined(__aarch64__)
-        for (unsigned i = 0; i < 31; i++)
-            machine.regs[i] = 0xa000000000000000 + i;
-        machine.sp = 0xb1, machine.pc = 0xb2, machine.pstate = 0xb3, machine.fault_address = 0xb4;
-#else
-        for (int i = 0; i < NGREG; i++)
-            machine.gregs[i] = 0x5000000000000000 + i;
-#endif
+        number_registers(context);
         siginfo_t info = {};
         signal_err(52, &info, &context);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     Log log = read_log(log_path(kName, child.pid, "attach", 52));
     ASSERT_EQ("", log.error);
-    expect_register(log, 0, 0);
-#if defined(__aarch64__)
-    for (unsigned i = 1; i < 31; i++)
-        expect_register(log, i, 0xa000000000000000 + i);
-    expect_register(log, 31, 0xb1);
-    EXPECT_EQ(0xb1U, log.sp);
-    EXPECT_EQ(0xb2U, log.pc);
-    EXPECT_EQ(0xb3U, log.pstate);
-    EXPECT_EQ(0xb4U, log.fault);
-#else
-    constexpr int kNone = -1;
-    constexpr int kSaved[32] = {kNone,  REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI, REG_RAX, kNone,
-                                REG_R8, REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15,
-                                kNone,  kNone,   kNone,   kNone,   kNone,   kNone,   kNone,   kNone,
-                                kNone,  kNone,   kNone,   kNone,   kNone,   REG_RBP, REG_RIP, REG_RSP};
-    auto value = [](int saved) { return saved == kNone ? 0UL : 0x5000000000000000UL + static_cast<unsigned>(saved); };
-    for (unsigned i = 0; i < 32; i++)
-        expect_register(log, i, value(kSaved[i]));
-    EXPECT_EQ(log.sp, value(REG_RSP));
-    EXPECT_EQ(log.pc, value(REG_RIP));
-    EXPECT_EQ(log.pstate, value(REG_EFL));
-    EXPECT_EQ(log.fault, value(REG_CR2));
-#endif
+    ucontext_t context;
+    LoggedRegisters logged = number_registers(context);
+    for (unsigned i = 0; i < logged.slots.size(); i++)
+        EXPECT_EQ(logged.slots[i], log.registers[i]) << "slot " << i;
+    EXPECT_EQ(logged.sp, log.sp);
+    EXPECT_EQ(logged.pc, log.pc);
+    EXPECT_EQ(logged.pstate, log.pstate);
+    EXPECT_EQ(logged.fault, log.fault);
 }
 
 // A thread knows what is code only when the handler has read its mappings.
@@ -302,11 +271,7 @@ TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
         void *code = ::mmap(nullptr, 65536, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         ucontext_t context;
         ::getcontext(&context);
-#if defined(__aarch64__)
-        context.uc_mcontext.pc = reinterpret_cast<unsigned long>(code);
-#else
-        context.uc_mcontext.gregs[REG_RIP] = reinterpret_cast<long>(code);
-#endif
+        set_program_counter(context, reinterpret_cast<unsigned long>(code));
         siginfo_t info = {};
         signal_err(14, &info, &context);
     });

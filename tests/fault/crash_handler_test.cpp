@@ -3,6 +3,7 @@
 #include "fault/crash_support.h"
 
 #include "signal_printf.h"
+#include "support/machine.h"
 
 #include <cerrno>
 #include <csetjmp>
@@ -153,23 +154,10 @@ TEST(Crash, RegisterNamesAreThePorts)
     ChildResult child = crash_child([] { write_null(); });
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
     ASSERT_EQ("", log.error);
-    std::array<std::string, 32> names;
-    for (unsigned i = 0; i < 32; i++)
-        names[i] = std::string("x").append(std::to_string(i));
-#if defined(__aarch64__)
-    names[16] = "x16(IP0)";
-    names[17] = "x17(IP1)";
-    names[29] = "x29(FP)";
-    names[30] = "x30(LR)";
-#else
-    names[1] = "x1(RBX)", names[2] = "x2(RCX)", names[3] = "x3(RDX)", names[4] = "x4(RSI)";
-    names[5] = "x5(RDI)", names[6] = "x6(RAX)";
-    for (unsigned i = 8; i < 16; i++)
-        names[i].append("(R").append(std::to_string(i)).append(")");
-    names[29] = "x29(RBP)", names[30] = "x30(RIP)", names[31] = "x31(RSP)";
-    EXPECT_EQ(log.registers[30], log.pc);
-#endif
-    EXPECT_EQ(log.names, names);
+    EXPECT_EQ(register_names(), log.names);
+    if (kProgramCounterSlot != kNoSlot) {
+        EXPECT_EQ(log.pc, log.registers[static_cast<unsigned>(kProgramCounterSlot)]);
+    }
 }
 
 TEST(Crash, AnOlderLongerLogKeepsItsTail)

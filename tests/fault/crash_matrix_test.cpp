@@ -3,6 +3,7 @@
 #include "fault/crash_support.h"
 
 #include "console_print.h"
+#include "support/machine.h"
 
 #include <atomic>
 #include <fcntl.h>
@@ -216,13 +217,7 @@ TEST(Matrix, BusErrorOnATruncatedMapping)
 
 TEST(Matrix, IllegalInstruction)
 {
-    expect_logs(SIGILL, [] {
-#if defined(__aarch64__)
-        asm volatile("udf #0");
-#else
-        asm volatile("ud2");
-#endif
-    });
+    expect_logs(SIGILL, execute_illegal_instruction);
 }
 
 // ---- threads ----

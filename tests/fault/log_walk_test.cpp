@@ -2,6 +2,7 @@
 // What a log shows of a call chain that is broken, or where there is none: code that keeps no frame pointer.
 #include "backtrace.h"
 #include "fault/crash_support.h"
+#include "support/machine.h"
 
 #include <cstdlib>
 #include <malloc.h>
@@ -15,15 +16,6 @@ namespace {
 unsigned long at(const void *p)
 {
     return reinterpret_cast<unsigned long>(p);
-}
-
-bool is_x86()
-{
-#if defined(__x86_64__)
-    return true;
-#else
-    return false;
-#endif
 }
 
 Log log_of(int sig, const std::function<void()> &body)
@@ -60,13 +52,8 @@ Log log_of_walk(unsigned long fp, unsigned long sp)
     procps_read_maps();
     ucontext_t context;
     std::memset(&context, 0, sizeof context);
-#if defined(__x86_64__)
-    context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(fp);
-    context.uc_mcontext.gregs[REG_RSP] = static_cast<greg_t>(sp);
-#else
-    context.uc_mcontext.regs[29] = fp;
-    context.uc_mcontext.sp = sp;
-#endif
+    set_frame_pointer(context, fp);
+    set_stack_pointer(context, sp);
     crash_record rec = {};
     rec.uctx = &context;
     Log log;
@@ -138,7 +125,7 @@ TEST(LogWalk, AnAbortShowsWhoCalledIt)
     Log log = log_of(SIGABRT, calls_dying_by_abort);
     ASSERT_EQ("", log.error);
     EXPECT_TRUE(shows(log, "calls_dying_by_abort"));
-    if (is_x86() && !under_sanitizer()) { // a sanitizer leaves return addresses on the stack
+    if (kWalkScansTheStack && !under_sanitizer()) { // a sanitizer leaves return addresses on the stack
         EXPECT_TRUE(shows(log, "abort"));
         expect_no_copies(log);
     }
@@ -163,7 +150,7 @@ TEST(LogWalk, MallocsAbortShowsWhoFreed)
     });
     ASSERT_EQ("", log.error);
     EXPECT_GT(log.entries.size(), 5U);
-    if (is_x86()) {
+    if (kWalkScansTheStack) {
         EXPECT_TRUE(shows(log, "__libc_free"));
     }
 }
@@ -172,7 +159,7 @@ TEST(LogWalk, ARecordLinkedToItself)
 {
     Log log = log_of(SIGSEGV, dying_with_own_link);
     ASSERT_EQ("", log.error);
-    if (is_x86())
+    if (kWalkScansTheStack)
         expect_no_copies(log);
     else
         EXPECT_EQ(20U, log.entries.size());
@@ -204,8 +191,8 @@ TEST(LogWalk, TheChainEndsAtALinkDownwards)
 {
     unsigned long records[3][2] = {{at(records[1]), 0x1000}, {at(records[2]), 0x1001}, {at(records[0]), 0x1002}};
     Log log = log_of_walk(at(records), at(records));
-    EXPECT_EQ(log.entries.size(), is_x86() ? 3U : 20U);
-    if (is_x86()) {
+    EXPECT_EQ(log.entries.size(), kWalkScansTheStack ? 3U : 20U);
+    if (kWalkScansTheStack) {
         EXPECT_EQ(log.bottom, pointer_text(at(records[2])));
     }
 }

@@ -2,6 +2,7 @@
 // Names of addresses, against the loader's own answers; look-ups while the loader is busy or unloads the module.
 #include "backtrace.h"
 #include "fault/crash_support.h"
+#include "support/machine.h"
 
 #include <atomic>
 #include <climits>
@@ -40,13 +41,8 @@ std::vector<std::string> texts_of(const Addresses &addresses)
         }
         ucontext_t context;
         std::memset(&context, 0, sizeof context);
-#if defined(__aarch64__)
-        context.uc_mcontext.regs[29] = at(records);
-        context.uc_mcontext.pc = 1; // no code
-#else
-        context.uc_mcontext.gregs[REG_RBP] = static_cast<greg_t>(at(records));
-        context.uc_mcontext.gregs[REG_RIP] = 1;
-#endif
+        support::set_frame_pointer(context, at(records));
+        support::set_program_counter(context, 1); // no code
         crash_record rec = {};
         rec.uctx = &context;
         coredump_backtrace_to_file(file, &rec);
