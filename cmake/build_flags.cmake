@@ -36,12 +36,17 @@ function(libcommon_runtime_flags target)
     target_compile_options(${target} PRIVATE -fvisibility=hidden -fsemantic-interposition -fno-builtin-malloc
         $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
     # No symbol may be bound lazily inside a signal handler.
-    set(map ${PROJECT_SOURCE_DIR}/cmake/c-symbols-only.map)
-    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed LINKER:--version-script,${map})
-    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
+    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed)
     if(NOT LIBCOMMON_SANITIZE)
         target_link_options(${target} PRIVATE LINKER:-z,defs)
     endif()
     set_target_properties(${target} PROPERTIES LINKER_LANGUAGE C VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR} LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()
+
+# For shared objects whose names carry no version.
+function(libcommon_c_symbols_only target)
+    set(map ${PROJECT_SOURCE_DIR}/cmake/c-symbols-only.map)
+    target_link_options(${target} PRIVATE LINKER:--version-script,${map})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
 endfunction()

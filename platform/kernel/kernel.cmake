@@ -6,6 +6,7 @@ add_library(libcommon_vrkernel SHARED ${kernel_dir}/config.cpp ${kernel_dir}/dat
     ${kernel_dir}/tables.cpp)
 set_target_properties(libcommon_vrkernel PROPERTIES OUTPUT_NAME vrkernel)
 libcommon_runtime_flags(libcommon_vrkernel)
+libcommon_c_symbols_only(libcommon_vrkernel)
 set_property(TARGET libcommon_vrkernel PROPERTY VERSION) # nobody links with it: one file, under its plain name
 set_property(TARGET libcommon_vrkernel PROPERTY SOVERSION)
 

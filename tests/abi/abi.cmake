@@ -1,6 +1,6 @@
 # What the shared objects show to the loader.
 add_test(NAME abi.exports COMMAND ${CMAKE_CURRENT_LIST_DIR}/exports $<TARGET_FILE:libcommon>
-    ${PROJECT_SOURCE_DIR}/abi/libcommon.exports $<IF:$<BOOL:${LIBCOMMON_MALLOC_HOOKS}>,hooks,no-hooks>)
+    ${PROJECT_SOURCE_DIR}/abi/libcommon.exports ${PROJECT_SOURCE_DIR}/abi/unversioned $<IF:$<BOOL:${LIBCOMMON_MALLOC_HOOKS}>,hooks,no-hooks>)
 if(NOT LIBCOMMON_SANITIZE)
     add_test(NAME abi.needed.common COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:libcommon> libc.so.6 libheap.so.1)
     add_test(NAME abi.needed.heap COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:libcommon_heap> libc.so.6)
@@ -9,3 +9,10 @@ if(NOT LIBCOMMON_SANITIZE)
 endif()
 add_test(NAME abi.guard_variables COMMAND ${CMAKE_CURRENT_LIST_DIR}/guard_variables $<TARGET_OBJECTS:libcommon>
     $<TARGET_OBJECTS:libcommon_heap> $<TARGET_OBJECTS:libcommon_vrkernel> COMMAND_EXPAND_LISTS)
+
+# What hosts compile against. Another compiler describes the same declarations with other words.
+if(CMAKE_C_COMPILER_ID STREQUAL GNU)
+    add_test(NAME abi.declarations COMMAND ${CMAKE_CURRENT_LIST_DIR}/declarations check ${PROJECT_SOURCE_DIR}/include
+        ${PROJECT_SOURCE_DIR}/abi/libcommon.exports ${PROJECT_SOURCE_DIR}/abi/declared.${CMAKE_SYSTEM_PROCESSOR}.xml)
+    set_property(TEST abi.declarations PROPERTY ENVIRONMENT CC=${CMAKE_C_COMPILER})
+endif()

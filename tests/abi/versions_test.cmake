@@ -1,0 +1,18 @@
+# A host that was linked with a library without versions, and runs with this one.
+target_compile_definitions(versions_test PRIVATE PROJECT_VERSION="${PROJECT_VERSION}")
+if(NOT LIBCOMMON_SANITIZE)
+    add_library(unversioned_stub SHARED ${folder}/hosts/stub.c)
+    set_target_properties(unversioned_stub PROPERTIES OUTPUT_NAME common SOVERSION 1
+        LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/unversioned_stub)
+    add_executable(old_host ${folder}/hosts/old_host.c)
+    foreach(target IN ITEMS unversioned_stub old_host)
+        target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/include)
+    endforeach()
+    # The stub for the linker, the library for the loader.
+    set_target_properties(old_host PROPERTIES POSITION_INDEPENDENT_CODE OFF RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+        BUILD_RPATH $ORIGIN/.. LINK_DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/unversioned_stub/libcommon.so)
+    target_link_options(old_host PRIVATE -no-pie)
+    target_link_libraries(old_host PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/unversioned_stub/libcommon.so)
+    add_dependencies(old_host unversioned_stub)
+    add_dependencies(versions_test old_host libcommon)
+endif()
