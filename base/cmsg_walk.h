@@ -78,7 +78,7 @@ public:
         return value;
     }
 
-    // A current length below that of a header ends the walk: there is no telling where the next one would start.
+    // A current length below that of a header ends the walk: nothing says where the next one would start.
     void next()
     {
         std::uint64_t left = end_ - at_;

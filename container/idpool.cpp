@@ -109,7 +109,7 @@ std::int64_t take_lowest(idpool *pool, std::int64_t word)
 std::int64_t take_next(idpool *pool)
 {
     std::int64_t words = pool->words;
-    // After the pool has grown the cursor may lie after the words that are scanned; then the search starts modulo them.
+    // In a pool that has grown, the cursor may lie after the scanned words: its word is taken modulo their number.
     std::int64_t start = pool->next / kWordBits % words;
     std::uint32_t below = (1U << (pool->next % kWordBits)) - 1;
     if (std::uint32_t used = pool->bitmap[start] | below; used != kFull) {

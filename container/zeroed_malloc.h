@@ -9,8 +9,8 @@
 
 namespace qv::container {
 
-// From this size on the C library asks the system for a block of its own, which comes zeroed as it is touched; zeroing
-// it here would commit all of it, up to 16 GiB for the largest hash table.
+// From this size on the C library gets a separate block from the system, whose pages are zeroed when first touched;
+// zeroing it here would commit all of it, up to 16 GiB for the largest hash table.
 inline constexpr std::size_t kLargeBlock = std::size_t{1} << 20;
 
 // For free(); null when there is no memory.

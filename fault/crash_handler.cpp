@@ -62,7 +62,7 @@ void reset_fault_signals()
         ::signal(sig, SIG_DFL);
 }
 
-// Beyond the C library's mark, which stays false in a child that a process with threads forked.
+// The C library's flag stays false in a child that a process with threads has forked. Then the kernel is asked.
 bool is_single_threaded()
 {
     if (__libc_single_threaded)

@@ -7,7 +7,7 @@
 
 namespace qv::fault {
 
-// As _dl_find_object() fills it. Declared here, for the headers of older C libraries lack it.
+// As _dl_find_object() fills it. Declared here because the headers of older C libraries lack it.
 struct found_object {
     unsigned long long flags;
     void *start;

@@ -19,9 +19,9 @@ constexpr unsigned long page_of(unsigned long address)
     return address & ~(kPage - 1);
 }
 
-// The kernel copies the new mask in before it checks `how`. So an invalid `how` changes nothing and tells readable
-// memory (EINVAL) from the rest (EFAULT), without a descriptor and cheaper than any copying call. A null mask would not
-// be read at all; nothing is ever mapped there.
+// The kernel copies the new mask in before it checks `how`. So an invalid `how` changes nothing and distinguishes
+// readable memory (EINVAL) from the rest (EFAULT), without a descriptor and cheaper than any copying call. A null mask
+// would not be read at all; nothing is ever mapped there.
 bool is_readable_page(unsigned long page)
 {
     constexpr int kInvalidHow = -1;

@@ -261,7 +261,7 @@ struct conversion {
     char letter; // '\0' where the format ends within the conversion
 };
 
-// Parses the conversion after a '%' and moves behind its letter, or to the end of the format.
+// Parses the conversion after a '%' and moves after its letter, or to the end of the format.
 conversion parse_conversion(const char **s)
 {
     conversion result;

@@ -2,12 +2,12 @@
 /* atimer.h - very many coarse one-shot timers in a cascading wheel.
  *
  * Time passes in ticks, one a second when process_atimer() drives it. A wheel has levels of 2^bits buckets each; a
- * bucket of level i stands for 2^(i * bits) ticks. A timer waits in the bucket of the highest level at which it is at
- * least one bucket away, and moves down when that bucket comes up:
+ * bucket of level i covers 2^(i * bits) ticks. A timer waits in a bucket of the highest level at which it is at least
+ * one bucket away, and moves to a lower level when that bucket becomes current:
  *
  *     level 1:  [ 0 ][ 1 ][ 2 ]...[ 15 ]     16 ticks a bucket      (2 levels of 4 bits)
  *                   \____ spread over
- *     level 0:  [ 0 ][ 1 ][ 2 ]...[ 15 ]     1 tick a bucket, fired when it comes up
+ *     level 0:  [ 0 ][ 1 ][ 2 ]...[ 15 ]     1 tick a bucket, fired when it is current
  *
  *     struct atimer_context wheel;
  *     atimer_init(&wheel, 3, 10);
@@ -15,12 +15,12 @@
  *     start_atimer(&wheel, t);
  *     for (;;) { sleep(1); process_atimer(&wheel); }
  *
- * Starting and stopping take constant time and no memory; a tick with nothing due takes a few instructions, and a stall
- * with an empty wheel is caught up in next to none. A timer that fires is off the wheel before its callback runs; a
- * callback may start, stop or free any timer. A wheel and its timers belong to one thread. Not for signal handlers.
+ * Starting and stopping take constant time and no memory. A tick with nothing due takes a few instructions, and empty
+ * buckets are skipped after a stall. A timer that fires is removed from the wheel before its callback runs; a callback
+ * may start, stop or free any timer. A wheel and its timers belong to one thread. Not for signal handlers.
  *
- * A timer counts ticks, and the first tick after its start may come at once: it fires up to one tick early, never late
- * by more than the time between two calls. start_atimer() returns nothing. A refused start prints a message with
+ * A timer counts ticks, and the first tick after its start may come at once: it fires up to one tick early, and late by
+ * at most the time between two calls. start_atimer() returns nothing. A refused start prints a message with
  * console_print(), and the timer's `bucket` stays null.
  */
 #ifndef LIBCOMMON_ATIMER_H
@@ -42,16 +42,16 @@ typedef struct atimer_bucket {
 
 /** A level of the wheel: a ring of buckets. */
 typedef struct atimer_level {
-    struct atimer_bucket *buckets; /* size of them, and behind them the level's occupancy words */
-    int32_t current;               /* the bucket that came up last */
+    struct atimer_bucket *buckets; /* `size` of them, then the level's occupancy words */
+    int32_t current;               /* index of the current bucket */
     int32_t bits;
     int32_t size;
     int32_t shift;
     uint32_t mask;
 } atimer_level;
 
-/* Storage is the caller's; nothing takes a wheel down. A caller that is done with one frees each level's buckets and
- * the levels. */
+/* In caller-provided memory. No function destroys a wheel: the caller frees the buckets of each level, then the
+ * levels. */
 typedef struct atimer_context {
     struct atimer_level *levels; /* null after a failed atimer_init() */
     int32_t nlevels;
@@ -65,20 +65,20 @@ typedef struct atimer_context {
 /** A timer. */
 typedef struct atimer {
     struct atimer *next;
-    struct atimer **prev;         /* address of what points at this timer */
+    struct atimer **prev;         /* address of the pointer that points at this timer */
     struct atimer_bucket *bucket; /* null while it does not run */
     uint32_t spare;
     void (*callback)(void *arg);
     void *arg;
     uint32_t expire; /* ticks from start to firing */
-    uint32_t remain; /* ticks still to count below the level it waits at */
+    uint32_t remain; /* ticks to wait after its bucket becomes current */
 } atimer;
 
 /**
  * Builds a wheel.
- * @param nlevels  levels, at least 1 to be of use; nlevels * bits may be 30 at the most
+ * @param nlevels  levels, at least 1 for a usable wheel; nlevels * bits is at most 30
  * @param bits     log2 of the buckets of a level
- * @return 0; -1 for a null context, too many bits (said on the console) or no memory
+ * @return 0; -1 for a null context, too many bits (reported on the console) or no memory
  */
 QV_API int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits);
 
@@ -90,16 +90,17 @@ QV_API int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bit
  */
 QV_API struct atimer *create_atimer(unsigned int expire, void (*callback)(void *arg), void *arg);
 
-/** Sets up a timer in the caller's storage, zeroed or holding a timer, which is stopped. A null timer is let pass. */
+/** Initialises a timer in caller-provided memory, which is zeroed or holds a timer, which is stopped. Null is ignored.
+ */
 QV_API void init_atimer(struct atimer *timer, unsigned int expire, void (*callback)(void *arg), void *arg);
 
-/** Starts a timer; one that runs already, or whose expiry is too large, is reported on the console and left alone. */
+/** Starts a timer. One that already runs, or whose expiry is too large, is reported on the console and unchanged. */
 QV_API void start_atimer(struct atimer_context *ctx, struct atimer *timer);
 
-/** Stops a timer; one that does not run is left alone. */
+/** Stops a timer; one that does not run is ignored. */
 QV_API void stop_atimer(struct atimer *timer);
 
-/** Starts a timer anew with another expiry; nothing when either is null. */
+/** Stops a timer and starts it with another expiry. Does nothing when the wheel or the timer is null. */
 QV_API void adjust_atimer(struct atimer_context *ctx, struct atimer *timer, unsigned int expire);
 
 /** Stops a timer from create_atimer() and frees it. */
@@ -110,7 +111,7 @@ QV_API void per_tick_call(struct atimer_context *ctx);
 
 /**
  * Delivers one tick for each second that has passed on the monotonic clock.
- * @return 0 when caught up, negative when the clock stands before what has been delivered (no tick then)
+ * @return 0 when all are delivered; negative, without a tick, when the clock is before the last delivered second
  */
 QV_API int process_atimer(struct atimer_context *ctx);
 

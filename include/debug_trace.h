@@ -2,7 +2,7 @@
 /* debug_trace.h - developer traces, filtered by level, to standard error and a file a day.
  *
  * A call site tests the process-wide level; when it is high enough, it prints a prefix (time, level, place, in a chosen
- * amount of detail) and then the message. Both go to standard error and, when asked for, to
+ * amount of detail) and then the message. Both are written to standard error and, if requested, to
  * /var/sysinfo/logs/procPID.YYYYMMDD, which is opened with the first prefix and replaced with the first of a new day.
  *
  *     QV_TRACE(QV_TRACE_WARN, "peer %s: %d retries\n", name, retries);

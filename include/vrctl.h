@@ -3,15 +3,15 @@
  *
  * A VR is a routing domain with a 16-bit id. Each VR belongs to a vsys, each vsys has a default VR, and the default VR
  * of vsys 0 is always 1. Interfaces are known to the kernel's private channel by a 16-bit id, to the interface requests
- * by their Linux name. Every call asks the kernel anew through a socket of its own; nothing is cached.
+ * by their Linux name. Every call asks the kernel through a separate socket; nothing is cached.
  *
  *     unsigned short vrid = qv_vrname_2_id(0, "untrust");
  *     if (vrid != 0 && !qv_is_vr_shared(vrid))
  *         qv_set_vr_shared(vrid);
  *
- * Two result conventions live side by side, and callers depend on both: the calls on the private channel answer -1 (or
- * null, or 0, as each says) and leave errno as the failing call set it; qv_get_if_vr() and qv_set_if_vr() answer the
- * positive errno value itself. On a stock kernel every request fails.
+ * There are two result conventions, and callers depend on both. The calls on the private channel return -1 (or null, or
+ * 0, as each says) and keep the errno of the failed call; qv_get_if_vr() and qv_set_if_vr() return the positive errno
+ * value itself. On a stock kernel every request fails.
  *
  * Any thread may call any function; the two that return names share one static buffer each. Not for signal handlers.
  */
@@ -52,8 +52,8 @@ QV_API int qv_set_vr_unshared(unsigned short vrid);
 /* ---- interfaces by id ---- */
 
 /**
- * Tells the vsys of an interface.
- * @param vsysid  receives the id; left alone on failure
+ * Reads the vsys of an interface.
+ * @param vsysid  receives the id; unchanged on failure
  * @return 0 or -1
  */
 QV_API int qv_get_if_vsysid(unsigned short ifid, unsigned short *vsysid);
@@ -65,24 +65,24 @@ QV_API int qv_is_if_shared(unsigned short ifid);
 QV_API int qv_set_if_shared(unsigned short ifid);
 QV_API int qv_set_if_unshared(unsigned short ifid);
 
-/** Gives a cellular interface its MAC address; value is the kernel's business. @return 0 or -1 */
+/** Gives a cellular interface its MAC address; the kernel defines `value`. @return 0 or -1 */
 QV_API int qv_set_cellular_if_mac(const unsigned char mac[6], unsigned short ifid, unsigned int value);
 
-/** Sets up a Wi-Fi interface; value is the kernel's business. @return 0 or -1 */
+/** Sets up a Wi-Fi interface; the kernel defines `value`. @return 0 or -1 */
 QV_API int qv_set_wifi_if(unsigned short ifid, unsigned int value);
 
-/** Has the kernel apply its MTU limit to an interface. @return 0 or -1 */
+/** Makes the kernel apply its MTU limit to an interface. @return 0 or -1 */
 QV_API int qv_set_if_mtu_limit(unsigned short ifid);
 
-/** Changes the device behind a cellular interface; the first argument is ignored. @return 0 or -1 */
+/** Changes the device of a cellular interface; the first argument is ignored. @return 0 or -1 */
 QV_API int qv_change_cellular_dev(const void *ignored, unsigned short ifid, unsigned int value);
 
 /* ---- interfaces by name ---- */
 
 /**
- * Tells the VR of an interface.
- * @param linux_name  its Linux name; 15 characters of it count
- * @param vrid        receives the id; 0xFFFFABCD when the kernel refuses; left alone when no socket is to be had
+ * Reads the VR of an interface.
+ * @param linux_name  its Linux name, cut to 15 characters
+ * @param vrid        receives the id; 0xFFFFABCD when the kernel refuses; unchanged when no socket can be opened
  * @return 0; -1 for a null name; else the positive errno value
  */
 QV_API int qv_get_if_vr(const char *linux_name, unsigned int *vrid);
@@ -90,7 +90,7 @@ QV_API int qv_get_if_vr(const char *linux_name, unsigned int *vrid);
 /** Puts an interface into a VR. @return as qv_get_if_vr() */
 QV_API int qv_set_if_vr(const char *linux_name, unsigned int vrid);
 
-/** qv_get_if_vr() for an appliance interface name; -1 (said on the console) when it cannot be converted. */
+/** qv_get_if_vr() for an appliance interface name; -1 (reported on the console) when it cannot be converted. */
 QV_API int qv_get_netif_vr(const char *ifp_name, unsigned int *vrid);
 
 /** The vsys id of the VR of the interface with this appliance name, or -1. */

@@ -2,8 +2,8 @@
 /* vrsock.h - sockets that know their virtual router (VR).
  *
  * The appliance kernel keeps a VR id with every socket and carries one with every datagram, in private socket options
- * and control messages. These calls set and read them. The IPv4 and the IPv6 functions are twins that differ in the
- * level and type numbers they use, and, on purpose, in the one test described at qv_recvfrom6().
+ * and control messages. These calls set and read them. The IPv4 and the IPv6 functions differ in the
+ * level and type numbers that they use, and, by contract, in the test described at qv_recvfrom6().
  *
  *     int fd = socket(AF_INET, SOCK_DGRAM, 0);
  *     qv_bindvr(fd, 7);                                      // 0, or a positive errno value
@@ -27,10 +27,10 @@
 
 QV_BEGIN_DECLS
 
-/* What a receive call reports when the datagram told no VR. */
+/* The VR id of a datagram without a VR message. */
 #define QV_NO_VR 0xFFFFABCDu
 
-/* Ids that a socket may be bound to; -1 is passed on to the kernel as well. */
+/* Ids that a socket may be bound to. -1 is passed to the kernel too. */
 #define QV_VRID_MIN 1
 #define QV_VRID_MAX 2080
 
@@ -46,7 +46,7 @@ QV_API int qv_bindvr(int fd, int vrid);
 QV_API int qv_bindvr6(int fd, int vrid); /**< the same for an IPv6 socket */
 
 /**
- * Tells the VR that a socket is bound to.
+ * Reads the VR that a socket is bound to.
  * @param vrid  receives the id
  * @return 0; -1 when vrid is null; else the positive errno value
  */
@@ -80,7 +80,7 @@ QV_API int qv_ipv6_sendto_if(int fd, const void *buf, size_t len, int flags, con
  * Receives a datagram and the VR it arrived in.
  * @param flags    as for recvmsg(); the kernel's private VR flag is added
  * @param from     receives the sender; at most *fromlen bytes. *fromlen is NOT updated. Both may be null
- * @param vrid     receives the VR id, QV_NO_VR when the datagram told none; left alone when nothing was received
+ * @param vrid     receives the VR id, QV_NO_VR when the datagram has none; unchanged when nothing was received
  * @return the byte count; recvmsg()'s negative result with errno set; -22 when the kernel's VR message has a wrong
  * length (the data is in buf then, *vrid is QV_NO_VR)
  */
@@ -88,23 +88,23 @@ QV_API ssize_t qv_recvfrom(int fd, void *buf, size_t len, int flags, struct sock
                            unsigned int *vrid);
 
 /**
- * The same for an IPv6 socket, except that a VR message of the IPv6 level is NOT taken: its test asks for any other
- * level. Callers that want the VR of an IPv6 datagram use qv_recvfromto_v6().
+ * The same for an IPv6 socket, except that a VR message of the IPv6 level is NOT accepted: contract, the test requires
+ * any other level. Callers that need the VR of an IPv6 datagram use qv_recvfromto_v6().
  */
 QV_API ssize_t qv_recvfrom6(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen,
                             unsigned int *vrid);
 
 /**
- * Receives a datagram with the VR and the interface it arrived through and the address it was sent to. For the latter
- * two the socket must have its packet-info option (IP_PKTINFO, IPV6_RECVPKTINFO) on.
+ * Receives a datagram with its VR, the interface that it arrived through and the address that it was sent to. The
+ * latter two require the socket's packet-info option (IP_PKTINFO, IPV6_RECVPKTINFO).
  * @param from     receives the sender; at most *fromlen bytes
  * @param fromlen  in: room in from; out: the sender's length. Both may be null
  * @param to       a whole record, whatever *tolen says: receives the destination address with the socket's own port
- * @param tolen    in: 8 or more asks for the destination, less declines; out: sizeof *to, or 0 when none was told
- * @param ifindex  receives the arrival interface along with the destination, else left alone
- * @param vrid     receives the VR id, 1 when the kernel's VR message has a wrong length; left alone when there is none
- * @return the byte count; recvmsg()'s negative result with errno set; -1 when the socket's own address cannot be had,
- *         with a line on standard output
+ * @param tolen    in: 8 or more requests the destination; out: sizeof *to, or 0 without a destination
+ * @param ifindex  receives the arrival interface together with the destination, else unchanged
+ * @param vrid     receives the VR id, 1 when the kernel's VR message has a wrong length; unchanged when there is none
+ * @return the byte count; recvmsg()'s negative result with errno set; -1 when the socket's own address cannot be
+ *         read, after a line on standard output
  */
 QV_API ssize_t qv_recvfromto(int fd, void *buf, size_t len, int flags, struct sockaddr *from, socklen_t *fromlen,
                              struct sockaddr_in *to, socklen_t *tolen, int *ifindex, unsigned int *vrid);

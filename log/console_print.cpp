@@ -100,7 +100,7 @@ private:
 
 } // namespace
 
-// A wrapper's whole body, where its variable arguments are.
+// The whole body of a wrapper. A macro, because only the wrapper itself can start its list of variable arguments.
 #define PRINT_TO(to_console, log_path)                                                                                 \
     va_list ap;                                                                                                        \
     va_start(ap, format);                                                                                              \

@@ -303,13 +303,13 @@ int validate_ipv4_host_address_str(const char *s)
     if (dots != 3)
         return -1;
 
-    // What inet_addr() refuses reads as 255.255.255.255.
+    // inet_addr() returns 255.255.255.255 for what it refuses.
     std::uint32_t network = ::inet_addr(s);
     std::uint32_t ip = ntohl(network);
     if (ip >> 24 == 0 || ip == kAllOnes)
         return 0;
-    // Only -1, which cannot come here, refuses: multicast, loopback and class E addresses are in use as hosts in
-    // configurations and have to stay valid.
+    // Contract: only -1 refuses, which is not returned for these flags. Configurations use multicast, loopback and
+    // class E addresses as hosts.
     if (qv_check_ip_valid(ip, kAllOnes, 0xFFF) == -1)
         return 0;
     return static_cast<int>(network);

@@ -31,7 +31,7 @@ static_assert(offsetof(atimer, prev) == 8 && offsetof(atimer, bucket) == 16 && o
 static_assert(offsetof(atimer, callback) == 32 && offsetof(atimer, arg) == 40);
 static_assert(offsetof(atimer, expire) == 48 && offsetof(atimer, remain) == 52 && sizeof(atimer) == 56);
 
-// ---- occupancy: a bit a bucket, in words behind the bucket array ----
+// ---- occupancy: a bit for each bucket, in words after the bucket array ----
 //
 // A bit is set when a timer is queued and cleared only when the bucket is found empty, so stopping stays a list
 // operation; an occupied bucket always has its bit set.
@@ -46,8 +46,8 @@ constexpr std::size_t occupancy_words(std::size_t size)
     return (size + kWordBits - 1) / kWordBits;
 }
 
-// How many advances bring the next occupied bucket up, 1 to size; 0 when there is none within limit advances. The
-// current bucket comes up after size.
+// The number of advances, 1 to size, after which the next occupied bucket is the current one; 0 when `limit` advances
+// reach none. After size advances the current bucket is current again.
 std::uint32_t advances_to_occupied(const atimer_level &level, std::uint32_t limit)
 {
     auto size = static_cast<std::uint32_t>(level.size);
@@ -56,7 +56,7 @@ std::uint32_t advances_to_occupied(const atimer_level &level, std::uint32_t limi
         std::uint32_t at = (static_cast<std::uint32_t>(level.current) + step) & (size - 1);
         std::uint64_t ahead = words[at / kWordBits] >> (at % kWordBits);
         if (ahead == 0) {
-            // On to the next word or, in the last one, round to the first bucket.
+            // Continue at the next word; after the last word, at the first bucket.
             step += std::min<std::uint32_t>(kWordBits - at % kWordBits, size - at);
             continue;
         }
@@ -91,8 +91,8 @@ void fire(atimer &timer)
         timer.callback(timer.arg);
 }
 
-// Moves a timer whose bucket of level i has come up to the highest level below at which it has still a bucket to go, or
-// fires it.
+// For a timer of level i whose bucket has become current: moves it to the highest lower level at which it still has to
+// wait, or fires it.
 void cascade(atimer_context &ctx, std::int32_t i, atimer &timer)
 {
     for (std::int32_t j = i - 1; j >= 0; j--) {
@@ -108,7 +108,7 @@ void cascade(atimer_context &ctx, std::int32_t i, atimer &timer)
     fire(timer);
 }
 
-// A level whose turn it is not ends a tick: the masks of the higher ones only add bits.
+// Whether this tick advances level i. If it does not, it advances no higher level: their masks have more bits.
 bool comes_up(const atimer_context &ctx, std::int32_t i)
 {
     return i < ctx.nlevels && (ctx.tick & ctx.levels[i].mask) == 0;
@@ -120,12 +120,12 @@ atimer_bucket &bring_up_next(atimer_level &level)
     return level.buckets[level.current];
 }
 
-// The rest of a tick, from the first level on whose bucket holds timers. By itself, so that an idle tick calls nothing
-// and saves no registers.
+// The rest of a tick, from the first level whose new current bucket holds timers. A separate function, so that an idle
+// tick calls nothing and saves no registers.
 [[gnu::noinline]] void finish_tick(atimer_context &ctx, std::int32_t i, atimer_bucket *bucket)
 {
     for (;;) {
-        // Read anew after every step: a callback may stop, free or start any timer, of this bucket too.
+        // Read again after every step: a callback may stop, free or start any timer, in this bucket too.
         while (bucket->first != nullptr)
             cascade(ctx, i, *bucket->first);
         if (!comes_up(ctx, ++i))
@@ -136,12 +136,12 @@ atimer_bucket &bring_up_next(atimer_level &level)
 
 // ---- stalls ----
 
-// How many ticks, up to limit, can pass before one that brings an occupied bucket up.
+// The number of ticks, at most `limit`, before the next tick that makes an occupied bucket current.
 std::uint32_t idle_ticks(const atimer_context &ctx, std::uint32_t limit)
 {
     for (std::int32_t i = 0; i < ctx.nlevels && limit > 0; i++) {
         const atimer_level &level = ctx.levels[i];
-        // Advances of this level within the limit, and the tick of the one that matters.
+        // `into` is the number of ticks since this level's last advance.
         std::uint64_t into = ctx.tick & level.mask;
         auto advances = static_cast<std::uint32_t>((into + limit) >> level.shift);
         std::uint32_t step = advances_to_occupied(level, advances);
@@ -151,7 +151,7 @@ std::uint32_t idle_ticks(const atimer_context &ctx, std::uint32_t limit)
     return limit;
 }
 
-// Lets ticks pass that bring up empty buckets only.
+// Advances by ticks that make only empty buckets current.
 void pass(atimer_context &ctx, std::uint32_t ticks)
 {
     for (std::int32_t i = 0; i < ctx.nlevels; i++) {
@@ -187,7 +187,8 @@ void free_levels(atimer_context &ctx, std::int32_t made)
     ctx.nlevels = 0;
 }
 
-// As the machine shifts 32-bit words, by the count's low five bits: the fields of a refused wheel tell what was asked.
+// A shift of a 32-bit word by the count's low five bits, as the machine does it. The fields of a refused wheel are
+// computed in this way, contract.
 constexpr std::uint32_t shifted(std::uint32_t word, std::uint32_t count)
 {
     return word << (count % 32);
@@ -208,7 +209,7 @@ int atimer_init(struct atimer_context *ctx, unsigned int nlevels, int bits)
     ctx->total_bits = nlevels * width;
     ctx->tick_mask = shifted(1, ctx->total_bits) - 1;
     ctx->max_expire = shifted(shifted(1, width) - 1, ctx->total_bits - width);
-    // Judged wide: a product that wraps must not pass for a small one.
+    // Multiplied in 64 bits: a product that wraps must not count as a small one.
     if (bits < 0 || width > kMaxTotalBits || std::uint64_t{nlevels} * width > kMaxTotalBits) {
         console_print("atimer_init: max tick can not be greater than 2^30\n");
         return -1;
@@ -265,7 +266,7 @@ void start_atimer(struct atimer_context *ctx, struct atimer *timer)
         console_print("ATimer has already been started, callback %p\n", callback);
         return;
     }
-    // Signed on both sides: an expiry of 2^31 and more passes, and fires after its 32-bit count of ticks.
+    // Contract: the comparison is signed. An expiry from 2^31 up is accepted and fires after that many ticks.
     if (static_cast<std::int32_t>(ctx->max_expire) <= static_cast<std::int32_t>(timer->expire)) {
         console_print("ATimer expire %d greater than max allowed %d, callback %p\n",
                       static_cast<std::int32_t>(timer->expire), static_cast<std::int32_t>(ctx->max_expire), callback);
@@ -321,8 +322,8 @@ void per_tick_call(struct atimer_context *ctx)
 int process_atimer(struct atimer_context *ctx)
 {
     for (;;) {
-        // Read again after every tick that may have run a callback: it takes time, and the clock may fail or jump in
-        // it.
+        // Read again after every tick that may have run a callback: the callback takes time, and meanwhile the clock
+        // may fail or jump.
         auto behind = static_cast<std::int32_t>(get_time_second() - ctx->last_second);
         if (behind < 1)
             return behind;

@@ -74,7 +74,7 @@ int stimer_context_init(void **ctx)
     *ctx = new_heap();
     if (*ctx != nullptr)
         return 0;
-    report("Can not intialize stimer context\n"); // log readers know it misspelt
+    report("Can not intialize stimer context\n"); // contract: log readers know this spelling
     return -1;
 }
 
@@ -136,7 +136,7 @@ void stop_stimer(struct stimer *timer)
     if (__heap_delete(*timer->ctx, static_cast<unsigned>(timer->index) - 1) >= 0)
         timer->index = 0;
     else
-        report("Can not start stimer\n"); // the text of a failed start, for a stop too
+        report("Can not start stimer\n"); // contract: a failed stop has the text of a failed start
 }
 
 int process_stimer(void **ctx)
@@ -144,7 +144,7 @@ int process_stimer(void **ctx)
     timeval now;
     qv_gettimeofday(&now);
     int count = 0;
-    // The head is looked up anew every round: a callback may start, stop or free any timer.
+    // The head is read again in every round: a callback may start, stop or free any timer.
     while (auto *timer = static_cast<stimer *>(__heap_element(*ctx, kEarliest))) {
         if (timers::is_later(timer->expire, now))
             break;
@@ -153,8 +153,8 @@ int process_stimer(void **ctx)
         if (timer->callback != nullptr)
             timer->callback(timer->arg);
         else
-            // The timer is off already, so this takes the next one with it, whose index goes on saying that it runs.
-            // Callers have come to depend on it.
+            // Contract: the timer is already stopped, so this removes the next one, whose index still says that it
+            // runs. Callers depend on it.
             __heap_delete(*ctx, kEarliest);
     }
     return count;

@@ -7,7 +7,7 @@
 //
 // In each virtual router that is given, by its id or by an interface in it, it answers echo requests (UDP port 7007).
 // That takes the appliance's kernel, or the stand-in for it. With --leak it forgets some memory at each sample, and
-// tells on SIGUSR1 where that was allocated. Times may have fractions. Try `kill -52 PID` while it runs, or
+// prints on SIGUSR1 where that was allocated. Times may have fractions. Try `kill -52 PID` while it runs, or
 // --crash-after 2, and look into /etc/core.
 #include "echo.h"
 #include "leak.h"
@@ -31,7 +31,7 @@ namespace {
 
 constexpr std::size_t kMostPlaces = 8;
 
-// Where to answer echo requests: a VR, told by its id or by an interface.
+// Where to answer echo requests: a VR, given by its id or by an interface.
 struct echo_place {
     const char *name;
     bool is_interface;

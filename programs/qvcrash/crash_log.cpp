@@ -200,7 +200,7 @@ private:
         return count > 1;
     }
 
-    // Everything before the backtrace. A line that is not ours is skipped: a host may write first.
+    // Everything before the backtrace. Other lines are skipped: a host may write first.
     void read_head()
     {
         while (!rest_.empty()) {
@@ -356,7 +356,8 @@ private:
         return std::any_of(std::begin(kStarts), std::end(kStarts), [&](auto start) { return line.starts_with(start); });
     }
 
-    // The log is written over an older one and never cut, so lines of our own after the bottom are the older log's.
+    // The log is written over an older one and never cut, so what the library wrote after the bottom is the older
+    // log's.
     void read_remainder()
     {
         if (!has_backtrace_)

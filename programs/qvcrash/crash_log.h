@@ -26,7 +26,7 @@ enum class log_kind {
     backtrace,  // a backtrace section without a head, as callbacks and hosts write
     allocation, // a trace of every allocation
     text,       // lines with code addresses in them, such as a saved leak report
-    unknown,    // nothing of ours in it
+    unknown,    // none of the library's text in it
 };
 
 // "FILE(SYMBOL+0xOFFSET) [0xADDRESS]" or the address alone.

@@ -159,7 +159,7 @@ int run(int argc, char **argv)
         program.add_subcommand("show", "Explain logs: the cause, and each frame as function and line");
     describe_show(show_command, &options);
     group_options grouping;
-    CLI::App *group_command = program.add_subcommand("group", "Count crash logs by the bug behind them");
+    CLI::App *group_command = program.add_subcommand("group", "Count crash logs by their bug");
     describe_group(group_command, &grouping);
     try {
         program.parse(argc, argv);
@@ -176,7 +176,7 @@ int main(int argc, char **argv)
 {
     try {
         return run(argc, argv);
-    } catch (const std::exception &error) { // such as want of memory
+    } catch (const std::exception &error) { // such as std::bad_alloc
         std::fprintf(stderr, "qvcrash: %s\n", error.what());
         return kSomeUnread;
     }

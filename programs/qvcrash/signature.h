@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// signature.h - a name for the bug behind a crash log, so that logs of one bug count as one.
+// signature.h - a name for the bug that a crash log shows, so that logs of one bug count as one.
 //
 // A signature is made of the first frames that tell bugs apart: frames of the C library, of allocators and of what only
 // ends a process are skipped. It needs no symbols, only what the log has.

@@ -96,7 +96,7 @@ const used_module *module_map::module_at(std::uint64_t address) const
     return gone;
 }
 
-// A return address may lie behind the last instruction of its function; the call itself does not.
+// A return address may lie after the last instruction of its function; the call itself does not.
 resolved_address module_map::look_up(const used_module *module, std::uint64_t address, bool is_return_address)
 {
     resolved_address result;
