@@ -9,6 +9,7 @@
 
 #include "libcommon_api.h"
 
+/* The version of the headers, as numbers and as text. */
 #define LIBCOMMON_VERSION_MAJOR 1
 #define LIBCOMMON_VERSION_MINOR 0
 #define LIBCOMMON_VERSION_PATCH 0
