@@ -29,6 +29,9 @@ inline std::span<const int> fault_signals()
 // A dump request even before any handler is armed. Written once the handler of another signal is in place.
 extern int g_attach_signal;
 
+// Which handlers were armed last: an enum qv_inspect_armed, for other processes.
+extern int g_signals_armed_by;
+
 // The sa_flags to arm the crash handler with: SA_ONSTACK is among them once a thread has asked for a stack.
 extern std::atomic<int> g_crash_action_flags;
 

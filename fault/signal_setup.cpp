@@ -7,6 +7,7 @@
 #include "fault/backtrace_internal.h"
 #include "fault/crash_handler.h"
 #include "fault/running_handlers.h"
+#include "libcommon_inspect.h"
 #include "qv_mtrace.h"
 #include "stack_info.h"
 #include "time/local_time.h"
@@ -19,6 +20,7 @@ using namespace qv;
 namespace {
 
 using fault::g_attach_signal;
+using fault::g_signals_armed_by;
 using fault::kBacktraceSignal;
 using fault::kDumpFileSignal;
 
@@ -101,6 +103,7 @@ void *install_sighandler2(int sig)
     call_signal_table(QV_COREDUMP_INSTALLED, reinterpret_cast<unsigned long>(&action), nullptr);
     procps_read_maps();
     ::signal(SIGUSR2, signal_mtrace);
+    g_signals_armed_by = QV_ARMED_FOR_CRASHES;
     return reinterpret_cast<void *>(::signal(SIGHUP, SIG_IGN));
 }
 
@@ -112,6 +115,7 @@ void *pstrace_terminate_signal(void)
         ::sigaction(sig, &action, nullptr);
     for (int sig = SIGRTMIN; sig <= SIGRTMAX; sig++)
         ::sigaction(sig, &action, nullptr);
+    g_signals_armed_by = QV_ARMED_FOR_TERMINATION;
     return nullptr;
 }
 

@@ -34,7 +34,7 @@ struct block_record {
 
 // Zeroed memory is an empty table.
 struct block_table {
-    block_record records[kSlots];
+    block_record records[kSlots]; // first: libcommon_inspect.h takes the table for an array of records
 
     // The slot of a block; -1 if there is none. `count` is the number of blocks in the table.
     int find(std::uintptr_t ptr, unsigned count) const;

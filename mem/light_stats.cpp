@@ -11,15 +11,12 @@ namespace qv::light {
 
 std::uintptr_t owners[kShards];
 statistics shards[kShards];
+statistics common_shard;
+statistics cleared;
 
 namespace {
 
 constexpr unsigned kProbes = 8; // length of a probe sequence: the home of the thread and the shards after it
-
-statistics common_shard;
-
-// The sum at the last clear(), which reports subtract: only its owner writes to a shard, so clear() cannot.
-statistics cleared;
 
 pthread_key_t thread_end;
 bool thread_end_is_watched;

@@ -40,6 +40,10 @@ static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 // reads it. Accessed atomically.
 extern std::uintptr_t owners[kShards];
 extern statistics shards[kShards];
+extern statistics common_shard;
+
+// The sum at the last clear(), which reports subtract: only its owner writes to a shard, so clear() cannot.
+extern statistics cleared;
 
 // The thread's shard if it is the first one of its probe sequence; else null.
 inline statistics *shard_at_home()

@@ -32,6 +32,10 @@ using namespace qv;
 
 namespace qv::trace_file {
 
+// Under `lock`. Other processes read them without it.
+int file = -1;
+hooks::hook_set below;
+
 namespace {
 
 constexpr std::size_t kLineSize = 1024;
@@ -43,8 +47,6 @@ constexpr int kFileMode = 0666;
 
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 std::uintptr_t lock_holder = 0; // its thread pointer, 0 for none; only the holder writes it
-int file = -1;                  // the trace file; -1 while there is no trace
-hooks::hook_set below;          // the hooks that the trace replaced
 char buffer[kBufferSize];       // lines that are not yet in the file
 std::size_t buffered = 0;
 bool mtrace_sig = false;  // SIGUSR2 started the trace

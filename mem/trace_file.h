@@ -11,6 +11,9 @@ namespace qv::trace_file {
 
 extern const hooks::own_set kHooks;
 
+extern int file;              // the trace file; -1 while there is no trace
+extern hooks::hook_set below; // the hooks that the trace replaced
+
 // Ends a trace if the descriptor of its file is `first` or above, for a caller that closes those descriptors. Does not
 // write a last line: in a child the parent's trace continues.
 void close_file(int first);

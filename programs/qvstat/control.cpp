@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "control.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <sys/stat.h>
+#include <thread>
+
+namespace qvstat {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 5s;
+constexpr auto kPause = 10ms;
+
+bool wait_for(const std::function<bool()> &is_done)
+{
+    auto end = std::chrono::steady_clock::now() + kPatience;
+    while (!is_done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(kPause);
+    }
+    return true;
+}
+
+// Whether the process has a handler for the signal: its bit in the mask that /proc/PID/status shows.
+bool has_handler(pid_t process, int sig)
+{
+    std::string status = read_process_file(process, "status");
+    std::size_t at = status.find("\nSigCgt:");
+    unsigned long mask = 0;
+    return at != std::string::npos && std::sscanf(status.c_str() + at, "\nSigCgt: %lx", &mask) == 1 &&
+           (mask >> (sig - 1) & 1) != 0;
+}
+
+// An unhandled signal ends a process, and so does one that the termination logger handles. Nothing if the signal may be
+// sent.
+std::optional<std::string> reason_not_to_send(const target &process, const hook_state &hooks, int sig)
+{
+    std::string who = "process " + std::to_string(process.process());
+    if (sig < 1 || sig >= NSIG || !has_handler(process.process(), sig))
+        return who + " has no handler for this; it has to call install_sighandler() first";
+    if (hooks.armed_by == QV_ARMED_FOR_TERMINATION)
+        return who + " logs this signal and ends by it (pstrace_terminate_signal()); nothing was sent";
+    if (hooks.armed_by != QV_ARMED_FOR_CRASHES)
+        return who + " handles signal " + std::to_string(sig) +
+               " itself and has not called install_sighandler(); nothing was sent";
+    return std::nullopt;
+}
+
+// A dump's log, at the path that the process sees.
+class dump_log {
+public:
+    dump_log(pid_t process, int sig)
+        : root_("/proc/" + std::to_string(process) + "/root"),
+          ending_(std::to_string(process) + ".attach." + std::to_string(sig) + ".log")
+    {
+        find();
+        before_ = path_;
+        if (struct stat status; !before_.empty() && ::stat((root_ + before_).c_str(), &status) == 0)
+            written_before_ = status.st_mtim;
+    }
+
+    const std::string &path() const { return path_; }
+
+    // Whether the log was written since, and does not grow any more: the last line of a dump is long in coming.
+    bool is_new()
+    {
+        find();
+        struct stat status;
+        if (path_.empty() || ::stat((root_ + path_).c_str(), &status) != 0)
+            return false;
+        bool is_other = path_ != before_ || status.st_mtim.tv_sec != written_before_.tv_sec ||
+                        status.st_mtim.tv_nsec != written_before_.tv_nsec;
+        bool is_quiet = status.st_size != 0 && status.st_mtim.tv_sec == last_.tv_sec &&
+                        status.st_mtim.tv_nsec == last_.tv_nsec;
+        last_ = status.st_mtim;
+        return is_other && is_quiet;
+    }
+
+private:
+    void find()
+    {
+        constexpr const char *kFolder = "/etc/core";
+        std::error_code error;
+        for (const auto &entry : std::filesystem::directory_iterator(root_ + kFolder, error)) {
+            std::string name = entry.path().filename();
+            // The name of the process comes before the number, and may end in a digit: two numbers may look alike.
+            if (name.ends_with(ending_))
+                path_ = kFolder + ('/' + name);
+        }
+    }
+
+    std::string root_;
+    std::string ending_;
+    std::string path_;
+    std::string before_;
+    timespec written_before_ = {};
+    timespec last_ = {};
+};
+
+std::string send_failure(const target &process)
+{
+    return "process " + std::to_string(process.process()) + ": " + std::strerror(errno);
+}
+
+} // namespace
+
+control_result request_dump(const target &process)
+{
+    auto hooks = process.record().read_hooks();
+    if (!hooks)
+        return {false, process.refusal()};
+    int sig = hooks->attach_signal;
+    if (auto reason = reason_not_to_send(process, *hooks, sig))
+        return {false, *reason};
+    dump_log log(process.process(), sig);
+    if (::kill(process.process(), sig) != 0)
+        return {false, send_failure(process)};
+    if (!wait_for([&log] { return log.is_new(); }))
+        return {false, "the process has not written a log; its console may say why"};
+    return {true, log.path()};
+}
+
+control_result switch_trace(const target &process, bool on)
+{
+    auto is_on = [&process] {
+        auto hooks = process.record().read_hooks();
+        return hooks ? std::optional(hooks->trace == trace_state::file) : std::nullopt;
+    };
+    std::string file = "/etc/mtrace" + std::to_string(process.process()) + ".log";
+    auto hooks = process.record().read_hooks();
+    if (!hooks)
+        return {false, process.refusal()};
+    if ((hooks->trace == trace_state::file) == on)
+        return {true, on ? "a trace is already being written" : "no trace is being written"};
+    if (auto reason = reason_not_to_send(process, *hooks, SIGUSR2))
+        return {false, *reason};
+    if (::kill(process.process(), SIGUSR2) != 0)
+        return {false, send_failure(process)};
+    if (!wait_for([&] { return is_on() == on; }))
+        return {false, "the process has not answered; it may block the signal, or cannot write " + file};
+    return {true, on ? "writing " + file : "ended " + file};
+}
+
+} // namespace qvstat

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: Apache-2.0
+// qvstat - looks into running processes that have the library loaded. Its manual page describes the commands and exit
+// statuses.
+#include "control.h"
+#include "report.h"
+#include "sample.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace qvstat;
+
+enum exit_status { kDone = 0, kNotDone = 1, kUsage = 2 };
+
+constexpr double kDefaultInterval = 0.2; // seconds
+
+struct command_line {
+    std::vector<std::string> words; // a process and what to do with it
+    std::vector<std::string> debug_folders;
+    double interval = kDefaultInterval;
+    std::optional<std::uint64_t> after; // seconds
+    bool shows_threads = false;
+    bool as_json = false;
+};
+
+void print(const std::string &text)
+{
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void complain(const std::string &text)
+{
+    std::fprintf(stderr, "qvstat: %s\n", text.c_str());
+}
+
+void wait(double seconds)
+{
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+int list(const command_line &line)
+{
+    machine_sample before = read_machine();
+    wait(line.interval);
+    machine_sample now = read_machine();
+    set_rates(&now, before);
+    print(line.as_json ? list_json(now) : list_text(now));
+    for (const std::string &refusal : now.refused)
+        complain(refusal);
+    if (now.hidden != 0)
+        complain(std::to_string(now.hidden) + " processes of other users cannot be looked into; root can");
+    return now.refused.empty() ? kDone : kNotDone;
+}
+
+std::vector<placed_leak> place(std::vector<leak_group> groups, code_places *places)
+{
+    std::vector<placed_leak> leaks;
+    for (leak_group &group : groups) {
+        placed_leak leak;
+        for (std::uint64_t address : group.chain)
+            leak.chain.push_back(places->find(address, true));
+        leak.group = std::move(group);
+        leaks.push_back(std::move(leak));
+    }
+    return leaks;
+}
+
+std::vector<placed_thread> place(std::vector<thread_view> threads, code_places *places)
+{
+    std::vector<placed_thread> result;
+    for (thread_view &thread : threads) {
+        placed_thread placed;
+        if (thread.pc)
+            placed.at = places->find(*thread.pc, false);
+        placed.thread = std::move(thread);
+        result.push_back(std::move(placed));
+    }
+    return result;
+}
+
+std::optional<std::vector<placed_leak>> read_leaks(const process_sample &sample, const command_line &line,
+                                                   std::uint64_t now, code_places *places)
+{
+    if (!sample.tracing.has_table)
+        return std::nullopt;
+    std::uint64_t age = line.after.value_or(sample.tracing.wait_seconds);
+    auto groups = sample.process->record().read_leaks(now > age ? now - age : 0);
+    return groups ? std::optional(place(std::move(*groups), places)) : std::nullopt;
+}
+
+std::optional<process_sample> sample_of(pid_t process, double interval)
+{
+    auto first = std::make_unique<target>(process);
+    if (first->access() != access_result::readable) {
+        complain(first->refusal());
+        return std::nullopt;
+    }
+    auto before = read_sample(std::move(first));
+    if (interval > 0)
+        wait(interval);
+    auto second = std::make_unique<target>(process);
+    if (second->access() != access_result::readable) {
+        complain(second->refusal());
+        return std::nullopt;
+    }
+    auto now = read_sample(std::move(second));
+    if (!now)
+        complain("process " + std::to_string(process) + " ended meanwhile, or its memory cannot be read");
+    else if (before)
+        set_rates(&*now, *before);
+    return now;
+}
+
+int show(pid_t process, const command_line &line)
+{
+    auto sample = sample_of(process, line.interval);
+    if (!sample)
+        return kNotDone;
+    code_places places(*sample->process, line.debug_folders);
+    process_report report;
+    report.sample = &*sample;
+    report.now = static_cast<std::uint64_t>(std::time(nullptr));
+    report.leaks = read_leaks(*sample, line, report.now, &places);
+    if (line.shows_threads)
+        report.threads = place(read_threads(process, sample->process->memory()), &places);
+    if (line.as_json) {
+        print(process_json(report));
+        return kDone;
+    }
+    print(process_text(report));
+    if (report.leaks)
+        print(leaks_text(report));
+    if (report.threads)
+        print(threads_text(report));
+    return kDone;
+}
+
+int show_leaks(pid_t process, const command_line &line)
+{
+    auto sample = sample_of(process, 0);
+    if (!sample)
+        return kNotDone;
+    code_places places(*sample->process, line.debug_folders);
+    process_report report;
+    report.sample = &*sample;
+    report.now = static_cast<std::uint64_t>(std::time(nullptr));
+    report.leaks = read_leaks(*sample, line, report.now, &places);
+    if (!report.leaks) {
+        complain("process " + std::to_string(process) +
+                 " has no records of its blocks; it makes them from qv_mtrace_start() on");
+        return kNotDone;
+    }
+    print(line.as_json ? process_json(report) : leaks_text(report));
+    return kDone;
+}
+
+int control(pid_t process, const std::vector<std::string> &words)
+{
+    target where(process);
+    if (where.access() != access_result::readable) {
+        complain(where.refusal());
+        return kNotDone;
+    }
+    control_result result = words[1] == "dump" ? request_dump(where) : switch_trace(where, words[2] == "on");
+    if (!result.is_done) {
+        complain(result.text);
+        return kNotDone;
+    }
+    print(result.text + '\n');
+    return kDone;
+}
+
+std::optional<pid_t> number_of(const std::string &word)
+{
+    pid_t process = 0;
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), process);
+    return error == std::errc{} && end == word.data() + word.size() && process > 0 ? std::optional(process)
+                                                                                  : std::nullopt;
+}
+
+int run(const command_line &line)
+{
+    const std::vector<std::string> &words = line.words;
+    if (words.empty())
+        return list(line);
+    auto process = number_of(words[0]);
+    if (process && words.size() == 1)
+        return show(*process, line);
+    if (process && words.size() == 2 && words[1] == "leaks")
+        return show_leaks(*process, line);
+    bool is_dump = words.size() == 2 && words[1] == "dump";
+    bool is_trace = words.size() == 3 && words[1] == "trace" && (words[2] == "on" || words[2] == "off");
+    if (process && (is_dump || is_trace))
+        return control(*process, words);
+    complain("usage: qvstat [PID [dump | leaks | trace on | trace off]]; qvstat --help lists the options");
+    return kUsage;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    CLI::App program("Looks into running processes that have libcommon loaded.", "qvstat");
+    command_line line;
+    program.add_option("WHAT", line.words,
+                       "Nothing for all processes; else a process id, and dump, leaks, trace on or trace off");
+    program.add_flag("--threads", line.shows_threads, "Show each thread of the process and what it waits for");
+    program.add_flag("--json", line.as_json, "One object for each process, one to a line");
+    program.add_option("--after", line.after, "Only blocks at least this many seconds old are leaks");
+    program.add_option("--interval", line.interval, "Seconds over which rates are measured")
+        ->check(CLI::Range(0.01, 3600.0));
+    program.add_option("--debug", line.debug_folders, "Folder with separate debug files")->allow_extra_args(false);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        int status = program.exit(error);
+        return status == 0 ? kDone : kUsage;
+    }
+    return run(line);
+}
