@@ -49,9 +49,9 @@ typedef struct qv_inspect_light {
 /* Full tracing: the state, and the table of live blocks that it points to. */
 typedef struct qv_inspect_tracing {
     const void *state;
-    const void *time_wait;  /* a 64-bit number: the age in seconds from which a block may be a leak */
-    uint32_t table_at;      /* in the state: a pointer to the records, null for no table */
-    uint32_t blocks_at;     /* in the state, as the following: live blocks in the table */
+    const void *time_wait; /* a 64-bit number: the age in seconds from which a block may be a leak */
+    uint32_t table_at;     /* in the state: a pointer to the records, null for no table */
+    uint32_t blocks_at;    /* in the state, as the following: live blocks in the table */
     uint32_t bytes_at;
     uint32_t allocs_at;
     uint32_t frees_at;
@@ -70,20 +70,20 @@ typedef struct qv_inspect_tracing {
 
 /* Which hooks are installed, and the trace file. */
 typedef struct qv_inspect_hooks {
-    const void *malloc_hook;       /* a pointer: the installed hook, null for none */
-    const void *light_hook;        /* a pointer: what it is while light statistics are kept */
-    const void *full_hook;         /* a pointer: what it is while full tracing is on */
-    const void *below_trace;       /* a pointer: the hook below the trace file's, while there is a trace file */
-    const void *trace_file;        /* a number: the descriptor of the trace file, -1 while there is none */
-    const void *signals_armed_by;  /* a number: one of enum qv_inspect_armed */
-    const void *attach_signal;     /* a number: the signal that requests a dump */
+    const void *malloc_hook;      /* a pointer: the installed hook, null for none */
+    const void *light_hook;       /* a pointer: what it is while light statistics are kept */
+    const void *full_hook;        /* a pointer: what it is while full tracing is on */
+    const void *below_trace;      /* a pointer: the hook below the trace file's, while there is a trace file */
+    const void *trace_file;       /* a number: the descriptor of the trace file, -1 while there is none */
+    const void *signals_armed_by; /* a number: one of enum qv_inspect_armed */
+    const void *attach_signal;    /* a number: the signal that requests a dump */
 } qv_inspect_hooks;
 
 /* Which of the library's handlers were armed last. */
 enum qv_inspect_armed {
     QV_ARMED_BY_NOBODY = 0,
-    QV_ARMED_FOR_CRASHES = 1,      /* install_sighandler(): dump requests, and SIGUSR2 for the trace file */
-    QV_ARMED_FOR_TERMINATION = 2   /* pstrace_terminate_signal(): these signals end the process */
+    QV_ARMED_FOR_CRASHES = 1,    /* install_sighandler(): dump requests, and SIGUSR2 for the trace file */
+    QV_ARMED_FOR_TERMINATION = 2 /* pstrace_terminate_signal(): these signals end the process */
 };
 
 /* Object caches: a list that grows at its head and never shrinks. */

@@ -20,8 +20,8 @@ namespace qvstat {
 // What is known of a code address.
 struct code_place {
     std::uint64_t address = 0;
-    std::string module;                         // the path of the file; empty when it lies in none
-    std::optional<std::uint64_t> offset;        // in the module: an address of the file's own
+    std::string module;                           // the path of the file; empty when it lies in none
+    std::optional<std::uint64_t> offset;          // in the module: an address of the file's own
     std::vector<qvcrash::source_frame> functions; // innermost first; empty when unknown
 };
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "control.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -56,55 +58,75 @@ std::optional<std::string> reason_not_to_send(const target &process, const hook_
     return std::nullopt;
 }
 
+bool are_same(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // A dump's log, at the path that the process sees.
 class dump_log {
 public:
-    dump_log(pid_t process, int sig)
-        : root_("/proc/" + std::to_string(process) + "/root"),
-          ending_(std::to_string(process) + ".attach." + std::to_string(sig) + ".log")
+    dump_log(const target &process, int sig)
+        : process_(std::to_string(process.process())), name_(process.name()), root_("/proc/" + process_ + "/root"),
+          ending_(process_ + ".attach." + std::to_string(sig) + ".log")
     {
         find();
         before_ = path_;
-        if (struct stat status; !before_.empty() && ::stat((root_ + before_).c_str(), &status) == 0)
-            written_before_ = status.st_mtim;
+        if (!before_.empty() && ::stat((root_ + before_).c_str(), &status_before_) == 0)
+            std::this_thread::sleep_for(kTick);
     }
 
     const std::string &path() const { return path_; }
 
-    // Whether the log was written since, and does not grow any more: the last line of a dump is long in coming.
-    bool is_new()
+    // Whether the log was written since, and the process has closed it.
+    bool is_complete()
     {
         find();
         struct stat status;
-        if (path_.empty() || ::stat((root_ + path_).c_str(), &status) != 0)
+        if (path_.empty() || ::stat((root_ + path_).c_str(), &status) != 0 || status.st_size == 0)
             return false;
-        bool is_other = path_ != before_ || status.st_mtim.tv_sec != written_before_.tv_sec ||
-                        status.st_mtim.tv_nsec != written_before_.tv_nsec;
-        bool is_quiet = status.st_size != 0 && status.st_mtim.tv_sec == last_.tv_sec &&
-                        status.st_mtim.tv_nsec == last_.tv_nsec;
-        last_ = status.st_mtim;
-        return is_other && is_quiet;
+        bool is_written = path_ != before_ || status.st_mtim.tv_sec != status_before_.st_mtim.tv_sec ||
+                          status.st_mtim.tv_nsec != status_before_.st_mtim.tv_nsec;
+        return is_written && !is_open(status);
     }
 
 private:
+    // Times of files advance with the kernel's tick: what is written after this has another time than before it.
+    static constexpr auto kTick = 20ms;
+
     void find()
     {
         constexpr const char *kFolder = "/etc/core";
         std::error_code error;
         for (const auto &entry : std::filesystem::directory_iterator(root_ + kFolder, error)) {
             std::string name = entry.path().filename();
-            // The name of the process comes before the number, and may end in a digit: two numbers may look alike.
-            if (name.ends_with(ending_))
+            std::size_t start = name.size() - std::min(name.size(), ending_.size());
+            // The name of the process comes before its number. After another name, a digit is of another number.
+            std::string_view before = std::string_view(name).substr(0, start);
+            if (name.ends_with(ending_) &&
+                (before == name_ || before.empty() || std::isdigit(static_cast<unsigned char>(before.back())) == 0))
                 path_ = kFolder + ('/' + name);
         }
     }
 
+    bool is_open(const struct stat &log) const
+    {
+        std::error_code error;
+        for (const auto &entry : std::filesystem::directory_iterator("/proc/" + process_ + "/fd", error)) {
+            struct stat status;
+            if (::stat(entry.path().c_str(), &status) == 0 && are_same(status, log))
+                return true;
+        }
+        return false;
+    }
+
+    std::string process_;
+    std::string name_;
     std::string root_;
     std::string ending_;
     std::string path_;
     std::string before_;
-    timespec written_before_ = {};
-    timespec last_ = {};
+    struct stat status_before_ = {};
 };
 
 std::string send_failure(const target &process)
@@ -122,10 +144,10 @@ control_result request_dump(const target &process)
     int sig = hooks->attach_signal;
     if (auto reason = reason_not_to_send(process, *hooks, sig))
         return {false, *reason};
-    dump_log log(process.process(), sig);
+    dump_log log(process, sig);
     if (::kill(process.process(), sig) != 0)
         return {false, send_failure(process)};
-    if (!wait_for([&log] { return log.is_new(); }))
+    if (!wait_for([&log] { return log.is_complete(); }))
         return {false, "the process has not written a log; its console may say why"};
     return {true, log.path()};
 }

@@ -11,19 +11,18 @@ namespace qvstat {
 namespace {
 
 // What a record may claim. The library's own numbers are far below.
-constexpr std::uint32_t kMaxShards = 4096;
-constexpr std::uint32_t kMaxTableSize = 65536; // bytes of a shard
+constexpr std::uint64_t kMaxShards = 16 << 20; // bytes of all shards, and of one
 constexpr std::uint32_t kMaxClasses = 64;
-constexpr std::uint32_t kMaxRecords = 1U << 20;
-constexpr std::uint32_t kMaxRecordSize = 1024; // bytes
-constexpr std::uint32_t kMaxCacheSize = 4096;  // bytes
-constexpr std::uint32_t kMaxUnit = 1U << 20;   // bytes
-constexpr std::size_t kMaxCaches = 65536;
+constexpr std::uint64_t kMaxRecords = 64 << 20; // bytes of all records, and of one
+constexpr std::uint32_t kMaxRecordSize = 1024;
+constexpr std::uint32_t kMaxCacheSize = 4096; // bytes
+constexpr std::uint32_t kMaxUnit = 1U << 20;  // bytes
+constexpr std::size_t kMaxCaches = 16384;
 constexpr std::uint64_t kMaxPages = std::uint64_t{1} << 32;
 constexpr std::uint64_t kMaxPageSize = std::uint64_t{1} << 24; // bytes
 
 constexpr std::size_t kLastClass = 31; // sizes are 32 bits wide
-constexpr int kTries = 4; // to read something that changes meanwhile
+constexpr int kTries = 4;              // to read something that changes meanwhile
 
 using bytes_view = std::span<const char>;
 
@@ -50,7 +49,13 @@ bool all_fit(std::uint32_t size, std::initializer_list<std::uint32_t> offsets)
 
 bool is_sound(const qv_inspect_light &light)
 {
-    return light.shard_count <= kMaxShards && light.shard_size <= kMaxTableSize && light.class_count <= kMaxClasses &&
+    // Counters are whole words of a table.
+    bool is_aligned = (light.shard_size | light.class_size | light.allocs_at | light.frees_at | light.releases_at |
+                       light.products_at | light.failures_at | light.bytes_taken_at | light.bytes_returned_at) %
+                          sizeof(std::uint32_t) ==
+                      0;
+    return is_aligned && light.shard_size <= kMaxShards &&
+           std::uint64_t{light.shard_count} * light.shard_size <= kMaxShards && light.class_count <= kMaxClasses &&
            std::uint64_t{light.class_count} * light.class_size <= light.shard_size &&
            all_fit<std::uint32_t>(light.class_size,
                                   {light.allocs_at, light.frees_at, light.releases_at, light.products_at,
@@ -61,9 +66,9 @@ constexpr std::uint32_t kTracingStateSize = 256; // at most, in bytes
 
 bool is_sound(const qv_inspect_tracing &tracing)
 {
-    return tracing.record_count <= kMaxRecords && tracing.record_size <= kMaxRecordSize &&
-           tracing.chain_length <= kMaxRecordSize / sizeof(std::uint64_t) &&
-           tracing.chain_at <= tracing.record_size &&
+    return tracing.record_size <= kMaxRecordSize &&
+           std::uint64_t{tracing.record_count} * tracing.record_size <= kMaxRecords &&
+           tracing.chain_length <= kMaxRecordSize / sizeof(std::uint64_t) && tracing.chain_at <= tracing.record_size &&
            tracing.chain_length * sizeof(std::uint64_t) <= tracing.record_size - tracing.chain_at &&
            all_fit<std::uint64_t>(tracing.record_size, {tracing.block_at, tracing.time_at}) &&
            all_fit<std::uint32_t>(tracing.record_size, {tracing.block_size_at}) &&
@@ -78,9 +83,8 @@ bool is_sound(const qv_inspect_caches &caches)
     return caches.cache_size <= kMaxCacheSize && caches.unit_size <= kMaxUnit &&
            caches.name_size <= caches.cache_size && caches.name_at <= caches.cache_size - caches.name_size &&
            all_fit<std::uint64_t>(caches.cache_size, {caches.next_at}) &&
-           all_fit<std::uint32_t>(caches.cache_size,
-                                  {caches.page_count_at, caches.in_use_at, caches.object_size_at, caches.page_units_at,
-                                   caches.objects_per_page_at});
+           all_fit<std::uint32_t>(caches.cache_size, {caches.page_count_at, caches.in_use_at, caches.object_size_at,
+                                                      caches.page_units_at, caches.objects_per_page_at});
 }
 
 // A text of the process, fit for a terminal.
@@ -94,7 +98,10 @@ std::string printable(bytes_view bytes)
 
 // ---- light statistics ----
 
-// A class as the library counts it, modulo 2^32.
+// Tables are sums modulo 2^32, word by word.
+using table_words = std::vector<std::uint32_t>;
+
+// A class as the library counts it.
 struct raw_class {
     call_counts calls;
     std::uint32_t taken = 0;
@@ -103,38 +110,23 @@ struct raw_class {
     std::uint32_t blocks() const { return calls.allocs + calls.products - calls.frees - calls.releases; }
 };
 
-raw_class raw_class_at(const qv_inspect_light &light, bytes_view table, std::uint32_t index)
+raw_class raw_class_at(const qv_inspect_light &light, const table_words &table, std::uint32_t index)
 {
-    bytes_view counters = table.subspan(std::size_t{index} * light.class_size, light.class_size);
-    auto counter = [counters](std::uint32_t offset) { return value_at<std::uint32_t>(counters, offset); };
+    auto counter = [&](std::uint32_t offset) {
+        return table[(std::size_t{index} * light.class_size + offset) / sizeof(std::uint32_t)];
+    };
     return {{counter(light.allocs_at), counter(light.frees_at), counter(light.releases_at), counter(light.products_at),
              counter(light.failures_at)},
             counter(light.bytes_taken_at),
             counter(light.bytes_returned_at)};
 }
 
-template <typename Function>
-void combine(call_counts *to, const call_counts &from, Function function)
+void add(call_counts *sum, const call_counts &more)
 {
     for (auto count : {&call_counts::allocs, &call_counts::frees, &call_counts::releases, &call_counts::products,
                        &call_counts::failures})
-        to->*count = function(to->*count, from.*count);
+        sum->*count += more.*count;
 }
-
-template <typename Function>
-void combine(std::vector<raw_class> *to, const qv_inspect_light &light, bytes_view table, Function function)
-{
-    for (std::uint32_t k = 0; k < light.class_count; k++) {
-        raw_class from = raw_class_at(light, table, k);
-        raw_class &sum = (*to)[k];
-        combine(&sum.calls, from.calls, function);
-        sum.taken = function(sum.taken, from.taken);
-        sum.returned = function(sum.returned, from.returned);
-    }
-}
-
-constexpr auto kAdd = [](std::uint32_t a, std::uint32_t b) { return a + b; };
-constexpr auto kSubtract = [](std::uint32_t a, std::uint32_t b) { return a - b; };
 
 // Whether more blocks are free than were ever allocated: a free was read and its allocation was not.
 bool is_negative(const raw_class &each)
@@ -163,7 +155,7 @@ heap_statistics make_statistics(const std::vector<raw_class> &classes)
         row.calls = raw.calls;
         heap.bytes += row.bytes;
         heap.blocks += row.blocks;
-        combine(&heap.calls, raw.calls, kAdd);
+        add(&heap.calls, raw.calls);
         heap.classes.push_back(row);
     }
     return heap;
@@ -205,32 +197,31 @@ record_state inspection::check()
     if (record_.version != QV_INSPECT_VERSION)
         return record_state::other_version;
     return is_sound(record_.light) && is_sound(record_.tracing) && is_sound(record_.caches) ? record_state::valid
-                                                                                           : record_state::damaged;
+                                                                                            : record_state::damaged;
 }
 
 std::optional<heap_statistics> inspection::read_heap() const
 {
     const qv_inspect_light &light = record_.light;
-    std::vector<char> tables(std::size_t{light.shard_count} * light.shard_size);
-    std::vector<char> single(light.shard_size);
-    std::vector<raw_class> sum;
+    const std::size_t words = light.shard_size / sizeof(std::uint32_t);
+    table_words shards(words * light.shard_count), common(words), sum(words);
+    std::vector<raw_class> classes(light.class_count);
+    auto read = [this](const void *at, table_words *to) {
+        return memory_.read(address_of(at), to->data(), to->size() * sizeof(std::uint32_t));
+    };
     for (int i = 0; i < kTries; i++) {
-        sum.assign(light.class_count, {});
-        if (!memory_.read(address_of(light.cleared), single.data(), single.size()))
+        if (!read(light.cleared, &sum) || !read(light.shards, &shards) || !read(light.common, &common))
             return std::nullopt;
-        combine(&sum, light, single, kSubtract);
-        if (!memory_.read(address_of(light.shards), tables.data(), tables.size()))
-            return std::nullopt;
-        for (std::uint32_t shard = 0; shard < light.shard_count; shard++)
-            combine(&sum, light, bytes_view(tables).subspan(std::size_t{shard} * light.shard_size, light.shard_size),
-                    kAdd);
-        if (!memory_.read(address_of(light.common), single.data(), single.size()))
-            return std::nullopt;
-        combine(&sum, light, single, kAdd);
-        if (std::none_of(sum.begin(), sum.end(), is_negative))
+        for (std::size_t word = 0; word < words; word++)
+            sum[word] = common[word] - sum[word];
+        for (std::size_t word = 0; word < shards.size(); word++)
+            sum[word % words] += shards[word];
+        for (std::uint32_t k = 0; k < light.class_count; k++)
+            classes[k] = raw_class_at(light, sum, k);
+        if (std::none_of(classes.begin(), classes.end(), is_negative))
             break;
     }
-    return make_statistics(sum);
+    return make_statistics(classes);
 }
 
 std::optional<std::vector<object_cache>> inspection::read_caches() const
@@ -276,11 +267,11 @@ std::optional<hook_state> inspection::read_hooks() const
     hook_state state;
     state.counts = *counts != 0;
     state.is_fully_traced = *hook == *full || (*file >= 0 && *below == *full);
-    state.trace = *file >= 0         ? trace_state::file
-                  : *hook == 0       ? trace_state::none
-                  : *hook == *light  ? trace_state::light
-                  : *hook == *full   ? trace_state::full
-                                     : trace_state::host;
+    state.trace = *file >= 0        ? trace_state::file
+                  : *hook == 0      ? trace_state::none
+                  : *hook == *light ? trace_state::light
+                  : *hook == *full  ? trace_state::full
+                                    : trace_state::host;
     state.armed_by = *armed;
     state.attach_signal = *attach;
     return state;
@@ -309,8 +300,8 @@ std::uint64_t inspection::table_address() const
     return load<std::uint64_t>(memory_, address_of(record_.tracing.state) + record_.tracing.table_at).value_or(0);
 }
 
-// A record is written before its pointer and its pointer is cleared when it is freed, without a lock that we could take.
-// So the table is read twice, and a record counts if it is the same in both.
+// A record is written before its pointer and its pointer is cleared when it is freed, without a lock that we could
+// take. So the table is read twice, and a record counts if it is the same in both.
 std::optional<std::vector<leak_group>> inspection::read_leaks(std::uint64_t latest) const
 {
     const qv_inspect_tracing &layout = record_.tracing;

@@ -58,7 +58,7 @@ int list(const command_line &line)
     for (const std::string &refusal : now.refused)
         complain(refusal);
     if (now.hidden != 0)
-        complain(std::to_string(now.hidden) + " processes of other users cannot be looked into; root can");
+        complain("processes of other users that cannot be looked into: " + std::to_string(now.hidden));
     return now.refused.empty() ? kDone : kNotDone;
 }
 
@@ -185,7 +185,7 @@ std::optional<pid_t> number_of(const std::string &word)
     pid_t process = 0;
     auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), process);
     return error == std::errc{} && end == word.data() + word.size() && process > 0 ? std::optional(process)
-                                                                                  : std::nullopt;
+                                                                                   : std::nullopt;
 }
 
 int run(const command_line &line)

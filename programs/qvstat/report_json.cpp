@@ -57,8 +57,9 @@ json head_json(const char *format, const process_sample &sample)
 
 json cache_json(const object_cache &cache)
 {
-    return {{"name", cache.name},         {"object_size", cache.object_size}, {"in_use", cache.in_use},
-            {"capacity", cache.capacity}, {"pages", cache.pages},             {"page_size", cache.page_size},
+    return {{"name", cache.name},     {"object_size", cache.object_size},
+            {"in_use", cache.in_use}, {"capacity", cache.capacity},
+            {"pages", cache.pages},   {"page_size", cache.page_size},
             {"waste", cache.waste()}};
 }
 

@@ -37,9 +37,9 @@ void set_rates(process_sample *now, const process_sample &before);
 
 // A round through the machine.
 struct machine_sample {
-    std::vector<process_sample> processes;      // with the library, in the order of their ids
-    std::vector<std::string> refused;           // a line for each process whose library could not be read
-    std::size_t hidden = 0;                     // processes that could not be looked into at all
+    std::vector<process_sample> processes; // with the library, in the order of their ids
+    std::vector<std::string> refused;      // a line for each process whose library could not be read
+    std::size_t hidden = 0;                // processes that could not be looked into at all
 };
 
 machine_sample read_machine();
