@@ -65,6 +65,14 @@ timeval expiry_after(const timeval &now, const timeval &interval)
     return expire;
 }
 
+void take_off(stimer *timer)
+{
+    if (__heap_delete(*timer->ctx, static_cast<unsigned>(timer->index) - 1) >= 0)
+        timer->index = 0;
+    else
+        report("Can not start stimer\n"); // contract: a failed stop has the text of a failed start
+}
+
 } // namespace
 
 extern "C" {
@@ -131,12 +139,8 @@ void start_stimer(struct stimer *timer)
 
 void stop_stimer(struct stimer *timer)
 {
-    if (timer->ctx == nullptr || timer->index <= 0)
-        return;
-    if (__heap_delete(*timer->ctx, static_cast<unsigned>(timer->index) - 1) >= 0)
-        timer->index = 0;
-    else
-        report("Can not start stimer\n"); // contract: a failed stop has the text of a failed start
+    if (timer->ctx != nullptr && timer->index > 0)
+        take_off(timer);
 }
 
 int process_stimer(void **ctx)
@@ -148,7 +152,8 @@ int process_stimer(void **ctx)
     while (auto *timer = static_cast<stimer *>(__heap_element(*ctx, kEarliest))) {
         if (timers::is_later(timer->expire, now))
             break;
-        stop_stimer(timer);
+        if (timer->ctx != nullptr && timer->index > 0)
+            take_off(timer);
         count++;
         if (timer->callback != nullptr)
             timer->callback(timer->arg);

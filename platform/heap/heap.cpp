@@ -10,6 +10,13 @@
 //     slot    0    1    2     3      4     5     6     7      8 ...
 //           [ -  | -  | -  | root ][ c1  | c2  | c3  | c4  ][ c1's children ...
 //           ^ cache line            ^ cache line             ^ cache line
+//
+// A keyed heap sorts late. A new element that is not the earliest waits at the end, unsorted. If it is deleted there,
+// at most one other element moves. When an element in heap order is deleted, the last unsorted one fills its place, so
+// that re-arming sifts once instead of twice. All are sorted before the earliest one leaves.
+//
+//     [ root ... in heap order ... | unsorted, none before the root ]
+//                                  ^ sorted                         ^ count
 #include "heap.h"
 
 #include "time/timeval.h"
@@ -24,11 +31,30 @@
 
 using namespace qv;
 
+extern "C" {
+
+// This library's five functions, whatever the process binds their names to.
+[[gnu::alias("__heap_new"), gnu::visibility("hidden")]] decltype(__heap_new) own_new;
+[[gnu::alias("__heap_insert"), gnu::visibility("hidden")]] decltype(__heap_insert) own_insert;
+[[gnu::alias("__heap_delete"), gnu::visibility("hidden")]] decltype(__heap_delete) own_delete;
+[[gnu::alias("__heap_element"), gnu::visibility("hidden")]] decltype(__heap_element) own_element;
+[[gnu::alias("__heap_free"), gnu::visibility("hidden")]] decltype(__heap_free) own_free;
+}
+
 namespace {
 
 constexpr std::size_t kArity = 4;
 constexpr std::size_t kCacheLine = 64;
+constexpr std::size_t kMaxUnsorted = 64;      // bounds the work of one call
 constexpr std::size_t kRootSlot = kArity - 1; // puts every group of siblings at a multiple of four slots
+
+// A value that the compiler knows nothing about.
+template <typename Value>
+Value opaque(Value value)
+{
+    asm("" : "+r"(value));
+    return value;
+}
 
 struct heap {
     heap_higher_priority_fn higher_priority = nullptr; // null in a keyed heap
@@ -36,9 +62,10 @@ struct heap {
     heap_layout layout = {};  // of a keyed heap's elements
     bool ranks_decide = true; // keyed: no two different times in the heap share a rank
     void *block = nullptr;    // the allocation that holds nodes
-    void *nodes = nullptr;    // in heap order: none comes before its parent. nodes[p - 1] is at position p
+    void *nodes = nullptr;    // nodes[p - 1] is at position p. Of those in heap order none comes before its parent
     std::size_t count = 0;
     std::size_t capacity = 0;
+    std::size_t sorted = 0; // keyed: the number of nodes in heap order. None of the others comes before the root
 };
 
 // ---- ranks ----
@@ -132,11 +159,12 @@ struct by_rank {
         std::memcpy(static_cast<char *>(n.element) + position_offset, &position, sizeof position);
     }
 
-    // The nodes of the grandchildren, four lines in a row.
+    // The nodes of the grandchildren, four lines in a row. Those near the root are cached.
     void fetch_ahead(const node *nodes, std::size_t first, std::size_t count) const
     {
+        constexpr std::size_t kCached = 1 << 13;
         std::size_t grandchild = first * kArity + 1;
-        if (grandchild + kArity * kArity > count)
+        if (grandchild < kCached || grandchild + kArity * kArity > count)
             return;
         for (std::size_t line = 0; line < kArity; line++)
             __builtin_prefetch(&nodes[grandchild + line * kArity]);
@@ -168,7 +196,29 @@ constexpr std::size_t first_child_of(std::size_t i)
     return i * kArity + 1;
 }
 
-// The first count nodes of a heap while a node enters or leaves.
+// Both return the index of the earliest of four nodes in a row; the first one has the given index. The outcome is as
+// good as random: a branch by it costs more than computing both sides.
+
+template <typename Order>
+std::size_t earliest_of_four(const Order &order, const typename Order::node *nodes, std::size_t first)
+{
+    std::size_t a = order.before(nodes[1], nodes[0]);
+    std::size_t b = std::size_t{2} + order.before(nodes[3], nodes[2]);
+    std::size_t mask = 0 - std::size_t{order.before(nodes[b], nodes[a])};
+    return first + a + ((b - a) & mask);
+}
+
+// With the ranks in registers: the next level waits for the result. The compiler would select a rank and its index by
+// one branch if it knew that both depend on the same comparison.
+std::size_t earliest_of_four(const by_rank &, const keyed_node *nodes, std::size_t first)
+{
+    std::uint64_t r0 = nodes[0].rank, r1 = nodes[1].rank, r2 = nodes[2].rank, r3 = nodes[3].rank;
+    std::size_t a = opaque(first + (r1 < r0));
+    std::size_t b = opaque(first + 2 + (r3 < r2));
+    return std::min(r2, r3) < std::min(r0, r1) ? b : a;
+}
+
+// The first count nodes of a heap, which are in heap order, while a node enters or leaves.
 template <typename Order>
 class sifter {
     using node = typename Order::node;
@@ -176,28 +226,25 @@ class sifter {
 public:
     sifter(const heap &h, std::size_t count) : order_(h), nodes_(static_cast<node *>(h.nodes)), count_(count) {}
 
-    // The node takes the last place, or one further up.
-    void insert(node n) { place(hole_up(count_ - 1, n), n); }
+    // The node takes the place after the last, or one further up.
+    void insert(node n) { place(hole_up(count_++, n), n); }
 
-    // The node after the last takes the place of the one that leaves, or one further up or down.
-    void remove(std::size_t hole)
+    // The node takes the place of the one that leaves, or one further up or down.
+    void replace(std::size_t hole, node n)
     {
-        if (hole == count_)
-            return;
-        node moved = nodes_[count_];
-        std::size_t found = hole_up(hole, moved);
+        std::size_t found = hole_up(hole, n);
         if (found == hole)
-            found = hole_down(hole, moved);
-        place(found, moved);
+            found = hole_down(hole, n);
+        place(found, n);
     }
 
-private:
     void place(std::size_t i, node n)
     {
         nodes_[i] = n;
         order_.placed(n, i);
     }
 
+private:
     // Moves the hole at i up until n may take it; returns where that is.
     std::size_t hole_up(std::size_t i, node n)
     {
@@ -208,20 +255,12 @@ private:
         return i;
     }
 
-    // The outcome is as good as random, so it must not become a branch: it selects the bits of the difference.
-    std::size_t earlier(std::size_t a, std::size_t b) const
+    // The earliest of the last siblings, less than four.
+    std::size_t earliest_of_last(std::size_t first) const
     {
-        std::size_t mask = 0 - std::size_t{order_.before(nodes_[b], nodes_[a])};
-        return a + ((b - a) & mask);
-    }
-
-    std::size_t earliest_child(std::size_t first) const
-    {
-        if (first + kArity <= count_)
-            return earlier(earlier(first, first + 1), earlier(first + 2, first + 3));
         std::size_t best = first;
         for (std::size_t i = first + 1; i < count_; i++)
-            best = earlier(best, i);
+            best = order_.before(nodes_[i], nodes_[best]) ? i : best;
         return best;
     }
 
@@ -230,11 +269,21 @@ private:
     std::size_t hole_down(std::size_t i, node n)
     {
         order_.fetch_ahead(nodes_, first_child_of(i), count_);
-        for (std::size_t first; (first = first_child_of(i)) < count_;) {
-            std::size_t child = earliest_child(first);
+        std::size_t with_all_children = (count_ - 1) / kArity; // the nodes before this one
+        while (i < with_all_children) {
+            // One shift of i: the level waits for this address.
+            const node *children = nodes_ + 1 + i * kArity;
+            std::size_t child = earliest_of_four(order_, children, first_child_of(i));
             if (Order::kCheap && !order_.before(nodes_[child], n))
                 return i;
             order_.fetch_ahead(nodes_, first_child_of(child), count_);
+            place(i, nodes_[child]);
+            i = child;
+        }
+        if (first_child_of(i) < count_) {
+            std::size_t child = earliest_of_last(first_child_of(i));
+            if (Order::kCheap && !order_.before(nodes_[child], n))
+                return i;
             place(i, nodes_[child]);
             i = child;
         }
@@ -246,18 +295,67 @@ private:
     std::size_t count_;
 };
 
-// By themselves, so that none pays for the registers of the others.
-template <typename Order>
-[[gnu::noinline]] int insert(const heap &h, std::size_t count, typename Order::node n)
+// Some are out of line so that the others need not save registers for them.
+
+[[gnu::noinline]] int insert_by_callback(heap &h, void *element)
 {
-    sifter<Order>(h, count).insert(n);
+    sifter<by_callback>(h, h.count++).insert(element);
+    return 0;
+}
+
+[[gnu::noinline]] int remove_by_callback(heap &h, std::size_t hole)
+{
+    std::size_t count = --h.count;
+    if (hole != count)
+        sifter<by_callback>(h, count).replace(hole, static_cast<by_callback::node *>(h.nodes)[count]);
+    return 0;
+}
+
+// Puts the unsorted nodes in heap order.
+template <typename Order>
+[[gnu::noinline]] int sort(heap &h)
+{
+    sifter<Order> sorted(h, h.sorted);
+    for (; h.sorted < h.count; h.sorted++)
+        sorted.insert(static_cast<keyed_node *>(h.nodes)[h.sorted]);
     return 0;
 }
 
 template <typename Order>
-[[gnu::noinline]] int remove(const heap &h, std::size_t count, std::size_t hole)
+int insert_keyed(heap &h, keyed_node n)
 {
-    sifter<Order>(h, count).remove(hole);
+    auto *nodes = static_cast<keyed_node *>(h.nodes);
+    Order order(h);
+    std::size_t i = h.count++;
+    nodes[i] = n;
+    order.placed(n, i);
+    if (i - h.sorted < kMaxUnsorted && !order.before(n, nodes[0]))
+        return 0;
+    return sort<Order>(h);
+}
+
+template <typename Order>
+[[gnu::noinline]] int remove_sorted(heap &h, std::size_t hole)
+{
+    keyed_node last = static_cast<keyed_node *>(h.nodes)[--h.count];
+    h.sorted = std::min(h.sorted, h.count);
+    if (hole == 0 && h.sorted != h.count)
+        sort<Order>(h);
+    if (hole != h.count)
+        sifter<Order>(h, h.sorted).replace(hole, last);
+    return 0;
+}
+
+template <typename Order>
+int remove_keyed(heap &h, std::size_t hole)
+{
+    if (hole < std::max<std::size_t>(h.sorted, 1))
+        return remove_sorted<Order>(h, hole);
+    auto *nodes = static_cast<keyed_node *>(h.nodes);
+    std::size_t last = --h.count;
+    nodes[hole] = nodes[last];
+    if (hole != last)
+        Order(h).placed(nodes[hole], hole);
     return 0;
 }
 
@@ -300,6 +398,11 @@ void adopt_block(heap &h, void *block, std::size_t capacity)
     return true;
 }
 
+[[gnu::cold, gnu::noinline]] int grow_and_insert(heap &h, void *element)
+{
+    return grow(h) ? own_insert(&h, element) : -1;
+}
+
 void *make_heap(const heap &empty, unsigned initial_size)
 {
     std::size_t capacity = std::max(initial_size, 1U);
@@ -315,31 +418,17 @@ void *make_heap(const heap &empty, unsigned initial_size)
     return h;
 }
 
-// A function's address that the compiler does not reason about: it may hold two names for one function to be different,
-// and a function that the process can replace to be this file's.
-template <typename Function>
-Function *address_of(Function *function)
-{
-    asm("" : "+r"(function));
-    return function;
-}
-
+// The compiler may hold two names of one function to be different, and a function that the process can replace to be
+// this file's.
 template <typename Function>
 bool is_replaced(Function *bound, Function *own)
 {
-    return address_of(bound) != address_of(own);
+    return opaque(bound) != opaque(own);
 }
 
 } // namespace
 
 extern "C" {
-
-// This library's five functions, whatever the process binds their names to.
-[[gnu::alias("__heap_new"), gnu::visibility("hidden")]] decltype(__heap_new) own_new;
-[[gnu::alias("__heap_insert"), gnu::visibility("hidden")]] decltype(__heap_insert) own_insert;
-[[gnu::alias("__heap_delete"), gnu::visibility("hidden")]] decltype(__heap_delete) own_delete;
-[[gnu::alias("__heap_element"), gnu::visibility("hidden")]] decltype(__heap_element) own_element;
-[[gnu::alias("__heap_free"), gnu::visibility("hidden")]] decltype(__heap_free) own_free;
 
 void *__heap_new(heap_higher_priority_fn higher_priority, heap_set_index_fn set_index, unsigned int initial_size)
 {
@@ -353,23 +442,24 @@ void *__heap_new_keyed(heap_higher_priority_fn higher_priority, heap_set_index_f
     if (is_replaced(__heap_new, own_new) || is_replaced(__heap_insert, own_insert) ||
         is_replaced(__heap_delete, own_delete) || is_replaced(__heap_element, own_element) ||
         is_replaced(__heap_free, own_free))
-        return address_of(__heap_new)(higher_priority, set_index, initial_size);
+        return opaque(&__heap_new)(higher_priority, set_index, initial_size);
     return make_heap({.layout = *layout}, initial_size);
 }
 
 int __heap_insert(void *handle, void *element)
 {
     auto *h = static_cast<heap *>(handle);
-    if (h == nullptr || (h->count == h->capacity && !grow(*h)))
+    if (h == nullptr)
         return -1;
-    std::size_t count = ++h->count;
+    if (h->count == h->capacity) [[unlikely]]
+        return grow_and_insert(*h, element);
     if (h->higher_priority != nullptr)
-        return insert<by_callback>(*h, count, element);
+        return insert_by_callback(*h, element);
     rank r = rank_of(time_of(element, h->layout.time_offset));
-    h->ranks_decide = r.exact && (h->ranks_decide || count == 1);
+    h->ranks_decide = r.exact && (h->ranks_decide || h->count == 0);
     if (h->ranks_decide)
-        return insert<by_rank>(*h, count, {r.value, element});
-    return insert<by_time>(*h, count, {r.value, element});
+        return insert_keyed<by_rank>(*h, {r.value, element});
+    return insert_keyed<by_time>(*h, {r.value, element});
 }
 
 int __heap_delete(void *handle, unsigned int position)
@@ -377,12 +467,12 @@ int __heap_delete(void *handle, unsigned int position)
     auto *h = static_cast<heap *>(handle);
     if (h == nullptr || position == 0 || position > h->count)
         return -1;
-    std::size_t count = --h->count;
+    std::size_t hole = position - 1;
     if (h->higher_priority != nullptr)
-        return remove<by_callback>(*h, count, position - 1);
+        return remove_by_callback(*h, hole);
     if (h->ranks_decide)
-        return remove<by_rank>(*h, count, position - 1);
-    return remove<by_time>(*h, count, position - 1);
+        return remove_keyed<by_rank>(*h, hole);
+    return remove_keyed<by_time>(*h, hole);
 }
 
 void *__heap_element(void *handle, unsigned int position)

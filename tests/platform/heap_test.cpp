@@ -282,6 +282,69 @@ TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
     __heap_free(handle);
 }
 
+namespace {
+
+std::vector<Timed> random_times(std::size_t count, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::vector<Timed> times(count);
+    for (Timed &t : times)
+        t.time = {static_cast<long>(random() % 1000), static_cast<long>(random() % 1000000)};
+    return times;
+}
+
+} // namespace
+
+// The heap is not asked for its earliest element meanwhile: deletion by position alone keeps the positions valid.
+TEST(KeyedHeap, PositionsHoldBeforeAnythingLeaves)
+{
+    for (std::size_t count : {2U, 5U, 64U, 65U, 66U, 300U}) {
+        KeyedHeap heap;
+        std::vector<Timed> elements = random_times(count, 7);
+        for (Timed &t : elements) {
+            ASSERT_EQ(__heap_insert(heap.handle, &t), 0);
+            ASSERT_TRUE(heap.holds(t));
+        }
+        for (Timed &t : elements)
+            ASSERT_TRUE(heap.holds(t));
+        for (std::size_t i = 0; i < count; i++) {
+            Timed &t = elements[i * 7 % count];
+            if (t.position == -1)
+                continue;
+            ASSERT_TRUE(heap.holds(t));
+            ASSERT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(t.position - 1)), 0);
+            t.position = -1;
+        }
+    }
+}
+
+TEST(KeyedHeap, Position1IsAlwaysTheEarliest)
+{
+    for (std::size_t waiting : {0U, 1U, 2U, 63U, 64U, 65U, 200U}) {
+        KeyedHeap heap;
+        std::vector<Timed> elements = random_times(100 + waiting, 9);
+        std::vector<Timed *> in;
+        auto earlier = [](const Timed *a, const Timed *b) { return timed_before(a, b) != 0; };
+        for (std::size_t i = 0; i < elements.size(); i++) {
+            ASSERT_EQ(__heap_insert(heap.handle, &elements[i]), 0);
+            in.push_back(&elements[i]);
+            if (i == 99) // some leave, then the others come
+                for (int k = 0; k < 50; k++) {
+                    ASSERT_EQ(heap.at(1), *std::min_element(in.begin(), in.end(), earlier));
+                    std::erase(in, heap.at(1));
+                    ASSERT_EQ(__heap_delete(heap.handle, 1), 0);
+                }
+        }
+        std::sort(in.begin(), in.end(), earlier);
+        for (Timed *t : in) {
+            ASSERT_EQ(heap.at(0), t);
+            ASSERT_EQ(t->position, 2);
+            ASSERT_EQ(__heap_delete(heap.handle, 1), 0);
+        }
+        ASSERT_EQ(heap.at(1), nullptr);
+    }
+}
+
 // Times that are no times, all mixed: the order is exact at the ends of the range and between neighbours everywhere.
 TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
 {
