@@ -11,7 +11,6 @@
 
 #include "base/cancel_guard.h"
 #include "base/errno_guard.h"
-#include "base/unique_fd.h"
 #include "log/console_output.h"
 #include "mem/call_place.h"
 #include "mem/hook_change.h"
