@@ -22,6 +22,7 @@
 
 QV_BEGIN_DECLS
 
+/** How the record is recognised: its first word, and the version of its layout. */
 #define QV_INSPECT_MAGIC UINT64_C(0x3154434550534e49)
 #define QV_INSPECT_VERSION 1
 
@@ -101,6 +102,7 @@ typedef struct qv_inspect_caches {
     uint32_t unit_size;
 } qv_inspect_caches;
 
+/** What an outsider may read: where each subject lies, and how it is laid out. */
 typedef struct qv_inspect_record {
     uint64_t magic;           /* QV_INSPECT_MAGIC */
     uint32_t version;         /* QV_INSPECT_VERSION */
@@ -112,6 +114,7 @@ typedef struct qv_inspect_record {
     qv_inspect_caches caches;
 } qv_inspect_record;
 
+/** The record of this process. */
 extern QV_API const qv_inspect_record qv_inspect;
 
 QV_END_DECLS
