@@ -4,9 +4,7 @@
 
 #include "base/cancel_guard.h"
 #include "base/unique_fd.h"
-#include "console_print.h"
 #include "fault/backtrace_internal.h"
-#include "fault/line_reader.h"
 #include "fault/machine_context.h"
 #include "fault/module_symbols.h"
 #include "fault/safe_memory.h"
@@ -28,7 +26,6 @@ extern "C" {
 [[gnu::weak]] extern const char *const __qv_text_bounds[2];
 
 uint64_t stack_main_top;
-int qv_handle_thread;
 
 } // extern "C"
 
@@ -79,24 +76,6 @@ private:
     int max_;
     int count_ = 0;
 };
-
-int open_process_maps()
-{
-    char path[kPathSize];
-    if (qv_handle_thread != 0)
-        signal_snprintf(path, sizeof path, "/proc/%u/task/%u/maps", ::getpid(), fault::thread_id());
-    else
-        signal_snprintf(path, sizeof path, "/proc/%u/maps", ::getpid());
-    return ::open(path, O_RDONLY);
-}
-
-// Permissions read "rwxp": code is executable and not writable, whether readable or not.
-bool is_code_mapping(const fault::mapping_line &mapping)
-{
-    const char *permissions = mapping.permissions;
-    return permissions[0] != '\0' && permissions[1] == '-' && permissions[2] == 'x' && mapping.start != 0 &&
-           mapping.start < mapping.end;
-}
 
 // How often a look-up starts again because the module was exchanged meanwhile.
 constexpr int kLookUps = 3;
@@ -160,34 +139,6 @@ int walk_records(unsigned long record, unsigned long *addrs, unsigned long *fram
     }
     *bottom = link;
     return list.count();
-}
-
-int load_section_table(section_record *table)
-{
-    if (table == nullptr)
-        return -1;
-    base::errno_guard keep;
-    base::cancel_guard no_cancellation;
-    std::memset(table, 0, QV_SECTION_MAX * sizeof *table);
-    base::unique_fd fd(open_process_maps());
-    if (!fd)
-        return -1;
-
-    fault::hfgets_state reader = {};
-    reader.fd = fd.get();
-    char line[fault::kLineSize];
-    std::size_t count = 0;
-    while (fault::hfgets(line, &reader) != nullptr) {
-        // Reported only when another line follows the last record that fits, whatever that line is.
-        if (count == QV_SECTION_MAX) {
-            console_print("procps_read_maps, exec section number large than %u.\n", QV_SECTION_MAX);
-            break;
-        }
-        fault::mapping_line mapping;
-        if (fault::parse_mapping(line, &mapping) && is_code_mapping(mapping))
-            table[count++] = {mapping.start, mapping.end, 0};
-    }
-    return 0;
 }
 
 } // namespace qv::fault

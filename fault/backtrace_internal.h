@@ -30,9 +30,6 @@ namespace qv::fault {
 // the kernel's cannot be read.
 const char *process_name(char (&buffer)[kCommandNameSize]);
 
-// Fills a table of QV_SECTION_MAX records from /proc, as procps_read_maps() does. Null is ignored.
-int load_section_table(section_record *table);
-
 // Code by the host's text range and by the calling thread's table, without which every address is.
 bool is_code(unsigned long addr);
 

@@ -11,7 +11,6 @@
 #include "fault/machine_context.h"
 #include "fault/running_handlers.h"
 #include "fault/section_table.h"
-#include "fault/signal_format.h"
 #include "log/console_output.h"
 #include "signal_printf.h"
 

@@ -16,7 +16,6 @@
 #include "base/unique_fd.h"
 #include "fault/backtrace_internal.h"
 #include "fault/line_reader.h"
-#include "fault/signal_format.h"
 #include "signal_printf.h"
 
 #include <atomic>
@@ -30,6 +29,9 @@ namespace qv::fault {
 namespace {
 
 using std::uint64_t;
+
+// One for the process: while one thread dies, all threads print on the signal-safe path.
+int signal_context_flag;
 
 // ---- the words ----
 
@@ -407,3 +409,9 @@ bool is_handler_running()
 }
 
 } // namespace qv::fault
+
+extern "C" int in_signal_context(void)
+{
+    using namespace qv::fault;
+    return __atomic_load_n(&signal_context_flag, __ATOMIC_RELAXED) != 0 && is_handler_running() ? 1 : 0;
+}

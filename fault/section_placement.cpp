@@ -8,12 +8,6 @@
 
 using namespace qv;
 
-extern "C" {
-__thread struct section_record section_rec[QV_SECTION_MAX];
-}
-
-static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
-
 namespace qv::fault {
 namespace {
 

@@ -2,17 +2,34 @@
 // The calling thread's table of executable mappings. What needs the loader is in section_placement.cpp.
 #include "fault/section_table.h"
 
+#include "base/cancel_guard.h"
 #include "base/errno_guard.h"
+#include "base/unique_fd.h"
+#include "console_print.h"
 #include "fault/backtrace_internal.h"
+#include "fault/line_reader.h"
+#include "signal_printf.h"
 
 #include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <fcntl.h>
 #include <pthread.h>
+
+extern "C" {
+__thread struct section_record section_rec[QV_SECTION_MAX];
+int qv_handle_thread;
+}
+
+static_assert(sizeof(section_record) == 24 && offsetof(section_record, end) == 8);
 
 namespace qv::fault {
 
 constinit section_placement placement{};
 
 namespace {
+
+constexpr std::size_t kPathSize = 64;
 
 unsigned long thread_pointer()
 {
@@ -63,6 +80,24 @@ borrowed_table *borrow()
     return nullptr;
 }
 
+int open_process_maps()
+{
+    char path[kPathSize];
+    if (qv_handle_thread != 0)
+        signal_snprintf(path, sizeof path, "/proc/%u/task/%u/maps", ::getpid(), thread_id());
+    else
+        signal_snprintf(path, sizeof path, "/proc/%u/maps", ::getpid());
+    return ::open(path, O_RDONLY);
+}
+
+// Permissions read "rwxp": code is executable and not writable, whether readable or not.
+bool is_code_mapping(const mapping_line &mapping)
+{
+    const char *permissions = mapping.permissions;
+    return permissions[0] != '\0' && permissions[1] == '-' && permissions[2] == 'x' && mapping.start != 0 &&
+           mapping.start < mapping.end;
+}
+
 } // namespace
 
 section_record *section_table()
@@ -76,6 +111,34 @@ section_record *section_table()
     }
     borrowed_table *table = find_borrowed();
     return table != nullptr ? table->sections : nullptr;
+}
+
+int load_section_table(section_record *table)
+{
+    if (table == nullptr)
+        return -1;
+    base::errno_guard keep;
+    base::cancel_guard no_cancellation;
+    std::memset(table, 0, QV_SECTION_MAX * sizeof *table);
+    base::unique_fd fd(open_process_maps());
+    if (!fd)
+        return -1;
+
+    hfgets_state reader = {};
+    reader.fd = fd.get();
+    char line[kLineSize];
+    std::size_t count = 0;
+    while (hfgets(line, &reader) != nullptr) {
+        // Reported only when another line follows the last record that fits, whatever that line is.
+        if (count == QV_SECTION_MAX) {
+            console_print("procps_read_maps, exec section number large than %u.\n", QV_SECTION_MAX);
+            break;
+        }
+        mapping_line mapping;
+        if (parse_mapping(line, &mapping) && is_code_mapping(mapping))
+            table[count++] = {mapping.start, mapping.end, 0};
+    }
+    return 0;
 }
 
 handler_section_table::handler_section_table()

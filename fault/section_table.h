@@ -39,6 +39,9 @@ extern section_placement placement;
 // The calling thread's table of QV_SECTION_MAX records, or null when it has none yet.
 section_record *section_table();
 
+// Fills a table of QV_SECTION_MAX records from /proc, as procps_read_maps() does. Null is ignored.
+int load_section_table(section_record *table);
+
 // Gives the calling thread a freshly loaded table during a handler's run. When all tables are borrowed, there is none,
 // and every address counts as code.
 class handler_section_table {

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The signal-safe formatter: a cursor that cannot leave its buffer, the renderer of numbers, the parser of
 // conversions, and the loop over a format.
-#include "fault/signal_format.h"
 #include "signal_printf.h"
 
 #include "base/errno_guard.h"
-#include "fault/running_handlers.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +17,6 @@
 using namespace qv;
 
 int __res;
-int signal_context_flag;
 
 namespace {
 
@@ -437,11 +434,6 @@ int signal_snprintf(char *buf, int size, const char *fmt, ...)
     std::memcpy(buf, text, static_cast<std::size_t>(length));
     buf[length] = '\0';
     return length;
-}
-
-int in_signal_context(void)
-{
-    return __atomic_load_n(&signal_context_flag, __ATOMIC_RELAXED) != 0 && fault::is_handler_running() ? 1 : 0;
 }
 
 } // extern "C"
