@@ -5,6 +5,7 @@
 #include "base/errno_guard.h"
 #include "base/unique_fd.h"
 #include "console_print.h"
+#include "util/exported_variable.h"
 
 #include <cerrno>
 #include <cstring>
@@ -13,12 +14,24 @@
 
 using namespace qv;
 
-int (*mirror_func)(const char *format, va_list ap) = nullptr;
+using mirror_function = int (*)(const char *format, va_list ap);
+
+extern "C" {
+mirror_function mirror_func = nullptr;
+[[gnu::visibility("hidden"), gnu::alias("mirror_func")]] extern mirror_function own_mirror_func;
+} // extern "C"
 
 // The host's answer whether console output is kept off. A host without this function prints.
 extern "C" int qv_is_numa_ssm(void) __attribute__((weak));
 
 namespace {
+
+constinit exported_variable<mirror_function> mirror_variable{own_mirror_func};
+
+[[gnu::constructor]] void choose_mirror_func()
+{
+    mirror_variable.choose(mirror_func);
+}
 
 constexpr std::size_t kConsoleListSize = 256; // of /proc/consoles, terminator included
 
@@ -63,7 +76,7 @@ int console_wanted()
 
 void show_to_mirror(const char *format, va_list ap, int error)
 {
-    auto mirror = mirror_func;
+    auto mirror = *mirror_variable;
     if (mirror == nullptr)
         return;
     va_list copy;
@@ -79,7 +92,7 @@ extern "C" {
 
 int console_print_mfunc_set(int (*fn)(const char *format, va_list ap))
 {
-    mirror_func = fn;
+    *mirror_variable = fn;
     return 0;
 }
 

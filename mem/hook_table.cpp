@@ -13,13 +13,26 @@ hooks::realloc_fn __realloc_hook = nullptr;
 hooks::malloc_fn old_malloc_hook = nullptr;
 hooks::free_fn old_free_hook = nullptr;
 hooks::realloc_fn old_realloc_hook = nullptr;
+[[gnu::visibility("hidden"), gnu::alias("old_malloc_hook")]] extern hooks::malloc_fn own_old_malloc_hook;
+[[gnu::visibility("hidden"), gnu::alias("old_free_hook")]] extern hooks::free_fn own_old_free_hook;
+[[gnu::visibility("hidden"), gnu::alias("old_realloc_hook")]] extern hooks::realloc_fn own_old_realloc_hook;
 } // extern "C"
 
 namespace qv::hooks {
 
 constinit threads::set inside;
+constinit exported_variable<malloc_fn> saved_malloc_hook{own_old_malloc_hook};
+constinit exported_variable<free_fn> saved_free_hook{own_old_free_hook};
+constinit exported_variable<realloc_fn> saved_realloc_hook{own_old_realloc_hook};
 bool intercepting = false;
 size_source block_sizes = size_source::usable_and_word;
+
+void choose_saved_hooks()
+{
+    saved_malloc_hook.choose(old_malloc_hook);
+    saved_free_hook.choose(old_free_hook);
+    saved_realloc_hook.choose(old_realloc_hook);
+}
 
 hook_set current()
 {
@@ -28,7 +41,7 @@ hook_set current()
 
 hook_set old()
 {
-    return {load(old_malloc_hook), load(old_free_hook), load(old_realloc_hook)};
+    return {load(*saved_malloc_hook), load(*saved_free_hook), load(*saved_realloc_hook)};
 }
 
 void install(const hook_set &set)
@@ -40,9 +53,9 @@ void install(const hook_set &set)
 
 void install_old(const hook_set &set)
 {
-    store(old_malloc_hook, set.malloc);
-    store(old_free_hook, set.free);
-    store(old_realloc_hook, set.realloc);
+    store(*saved_malloc_hook, set.malloc);
+    store(*saved_free_hook, set.free);
+    store(*saved_realloc_hook, set.realloc);
 }
 
 // ---- the registry ----

@@ -25,6 +25,7 @@
 #include "qv_mtrace.h"
 
 #include "mem/thread_set.h"
+#include "util/exported_variable.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -77,6 +78,14 @@ bool is(Hook &variable, Hook hook)
 {
     return __atomic_load_n(&variable, __ATOMIC_RELAXED) == hook;
 }
+
+// The exported old_malloc_hook, old_free_hook and old_realloc_hook.
+extern constinit exported_variable<malloc_fn> saved_malloc_hook;
+extern constinit exported_variable<free_fn> saved_free_hook;
+extern constinit exported_variable<realloc_fn> saved_realloc_hook;
+
+// At load, before the first hook is installed.
+void choose_saved_hooks();
 
 struct hook_set {
     malloc_fn malloc = nullptr;
@@ -194,7 +203,7 @@ Hook host_hook(Hook &variable)
 
 inline void *old_malloc(std::size_t size, const void *caller)
 {
-    malloc_fn hook = host_hook(old_malloc_hook);
+    malloc_fn hook = host_hook(*saved_malloc_hook);
     if (hook == nullptr) [[likely]]
         return allocate(size);
     inside_scope scope;
@@ -203,7 +212,7 @@ inline void *old_malloc(std::size_t size, const void *caller)
 
 inline void old_free(void *ptr, const void *caller)
 {
-    free_fn hook = host_hook(old_free_hook);
+    free_fn hook = host_hook(*saved_free_hook);
     if (hook == nullptr) [[likely]]
         return release(ptr);
     inside_scope scope;
@@ -212,7 +221,7 @@ inline void old_free(void *ptr, const void *caller)
 
 inline void *old_realloc(void *ptr, std::size_t size, const void *caller)
 {
-    realloc_fn hook = host_hook(old_realloc_hook);
+    realloc_fn hook = host_hook(*saved_realloc_hook);
     if (hook == nullptr) [[likely]]
         return reallocate(ptr, size);
     inside_scope scope;

@@ -112,6 +112,7 @@ extern "C" [[gnu::constructor(101)]] void my_init_hook(void)
     static bool loaded = false;
     if (!loaded) {
         loaded = true;
+        hooks::choose_saved_hooks();
         hooks::register_own(light::kHooks);
         hooks::register_own(live_blocks::kHooks);
         hooks::register_own(trace_file::kHooks);
@@ -196,14 +197,14 @@ extern "C" {
 
 [[gnu::visibility("default")]] void *malloc(std::size_t size)
 {
-    if (!is_plain(__malloc_hook, plain.malloc, old_malloc_hook)) [[unlikely]]
+    if (!is_plain(__malloc_hook, plain.malloc, *hooks::saved_malloc_hook)) [[unlikely]]
         return malloc_slow_path(size, __builtin_return_address(0));
     return light::counted<hooks::size_in_header>(&light::class_counters::allocs, __libc_malloc(size), size);
 }
 
 [[gnu::visibility("default")]] void free(void *ptr)
 {
-    if (!is_plain(__free_hook, plain.free, old_free_hook)) [[unlikely]]
+    if (!is_plain(__free_hook, plain.free, *hooks::saved_free_hook)) [[unlikely]]
         return free_slow_path(ptr, __builtin_return_address(0));
     light::count_given_up<hooks::size_in_header>(&light::class_counters::frees, ptr);
     __libc_free(ptr);
@@ -211,7 +212,7 @@ extern "C" {
 
 [[gnu::visibility("default")]] void *realloc(void *ptr, std::size_t size)
 {
-    if (!is_plain(__realloc_hook, plain.realloc, old_realloc_hook)) [[unlikely]]
+    if (!is_plain(__realloc_hook, plain.realloc, *hooks::saved_realloc_hook)) [[unlikely]]
         return realloc_slow_path(ptr, size, __builtin_return_address(0));
     light::count_given_up<hooks::size_in_header>(&light::class_counters::releases, ptr);
     return light::counted<hooks::size_in_header>(&light::class_counters::products, __libc_realloc(ptr, size), size);
@@ -220,7 +221,7 @@ extern "C" {
 [[gnu::visibility("default")]] void *calloc(std::size_t count, std::size_t size)
 {
     std::size_t bytes;
-    if (!is_plain(__malloc_hook, plain.malloc, old_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
+    if (!is_plain(__malloc_hook, plain.malloc, *hooks::saved_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
         [[unlikely]]
         return calloc_slow_path(count, size, __builtin_return_address(0));
     // The allocator below knows which blocks the system cleared already, and does not touch those.

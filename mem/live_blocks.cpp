@@ -11,11 +11,15 @@
 
 using namespace qv;
 
+extern "C" {
 pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+[[gnu::visibility("hidden"), gnu::alias("mutex")]] extern pthread_mutex_t own_mutex;
+} // extern "C"
 
 namespace qv::live_blocks {
 
 constinit tracing_state state;
+constinit exported_variable<pthread_mutex_t> table_mutex{own_mutex};
 
 namespace {
 
@@ -30,6 +34,11 @@ namespace {
     for (int i = 0; i < depth; i++)
         chain[static_cast<std::size_t>(i)] = reinterpret_cast<std::uint64_t>(frames[i]);
     return chain;
+}
+
+[[gnu::constructor]] void choose_mutex()
+{
+    table_mutex.choose(mutex);
 }
 
 // ---- records, with `mutex` held ----
@@ -112,7 +121,7 @@ template <typename AfterCall>
 void *traced_malloc(std::size_t size, const void *caller, const call_chain &chain, AfterCall after_call)
 {
     table_lock lock;
-    bool stopped = is_stopped(__malloc_hook, old_malloc_hook);
+    bool stopped = is_stopped(__malloc_hook, *hooks::saved_malloc_hook);
     void *block = hooks::old_malloc(size, caller);
     if (stopped)
         return block;
@@ -126,7 +135,7 @@ template <typename AfterCall>
 void traced_free(void *ptr, const void *caller, AfterCall after_call)
 {
     table_lock lock;
-    bool stopped = is_stopped(__free_hook, old_free_hook);
+    bool stopped = is_stopped(__free_hook, *hooks::saved_free_hook);
     hooks::old_free(ptr, caller);
     if (stopped)
         return;
@@ -140,7 +149,7 @@ void *traced_realloc(void *ptr, std::size_t size, const void *caller, const call
 {
     auto before = reinterpret_cast<std::uintptr_t>(ptr); // the pointer is invalid after the call
     table_lock lock;
-    bool stopped = is_stopped(__realloc_hook, old_realloc_hook);
+    bool stopped = is_stopped(__realloc_hook, *hooks::saved_realloc_hook);
     void *block = hooks::old_realloc(ptr, size, caller);
     if (stopped)
         return block;
@@ -168,7 +177,7 @@ bool takes_mutex_to_child()
 
 void before_fork()
 {
-    if (mutex.__data.__owner == ::gettid())
+    if ((*table_mutex).__data.__owner == ::gettid())
         __atomic_store_n(&forks_with_mutex, threads::self(), __ATOMIC_RELAXED);
 }
 
@@ -183,12 +192,12 @@ void after_fork_in_child()
     bool mine = takes_mutex_to_child();
     forks_with_mutex = 0;
     if (mine) { // the child will unlock it, and may fork before that
-        mutex.__data.__owner = ::gettid();
+        (*table_mutex).__data.__owner = ::gettid();
         return;
     }
-    if (mutex.__data.__lock == 0)
+    if ((*table_mutex).__data.__lock == 0)
         return;
-    pthread_mutex_init(&mutex, nullptr); // its holder is not in the child
+    pthread_mutex_init(&*table_mutex, nullptr); // its holder is not in the child
     if (state.table != nullptr)
         state.blocks = state.table->rebuild();
 }

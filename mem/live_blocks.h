@@ -8,6 +8,7 @@
 
 #include "mem/block_table.h"
 #include "mem/hook_table.h"
+#include "util/exported_variable.h"
 
 #include <cstdint>
 #include <ctime>
@@ -15,10 +16,13 @@
 
 namespace qv::live_blocks {
 
+// The exported `mutex`.
+extern constinit exported_variable<pthread_mutex_t> table_mutex;
+
 class table_lock {
 public:
-    table_lock() { pthread_mutex_lock(&mutex); }
-    ~table_lock() { pthread_mutex_unlock(&mutex); }
+    table_lock() { pthread_mutex_lock(&*table_mutex); }
+    ~table_lock() { pthread_mutex_unlock(&*table_mutex); }
     table_lock(const table_lock &) = delete;
     table_lock &operator=(const table_lock &) = delete;
 };

@@ -8,6 +8,7 @@
 
 #include "fault/crash_notes.h"
 #include "strutil.h"
+#include "util/exported_variable.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -150,8 +151,22 @@ void append_partial(mcache *cache, mcache_page *page)
 } // namespace
 
 extern "C" {
+mcache *zlist = nullptr;
+[[gnu::visibility("hidden"), gnu::alias("zlist")]] extern mcache *own_zlist;
+} // extern "C"
 
-mcache *zlist;
+namespace {
+
+constinit exported_variable<mcache *> newest_cache{own_zlist};
+
+[[gnu::constructor]] void choose_zlist()
+{
+    newest_cache.choose(zlist);
+}
+
+} // namespace
+
+extern "C" {
 
 mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, int page_units)
 {
@@ -178,8 +193,9 @@ mcache *mcache_create(const char *name, unsigned size, void *, unsigned flags, i
     cache->id = __atomic_add_fetch(&last_id, 1, __ATOMIC_RELAXED);
     pthread_spin_init(&cache->lock, PTHREAD_PROCESS_SHARED);
     strlcpy(cache->name, name, sizeof cache->name);
-    cache->next_cache = __atomic_load_n(&zlist, __ATOMIC_RELAXED);
-    while (!__atomic_compare_exchange_n(&zlist, &cache->next_cache, cache, true, __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
+    cache->next_cache = __atomic_load_n(&*newest_cache, __ATOMIC_RELAXED);
+    while (!__atomic_compare_exchange_n(&*newest_cache, &cache->next_cache, cache, true, __ATOMIC_RELEASE,
+                                        __ATOMIC_RELAXED)) {
     }
     return cache;
 }

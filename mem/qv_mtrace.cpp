@@ -25,9 +25,19 @@ static_assert(offsetof(mtrace_stat_record, full) == 4 && offsetof(mtrace_stat_re
 static_assert(offsetof(mtrace_stat_record, light_bytes) == 36 && offsetof(mtrace_stat_record, rows) == 64);
 static_assert(offsetof(mtrace_stat_record, row) == 72);
 
+extern "C" {
 uint64_t time_wait = 1800;
+[[gnu::visibility("hidden"), gnu::alias("time_wait")]] extern uint64_t own_time_wait;
+} // extern "C"
 
 namespace {
+
+constinit exported_variable<uint64_t> leak_age{own_time_wait};
+
+[[gnu::constructor]] void choose_time_wait()
+{
+    leak_age.choose(time_wait);
+}
 
 using live_blocks::call_chain;
 
@@ -94,7 +104,7 @@ private:
 
 bool is_old_enough(const live_blocks::block_record &record, std::uint64_t at)
 {
-    return record.when <= at && at - record.when >= time_wait;
+    return record.when <= at && at - record.when >= *leak_age;
 }
 
 // Collects the blocks that may be leaks until the array is full. Returns the number of live blocks.
@@ -211,7 +221,7 @@ int get_malloc_statistics(leak_group *out, int max)
         return 0;        // reset meanwhile
     if (!work.is_full()) // as a handler prints: console_print() allocates, which the next report would show
         console::print_from_handler("Total record %d,  %d records malloc but not free within %lu(s)\n",
-                                    static_cast<int>(live), static_cast<int>(work.count()), time_wait);
+                                    static_cast<int>(live), static_cast<int>(work.count()), *leak_age);
 
     std::span<malloc_stat_entry> entries = work.entries();
     std::sort(entries.begin(), entries.end(),

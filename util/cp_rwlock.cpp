@@ -2,12 +2,24 @@
 // The ticketed reader-writer spin lock between processes.
 #include "cp_rwlock.h"
 
+#include "util/exported_variable.h"
+
 #include <cstddef>
 #include <cstdint>
 
-struct qv_cp_rwlock *rwlock = nullptr;
+extern "C" {
+qv_cp_rwlock *rwlock = nullptr;
+[[gnu::visibility("hidden"), gnu::alias("rwlock")]] extern qv_cp_rwlock *own_rwlock;
+} // extern "C"
 
 namespace {
+
+constinit qv::exported_variable<qv_cp_rwlock *> record_variable{own_rwlock};
+
+[[gnu::constructor]] void choose_rwlock()
+{
+    record_variable.choose(rwlock);
+}
 
 constexpr std::uint32_t kWriter = 1;
 constexpr std::uint32_t kReader = 2;
@@ -36,7 +48,7 @@ std::uint32_t load(const std::uint32_t *word)
 
 qv_cp_rwlock *record_in_use()
 {
-    return __atomic_load_n(&rwlock, __ATOMIC_RELAXED);
+    return __atomic_load_n(&*record_variable, __ATOMIC_RELAXED);
 }
 
 } // namespace
@@ -46,7 +58,7 @@ extern "C" {
 void *qv_cp_rwlock_init(void *record)
 {
     auto *lock = static_cast<qv_cp_rwlock *>(record);
-    __atomic_store_n(&rwlock, lock, __ATOMIC_RELAXED);
+    __atomic_store_n(&*record_variable, lock, __ATOMIC_RELAXED);
     __atomic_store_n(&lock->lock_state, 0, __ATOMIC_SEQ_CST);
     __atomic_store_n(&lock->now_serving, 0, __ATOMIC_SEQ_CST);
     __atomic_store_n(&lock->next_ticket, 0, __ATOMIC_SEQ_CST);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Versions: of the symbols, and of the loaded library.
+// Versions of the symbols and of the loaded library; hosts with other versions and with names of their own.
 #include "support/support.h"
 
 #include "hashtbl.h"
@@ -34,4 +34,15 @@ TEST(Versions, AHostLinkedWithoutVersionsRuns)
     ChildResult result = run_program({build_dir() + "/tests/old_host"});
     EXPECT_TRUE(result.exited(0)) << result.status << result.err;
     EXPECT_EQ("good\n", result.out);
+}
+
+TEST(Names, WhatAHostCallsTheSameStaysItsOwn)
+{
+    if (under_sanitizer())
+        GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator";
+    ChildResult result = run_program({build_dir() + "/tests/own_names_host"});
+    EXPECT_TRUE(result.killed_by(SIGABRT)) << result.status << result.err;
+    EXPECT_EQ("good\n", result.out);
+    ASSERT_EQ(1u, list_dir("/etc/core").size());
+    EXPECT_NE(std::string::npos, read_file("/etc/core/" + list_dir("/etc/core")[0]).find("(abort+"));
 }
