@@ -21,6 +21,7 @@
 #include <ctime>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/resource.h>
 #include <sys/utsname.h>
 
@@ -195,6 +196,13 @@ void report_versions(int fd)
                   system.machine);
 }
 
+// In a process that is about to end, a thread may hang in whatever the crash left behind.
+bool is_dump_request(const crash_record &rec)
+{
+    return std::find(std::begin(kFaultSignals), std::end(kFaultSignals), static_cast<int>(rec.signo)) ==
+           std::end(kFaultSignals);
+}
+
 void report_details(int fd, const crash_record &rec)
 {
     machine_context machine(rec.uctx);
@@ -210,7 +218,7 @@ void report_details(int fd, const crash_record &rec)
     report_program(fd);
     report_modules(fd);
     report_calls(fd, machine.stack_pointer());
-    report_threads(fd);
+    report_threads(fd, is_dump_request(rec));
     report_stack_words(fd, machine.stack_pointer());
     report_code(fd, machine.program_counter());
     report_memory(fd);

@@ -15,6 +15,7 @@
 #include "signal_printf.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <ctime>
 #include <iterator>
@@ -133,13 +134,54 @@ private:
     long polls_ = 0;
 };
 
-void await_other_logs()
+template <typename Condition>
+void poll_while(Condition is_true)
 {
     constexpr timespec kPoll = {0, 1000000};
     log_patience patience;
-    while (is_other_log_unfinished() && patience.is_left())
+    while (is_true() && patience.is_left())
         ::nanosleep(&kPoll, nullptr);
 }
+
+void await_other_logs()
+{
+    poll_while(is_other_log_unfinished);
+}
+
+// The thread that writes the dump of the process, if any. A child that was forked meanwhile and a thread that a callback
+// left or ended in do not give it back; whoever finds no unfinished log takes it.
+std::atomic<pid_t> dump_writer;
+
+bool take_dump(pid_t thread)
+{
+    pid_t nobody = 0;
+    return dump_writer.compare_exchange_strong(nobody, thread);
+}
+
+// Gives the process's dumps, which have one file name, their turns: they would be written through each other.
+class dump_turn {
+public:
+    void await()
+    {
+        pid_t self = thread_id();
+        if (dump_writer == self)
+            return; // in a handler within a handler
+        poll_while([self, this] { return !(has_turn_ = take_dump(self)) && is_other_log_unfinished(); });
+        if (!has_turn_)
+            dump_writer = self;
+        has_turn_ = true;
+    }
+
+    ~dump_turn()
+    {
+        pid_t self = thread_id();
+        if (has_turn_)
+            dump_writer.compare_exchange_strong(self, 0);
+    }
+
+private:
+    bool has_turn_ = false;
+};
 
 // One run of signal_err(). A dying thread leaves only when no other log is being written: its return ends the process,
 // and threads that crash together would cut each other's logs.
@@ -306,6 +348,10 @@ void signal_err(int sig, siginfo_t *info, void *uctx)
         }
     }
 
+    bool shares_file = rec.log_path[0] == '\0' && qv_handle_thread == 0;
+    dump_turn turn;
+    if (shares_file && is_dump_request(sig))
+        turn.await();
     choose_path(&rec);
     base::unique_fd fd = create_log(rec, prepare_folder(static_cast<int>(rec.signo)),
                                     "!!!!!!WARNING: failed to core dump log file in %s.\n");

@@ -185,25 +185,6 @@ base::unique_fd open_thread_file(pid_t thread, const char *name)
     return base::unique_fd(::open(path, O_RDONLY | O_CLOEXEC));
 }
 
-// The signals that a thread blocks; false when that cannot be read.
-bool read_mask(pid_t thread, uint64_t *mask)
-{
-    base::unique_fd fd = open_thread_file(thread, "status");
-    if (!fd)
-        return false;
-    constexpr char kLabel[] = "SigBlk:\t";
-    fault::hfgets_state reader = {};
-    reader.fd = fd.get();
-    char line[fault::kLineSize];
-    while (fault::hfgets(line, &reader) != nullptr) {
-        if (std::strncmp(line, kLabel, sizeof kLabel - 1) != 0)
-            continue;
-        const char *digits = line + sizeof kLabel - 1;
-        return fault::detail::read_hex_field(&digits, mask);
-    }
-    return false;
-}
-
 // The number in the ninth field of a thread's status line. The second field, the name in brackets, may itself contain
 // blanks and brackets.
 unsigned long flags_field(const char *text, std::size_t length)
@@ -243,7 +224,7 @@ bool was_left(const thread_identity &self, uint64_t word)
     if (thread_of(word) == self.thread)
         return !contains(current_mask(), signal_of(word));
     uint64_t mask;
-    return read_mask(thread_of(word), &mask) && !contains(mask, signal_of(word));
+    return read_blocked_signals(thread_of(word), &mask) && !contains(mask, signal_of(word));
 }
 
 bool is_running(const thread_identity &self, uint64_t word)
@@ -252,6 +233,24 @@ bool is_running(const thread_identity &self, uint64_t word)
 }
 
 } // namespace
+
+bool read_blocked_signals(pid_t thread, std::uint64_t *mask)
+{
+    base::unique_fd fd = open_thread_file(thread, "status");
+    if (!fd)
+        return false;
+    constexpr char kLabel[] = "SigBlk:\t";
+    fault::hfgets_state reader = {};
+    reader.fd = fd.get();
+    char line[fault::kLineSize];
+    while (fault::hfgets(line, &reader) != nullptr) {
+        if (std::strncmp(line, kLabel, sizeof kLabel - 1) != 0)
+            continue;
+        const char *digits = line + sizeof kLabel - 1;
+        return fault::detail::read_hex_field(&digits, mask);
+    }
+    return false;
+}
 
 running_handler::running_handler(int sig, const ucontext_t &interrupted)
 {

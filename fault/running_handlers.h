@@ -10,6 +10,7 @@
 #define LIBCOMMON_FAULT_RUNNING_HANDLERS_H
 
 #include <cstdint>
+#include <sys/types.h>
 #include <ucontext.h>
 
 namespace qv::fault {
@@ -59,6 +60,9 @@ bool is_other_log_unfinished();
 
 // Whether any handler runs in this process.
 bool is_handler_running();
+
+// The signals that a thread of this process blocks: bit n is signal n + 1. False when that cannot be read.
+bool read_blocked_signals(pid_t thread, std::uint64_t *mask);
 
 } // namespace qv::fault
 

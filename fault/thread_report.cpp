@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kernel's view of each thread, read without stopping any: state, system call, stack pointer, program counter.
+// The kernel's view of each thread, read without stopping any: state, system call, stack pointer, program counter. Where
+// the host wants it, the threads are also asked for their own view.
 //
 // For a thread that waits in a futex for a mutex of the C library, the owner is known: its id follows the futex word,
 // and is in the word itself with priority inheritance. The circles of a deadlock are found from the owners.
@@ -9,6 +10,7 @@
 #include "fault/backtrace_internal.h"
 #include "fault/safe_memory.h"
 #include "fault/stack_scan.h"
+#include "fault/thread_walk.h"
 #include "signal_printf.h"
 
 #include <array>
@@ -132,7 +134,7 @@ bool is_thread_of_process(pid_t id)
 
 class thread_reporter {
 public:
-    explicit thread_reporter(int fd) : fd_(fd)
+    thread_reporter(int fd, bool asks_threads) : fd_(fd), asks_threads_(asks_threads)
     {
         timespec now = {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -193,7 +195,16 @@ private:
         if (!is_self)
             read_system_call(&thread);
         signal_printf(fd_, "thread : %d %c %s\n", id, thread.state, thread.name);
-        if (is_self || !thread.has_place)
+        if (is_self)
+            return;
+        report_place(thread);
+        if (asks_threads_)
+            report_walk(thread);
+    }
+
+    void report_place(const thread_state &thread)
+    {
+        if (!thread.has_place)
             return;
         if (thread.has_call)
             signal_printf(fd_, " call  : %ld %016lx %016lx %016lx\n", thread.call, thread.arguments[0],
@@ -202,6 +213,21 @@ private:
             report_wait(thread);
         signal_printf(fd_, " at    : sp %016lx pc %016lx\n", thread.sp, thread.pc);
         report_calls(thread.sp);
+    }
+
+    void report_walk(const thread_state &thread)
+    {
+        thread_walk walk;
+        auto answer = questions_.ask(thread.id, thread.has_place ? thread.sp : 0, &walk);
+        if (answer == walk_questions::answer::unwanted)
+            return;
+        if (answer != walk_questions::answer::given) {
+            signal_printf(fd_, " walk  : none, %s\n", walk_questions::reason(answer));
+            return;
+        }
+        signal_printf(fd_, " walk  : sp %016lx pc %016lx\n", walk.sp, walk.pc);
+        for (int i = 0; i < walk.depth; i++)
+            signal_printf(fd_, " frame : %016lx %016lx\n", walk.frames[i], walk.addrs[i]);
     }
 
     void report_wait(const thread_state &thread)
@@ -287,7 +313,9 @@ private:
     }
 
     int fd_;
+    bool asks_threads_;
     long deadline_;
+    walk_questions questions_;
     safe_memory memory_{safe_memory::subject::module}; // another thread may unmap its stack
     std::size_t wait_count_ = 0;
     std::array<waiting_thread, kMaxWaits> waits_;
@@ -295,9 +323,9 @@ private:
 
 } // namespace
 
-void report_threads(int fd)
+void report_threads(int fd, bool asks_threads)
 {
-    thread_reporter(fd).report();
+    thread_reporter(fd, asks_threads).report();
 }
 
 } // namespace qv::fault

@@ -6,7 +6,8 @@
 namespace qv::fault {
 
 // Writes lines for each thread of the process, and a line for each circle of threads that wait for one another.
-void report_threads(int fd);
+// @param asks_threads  each thread walks its own stack, where the host wants that (see qv_crash_walk_threads())
+void report_threads(int fd, bool asks_threads);
 
 } // namespace qv::fault
 

@@ -159,8 +159,9 @@ std::vector<explained_thread> explain_threads(const crash_log &log, const module
         explained_thread explained{thread, {}, {}};
         if (thread.pc)
             explained.at = modules.resolve(*thread.pc, false);
-        for (const found_word &word : thread.found)
-            explained.calls.push_back(modules.resolve(word.address, true));
+        // What the thread says of itself needs no candidates from its stack.
+        for (const found_word &word : thread.walk.empty() ? thread.found : thread.walk)
+            explained.calls.push_back(modules.resolve(word.address, word.address != thread.pc));
         threads.push_back(std::move(explained));
     }
     return threads;

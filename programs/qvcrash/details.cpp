@@ -173,6 +173,14 @@ private:
             read_into(&text, &thread.pc, 16);
         } else if (text.skip(" found : ")) {
             read_found(text, &thread.found);
+        } else if (text.skip(" walk  : sp ")) {
+            read_into(&text, &thread.sp, 16);
+            text.skip(" pc ");
+            read_into(&text, &thread.pc, 16);
+        } else if (text.skip(" walk  : none, ")) {
+            thread.walk_problem = text.rest();
+        } else if (text.skip(" frame : ")) {
+            read_found(text, &thread.walk);
         } else {
             return false;
         }

@@ -36,6 +36,8 @@ struct detailed_thread {
     std::optional<int> owner; // of what it waits for
     std::optional<std::uint64_t> sp, pc;
     std::vector<found_word> found;
+    std::vector<found_word> walk; // of the thread itself: the program counter first, then return addresses
+    std::string walk_problem;     // why it was asked and has none
 };
 
 // What an object cache found before it ended the process.

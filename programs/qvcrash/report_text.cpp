@@ -196,7 +196,7 @@ private:
     // The first function of a thread is mostly the C library's; those that called it say what the thread is at.
     void write_threads()
     {
-        constexpr std::size_t kMaxCalls = 6;
+        constexpr std::size_t kMaxFound = 6, kMaxWalked = 20;
         if (result_.threads.size() < 2)
             return;
         line("\n  threads");
@@ -206,9 +206,11 @@ private:
             if (thread.owner)
                 text += ": waits for thread " + std::to_string(*thread.owner);
             line(text);
-            std::size_t shown = 0;
+            if (!thread.walk_problem.empty())
+                line("      (without its own walk: " + printable(thread.walk_problem) + ')');
+            std::size_t shown = 0, most = thread.walk.empty() ? kMaxFound : kMaxWalked;
             for (const resolved_address &call : explained.calls) {
-                if (call.frames.empty() || shown == kMaxCalls)
+                if (call.frames.empty() || shown == most)
                     continue;
                 for (const source_frame &source : call.frames)
                     line("      " + printable(describe(source)));

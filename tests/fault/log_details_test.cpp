@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <sys/resource.h>
 #include <thread>
+#include <vector>
 
 using namespace support;
 using namespace crash;
@@ -351,6 +352,192 @@ TEST(LogDetails, EveryThreadIsListed)
             ::usleep(1000);
     });
     EXPECT_EQ(static_cast<std::size_t>(threads) + 1, lines_with(details, "thread : ").size());
+}
+
+// ---- walks of all threads ----
+
+// What is said of a thread, wherever it is.
+std::string lines_of(const std::string &details, const std::string &name)
+{
+    std::size_t at = details.find(" " + name + "\n");
+    return at == std::string::npos ? std::string() : details.substr(at, details.find("\nthread : ", at) - at);
+}
+
+std::atomic<int> waiting;
+
+NO_SANITIZERS void wait_for_ever()
+{
+    waiting++;
+    for (;;)
+        ::pause();
+}
+
+void start_waiting(const char *name, void (*before)() = [] {})
+{
+    int expected = waiting + 1;
+    std::thread([name, before] {
+        name_thread(name);
+        before();
+        wait_for_ever();
+    }).detach();
+    while (waiting != expected)
+        ::usleep(1000);
+}
+
+TEST(ThreadWalks, EachThreadWritesItsOwn)
+{
+    std::string details = dump_details([] {
+        qv_crash_walk_threads();
+        start_waiting("walked");
+    });
+    std::string walked = lines_of(details, "walked");
+    EXPECT_THAT(walked, HasSubstr("\n walk  : sp "));
+    unsigned long start = reinterpret_cast<unsigned long>(&wait_for_ever);
+    bool is_named = false;
+    for (const std::string &line : lines(walked)) {
+        unsigned long address = line.starts_with(" frame : ") ? std::strtoul(line.c_str() + 26, nullptr, 16) : 0;
+        is_named = is_named || (address > start && address < start + 256);
+    }
+    EXPECT_TRUE(is_named) << walked;
+}
+
+TEST(ThreadWalks, AreNotAskedForWithoutTheCall)
+{
+    std::string details = dump_details([] { start_waiting("walked"); });
+    EXPECT_THAT(details, Not(HasSubstr("\n walk  : ")));
+}
+
+TEST(ThreadWalks, ACrashAsksNobody)
+{
+    std::string details = details_of(SIGSEGV, "coredump", [] {
+        qv_crash_walk_threads();
+        start_waiting("walked");
+        write_null();
+    });
+    EXPECT_THAT(details, HasSubstr(" walked\n"));
+    EXPECT_THAT(details, Not(HasSubstr("\n walk  : ")));
+}
+
+TEST(ThreadWalks, AThreadThatBlocksTheSignalIsSkipped)
+{
+    std::string details = dump_details([] {
+        qv_crash_walk_threads();
+        start_waiting("blocked", [] { pthread_ignore_signal(); });
+        start_waiting("open");
+    });
+    EXPECT_THAT(lines_of(details, "blocked"), HasSubstr("\n walk  : none, the thread blocks the signal"));
+    EXPECT_THAT(lines_of(details, "open"), HasSubstr("\n frame : "));
+}
+
+TEST(ThreadWalks, ASignalThatTheHostUsesIsLeftAlone)
+{
+    ChildResult child = run_child([] {
+        ::signal(QV_CRASH_WALK_SIGNAL, SIG_IGN);
+        bool is_refused = qv_crash_walk_threads() == -1 && errno == EBUSY;
+        ::_exit(is_refused ? 0 : 1);
+    });
+    EXPECT_TRUE(child.exited(0));
+}
+
+// Threads come and go while they are asked; the process lives on, and so do its later dumps.
+TEST(ThreadWalks, OfThreadsThatEndMeanwhile)
+{
+    std::string details = dump_details([] {
+        qv_crash_walk_threads();
+        static std::atomic<int> started;
+        for (int i = 0; i < 4; i++) {
+            std::thread([] {
+                for (;;) {
+                    started++;
+                    std::thread([] { ::usleep(300); }).join();
+                }
+            }).detach();
+        }
+        while (started < 8)
+            ::usleep(1000);
+        for (int i = 0; i < 10; i++)
+            std::raise(52);
+    });
+    EXPECT_THAT(details, HasSubstr("\n frame : "));
+}
+
+// A child inherits the questions of its parent's dump, but nobody who would answer.
+TEST(ThreadWalks, AForkedChildAsksItsOwnThreads)
+{
+    std::string details = details_of(52, "attach", [] {
+        qv_crash_walk_threads();
+        start_waiting("parents");
+        std::raise(52);
+        pid_t child = ::fork();
+        if (child == 0) {
+            rename_process("child");
+            std::thread([] {
+                name_thread("childs");
+                wait_for_ever();
+            }).detach();
+            ::usleep(100000);
+            std::raise(52);
+            ::_exit(0);
+        }
+        write_file("/tmp/child", std::to_string(child));
+        int status;
+        while (::waitpid(child, &status, 0) < 0) {
+        }
+    });
+    if (under_sanitizer())
+        return; // the thread sanitizer starts no thread in a child of many threads
+    std::string log = read_file(log_path("child", std::atoi(read_file("/tmp/child").c_str()), "attach", 52));
+    EXPECT_THAT(log, HasSubstr("\n frame : "));
+    EXPECT_THAT(log, Not(HasSubstr("another dump asks")));
+}
+
+TEST(ThreadWalks, OfManyThreads)
+{
+    const int threads = under_emulation() || under_sanitizer() ? 10 : 100;
+    std::string details = dump_details([threads] {
+        qv_crash_walk_threads();
+        for (int i = 0; i < threads; i++)
+            start_waiting("many");
+    });
+    EXPECT_EQ(static_cast<std::size_t>(threads), lines_with(details, " walk  : sp ").size());
+}
+
+// ---- dumps of several threads ----
+
+// One file has room for one dump: a second one waits. A dump's writer stays here for a while.
+std::atomic<bool> is_slow;
+std::atomic<int> writers, dumps;
+
+long write_slowly(unsigned phase, unsigned long, void *)
+{
+    if (phase != QV_COREDUMP_LAST || !is_slow)
+        return 0;
+    if (++writers > 1)
+        ::_exit(91);
+    ::usleep(20000);
+    writers--;
+    dumps++;
+    return 0;
+}
+
+QV_COREDUMP_CALLBACK(write_slowly);
+
+TEST(Dumps, OfSeveralThreadsAreNoMixture)
+{
+    ChildResult child = run_child([] {
+        rename_process("detailed");
+        install_sighandler();
+        for (int i = 0; i < 4; i++)
+            start_waiting("dumped");
+        is_slow = true;
+        std::vector<std::string> threads = list_dir("/proc/self/task");
+        for (const std::string &thread : threads)
+            ::syscall(SYS_tgkill, ::getpid(), std::atoi(thread.c_str()), 52);
+        while (dumps < 5)
+            ::usleep(1000);
+    });
+    ASSERT_TRUE(child.exited(0)) << "91: two write at once";
+    EXPECT_EQ("", read_log(log_path("detailed", child.pid, "attach", 52)).error);
 }
 
 // ---- more signals ----

@@ -4,7 +4,7 @@ if(NOT LIBCOMMON_SANITIZE)
     set(port ${CMAKE_SYSTEM_PROCESSOR})
     set(crash_path backtrace crash_details crash_handler crash_log crash_notes hex_dump log_walk_${port}
         machine_context_${port} module_report module_symbols running_handlers safe_memory section_table signal_format
-        stack_info stack_scan thread_report)
+        stack_info stack_scan thread_report thread_walk)
     list(TRANSFORM crash_path PREPEND "fault/")
     list(APPEND crash_path log/civil_time log/console_handler log/console_platform log/console_sigctx log/handler_format time/zone_offset)
     list(TRANSFORM crash_path PREPEND "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/")
