@@ -27,7 +27,7 @@ namespace {
 
 constexpr std::size_t kPathSize = 64;
 constexpr std::size_t kTextSize = 256;
-constexpr long kSecondsAllowed = 2;
+constexpr long kMillisecondsAllowed = 2000;
 constexpr std::size_t kMaxWaits = 128;        // that are searched for circles
 constexpr unsigned long kScannedStack = 4096; // of a thread that waits
 constexpr int kMaxCalls = 12;                 // return addresses shown of one thread
@@ -134,12 +134,8 @@ bool is_thread_of_process(pid_t id)
 
 class thread_reporter {
 public:
-    thread_reporter(int fd, bool asks_threads) : fd_(fd), asks_threads_(asks_threads)
-    {
-        timespec now = {};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        deadline_ = now.tv_sec + kSecondsAllowed;
-    }
+    thread_reporter(int fd, bool asks_threads) : fd_(fd), asks_threads_(asks_threads), begin_(milliseconds_now())
+    {}
 
     void report()
     {
@@ -179,12 +175,14 @@ private:
         return true;
     }
 
-    bool is_late() const
+    static long milliseconds_now()
     {
         timespec now = {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
-        return now.tv_sec > deadline_;
+        return now.tv_sec * 1000 + now.tv_nsec / 1000000;
     }
+
+    bool is_late() const { return milliseconds_now() - begin_ >= kMillisecondsAllowed; }
 
     void report_thread(pid_t id)
     {
@@ -314,7 +312,7 @@ private:
 
     int fd_;
     bool asks_threads_;
-    long deadline_;
+    long begin_;
     walk_questions questions_;
     safe_memory memory_{safe_memory::subject::module}; // another thread may unmap its stack
     std::size_t wait_count_ = 0;
