@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // qvcrash - reads what crashed processes left. Its manual page describes the commands and exit statuses.
 #include "analysis.h"
+#include "bundle.h"
 #include "group.h"
 #include "report.h"
 #include "symbolizer.h"
@@ -126,6 +127,30 @@ int group(const group_options &options)
     return is_written && result.unreadable == 0 ? kAllRead : kSomeUnread;
 }
 
+struct bundle_options {
+    std::string subject;
+    std::string output;
+};
+
+int bundle(const bundle_options &options)
+{
+    bundle_result result = write_bundle(options.subject, options.output);
+    for (const std::string &problem : result.problems)
+        std::fprintf(stderr, "qvcrash: %s\n", problem.c_str());
+    if (result.path.empty())
+        return kSomeUnread;
+    for (const std::string &file : result.files)
+        std::printf("  %s\n", file.c_str());
+    std::printf("%s\n", result.path.c_str());
+    return result.problems.empty() ? kAllRead : kSomeUnread;
+}
+
+void describe_bundle(CLI::App *command, bundle_options *options)
+{
+    command->add_option("PID|LOG", options->subject, "A process that runs, or a log")->required();
+    command->add_option("--out", options->output, "Name of the archive, which must not exist");
+}
+
 void describe_group(CLI::App *command, group_options *options)
 {
     command->add_option("PATH", options->paths, "Logs, folders and archives of logs")->required();
@@ -161,12 +186,18 @@ int run(int argc, char **argv)
     group_options grouping;
     CLI::App *group_command = program.add_subcommand("group", "Count crash logs by their bug");
     describe_group(group_command, &grouping);
+    bundle_options bundling;
+    CLI::App *bundle_command =
+        program.add_subcommand("bundle", "Put all that support needs of a process or crash into one archive");
+    describe_bundle(bundle_command, &bundling);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         int status = program.exit(error);
         return status == 0 ? kAllRead : kUsage;
     }
+    if (bundle_command->parsed())
+        return bundle(bundling);
     return group_command->parsed() ? group(grouping) : show(options);
 }
 

@@ -16,18 +16,18 @@ namespace {
 
 constexpr int kMaxEntries = 100000;
 
-int open_in_root(int folder, const char *path, std::uint64_t flags)
+int open_in_root(int folder, const char *path, std::uint64_t flags, std::uint64_t resolve = 0)
 {
     open_how how = {};
     how.flags = flags | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS | resolve;
     return static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how));
 }
 
 // Non-blocking, since a hostile image may hold a FIFO in a file's place.
-open_file open_regular(int folder, const std::string &path)
+open_file open_regular(int folder, const std::string &path, std::uint64_t resolve)
 {
-    open_file file(open_in_root(folder, path.c_str(), O_RDONLY | O_NONBLOCK));
+    open_file file(open_in_root(folder, path.c_str(), O_RDONLY | O_NONBLOCK, resolve));
     struct stat status;
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return open_file();
@@ -83,9 +83,9 @@ root_folder::root_folder(std::string path)
     : path_(std::move(path)), folder_(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
 {}
 
-open_file root_folder::open(std::string_view path) const
+open_file root_folder::open(std::string_view path, links allowed) const
 {
-    return open_regular(folder_.get(), std::string(path));
+    return open_regular(folder_.get(), std::string(path), allowed == links::none ? RESOLVE_NO_SYMLINKS : 0);
 }
 
 std::string root_folder::display(std::string_view path) const

@@ -38,8 +38,11 @@ public:
 
     const std::string &path() const { return path_; }
 
+    /** Which symbolic links are followed: those that stay inside when the folder is taken for the root, or none. */
+    enum class links { inside, none };
+
     /** Opens a regular file for reading; an empty handle when there is none. */
-    open_file open(std::string_view path) const;
+    open_file open(std::string_view path, links allowed = links::inside) const;
 
     /** Where a path of the other machine lies on this one, for messages. */
     std::string display(std::string_view path) const;
