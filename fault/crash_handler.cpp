@@ -34,7 +34,7 @@ extern "C" {
 
 namespace qv::fault {
 
-int g_attach_signal = SIGALRM;
+int g_attach_signal = base::kAttachSignal;
 int g_signals_armed_by = 0;
 std::atomic<std::size_t> g_fault_signal_count = kDefaultFaultSignals;
 

@@ -3,6 +3,8 @@
 #ifndef LIBCOMMON_FAULT_CRASH_HANDLER_H
 #define LIBCOMMON_FAULT_CRASH_HANDLER_H
 
+#include "base/log_names.h"
+
 #include <atomic>
 #include <csignal>
 #include <cstddef>
@@ -10,9 +12,8 @@
 
 namespace qv::fault {
 
-// Fixed numbers, agreed with the tools that send them, whatever the C library's SIGRTMIN is.
-inline constexpr int kDumpFileSignal = 51;
-inline constexpr int kBacktraceSignal = 52;
+using base::kBacktraceSignal;
+using base::kDumpFileSignal;
 
 // In the order in which they are reset. The handler takes the first four; the others when a host asks for them.
 inline constexpr int kFaultSignals[] = {SIGBUS, SIGABRT, SIGSEGV, SIGILL, SIGFPE, SIGTRAP, SIGSYS};

@@ -4,6 +4,7 @@
 
 #include "backtrace.h"
 #include "base/errno_guard.h"
+#include "base/log_names.h"
 #include "fault/backtrace_internal.h"
 #include "fault/log_walk.h"
 #include "fault/machine_context.h"
@@ -32,11 +33,11 @@ const char *word_of(log_kind kind)
 {
     switch (kind) {
     case log_kind::coredump:
-        return "coredump";
+        return base::kCoredumpWord;
     case log_kind::attach:
-        return "attach";
+        return base::kAttachWord;
     case log_kind::term:
-        return "term";
+        return base::kTermWord;
     }
     return "";
 }

@@ -24,7 +24,6 @@ using fault::g_signals_armed_by;
 using fault::kBacktraceSignal;
 using fault::kDumpFileSignal;
 
-constexpr int kDefaultAttachSignal = SIGALRM;
 constexpr int kReservedSignal = 50; // of the system's tools, as kDumpFileSignal and kBacktraceSignal
 
 struct armed_signal {
@@ -83,7 +82,7 @@ extern "C" {
 void *install_sighandler(void)
 {
     qv_record_process_info();
-    return install_sighandler2(kDefaultAttachSignal);
+    return install_sighandler2(base::kAttachSignal);
 }
 
 void *install_sighandler2(int sig)

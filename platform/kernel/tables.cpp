@@ -5,6 +5,7 @@
 #include "base/unique_fd.h"
 #include "config.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -150,24 +151,36 @@ void remove_orphans()
     ::closedir(folder);
 }
 
+template <typename Entry>
+Entry *find_by_id(std::span<Entry> entries, unsigned id)
+{
+    auto found = std::find_if(entries.begin(), entries.end(), [id](const Entry &one) { return one.id == id; });
+    return found != entries.end() ? &*found : nullptr;
+}
+
+template <typename Entry>
+bool has_name(const Entry &one, const char *name)
+{
+    return std::strncmp(one.name, name, sizeof one.name) == 0;
+}
+
+template <typename Entry>
+Entry *find_by_name(std::span<Entry> entries, const char *name)
+{
+    auto found = std::find_if(entries.begin(), entries.end(), [name](const Entry &one) { return has_name(one, name); });
+    return found != entries.end() ? &*found : nullptr;
+}
+
 } // namespace
 
 vsys *tables::find_vsys(unsigned id)
 {
-    for (vsys &one : std::span(all_vsys, vsys_count)) {
-        if (one.id == id)
-            return &one;
-    }
-    return nullptr;
+    return find_by_id(std::span(all_vsys, vsys_count), id);
 }
 
 vsys *tables::find_vsys(const char *name)
 {
-    for (vsys &one : std::span(all_vsys, vsys_count)) {
-        if (std::strncmp(one.name, name, sizeof one.name) == 0)
-            return &one;
-    }
-    return nullptr;
+    return find_by_name(std::span(all_vsys, vsys_count), name);
 }
 
 vr *tables::find_vr(unsigned id)
@@ -178,7 +191,7 @@ vr *tables::find_vr(unsigned id)
 vr *tables::find_vr(unsigned vsys, const char *name)
 {
     for (vr &one : vrs) {
-        if (one.name[0] != '\0' && one.vsys == vsys && std::strncmp(one.name, name, sizeof one.name) == 0)
+        if (one.name[0] != '\0' && one.vsys == vsys && has_name(one, name))
             return &one;
     }
     return nullptr;
@@ -186,20 +199,12 @@ vr *tables::find_vr(unsigned vsys, const char *name)
 
 interface *tables::find_interface(unsigned id)
 {
-    for (interface &one : std::span(interfaces, interface_count)) {
-        if (one.id == id)
-            return &one;
-    }
-    return nullptr;
+    return find_by_id(std::span(interfaces, interface_count), id);
 }
 
 interface *tables::find_interface(const char *name)
 {
-    for (interface &one : std::span(interfaces, interface_count)) {
-        if (std::strncmp(one.name, name, sizeof one.name) == 0)
-            return &one;
-    }
-    return nullptr;
+    return find_by_name(std::span(interfaces, interface_count), name);
 }
 
 tables *attach(const char *config)

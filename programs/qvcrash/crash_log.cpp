@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "crash_log.h"
 
+#include "base/log_names.h"
+
 #include <algorithm>
 #include <charconv>
 #include <limits>
@@ -418,8 +420,8 @@ private:
 
     static bool is_dump_request(int signal)
     {
-        constexpr int kRequests[] = {14, 51, 52};
-        return std::find(std::begin(kRequests), std::end(kRequests), signal) != std::end(kRequests);
+        using namespace qv::base;
+        return signal == kAttachSignal || signal == kDumpFileSignal || signal == kBacktraceSignal;
     }
 
     std::string_view rest_;
@@ -471,11 +473,11 @@ const char *name_of(log_kind kind)
 {
     switch (kind) {
     case log_kind::coredump:
-        return "coredump";
+        return qv::base::kCoredumpWord;
     case log_kind::attach:
-        return "attach";
+        return qv::base::kAttachWord;
     case log_kind::term:
-        return "term";
+        return qv::base::kTermWord;
     case log_kind::backtrace:
         return "backtrace";
     case log_kind::allocation:
