@@ -148,8 +148,8 @@ void await_other_logs()
     poll_while(is_other_log_unfinished);
 }
 
-// The thread that writes the dump of the process, if any. A child that was forked meanwhile and a thread that a callback
-// left or ended in do not give it back; whoever finds no unfinished log takes it.
+// The thread that writes the dump of the process, if any. A child that was forked meanwhile and a thread that a
+// callback left or ended in do not give it back; whoever finds no unfinished log takes it.
 std::atomic<pid_t> dump_writer;
 
 bool take_dump(pid_t thread)

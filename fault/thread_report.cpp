@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kernel's view of each thread, read without stopping any: state, system call, stack pointer, program counter. Where
-// the host wants it, the threads are also asked for their own view.
+// The kernel's view of each thread, read without stopping any: state, system call, stack pointer, program counter.
+// Where the host wants it, the threads are also asked for their own view.
 //
 // For a thread that waits in a futex for a mutex of the C library, the owner is known: its id follows the futex word,
 // and is in the word itself with priority inheritance. The circles of a deadlock are found from the owners.
@@ -134,8 +134,7 @@ bool is_thread_of_process(pid_t id)
 
 class thread_reporter {
 public:
-    thread_reporter(int fd, bool asks_threads) : fd_(fd), asks_threads_(asks_threads), begin_(milliseconds_now())
-    {}
+    thread_reporter(int fd, bool asks_threads) : fd_(fd), asks_threads_(asks_threads), begin_(milliseconds_now()) {}
 
     void report()
     {

@@ -126,8 +126,7 @@ bool blocks_signal(pid_t thread)
 bool has_room(pid_t thread, unsigned long sp)
 {
     unsigned long word;
-    return sp == 0 || thread == ::getpid() ||
-           safe_memory(safe_memory::subject::module).load(sp - kHandlerStack, &word);
+    return sp == 0 || thread == ::getpid() || safe_memory(safe_memory::subject::module).load(sp - kHandlerStack, &word);
 }
 
 bool is_own_handler(const struct sigaction &action)

@@ -24,13 +24,13 @@ class walk_questions {
 public:
     enum class answer {
         given,
-        unwanted,  // the host has not asked for walks
-        blocked,   // the thread blocks the signal
-        no_room,   // too little of its stack is left for a handler
-        refused,   // the kernel queues no more signals, or the thread is gone
-        none,      // it did not answer in time
-        busy,      // another thread's dump asks, or an earlier one's answer is still being written
-        no_time,   // the two seconds are over
+        unwanted, // the host has not asked for walks
+        blocked,  // the thread blocks the signal
+        no_room,  // too little of its stack is left for a handler
+        refused,  // the kernel queues no more signals, or the thread is gone
+        none,     // it did not answer in time
+        busy,     // another thread's dump asks, or an earlier one's answer is still being written
+        no_time,  // the two seconds are over
     };
 
     walk_questions();

@@ -66,8 +66,8 @@ typedef struct heap_layout {
  * The five functions work on it as on one from __heap_new() whose callbacks compare that time and store that position,
  * but call nothing: the heap keeps the key beside the pointer, for 16 bytes an element. The time is read at insertion;
  * an element's time must not change while it is in the heap. Positions are valid at once and the earliest element is
- * always at 1, but up to 64 others wait until it leaves before they are sorted: one that is deleted before that is never
- * compared with the others.
+ * always at 1, but up to 64 others wait until it leaves before they are sorted: one that is deleted before that is
+ * never compared with the others.
  *
  * Where the process has replaced one of the five, the heap is made by __heap_new() with the given callbacks instead.
  * @param higher_priority, set_index  do what the layout says

@@ -15,7 +15,8 @@
 #define LIBCOMMON_VERSION_PATCH 0
 #define LIBCOMMON_VERSION "1.0.0"
 
-/* The version as one number, for comparisons by the preprocessor: LIBCOMMON_VERSION_NUMBER >= 10200 is 1.2.0 or later. */
+/* The version as one number, for comparisons by the preprocessor: LIBCOMMON_VERSION_NUMBER >= 10200 is 1.2.0 or later.
+ */
 #define LIBCOMMON_VERSION_NUMBER                                                                                       \
     (LIBCOMMON_VERSION_MAJOR * 10000 + LIBCOMMON_VERSION_MINOR * 100 + LIBCOMMON_VERSION_PATCH)
 

@@ -221,8 +221,8 @@ extern "C" {
 [[gnu::visibility("default")]] void *calloc(std::size_t count, std::size_t size)
 {
     std::size_t bytes;
-    if (!is_plain(__malloc_hook, plain.malloc, *hooks::saved_malloc_hook) || __builtin_mul_overflow(count, size, &bytes))
-        [[unlikely]]
+    if (!is_plain(__malloc_hook, plain.malloc, *hooks::saved_malloc_hook) ||
+        __builtin_mul_overflow(count, size, &bytes)) [[unlikely]]
         return calloc_slow_path(count, size, __builtin_return_address(0));
     // The allocator below knows which blocks the system cleared already, and does not touch those.
     return light::counted<hooks::size_in_header>(&light::class_counters::allocs, __libc_calloc(count, size), bytes);

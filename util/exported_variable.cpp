@@ -24,7 +24,7 @@ const T *at(ElfW(Addr) address, ElfW(Addr) bias)
     return reinterpret_cast<const T *>(address < bias ? address + bias : address);
 }
 
-relocation_table read_dynamic_section(const ElfW(Dyn) *entry, ElfW(Addr) bias)
+relocation_table read_dynamic_section(const ElfW(Dyn) * entry, ElfW(Addr) bias)
 {
     relocation_table table;
     table.bias = bias;

@@ -7,8 +7,8 @@
 //                     copy replaces the library's variable for everybody, and a relocation of the executable says so.
 //     the host's own  A variable or function of the host that happens to have the name. It is not for the library.
 //
-// So the library uses each such variable through a pointer: to the copy if the executable has one, else to the library's
-// own definition, which it finds by a hidden second name.
+// So the library uses each such variable through a pointer: to the copy if the executable has one, else to the
+// library's own definition, which it finds by a hidden second name.
 #ifndef LIBCOMMON_UTIL_EXPORTED_VARIABLE_H
 #define LIBCOMMON_UTIL_EXPORTED_VARIABLE_H
 

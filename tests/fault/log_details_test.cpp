@@ -372,7 +372,8 @@ NO_SANITIZERS void wait_for_ever()
         ::pause();
 }
 
-void start_waiting(const char *name, void (*before)() = [] {})
+void start_waiting(
+    const char *name, void (*before)() = [] {})
 {
     int expected = waiting + 1;
     std::thread([name, before] {

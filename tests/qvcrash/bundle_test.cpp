@@ -124,9 +124,9 @@ TEST(QvcrashBundle, NothingIsOverwritten)
 {
     make_logs();
     write_file("/tmp/kept", "kept");
-    EXPECT_TRUE(run_program({build_dir() + "/qvcrash", "bundle", "--out", "/tmp/kept",
-                             "/etc/core/routed77.coredump.11.log"})
-                    .exited(1));
+    EXPECT_TRUE(
+        run_program({build_dir() + "/qvcrash", "bundle", "--out", "/tmp/kept", "/etc/core/routed77.coredump.11.log"})
+            .exited(1));
     EXPECT_EQ("kept", read_file("/tmp/kept"));
 }
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A host that was linked with a libcommon without symbol versions: reads and writes variables of the library, replaces a
- * function, and allocates. Its variables are copies, since it is not position-independent.
+/* A host that was linked with a libcommon without symbol versions: reads and writes variables of the library, replaces
+ * a function, and allocates. Its variables are copies, since it is not position-independent.
  */
 #include <debug_trace.h>
 #include <hashtbl.h>
