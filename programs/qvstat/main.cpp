@@ -2,8 +2,10 @@
 // qvstat - looks into running processes that have the library loaded. Its manual page describes the commands and exit
 // statuses.
 #include "control.h"
+#include "metrics_server.h"
 #include "report.h"
 #include "sample.h"
+#include "top.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -23,11 +25,14 @@ using namespace qvstat;
 enum exit_status { kDone = 0, kNotDone = 1, kUsage = 2 };
 
 constexpr double kDefaultInterval = 0.2; // seconds
+constexpr double kTopInterval = 2;
 
 struct command_line {
     std::vector<std::string> words; // a process and what to do with it
     std::vector<std::string> debug_folders;
-    double interval = kDefaultInterval;
+    std::optional<double> interval; // seconds
+    std::string listen;
+    bool as_openmetrics = false;
     std::optional<std::uint64_t> after; // seconds
     bool shows_threads = false;
     bool as_json = false;
@@ -51,7 +56,7 @@ void wait(double seconds)
 int list(const command_line &line)
 {
     machine_sample before = read_machine();
-    wait(line.interval);
+    wait(line.interval.value_or(kDefaultInterval));
     machine_sample now = read_machine();
     set_rates(&now, before);
     print(line.as_json ? list_json(now) : list_text(now));
@@ -60,6 +65,33 @@ int list(const command_line &line)
     if (now.hidden != 0)
         complain("processes of other users that cannot be looked into: " + std::to_string(now.hidden));
     return now.refused.empty() ? kDone : kNotDone;
+}
+
+std::string metrics()
+{
+    return openmetrics_text(read_machine());
+}
+
+int export_metrics(const command_line &line)
+{
+    if (line.listen.empty()) {
+        print(metrics());
+        return kDone;
+    }
+    auto is_ready = [](const std::string &url) {
+        print("listening at " + url + '\n');
+        std::fflush(stdout);
+    };
+    complain(serve_metrics(line.listen, is_ready, metrics));
+    return kNotDone;
+}
+
+int top(const command_line &line)
+{
+    if (show_top(line.interval.value_or(kTopInterval)))
+        return kDone;
+    complain("this needs a terminal, and its name in TERM");
+    return kNotDone;
 }
 
 std::vector<placed_leak> place(std::vector<leak_group> groups, code_places *places)
@@ -123,7 +155,7 @@ std::optional<process_sample> sample_of(pid_t process, double interval)
 
 int show(pid_t process, const command_line &line)
 {
-    auto sample = sample_of(process, line.interval);
+    auto sample = sample_of(process, line.interval.value_or(kDefaultInterval));
     if (!sample)
         return kNotDone;
     code_places places(*sample->process, line.debug_folders);
@@ -192,7 +224,9 @@ int run(const command_line &line)
 {
     const std::vector<std::string> &words = line.words;
     if (words.empty())
-        return list(line);
+        return line.as_openmetrics ? export_metrics(line) : list(line);
+    if (words.size() == 1 && words[0] == "top")
+        return top(line);
     auto process = number_of(words[0]);
     if (process && words.size() == 1)
         return show(*process, line);
@@ -202,7 +236,7 @@ int run(const command_line &line)
     bool is_trace = words.size() == 3 && words[1] == "trace" && (words[2] == "on" || words[2] == "off");
     if (process && (is_dump || is_trace))
         return control(*process, words);
-    complain("usage: qvstat [PID [dump | leaks | trace on | trace off]]; qvstat --help lists the options");
+    complain("usage: qvstat [top | PID [dump | leaks | trace on | trace off]]; qvstat --help lists the options");
     return kUsage;
 }
 
@@ -213,12 +247,16 @@ int main(int argc, char **argv)
     CLI::App program("Looks into running processes that have libcommon loaded.", "qvstat");
     command_line line;
     program.add_option("WHAT", line.words,
-                       "Nothing for all processes; else a process id, and dump, leaks, trace on or trace off");
+                       "Nothing for all processes, or top; else a process id, and dump, leaks, trace on or trace off");
     program.add_flag("--threads", line.shows_threads, "Show each thread of the process and what it waits for");
     program.add_flag("--json", line.as_json, "One object for each process, one to a line");
     program.add_option("--after", line.after, "Only blocks at least this many seconds old are leaks");
     program.add_option("--interval", line.interval, "Seconds over which rates are measured")
         ->check(CLI::Range(0.01, 3600.0));
+    CLI::Option *openmetrics =
+        program.add_flag("--openmetrics", line.as_openmetrics, "All processes in the OpenMetrics text format");
+    program.add_option("--listen", line.listen, "Serve the metrics at [HOST:]PORT; without a host, on the loopback")
+        ->needs(openmetrics);
     program.add_option("--debug", line.debug_folders, "Folder with separate debug files")->allow_extra_args(false);
     try {
         program.parse(argc, argv);

@@ -41,6 +41,12 @@ void fill_caches()
     mcache_create("empty", 16, nullptr, 0, 2);
 }
 
+void name_strangely()
+{
+    for (const char *name : {"a \"b\\c\xff", "twice", "twice"})
+        kept.push_back(mcache_alloc(mcache_create(name, 16, nullptr, 0, 1)));
+}
+
 std::mutex first_lock, second_lock;
 std::binary_semaphore has_first(0), has_second(0);
 
@@ -70,6 +76,8 @@ void act(const std::string &what)
         kept.push_back(std::malloc(kLargeBlock));
     } else if (what == "caches") {
         fill_caches();
+    } else if (what == "strange-names") {
+        name_strangely();
     } else if (what == "deadlock") {
         make_deadlock();
     } else if (what == "handlers") {

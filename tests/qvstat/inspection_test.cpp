@@ -339,7 +339,8 @@ private:
 TEST(DamagedRecord, EachWordMayHoldAnything)
 {
     constexpr std::uint32_t kValues[] = {3, 0xffffffff};
-    for (std::size_t word = 0; word < sizeof(qv_inspect_record) / sizeof(std::uint32_t); word++) {
+    const std::size_t step = under_sanitizer() || under_emulation() ? 3 : 1;
+    for (std::size_t word = 0; word < sizeof(qv_inspect_record) / sizeof(std::uint32_t); word += step) {
         for (std::uint32_t value : kValues) {
             qv_inspect_record record = qv_inspect;
             std::memcpy(reinterpret_cast<char *>(&record) + word * sizeof value, &value, sizeof value);

@@ -2,9 +2,14 @@
 // The command qvstat, run as an engineer would on processes that have the library loaded.
 #include "support/support.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <nlohmann/json.hpp>
+#include <pty.h>
 #include <regex>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -288,6 +293,188 @@ TEST(Trace, IsSwitchedOnAndOff)
     EXPECT_EQ("light", qvstat_json({host.id()})["trace"]);
     EXPECT_THAT(qvstat({host.id(), "trace", "off"}).out, HasSubstr("no trace"));
 }
+
+// ---- metrics ----
+
+// Checks a text by the parser of a client of another make.
+void expect_openmetrics(const std::string &text)
+{
+    write_file("/tmp/metrics", text);
+    if (!run_program({"/usr/bin/python3", "-c", "import prometheus_client.openmetrics.parser"}).exited(0))
+        GTEST_SKIP() << "python3-prometheus-client is not installed";
+    ChildResult result =
+        run_program({"/usr/bin/python3", "-c",
+                     "from prometheus_client.openmetrics.parser import text_string_to_metric_families as parse\n"
+                     "print(sum(len(f.samples) for f in parse(open('/tmp/metrics').read())))"});
+    EXPECT_TRUE(result.exited(0)) << result.err << text;
+}
+
+TEST(Metrics, HaveEachProcess)
+{
+    Host first({"caches"}), second({"large"});
+    ChildResult result = qvstat({"--openmetrics"});
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    std::string labels = "{pid=\"" + first.id() + "\",name=\"inspected_host\"";
+    EXPECT_THAT(result.out, HasSubstr("libcommon_cache_objects" + labels + ",cache=\"sessions\"} 200\n"));
+    EXPECT_THAT(result.out, HasSubstr("libcommon_heap_bytes{pid=\"" + second.id() + "\""));
+    EXPECT_TRUE(result.out.ends_with("\n# EOF\n"));
+    expect_openmetrics(result.out);
+}
+
+TEST(Metrics, NamesMayHoldAnything)
+{
+    Host host({"strange-names"});
+    ChildResult result = qvstat({"--openmetrics"});
+    EXPECT_THAT(result.out, HasSubstr(",cache=\"a \\\"b\\\\c?\"} 1\n"));
+    EXPECT_THAT(result.out, HasSubstr(",cache=\"twice\"} 2\n")) << "two caches of one name are one series";
+    expect_openmetrics(result.out);
+}
+
+// A running qvstat that serves metrics.
+class Server {
+public:
+    Server()
+    {
+        int output[2];
+        if (pipe(output) != 0)
+            abort();
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(output[1], STDOUT_FILENO);
+            close(output[0]);
+            execl(kProgram.c_str(), "qvstat", "--openmetrics", "--listen", "0", nullptr);
+            _exit(1);
+        }
+        close(output[1]);
+        char c;
+        while (read(output[0], &c, 1) == 1 && c != '\n')
+            greeting_ += c;
+        close(output[0]);
+    }
+
+    ~Server()
+    {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    const std::string &greeting() const { return greeting_; }
+
+    int connect() const
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        std::size_t colon = greeting_.rfind(':');
+        address.sin_port = htons(static_cast<std::uint16_t>(std::atoi(greeting_.c_str() + colon + 1)));
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address)) << greeting_;
+        return fd;
+    }
+
+    std::string ask(const std::string &request) const
+    {
+        int fd = connect();
+        EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
+        std::string answer;
+        char part[4096];
+        ssize_t size;
+        while ((size = read(fd, part, sizeof part)) > 0)
+            answer.append(part, static_cast<std::size_t>(size));
+        close(fd);
+        return answer;
+    }
+
+private:
+    pid_t pid_;
+    std::string greeting_;
+};
+
+TEST(Server, AnswersOnTheLoopback)
+{
+    Host host({"caches"});
+    Server server;
+    EXPECT_THAT(server.greeting(), testing::StartsWith("listening at http://127.0.0.1:"));
+    std::string answer = server.ask("GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_THAT(answer, testing::StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_THAT(answer, HasSubstr("Content-Type: application/openmetrics-text; version=1.0.0; charset=utf-8\r\n"));
+    EXPECT_THAT(answer, HasSubstr("pid=\"" + host.id() + "\""));
+    EXPECT_TRUE(answer.ends_with("# EOF\n"));
+}
+
+TEST(Server, SurvivesWrongClients)
+{
+    Server server;
+    EXPECT_THAT(server.ask("GET / HTTP/1.1\r\n\r\n"), testing::StartsWith("HTTP/1.1 404 "));
+    EXPECT_THAT(server.ask("POST /metrics HTTP/1.1\r\n\r\n"), testing::StartsWith("HTTP/1.1 405 "));
+    EXPECT_THAT(server.ask("\r\n\r\n"), testing::StartsWith("HTTP/1.1 405 "));
+    close(server.connect()); // without a request
+    EXPECT_THAT(server.ask("GET /metrics?x HTTP/1.0\r\n\r\n"), testing::StartsWith("HTTP/1.1 200 "));
+}
+
+TEST(Server, SaysWhyItCannotServe)
+{
+    ChildResult result = qvstat({"--openmetrics", "--listen", "127.0.0.1:none"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.err, HasSubstr("127.0.0.1:none: "));
+}
+
+// ---- the screen ----
+
+// The sandbox has no pseudo-terminals.
+bool mount_terminals()
+{
+    return mkdir("/dev/pts", 0755) == 0 && mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666") == 0 &&
+           symlink("pts/ptmx", "/dev/ptmx") == 0;
+}
+
+TEST(Top, ShowsAndSortsUntilQ)
+{
+    if (!mount_terminals())
+        GTEST_SKIP() << "no pseudo-terminals here";
+    Host host({"large"});
+    winsize size = {200, 160, 0, 0};
+    int terminal;
+    pid_t child = forkpty(&terminal, nullptr, nullptr, &size);
+    ASSERT_LE(0, child);
+    if (child == 0) {
+        setenv("TERM", "vt100", 1);
+        execl(kProgram.c_str(), "qvstat", "top", "--interval", "0.2", nullptr);
+        _exit(77);
+    }
+    std::string screen;
+    auto read_until = [&](const std::string &wanted) {
+        char part[4096];
+        ssize_t got;
+        while (screen.find(wanted) == std::string::npos && (got = read(terminal, part, sizeof part)) > 0)
+            screen.append(part, static_cast<std::size_t>(got));
+        return screen.find(wanted) != std::string::npos;
+    };
+    EXPECT_TRUE(read_until("by heap")) << screen;
+    EXPECT_TRUE(read_until(host.id())) << screen;
+    EXPECT_EQ(1, write(terminal, "p", 1));
+    EXPECT_TRUE(read_until("process; sort")) << screen;
+    EXPECT_EQ(1, write(terminal, "q", 1));
+    char rest[4096];
+    while (read(terminal, rest, sizeof rest) > 0) {
+    }
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    close(terminal);
+}
+
+TEST(Top, NeedsATerminal)
+{
+    ChildResult result = qvstat({"top"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.err, HasSubstr("terminal"));
+}
+
+// ---- refusals ----
 
 TEST(Refusal, ProcessWithoutTheLibrary)
 {
