@@ -9,12 +9,16 @@ import argparse
 import os
 import pathlib
 import re
+import resource
 import shutil
+import signal
 import subprocess
 import sys
 
+PRODUCTS = ("base", "container", "fault", "log", "mem", "net", "platform", "time", "util")
 CASE_SECONDS = 30
 RUN_SECONDS = 300
+MOST_MEMORY = 4 << 30  # of a process: a mutant may allocate in an endless loop
 
 # Each operator: its name, what it looks for, and what it puts in its place. One mutant a match.
 OPERATORS = [
@@ -81,32 +85,37 @@ class Workshop:
         self.run("cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
                  "-DLIBCOMMON_BUILD_BENCH=OFF", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", check=True)
 
-    def run(self, *command, check=False):
-        try:
-            done = subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                  stderr=subprocess.STDOUT, timeout=RUN_SECONDS, check=False)
-        except subprocess.TimeoutExpired:
-            return False
-        if check and done.returncode != 0:
-            sys.exit(done.stdout.decode(errors="replace")[-4000:])
-        return done.returncode == 0
+    @staticmethod
+    def run(*command, check=False):
+        """Whether the command succeeds; a checked one takes as long as it needs and ends the program if it fails."""
+        with subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, start_new_session=True,
+                              preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))) as child:
+            try:
+                output, _ = child.communicate(timeout=None if check else RUN_SECONDS)
+            except subprocess.TimeoutExpired:
+                os.killpg(child.pid, signal.SIGKILL)
+                child.communicate()
+                return False
+        if check and child.returncode != 0:
+            sys.exit(output.decode(errors="replace")[-4000:])
+        return child.returncode == 0
 
     def builds(self, *targets, check=False):
         return self.run("cmake", "--build", self.build, "--target", *targets, check=check)
 
     def passes(self, tests):
         return self.run("ctest", "--test-dir", self.build, "-L", "^(" + "|".join(tests) + ")$", "-j", os.cpu_count(),
-                        "--timeout", CASE_SECONDS, "--stop-on-failure")
+                        "--timeout", CASE_SECONDS, "--stop-on-failure", "--no-tests=error")
 
 
 def sources_of(root, family):
-    found = [path for path in root.glob("*/**/*.cpp")
-             if path.relative_to(root).parts[0] not in ("build", "tests", "bench", "examples", "programs", "tools")
-             and str(path.relative_to(root).with_suffix("")).endswith("/" + family.split("/")[-1])
-             and family in str(path)]
+    found = [path.relative_to(root) for folder in PRODUCTS for path in sorted((root / folder).glob("**/*"))
+             if path.suffix in (".cpp", ".h")]
+    found = [path for path in found if f"/{path.with_suffix('')}".endswith("/" + family)]
     if not found:
         sys.exit(f"mutate: no source of that name: {family}")
-    return [path.relative_to(root) for path in found]
+    return found
 
 
 def main():
@@ -119,7 +128,7 @@ def main():
     tests = arguments.tests or [arguments.family.split("/")[-1] + "_test"]
 
     workshop = Workshop(arguments.root)
-    workshop.builds("libcommon_products", *tests, check=True)
+    workshop.builds("libcommon", *tests, check=True)
     if not workshop.passes(tests):
         sys.exit("mutate: the tests fail without a mutant")
 

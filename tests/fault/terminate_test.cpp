@@ -147,18 +147,22 @@ int be_init()
     if (child == 0) {
         rename_process(kName);
         pstrace_terminate_signal();
+        sigset_t termination, none; // blocked but for the waits, so that no signal comes before its wait
+        ::sigemptyset(&none);
+        ::sigemptyset(&termination);
+        ::sigaddset(&termination, SIGTERM);
+        ::sigprocmask(SIG_BLOCK, &termination, nullptr);
         char c = 'r';
         (void)!::write(pipe_fds[1], &c, 1);
-        ::pause(); // the first signal ends this ...
+        ::sigsuspend(&none); // the first signal ends this ...
         (void)!::write(pipe_fds[1], &c, 1);
         for (;;)
-            ::pause(); // ... and the second one all
+            ::sigsuspend(&none); // ... and the second one all
     }
     char c;
     for (int i = 0; i < 2; i++) {
         if (::read(pipe_fds[0], &c, 1) != 1)
             return 11;
-        ::usleep(20000);
         ::kill(child, SIGTERM);
     }
     int status = 0;
