@@ -290,8 +290,8 @@ TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
             is_hanging = true;
             idle(nullptr);
         };
-        hanging = start([](void *) -> void * {
-            ::usleep(1000); // until `hanging` is written
+        start([](void *) -> void * {
+            hanging = ::pthread_self();
             ::raise(52);
             return nullptr;
         });
