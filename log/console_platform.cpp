@@ -21,7 +21,9 @@ mirror_function mirror_func = nullptr;
 [[gnu::visibility("hidden"), gnu::alias("mirror_func")]] extern mirror_function own_mirror_func;
 } // extern "C"
 
-// The host's answer whether console output is kept off. A host without this function prints.
+// The host's answer whether console output is kept off. A host without this function prints: the second declaration
+// makes the reference weak.
+// NOLINTNEXTLINE(readability-redundant-declaration): for that
 extern "C" int qv_is_numa_ssm(void) __attribute__((weak));
 
 namespace {

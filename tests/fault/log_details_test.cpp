@@ -473,7 +473,7 @@ TEST(ThreadWalks, AForkedChildAsksItsOwnThreads)
         if (child == 0) {
             rename_process("child");
             std::thread([] {
-                name_thread("childs");
+                name_thread("forked");
                 wait_for_ever();
             }).detach();
             ::usleep(100000);
