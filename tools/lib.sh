@@ -31,3 +31,14 @@ build() {
     quietly "$root/build/logs/$preset.configure" cmake --preset "$preset" -S "$root"
     quietly "$root/build/logs/$preset.build" cmake --build "$root/build/$preset" -j "$jobs" ${1:+--target "$@"}
 }
+
+# arm_apt FOLDER TOOL ARGUMENT... - an apt tool with a state of its own for the other architecture, below the folder; the
+# machine's own is left alone. "update" comes first.
+arm_apt() {
+    local folder=$1 tool=$2
+    shift 2
+    mkdir -p "$folder"/state/lists/partial "$folder"/cache/archives/partial
+    : >"$folder/status"
+    "$tool" -o Dir::State="$folder/state" -o Dir::Cache="$folder/cache" -o Dir::State::status="$folder/status" \
+        -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Sandbox::User=root -o Acquire::Languages=none "$@"
+}
