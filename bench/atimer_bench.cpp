@@ -149,8 +149,8 @@ void all(const char *name)
 {
     std::string prefix = name;
     benchmark::RegisterBenchmark((prefix + "/start_stop").c_str(), start_stop<Timers>)
-        ->RangeMultiplier(1000)
-        ->Range(1000, 1000000);
+        ->RangeMultiplier(10)
+        ->Range(1000, std::is_same_v<Timers, Wheel> ? 10000000 : 1000000);
     if constexpr (!std::is_same_v<Timers, Wheel> && !std::is_same_v<Timers, List>)
         benchmark::RegisterBenchmark((prefix + "/drain").c_str(), drain<Timers>);
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,13 +25,13 @@ int print(const char *format, ...)
     return length;
 }
 
-// The log must not reach its limit, or lines would be dropped.
-void keep_short(benchmark::State &state, long &count)
+// The log must not reach its limit, or lines would be dropped: it is cut to `size` after so many lines.
+void keep_short(benchmark::State &state, long &count, long lines = 4096, long size = 0)
 {
-    if (++count % 4096 != 0)
+    if (++count % lines != 0)
         return;
     state.PauseTiming();
-    if (::truncate(kPath, 0) != 0)
+    if (::truncate(kPath, size) != 0)
         state.SkipWithError("truncate");
     state.ResumeTiming();
 }
@@ -69,6 +70,24 @@ void plain_calls(benchmark::State &state)
     }
     ::unlink(kPath);
 }
+
+// A line at the end of a log of so many bytes, of which none is a hole.
+void log_of_size(benchmark::State &state)
+{
+    constexpr long kLines = 64;
+    const std::string text(static_cast<std::size_t>(state.range(0)), '.');
+    int fd = ::open(kPath, O_WRONLY | O_CREAT | O_TRUNC, 0777);
+    if (::write(fd, text.data(), text.size()) != state.range(0))
+        state.SkipWithError("write");
+    ::close(fd);
+    long count = 0;
+    for (auto _ : state) {
+        print("link %s is up, speed %d\n", "ethernet0/1", 1000);
+        keep_short(state, count, kLines, state.range(0));
+    }
+    ::unlink(kPath);
+}
+BENCHMARK(log_of_size)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(500000);
 
 BENCHMARK(ours);
 BENCHMARK(plain_calls);

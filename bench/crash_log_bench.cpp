@@ -11,8 +11,12 @@
 #include <chrono>
 #include <csetjmp>
 #include <cstdio>
+#include <latch>
+#include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -63,7 +67,66 @@ void fault_to_closed_log(benchmark::State &state)
     state.counters["us_p99"] = microseconds_at(0.99);
     state.counters["us_max"] = microseconds_at(1.0);
 }
-BENCHMARK(fault_to_closed_log)->UseManualTime()->Iterations(5000);
+BENCHMARK(fault_to_closed_log)->UseManualTime()->Iterations(2000);
+
+// The kernel joins neighbouring mappings of the same protection, so every second page gets another.
+void many_mappings(benchmark::State &state)
+{
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    const auto count = static_cast<std::size_t>(state.range(0));
+    auto *pages = static_cast<char *>(
+        ::mmap(nullptr, count * page, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    bool split = pages != MAP_FAILED;
+    for (std::size_t i = 1; split && i < count; i += 2)
+        split = ::mprotect(pages + i * page, page, PROT_NONE) == 0;
+    if (split)
+        fault_to_closed_log(state);
+    else
+        state.SkipWithError("the kernel allows fewer mappings");
+    ::munmap(pages, count * page);
+}
+BENCHMARK(many_mappings)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000)->Arg(60000)->UseManualTime()->Iterations(20);
+
+// Threads that wait for the end.
+class Waiting {
+public:
+    ~Waiting()
+    {
+        go_.count_down();
+        for (pthread_t thread : threads_)
+            ::pthread_join(thread, nullptr);
+    }
+    bool start(std::size_t count)
+    {
+        constexpr std::size_t kStack = 64 * 1024;
+        pthread_attr_t attributes;
+        ::pthread_attr_init(&attributes);
+        ::pthread_attr_setstacksize(&attributes, kStack);
+        pthread_t thread;
+        while (threads_.size() < count && ::pthread_create(&thread, &attributes, wait, &go_) == 0)
+            threads_.push_back(thread);
+        return threads_.size() == count;
+    }
+
+private:
+    static void *wait(void *go)
+    {
+        static_cast<std::latch *>(go)->wait();
+        return nullptr;
+    }
+    std::latch go_{1};
+    std::vector<pthread_t> threads_;
+};
+
+void many_threads(benchmark::State &state)
+{
+    Waiting others;
+    if (others.start(static_cast<std::size_t>(state.range(0)) - 1))
+        fault_to_closed_log(state);
+    else
+        state.SkipWithError("the kernel allows fewer threads");
+}
+BENCHMARK(many_threads)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Arg(2000)->UseManualTime()->Iterations(20);
 
 } // namespace
 

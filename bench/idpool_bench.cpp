@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -105,27 +106,49 @@ void fill(Pool &pool)
         pool.take();
 }
 
-// Of each thousand, a given number is allocated, evenly spread. Each allocation is followed by freeing another one.
+// Of each thousand, a given number is allocated, evenly spread.
 template <typename Pool>
-void churn(benchmark::State &state, int taken_per_mille)
-{
+struct PartlyTaken {
     Pool pool;
-    fill(pool);
-    std::mt19937 random(1);
-    std::vector<int> taken;
-    for (int id = 0; id < kSize; id++) {
-        if (random() % 1000 < static_cast<unsigned>(taken_per_mille))
-            taken.push_back(id);
-        else
-            pool.release(id);
-    }
-    std::shuffle(taken.begin(), taken.end(), random);
+    std::vector<int> taken; // in random order
     std::size_t i = 0;
-    for (auto _ : state) {
+
+    explicit PartlyTaken(int per_mille)
+    {
+        fill(pool);
+        std::mt19937 random(1);
+        for (int id = 0; id < kSize; id++) {
+            if (random() % 1000 < static_cast<unsigned>(per_mille))
+                taken.push_back(id);
+            else
+                pool.release(id);
+        }
+        std::shuffle(taken.begin(), taken.end(), random);
+    }
+    // An allocation follows freeing another one.
+    void churn()
+    {
         pool.release(taken[i]);
         taken[i] = pool.take();
         i = i + 1 == taken.size() ? 0 : i + 1;
     }
+};
+
+// The pool in use is kept from call to call, since filling one takes long.
+std::shared_ptr<void> kept;
+std::string kept_title;
+
+template <typename Pool>
+void churn(benchmark::State &state, const std::string &title, int taken_per_mille)
+{
+    if (kept_title != title) {
+        kept.reset();
+        kept = std::make_shared<PartlyTaken<Pool>>(taken_per_mille);
+        kept_title = title;
+    }
+    auto &pool = *static_cast<PartlyTaken<Pool> *>(kept.get());
+    for (auto _ : state)
+        pool.churn();
 }
 
 // One identifier goes back and forth, so that each search passes all the words.
@@ -145,9 +168,10 @@ void last_free(benchmark::State &state)
 template <typename Pool>
 void add(const std::string &name)
 {
-    for (int per_mille : {10, 500, 990, 999})
-        benchmark::RegisterBenchmark((name + "/taken_per_mille:" + std::to_string(per_mille)).c_str(),
-                                     [=](auto &state) { churn<Pool>(state, per_mille); });
+    for (int per_mille : {10, 500, 990, 999}) {
+        const std::string title = name + "/taken_per_mille:" + std::to_string(per_mille);
+        benchmark::RegisterBenchmark(title.c_str(), [=](auto &state) { churn<Pool>(state, title, per_mille); });
+    }
     benchmark::RegisterBenchmark((name + "/last_free").c_str(), [](auto &state) { last_free<Pool>(state); });
 }
 

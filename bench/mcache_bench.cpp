@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The object cache against general and fixed-size allocators: 64-byte objects, 100,000 of them live.
+// The object cache against general and fixed-size allocators: 64-byte objects, 100,000 of them live, or as many as an
+// argument says.
 #include "mcache.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <pthread.h>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 #ifdef HAVE_GLIB
 #include <glib.h>
@@ -58,20 +60,20 @@ enum class Order { lifo, fifo, random };
 
 // An object of those live goes and another comes; the order is that of going.
 template <typename Allocator>
-void replace(benchmark::State &state, Order order)
+void replace(benchmark::State &state, Order order, std::size_t count)
 {
     static Allocator allocator; // a cache lives as long as the process
-    std::vector<void *> live(kLive);
+    std::vector<void *> live(count);
     for (void *&object : live)
         object = allocator.allocate();
-    std::vector<std::size_t> turns(kLive);
+    std::vector<std::size_t> turns(count);
     std::iota(turns.begin(), turns.end(), 0);
     if (order == Order::random)
         std::shuffle(turns.begin(), turns.end(), std::mt19937(1));
     std::size_t i = 0;
     for (auto _ : state) {
-        void *&object = live[order == Order::lifo ? kLive - 1 : turns[i]];
-        i = i + 1 == kLive ? 0 : i + 1;
+        void *&object = live[order == Order::lifo ? count - 1 : turns[i]];
+        i = i + 1 == count ? 0 : i + 1;
         allocator.release(object);
         object = allocator.allocate();
     }
@@ -82,10 +84,17 @@ void replace(benchmark::State &state, Order order)
 template <typename Allocator>
 void add(const std::string &name)
 {
-    benchmark::RegisterBenchmark((name + "/lifo").c_str(), [](auto &state) { replace<Allocator>(state, Order::lifo); });
-    benchmark::RegisterBenchmark((name + "/fifo").c_str(), [](auto &state) { replace<Allocator>(state, Order::fifo); });
+    const std::pair<const char *, Order> orders[] = {
+        {"/lifo", Order::lifo}, {"/fifo", Order::fifo}, {"/random", Order::random}};
+    for (const auto &[suffix, order] : orders)
+        benchmark::RegisterBenchmark((name + suffix).c_str(),
+                                     [order = order](auto &state) { replace<Allocator>(state, order, kLive); });
     benchmark::RegisterBenchmark((name + "/random").c_str(),
-                                 [](auto &state) { replace<Allocator>(state, Order::random); });
+                                 [](benchmark::State &state) {
+                                     replace<Allocator>(state, Order::random, static_cast<std::size_t>(state.range(0)));
+                                 })
+        ->RangeMultiplier(10)
+        ->Range(1000, 10000000);
 }
 
 // One and two threads on one cache, against the two pairs of locking and unlocking that they cannot do without.

@@ -19,3 +19,10 @@ if(doxygen AND NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
     add_test(NAME docs.reference COMMAND ${CMAKE_CURRENT_LIST_DIR}/reference ${PROJECT_SOURCE_DIR}/abi/libcommon.exports
         ${CMAKE_CURRENT_BINARY_DIR}/reference)
 endif()
+
+# The generator of docs/performance.md, from stored results and with programs that fail.
+find_program(python3 python3)
+if(python3 AND NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
+    add_test(NAME docs.report COMMAND ${python3} ${CMAKE_CURRENT_LIST_DIR}/report/report_test.py)
+    set_tests_properties(docs.report PROPERTIES TIMEOUT 120)
+endif()
