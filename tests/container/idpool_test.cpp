@@ -183,10 +183,23 @@ TEST(IdPool, LowestFreeLeavesTheCursor)
     EXPECT_EQ(-1, idpool_alloc_id_slow(pool, &id));
     EXPECT_EQ(-1, idpool_alloc_id(pool, &id));
     EXPECT_EQ(-7, id);
+    idpool_free_id(pool, 5);
     pool->words = -1;
-    EXPECT_EQ(-1, idpool_alloc_id_slow(pool, &id));
+    EXPECT_EQ(-1, take_lowest(pool));
+    pool->words = 0; // one word more is scanned
+    EXPECT_EQ(5, take_lowest(pool));
     pool->words = 3;
     idpool_destroy(pool);
+}
+
+TEST(IdPool, DestroyGivesEverythingBack)
+{
+    auto make_and_destroy = [] { idpool_destroy(idpool_create("p", 0, 1000)); };
+    make_and_destroy(); // the heap keeps its blocks for the next ones
+    std::size_t before = ::mallinfo2().uordblks;
+    for (int i = 0; i < 100; i++)
+        make_and_destroy();
+    EXPECT_EQ(before, ::mallinfo2().uordblks);
 }
 
 TEST(IdPool, ParticularIdentifiers)

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <malloc.h> // declares malloc() noexcept, which it may do only before the definition here
 
 namespace support {
 
