@@ -74,6 +74,10 @@ def mutants_of(lines):
             yield number, "dropped statement", ""
 
 
+def limit_memory():
+    resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+
+
 class Workshop:
     """The copy of the tree and its build."""
 
@@ -87,10 +91,9 @@ class Workshop:
 
     @staticmethod
     def run(*command, check=False):
-        """Whether the command succeeds; a checked one takes as long as it needs and ends the program if it fails."""
+        """Whether the command succeeds. A checked one may take its time, and ends the program if it fails."""
         with subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, start_new_session=True,
-                              preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))) as child:
+                              stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=limit_memory) as child:
             try:
                 output, _ = child.communicate(timeout=None if check else RUN_SECONDS)
             except subprocess.TimeoutExpired:
