@@ -167,16 +167,12 @@ private:
             text.number(&thread.wait_value, 16);
             if (text.skip(" owner "))
                 read_into(&text, &thread.owner);
-        } else if (text.skip(" at    : sp ")) {
+        } else if (text.skip(" at    : sp ") || text.skip(" walk  : sp ")) {
             read_into(&text, &thread.sp, 16);
             text.skip(" pc ");
             read_into(&text, &thread.pc, 16);
         } else if (text.skip(" found : ")) {
             read_found(text, &thread.found);
-        } else if (text.skip(" walk  : sp ")) {
-            read_into(&text, &thread.sp, 16);
-            text.skip(" pc ");
-            read_into(&text, &thread.pc, 16);
         } else if (text.skip(" walk  : none, ")) {
             thread.walk_problem = text.rest();
         } else if (text.skip(" frame : ")) {
