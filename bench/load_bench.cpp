@@ -52,8 +52,10 @@ void start(benchmark::State &state, const std::string &library)
         state.counters["dirty_KiB"] = numbers[2];
         state.counters["resident_KiB"] = numbers[3];
     }
-    if (read_report(library, "threads", numbers) == 1)
+    if (read_report(library, "threads", numbers) == 2) {
         state.counters["bytes_a_thread"] = numbers[0];
+        state.counters["thread_local"] = numbers[1];
+    }
 }
 
 const bool registered = [] {

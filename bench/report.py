@@ -525,11 +525,12 @@ class Page:
             lines.append(f"| {title} | " + " | ".join(cells) + " |")
         ours, peer = values[family["ours"]], values[family["compared_with"]]
         ratios = [None if not a or not b else a / b for a, b in zip(ours, peer)]
-        lines.append(f"| {family['ours']} / {family['compared_with']}, goal at most 1 | " +
-                     " | ".join(map(ratio_text, ratios)) + " |")
+        cells = [ratio_text(ratio) + (" (goal 1)" if column in family["judged"] else "")
+                 for ratio, column in zip(ratios, columns)]
+        lines.append(f"| {family['ours']} / {family['compared_with']} | " + " | ".join(cells) + " |")
         judgement = Judgement()
         for ratio, column in zip(ratios, columns):
-            if ratio is not None:
+            if ratio is not None and column in family["judged"]:
                 judgement.add(round(ratio, 2) <= 1, ratio <= 1.02, f"{column} {ratio_text(ratio)}")
         self.count(family["title"], f"against {family['compared_with']}", judgement)
         return lines + [""]

@@ -75,7 +75,7 @@ class ReportTest(unittest.TestCase):
         self.assertIn("- Queues: push, 1,000 elements: 2.7 of ring, goal 2 (has a floor)", head)
 
     def test_counters_are_compared_with_one_other_program(self):
-        self.assertIn("| mine / theirs, goal at most 1 | 0.92 | 0.86 |", self.page())
+        self.assertIn("| mine / theirs | 0.92 (goal 1) | 0.86 |", self.page())
 
     def test_what_has_no_result_is_a_dash_and_noted(self):
         self.assertIn("| what has no result | list: - | - | 1 | - | - | - |", self.page())
