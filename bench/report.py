@@ -19,6 +19,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import statistics
 import subprocess
 import sys
@@ -130,7 +131,7 @@ class Results:
             if run.get("run_type") == "aggregate" or run.get("error_occurred"):
                 continue
             name = run.get("run_name", run["name"])
-            wall = "/real_time" in name or "/manual_time" in name
+            wall = ("/real_time" in name or "/manual_time" in name) and not name.endswith("/threads:1")
             key = program, name
             self.samples.setdefault(key, []).append(
                 run["real_time" if wall else "cpu_time"] * NANOSECONDS[run["time_unit"]])
@@ -189,7 +190,8 @@ class Measurement:
             if turn == 0 and self.options.growth:  # early, since the further rounds are what can be spared
                 self.run_programs(group(self.table.growth_names()), "growth")
         write_json(self.folder / "notes.json", self.notes)
-        print(f"measured in {(time.monotonic() - self.begin) / 60:.1f} minutes", flush=True)
+        print(f"measured in {(time.monotonic() - self.begin) / 60:.1f} minutes, "
+              f"{processor_seconds() / 60:.1f} of processor time", flush=True)
 
     def run_programs(self, programs, turn):
         for program, names in programs.items():
@@ -209,7 +211,7 @@ class Measurement:
         if turn != "growth" and turn >= settings.get("rounds", turn + 1):
             return
         names = {name for name in names if not (self.options.quick and is_large(name))}
-        began = time.monotonic()
+        began, used = time.monotonic(), processor_seconds()
         partial = target.with_suffix(".partial")
         try:
             interleaved = turn != "growth" and settings.get("interleaved", True)
@@ -220,7 +222,8 @@ class Measurement:
         except (OSError, ValueError, subprocess.SubprocessError) as error:
             self.notes[f"{program}, round {turn}"] = describe(error)
             partial.unlink(missing_ok=True)
-        print(f"  {program} round {turn}: {time.monotonic() - began:.1f} s", flush=True)
+        print(f"  {program} round {turn}: {time.monotonic() - began:.1f} s, "
+              f"{processor_seconds() - used:.1f} s of processor time", flush=True)
 
     def start(self, settings, program, names, target, interleaved):
         quick = self.options.quick
@@ -241,6 +244,11 @@ class Measurement:
         limit = max(1, min(PROGRAM_SECONDS, self.seconds_left() + 60))
         subprocess.run(command, env=variables, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                        stderr=subprocess.PIPE, timeout=limit, check=True)
+
+
+def processor_seconds():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
 
 
 def is_large(name):
