@@ -11,6 +11,7 @@ using namespace qv;
 static_assert(offsetof(fault::found_object, start) == offsetof(dl_find_object, dlfo_map_start));
 static_assert(offsetof(fault::found_object, end) == offsetof(dl_find_object, dlfo_map_end));
 static_assert(offsetof(fault::found_object, map) == offsetof(dl_find_object, dlfo_link_map));
+static_assert(offsetof(fault::found_object, unwind_index) == offsetof(dl_find_object, dlfo_eh_frame));
 static_assert(sizeof(fault::found_object) >= sizeof(dl_find_object));
 #endif
 

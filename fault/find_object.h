@@ -13,7 +13,8 @@ struct found_object {
     void *start;
     void *end;
     link_map *map;
-    unsigned long long rest[16]; // fewer are used
+    void *unwind_index;          // .eh_frame_hdr
+    unsigned long long rest[15]; // fewer are used
 };
 
 using find_object_function = int (*)(void *address, found_object *found);

@@ -2,6 +2,7 @@
 #include "mem/live_blocks.h"
 
 #include "base/assert_fail.h"
+#include "mem/frame_walk.h"
 
 #include <cstddef>
 #include <cstdlib>
@@ -23,13 +24,21 @@ constinit exported_variable<pthread_mutex_t> table_mutex{own_mutex};
 
 namespace {
 
-// Called before `mutex` is locked: the first backtrace() of a process allocates, and every one may wait for the loader.
-// Always inline, so that a chain begins in the function that serves the call.
-[[gnu::always_inline]] inline call_chain chain_here()
+// The C library's walk. It may allocate the first time, and wait for the loader.
+[[gnu::always_inline]] inline int backtrace_inside(void **frames)
 {
     hooks::inside_scope scope;
+    return ::backtrace(frames, MTRACE_CHAIN_SIZE);
+}
+
+// Called before `mutex` is locked, because of the C library's walk. Always inline, so that a chain begins in the
+// function that serves the call.
+[[gnu::always_inline]] inline call_chain chain_here()
+{
     void *frames[MTRACE_CHAIN_SIZE];
-    int depth = ::backtrace(frames, MTRACE_CHAIN_SIZE);
+    int depth = MTRACE_CHAIN_SIZE;
+    if (!frame_walk::read(frames, MTRACE_CHAIN_SIZE))
+        depth = backtrace_inside(frames);
     call_chain chain{};
     for (int i = 0; i < depth; i++)
         chain[static_cast<std::size_t>(i)] = reinterpret_cast<std::uint64_t>(frames[i]);
@@ -236,7 +245,8 @@ const hooks::own_set kHooks = {{my_malloc_hook, my_free_hook, my_realloc_hook}, 
 
 void prepare_chains()
 {
-    chain_here();
+    void *frames[MTRACE_CHAIN_SIZE];
+    backtrace_inside(frames);
 }
 
 void start(block_table *&fresh)
