@@ -17,7 +17,7 @@ constexpr std::uint64_t kMaxRecords = 64 << 20; // bytes of all records, and of 
 constexpr std::uint32_t kMaxRecordSize = 1024;
 constexpr std::uint32_t kMaxCacheSize = 4096; // bytes
 constexpr std::uint32_t kMaxUnit = 1U << 20;  // bytes
-constexpr std::size_t kMaxCaches = 16384;
+constexpr std::size_t kMaxCaches = 4096;
 constexpr std::uint64_t kMaxPages = std::uint64_t{1} << 32;
 constexpr std::uint64_t kMaxPageSize = std::uint64_t{1} << 24; // bytes
 
