@@ -126,7 +126,7 @@ def main():
     parser.add_argument("root", type=pathlib.Path)
     parser.add_argument("family")
     parser.add_argument("--tests", nargs="+", help="test programs; FAMILY_test if not given")
-    parser.add_argument("--limit", type=int, default=0, help="evenly chosen mutants a source; 0 for all")
+    parser.add_argument("--limit", type=int, default=0, help="at most so many mutants a source, evenly chosen; 0 for all")
     arguments = parser.parse_args()
     tests = arguments.tests or [arguments.family.split("/")[-1] + "_test"]
 
@@ -141,7 +141,7 @@ def main():
         original = file.read_text()
         lines = original.split("\n")
         mutants = list(mutants_of(lines))
-        step = max(1, len(mutants) // arguments.limit) if arguments.limit else 1
+        step = max(1, -(-len(mutants) // arguments.limit)) if arguments.limit else 1
         for number, name, changed in mutants[::step]:
             file.write_text("\n".join(lines[:number] + [changed] + lines[number + 1:]))
             if not workshop.builds("libcommon"):
