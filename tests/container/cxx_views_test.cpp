@@ -120,12 +120,12 @@ TEST(CxxTable, FindVisitRemove)
 {
     Sessions table(4);
     ASSERT_TRUE(table);
-    EXPECT_EQ(table.get()->link_offset, offsetof(Session, link));
+    EXPECT_EQ(offsetof(Session, link), table.get()->link_offset);
     EXPECT_TRUE(table.empty());
     Session one{1, {}}, two{2, {}};
     table.insert(7, one);
     table.insert(7, two);
-    EXPECT_EQ(table.find(7, with_id(1)), &one);
+    EXPECT_EQ(&one, table.find(7, with_id(1)));
     EXPECT_EQ(nullptr, table.find(7, with_id(3)));
     EXPECT_EQ(nullptr, table.find(8, with_id(1)));
     EXPECT_EQ(nullptr, table.find(7 + 16, with_id(1))) << "the same bucket, another hash";
@@ -139,7 +139,7 @@ TEST(CxxTable, FindVisitRemove)
     EXPECT_EQ(1U, table.size());
     Sessions moved(std::move(table));
     EXPECT_FALSE(table);
-    EXPECT_EQ(moved.find(7, with_id(11)), &one);
+    EXPECT_EQ(&one, moved.find(7, with_id(11)));
 }
 
 TEST(CxxTable, TheNewestOfEqualKeysIsFound)
@@ -148,9 +148,9 @@ TEST(CxxTable, TheNewestOfEqualKeysIsFound)
     Session first{1, {}}, second{1, {}};
     table.insert(7, first);
     table.insert(7, second);
-    EXPECT_EQ(table.find(7, with_id(1)), &second);
+    EXPECT_EQ(&second, table.find(7, with_id(1)));
     EXPECT_TRUE(table.remove(7, second));
-    EXPECT_EQ(table.find(7, with_id(1)), &first);
+    EXPECT_EQ(&first, table.find(7, with_id(1)));
 }
 
 TEST(CxxTable, RemoveSaysWhetherItRemoved)
@@ -174,7 +174,7 @@ TEST(CxxTable, ConstGivesConst)
     const Sessions &fixed = table;
     static_assert(std::is_same_v<decltype(table.find(7, with_id(1))), Session *>);
     static_assert(std::is_same_v<decltype(fixed.find(7, with_id(1))), const Session *>);
-    EXPECT_EQ(fixed.find(7, with_id(1)), &one);
+    EXPECT_EQ(&one, fixed.find(7, with_id(1)));
     EXPECT_EQ(nullptr, fixed.find(7, with_id(2)));
     EXPECT_TRUE(fixed.for_each([](auto &session) {
         static_assert(std::is_const_v<std::remove_reference_t<decltype(session)>>);
@@ -190,7 +190,7 @@ TEST(CxxTable, MoveAssignmentTakesTheTableOver)
     to.insert(7, two);
     hashtbl *taken = from.get();
     to = std::move(from);
-    EXPECT_EQ(to.get(), taken);
+    EXPECT_EQ(taken, to.get());
     EXPECT_EQ(std::vector<unsigned>{1}, ids_of(to));
     EXPECT_EQ(std::vector<unsigned>{2}, ids_of(from)) << "in exchange";
     Sessions *self = &to;
@@ -231,7 +231,7 @@ TEST(CxxTable, ClearHandsOutAllObjectsInOrderFromAnEmptyTable)
             EXPECT_EQ(std::vector<unsigned>{}, ids_of(table));
             seen.push_back(session.id);
         });
-        EXPECT_EQ(seen, expected);
+        EXPECT_EQ(expected, seen);
         for (std::size_t i = 0; i < std::size_t{1} << log_size; i++)
             EXPECT_EQ(nullptr, table.get()->buckets[i]);
         table.clear([](Session &) { ADD_FAILURE(); });
@@ -255,7 +255,7 @@ TEST(CxxTable, ReleaseMayInsertAgain)
     EXPECT_EQ(20, released);
     EXPECT_EQ(10U, table.size());
     for (unsigned i = 0; i < sessions.size(); i++)
-        EXPECT_EQ(table.find(i, with_id(i)), i % 2 == 0 ? &sessions[i] : nullptr);
+        EXPECT_EQ(i % 2 == 0 ? &sessions[i] : nullptr, table.find(i, with_id(i)));
 }
 
 TEST(CxxTable, PlainFunctionsAndMembersAreCallbacks)
@@ -264,9 +264,9 @@ TEST(CxxTable, PlainFunctionsAndMembersAreCallbacks)
     Session one{1, {}}, two{2, {}};
     table.insert(7, one);
     table.insert(7, two);
-    EXPECT_EQ(table.find(7, is_two), &two);
-    EXPECT_EQ(std::as_const(table).find(7, &is_two), &two);
-    EXPECT_EQ(table.find(7, &Session::id), &two) << "non-zero";
+    EXPECT_EQ(&two, table.find(7, is_two));
+    EXPECT_EQ(&two, std::as_const(table).find(7, &is_two));
+    EXPECT_EQ(&two, table.find(7, &Session::id)) << "non-zero";
     visits = 0;
     EXPECT_FALSE(table.for_each(stop_at_two));
     EXPECT_EQ(1, visits);
@@ -289,7 +289,7 @@ TEST(CxxTable, CallbacksMayThrow)
     EXPECT_THROW(table.for_each(fail), std::runtime_error);
     EXPECT_THROW(table.for_each_safe(fail), std::runtime_error);
     EXPECT_EQ(10U, table.size());
-    EXPECT_EQ(table.find(3, with_id(3)), &sessions[3]);
+    EXPECT_EQ(&sessions[3], table.find(3, with_id(3)));
     int released = 0;
     EXPECT_THROW(table.clear([&](Session &) {
         if (++released == 4)
@@ -312,8 +312,8 @@ TEST(CxxTable, ALinkInABaseClass)
     }
     for (int i = 0; i < 20; i++) {
         Port *found = table.find(static_cast<unsigned>(i), [i](const Port &port) { return port.number == i; });
-        ASSERT_EQ(found, ports[static_cast<std::size_t>(i)].get());
-        EXPECT_EQ(found->name, "port" + std::to_string(i));
+        ASSERT_EQ(ports[static_cast<std::size_t>(i)].get(), found);
+        EXPECT_EQ("port" + std::to_string(i), found->name);
     }
     EXPECT_TRUE(table.remove(3, *ports[3]));
     EXPECT_EQ(19U, table.size());
@@ -339,8 +339,8 @@ TEST(CxxTable, AgreesWithTheCFunctions)
         auto match = [](void *object, void *key) -> int {
             return static_cast<Session *>(object)->id == *static_cast<unsigned *>(key);
         };
-        ASSERT_EQ(table.find(hash, with_id(id)), hashtbl_find(table.get(), &id, hash, match));
-        ASSERT_EQ(table.size(), in.size());
+        ASSERT_EQ(hashtbl_find(table.get(), &id, hash, match), table.find(hash, with_id(id)));
+        ASSERT_EQ(in.size(), table.size());
         if (step % 1000 == 0) {
             std::vector<unsigned> by_call;
             hashtbl_traverse_each(
@@ -350,7 +350,7 @@ TEST(CxxTable, AgreesWithTheCFunctions)
                     return 0;
                 },
                 &by_call);
-            ASSERT_EQ(ids_of(table), by_call);
+            ASSERT_EQ(by_call, ids_of(table));
         }
     }
 }
@@ -371,7 +371,7 @@ TEST(CxxTree, EqualKeysKeepTheirOrder)
     for (const Route &route : routes)
         expected.emplace_back(route.prefix, route.order);
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(contents(tree), expected);
+    EXPECT_EQ(expected, contents(tree));
     EXPECT_EQ(4, tree.lower_bound(3)->order) << "the first of those with the key";
 }
 
@@ -390,9 +390,9 @@ TEST(CxxTree, IteratorsStepForwardAndBack)
     EXPECT_EQ(10, (--i)->prefix);
     i = tree.end();
     EXPECT_EQ(30, (--i)->prefix);
-    EXPECT_EQ(i++, tree.iterator_to(routes[2]));
-    EXPECT_EQ(i, tree.end());
-    EXPECT_EQ((i--), tree.end());
+    EXPECT_EQ(tree.iterator_to(routes[2]), i++);
+    EXPECT_EQ(tree.end(), i);
+    EXPECT_EQ(tree.end(), (i--));
     EXPECT_EQ(30, i->prefix);
     std::vector<int> backwards;
     std::for_each(std::make_reverse_iterator(tree.end()), std::make_reverse_iterator(tree.begin()),
@@ -413,7 +413,7 @@ TEST(CxxTree, IteratorsConvertToConst)
     EXPECT_TRUE(std::as_const(tree).end() != tree.begin());
     EXPECT_TRUE(tree.cbegin() == fixed && tree.cend() == tree.end());
     fixed = tree.iterator_to(two);
-    EXPECT_EQ(&*fixed, &two);
+    EXPECT_EQ(&two, &*fixed);
     EXPECT_TRUE(Routes::iterator() == Routes::iterator());
 }
 
@@ -430,10 +430,10 @@ TEST(CxxTree, FromObjectsAndSearchesToIterators)
     for (auto i = tree.iterator_to(tree.lower_bound(45)); i != tree.end(); ++i)
         from_45.push_back(i->prefix);
     EXPECT_EQ((std::vector<int>{50, 60, 70, 80, 90}), from_45);
-    EXPECT_EQ(tree.iterator_to(tree.find(45)), tree.end());
+    EXPECT_EQ(tree.end(), tree.iterator_to(tree.find(45)));
     const Routes &fixed = tree;
     Routes::const_iterator at = fixed.iterator_to(routes[9]);
-    EXPECT_EQ(++at, fixed.end());
+    EXPECT_EQ(fixed.end(), ++at);
     EXPECT_EQ(20, fixed.iterator_to(fixed.find(20))->prefix);
     EXPECT_EQ(90, (--fixed.iterator_to(fixed.find(21)))->prefix);
 }
@@ -460,7 +460,7 @@ TEST(CxxTree, EraseReturnsTheNext)
     EXPECT_EQ(3, tree.erase(first)->prefix);
     tree.erase(*tree.find(3));
     EXPECT_EQ(6, tree.begin()->prefix);
-    EXPECT_EQ(tree.erase(tree.iterator_to(*tree.find(99))), tree.end());
+    EXPECT_EQ(tree.end(), tree.erase(tree.iterator_to(*tree.find(99))));
 }
 
 TEST(CxxTree, MoveAssignmentTakesTheObjectsOver)
@@ -486,7 +486,7 @@ TEST(CxxTree, ClearHandsOutAllObjectsFromAnEmptyTree)
     tree.clear([&](Route &route) {
         EXPECT_TRUE(tree.empty());
         EXPECT_EQ(nullptr, tree.find(route.prefix));
-        EXPECT_EQ(tree.begin(), tree.end());
+        EXPECT_EQ(tree.end(), tree.begin());
         released++;
         delete &route;
     });
@@ -510,7 +510,7 @@ TEST(CxxTree, ReleaseMayInsertAgain)
     EXPECT_EQ(100, released);
     int expected = 0;
     for (const Route &route : tree) {
-        EXPECT_EQ(route.prefix, expected);
+        EXPECT_EQ(expected, route.prefix);
         expected += 2;
     }
     EXPECT_EQ(100, expected);
@@ -522,8 +522,8 @@ TEST(CxxTree, FunctionsAreKeysAndCallbacks)
     Route one{1, 0, {}}, two{2, 0, {}};
     tree.insert(one);
     tree.insert(two);
-    EXPECT_EQ(&*tree.begin(), &two);
-    EXPECT_EQ(tree.find(-1), &one);
+    EXPECT_EQ(&two, &*tree.begin());
+    EXPECT_EQ(&one, tree.find(-1));
     visits = 0;
     tree.clear(count_route);
     EXPECT_EQ(2, visits);
@@ -580,11 +580,11 @@ TEST(CxxTree, ANodeInABaseClass)
     }
     int expected = 0;
     for (const Port &port : tree)
-        EXPECT_EQ(port.number, expected++);
+        EXPECT_EQ(expected++, port.number);
     EXPECT_EQ(11, tree.find(11)->number);
     tree.clear([&](Port &port) { descending.insert(port); });
     for (const Port &port : descending)
-        EXPECT_EQ(port.number, --expected);
+        EXPECT_EQ(--expected, port.number);
     EXPECT_EQ(11, descending.find(22)->number);
 }
 
@@ -605,11 +605,11 @@ TEST(CxxTree, WalksAsTheCFunctions)
         in[n] = !in[n];
         rb_node *node = rb_first(tree.get());
         for (auto i = tree.begin(); i != tree.end(); ++i, node = rb_next(node))
-            ASSERT_EQ(&i->node, node);
+            ASSERT_EQ(node, &i->node);
         ASSERT_EQ(nullptr, node);
         node = rb_last(tree.get());
         for (auto i = tree.end(); i != tree.begin(); node = rb_prev(node))
-            ASSERT_EQ(&(--i)->node, node);
+            ASSERT_EQ(node, &(--i)->node);
         ASSERT_EQ(nullptr, node);
     }
 }
@@ -677,7 +677,7 @@ TEST(CxxPool, IteratorsAreMultiPass)
     EXPECT_EQ(36, *i);
     EXPECT_EQ(5, *copy);
     EXPECT_EQ(36, *++copy);
-    EXPECT_EQ(i, copy);
+    EXPECT_EQ(copy, i);
     EXPECT_EQ(5, std::ranges::distance(pool));
     EXPECT_EQ(300, std::ranges::max(pool));
     EXPECT_EQ(36, *std::ranges::adjacent_find(pool, [](int a, int b) { return b == a + 1; }));
@@ -701,7 +701,7 @@ TEST(CxxPool, WalksAsFarAsTheCFunction)
             int id = 0;
             bool found = idpool_get_next_allocated_id(pool.get(), from, &id) == 0;
             qv::id_pool::iterator at(pool.get(), from);
-            EXPECT_EQ(at != pool.end(), found);
+            EXPECT_EQ(found, at != pool.end());
             EXPECT_TRUE(!found || *at == id);
         }
     }

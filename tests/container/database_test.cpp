@@ -66,16 +66,16 @@ struct Database : testing::Test {
 
 TEST_F(Database, Layout)
 {
-    EXPECT_EQ(db->indexes, by_b) << "the newest index comes first";
-    EXPECT_EQ(by_b->next_index, by_a);
+    EXPECT_EQ(by_b, db->indexes) << "the newest index comes first";
+    EXPECT_EQ(by_a, by_b->next_index);
     EXPECT_EQ(nullptr, by_a->next_index);
-    EXPECT_EQ(by_a->db, db);
-    EXPECT_EQ(by_a->hash_fn, hash_a);
+    EXPECT_EQ(db, by_a->db);
+    EXPECT_EQ(hash_a, by_a->hash_fn);
     EXPECT_EQ(10U, by_a->log_size);
     EXPECT_EQ(1023U, by_a->mask);
     for (unsigned i = 0; i < 1024; i++) {
         EXPECT_EQ(nullptr, by_a->buckets[i].first);
-        EXPECT_EQ(by_a->buckets[i].last, &by_a->buckets[i].first);
+        EXPECT_EQ(&by_a->buckets[i].first, by_a->buckets[i].last);
     }
 }
 
@@ -83,12 +83,12 @@ TEST_F(Database, ARecordIsInEveryIndex)
 {
     item x{7, 9};
     EXPECT_EQ(0, database_insert(db, &x));
-    EXPECT_EQ(database_find(by_a, 7, any, nullptr), &x);
-    EXPECT_EQ(database_find(by_a, 7 + 1024, any, nullptr), &x) << "the bucket counts, not the hash";
+    EXPECT_EQ(&x, database_find(by_a, 7, any, nullptr));
+    EXPECT_EQ(&x, database_find(by_a, 7 + 1024, any, nullptr)) << "the bucket counts, not the hash";
     EXPECT_EQ(nullptr, database_find(by_a, 8, any, nullptr));
-    EXPECT_EQ(database_find(by_b, 9, any, nullptr), &x);
-    EXPECT_EQ(by_a->buckets[7].first->record, &x);
-    EXPECT_EQ(by_a->buckets[7].last, &by_a->buckets[7].first->next);
+    EXPECT_EQ(&x, database_find(by_b, 9, any, nullptr));
+    EXPECT_EQ(&x, by_a->buckets[7].first->record);
+    EXPECT_EQ(&by_a->buckets[7].first->next, by_a->buckets[7].last);
     EXPECT_EQ(0, database_remove(db, &x));
     EXPECT_EQ(0U, records(by_a).size() + records(by_b).size());
 }
@@ -99,9 +99,9 @@ TEST_F(Database, TheFirstMatchIsFound)
     for (item &x : items)
         database_insert(db, &x);
     std::uint32_t b = 20;
-    EXPECT_EQ(database_find(by_a, 1, has_b, &b), &items[1]);
+    EXPECT_EQ(&items[1], database_find(by_a, 1, has_b, &b));
     b = 30;
-    EXPECT_EQ(database_find(by_a, 1, has_b, &b), &items[3]);
+    EXPECT_EQ(&items[3], database_find(by_a, 1, has_b, &b));
     b = 40;
     EXPECT_EQ(nullptr, database_find(by_a, 1, has_b, &b));
 }
@@ -206,7 +206,7 @@ TEST_F(Database, FailedAllocations)
     EXPECT_EQ(nullptr, no_index);
     EXPECT_EQ(nullptr, no_buckets);
     EXPECT_EQ(-1, no_node);
-    EXPECT_EQ(db->indexes, by_b);
+    EXPECT_EQ(by_b, db->indexes);
 }
 
 TEST_F(Database, AFailedInsertionIsUndone)
@@ -251,7 +251,7 @@ TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
     allocations_left = -1;
     EXPECT_EQ(-1, result);
     EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_b)) << "in the order in which they came";
-    EXPECT_EQ(by_b->buckets[hash_b(&x) & 1023].first, oldest);
+    EXPECT_EQ(oldest, by_b->buckets[hash_b(&x) & 1023].first);
     EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_a));
     item z{1, 1};
     database_insert(db, &z);
@@ -267,10 +267,10 @@ TEST_F(Database, EveryBucketIsWalkedAndEmptied)
         database_index_insert(by_a, &items[i], i);
         all.push_back(&items[i]);
     }
-    EXPECT_EQ(records(by_a), all) << "bucket 0 first, bucket 1023 last";
+    EXPECT_EQ(all, records(by_a)) << "bucket 0 first, bucket 1023 last";
     visited.clear();
     EXPECT_EQ(-1, database_index_remove_all(by_a, visit));
-    EXPECT_EQ(visited, all);
+    EXPECT_EQ(all, visited);
     EXPECT_EQ(std::vector<void *>{}, records(by_a));
 }
 
@@ -286,7 +286,7 @@ TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
     database_index_remove_all(by_a, [](void *record) {
         std::size_t count = 0;
         for (database_node *node = index->buckets[7].first; node != nullptr; node = node->next) {
-            EXPECT_NE(node->record, record);
+            EXPECT_NE(record, node->record);
             count++;
         }
         EXPECT_EQ(-1, database_index_remove(index, record, 7));
@@ -326,15 +326,15 @@ TEST(DatabaseModel, RandomWorkAgreesWithLists)
             case 1: {
                 bool of_a = drop(in_a, x);
                 bool of_b = drop(in_b, x);
-                ASSERT_EQ(database_remove(db, x), of_a && of_b ? 0 : -1);
+                ASSERT_EQ(of_a && of_b ? 0 : -1, database_remove(db, x));
                 break;
             }
             case 2:
-                ASSERT_EQ(database_index_remove(by_a, x, x->a), drop(in_a, x) ? 0 : -1);
+                ASSERT_EQ(drop(in_a, x) ? 0 : -1, database_index_remove(by_a, x, x->a));
                 break;
             default: {
                 auto place = std::find_if(in_a.begin(), in_a.end(), [&](item *y) { return y->b == x->b; });
-                ASSERT_EQ(database_find(by_a, x->a, has_b, &x->b), place != in_a.end() ? *place : nullptr);
+                ASSERT_EQ(place != in_a.end() ? *place : nullptr, database_find(by_a, x->a, has_b, &x->b));
             }
             }
             if (in_a.size() + in_b.size() > 60) {

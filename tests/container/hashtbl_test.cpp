@@ -50,12 +50,12 @@ void check_links(const hashtbl *table)
     for (unsigned b = 0; b < 1U << table->log_size; b++) {
         const hashtbl_link *prev = nullptr;
         for (const hashtbl_link *link = table->buckets[b]; link != nullptr; prev = link, link = link->next) {
-            ASSERT_EQ(link->prev, prev);
-            ASSERT_EQ(link->hash & ((1U << table->log_size) - 1), b);
+            ASSERT_EQ(prev, link->prev);
+            ASSERT_EQ(b, link->hash & ((1U << table->log_size) - 1));
             met++;
         }
     }
-    ASSERT_EQ(met, table->count);
+    ASSERT_EQ(table->count, met);
 }
 
 // What the body adds to the console.
@@ -131,11 +131,11 @@ TEST(Hashtbl, NewestOfEqualKeysIsFound)
     EXPECT_EQ(0, hashtbl_insert(table, 100, &first));
     EXPECT_EQ(0, hashtbl_insert(table, 100, &second));
     EXPECT_EQ(0, hashtbl_insert(table, 104, &other)); // the same bucket
-    EXPECT_EQ(find(table, 1, 100), &second);
-    EXPECT_EQ(find(table, 2, 104), &other);
+    EXPECT_EQ(&second, find(table, 1, 100));
+    EXPECT_EQ(&other, find(table, 2, 104));
     EXPECT_EQ(nullptr, find(table, 2, 100));
     EXPECT_EQ((std::vector<int>{3, 2, 1}), numbers(table));
-    EXPECT_EQ(table.table->buckets[0], &other.link);
+    EXPECT_EQ(&other.link, table.table->buckets[0]);
     EXPECT_EQ(nullptr, other.link.prev);
     EXPECT_EQ(100U, first.link.hash);
     check_links(table);
@@ -165,9 +165,9 @@ TEST(Hashtbl, Find2TakesZeroForAMatch)
     auto compare = [](void *object, void *sought, void *arg) {
         return static_cast<Object *>(object)->key - *static_cast<int *>(sought) - *static_cast<int *>(arg);
     };
-    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), &two);
+    EXPECT_EQ(&two, hashtbl_find2(table, &key, 8, compare, &offset));
     offset = 0;
-    EXPECT_EQ(hashtbl_find2(table, &key, 8, compare, &offset), &one);
+    EXPECT_EQ(&one, hashtbl_find2(table, &key, 8, compare, &offset));
     offset = 5;
     EXPECT_EQ(nullptr, hashtbl_find2(table, &key, 8, compare, &offset));
 }
@@ -198,11 +198,11 @@ TEST(Hashtbl, AnObjectInsertedTwiceTakesNoOtherAlong)
     hashtbl_insert(table, 1, &other);
     hashtbl_insert(table, 1, &twice);
     hashtbl_remove(table, 1, &twice);
-    EXPECT_EQ(table.table->buckets[0], &other.link);
+    EXPECT_EQ(&other.link, table.table->buckets[0]);
     hashtbl_remove(table, 1, &twice);
-    EXPECT_EQ(table.table->buckets[0], &other.link) << "it is not the head, though its prev is null";
+    EXPECT_EQ(&other.link, table.table->buckets[0]) << "it is not the head, though its prev is null";
     EXPECT_EQ(1U, table.table->count);
-    EXPECT_EQ(find(table, 2, 1), &other);
+    EXPECT_EQ(&other, find(table, 2, 1));
 }
 
 TEST(Hashtbl, RemoveUsesTheGivenHash)
@@ -212,7 +212,7 @@ TEST(Hashtbl, RemoveUsesTheGivenHash)
     hashtbl_insert(table, 5, &object);
     EXPECT_EQ(0, hashtbl_remove(table, 6, &object));
     EXPECT_EQ(1U, table.table->count);
-    EXPECT_EQ(find(table, 1, 5), &object);
+    EXPECT_EQ(&object, find(table, 1, 5));
     EXPECT_EQ(0, hashtbl_remove(table, 5 + 16, &object)); // another hash, the same bucket
     EXPECT_EQ(0U, table.table->count);
 }
@@ -230,7 +230,7 @@ TEST(Hashtbl, FreeAll)
     EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
     EXPECT_EQ((std::vector<int>{3, 0, 4, 1, 5, 2}), seen);
     EXPECT_EQ(0U, table.table->count);
-    EXPECT_EQ(objects[3].link.next, &objects[0].link); // left as it was
+    EXPECT_EQ(&objects[0].link, objects[3].link.next); // left as it was
     check_links(table);
 
     hashtbl_insert(table, 0, &objects[0]);
@@ -250,7 +250,7 @@ TEST(Hashtbl, ACountOfZeroEndsBeforeTheBuckets)
     EXPECT_EQ(0, hashtbl_traverse_each(table, append_number, &seen));
     EXPECT_EQ(0, hashtbl_traverse_each_safe(table, append_number, &seen));
     EXPECT_TRUE(seen.empty());
-    EXPECT_EQ(table.table->buckets[1], &object.link);
+    EXPECT_EQ(&object.link, table.table->buckets[1]);
 }
 
 TEST(Hashtbl, Reset)
@@ -261,7 +261,7 @@ TEST(Hashtbl, Reset)
     hashtbl_insert(table, 1, &two);
     EXPECT_EQ(0, hashtbl_reset(table));
     EXPECT_EQ(0U, table.table->count);
-    EXPECT_EQ(two.link.next, &one.link);
+    EXPECT_EQ(&one.link, two.link.next);
     check_links(table);
 }
 
@@ -288,14 +288,14 @@ TEST(Hashtbl, EveryBucketIsWalkedAndEmptied)
                 EXPECT_EQ(nullptr, table.table->buckets[b]) << b;
         };
         insert_all();
-        EXPECT_EQ(numbers(table), expected) << "bucket by bucket, the newest first";
+        EXPECT_EQ(expected, numbers(table)) << "bucket by bucket, the newest first";
         std::vector<int> seen;
         EXPECT_EQ(0, hashtbl_traverse_each_safe(table, append_number, &seen));
-        EXPECT_EQ(seen, expected);
+        EXPECT_EQ(expected, seen);
         seen.clear();
         auto release = [](void *object, void *arg) { append_number(object, arg); };
         EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
-        EXPECT_EQ(seen, expected);
+        EXPECT_EQ(expected, seen);
         expect_empty();
         insert_all();
         EXPECT_EQ(0, hashtbl_free_all_objects(table, nullptr, nullptr));
@@ -412,7 +412,7 @@ TEST(Hashtbl, ObjectsAtOddAddresses)
         hashtbl_insert(table, 9, room.data() + 1 + i * kStride);
     auto itself = [](void *object, void *key) { return object == key ? 1 : 0; };
     char *middle = room.data() + 1 + kStride;
-    EXPECT_EQ(hashtbl_find(table, middle, 9, itself), middle);
+    EXPECT_EQ(middle, hashtbl_find(table, middle, 9, itself));
     EXPECT_EQ(0, hashtbl_remove(table, 9, middle));
     EXPECT_EQ(nullptr, hashtbl_find(table, middle, 9, itself));
     EXPECT_EQ(2U, table.table->count);
@@ -433,7 +433,7 @@ TEST(Hashtbl, Model)
             if (linked[i]) {
                 unsigned wrong = hash[i] ^ 1;
                 hashtbl_remove(table, wrong, &objects[i]);
-                ASSERT_EQ(table.table->count, count);
+                ASSERT_EQ(count, table.table->count);
                 hashtbl_remove(table, hash[i], &objects[i]);
                 model[{hash[i], objects[i].key}].remove(&objects[i]);
                 count--;
@@ -445,11 +445,11 @@ TEST(Hashtbl, Model)
                 count++;
             }
             linked[i] = !linked[i];
-            ASSERT_EQ(table.table->count, count);
+            ASSERT_EQ(count, table.table->count);
             unsigned sought = static_cast<unsigned>(random() % 200) * 0x01000001U;
             int key = static_cast<int>(random() % 3);
             auto &same = model[{sought, key}];
-            ASSERT_EQ(find(table, key, sought), same.empty() ? nullptr : same.front());
+            ASSERT_EQ(same.empty() ? nullptr : same.front(), find(table, key, sought));
         }
         check_links(table);
     }

@@ -72,7 +72,7 @@ TEST(IdPool, SizeOfALaidPool)
     EXPECT_EQ(60, idpool_get_pool_size(0, 31));
     EXPECT_EQ(64, idpool_get_pool_size(0, 32));
     EXPECT_EQ(60, idpool_get_pool_size(5, 36));
-    EXPECT_EQ(idpool_get_pool_size(0, INT_MAX), 56 + (1 << 28));
+    EXPECT_EQ(56 + (1 << 28), idpool_get_pool_size(0, INT_MAX));
     EXPECT_EQ(60, idpool_get_pool_size(INT_MAX, INT_MAX));
     EXPECT_EQ(0, idpool_get_pool_size(-1, 5));
     EXPECT_EQ(0, idpool_get_pool_size(6, 5));
@@ -124,10 +124,10 @@ TEST(IdPool, ALaidPoolUsesItsBlockOnly)
     std::vector<std::uint64_t> storage(size / 8 + 2, 0x2323232323232323);
     auto *pool = reinterpret_cast<idpool *>(storage.data());
     idpool_init(pool, "laid", 3, 40);
-    EXPECT_EQ(pool->bitmap, reinterpret_cast<std::uint32_t *>(pool + 1));
+    EXPECT_EQ(reinterpret_cast<std::uint32_t *>(pool + 1), pool->bitmap);
     EXPECT_STREQ("laid", pool->name);
     for (int id = 3; id <= 40; id++)
-        EXPECT_EQ(take_lowest(pool), id);
+        EXPECT_EQ(id, take_lowest(pool));
     for (int i = 0; i < 100; i++) {
         EXPECT_EQ(-1, take_lowest(pool));
         EXPECT_EQ(-1, take(pool));
@@ -157,12 +157,12 @@ TEST(IdPool, FreedIdentifiersRest)
 {
     idpool *pool = idpool_create("p", 0, 99);
     for (int id = 0; id < 50; id++)
-        EXPECT_EQ(take(pool), id);
+        EXPECT_EQ(id, take(pool));
     for (int id = 0; id < 50; id++)
         EXPECT_EQ(0, idpool_free_id(pool, id));
     EXPECT_EQ(50, pool->next) << "freeing does not move the cursor";
     for (int id = 50; id < 100; id++)
-        EXPECT_EQ(take(pool), id);
+        EXPECT_EQ(id, take(pool));
     EXPECT_EQ(0, take(pool));
     idpool_destroy(pool);
 }
@@ -244,8 +244,8 @@ TEST(IdPool, NextAllocated)
 TEST(IdPool, TheEndOfAllNumbers)
 {
     idpool *pool = idpool_create("p", INT_MAX - 2, INT_MAX);
-    EXPECT_EQ(take(pool), INT_MAX - 2);
-    EXPECT_EQ(take(pool), INT_MAX - 1);
+    EXPECT_EQ(INT_MAX - 2, take(pool));
+    EXPECT_EQ(INT_MAX - 1, take(pool));
     EXPECT_EQ(INT_MAX, take(pool));
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(INT_MAX, next_taken(pool, INT_MAX));
@@ -262,7 +262,7 @@ TEST(IdPool, AllNumbersAtOnce)
         GTEST_SKIP() << "256 MiB are too much here";
     idpool *pool = idpool_create("all", 0, INT_MAX);
     ASSERT_NE(nullptr, pool);
-    EXPECT_EQ(pool->words, 1 << 26);
+    EXPECT_EQ(1 << 26, pool->words);
     pool->next = INT_MAX;
     EXPECT_EQ(INT_MAX, take(pool));
     EXPECT_EQ(0, pool->next);
@@ -282,7 +282,7 @@ TEST(IdPoolResize, RefusedAndIdleCalls)
     EXPECT_EQ(0, idpool_resize(pool, 0));
     EXPECT_EQ(0, idpool_resize(pool, -5));
     EXPECT_EQ(1, idpool_resize(pool, 32));
-    EXPECT_EQ(pool->bitmap, bitmap);
+    EXPECT_EQ(bitmap, pool->bitmap);
     EXPECT_EQ(UINT32_MAX, pool->bitmap[0]);
     idpool_destroy(pool);
 }
@@ -294,7 +294,7 @@ TEST(IdPoolResize, ToAllNumbers)
     idpool *pool = idpool_create("p", 0, 9);
     EXPECT_EQ(0, take(pool));
     EXPECT_EQ(1, idpool_resize(pool, INT_MAX));
-    EXPECT_EQ(pool->max_id, INT_MAX - 1);
+    EXPECT_EQ(INT_MAX - 1, pool->max_id);
     EXPECT_EQ(1, pool->words);
     EXPECT_EQ(1, idpool_is_id_allocated(pool, 0));
     EXPECT_EQ(0, idpool_alloc_specific_id(pool, INT_MAX - 1));
@@ -337,7 +337,7 @@ TEST(IdPoolResize, OnlyAsManyBytesAsWordsSurvive)
     EXPECT_EQ(95, pool->max_id);
     EXPECT_EQ(2, pool->words) << "as it was made";
     for (int id = 0; id < 96; id++)
-        EXPECT_EQ(idpool_is_id_allocated(pool, id), id < 16 ? 1 : 0) << id;
+        EXPECT_EQ(id < 16 ? 1 : 0, idpool_is_id_allocated(pool, id)) << id;
     idpool_destroy(pool);
 }
 
@@ -347,7 +347,7 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
     EXPECT_EQ(1, idpool_resize(pool, 100));
     EXPECT_EQ(0xFFFFFFF0, pool->bitmap[3]) << "the new spare bits";
     for (int id = 0; id < 32; id++)
-        EXPECT_EQ(take(pool), id);
+        EXPECT_EQ(id, take(pool));
     EXPECT_EQ(32, pool->next);
     EXPECT_EQ(32, take(pool)) << "the cursor itself may lie beyond";
     EXPECT_EQ(0, idpool_alloc_specific_id(pool, 33));
@@ -356,7 +356,7 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
     EXPECT_EQ(5, take(pool));
     EXPECT_EQ(6 + 28, take_lowest(pool)) << "the lowest-free scan goes one word further";
     for (int id = 35; id < 64; id++)
-        EXPECT_EQ(take_lowest(pool), id);
+        EXPECT_EQ(id, take_lowest(pool));
     EXPECT_EQ(-1, take_lowest(pool));
     EXPECT_EQ(31, next_taken(pool, 31));
     EXPECT_EQ(-1, next_taken(pool, 32)) << "after the original words";
@@ -372,7 +372,7 @@ TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
     for (int word = 2; word < 8; word++)
         EXPECT_EQ(0xFFFFFFFFU, pool->bitmap[word]) << word;
     for (int id = 0; id < 40; id++)
-        EXPECT_EQ(take(pool), id);
+        EXPECT_EQ(id, take(pool));
     EXPECT_EQ(0, pool->next);
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(-1, take_lowest(pool));
@@ -395,7 +395,7 @@ TEST(IdPoolResize, WhatAShrinkCutOffComesBackFree)
     idpool *pool = idpool_create("p", 0, 2047);
     EXPECT_EQ(1, idpool_resize(pool, 32));
     for (int id = 0; id < 8; id++)
-        EXPECT_EQ(take(pool), id);
+        EXPECT_EQ(id, take(pool));
     EXPECT_EQ(1, idpool_resize(pool, 2048));
     for (int id = 0; id < 8; id++)
         EXPECT_EQ(1, idpool_is_id_allocated(pool, id)) << id;
@@ -547,29 +547,29 @@ TEST(IdPoolModel, RandomWork)
             case 0:
             case 1:
             case 2:
-                ASSERT_EQ(take(pool), model.take());
+                ASSERT_EQ(model.take(), take(pool));
                 break;
             case 3:
-                ASSERT_EQ(take_lowest(pool), model.take_lowest());
+                ASSERT_EQ(model.take_lowest(), take_lowest(pool));
                 break;
             case 4:
             case 5: {
                 bool taken = inside && model.bit(id - model.min);
-                ASSERT_EQ(idpool_free_id(pool, id), taken ? 0 : -1);
+                ASSERT_EQ(taken ? 0 : -1, idpool_free_id(pool, id));
                 if (taken)
                     model.bit(id - model.min) = false;
                 break;
             }
             case 6: {
                 bool free = inside && !model.bit(id - model.min);
-                ASSERT_EQ(idpool_alloc_specific_id(pool, id), free ? 0 : -1);
+                ASSERT_EQ(free ? 0 : -1, idpool_alloc_specific_id(pool, id));
                 if (free)
                     model.bit(id - model.min) = true;
                 break;
             }
             case 7:
-                ASSERT_EQ(next_taken(pool, id), model.next_taken(id));
-                ASSERT_EQ(idpool_is_id_allocated(pool, id), inside ? static_cast<int>(model.bit(id - model.min)) : -1);
+                ASSERT_EQ(model.next_taken(id), next_taken(pool, id));
+                ASSERT_EQ(inside ? static_cast<int>(model.bit(id - model.min)) : -1, idpool_is_id_allocated(pool, id));
                 break;
             default:
                 if (random() % 200 == 0) { // shrink, grow, shrink again
@@ -578,7 +578,7 @@ TEST(IdPoolModel, RandomWork)
                     model.resize(count);
                 }
             }
-            ASSERT_EQ(pool->next, model.next);
+            ASSERT_EQ(model.next, pool->next);
         }
         idpool_destroy(pool);
     }

@@ -67,7 +67,7 @@ TEST(IdTableNode, OrdersGiveSizes)
     for (auto [order, size] : {std::pair{0, 1U}, {4, 16U}, {6, 64U}, {14, 16384U}, {15, 32768U}}) {
         idtable_node *node = idtable_alloc_table_internal(order);
         ASSERT_NE(nullptr, node);
-        EXPECT_EQ(node->size, size);
+        EXPECT_EQ(size, node->size);
         EXPECT_EQ(0, node->count);
         for (unsigned i = 0; i < size; i++)
             ASSERT_EQ(0U, node->slots[i]);
@@ -96,12 +96,12 @@ TEST(IdTableNode, ARootHas16Slots)
 
 TEST(IdTableNode, ANodeWithoutMemoryIsSaid)
 {
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(6)); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 520"));
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table()); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 136"));
-    EXPECT_EQ(said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(16)); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 8"));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 520"),
+              said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(6)); }));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 136"),
+              said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table()); }));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 8"),
+              said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(16)); }));
 }
 
 TEST(IdTableNode, FreeingEmptyInnerNodes)
@@ -124,7 +124,7 @@ TEST_F(IdTable16, CountsOfTheLevels)
         idtable_node *table3 = below(table2, end * 63);
         EXPECT_EQ(64, table3->size);
         EXPECT_EQ(1, table3->count);
-        EXPECT_EQ(table3->slots[end * 63], end == 0 ? 11U : 22U);
+        EXPECT_EQ(end == 0 ? 11U : 22U, table3->slots[end * 63]);
     }
     EXPECT_EQ(0, idtable16_remove_entry(root, 0xFFFF));
     EXPECT_EQ(1, root->count);
@@ -153,8 +153,8 @@ TEST_F(IdTable16, HigherKeyBitsAreIgnored)
 TEST_F(IdTable16, ADuplicateIsSaidAndSkipped)
 {
     idtable16_insert_entry(root, 5, 0x123456789ABCDEF0);
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 2)); }),
-              error("idtable16_insert_entry", "Find duplicate entry 9abcdef0, skip insert"));
+    EXPECT_EQ(error("idtable16_insert_entry", "Find duplicate entry 9abcdef0, skip insert"),
+              said([&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 2)); }));
     EXPECT_EQ(0x123456789ABCDEF0U, idtable16_find_entry(root, 5));
     EXPECT_EQ(1, below(below(root, 0), 0)->count);
 }
@@ -164,21 +164,21 @@ TEST_F(IdTable16, AValueOf0IsCountedAndMissing)
     EXPECT_EQ(0, idtable16_insert_entry(root, 5, 0));
     EXPECT_EQ(1, below(below(root, 0), 0)->count);
     EXPECT_EQ(0U, idtable16_find_entry(root, 5));
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, 5)); }),
-              error("idtable16_remove_entry", "Entry not exist"));
+    EXPECT_EQ(error("idtable16_remove_entry", "Entry not exist"),
+              said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, 5)); }));
     EXPECT_EQ(0, idtable16_insert_entry(root, 5, 9));
     EXPECT_EQ(2, below(below(root, 0), 0)->count);
 }
 
 TEST_F(IdTable16, InsertionWithoutMemory)
 {
-    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
-                  error("idtable16_insert_entry", "Can't alloc memory for table2"));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
+                  error("idtable16_insert_entry", "Can't alloc memory for table2"),
+              said_with(0, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }));
     EXPECT_EQ(0, root->count);
-    EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
-                  error("idtable16_insert_entry", "Can't alloc memory for table3"));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
+                  error("idtable16_insert_entry", "Can't alloc memory for table3"),
+              said_with(1, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }));
     EXPECT_EQ(1, root->count) << "the table2 stays";
     EXPECT_EQ(0, below(root, 0)->count);
     EXPECT_EQ(0, idtable16_insert_entry(root, 5, 1));
@@ -192,10 +192,10 @@ TEST_F(IdTable16, WhatIsMissingIsSaid)
         const char *text;
     } missing[] = {{0x2000, "Table2 not exist"}, {0x1040, "Table3 not exist"}, {0x1001, "Entry not exist"}};
     for (const auto &m : missing) {
-        EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, m.key)); }),
-                  error("idtable16_remove_entry", m.text));
-        EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable16_update_entry(root, m.key, 3)); }),
-                  error("idtable16_update_entry", m.text));
+        EXPECT_EQ(error("idtable16_remove_entry", m.text),
+                  said([&] { EXPECT_EQ(-1, idtable16_remove_entry(root, m.key)); }));
+        EXPECT_EQ(error("idtable16_update_entry", m.text),
+                  said([&] { EXPECT_EQ(-1, idtable16_update_entry(root, m.key, 3)); }));
         EXPECT_EQ("", said([&] { EXPECT_EQ(0U, idtable16_find_entry(root, m.key)); }));
     }
     EXPECT_EQ(1U, idtable16_find_entry(root, 0x1000));
@@ -276,8 +276,8 @@ TEST_F(IdTable32, FindAndRemove)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
     EXPECT_EQ("", said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00010006)); }));
-    EXPECT_EQ(said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00020005)); }),
-              error("idtable32_find_and_remove_entry", "no such table"));
+    EXPECT_EQ(error("idtable32_find_and_remove_entry", "no such table"),
+              said([&] { EXPECT_EQ(0U, idtable32_find_and_remove_entry(root, 0x00020005)); }));
     EXPECT_EQ("", said([&] { EXPECT_EQ(15U, idtable32_find_and_remove_entry(root, 0x00010005)); }));
     EXPECT_EQ(0, root->count) << "its sub-root is gone too";
 }
@@ -285,17 +285,17 @@ TEST_F(IdTable32, FindAndRemove)
 TEST_F(IdTable32, FailuresAreSaidOnBothLevels)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 0x00010005, 1)); }),
-              error("idtable16_insert_entry", "Find duplicate entry 0000000f, skip insert") +
-                  error("idtable32_insert_entry", "insert fails"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00020005)); }),
-              error("idtable32_remove_entry", "no such table"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00011005)); }),
-              error("idtable16_remove_entry", "Table2 not exist") + error("idtable32_remove_entry", "remove fails"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00020005, 1)); }),
-              error("idtable32_update_entry", "no such table"));
-    EXPECT_EQ(said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00010006, 1)); }),
-              error("idtable16_update_entry", "Entry not exist") + error("idtable32_update_entry", "update fails"));
+    EXPECT_EQ(error("idtable16_insert_entry", "Find duplicate entry 0000000f, skip insert") +
+                  error("idtable32_insert_entry", "insert fails"),
+              said([&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 0x00010005, 1)); }));
+    EXPECT_EQ(error("idtable32_remove_entry", "no such table"),
+              said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00020005)); }));
+    EXPECT_EQ(error("idtable16_remove_entry", "Table2 not exist") + error("idtable32_remove_entry", "remove fails"),
+              said([&] { EXPECT_EQ(-1, idtable32_remove_entry(root, 0x00011005)); }));
+    EXPECT_EQ(error("idtable32_update_entry", "no such table"),
+              said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00020005, 1)); }));
+    EXPECT_EQ(error("idtable16_update_entry", "Entry not exist") + error("idtable32_update_entry", "update fails"),
+              said([&] { EXPECT_EQ(-1, idtable32_update_entry(root, 0x00010006, 1)); }));
     EXPECT_EQ(0, idtable32_update_entry(root, 0x00010005, 16));
     EXPECT_EQ(16U, idtable32_find_entry(root, 0x00010005));
 }
@@ -303,17 +303,17 @@ TEST_F(IdTable32, FailuresAreSaidOnBothLevels)
 TEST_F(IdTable32, InsertionWithoutMemory)
 {
     const std::string no_memory = error("idtable_alloc_table_internal", "Can't alloc memory, size 520");
-    EXPECT_EQ(said_with(0, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
-              error("idtable_alloc_table_internal", "Can't alloc memory, size 136") +
-                  error("idtable32_insert_entry", "Can't alloc memory for table"));
+    EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 136") +
+                  error("idtable32_insert_entry", "Can't alloc memory for table"),
+              said_with(0, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }));
     if (!under_sanitizer()) { // contract: the sub-root is not freed
-        EXPECT_EQ(said_with(1, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
-                  no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
-                      error("idtable32_insert_entry", "insert fails"));
+        EXPECT_EQ(no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
+                      error("idtable32_insert_entry", "insert fails"),
+                  said_with(1, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }));
     }
-    EXPECT_EQ(said_with(3, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }),
-              no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
-                  error("idtable32_insert_entry", "insert fails"));
+    EXPECT_EQ(no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
+                  error("idtable32_insert_entry", "insert fails"),
+              said_with(3, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }));
     EXPECT_NE(0U, idtable16_find_entry(root, 0)) << "the sub-root is in by now, and empty";
     EXPECT_EQ(0, idtable32_insert_entry(root, 1, 1));
 }
@@ -339,8 +339,8 @@ TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
     for (unsigned high : highs) {
         idtable32_insert_entry(root, high << 16 | 3, high + 1);
         for (unsigned from : {0U, 1U, 0x3FU, 0x40U, 0xFFFU, 0x1000U, 0x2FFFU, 0x3001U, 0xEFFFU})
-            EXPECT_EQ(idtable32_find_next_entry(root, from << 16), from <= high ? high + 1 : 0U) << high << ' ' << from;
-        EXPECT_EQ(idtable32_find_next_entry(root, high << 16 | 3), high + 1);
+            EXPECT_EQ(from <= high ? high + 1 : 0U, idtable32_find_next_entry(root, from << 16)) << high << ' ' << from;
+        EXPECT_EQ(high + 1, idtable32_find_next_entry(root, high << 16 | 3));
         EXPECT_EQ(0U, idtable32_find_next_entry(root, high << 16 | 4));
         EXPECT_EQ(0, idtable32_remove_entry(root, high << 16 | 3));
     }
@@ -348,7 +348,7 @@ TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
         idtable32_insert_entry(root, high << 16 | 3, high + 1);
     unsigned from = 0;
     for (unsigned high : highs) {
-        EXPECT_EQ(idtable32_find_next_entry(root, from), high + 1);
+        EXPECT_EQ(high + 1, idtable32_find_next_entry(root, from));
         from = high << 16 | 4;
     }
     EXPECT_EQ(0U, idtable32_find_next_entry(root, from));
@@ -430,7 +430,7 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
                 if (random() % 2 == 0) {
                     ASSERT_EQ(0, idtable32_remove_entry(root, key));
                 } else {
-                    ASSERT_EQ(idtable32_find_and_remove_entry(root, key), held);
+                    ASSERT_EQ(held, idtable32_find_and_remove_entry(root, key));
                 }
                 values.erase(at);
                 if (values.empty())
@@ -443,16 +443,16 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
                 at->second = value;
                 break;
             case 5:
-                ASSERT_EQ(idtable32_find_next_entry(root, key), model_next32(model, key)) << std::hex << key;
+                ASSERT_EQ(model_next32(model, key), idtable32_find_next_entry(root, key)) << std::hex << key;
                 break;
             case 6:
                 if (half != model.end()) {
                     auto *sub = reinterpret_cast<idtable_node *>(idtable16_find_entry(root, high));
-                    ASSERT_EQ(idtable16_find_next_entry(sub, low), model_next16(values, low));
+                    ASSERT_EQ(model_next16(values, low), idtable16_find_next_entry(sub, low));
                 }
                 break;
             default:
-                ASSERT_EQ(idtable32_find_entry(root, key), held);
+                ASSERT_EQ(held, idtable32_find_entry(root, key));
             }
         }
         destroy32(root);

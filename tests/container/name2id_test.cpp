@@ -31,11 +31,11 @@ std::vector<std::string> names(const name2id_tbl *table)
     std::vector<std::string> result;
     name2id_entry *const *where = &table->first;
     for (; *where != nullptr; where = &(*where)->next) {
-        EXPECT_EQ((*where)->prev, where);
+        EXPECT_EQ(where, (*where)->prev);
         result.emplace_back((*where)->name);
     }
-    EXPECT_EQ(table->last, where);
-    EXPECT_EQ(table->hashtbl->count, result.size());
+    EXPECT_EQ(where, table->last);
+    EXPECT_EQ(result.size(), table->hashtbl->count);
     return result;
 }
 
@@ -53,7 +53,7 @@ TEST(Name2id, EmptyTable)
     name2id_tbl *table = name2id_tbl_create(4, 7);
     ASSERT_NE(nullptr, table);
     EXPECT_EQ(nullptr, table->first);
-    EXPECT_EQ(table->last, &table->first);
+    EXPECT_EQ(&table->first, table->last);
     EXPECT_EQ(4, table->hashtbl->log_size);
     EXPECT_EQ(1, table->hashtbl->flag);
     EXPECT_EQ(296, table->hashtbl->link_offset);
@@ -112,7 +112,7 @@ TEST(Name2id, FindsTheNewestOfEqualNames)
     add(table, "b", 2);
     name2id_entry *newest = add(table, "a", 3);
     EXPECT_EQ(3, name2id(table->hashtbl, "a"));
-    EXPECT_EQ(name2id_entry_find(table->hashtbl, "a"), newest);
+    EXPECT_EQ(newest, name2id_entry_find(table->hashtbl, "a"));
     EXPECT_EQ(0, name2id_entry_remove(table, newest));
     EXPECT_EQ(1, name2id(table->hashtbl, "a"));
     EXPECT_EQ(-1, name2id(table->hashtbl, "c"));
@@ -199,7 +199,7 @@ TEST(Name2id, TheEmptyNameIsAName)
     name2id_entry *entry = add(table, "", 7);
     EXPECT_EQ(0U, entry->link.hash);
     EXPECT_EQ(7, name2id(table->hashtbl, ""));
-    EXPECT_EQ(name2id_entry_find(table->hashtbl, ""), entry);
+    EXPECT_EQ(entry, name2id_entry_find(table->hashtbl, ""));
     EXPECT_EQ(-1, name2id(table->hashtbl, "a"));
     EXPECT_EQ(1, name2id_comp("", ""));
     EXPECT_EQ(0, name2id_comp("", "a"));
@@ -221,8 +221,8 @@ TEST(Name2id, HashTablesOfBothFamilies)
             hashtbl *index = create(3, flag);
             ASSERT_NE(nullptr, index);
             EXPECT_EQ(3, index->log_size);
-            EXPECT_EQ(index->link_offset, offsetof(name2id_entry, link));
-            EXPECT_EQ(index->flag, flag != 0);
+            EXPECT_EQ(offsetof(name2id_entry, link), index->link_offset);
+            EXPECT_EQ(flag != 0, index->flag);
             EXPECT_EQ(0U, index->count);
             hashtbl_destroy(index);
         }
@@ -231,7 +231,7 @@ TEST(Name2id, HashTablesOfBothFamilies)
     for (auto *create : {name2id_tbl_create, name2id_tbl_create2}) {
         name2id_tbl *table = create(3, 1);
         EXPECT_EQ(1, table->hashtbl->flag);
-        EXPECT_EQ(table->hashtbl->link_offset, offsetof(name2id_entry, link));
+        EXPECT_EQ(offsetof(name2id_entry, link), table->hashtbl->link_offset);
         name2id_tbl_destory(table);
         table = create(3, 0);
         EXPECT_EQ(0, table->hashtbl->flag);
@@ -321,8 +321,8 @@ TEST(Name2id, AnEntryIsReleasedThoughTheHashTableForgotIt)
     EXPECT_EQ(0, name2id_entry_remove(table, entry));
     EXPECT_EQ(1, released);
     EXPECT_STREQ("b", table->first->name);
-    EXPECT_EQ(table->first->prev, &table->first);
-    EXPECT_EQ(table->last, &table->first->next);
+    EXPECT_EQ(&table->first, table->first->prev);
+    EXPECT_EQ(&table->first->next, table->last);
     name2id_tbl_destory(table);
 }
 
@@ -347,8 +347,8 @@ TEST(Name2idScopes, ScopesAreIndependent)
     EXPECT_EQ(100, name2id2(table->hashtbl, "eth0", 1));
     EXPECT_EQ(200, name2id2(table->hashtbl, "eth0", 2));
     EXPECT_EQ(-1, name2id2(table->hashtbl, "eth0", 3));
-    EXPECT_EQ(name2id_entry_find2(table->hashtbl, "eth0", 2), second);
-    EXPECT_EQ(second->link.hash, name2id_string_hash("eth0", 4) ^ 2U);
+    EXPECT_EQ(second, name2id_entry_find2(table->hashtbl, "eth0", 2));
+    EXPECT_EQ(name2id_string_hash("eth0", 4) ^ 2U, second->link.hash);
     EXPECT_EQ(0, name2id_entry_remove2(table, second));
     EXPECT_EQ(-1, name2id2(table->hashtbl, "eth0", 2));
     EXPECT_EQ(100, name2id2(table->hashtbl, "eth0", 1));
@@ -370,7 +370,7 @@ TEST(Name2id, Comparisons)
     EXPECT_EQ(0, name2id_comp2(entry->name, nullptr));
     EXPECT_EQ(0, name2id_comp2(nullptr, &same));
     std::free(entry);
-    EXPECT_EQ(name2id_string_hash("trust", 5), qv_string_hash("trust", 5));
+    EXPECT_EQ(qv_string_hash("trust", 5), name2id_string_hash("trust", 5));
 }
 
 TEST(Name2id, Model)
@@ -390,7 +390,7 @@ TEST(Name2id, Model)
                 ASSERT_EQ(0, name2id_entry_remove2(table, same[which]));
                 same.erase(same.begin() + static_cast<std::ptrdiff_t>(which));
             }
-            ASSERT_EQ(name2id_entry_find2(table->hashtbl, name.c_str(), scope), same.empty() ? nullptr : same.back());
+            ASSERT_EQ(same.empty() ? nullptr : same.back(), name2id_entry_find2(table->hashtbl, name.c_str(), scope));
         }
         names(table);
         name2id_tbl_destory2(table);

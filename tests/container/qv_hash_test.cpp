@@ -72,7 +72,7 @@ struct Unaligned {
 TEST(StringHash, Values)
 {
     for (const Text &text : kTexts)
-        EXPECT_EQ(qv_string_hash(text.bytes, text.len), text.string_hash) << text.bytes;
+        EXPECT_EQ(text.string_hash, qv_string_hash(text.bytes, text.len)) << text.bytes;
 }
 
 TEST(StringHash, NothingHashesToZero)
@@ -85,8 +85,8 @@ TEST(StringHash, NothingHashesToZero)
 TEST(HashData, Values)
 {
     for (const Text &text : kTexts) {
-        EXPECT_EQ(qv_hash_data(text.bytes, text.len, 0), text.data_hash) << text.bytes;
-        EXPECT_EQ(qv_hash_data(text.bytes, text.len, 1000), text.data_hash % 1000) << text.bytes;
+        EXPECT_EQ(text.data_hash, qv_hash_data(text.bytes, text.len, 0)) << text.bytes;
+        EXPECT_EQ(text.data_hash % 1000, qv_hash_data(text.bytes, text.len, 1000)) << text.bytes;
     }
 }
 
@@ -104,7 +104,7 @@ TEST(HashData, DiffersFromTheStringHashOnlyInALoneHighByteAtTheEnd)
             std::string bytes(static_cast<std::size_t>(len), '\xC3');
             bytes.back() = static_cast<char>(last);
             bool differ = (len % 4 == 1 || len % 4 == 3) && last >= 0x80;
-            EXPECT_EQ(qv_hash_data(bytes.data(), len, 0) != qv_string_hash(bytes.data(), len), differ) << len << last;
+            EXPECT_EQ(differ, qv_hash_data(bytes.data(), len, 0) != qv_string_hash(bytes.data(), len)) << len << last;
         }
     }
 }
@@ -113,15 +113,15 @@ TEST(HashData, AnyAlignment)
 {
     Unaligned copy;
     auto *bytes = copy.put("abcdefghijk", 11);
-    EXPECT_EQ(qv_hash_data(bytes, 11, 0), qv_hash_data("abcdefghijk", 11, 0));
+    EXPECT_EQ(qv_hash_data("abcdefghijk", 11, 0), qv_hash_data(bytes, 11, 0));
 }
 
 TEST(HashUint32, Values)
 {
     for (const Number &number : kNumbers) {
-        EXPECT_EQ(qv_hash_uint32(number.value, 0), number.hash);
+        EXPECT_EQ(number.hash, qv_hash_uint32(number.value, 0));
         EXPECT_EQ(0U, qv_hash_uint32(number.value, 1));
-        EXPECT_EQ(qv_hash_uint32(number.value, 4099), number.hash % 4099);
+        EXPECT_EQ(number.hash % 4099, qv_hash_uint32(number.value, 4099));
     }
 }
 
@@ -130,10 +130,10 @@ TEST(HashIp, Ipv4TakesTheHostOrderWord)
     qv_addr_record record{};
     record.family = 2;
     record.address.ipv4 = 0xC0A80001;
-    EXPECT_EQ(qv_hash_ip(&record, 0), qv_hash_uint32(0xC0A80001, 0));
-    EXPECT_EQ(qv_hash_ip(&record, 97), qv_hash_uint32(0xC0A80001, 97));
+    EXPECT_EQ(qv_hash_uint32(0xC0A80001, 0), qv_hash_ip(&record, 0));
+    EXPECT_EQ(qv_hash_uint32(0xC0A80001, 97), qv_hash_ip(&record, 97));
     record.family = 0;
-    EXPECT_EQ(qv_hash_ip(&record, 0), qv_hash_uint32(0xC0A80001, 0));
+    EXPECT_EQ(qv_hash_uint32(0xC0A80001, 0), qv_hash_ip(&record, 0));
 }
 
 TEST(HashIp, Ipv6TakesTheInterfaceHalf)
@@ -145,13 +145,13 @@ TEST(HashIp, Ipv6TakesTheInterfaceHalf)
     std::uint32_t third, fourth;
     std::memcpy(&third, record.address.ipv6 + 8, 4);
     std::memcpy(&fourth, record.address.ipv6 + 12, 4);
-    EXPECT_EQ(qv_hash_ip(&record, 0), qv_hash_uint32(third ^ fourth, 0));
+    EXPECT_EQ(qv_hash_uint32(third ^ fourth, 0), qv_hash_ip(&record, 0));
 
     unsigned before = qv_hash_ip(&record, 0);
     record.address.ipv6[7] ^= 0xFF;
-    EXPECT_EQ(qv_hash_ip(&record, 0), before);
+    EXPECT_EQ(before, qv_hash_ip(&record, 0));
     Unaligned copy;
-    EXPECT_EQ(qv_hash_ip(copy.put(&record, sizeof record), 0), before);
+    EXPECT_EQ(before, qv_hash_ip(copy.put(&record, sizeof record), 0));
 }
 
 TEST(HashMac, FoldsThreeWords)
@@ -159,7 +159,7 @@ TEST(HashMac, FoldsThreeWords)
     const unsigned char mac[6] = {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC};
     // 0x3412 ^ 0x7856 ^ 0xBC9A = 0xF0DE, and 0xF0DE ^ 0x00F0
     EXPECT_EQ(0xF02EU, qv_hash_mac(mac, 0));
-    EXPECT_EQ(qv_hash_mac(mac, 100), 0xF02EU % 100);
+    EXPECT_EQ(0xF02EU % 100, qv_hash_mac(mac, 100));
     Unaligned copy;
     EXPECT_EQ(0xF02EU, qv_hash_mac(copy.put(mac, 6), 0));
 }
@@ -169,8 +169,8 @@ TEST(Log2, FollowsItsTable)
     EXPECT_EQ(1, qv_hashtbl_get_log2(0));
     for (int k = 0; k < 32; k++) {
         int expected = k <= 4 ? k + 1 : k <= 9 ? k : k <= 14 ? k - 1 : k <= 19 ? k - 2 : k <= 24 ? k - 4 : k + 1;
-        EXPECT_EQ(qv_hashtbl_get_log2(1U << k), expected) << k;
-        EXPECT_EQ(qv_hashtbl_get_log2((2U << k) - 1), expected) << k; // all ones below the next power
+        EXPECT_EQ(expected, qv_hashtbl_get_log2(1U << k)) << k;
+        EXPECT_EQ(expected, qv_hashtbl_get_log2((2U << k) - 1)) << k; // all ones below the next power
     }
 }
 

@@ -121,13 +121,13 @@ TEST(RbTree, ASingleNode)
     rb_root tree = {};
     item x;
     insert(tree, x);
-    EXPECT_EQ(tree.node, &x.node);
+    EXPECT_EQ(&x.node, tree.node);
     EXPECT_EQ(1U, x.node.parent_color) << "no parent, black";
-    EXPECT_EQ(rb_first(&tree), &x.node);
-    EXPECT_EQ(rb_last(&tree), &x.node);
+    EXPECT_EQ(&x.node, rb_first(&tree));
+    EXPECT_EQ(&x.node, rb_last(&tree));
     EXPECT_EQ(nullptr, rb_next(&x.node));
     EXPECT_EQ(nullptr, rb_prev(&x.node));
-    EXPECT_EQ(rb_first_postorder(&tree), &x.node);
+    EXPECT_EQ(&x.node, rb_first_postorder(&tree));
     EXPECT_EQ(nullptr, rb_next_postorder(&x.node));
     rb_erase(&x.node, &tree);
     EXPECT_EQ(nullptr, tree.node);
@@ -178,8 +178,8 @@ TEST(RbTree, AMillionSequentialInsertions)
     ASSERT_TRUE(is_sound(tree));
     std::size_t seen = 0;
     for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
-        ASSERT_EQ(item_of(node).key, static_cast<int>(seen++));
-    EXPECT_EQ(seen, count);
+        ASSERT_EQ(static_cast<int>(seen++), item_of(node).key);
+    EXPECT_EQ(count, seen);
 }
 
 TEST(RbTree, RotationsKeepTheOrder)
@@ -188,14 +188,14 @@ TEST(RbTree, RotationsKeepTheOrder)
     rb_root tree = {};
     for (int i : {1, 0, 2})
         items[static_cast<std::size_t>(i)].key = i, insert(tree, items[static_cast<std::size_t>(i)]);
-    ASSERT_EQ(tree.node, &items[1].node);
+    ASSERT_EQ(&items[1].node, tree.node);
     __rb_rotate_left(&items[1].node, &tree);
-    EXPECT_EQ(tree.node, &items[2].node);
-    EXPECT_EQ(items[2].node.left, &items[1].node);
-    EXPECT_EQ(parent_of(&items[1].node), &items[2].node);
+    EXPECT_EQ(&items[2].node, tree.node);
+    EXPECT_EQ(&items[1].node, items[2].node.left);
+    EXPECT_EQ(&items[2].node, parent_of(&items[1].node));
     EXPECT_EQ((std::vector<int>{0, 1, 2}), forward(tree));
     __rb_rotate_right(&items[2].node, &tree);
-    EXPECT_EQ(tree.node, &items[1].node);
+    EXPECT_EQ(&items[1].node, tree.node);
     EXPECT_EQ((std::vector<int>{0, 1, 2}), forward(tree));
     EXPECT_TRUE(is_sound(tree)) << "colours do not rotate";
 }
@@ -211,13 +211,13 @@ TEST(RbTree, ReplaceTakesOverPlaceAndColour)
         others[i].key = items[i].key;
         rb_replace_node(&items[i].node, &others[i].node, &tree);
         EXPECT_TRUE(is_sound(tree));
-        EXPECT_EQ(others[i].node.parent_color, before.node.parent_color);
-        EXPECT_EQ(items[i].node.parent_color, before.node.parent_color) << "the old one's fields stay";
+        EXPECT_EQ(before.node.parent_color, others[i].node.parent_color);
+        EXPECT_EQ(before.node.parent_color, items[i].node.parent_color) << "the old one's fields stay";
         std::vector<rb_node *> nodes;
         for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
             nodes.push_back(node);
-        ASSERT_EQ(nodes.size(), items.size());
-        EXPECT_EQ(nodes[i], &others[i].node);
+        ASSERT_EQ(items.size(), nodes.size());
+        EXPECT_EQ(&others[i].node, nodes[i]);
         rb_erase(&others[i].node, &tree);
         EXPECT_TRUE(is_sound(tree));
     }
@@ -239,8 +239,8 @@ TEST(RbTree, PostOrderGivesChildrenBeforeParents)
             EXPECT_TRUE(node->right == nullptr || seen.count(node->right) == 1);
             last = node;
         }
-        EXPECT_EQ(seen.size(), count);
-        EXPECT_EQ(last, tree.node);
+        EXPECT_EQ(count, seen.size());
+        EXPECT_EQ(tree.node, last);
     }
 }
 
@@ -273,8 +273,8 @@ TEST(RbTree, ErasingMovesNoNode)
         rb_erase(&items[i].node, &tree);
         std::erase(keys, items[i].key);
         for (std::size_t k = 0; k < items.size(); k++)
-            ASSERT_EQ(items[k].key, static_cast<int>(k * 71 % 200));
-        ASSERT_EQ(forward(tree), keys);
+            ASSERT_EQ(static_cast<int>(k * 71 % 200), items[k].key);
+        ASSERT_EQ(keys, forward(tree));
         ASSERT_TRUE(is_sound(tree));
     }
 }
@@ -309,9 +309,9 @@ TEST(RbTreeModel, SmallTreesStaySoundAfterEveryOperation)
         for (item *x : in)
             keys.push_back(x->key);
         std::sort(keys.begin(), keys.end());
-        ASSERT_EQ(forward(tree), keys);
+        ASSERT_EQ(keys, forward(tree));
         std::reverse(keys.begin(), keys.end());
-        ASSERT_EQ(backward(tree), keys);
+        ASSERT_EQ(keys, backward(tree));
     }
 }
 
@@ -333,8 +333,8 @@ TEST(RbTreeModel, RandomWorkAgreesWithAMultimap)
                 continue;
             }
             auto after = std::next(places[i]);
-            ASSERT_EQ(rb_next(&x.node), after != model.end() ? &after->second->node : nullptr);
-            ASSERT_EQ(rb_prev(&x.node), places[i] != model.begin() ? &std::prev(places[i])->second->node : nullptr);
+            ASSERT_EQ(after != model.end() ? &after->second->node : nullptr, rb_next(&x.node));
+            ASSERT_EQ(places[i] != model.begin() ? &std::prev(places[i])->second->node : nullptr, rb_prev(&x.node));
             if (random() % 2 == 0)
                 continue;
             rb_erase(&x.node, &tree);
@@ -357,7 +357,7 @@ TEST(RbTreeView, FindsWalksAndErases)
         items[i].key = static_cast<int>(i * 37 % 100) * 2, tree.insert(items[i]);
     int expected = 0;
     for (item &x : tree) {
-        EXPECT_EQ(x.key, expected);
+        EXPECT_EQ(expected, x.key);
         expected += 2;
     }
     EXPECT_EQ(42, tree.find(42)->key);

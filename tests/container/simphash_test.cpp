@@ -55,8 +55,8 @@ TEST(Simphash, SizeIsReducedModulo32)
          {std::pair{0U, 0U}, {1U, 1U}, {10U, 1023U}, {32U, 0U}, {33U, 1U}, {0xFFFFFFE4U, 15U}}) {
         simphash *table = simphash_create(log_size);
         ASSERT_NE(nullptr, table);
-        EXPECT_EQ(table->log_size, log_size);
-        EXPECT_EQ(table->mask, mask);
+        EXPECT_EQ(log_size, table->log_size);
+        EXPECT_EQ(mask, table->mask);
         for (std::size_t i = 0; i <= mask; i++)
             EXPECT_EQ(nullptr, table->buckets[i]);
         destroy(table);
@@ -135,7 +135,7 @@ TEST(Simphash, FindsWhatWasInserted)
     for (std::uintptr_t value = 1; value <= 100; value++)
         EXPECT_EQ(0, simphash_insert(table, static_cast<unsigned>(value * 7), value));
     for (std::uintptr_t value = 1; value <= 100; value++)
-        EXPECT_EQ(find(table, static_cast<unsigned>(value * 7), value), value);
+        EXPECT_EQ(value, find(table, static_cast<unsigned>(value * 7), value));
     EXPECT_EQ(0U, find(table, 8, 1)) << "another bucket";
     EXPECT_EQ(1U, find(table, 7 + 16, 1)) << "the same bucket by another hash";
     destroy(table);
@@ -163,9 +163,9 @@ TEST(Simphash, LinksPointBack)
     take(table, 0, 2);
     simphash_entry *first = table->buckets[0];
     EXPECT_EQ(3U, first->value);
-    EXPECT_EQ(first->pprev, &table->buckets[0]);
+    EXPECT_EQ(&table->buckets[0], first->pprev);
     EXPECT_EQ(1U, first->next->value);
-    EXPECT_EQ(first->next->pprev, &first->next);
+    EXPECT_EQ(&first->next, first->next->pprev);
     EXPECT_EQ(nullptr, first->next->next);
     destroy(table);
 }
@@ -189,10 +189,10 @@ TEST(SimphashModel, RandomWorkAgreesWithLists)
                 bucket.push_front(value);
                 break;
             case 1:
-                ASSERT_EQ(find(table, hash, value, same_tens), expected);
+                ASSERT_EQ(expected, find(table, hash, value, same_tens));
                 break;
             default:
-                ASSERT_EQ(take(table, hash, value, same_tens), expected);
+                ASSERT_EQ(expected, take(table, hash, value, same_tens));
                 if (expected != 0)
                     bucket.erase(place);
             }

@@ -263,28 +263,28 @@ TEST(Walk, ChainIsFollowedToTheZeroLink)
     Chain chain(4);
     Walk walk(chain.fp(), kCode, 0, 20);
     // The record with the zero link is the outermost one reached; its return address is not taken.
-    EXPECT_EQ(walk.code(), (Words{kCode, 0x1000, 0x1001, 0x1002}));
-    EXPECT_EQ(walk.frame(), (Words{chain.fp(), chain.record(1), chain.record(2), chain.record(3)}));
-    EXPECT_EQ(walk.bottom, chain.record(3));
+    EXPECT_EQ((Words{kCode, 0x1000, 0x1001, 0x1002}), walk.code());
+    EXPECT_EQ((Words{chain.fp(), chain.record(1), chain.record(2), chain.record(3)}), walk.frame());
+    EXPECT_EQ(chain.record(3), walk.bottom);
 }
 
 TEST(Walk, PcAndLrCountOnlyWhenTheyAreCode)
 {
     load_one_section();
     Chain chain(3);
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{0x1000, 0x1001}));
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, kNotCode, 20).code(), (Words{0x1000, 0x1001}));
+    EXPECT_EQ((Words{0x1000, 0x1001}), Walk(chain.fp(), kNotCode, 0, 20).code());
+    EXPECT_EQ((Words{0x1000, 0x1001}), Walk(chain.fp(), kNotCode, kNotCode, 20).code());
     Walk both(chain.fp(), kCode, kCode + 1, 20);
-    EXPECT_EQ(both.code(), (Words{kCode, kCode + 1, 0x1000, 0x1001}));
-    EXPECT_EQ(both.frame(), (Words{chain.fp(), 1, chain.record(1), chain.record(2)}));
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, kCode, 20).code(), (Words{kCode, 0x1000, 0x1001}));
+    EXPECT_EQ((Words{kCode, kCode + 1, 0x1000, 0x1001}), both.code());
+    EXPECT_EQ((Words{chain.fp(), 1, chain.record(1), chain.record(2)}), both.frame());
+    EXPECT_EQ((Words{kCode, 0x1000, 0x1001}), Walk(chain.fp(), kNotCode, kCode, 20).code());
 }
 
 TEST(Walk, HostTextIsCodeBothEndsIncluded)
 {
     load_one_section();
     for (const char *edge : {__qv_text_start, __qv_text_end})
-        EXPECT_EQ(Walk(0, at(edge), 0, 20).code(), (Words{at(edge)}));
+        EXPECT_EQ((Words{at(edge)}), Walk(0, at(edge), 0, 20).code());
     EXPECT_EQ(0, Walk(0, at(__qv_text_start) - 1, 0, 20).count);
     EXPECT_EQ(0, Walk(0, at(__qv_text_end) + 1, 0, 20).count);
 }
@@ -295,12 +295,12 @@ TEST(Walk, NeverMoreThanMax)
     Chain chain(10);
     for (int max = 1; max <= 12; max++) {
         Walk walk(chain.fp(), kCode, kCode, max);
-        EXPECT_EQ(walk.count, std::min(max, 11)) << max;
-        EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, max).count, std::min(max, 9)) << max;
+        EXPECT_EQ(std::min(max, 11), walk.count) << max;
+        EXPECT_EQ(std::min(max, 9), Walk(chain.fp(), kNotCode, 0, max).count) << max;
     }
     EXPECT_EQ(0, Walk(chain.fp(), kCode, kCode, 0).count);
     EXPECT_EQ(0, Walk(chain.fp(), kCode, kCode, -1).count);
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 3).bottom, chain.record(3));
+    EXPECT_EQ(chain.record(3), Walk(chain.fp(), kNotCode, 0, 3).bottom);
 }
 
 TEST(Walk, ACircleEndsAtMax)
@@ -316,26 +316,26 @@ TEST(Walk, FramePointerIsRoundedUpAndLinksAreNot)
     load_one_section();
     Chain chain(3);
     for (unsigned long low = 1; low < 8; low++)
-        EXPECT_EQ(Walk(chain.fp() - low, kNotCode, 0, 20).code(), (Words{0x1000, 0x1001}));
+        EXPECT_EQ((Words{0x1000, 0x1001}), Walk(chain.fp() - low, kNotCode, 0, 20).code());
 
     std::vector<char> bytes(64);
     unsigned long link = at(&bytes[3]), code = 0x4711, next = chain.record(2);
     std::memcpy(&bytes[3], &next, 8);
     std::memcpy(&bytes[11], &code, 8);
     chain.words[0] = link;
-    EXPECT_EQ(Walk(chain.fp(), kNotCode, 0, 20).code(), (Words{0x1000, 0x4711}));
+    EXPECT_EQ((Words{0x1000, 0x4711}), Walk(chain.fp(), kNotCode, 0, 20).code());
 }
 
 TEST(Walk, NoFramePointerAndAZeroFirstLinkEndIt)
 {
     load_one_section();
-    EXPECT_EQ(Walk(0, kCode, 0, 20).code(), (Words{kCode}));
+    EXPECT_EQ((Words{kCode}), Walk(0, kCode, 0, 20).code());
     EXPECT_EQ(0U, Walk(0, kCode, 0, 20).bottom);
-    EXPECT_EQ(Walk(~0UL, kCode, 0, 20).code(), (Words{kCode}));
+    EXPECT_EQ((Words{kCode}), Walk(~0UL, kCode, 0, 20).code());
     Chain chain(1);
     Walk walk(chain.fp(), kCode, 0, 20);
-    EXPECT_EQ(walk.code(), (Words{kCode, 0x1000}));
-    EXPECT_EQ(walk.frame(), (Words{chain.fp(), 0}));
+    EXPECT_EQ((Words{kCode, 0x1000}), walk.code());
+    EXPECT_EQ((Words{chain.fp(), 0}), walk.frame());
     EXPECT_EQ(0U, walk.bottom);
 }
 
@@ -351,9 +351,9 @@ TEST(Walk, UnreadableMemoryEndsIt)
         Chain chain(3);
         chain.words[2] = wild;
         Walk walk(chain.fp(), kNotCode, 0, 20);
-        EXPECT_EQ(walk.code(), (Words{0x1000, 0x1001})) << wild;
-        EXPECT_EQ(walk.bottom, wild);
-        EXPECT_EQ(Walk(wild & ~7UL, kCode, 0, 20).code(), (Words{kCode})) << wild;
+        EXPECT_EQ((Words{0x1000, 0x1001}), walk.code()) << wild;
+        EXPECT_EQ(wild, walk.bottom);
+        EXPECT_EQ((Words{kCode}), Walk(wild & ~7UL, kCode, 0, 20).code()) << wild;
     }
     // A record of which only the link can be read, whole or in part.
     for (std::size_t readable : {8U, 7U, 1U}) {
@@ -363,7 +363,7 @@ TEST(Walk, UnreadableMemoryEndsIt)
         unsigned long link = chain.record(1);
         std::memcpy(reinterpret_cast<void *>(edge), &link, readable);
         Walk walk(chain.fp(), kNotCode, 0, 20);
-        EXPECT_EQ(walk.code(), (Words{0x1000})) << readable;
+        EXPECT_EQ((Words{0x1000}), walk.code()) << readable;
     }
     ::munmap(pages, 2 * kPage);
 }
@@ -401,8 +401,8 @@ TEST(Walk, SignaturesOfReturnAddressesAreStripped)
         Chain chain(2);
         chain.words[1] = with_signature;
         Walk walk(chain.fp(), address, with_signature, 20);
-        EXPECT_EQ(walk.code(), (Words{address, address, address})) << with_table;
-        EXPECT_EQ(walk.frame(), (Words{chain.fp(), 1, chain.record(1)}));
+        EXPECT_EQ((Words{address, address, address}), walk.code()) << with_table;
+        EXPECT_EQ((Words{chain.fp(), 1, chain.record(1)}), walk.frame());
     }
 }
 
@@ -411,7 +411,7 @@ TEST(Walk, TheLinkRegisterIsCodeOrLeftOut)
     load_one_section();
     Chain chain(2);
     for (unsigned long lr : {0x0123000000007000UL, 0xff80000000007000UL, kNotCode})
-        EXPECT_EQ(Walk(chain.fp(), kCode, lr, 20).code(), (Words{kCode, 0x1000})) << lr;
+        EXPECT_EQ((Words{kCode, 0x1000}), Walk(chain.fp(), kCode, lr, 20).code()) << lr;
 }
 
 TEST(Walk, ErrnoIsKept)
@@ -473,11 +473,11 @@ TEST(FunctionName, NullNamedAndUnnamed)
     void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");
     char wanted[256];
     std::snprintf(wanted, sizeof wanted, "procps_read_maps@%p", function);
-    EXPECT_EQ(get_function_name_by_ptr(function, text, sizeof text), static_cast<int>(std::strlen(wanted)));
-    EXPECT_STREQ(text, wanted);
+    EXPECT_EQ(static_cast<int>(std::strlen(wanted)), get_function_name_by_ptr(function, text, sizeof text));
+    EXPECT_STREQ(wanted, text);
     get_function_name_by_ptr(text, text, sizeof text);
     std::snprintf(wanted, sizeof wanted, "%p", static_cast<void *>(text));
-    EXPECT_STREQ(text, wanted);
+    EXPECT_STREQ(wanted, text);
 }
 
 TEST(FunctionName, IsCutAndTerminated)
@@ -613,12 +613,12 @@ TEST(SymbolText, NamedUnnamedAndUnknown)
     ASSERT_NE(0, ::dladdr(function, &info));
     char wanted[512];
     std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0x4) [0x%lx]", info.dli_fname, at(function) + 4);
-    EXPECT_EQ(symbol_of(at(function) + 4), wanted);
+    EXPECT_EQ(wanted, symbol_of(at(function) + 4));
     std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0) [0x%lx]", info.dli_fname, at(function));
-    EXPECT_EQ(symbol_of(at(function)), wanted);
+    EXPECT_EQ(wanted, symbol_of(at(function)));
     // The start of the object carries no symbol.
     unsigned long inside = at(info.dli_fbase) + 0x40;
     std::snprintf(wanted, sizeof wanted, "%s(+0x40) [0x%lx]", info.dli_fname, inside);
-    EXPECT_EQ(symbol_of(inside), wanted);
+    EXPECT_EQ(wanted, symbol_of(inside));
     EXPECT_EQ("0x1234", symbol_of(0x1234));
 }

@@ -177,12 +177,12 @@ TEST(Ids, ADyingThread)
         install_sighandler();
         run_thread(as_worker<write_null>);
     });
-    ASSERT_NE(worker_id(), child.pid);
+    ASSERT_NE(child.pid, worker_id());
     char line[128];
     std::snprintf(line, sizeof line, "!!!!!!WARNING: process %d pid %d parent %d  is dying(11), ePC :  ", worker_id(),
                   child.pid, ::getpid());
-    EXPECT_NE(printed().find(line), std::string::npos) << line << printed();
-    EXPECT_EQ(read_log(log_path("routed", child.pid, "coredump", SIGSEGV)).id, child.pid);
+    EXPECT_NE(std::string::npos, printed().find(line)) << line << printed();
+    EXPECT_EQ(child.pid, read_log(log_path("routed", child.pid, "coredump", SIGSEGV)).id);
 }
 
 TEST(Ids, AnAttachingThreadByProcessAndByThread)
@@ -194,14 +194,14 @@ TEST(Ids, AnAttachingThreadByProcessAndByThread)
                 qv_set_handle_thread_trace();
             run_thread(as_worker<raise_signal<52>>);
         });
-        ASSERT_NE(worker_id(), child.pid);
+        ASSERT_NE(child.pid, worker_id());
         std::string line = " PID " + std::to_string(worker_id()) + " is attaching (52)\n";
-        EXPECT_NE(printed().find(line), std::string::npos) << line << printed();
+        EXPECT_NE(std::string::npos, printed().find(line)) << line << printed();
         int id = by_thread ? worker_id() : child.pid;
         Log log = read_log(log_path(by_thread ? "worker" : "routed", id, "attach", 52));
         EXPECT_EQ("", log.error);
-        EXPECT_EQ(log.id, id);
-        EXPECT_EQ(log.by_thread, by_thread);
+        EXPECT_EQ(id, log.id);
+        EXPECT_EQ(by_thread, log.by_thread);
     }
 }
 
@@ -220,7 +220,7 @@ TEST(Ids, ATerminatedThreadByProcessAndByThread)
         ASSERT_TRUE(exists(path)) << path;
         std::string line = "Process " + std::to_string(worker_id()) + " receive signal(15) from pid " +
                            std::to_string(child.pid) + ",";
-        EXPECT_EQ(lines(read_file(path))[0], line);
+        EXPECT_EQ(line, lines(read_file(path))[0]);
     }
 }
 
@@ -241,11 +241,11 @@ TEST(Registers, EachSlotHoldsItsOwn)
     ucontext_t context;
     LoggedRegisters logged = number_registers(context);
     for (unsigned i = 0; i < logged.slots.size(); i++)
-        EXPECT_EQ(logged.slots[i], log.registers[i]) << "slot " << i;
-    EXPECT_EQ(logged.sp, log.sp);
-    EXPECT_EQ(logged.pc, log.pc);
-    EXPECT_EQ(logged.pstate, log.pstate);
-    EXPECT_EQ(logged.fault, log.fault);
+        EXPECT_EQ(log.registers[i], logged.slots[i]) << "slot " << i;
+    EXPECT_EQ(log.sp, logged.sp);
+    EXPECT_EQ(log.pc, logged.pc);
+    EXPECT_EQ(log.pstate, logged.pstate);
+    EXPECT_EQ(log.fault, logged.fault);
 }
 
 // A thread knows what is code only when the handler has read its mappings.
@@ -260,7 +260,7 @@ TEST(Mappings, TheHandlerReadsTheMappingsOfItsThread)
     ASSERT_EQ("", log.error);
     EXPECT_EQ(kWildAddress, log.pc);
     for (const Log::Entry &entry : log.entries)
-        EXPECT_EQ(entry.text.find("[0x123450]"), std::string::npos) << entry.text;
+        EXPECT_EQ(std::string::npos, entry.text.find("[0x123450]")) << entry.text;
 }
 
 TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
@@ -281,7 +281,7 @@ TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
     ASSERT_FALSE(log.entries.empty());
     char address[32];
     std::snprintf(address, sizeof address, "0x%lx", static_cast<unsigned long>(log.pc));
-    EXPECT_NE(log.entries[0].text.find(address), std::string::npos) << log.entries[0].text;
+    EXPECT_NE(std::string::npos, log.entries[0].text.find(address)) << log.entries[0].text;
 }
 
 TEST(Files, AllMayReadWriteAndSearchButForTheUmask)
@@ -298,10 +298,10 @@ TEST(Files, AllMayReadWriteAndSearchButForTheUmask)
         });
         EXPECT_TRUE(child.killed_by(SIGTERM));
         int mode = 0777 & ~static_cast<int>(mask);
-        EXPECT_EQ(mode_of("/etc/core"), mode);
-        EXPECT_EQ(mode_of(log_path(kName, child.pid, "attach", 52)), mode);
-        EXPECT_EQ(mode_of("/flash/core"), mode);
-        EXPECT_EQ(mode_of(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")), mode);
+        EXPECT_EQ(mode, mode_of("/etc/core"));
+        EXPECT_EQ(mode, mode_of(log_path(kName, child.pid, "attach", 52)));
+        EXPECT_EQ(mode, mode_of("/flash/core"));
+        EXPECT_EQ(mode, mode_of(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")));
     }
 }
 
@@ -317,7 +317,7 @@ TEST(Files, AFolderThatAnotherThreadHasJustMadeIsNoFailure)
     EXPECT_TRUE(child.killed_by(SIGTERM));
     EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 52)).error);
     EXPECT_TRUE(exists(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")));
-    EXPECT_EQ(printed().find("mkdir"), std::string::npos);
+    EXPECT_EQ(std::string::npos, printed().find("mkdir"));
 }
 
 // ---- arming ----
@@ -336,7 +336,7 @@ TEST(Arming, MakesItsCallsInOrder)
             signals.push_back(sig);
         for (int sig : signals)
             wanted += "a" + std::to_string(sig) + "terminate ";
-        EXPECT_EQ(calls.text, wanted);
+        EXPECT_EQ(wanted, calls.text);
         calls.text.clear();
         uninstall_sighandler();
         EXPECT_EQ("s7default s4default s11default s6default ", calls.text);
@@ -354,11 +354,11 @@ TEST(Arming, TheResultsAreTheLastCalls)
     ChildResult child = named_child([] {
         sighandler_t mine = [](int) {};
         ::signal(SIGHUP, mine);
-        EXPECT_EQ(install_sighandler(), reinterpret_cast<void *>(mine));
+        EXPECT_EQ(reinterpret_cast<void *>(mine), install_sighandler());
         ::signal(SIGABRT, mine);
-        EXPECT_EQ(uninstall_sighandler(), reinterpret_cast<void *>(mine));
+        EXPECT_EQ(reinterpret_cast<void *>(mine), uninstall_sighandler());
         ::signal(52, mine);
-        EXPECT_EQ(ignore_signal(), reinterpret_cast<void *>(mine));
+        EXPECT_EQ(reinterpret_cast<void *>(mine), ignore_signal());
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -372,7 +372,7 @@ TEST(Arming, TheResetComesInItsOrderAndBeforeTheWarning)
         EXPECT_EQ("s7default s6default s11default s4default ", calls.text);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_NE(printed().find("is dying(4)"), std::string::npos);
+    EXPECT_NE(std::string::npos, printed().find("is dying(4)"));
 }
 
 TEST(Arming, EachFailureHasItsText)
@@ -399,7 +399,7 @@ TEST(Arming, EachFailureHasItsText)
     std::string all = "install signal handler for 10 failed.\n";
     for (auto &[sig, name] : texts)
         all += "install signal handler for " + std::string(name) + " failed.\n";
-    EXPECT_EQ(printed(), all);
+    EXPECT_EQ(all, printed());
 }
 
 TEST(Arming, Phase0GetsTheActionAndNoRecord)
@@ -459,7 +459,7 @@ TEST(PlainHandler, PrintsTwentyFramesOfADeepStack)
         EXPECT_EQ(0U, line.rfind(head, 0)) << line;
         // The address and, behind a blank, the symbol's text, which ends in the same address.
         std::string address = line.substr(10, line.find(' ', 10) - 10);
-        EXPECT_NE(line.find("[" + address + "]"), std::string::npos) << line;
+        EXPECT_NE(std::string::npos, line.find("[" + address + "]")) << line;
     }
 }
 
@@ -473,7 +473,7 @@ TEST(PlainHandler, SaysWhyItCannotReadTheName)
     EXPECT_TRUE(child.exited(0)) << child.out;
     // Two calls build a line: the name, which is empty, and the signal.
     EXPECT_EQ(0U, printed().rfind("read file /proc/self/cmdline failed, Input/output error\n", 0)) << printed();
-    EXPECT_NE(printed().find(" Caught signal 10\n"), std::string::npos) << printed();
+    EXPECT_NE(std::string::npos, printed().find(" Caught signal 10\n")) << printed();
 }
 
 // ---- errno ----
@@ -545,7 +545,7 @@ TEST(Errno, IsKeptByTheHandlersWhateverFails)
         EXPECT_TRUE(child.exited(0)) << what << child.status << child.out;
         std::string console = read_file(kConsole);
         std::string told = "mkdir /flash/core  failed, Read-only file system\nFail to create ";
-        EXPECT_EQ(console.find(told) != std::string::npos, what == "folder") << console;
+        EXPECT_EQ(what == "folder", console.find(told) != std::string::npos) << console;
         remount("/etc", false);
         remount("/flash", false);
     }

@@ -107,7 +107,7 @@ void expect_dying_line(const ChildResult &child, int sig, std::uint64_t pc)
     char line[256];
     std::snprintf(line, sizeof line, "!!!!!!WARNING: process %d pid %d parent %d  is dying(%d), ePC :  %016lx\n",
                   child.pid, child.pid, ::getpid(), sig, static_cast<unsigned long>(pc));
-    EXPECT_NE(printed().find(line), std::string::npos) << line << printed();
+    EXPECT_NE(std::string::npos, printed().find(line)) << line << printed();
 }
 
 void in_thread(void *(*body)(void *))
@@ -136,15 +136,15 @@ TEST(Crash, LogIsCompleteAndTheFaultStillKills)
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
     ASSERT_EQ("", log.error);
     EXPECT_FALSE(log.by_thread);
-    EXPECT_EQ(log.id, child.pid);
+    EXPECT_EQ(child.pid, log.id);
     EXPECT_EQ(SIGSEGV, log.sig);
     EXPECT_EQ(0U, log.registers[0]);
-    EXPECT_EQ(log.registers[31], log.sp);
+    EXPECT_EQ(log.sp, log.registers[31]);
     EXPECT_EQ(kBadAddress, log.fault);
     ASSERT_GE(log.entries.size(), 3U);
     char pc[32];
     std::snprintf(pc, sizeof pc, "[0x%lx]", static_cast<unsigned long>(log.pc));
-    EXPECT_NE(log.entries[0].text.find(pc), std::string::npos) << log.entries[0].text;
+    EXPECT_NE(std::string::npos, log.entries[0].text.find(pc)) << log.entries[0].text;
     EXPECT_EQ("depth " + std::to_string(log.entries.size()) + "\nlast\n", log.rest);
     expect_dying_line(child, SIGSEGV, log.pc);
 }
@@ -154,9 +154,9 @@ TEST(Crash, RegisterNamesAreThePorts)
     ChildResult child = crash_child([] { write_null(); });
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
     ASSERT_EQ("", log.error);
-    EXPECT_EQ(register_names(), log.names);
+    EXPECT_EQ(log.names, register_names());
     if (kProgramCounterSlot != kNoSlot) {
-        EXPECT_EQ(log.pc, log.registers[static_cast<unsigned>(kProgramCounterSlot)]);
+        EXPECT_EQ(log.registers[static_cast<unsigned>(kProgramCounterSlot)], log.pc);
     }
 }
 
@@ -168,9 +168,9 @@ TEST(Crash, AnOlderLongerLogKeepsItsTail)
     write_file(path_to_set, old);
     ChildResult child = crash_child([] { write_null(); });
     std::string text = read_file(path_to_set);
-    EXPECT_EQ(text.size(), old.size());
+    EXPECT_EQ(old.size(), text.size());
     std::size_t end = text.find("last\n");
-    ASSERT_NE(end, std::string::npos);
+    ASSERT_NE(std::string::npos, end);
     EXPECT_EQ(std::string(old.size() - end - 5, 'o'), text.substr(end + 5));
 }
 
@@ -182,7 +182,7 @@ TEST(Crash, EveryFaultSignalIsLoggedAndResetsAllFour)
             ::raise(sig);
             for (int other : kFaultSignals)
                 EXPECT_EQ(SIG_DFL, disposition(other).sa_handler) << other;
-            EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
+            EXPECT_EQ(&signal_err, disposition(52).sa_sigaction);
         });
         EXPECT_TRUE(child.exited(0)) << child.out;
         Log log = read_log(core_path(child, "coredump", sig));
@@ -200,13 +200,13 @@ TEST(Crash, WithThreadModeTheThreadIsNamed)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     int tid = std::atoi(read_file("/tmp/tid").c_str());
-    EXPECT_NE(tid, child.pid);
+    EXPECT_NE(child.pid, tid);
     std::string path = log_path("worker", tid, "coredump", SIGSEGV);
     Log log = read_log(path);
     EXPECT_EQ("", log.error);
     EXPECT_TRUE(log.by_thread);
-    EXPECT_EQ(log.id, tid);
-    EXPECT_EQ(log.label, path);
+    EXPECT_EQ(tid, log.id);
+    EXPECT_EQ(path, log.label);
 }
 
 TEST(Crash, WithoutThreadModeTheProcessIsNamed)
@@ -228,7 +228,7 @@ TEST(Crash, ASlashInANameBecomesAnUnderscoreInTheFileName)
     std::string path = log_path("_rx_eth0_", child.pid, "attach", 52);
     Log log = read_log(path);
     EXPECT_EQ("", log.error);
-    EXPECT_EQ(log.label, path);
+    EXPECT_EQ(path, log.label);
 }
 
 TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
@@ -280,15 +280,15 @@ TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
         ChildResult child = crash_child([sig] {
             for (int i = 0; i < 3; i++)
                 ::raise(sig);
-            EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
+            EXPECT_EQ(&signal_err, disposition(SIGSEGV).sa_sigaction);
         });
         EXPECT_TRUE(child.exited(0)) << child.out;
         EXPECT_EQ("", read_log(core_path(child, "attach", sig)).error);
         std::string line =
             std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (" + std::to_string(sig) + ")\n";
-        EXPECT_NE(printed().find(line), std::string::npos);
+        EXPECT_NE(std::string::npos, printed().find(line));
     }
-    EXPECT_EQ(printed().find("dying"), std::string::npos);
+    EXPECT_EQ(std::string::npos, printed().find("dying"));
 }
 
 TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
@@ -296,7 +296,7 @@ TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
     ChildResult child = crash_child([] {
         ::raise(51);
         EXPECT_EQ(0, in_signal_context());
-        EXPECT_EQ(disposition(51).sa_sigaction, &signal_err);
+        EXPECT_EQ(&signal_err, disposition(51).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     std::string path = log_path(kName, child.pid, "attach", 51, "/tmp/dump");
@@ -352,7 +352,7 @@ TEST(Callback, PhasesComeInOrderWithTheirArguments)
         EXPECT_EQ("a1 b1 a4 b4 a2 b2 ", phases());
         EXPECT_EQ(0U, calls[0].arg);
         EXPECT_NE(nullptr, calls[0].record);
-        EXPECT_EQ(calls[2].arg, calls[4].arg);
+        EXPECT_EQ(calls[4].arg, calls[2].arg);
         EXPECT_TRUE(is_reset_at_backtrace); // the handlers of a process without threads are disarmed before the log
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -365,7 +365,7 @@ TEST(Callback, DumpSignals51And52SkipPhase4AndTheAttachSignalDoesNot)
         for (int sig : {51, 52, 14}) {
             call_count = 0;
             ::raise(sig);
-            EXPECT_EQ(phases(), sig == 14 ? "a1 b1 a4 b4 a2 b2 " : "a1 b1 a2 b2 ") << sig;
+            EXPECT_EQ(sig == 14 ? "a1 b1 a4 b4 a2 b2 " : "a1 b1 a2 b2 ", phases()) << sig;
         }
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -378,7 +378,7 @@ TEST(Callback, AResultOfPhase1SuppressesWarningAndReset)
         first_result[QV_COREDUMP_FIRST] = 7;
         ::raise(SIGSEGV);
         EXPECT_EQ("a1 a4 b4 a2 b2 ", phases());
-        EXPECT_EQ(disposition(SIGSEGV).sa_sigaction, &signal_err);
+        EXPECT_EQ(&signal_err, disposition(SIGSEGV).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_EQ("", printed());
@@ -410,7 +410,7 @@ TEST(Callback, PathOfPhase1IsUsedAndTheFolderStillMade)
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     EXPECT_EQ("", read_log("/tmp/mine.log").error);
     EXPECT_TRUE(exists("/etc/core"));
-    EXPECT_EQ(list_dir("/etc/core"), std::vector<std::string>());
+    EXPECT_EQ(std::vector<std::string>(), list_dir("/etc/core"));
 }
 
 TEST(Callback, APathWithoutTerminationIsBounded)
@@ -429,9 +429,7 @@ TEST(Failure, NoFolderToBeMade)
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
-    EXPECT_NE(
-        read_file(kConsole).find("mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"),
-        std::string::npos)
+    EXPECT_NE(std::string::npos, read_file(kConsole).find("mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"))
         << read_file(kConsole);
 }
 
@@ -441,7 +439,7 @@ TEST(Failure, ALinkToNowhereIsNoFolder)
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
-    EXPECT_NE(printed().find("mkdir /etc/core\tfailed, File exists\nFail to create " + path + " \n"), std::string::npos)
+    EXPECT_NE(std::string::npos, printed().find("mkdir /etc/core\tfailed, File exists\nFail to create " + path + " \n"))
         << printed();
 }
 
@@ -452,9 +450,8 @@ TEST(Failure, NoFileToBeMade)
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
-    EXPECT_NE(read_file(kConsole).find("!!!!!!WARNING: failed to core dump log file in " + path + ".\nFail to create " +
-                                       path + " \n"),
-              std::string::npos)
+    EXPECT_NE(std::string::npos, read_file(kConsole).find("!!!!!!WARNING: failed to core dump log file in " + path + ".\nFail to create " +
+                                       path + " \n"))
         << read_file(kConsole);
 }
 
@@ -490,10 +487,10 @@ TEST(BacktraceSection, FillsTheRecordAndWritesIt)
     int depth = 0;
     std::string text = capture_stdout([&] { depth = coredump_backtrace_to_file(STDOUT_FILENO, &rec); });
     EXPECT_GT(depth, 1);
-    EXPECT_EQ(static_cast<int>(rec.depth), depth);
+    EXPECT_EQ(depth, static_cast<int>(rec.depth));
     EXPECT_NE(0U, rec.fault_fp);
     std::vector<std::string> written = lines(text);
-    ASSERT_EQ(static_cast<int>(written.size()), depth + 3);
+    ASSERT_EQ(depth + 3, static_cast<int>(written.size()));
     EXPECT_EQ("Backtracing:", written[0]);
     for (unsigned i = 0; i < rec.depth; i++) {
         char head[64];
@@ -502,6 +499,6 @@ TEST(BacktraceSection, FillsTheRecordAndWritesIt)
     }
     char bottom[64];
     std::snprintf(bottom, sizeof bottom, "\tStack bottom is at 0x%lX", static_cast<unsigned long>(rec.stack_bottom));
-    EXPECT_EQ(written[written.size() - 2], bottom);
+    EXPECT_EQ(bottom, written[written.size() - 2]);
     EXPECT_EQ("", written.back());
 }

@@ -14,6 +14,6 @@ TEST(LateLoad, ASecondThreadThatAbortsInsideMallocLeavesItsLog)
             run_program({build_dir() + "/tests/crash_late_host", build_dir() + "/libcommon.so", thread_start}, 20000);
         EXPECT_TRUE(child.killed_by(SIGABRT)) << thread_start << child.status << child.timed_out;
         EXPECT_EQ("", read_log(log_path("crash_late_host", child.pid, "coredump", SIGABRT)).error) << thread_start;
-        EXPECT_NE(printed().find(" pid " + std::to_string(child.pid) + " parent"), std::string::npos);
+        EXPECT_NE(std::string::npos, printed().find(" pid " + std::to_string(child.pid) + " parent"));
     }
 }

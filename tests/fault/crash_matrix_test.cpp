@@ -60,7 +60,7 @@ void expect_logs(int sig, const std::function<void()> &body, const std::function
             << "round " << i << " status " << child.status << " hung " << child.timed_out << child.out << child.err;
         Log log = read_log(log_path(kName, child.pid, "coredump", sig));
         ASSERT_EQ("", log.error) << "round " << i;
-        ASSERT_EQ(log.sig, sig);
+        ASSERT_EQ(sig, log.sig);
         if (check)
             check(log);
     }
@@ -107,7 +107,7 @@ TEST(Matrix, JumpToAWildAddress)
     expect_logs(SIGSEGV, jump_wild, [](const Log &log) {
         EXPECT_EQ(kWildAddress, log.pc);
         ASSERT_FALSE(log.entries.empty());
-        EXPECT_EQ(log.entries[0].text.find("[0x123450]"), std::string::npos);
+        EXPECT_EQ(std::string::npos, log.entries[0].text.find("[0x123450]"));
     });
 }
 
@@ -241,7 +241,7 @@ TEST(Matrix, SecondaryThreadByThread)
             wait_for_the_end();
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV));
-        ASSERT_EQ(list_dir("/etc/core").size(), before + 1);
+        ASSERT_EQ(before + 1, list_dir("/etc/core").size());
     }
     for (const std::string &name : list_dir("/etc/core")) {
         Log log = read_log("/etc/core/" + name);
@@ -263,7 +263,7 @@ TEST(Matrix, SixteenThreadsAtOnceEachWithItsLog)
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
         std::vector<std::string> logs = list_dir("/etc/core");
-        EXPECT_EQ(logs.size(), static_cast<std::size_t>(kThreads));
+        EXPECT_EQ(static_cast<std::size_t>(kThreads), logs.size());
         for (const std::string &name : logs)
             EXPECT_EQ("", read_log("/etc/core/" + name).error);
     }
@@ -280,8 +280,8 @@ TEST(Matrix, SixteenThreadsAtOnceIntoOneLog)
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
         EXPECT_EQ("", read_log(log_path(kName, child.pid, "coredump", SIGSEGV)).error);
-        EXPECT_EQ(count_of(printed(), " pid " + std::to_string(child.pid) + " parent"),
-                  static_cast<std::size_t>(kThreads));
+        EXPECT_EQ(static_cast<std::size_t>(kThreads),
+                  count_of(printed(), " pid " + std::to_string(child.pid) + " parent"));
     }
 }
 
@@ -324,10 +324,9 @@ TEST(Matrix, NoFreeDescriptors)
         std::string path = log_path(program_invocation_short_name, child.pid, "coredump", SIGSEGV);
         EXPECT_FALSE(exists(path));
         std::string console = read_file(kConsole);
-        EXPECT_NE(console.find("is dying(11), ePC :"), std::string::npos);
-        EXPECT_NE(console.find("!!!!!!WARNING: failed to core dump log file in " + path + ".\nFail to create " + path +
-                               " \n"),
-                  std::string::npos)
+        EXPECT_NE(std::string::npos, console.find("is dying(11), ePC :"));
+        EXPECT_NE(std::string::npos, console.find("!!!!!!WARNING: failed to core dump log file in " + path +
+                                                  ".\nFail to create " + path + " \n"))
             << console;
     }
 }
@@ -340,7 +339,7 @@ TEST(Matrix, ReadOnlyEtc)
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status;
         std::string told = "mkdir /etc/core\tfailed, Read-only file system\nFail to create " +
                            log_path(kName, child.pid, "coredump", SIGSEGV) + " \n";
-        EXPECT_NE(read_file(kConsole).find(told), std::string::npos);
+        EXPECT_NE(std::string::npos, read_file(kConsole).find(told));
     }
 }
 
@@ -359,7 +358,7 @@ TEST(Matrix, DiskFull)
         char told[128];
         std::snprintf(told, sizeof told, "!!!!!!WARNING: process %d pid %d parent %d  is dying(11), ePC :  ", child.pid,
                       child.pid, ::getpid());
-        EXPECT_NE(printed().find(told), std::string::npos);
+        EXPECT_NE(std::string::npos, printed().find(told));
         EXPECT_EQ("", read_file(log_path(kName, child.pid, "coredump", SIGSEGV)));
     }
 }

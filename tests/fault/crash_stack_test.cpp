@@ -144,7 +144,7 @@ TEST(SignalStack, WithOneAnOverflowLeavesItsLog)
     Log log = core_log(child);
     EXPECT_EQ("", log.error);
     EXPECT_EQ(20U, log.entries.size());
-    EXPECT_NE(printed().find("is dying(11)"), std::string::npos);
+    EXPECT_NE(std::string::npos, printed().find("is dying(11)"));
 }
 
 TEST(SignalStack, TheMainThreadMayAskBeforeTheHandlersAreArmed)
@@ -169,7 +169,7 @@ TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
         EXPECT_EQ(0, qv_use_signal_stack());
         for (int sig : {14, 6, 11, 7, 4, 51, 52})
             EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, flags_of(sig)) << sig;
-        EXPECT_EQ(flags_of(SIGUSR1), other);
+        EXPECT_EQ(other, flags_of(SIGUSR1));
         EXPECT_EQ(0, flags_of(SIGHUP) & SA_ONSTACK);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -183,10 +183,10 @@ TEST(SignalStack, HasTheStatedSizeAndAGuardBelow)
     ChildResult child = named_child([] {
         EXPECT_EQ(0, qv_use_signal_stack());
         stack_t mine = signal_stack();
-        EXPECT_EQ(mine.ss_size, static_cast<std::size_t>(QV_SIGNAL_STACK_SIZE));
+        EXPECT_EQ(static_cast<std::size_t>(QV_SIGNAL_STACK_SIZE), mine.ss_size);
         EXPECT_EQ(0, mine.ss_flags);
         EXPECT_EQ(0, qv_use_signal_stack());
-        EXPECT_EQ(signal_stack().ss_sp, mine.ss_sp);
+        EXPECT_EQ(mine.ss_sp, signal_stack().ss_sp);
         bottom = static_cast<char *>(mine.ss_sp);
         bottom[0] = 1;
         bottom[QV_SIGNAL_STACK_SIZE - 1] = 1;
@@ -226,7 +226,7 @@ TEST(SignalStack, IsFreedAtTheEndOfTheThread)
         for (int i = 0; i < 100; i++)
             run_thread(use_stack);
         EXPECT_LE(mappings(), before + 4);
-        EXPECT_EQ(read_file("/proc/self/maps").find("\n" + stack_range), std::string::npos);
+        EXPECT_EQ(std::string::npos, read_file("/proc/self/maps").find("\n" + stack_range));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -251,13 +251,13 @@ void *use_besides(void *stack, std::size_t size)
 
 void *use_besides_small(void *)
 {
-    EXPECT_NE(use_besides(small_stack, sizeof small_stack), small_stack);
+    EXPECT_NE(small_stack, use_besides(small_stack, sizeof small_stack));
     return nullptr;
 }
 
 void *use_besides_large(void *)
 {
-    EXPECT_EQ(use_besides(large_stack, sizeof large_stack), large_stack);
+    EXPECT_EQ(large_stack, use_besides(large_stack, sizeof large_stack));
     return nullptr;
 }
 
@@ -271,9 +271,9 @@ TEST(SignalStack, TheHostsIsKeptWhenLargeAndRestoredWhenSmall)
         run_thread(use_stack); // makes the library's key, whose destructor then runs before this one
         ::pthread_key_create(&end_key, [](void *) { stack_at_end = signal_stack().ss_sp; });
         run_thread(use_besides_small);
-        EXPECT_EQ(stack_at_end, small_stack);
+        EXPECT_EQ(small_stack, stack_at_end);
         run_thread(use_besides_large);
-        EXPECT_EQ(stack_at_end, large_stack);
+        EXPECT_EQ(large_stack, stack_at_end);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -292,5 +292,5 @@ TEST(DamagedStack, OverwrittenUpToItsTopLeavesACompleteLog)
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string log = read_file("/etc/core/routed" + std::to_string(child.pid) + ".coredump.11.log");
-    EXPECT_NE(log.find("Stack bottom is at"), std::string::npos) << log;
+    EXPECT_NE(std::string::npos, log.find("Stack bottom is at")) << log;
 }

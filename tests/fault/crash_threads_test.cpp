@@ -94,7 +94,7 @@ void expect_log_up_to_the_callback(const ChildResult &child, int sig)
 {
     Log log = read_log(core_path(child, "coredump", sig));
     EXPECT_EQ("", log.error);
-    EXPECT_EQ(log.sig, sig);
+    EXPECT_EQ(sig, log.sig);
 }
 
 // Slow sleeps: a wait that counts them instead of reading the clock takes far too long.
@@ -253,7 +253,7 @@ TEST(Dying, AThreadThatLeftItsDeathDiesOfTheNextFaultUnlessItArmsAgain)
             jump_wild();
         });
         EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
-        EXPECT_EQ(runs(), arms ? 2U : 1U);
+        EXPECT_EQ(arms ? 2U : 1U, runs());
     }
 }
 
@@ -617,7 +617,7 @@ TEST(Cancellation, APendingRequestActsAfterTheHandler)
             EXPECT_EQ(PTHREAD_CANCELED, result);
             EXPECT_TRUE(went_on);
         }
-        EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+        EXPECT_EQ(descriptors, list_dir("/proc/self/fd").size());
         EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;

@@ -98,7 +98,7 @@ void storm(unsigned requests)
     for (pthread_t thread : threads)
         ::pthread_join(thread, nullptr);
     EXPECT_EQ(0, in_signal_context());
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+    EXPECT_EQ(descriptors, list_dir("/proc/self/fd").size());
 }
 
 } // namespace
@@ -109,7 +109,7 @@ TEST(Storm, AThousandRequestsToABusyProcess)
     ::mkdir("/tmp/logs", 0777);
     ChildResult child = run_child([requests] { storm(requests); }, 60000);
     ASSERT_TRUE(child.exited(0)) << child.status << child.timed_out << child.out << child.err;
-    ASSERT_EQ(list_dir("/tmp/logs").size(), requests);
+    ASSERT_EQ(requests, list_dir("/tmp/logs").size());
     for (unsigned i = 0; i < requests; i++) {
         Log log = read_log(std::string("/tmp/logs/").append(std::to_string(i)));
         ASSERT_EQ("", log.error) << i;

@@ -230,7 +230,7 @@ TEST(LoaderBusy, AThreadDiesInsideFreeInAHostThatLoadedTheLibraryLate)
     Log log = read_log(log_path("late", child.pid, "coredump", SIGABRT));
     ASSERT_EQ("", log.error);
     ASSERT_FALSE(log.entries.empty());
-    EXPECT_NE(log.entries[0].text.find("libc.so"), std::string::npos) << log.entries[0].text;
+    EXPECT_NE(std::string::npos, log.entries[0].text.find("libc.so")) << log.entries[0].text;
 }
 
 TEST(LoaderBusy, ThreadsOfAHostThatLoadedTheLibraryLateHaveTheirOwnTables)

@@ -59,7 +59,7 @@ Log log_of_walk(unsigned long fp, unsigned long sp)
     Log log;
     std::string text = capture_stdout([&] {
         int depth = coredump_backtrace_to_file(STDOUT_FILENO, &rec);
-        EXPECT_EQ(depth, static_cast<int>(rec.depth));
+        EXPECT_EQ(static_cast<int>(rec.depth), depth);
     });
     for (const std::string &line : lines(text)) {
         std::size_t arrow = line.find("> -> ");
@@ -180,7 +180,7 @@ TEST(LogWalk, ASoundChainIsShownAsItIs)
         ASSERT_EQ(4U, log.entries.size());
         for (std::size_t i = 0; i < 3; i++) {
             EXPECT_EQ("0x100" + std::to_string(i), log.entries[i].text);
-            EXPECT_EQ(log.entries[i].frame, pointer_text(at(records[i + 1])));
+            EXPECT_EQ(pointer_text(at(records[i + 1])), log.entries[i].frame);
         }
         EXPECT_EQ("0x1003", log.entries[3].text);
         EXPECT_EQ("0x2", log.bottom);
@@ -191,9 +191,9 @@ TEST(LogWalk, TheChainEndsAtALinkDownwards)
 {
     unsigned long records[3][2] = {{at(records[1]), 0x1000}, {at(records[2]), 0x1001}, {at(records[0]), 0x1002}};
     Log log = log_of_walk(at(records), at(records));
-    EXPECT_EQ(log.entries.size(), kWalkScansTheStack ? 3U : 20U);
+    EXPECT_EQ(kWalkScansTheStack ? 3U : 20U, log.entries.size());
     if (kWalkScansTheStack) {
-        EXPECT_EQ(log.bottom, pointer_text(at(records[2])));
+        EXPECT_EQ(pointer_text(at(records[2])), log.bottom);
     }
 }
 

@@ -48,7 +48,7 @@ std::vector<std::string> texts_of(const Addresses &addresses)
         coredump_backtrace_to_file(file, &rec);
     }
     std::string all(static_cast<std::size_t>(::lseek(file, 0, SEEK_CUR)), '\0');
-    EXPECT_EQ(::pread(file, all.data(), all.size(), 0), static_cast<ssize_t>(all.size()));
+    EXPECT_EQ(static_cast<ssize_t>(all.size()), ::pread(file, all.data(), all.size(), 0));
     ::close(file);
     for (const std::string &line : lines(all)) {
         std::size_t arrow = line.find("> -> ");
@@ -97,17 +97,17 @@ void expect_loaders_answers(Addresses addresses)
     std::sort(addresses.begin(), addresses.end());
     addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
     std::vector<std::string> texts = texts_of(addresses);
-    ASSERT_EQ(texts.size(), addresses.size());
+    ASSERT_EQ(addresses.size(), texts.size());
     std::size_t named = 0;
     for (std::size_t i = 0; i < addresses.size(); i++) {
-        ASSERT_EQ(texts[i], expected_text(addresses[i])) << i;
+        ASSERT_EQ(expected_text(addresses[i]), texts[i]) << i;
         named += texts[i].find("()") == std::string::npos && texts[i].find("(+") == std::string::npos ? 1 : 0;
         if (i % 16 != 0 || addresses[i] == 0)
             continue;
         char name[4096];
         std::string wanted = expected_name(addresses[i]);
-        ASSERT_EQ(get_function_name_by_ptr(reinterpret_cast<void *>(addresses[i]), name, sizeof name),
-                  static_cast<int>(wanted.size()));
+        ASSERT_EQ(static_cast<int>(wanted.size()),
+                  get_function_name_by_ptr(reinterpret_cast<void *>(addresses[i]), name, sizeof name));
         ASSERT_EQ(std::string(name), wanted);
     }
     ::printf("%zu addresses, %zu named\n", addresses.size(), named);
@@ -271,7 +271,7 @@ TEST(Names, AModuleBelowItsLinkAddress)
     void *module = ::dlopen((build_dir() + "/tests/plugin_high.so").c_str(), RTLD_NOW);
     auto find = reinterpret_cast<char *(*)()>(::dlsym(module, "high_function"));
     std::string text = texts_of({at(find()) + 0x1000}).at(0);
-    EXPECT_NE(text.find("plugin_high.so(-0x"), std::string::npos) << text;
+    EXPECT_NE(std::string::npos, text.find("plugin_high.so(-0x")) << text;
 }
 
 // At its link address the load bias is 0, which is no base for a distance.
@@ -284,5 +284,5 @@ TEST(Names, ANamelessAddressOfTheProgram)
         std::snprintf(wanted, sizeof wanted, "%s() [0x%lx]", program_invocation_name, nameless);
     else
         std::snprintf(wanted, sizeof wanted, "%s(+0x%lx) [0x%lx]", program_invocation_name, nameless - bias, nameless);
-    EXPECT_EQ(texts_of({nameless}).at(0), wanted);
+    EXPECT_EQ(wanted, texts_of({nameless}).at(0));
 }

@@ -91,15 +91,15 @@ void expect_sound_walks()
     for (unsigned long wild : kWild) {
         unsigned long second[2] = {wild, 0x1001};
         unsigned long first[2] = {at(second), 0x1000};
-        EXPECT_EQ(walk(at(first)), (Words{0x1000, 0x1001})) << std::hex << wild;
-        EXPECT_EQ(walk(wild & ~7UL), (Words{})) << std::hex << wild;
+        EXPECT_EQ((Words{0x1000, 0x1001}), walk(at(first))) << std::hex << wild;
+        EXPECT_EQ((Words{}), walk(wild & ~7UL)) << std::hex << wild;
     }
     std::vector<char> pages(3 * 4096);
     unsigned long edge = ((at(pages.data()) + 4095) & ~4095UL) + 4096;
     unsigned long record[2] = {8, 0x1001}; // across two pages
     std::memcpy(reinterpret_cast<void *>(edge - 3), record, sizeof record);
     unsigned long first[2] = {edge - 3, 0x1000};
-    EXPECT_EQ(walk(at(first)), (Words{0x1000, 0x1001}));
+    EXPECT_EQ((Words{0x1000, 0x1001}), walk(at(first)));
 }
 
 void expect_names()
@@ -119,10 +119,10 @@ void expect_good(const std::function<void()> &body)
         body();
         expect_sound_walks();
         expect_names();
-        EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+        EXPECT_EQ(before, list_dir("/proc/self/fd").size());
     });
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+    EXPECT_EQ(descriptors, list_dir("/proc/self/fd").size());
 }
 
 } // namespace
@@ -162,7 +162,7 @@ TEST(RefusedCalls, WithoutAnyWayTheWalkIsEmpty)
         procps_read_maps();
         allow_only({false, false, false, false});
         unsigned long record[2] = {0, 0x1000};
-        EXPECT_EQ(walk(at(record)), (Words{}));
+        EXPECT_EQ((Words{}), walk(at(record)));
         char name[256], wanted[64];
         auto *function = reinterpret_cast<void *>(&::std::abort);
         get_function_name_by_ptr(function, name, sizeof name);

@@ -46,7 +46,7 @@ TEST(SignalFormat, PlainTextUpToTheBudgetIsWhole)
 {
     for (std::size_t n : {1u, 500u, 924u, 925u}) {
         std::string text(n, 'x');
-        EXPECT_EQ(format(text), text) << n;
+        EXPECT_EQ(text, format(text)) << n;
     }
 }
 
@@ -99,7 +99,7 @@ TEST(SignalFormat, SkippingTheTestAfterN)
     EXPECT_EQ("", format("%n", &produced));
     EXPECT_EQ(0, produced);
     std::string text(924, 'x');
-    EXPECT_EQ(format(text + "%nyz", &produced), text + "y" + kNotice);
+    EXPECT_EQ(text + "y" + kNotice, format(text + "%nyz", &produced));
     EXPECT_EQ(924, produced);
 }
 
@@ -352,16 +352,16 @@ TEST(SignalFormatModel, RandomConversionsAgreeWithTheCLibrary)
                 continue;
             fmt += "c>";
             int c = 'a' + static_cast<int>(pick(26));
-            ASSERT_EQ(format(fmt, c), libc(fmt.c_str(), c)) << fmt;
+            ASSERT_EQ(libc(fmt.c_str(), c), format(fmt, c)) << fmt;
         } else if (conversion == 's') {
             if (directive.find('0') != std::string::npos)
                 continue;
             fmt += "s>";
-            ASSERT_EQ(format(fmt, text.c_str()), libc(fmt.c_str(), text.c_str())) << fmt;
+            ASSERT_EQ(libc(fmt.c_str(), text.c_str()), format(fmt, text.c_str())) << fmt;
         } else {
             fmt += std::string("l") + conversion + ">";
             long number = static_cast<long>(pick(2) == 0 ? value : 0 - value);
-            ASSERT_EQ(format(fmt, number), libc(fmt.c_str(), number)) << fmt;
+            ASSERT_EQ(libc(fmt.c_str(), number), format(fmt, number)) << fmt;
         }
     }
 }

@@ -31,7 +31,7 @@ TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
         EXPECT_EQ(kDefault, install_sighandler2(SIGUSR1));
         for (int sig : {10, 6, 11, 7, 4, 51, 52}) {
             struct sigaction action = disposition(sig);
-            EXPECT_EQ(action.sa_sigaction, &signal_err) << sig;
+            EXPECT_EQ(&signal_err, action.sa_sigaction) << sig;
             EXPECT_EQ(SA_SIGINFO, action.sa_flags & ~kRestorer) << sig;
             for (int masked = 1; masked <= SIGRTMAX; masked++)
                 EXPECT_NE(1, ::sigismember(&action.sa_mask, masked)) << masked;
@@ -40,7 +40,7 @@ TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
         EXPECT_EQ(SIG_IGN, disposition(SIGHUP).sa_handler);
         EXPECT_NE(SIG_DFL, disposition(SIGUSR2).sa_handler);
         EXPECT_EQ(kIgnored, install_sighandler());
-        EXPECT_EQ(disposition(SIGALRM).sa_sigaction, &signal_err);
+        EXPECT_EQ(&signal_err, disposition(SIGALRM).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_EQ("", printed());
@@ -60,7 +60,7 @@ TEST(Install, AnImpossibleSignalIsToldAndTheRestArmed)
     EXPECT_TRUE(child.exited(0));
     std::string console = printed();
     for (const char *sig : {"0", "-1", "65", "9", "4711"})
-        EXPECT_NE(console.find("install signal handler for " + std::string(sig) + " failed.\n"), std::string::npos)
+        EXPECT_NE(std::string::npos, console.find("install signal handler for " + std::string(sig) + " failed.\n"))
             << sig;
     for (int sig : {52, 14})
         EXPECT_EQ("", read_log(log_path("routed", child.pid, "attach", sig)).error);
@@ -82,10 +82,10 @@ TEST(Utility, UninstallResetsTheFaultSignalsOnly)
 {
     ChildResult child = run_child([] {
         install_sighandler();
-        EXPECT_EQ(uninstall_sighandler(), reinterpret_cast<void *>(&signal_err));
+        EXPECT_EQ(reinterpret_cast<void *>(&signal_err), uninstall_sighandler());
         for (int sig : {7, 4, 11, 6})
             EXPECT_EQ(SIG_DFL, disposition(sig).sa_handler) << sig;
-        EXPECT_EQ(disposition(52).sa_sigaction, &signal_err);
+        EXPECT_EQ(&signal_err, disposition(52).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -182,5 +182,5 @@ TEST(HexDump, ATitleWithTooManyConversionsIsShownAsItStands)
     std::string title;
     for (int i = 0; i < 33; i++)
         title += "%s";
-    EXPECT_EQ(dump(title.c_str(), nullptr, nullptr, 0), title);
+    EXPECT_EQ(title, dump(title.c_str(), nullptr, nullptr, 0));
 }

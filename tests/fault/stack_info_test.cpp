@@ -42,8 +42,8 @@ Range stack_of(unsigned long addr)
 void expect_range(const Range &range, unsigned long start, unsigned long end)
 {
     EXPECT_EQ(0, range.result);
-    EXPECT_EQ(range.start, start);
-    EXPECT_EQ(range.end, end);
+    EXPECT_EQ(start, range.start);
+    EXPECT_EQ(end, range.end);
 }
 
 void expect_nothing(const Range &range)
@@ -171,7 +171,7 @@ TEST(StackInfo, ErrnoIsKeptAndNoDescriptorStays)
     main_stack();
     stack_of(1);
     EXPECT_EQ(E2BIG, errno);
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), descriptors);
+    EXPECT_EQ(descriptors, list_dir("/proc/self/fd").size());
 }
 
 TEST(StackInfo, ALineLongerThanTheBufferEndsTheReading)
@@ -213,8 +213,8 @@ void expect_record(uint64_t cur, uint32_t index)
 {
     EXPECT_EQ(0x100000U, g_process_stack_start);
     EXPECT_EQ(0x200000U, g_process_stack_end);
-    EXPECT_EQ(g_process_stack_cur, cur);
-    EXPECT_EQ(g_process_stack_cur_index, index);
+    EXPECT_EQ(cur, g_process_stack_cur);
+    EXPECT_EQ(index, g_process_stack_cur_index);
 }
 
 constexpr char kStart[] = "1048576"; // 0x100000
@@ -226,7 +226,7 @@ TEST(Record, TheRealMainThread)
 {
     qv_record_process_info();
     Range range = main_stack();
-    EXPECT_EQ(g_process_stack_start, range.start);
+    EXPECT_EQ(range.start, g_process_stack_start);
     EXPECT_GE(g_process_stack_end, g_process_stack_start);
     EXPECT_EQ(28U, g_process_stack_cur_index);
     EXPECT_GE(g_process_stack_cur, g_process_stack_start);

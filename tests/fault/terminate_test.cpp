@@ -44,7 +44,7 @@ TEST(Terminate, EverySignalOfTheListIsLoggedAndKills)
         ASSERT_GE(text.size(), 5U) << sig;
         char head[128];
         std::snprintf(head, sizeof head, "Process %d receive signal(%d) from pid %d,", child.pid, sig, child.pid);
-        EXPECT_EQ(text[0], head);
+        EXPECT_EQ(head, text[0]);
         EXPECT_EQ("Backtracing:", text[1]);
         EXPECT_EQ(0U, text[2].rfind("\t<0x", 0)) << text[2];
         EXPECT_EQ(0U, text[text.size() - 2].rfind("\tStack bottom is at ", 0));
@@ -62,7 +62,7 @@ TEST(Terminate, OtherSignalsAreLeftAlone)
         EXPECT_EQ(nullptr, pstrace_terminate_signal());
         for (std::size_t i = 0; i < std::size(kOthers); i++) {
             ::sigaction(kOthers[i], nullptr, &after);
-            EXPECT_EQ(after.sa_handler, before[i].sa_handler) << kOthers[i];
+            EXPECT_EQ(before[i].sa_handler, after.sa_handler) << kOthers[i];
         }
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -79,10 +79,10 @@ TEST(Terminate, WhoeverInstallsLastOwnsTheSharedSignals)
         install_sighandler();
         pstrace_terminate_signal();
         for (int sig : {14, 51, 52, 12, 1})
-            EXPECT_EQ(owner(sig), &signal_terminate) << sig;
+            EXPECT_EQ(&signal_terminate, owner(sig)) << sig;
         install_sighandler();
         for (int sig : {14, 51, 52})
-            EXPECT_EQ(owner(sig), &signal_err) << sig;
+            EXPECT_EQ(&signal_err, owner(sig)) << sig;
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }

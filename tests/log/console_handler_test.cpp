@@ -335,16 +335,16 @@ TEST(HandlerFormat, AgreesWithTheCLibraryInTheCLocale)
         char wanted[512];
         errno = EACCES;
         std::snprintf(wanted, sizeof wanted, text, "one", "two");
-        EXPECT_EQ(formatted(EACCES, text, "one", "two"), wanted) << text;
+        EXPECT_EQ(wanted, formatted(EACCES, text, "one", "two")) << text;
     }
 }
 
 TEST(HandlerFormat, ALongFormatIsNotCutBeforeItsConversions)
 {
     std::string literal(990, 'x');
-    EXPECT_EQ(formatted(EACCES, (literal + "%m").c_str()), literal + "Permission denied");
-    EXPECT_EQ(formatted(EACCES, (literal + "%.0s%.0s%.0s%.0s%m %s").c_str(), "a", "b", "c", "d", "end"),
-              literal + "Permission denied end");
+    EXPECT_EQ(literal + "Permission denied", formatted(EACCES, (literal + "%m").c_str()));
+    EXPECT_EQ(literal + "Permission denied end",
+              formatted(EACCES, (literal + "%.0s%.0s%.0s%.0s%m %s").c_str(), "a", "b", "c", "d", "end"));
 }
 
 TEST(HandlerFormat, AllocatesNothing)

@@ -61,8 +61,8 @@ TEST(ConsoleOpen, DevicesNeverBecomeTheControllingTerminal)
     bind_over("/proc/consoles", "tty0 -WU (EC p ) 4:1\n");
     noting = true;
     console_print("x\n");
-    EXPECT_EQ(openings[kConsole], (opening{O_WRONLY | O_NOCTTY, 0}));
-    EXPECT_EQ(openings[kSerial], (opening{O_WRONLY | O_NOCTTY, 0}));
+    EXPECT_EQ((opening{O_WRONLY | O_NOCTTY, 0}), openings[kConsole]);
+    EXPECT_EQ((opening{O_WRONLY | O_NOCTTY, 0}), openings[kSerial]);
     EXPECT_EQ(kLogOpening, openings["/etc/consolelog"]);
 }
 
@@ -71,7 +71,7 @@ TEST(ConsoleOpen, TheFatalPathDoesNotBlockEither)
     bind_over("/proc/consoles", "tty0 -WU (EC p ) 4:1\n");
     noting = true;
     print_fatal("x\n");
-    EXPECT_EQ(openings[kConsole], (opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}));
-    EXPECT_EQ(openings[kSerial], (opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}));
+    EXPECT_EQ((opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}), openings[kConsole]);
+    EXPECT_EQ((opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}), openings[kSerial]);
     EXPECT_EQ(kLogOpening, openings["/etc/fatal"]);
 }

@@ -222,7 +222,7 @@ TEST(ConsoleDevice, IsOpenedOnceAndKept)
     int next = ::open("/dev/null", O_RDONLY);
     console_print_t("b\n");
     int after = ::open("/dev/null", O_RDONLY);
-    EXPECT_EQ(after, next + 1);
+    EXPECT_EQ(next + 1, after);
     ::unlink(kConsole); // a device replaced later is not seen
     EXPECT_EQ(2, console_print_t("c\n"));
     EXPECT_FALSE(exists(kConsole));
@@ -270,7 +270,7 @@ TEST(ConsoleLength, UpTo1023NeedsNoHeap)
 {
     for (std::size_t n : {1u, 1022u, 1023u}) {
         allocations = formattings = 0;
-        EXPECT_EQ(print_args(0, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
+        EXPECT_EQ(static_cast<int>(n), print_args(0, "/tmp/log", "%s", line(n).c_str()));
         EXPECT_EQ(0, allocations) << n;
         EXPECT_EQ(1, formattings) << n;
         EXPECT_EQ(kStamp + line(n), read_file("/tmp/log"));
@@ -282,20 +282,20 @@ TEST(ConsoleLength, From1024OnTheTextIsFormattedAgain)
 {
     for (std::size_t n : {1024u, 1025u, 5000u, 16381u, 16382u}) {
         allocations = formattings = 0;
-        EXPECT_EQ(print_args(1, "/tmp/log", "%s", line(n).c_str()), static_cast<int>(n));
+        EXPECT_EQ(static_cast<int>(n), print_args(1, "/tmp/log", "%s", line(n).c_str()));
         EXPECT_EQ(1, allocations) << n;
         EXPECT_EQ(2, formattings) << n;
         EXPECT_EQ(kStamp + line(n), read_file("/tmp/log"));
         ::unlink("/tmp/log");
     }
-    EXPECT_EQ(read_file(kConsole), line(1024) + line(1025) + line(5000) + line(16381) + line(16382));
+    EXPECT_EQ(line(1024) + line(1025) + line(5000) + line(16381) + line(16382), read_file(kConsole));
 }
 
 TEST(ConsoleLength, From16383OnANoticeReplacesTheText)
 {
     console_print_t("open\n");
     for (std::size_t n : {16383u, 16384u, 100000u})
-        EXPECT_EQ(console_print_t("%s", line(n).c_str()), static_cast<int>(n));
+        EXPECT_EQ(static_cast<int>(n), console_print_t("%s", line(n).c_str()));
     EXPECT_EQ("open\n" + kTooLong + kTooLong + kTooLong, read_file(kConsole));
     EXPECT_EQ(kStamp + "open\n", read_file(kLog));
     EXPECT_EQ(47u, kTooLong.size());
@@ -396,7 +396,7 @@ TEST(ConsoleStamp, LeavesTheStaticRecordOfLocaltimeAlone)
     tm *record = ::localtime(&other);
     int year = record->tm_year;
     qv_clog("x\n");
-    EXPECT_EQ(record->tm_year, year);
+    EXPECT_EQ(year, record->tm_year);
 }
 
 TEST(ConsoleStampKernel, Epoch1970ClockGivesUptime)
@@ -461,7 +461,7 @@ TEST(Mirror, SeesEveryMessageAndItsResultIsIgnored)
 {
     EXPECT_EQ(nullptr, mirror_func);
     EXPECT_EQ(0, console_print_mfunc_set(mirror));
-    EXPECT_EQ(mirror_func, mirror);
+    EXPECT_EQ(mirror, mirror_func);
     EXPECT_EQ(3, console_print("a%d\n", 1));
     EXPECT_EQ(2, qv_ilog("b\n"));
     EXPECT_EQ("a1\nb\n", mirrored);

@@ -85,7 +85,7 @@ TEST(SigctxPrint, LongTextIsCutTo1024BytesWithItsZero)
         ::unlink("/tmp/log");
         EXPECT_EQ(1024, print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()));
         std::string wanted = std::string(1023, 'x') + '\0';
-        EXPECT_EQ(read_file("/tmp/log"), wanted) << n << ": and no stamp";
+        EXPECT_EQ(wanted, read_file("/tmp/log")) << n << ": and no stamp";
     }
 }
 
@@ -94,7 +94,7 @@ TEST(SigctxPrint, UpTo1023CharactersAreWhole)
     for (std::size_t n : {1u, 1022u, 1023u}) {
         ::unlink("/tmp/log");
         std::string text = std::string(n - 1, 'x') + "\n";
-        EXPECT_EQ(print_to(0, "/tmp/log", "%s", text.c_str()), static_cast<int>(n));
+        EXPECT_EQ(static_cast<int>(n), print_to(0, "/tmp/log", "%s", text.c_str()));
         EXPECT_EQ(kStamp + text, read_file("/tmp/log"));
     }
 }
@@ -150,7 +150,7 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
     EXPECT_GE(signal_path, 0);
     int next = ::open("/dev/null", O_RDONLY);
     print_to(1, nullptr, "c\n");
-    EXPECT_EQ(::open("/dev/null", O_RDONLY), next + 1) << "opened once";
+    EXPECT_EQ(next + 1, ::open("/dev/null", O_RDONLY)) << "opened once";
     EXPECT_EQ("b\nc\n", read_file(kConsole)) << "each descriptor writes at its own place, here over the first line";
 }
 

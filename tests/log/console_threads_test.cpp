@@ -34,7 +34,7 @@ TEST(ConsoleThreads, LinesNeverInterleaveInside)
         EXPECT_EQ(0, log.compare(at + 63, 2, ">\n"));
         found++;
     }
-    EXPECT_EQ(found, 4 * rounds);
+    EXPECT_EQ(4 * rounds, found);
 }
 
 // ---- cancellation ----
@@ -85,7 +85,7 @@ TEST(ConsoleCancellation, CancelledThreadsLeaveNoDescriptor)
         if (i % 50 == 0)
             ::truncate("/etc/consolelog", 0);
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(before, open_descriptors());
 }
 
 TEST(ConsoleCancellation, ActsAfterTheMessage)
@@ -102,7 +102,7 @@ TEST(ConsoleCancellation, ActsAfterTheMessage)
         ADD_FAILURE() << "the request was forgotten";
     });
     printing.join();
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(before, open_descriptors());
     EXPECT_EQ(1u, lines(read_file("/etc/consolelog")).size());
     EXPECT_EQ(1u, lines(read_file("/etc/fatal")).size());
 }

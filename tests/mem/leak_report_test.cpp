@@ -203,7 +203,7 @@ TEST(CallChain, HasEightAddressesAtMost)
     ASSERT_EQ(1U, groups.size());
     for (std::uint64_t address : groups[0].trace)
         EXPECT_NE(0U, address);
-    EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 1], groups[0].trace[MTRACE_CHAIN_SIZE - 2]) << "in the recursion";
+    EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 2], groups[0].trace[MTRACE_CHAIN_SIZE - 1]) << "in the recursion";
     qv_mtrace_reset();
 }
 
@@ -328,9 +328,9 @@ TEST(ReallocToZero, ReleasesTheBlockAndFailsInTheFirstClass)
     qv_mtrace_stat(&after, 0);
     EXPECT_EQ(nullptr, result);
     EXPECT_EQ(1U, after.light_releases - before.light_releases);
-    EXPECT_EQ(after.light_products, before.light_products);
+    EXPECT_EQ(before.light_products, after.light_products);
     EXPECT_EQ(1U, after.row.classes[0].failures - before.row.classes[0].failures);
-    EXPECT_EQ(after.light_frees, before.light_frees);
+    EXPECT_EQ(before.light_frees, after.light_frees);
     EXPECT_EQ(1U, before.light_blocks - after.light_blocks);
 }
 
@@ -342,11 +342,11 @@ TEST(ReallocToZero, EndsTheRecordAndKeepsItsBytesInTheTotal)
     auto before = counters();
     traced([&] { EXPECT_EQ(nullptr, my_realloc_hook(block, 0, nullptr)); });
     auto after = counters();
-    EXPECT_EQ(after[0], before[0] - 1);
-    EXPECT_EQ(after[1], before[1]);
-    EXPECT_EQ(after[3], before[3]) << "it is not a free";
-    EXPECT_EQ(after[5], before[5] + 1);
-    EXPECT_EQ(after[6], before[6]) << "and not unmatched";
+    EXPECT_EQ(before[0] - 1, after[0]);
+    EXPECT_EQ(before[1], after[1]);
+    EXPECT_EQ(before[3], after[3]) << "it is not a free";
+    EXPECT_EQ(before[5] + 1, after[5]);
+    EXPECT_EQ(before[6], after[6]) << "and not unmatched";
     qv_mtrace_reset();
 }
 
@@ -375,10 +375,10 @@ TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
     qv_mtrace_start();
     EXPECT_EQ(kWhole, marks_in("/tmp/first"));
     EXPECT_TRUE(exists("/tmp/second"));
-    EXPECT_NE(__malloc_hook, my_malloc_hook) << "the new trace stands on the full hooks";
+    EXPECT_NE(my_malloc_hook, __malloc_hook) << "the new trace stands on the full hooks";
     ::unsetenv("MALLOC_TRACE");
     muntrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    EXPECT_EQ(my_malloc_hook, __malloc_hook);
     EXPECT_EQ(kWhole, marks_in("/tmp/second"));
     qv_mtrace_reset();
 }
@@ -407,6 +407,6 @@ TEST(TraceFileAndFullTracing, LoadingAgainEndsTheTraceAndBeginsANewOne)
     EXPECT_EQ(kWhole, marks_in("/tmp/first"));
     EXPECT_TRUE(exists("/tmp/second"));
     muntrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
     EXPECT_EQ(kWhole, marks_in("/tmp/second"));
 }

@@ -64,7 +64,7 @@ TEST(LightShards, AreGivenBackAtAThreadsEnd)
     run_at_once(300, count_together); // more than there are
     EXPECT_EQ(1, taken());
     EXPECT_EQ(341U, light::read()[5].allocs);
-    EXPECT_EQ(light::read()[5].bytes_taken, 341U * 32);
+    EXPECT_EQ(341U * 32, light::read()[5].bytes_taken);
 }
 
 TEST(LightShards, AThreadThatCountsWhileItEndsTakesNone)

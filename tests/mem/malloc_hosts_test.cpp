@@ -89,9 +89,9 @@ TEST(MallocHosts, OneWithATaggedHeap)
     EXPECT_EQ("plain\n", said_by(tuned("glibc.mem.tagging=0", {"tagged_host", "all"})));
     const char *expected = processor_has_tags() ? "tagged\n" : "plain\n";
     for (const char *tunable : {"glibc.mem.tagging=1", "glibc.mem.tagging=3"}) {
-        EXPECT_EQ(said_by(tuned(tunable, {"tagged_host", "small"})), expected) << tunable;
+        EXPECT_EQ(expected, said_by(tuned(tunable, {"tagged_host", "small"}))) << tunable;
         if (run_program(tuned(tunable, {"tag_trial"})).exited(0)) {
-            EXPECT_EQ(said_by(tuned(tunable, {"tagged_host", "all"})), expected) << tunable;
+            EXPECT_EQ(expected, said_by(tuned(tunable, {"tagged_host", "all"}))) << tunable;
         }
     }
 }

@@ -88,7 +88,7 @@ TEST(McacheCreate, SetsItsFields)
     EXPECT_EQ(32U, cache->slot_size);
     EXPECT_EQ(3U, cache->page_units);
     EXPECT_EQ((3U * 8192 - 40) / 40, cache->objs_per_page);
-    EXPECT_EQ(cache->objs_per_slab, cache->objs_per_page);
+    EXPECT_EQ(cache->objs_per_page, cache->objs_per_slab);
     EXPECT_EQ(0xC1U, cache->flags);
     EXPECT_EQ(0U, cache->in_use);
     EXPECT_EQ(0U, cache->page_count);
@@ -113,7 +113,7 @@ TEST(McacheCreate, SizesOnBothSidesOfTheLimits)
                  {131016, 17, true},    {131017, 17, false}, {131016, INT32_MAX, true}, {8, -1, false},
                  {8, INT32_MIN, false}, {0, 1, true}};
     for (const auto &c : cases)
-        EXPECT_EQ(mcache_create("x", c.size, nullptr, 0, c.units) != nullptr, c.good) << c.size << " in " << c.units;
+        EXPECT_EQ(c.good, mcache_create("x", c.size, nullptr, 0, c.units) != nullptr) << c.size << " in " << c.units;
     EXPECT_EQ(16U, mcache_create("x", 8, nullptr, 0, 17)->page_units);
     EXPECT_EQ(1U, mcache_create("x", 8, nullptr, 0, 0)->page_units);
 }
@@ -136,11 +136,11 @@ TEST(McacheCreate, TheListHoldsAllCachesNewestFirst)
     mcache *before = zlist;
     mcache *a = mcache_create("a", 8, nullptr, 0, 1);
     mcache *b = mcache_create("b", 8, nullptr, 0, 1);
-    EXPECT_EQ(zlist, b);
-    EXPECT_EQ(b->next_cache, a);
-    EXPECT_EQ(a->next_cache, before);
+    EXPECT_EQ(b, zlist);
+    EXPECT_EQ(a, b->next_cache);
+    EXPECT_EQ(before, a->next_cache);
     EXPECT_EQ(nullptr, mcache_create("x", 8, nullptr, 0, -1));
-    EXPECT_EQ(zlist, b) << "a cache that is refused is in no list";
+    EXPECT_EQ(b, zlist) << "a cache that is refused is in no list";
 }
 
 TEST(McacheCreate, CachesMadeByManyThreadsAreAllListed)
@@ -175,14 +175,14 @@ TEST(McachePages, AFreshPageIsLaidOutInOrder)
     auto *first = static_cast<char *>(mcache_alloc(cache));
     page_record *page = page_of(first);
     EXPECT_EQ(kMagic, page->magic);
-    EXPECT_EQ(page->free_count, cache->objs_per_page - 1);
+    EXPECT_EQ(cache->objs_per_page - 1, page->free_count);
     EXPECT_EQ(48U, offset_of(first));
     EXPECT_EQ(1U, flags_of(first));
     EXPECT_EQ(MCACHE_GUARD, guard_of(cache, first));
     char *object = page->free_head;
     for (std::uint32_t i = 1; i < cache->objs_per_page; i++) {
-        ASSERT_EQ(object, first + i * 40);
-        ASSERT_EQ(offset_of(object), 48 + i * 40);
+        ASSERT_EQ(first + i * 40, object);
+        ASSERT_EQ(48 + i * 40, offset_of(object));
         ASSERT_EQ(0U, flags_of(object));
         ASSERT_EQ(MCACHE_GUARD, guard_of(cache, object));
         object = *reinterpret_cast<char **>(object);
@@ -198,7 +198,7 @@ TEST(McachePages, OnlyBit0OfASlotsFlagsIsChanged)
     flags_of(object) |= 0x80000006;
     mcache_free(cache, object);
     EXPECT_EQ(0x80000006U, flags_of(object)) << "only the allocated bit is cleared";
-    EXPECT_EQ(mcache_alloc(cache), object);
+    EXPECT_EQ(object, mcache_alloc(cache));
     EXPECT_EQ(0x80000007U, flags_of(object)) << "and set";
     mcache_free(cache, object);
     mcache_free(cache, keeper);
@@ -211,9 +211,9 @@ TEST(McachePages, PagesNameTheirCache)
     EXPECT_NE(a->id, b->id);
     EXPECT_NE(0U, a->id);
     void *of_a = mcache_alloc(a), *of_b = mcache_alloc(b);
-    EXPECT_EQ(page_of(of_a)->owner, a->id);
-    EXPECT_EQ(page_of(of_b)->owner, b->id);
-    EXPECT_EQ(as_page(a->spare_page)->owner, a->id);
+    EXPECT_EQ(a->id, page_of(of_a)->owner);
+    EXPECT_EQ(b->id, page_of(of_b)->owner);
+    EXPECT_EQ(a->id, as_page(a->spare_page)->owner);
     mcache_free(a, of_a);
     mcache_free(b, of_b);
 }
@@ -238,11 +238,11 @@ TEST(McachePages, MoveBetweenTheLists)
     mcache_free(cache, objects[9]); // and from its start
     EXPECT_EQ(nullptr, cache->full_pages);
     EXPECT_EQ((std::vector<page_record *>{b, a, c}), pages(cache->partial_head)) << "in the order of their first frees";
-    EXPECT_EQ(as_page(cache->partial_tail), c);
+    EXPECT_EQ(c, as_page(cache->partial_tail));
 
-    EXPECT_EQ(mcache_alloc(cache), objects[5]) << "objects are allocated from the first page";
+    EXPECT_EQ(objects[5], mcache_alloc(cache)) << "objects are allocated from the first page";
     EXPECT_EQ((std::vector<page_record *>{a, c}), pages(cache->partial_head));
-    EXPECT_EQ(as_page(cache->full_pages), b);
+    EXPECT_EQ(b, as_page(cache->full_pages));
 
     for (int i : {1, 2, 3})
         mcache_free(cache, objects[static_cast<std::size_t>(i)]);
@@ -264,8 +264,8 @@ TEST(McachePages, FreedObjectsAreReusedFirst)
     void *a = mcache_alloc(cache), *b = mcache_alloc(cache), *c = mcache_alloc(cache);
     mcache_free(cache, a);
     mcache_free(cache, c);
-    EXPECT_EQ(mcache_alloc(cache), c);
-    EXPECT_EQ(mcache_alloc(cache), a);
+    EXPECT_EQ(c, mcache_alloc(cache));
+    EXPECT_EQ(a, mcache_alloc(cache));
     mcache_free(cache, nullptr);
     EXPECT_EQ(3U, cache->in_use);
     mcache_free(cache, b);
@@ -297,8 +297,8 @@ TEST(McachePages, TheSpareIsUsedWhenMemoryRunsOut)
     allocations_left = 0;
     void *c = mcache_alloc(cache), *d = mcache_alloc(cache), *none = mcache_alloc(cache);
     allocations_left = -1;
-    EXPECT_EQ(page_of(c), spare);
-    EXPECT_EQ(page_of(d), spare);
+    EXPECT_EQ(spare, page_of(c));
+    EXPECT_EQ(spare, page_of(d));
     EXPECT_EQ(nullptr, none);
     EXPECT_EQ(nullptr, cache->spare_page);
     EXPECT_EQ(2U, cache->page_count);
@@ -389,8 +389,8 @@ TEST(Mcache, ThreadsShareACache)
             for (std::size_t i = 0; i < rounds; i++) {
                 unsigned char *&object = own[random() % own.size()];
                 if (object != nullptr) {
-                    EXPECT_EQ(object[0], seed);
-                    EXPECT_EQ(object[39], seed);
+                    EXPECT_EQ(seed, object[0]);
+                    EXPECT_EQ(seed, object[39]);
                     mcache_free(cache, object);
                     object = nullptr;
                 } else {
@@ -595,7 +595,7 @@ struct Model {
             partial.push_back(fresh);
         }
         page &head = partial.front();
-        ASSERT_EQ(object, head.free.front());
+        ASSERT_EQ(head.free.front(), object);
         head.free.pop_front();
         head.used++;
         if (head.free.empty())
@@ -648,11 +648,11 @@ TEST(McacheModel, RandomWork)
                 objects.pop_back();
             }
             ASSERT_FALSE(testing::Test::HasFatalFailure());
-            ASSERT_EQ(cache->in_use, objects.size());
+            ASSERT_EQ(objects.size(), cache->in_use);
             if (step % 50 == 0) {
-                ASSERT_EQ(pages(cache->partial_head), Model::addresses(model.partial));
-                ASSERT_EQ(pages(cache->full_pages), Model::addresses(model.full));
-                ASSERT_EQ(cache->page_count, model.partial.size() + model.full.size() + (cache->spare_page != nullptr));
+                ASSERT_EQ(Model::addresses(model.partial), pages(cache->partial_head));
+                ASSERT_EQ(Model::addresses(model.full), pages(cache->full_pages));
+                ASSERT_EQ(model.partial.size() + model.full.size() + (cache->spare_page != nullptr), cache->page_count);
             }
         }
         for (void *object : objects)

@@ -74,32 +74,32 @@ TEST(MtraceFile, StartsOnlyWithTheVariable)
 {
     ::unsetenv("MALLOC_TRACE");
     mtrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
     ::setenv("MALLOC_TRACE", "/nowhere/trace", 1);
     mtrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook) << "a file that cannot be made starts nothing";
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook) << "a file that cannot be made starts nothing";
     muntrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
 }
 
 TEST(MtraceFile, StandsOnTheHooksThatItFindsAndPutsThemBack)
 {
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
     mtrace();
-    EXPECT_NE(__malloc_hook, my_malloc_light_hook);
+    EXPECT_NE(my_malloc_light_hook, __malloc_hook);
     EXPECT_NE(nullptr, __malloc_hook);
     auto hook = __malloc_hook;
     mtrace();
-    EXPECT_EQ(__malloc_hook, hook) << "one at a time";
+    EXPECT_EQ(hook, __malloc_hook) << "one at a time";
     std::uint32_t before = allocations();
     std::free(kept(std::malloc(10)));
     if (!under_sanitizer()) {
         EXPECT_EQ(1U, allocations() - before) << "the light statistics go on below";
     }
     muntrace();
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(__free_hook, my_free_light_hook);
-    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
+    EXPECT_EQ(my_free_light_hook, __free_hook);
+    EXPECT_EQ(my_realloc_light_hook, __realloc_hook);
 }
 
 TEST(MtraceFile, LinesOfTheCalls)
@@ -136,7 +136,7 @@ TEST(MtraceFile, LinesOfTheCalls)
                                          "- " + hex(c),
                                          "- " + hex(sink),
                                          "= End"};
-    EXPECT_EQ(log, expected);
+    EXPECT_EQ(expected, log);
 }
 
 TEST(MtraceFile, LinesTellThePlace)
@@ -169,17 +169,17 @@ TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
     std::uint32_t before = allocations();
     ::raise(SIGUSR2);
     ASSERT_TRUE(exists(log_path()));
-    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
-    EXPECT_EQ(old_malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(old_free_hook, my_free_light_hook);
-    EXPECT_EQ(old_realloc_hook, my_realloc_light_hook);
+    EXPECT_STREQ(log_path().c_str(), std::getenv("MALLOC_TRACE"));
+    EXPECT_EQ(my_malloc_light_hook, old_malloc_hook);
+    EXPECT_EQ(my_free_light_hook, old_free_hook);
+    EXPECT_EQ(my_realloc_light_hook, old_realloc_hook);
     void *block = kept(std::malloc(0x123));
     std::string address = hex(block);
     std::free(block);
-    EXPECT_EQ(allocations(), before) << "the light counters stand still meanwhile";
+    EXPECT_EQ(before, allocations()) << "the light counters stand still meanwhile";
     ::raise(SIGUSR2);
     EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
     EXPECT_EQ(nullptr, old_malloc_hook);
     std::string log = read_file(log_path());
     EXPECT_THAT(log, testing::StartsWith("= Start\n"));
@@ -216,8 +216,9 @@ TEST(Sigusr2, TheMirrorHookSeesItWithoutAnotherThreadsOutputBeingTouched)
     signal_mtrace(SIGUSR2);
     signal_mtrace(SIGUSR2);
     console_print_mfunc_set(nullptr);
-    EXPECT_EQ(seen, (std::vector<std::string>{"Start mtrace log " + log_path() + "\n",
-                                              "Stop mtrace log " + log_path() + "\n"}));
+    EXPECT_EQ(
+        (std::vector<std::string>{"Start mtrace log " + log_path() + "\n", "Stop mtrace log " + log_path() + "\n"}),
+        seen);
     EXPECT_EQ(0, context);
 }
 
@@ -227,7 +228,7 @@ TEST(Sigusr2, AStopInstallsTheHandlerForTheSignalGiven)
         signal_mtrace(sig);
         ::signal(sig, SIG_DFL);
         signal_mtrace(sig);
-        EXPECT_EQ(::signal(sig, SIG_DFL), signal_mtrace);
+        EXPECT_EQ(signal_mtrace, ::signal(sig, SIG_DFL));
         EXPECT_EQ(SIG_DFL, ::signal(sig == SIGUSR1 ? SIGUSR2 : SIGUSR1, SIG_DFL));
     }
 }
@@ -238,7 +239,7 @@ TEST(Sigusr2, AnOlderVariableIsOverwrittenAndOthersStay)
     ::setenv("MALLOC_TRACE", "/tmp/other", 1);
     ::setenv("BEHIND", "2", 1);
     signal_mtrace(SIGUSR2);
-    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
+    EXPECT_STREQ(log_path().c_str(), std::getenv("MALLOC_TRACE"));
     signal_mtrace(SIGUSR2);
     EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
     EXPECT_STREQ("1", std::getenv("BEFORE"));
@@ -252,10 +253,10 @@ TEST(Sigusr2, DuringFullTracing)
     NEEDS_INTERPOSITION();
     qv_mtrace_start();
     signal_mtrace(SIGUSR2);
-    EXPECT_EQ(old_malloc_hook, my_malloc_hook);
+    EXPECT_EQ(my_malloc_hook, old_malloc_hook);
     void *block = kept(std::malloc(10));
     qv_mtrace_stop(); // puts the old hooks in, which are the library's own now
-    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    EXPECT_EQ(my_malloc_hook, __malloc_hook);
     std::free(block);
     std::free(kept(std::malloc(10))); // and nothing goes in a circle
     signal_mtrace(SIGUSR2);
@@ -295,7 +296,7 @@ TEST(Sigusr2, ManyPairsTakeNoMoreMemory)
     pairs(2);
     unsigned long before = pages();
     pairs(100);
-    EXPECT_EQ(pages(), before);
+    EXPECT_EQ(before, pages());
     // The host exchanges the environment's list in between.
     for (int i = 0; i < 20; i++) {
         ::setenv(("HOST" + std::to_string(i)).c_str(), "1", 1);
@@ -311,7 +312,7 @@ TEST(Sigusr2, AVariableInAnEmptyEnvironment)
 {
     ::clearenv();
     signal_mtrace(SIGUSR2);
-    EXPECT_STREQ(std::getenv("MALLOC_TRACE"), log_path().c_str());
+    EXPECT_STREQ(log_path().c_str(), std::getenv("MALLOC_TRACE"));
     signal_mtrace(SIGUSR2);
     EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
     ::setenv("LATER", "1", 1);
@@ -360,7 +361,7 @@ TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
     ASSERT_EQ(0, pthread_create(&thread, nullptr, work, nullptr));
     void *result = nullptr;
     pthread_join(thread, &result);
-    EXPECT_EQ(result, const_cast<void **>(&sink));
+    EXPECT_EQ(const_cast<void **>(&sink), result);
     std::free(kept(std::malloc(10)));
     muntrace();
 }
@@ -385,7 +386,7 @@ TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
     mtrace();
     std::free(kept(std::malloc(10)));
     std::free(kept(std::malloc(10)));
-    EXPECT_EQ(__malloc_hook, hook);
+    EXPECT_EQ(hook, __malloc_hook);
     EXPECT_EQ(2, calls);
     __malloc_hook = my_malloc_light_hook;
     EXPECT_THAT(read_file("/tmp/trace"), testing::EndsWith("= End\n"));
@@ -407,7 +408,7 @@ TEST(Fork, WithTheFileOpenBothWriteTheirOwnLinesOnce)
         ::_exit(0);
     }
     int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
     ASSERT_EQ(0, status);
     std::free(kept(std::malloc(0x779)));
     std::free(before);
@@ -596,7 +597,7 @@ TEST(Soak, CountersAreExactAtTheEnd)
     ASSERT_TRUE(soak(0.5, [](std::mt19937 &) { ::usleep(1000); }));
     qv_mtrace_stat_min(&after);
     EXPECT_GT(after.light_allocs - before.light_allocs, 1000U);
-    EXPECT_EQ(after.light_blocks, before.light_blocks);
+    EXPECT_EQ(before.light_blocks, after.light_blocks);
     // The few blocks that stay with the C library's threads may have been had anew, a little larger.
     auto more = static_cast<std::int32_t>(after.light_bytes - before.light_bytes);
     EXPECT_LT(std::abs(more), 16 * 16);

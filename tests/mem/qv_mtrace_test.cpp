@@ -112,13 +112,13 @@ mtrace_class_row change(unsigned k, Body body)
 void expect_row(const mtrace_class_row &row, std::uint32_t bytes, std::uint32_t blocks, std::uint32_t allocs,
                 std::uint32_t frees, std::uint32_t releases, std::uint32_t products, std::uint32_t failures)
 {
-    EXPECT_EQ(row.bytes, bytes);
-    EXPECT_EQ(row.blocks, blocks);
-    EXPECT_EQ(row.allocs, allocs);
-    EXPECT_EQ(row.frees, frees);
-    EXPECT_EQ(row.realloc_releases, releases);
-    EXPECT_EQ(row.realloc_products, products);
-    EXPECT_EQ(row.failures, failures);
+    EXPECT_EQ(bytes, row.bytes);
+    EXPECT_EQ(blocks, row.blocks);
+    EXPECT_EQ(allocs, row.allocs);
+    EXPECT_EQ(frees, row.frees);
+    EXPECT_EQ(releases, row.realloc_releases);
+    EXPECT_EQ(products, row.realloc_products);
+    EXPECT_EQ(failures, row.failures);
 }
 
 } // namespace
@@ -127,9 +127,9 @@ void expect_row(const mtrace_class_row &row, std::uint32_t bytes, std::uint32_t 
 
 TEST(Light, HooksAreInstalledAtLoad)
 {
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(__free_hook, my_free_light_hook);
-    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
+    EXPECT_EQ(my_free_light_hook, __free_hook);
+    EXPECT_EQ(my_realloc_light_hook, __realloc_hook);
     EXPECT_EQ(nullptr, old_malloc_hook);
     EXPECT_EQ(nullptr, old_free_hook);
     EXPECT_EQ(nullptr, old_realloc_hook);
@@ -139,7 +139,7 @@ TEST(Light, RowsAreForPowersOfTwo)
 {
     auto rows = classes_now();
     for (unsigned k = 0; k < 32; k++)
-        EXPECT_EQ(rows[k].lower_bound, 1U << k);
+        EXPECT_EQ(1U << k, rows[k].lower_bound);
 }
 
 TEST(Light, BlocksCountAsTheirChunk)
@@ -172,7 +172,7 @@ TEST(Light, NullIsNotFreed)
     sink = nullptr;
     std::free(sink);
     my_free_light_hook(nullptr, nullptr);
-    EXPECT_EQ(light_now().light_frees, before.light_frees);
+    EXPECT_EQ(before.light_frees, light_now().light_frees);
 }
 
 TEST(Light, CallocIsAnAllocation)
@@ -181,7 +181,7 @@ TEST(Light, CallocIsAnAllocation)
     void *block = nullptr;
     mtrace_class_row row = change(class_of(2016), [&] { block = kept(std::calloc(20, 100)); });
     EXPECT_EQ(1U, row.allocs);
-    EXPECT_EQ(row.bytes, chunk_of(block));
+    EXPECT_EQ(chunk_of(block), row.bytes);
     for (int i = 0; i < 2000; i++)
         ASSERT_EQ(0, static_cast<char *>(block)[i]);
     std::free(block);
@@ -190,7 +190,7 @@ TEST(Light, CallocIsAnAllocation)
     sink = std::calloc(many, 3);
     EXPECT_EQ(nullptr, sink);
     EXPECT_EQ(ENOMEM, errno);
-    EXPECT_EQ(light_now().light_allocs, before.light_allocs);
+    EXPECT_EQ(before.light_allocs, light_now().light_allocs);
 }
 
 TEST(Light, ReallocationsReleaseAndProduce)
@@ -203,17 +203,17 @@ TEST(Light, ReallocationsReleaseAndProduce)
     mtrace_stat_record after = light_now();
     EXPECT_EQ(1U, after.light_releases - before.light_releases);
     EXPECT_EQ(1U, after.light_products - before.light_products);
-    EXPECT_EQ(after.light_blocks, before.light_blocks);
-    EXPECT_EQ(after.light_bytes - before.light_bytes, chunk_of(block) - chunk);
+    EXPECT_EQ(before.light_blocks, after.light_blocks);
+    EXPECT_EQ(chunk_of(block) - chunk, after.light_bytes - before.light_bytes);
     std::free(block);
 
     sink = nullptr; // which the compiler must not know
     before = light_now();
     block = kept(std::realloc(sink, 100));
     after = light_now();
-    EXPECT_EQ(after.light_allocs, before.light_allocs);
+    EXPECT_EQ(before.light_allocs, after.light_allocs);
     EXPECT_EQ(1U, after.light_products - before.light_products);
-    EXPECT_EQ(after.light_releases, before.light_releases);
+    EXPECT_EQ(before.light_releases, after.light_releases);
     std::free(block);
 }
 
@@ -228,9 +228,9 @@ TEST(Light, AFailedReallocationCountsARelease)
     mtrace_stat_record after = light_now();
     EXPECT_EQ(nullptr, sink);
     EXPECT_EQ(1U, after.light_releases - before.light_releases);
-    EXPECT_EQ(after.light_products, before.light_products);
+    EXPECT_EQ(before.light_products, after.light_products);
     EXPECT_EQ(1U, after.light_failures - before.light_failures);
-    EXPECT_EQ(before.light_bytes - after.light_bytes, chunk) << "though the block lives";
+    EXPECT_EQ(chunk, before.light_bytes - after.light_bytes) << "though the block lives";
     std::free(block);
 }
 
@@ -255,7 +255,7 @@ TEST(Light, TheShortReport)
     EXPECT_EQ(1U, rec.rows);
     EXPECT_EQ(0x55555555U, rec.full[0]) << "left alone";
     EXPECT_EQ(0x55555555U, rec.row.classes[0].lower_bound);
-    EXPECT_EQ(rec.light_blocks, rec.light_allocs + rec.light_products - rec.light_frees - rec.light_releases);
+    EXPECT_EQ(rec.light_allocs + rec.light_products - rec.light_frees - rec.light_releases, rec.light_blocks);
     std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(1, qv_mtrace_stat_min(&rec));
     EXPECT_EQ(1U, rec.rows);
@@ -268,9 +268,9 @@ TEST(Light, TotalsAreTheSumsOfTheRows)
     std::uint32_t bytes = 0, blocks = 0, allocs = 0;
     for (const mtrace_class_row &row : rec.row.classes)
         bytes += row.bytes, blocks += row.blocks, allocs += row.allocs;
-    EXPECT_EQ(rec.light_bytes, bytes);
-    EXPECT_EQ(rec.light_blocks, blocks);
-    EXPECT_EQ(rec.light_allocs, allocs);
+    EXPECT_EQ(bytes, rec.light_bytes);
+    EXPECT_EQ(blocks, rec.light_blocks);
+    EXPECT_EQ(allocs, rec.light_allocs);
 }
 
 TEST(Light, HooksByThemselvesCount)
@@ -284,7 +284,7 @@ TEST(Light, HooksByThemselvesCount)
     EXPECT_EQ(1U, light_now().light_products - before.light_products);
     my_free_light_hook(block, nullptr);
     EXPECT_EQ(1U, light_now().light_frees - before.light_frees);
-    EXPECT_EQ(light_now().light_bytes, before.light_bytes);
+    EXPECT_EQ(before.light_bytes, light_now().light_bytes);
 }
 
 TEST(Light, HooksByThemselvesInstallThemselves)
@@ -292,9 +292,9 @@ TEST(Light, HooksByThemselvesInstallThemselves)
     qv_mtrace_stop();
     EXPECT_EQ(nullptr, __malloc_hook);
     sink = my_malloc_light_hook(100, nullptr);
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
-    EXPECT_EQ(__free_hook, my_free_light_hook);
-    EXPECT_EQ(__realloc_hook, my_realloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
+    EXPECT_EQ(my_free_light_hook, __free_hook);
+    EXPECT_EQ(my_realloc_light_hook, __realloc_hook);
     std::free(sink);
 }
 
@@ -304,7 +304,7 @@ TEST(Light, LoadingAgainClears)
     mtrace_stat_record rec = light_now();
     EXPECT_EQ(0U, rec.light_allocs);
     EXPECT_EQ(0U, rec.light_bytes);
-    EXPECT_EQ(old_malloc_hook, my_malloc_light_hook) << "what was found";
+    EXPECT_EQ(my_malloc_light_hook, old_malloc_hook) << "what was found";
     sink = std::malloc(10); // must not go in a circle
     std::free(sink);
     if (!under_sanitizer()) {
@@ -342,10 +342,10 @@ TEST(Light, ThreadsCountExactly)
     mtrace_stat_record after = light_now();
     std::uint32_t own = after.light_allocs - before.light_allocs - kThreads * kRounds; // the threads' own blocks
     EXPECT_LE(own, kThreads);
-    EXPECT_EQ(after.light_products - before.light_products, kThreads * (kRounds / 4));
-    EXPECT_EQ(after.light_releases - before.light_releases, kThreads * (kRounds / 4));
-    EXPECT_EQ(after.light_frees - before.light_frees, kThreads * kRounds + own);
-    EXPECT_EQ(after.light_bytes, before.light_bytes);
+    EXPECT_EQ(kThreads * (kRounds / 4), after.light_products - before.light_products);
+    EXPECT_EQ(kThreads * (kRounds / 4), after.light_releases - before.light_releases);
+    EXPECT_EQ(kThreads * kRounds + own, after.light_frees - before.light_frees);
+    EXPECT_EQ(before.light_bytes, after.light_bytes);
 }
 
 TEST(Light, MoreThreadsThanShardsCountExactly)
@@ -374,8 +374,8 @@ TEST(Light, MoreThreadsThanShardsCountExactly)
     std::uint32_t own = after.light_allocs - before.light_allocs - kThreads * 101;
     EXPECT_LE(own, kThreads) << "stacks that are kept have a block of thread-local storage";
     EXPECT_GE(after.light_frees - before.light_frees, kThreads * 101);
-    EXPECT_EQ(after.light_blocks - before.light_blocks,
-              own - (after.light_frees - before.light_frees - kThreads * 101));
+    EXPECT_EQ(own - (after.light_frees - before.light_frees - kThreads * 101),
+              after.light_blocks - before.light_blocks);
 }
 
 TEST(Light, AChildGoesOnCounting)
@@ -407,14 +407,14 @@ TEST(FullTracing, BlocksAreRecordedWithTheirRequestedSize)
     EXPECT_EQ(1U, after.live - before.live);
     EXPECT_EQ(50U, after.bytes - before.bytes);
     EXPECT_EQ(1U, after.frees - before.frees);
-    EXPECT_EQ(full_now().unmatched_frees, before.unmatched_frees);
+    EXPECT_EQ(before.unmatched_frees, full_now().unmatched_frees);
 }
 
 TEST(FullTracing, AFreshTableIsEmpty)
 {
     void *early = allocate(10);
     qv_mtrace_start();
-    EXPECT_EQ(full_now(), Full{});
+    EXPECT_EQ(Full{}, full_now());
     my_free_hook(early, nullptr);
     Full now = full_now();
     EXPECT_EQ(1U, now.frees);
@@ -428,38 +428,38 @@ TEST(FullTracing, Reallocations)
     qv_mtrace_start();
     void *early = my_realloc_hook(nullptr, 40, nullptr);
     Full now = full_now();
-    EXPECT_EQ(now, (Full{1, 40, 1, 0, 0, 1, 0})) << "an allocation by reallocation is both";
+    EXPECT_EQ((Full{1, 40, 1, 0, 0, 1, 0}), now) << "an allocation by reallocation is both";
     early = my_realloc_hook(early, 4000, nullptr);
     now = full_now();
-    EXPECT_EQ(now, (Full{1, 4000, 1, 0, 0, 2, 0}));
+    EXPECT_EQ((Full{1, 4000, 1, 0, 0, 2, 0}), now);
     volatile std::size_t huge = SIZE_MAX / 2;
     EXPECT_EQ(nullptr, my_realloc_hook(early, huge, nullptr));
     now = full_now();
-    EXPECT_EQ(now, (Full{0, 4000, 1, 0, 0, 3, 0})) << "the record goes, the bytes stay in the total";
+    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 3, 0}), now) << "the record goes, the bytes stay in the total";
     early = my_realloc_hook(early, 100, nullptr);
-    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 4, 1})) << "it is unknown from then on";
+    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 4, 1}), full_now()) << "it is unknown from then on";
     EXPECT_EQ(nullptr, my_realloc_hook(nullptr, huge, nullptr));
-    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 0, 0, 5, 1}));
+    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 5, 1}), full_now());
     my_free_hook(early, nullptr);
-    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 1, 1, 5, 1}));
+    EXPECT_EQ((Full{0, 4000, 1, 1, 1, 5, 1}), full_now());
     my_free_hook(nullptr, nullptr);
-    EXPECT_EQ(full_now(), (Full{0, 4000, 1, 1, 1, 5, 1}));
+    EXPECT_EQ((Full{0, 4000, 1, 1, 1, 5, 1}), full_now());
     qv_mtrace_reset();
-    EXPECT_EQ(full_now(), Full{});
+    EXPECT_EQ(Full{}, full_now());
 }
 
 TEST(FullTracing, LightCountersStandStillFromItsStartOn)
 {
     NEEDS_INTERPOSITION();
     qv_mtrace_start();
-    EXPECT_EQ(__malloc_hook, my_malloc_hook);
+    EXPECT_EQ(my_malloc_hook, __malloc_hook);
     mtrace_stat_record before = light_now();
     std::free(allocate(100));
-    EXPECT_EQ(light_now().light_allocs, before.light_allocs);
+    EXPECT_EQ(before.light_allocs, light_now().light_allocs);
     qv_mtrace_stop();
     EXPECT_EQ(nullptr, __malloc_hook);
     std::free(allocate(100));
-    EXPECT_EQ(light_now().light_allocs, before.light_allocs) << "and after its end";
+    EXPECT_EQ(before.light_allocs, light_now().light_allocs) << "and after its end";
 }
 
 TEST(FullTracing, TheTableOutlivesAStop)
@@ -471,16 +471,16 @@ TEST(FullTracing, TheTableOutlivesAStop)
     qv_mtrace_stop();
     Full stopped = full_now();
     EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&rec, 0));
-    EXPECT_EQ(rec.full[0], stopped.live);
+    EXPECT_EQ(stopped.live, rec.full[0]);
     std::free(allocate(70));
-    EXPECT_EQ(full_now(), stopped) << "nothing is recorded any more";
+    EXPECT_EQ(stopped, full_now()) << "nothing is recorded any more";
     qv_mtrace_start();
-    EXPECT_EQ(full_now().live, stopped.live) << "and the table is gone on with";
+    EXPECT_EQ(stopped.live, full_now().live) << "and the table is gone on with";
     std::free(block);
-    EXPECT_EQ(full_now().live, stopped.live - 1);
+    EXPECT_EQ(stopped.live - 1, full_now().live);
     qv_mtrace_reset();
     EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
-    EXPECT_EQ(full_now(), Full{});
+    EXPECT_EQ(Full{}, full_now());
     EXPECT_EQ(nullptr, __malloc_hook);
 }
 
@@ -492,16 +492,16 @@ TEST(FullTracing, HooksOfAStoppedTraceJustAllocate)
     void *block = my_malloc_hook(100, nullptr);
     block = my_realloc_hook(block, 200, nullptr);
     my_free_hook(block, nullptr);
-    EXPECT_EQ(full_now(), before);
+    EXPECT_EQ(before, full_now());
     EXPECT_EQ(nullptr, __malloc_hook) << "and do not install themselves";
 }
 
 TEST(FullTracing, HooksByThemselvesInstallThemselves)
 {
-    EXPECT_EQ(__malloc_hook, my_malloc_light_hook);
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
     void *block = my_malloc_hook(100, nullptr);
-    EXPECT_EQ(__malloc_hook, my_malloc_hook);
-    EXPECT_EQ(__free_hook, my_free_hook);
+    EXPECT_EQ(my_malloc_hook, __malloc_hook);
+    EXPECT_EQ(my_free_hook, __free_hook);
     EXPECT_EQ(0U, full_now().allocs) << "there is no table";
     my_free_hook(block, nullptr);
     EXPECT_EQ(0U, full_now().frees);
@@ -511,11 +511,11 @@ TEST(FullTracing, HooksByThemselvesInstallThemselves)
 TEST(FullTracing, WithoutATableOrABlockNothingIsEntered)
 {
     EXPECT_EQ(0, add_malloc_record(10, nullptr, &next_address));
-    EXPECT_EQ(full_now(), (Full{0, 0, 1, 0, 0, 0, 0}));
+    EXPECT_EQ((Full{0, 0, 1, 0, 0, 0, 0}), full_now());
     qv_mtrace_start();
     std::uint32_t live = full_now().live;
     EXPECT_EQ(0, add_malloc_record(10, nullptr, nullptr));
-    EXPECT_EQ(full_now().live, live);
+    EXPECT_EQ(live, full_now().live);
     qv_mtrace_reset();
 }
 
@@ -550,7 +550,7 @@ TEST(FullTracing, BlocksBeyondTheTableAreUnmatchedLater)
     EXPECT_EQ(65536U, full.live);
     EXPECT_EQ(70000U, full.allocs);
     EXPECT_EQ(0U, after.live);
-    EXPECT_EQ(after.unmatched_frees, 70000U - 65536U);
+    EXPECT_EQ(70000U - 65536U, after.unmatched_frees);
 }
 
 TEST(FullTracing, ThreadsAreRecordedExactly)
@@ -688,7 +688,7 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
             case 1:
                 if (next != 0)
                     model.add(next, size);
-                ASSERT_EQ(my_malloc_hook(size, nullptr), next_block);
+                ASSERT_EQ(next_block, my_malloc_hook(size, nullptr));
                 break;
             case 2:
             case 3:
@@ -698,7 +698,7 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
             default: {
                 std::uintptr_t before = random() % 8 == 0 ? 0 : ptr;
                 model.reallocate(before, next, size);
-                ASSERT_EQ(my_realloc_hook(reinterpret_cast<void *>(before), size, nullptr), next_block);
+                ASSERT_EQ(next_block, my_realloc_hook(reinterpret_cast<void *>(before), size, nullptr));
             }
             }
             // The hooks have installed themselves: nothing of the test's own goes through them.
@@ -706,7 +706,7 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
             __free_hook = nullptr;
             __realloc_hook = nullptr;
             if (model.f.live < 1000 || step % 200 == 0) { // asking makes a report, which takes its time
-                ASSERT_EQ(full_now(), model.f) << "step " << step;
+                ASSERT_EQ(model.f, full_now()) << "step " << step;
             }
         }
         old_malloc_hook = nullptr;
@@ -920,7 +920,7 @@ TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
             ::_exit(full_now().live == live - 1 ? 0 : 1);
         }
         int status = -1;
-        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(child, ::waitpid(child, &status, 0));
         ASSERT_EQ(0, status);
     }
     stop = true;

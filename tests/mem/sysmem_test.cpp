@@ -114,7 +114,7 @@ TEST(PageCache, ACancelledThreadLeavesNoDescriptorOpen)
     });
     thread.join();
     EXPECT_EQ(0, result);
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+    EXPECT_EQ(before, list_dir("/proc/self/fd").size());
 }
 
 TEST(PageCache, AFileThatCannotBeOpenedFails)
@@ -145,24 +145,25 @@ TEST(PageCache, AWriteThatFailsFails)
 TEST(MemDump, OneAlignedLine)
 {
     std::memcpy(bytes, "ABCDEFGH\0\x7F\xFFijklm", 16);
-    EXPECT_EQ(dumped(bytes, 16),
-              line_address(bytes) + " 41 42 43 44 45 46 47 48  00 7F FF 69 6A 6B 6C 6D    ABCDEFGH ...ijklm\n");
+    EXPECT_EQ(line_address(bytes) + " 41 42 43 44 45 46 47 48  00 7F FF 69 6A 6B 6C 6D    ABCDEFGH ...ijklm\n",
+              dumped(bytes, 16));
 }
 
 TEST(MemDump, LastByteOfALine)
 {
     bytes[15] = 'z';
-    EXPECT_EQ(dumped(bytes + 15, 1), line_address(bytes) + std::string(24, ' ') + " " + std::string(21, ' ') + " 7A " +
-                                         "   " + std::string(16, ' ') + "z\n");
+    EXPECT_EQ(line_address(bytes) + std::string(24, ' ') + " " + std::string(21, ' ') + " 7A " + "   " +
+                  std::string(16, ' ') + "z\n",
+              dumped(bytes + 15, 1));
 }
 
 TEST(MemDump, TwentyBytesFromTheMiddle)
 {
     std::memcpy(bytes + 8, "abcdefghijklmnopqrst", 20);
-    EXPECT_EQ(dumped(bytes + 8, 20), line_address(bytes) + std::string(25, ' ') + " 61 62 63 64 65 66 67 68    " +
-                                         std::string(9, ' ') + "abcdefgh\n" + line_address(bytes + 16) +
-                                         " 69 6A 6B 6C 6D 6E 6F 70  71 72 73 74" + std::string(12, ' ') +
-                                         "    ijklmnop qrst\n");
+    EXPECT_EQ(line_address(bytes) + std::string(25, ' ') + " 61 62 63 64 65 66 67 68    " + std::string(9, ' ') +
+                  "abcdefgh\n" + line_address(bytes + 16) + " 69 6A 6B 6C 6D 6E 6F 70  71 72 73 74" +
+                  std::string(12, ' ') + "    ijklmnop qrst\n",
+              dumped(bytes + 8, 20));
 }
 
 TEST(MemDump, NothingForNoLength)
@@ -179,7 +180,7 @@ TEST(MemDumpModel, EveryAlignmentAndLength)
         byte = static_cast<unsigned char>(random());
     for (int start = 0; start < 16; start++)
         for (int len = 1; len <= 50; len++)
-            ASSERT_EQ(dumped(bytes + start, len), model_dump(bytes + start, len)) << start << " for " << len;
+            ASSERT_EQ(model_dump(bytes + start, len), dumped(bytes + start, len)) << start << " for " << len;
 }
 
 // ---- shared memory ----
@@ -198,7 +199,7 @@ TEST(SharedMemory, IsMadeAndAttachedTo)
     EXPECT_STREQ("from the first", attached);
     ASSERT_EQ(0, ::stat("/dev/shm/region", &status));
     EXPECT_EQ(4096, status.st_size) << "resized";
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), open + 2) << "the descriptors stay open";
+    EXPECT_EQ(open + 2, list_dir("/proc/self/fd").size()) << "the descriptors stay open";
 }
 
 TEST(SharedMemory, ModeOfTheFile)

@@ -51,74 +51,74 @@ Result good(const std::string &text)
 
 TEST(IfpName2UnixName, EachRow)
 {
-    EXPECT_EQ(forward("ethernet0/1"), good("eth0-1"));
-    EXPECT_EQ(forward("xethernet1/2.100"), good("xe1-2_100"));
-    EXPECT_EQ(forward("xlethernet3"), good("xle3"));
-    EXPECT_EQ(forward("cethernet4/0"), good("ce4-0"));
-    EXPECT_EQ(forward("xxvethernet5/1"), good("xxv5-1"));
-    EXPECT_EQ(forward("aggregate3"), good("agg3"));
-    EXPECT_EQ(forward("redundant2.7"), good("red2_7"));
-    EXPECT_EQ(forward("MGT0"), good("mgt0"));
-    EXPECT_EQ(forward("HA1"), good("ha1"));
-    EXPECT_EQ(forward("cellular0/1"), good("cellular0-1"));
-    EXPECT_EQ(forward("wlan1"), good("wlan1"));
-    EXPECT_EQ(forward("tunnel1"), good("tunnel1"));
-    EXPECT_EQ(forward("ethernet0/1:2"), good("eth0-1=2"));
-    EXPECT_EQ(forward("tunnel1/2.3:4"), good("tunnel1-2_3=4"));
+    EXPECT_EQ(good("eth0-1"), forward("ethernet0/1"));
+    EXPECT_EQ(good("xe1-2_100"), forward("xethernet1/2.100"));
+    EXPECT_EQ(good("xle3"), forward("xlethernet3"));
+    EXPECT_EQ(good("ce4-0"), forward("cethernet4/0"));
+    EXPECT_EQ(good("xxv5-1"), forward("xxvethernet5/1"));
+    EXPECT_EQ(good("agg3"), forward("aggregate3"));
+    EXPECT_EQ(good("red2_7"), forward("redundant2.7"));
+    EXPECT_EQ(good("mgt0"), forward("MGT0"));
+    EXPECT_EQ(good("ha1"), forward("HA1"));
+    EXPECT_EQ(good("cellular0-1"), forward("cellular0/1"));
+    EXPECT_EQ(good("wlan1"), forward("wlan1"));
+    EXPECT_EQ(good("tunnel1"), forward("tunnel1"));
+    EXPECT_EQ(good("eth0-1=2"), forward("ethernet0/1:2"));
+    EXPECT_EQ(good("tunnel1-2_3=4"), forward("tunnel1/2.3:4"));
 }
 
 TEST(IfpName2UnixName, HaAloneIsUpperCase)
 {
-    EXPECT_EQ(forward("ha"), good("HA"));
-    EXPECT_EQ(forward("ha0"), good("ha0"));
-    EXPECT_EQ(forward("HA"), good("ha"));
-    EXPECT_EQ(forward("ha", 0), good("HA")) << "whatever the room";
+    EXPECT_EQ(good("HA"), forward("ha"));
+    EXPECT_EQ(good("ha0"), forward("ha0"));
+    EXPECT_EQ(good("ha"), forward("HA"));
+    EXPECT_EQ(good("HA"), forward("ha", 0)) << "whatever the room";
 }
 
 TEST(IfpName2UnixName, AWordNeedsItsCase)
 {
-    EXPECT_EQ(forward("Ethernet0/1"), good("Ethernet0-1"));
-    EXPECT_EQ(forward("mgt0"), good("mgt0"));
-    EXPECT_EQ(forward(""), good(""));
+    EXPECT_EQ(good("Ethernet0-1"), forward("Ethernet0/1"));
+    EXPECT_EQ(good("mgt0"), forward("mgt0"));
+    EXPECT_EQ(good(""), forward(""));
 }
 
 TEST(IfpName2UnixName, PppoeIsShortenedInSomeRowsOnly)
 {
-    EXPECT_EQ(forward("ethernet0/2pppoe1"), good("eth0-2p1"));
-    EXPECT_EQ(forward("xethernet2pppoe"), good("xe2p"));
-    EXPECT_EQ(forward("xlethernetpppoe9"), good("xlep9"));
-    EXPECT_EQ(forward("cethernet1pppoe1"), good("ce1p1"));
-    EXPECT_EQ(forward("xxvethernet1pppoe1"), good("xxv1p1"));
-    EXPECT_EQ(forward("cellular0pppoe1"), good("cellular0p1"));
-    EXPECT_EQ(forward("wlan0pppoe1"), good("wlan0p1"));
-    EXPECT_EQ(forward("aggregate1pppoe2"), good("agg1pppoe2"));
-    EXPECT_EQ(forward("redundant1pppoe2"), good("red1pppoe2"));
-    EXPECT_EQ(forward("MGT0pppoe2"), good("mgt0pppoe2"));
-    EXPECT_EQ(forward("HA0pppoe2"), good("ha0pppoe2"));
-    EXPECT_EQ(forward("pppoe1"), good("pppoe1"));
-    EXPECT_EQ(forward("ethernet1pppoe2pppoe3"), good("eth1p2pppoe3")) << "the first one only";
+    EXPECT_EQ(good("eth0-2p1"), forward("ethernet0/2pppoe1"));
+    EXPECT_EQ(good("xe2p"), forward("xethernet2pppoe"));
+    EXPECT_EQ(good("xlep9"), forward("xlethernetpppoe9"));
+    EXPECT_EQ(good("ce1p1"), forward("cethernet1pppoe1"));
+    EXPECT_EQ(good("xxv1p1"), forward("xxvethernet1pppoe1"));
+    EXPECT_EQ(good("cellular0p1"), forward("cellular0pppoe1"));
+    EXPECT_EQ(good("wlan0p1"), forward("wlan0pppoe1"));
+    EXPECT_EQ(good("agg1pppoe2"), forward("aggregate1pppoe2"));
+    EXPECT_EQ(good("red1pppoe2"), forward("redundant1pppoe2"));
+    EXPECT_EQ(good("mgt0pppoe2"), forward("MGT0pppoe2"));
+    EXPECT_EQ(good("ha0pppoe2"), forward("HA0pppoe2"));
+    EXPECT_EQ(good("pppoe1"), forward("pppoe1"));
+    EXPECT_EQ(good("eth1p2pppoe3"), forward("ethernet1pppoe2pppoe3")) << "the first one only";
 }
 
 TEST(IfpName2UnixName, TheCopyIsCutAt31Characters)
 {
     std::string digits(40, '7');
-    EXPECT_EQ(forward("ethernet" + digits), good("eth" + digits.substr(0, 31 - 8)));
-    EXPECT_EQ(forward("aggregate" + digits), good("agg" + digits)) << "rows of the given name are not cut";
-    EXPECT_EQ(forward("tunnel" + digits), good("tunnel" + digits));
-    EXPECT_EQ(forward("cellular" + digits), good("cellular" + digits.substr(0, 31 - 8)));
-    EXPECT_EQ(forward("ethernet0pppoe" + digits), good("eth0p" + digits.substr(0, 31 - 10)));
-    EXPECT_EQ(forward("ethernet" + digits + "pppoe1"), good("eth" + digits.substr(0, 31 - 8)));
-    EXPECT_EQ(forward("ethernet" + digits.substr(0, 22) + "pppoe1"), good("eth" + digits.substr(0, 22) + "p"));
-    EXPECT_EQ(forward("ethernet" + digits.substr(0, 23) + "pppoe1"), good("eth" + digits.substr(0, 23)));
+    EXPECT_EQ(good("eth" + digits.substr(0, 31 - 8)), forward("ethernet" + digits));
+    EXPECT_EQ(good("agg" + digits), forward("aggregate" + digits)) << "rows of the given name are not cut";
+    EXPECT_EQ(good("tunnel" + digits), forward("tunnel" + digits));
+    EXPECT_EQ(good("cellular" + digits.substr(0, 31 - 8)), forward("cellular" + digits));
+    EXPECT_EQ(good("eth0p" + digits.substr(0, 31 - 10)), forward("ethernet0pppoe" + digits));
+    EXPECT_EQ(good("eth" + digits.substr(0, 31 - 8)), forward("ethernet" + digits + "pppoe1"));
+    EXPECT_EQ(good("eth" + digits.substr(0, 22) + "p"), forward("ethernet" + digits.substr(0, 22) + "pppoe1"));
+    EXPECT_EQ(good("eth" + digits.substr(0, 23)), forward("ethernet" + digits.substr(0, 23) + "pppoe1"));
 }
 
 TEST(IfpName2UnixName, ACutResultIsAnErrorThatLeavesTheCutText)
 {
-    EXPECT_EQ(forward("ethernet0/1", 7), good("eth0-1"));
+    EXPECT_EQ(good("eth0-1"), forward("ethernet0/1", 7));
     EXPECT_EQ("", read_file(kConsole));
-    EXPECT_EQ(forward("ethernet0/1", 6), (Result{-1, "eth0/"})) << "not mapped";
-    EXPECT_EQ(forward("ethernet0/1", 4), (Result{-1, "eth"}));
-    EXPECT_EQ(forward("tunnel1", 7), (Result{-1, "tunnel"}));
+    EXPECT_EQ((Result{-1, "eth0/"}), forward("ethernet0/1", 6)) << "not mapped";
+    EXPECT_EQ((Result{-1, "eth"}), forward("ethernet0/1", 4));
+    EXPECT_EQ((Result{-1, "tunnel"}), forward("tunnel1", 7));
     EXPECT_EQ("Can not convert ifp name: ethernet0/1\n"
               "Can not convert ifp name: ethernet0/1\n"
               "Can not convert ifp name: tunnel1\n",
@@ -127,8 +127,8 @@ TEST(IfpName2UnixName, ACutResultIsAnErrorThatLeavesTheCutText)
 
 TEST(IfpName2UnixName, OnlyTheLastCopyIsAskedWhetherItWasCut)
 {
-    EXPECT_EQ(forward("ethernet", 3), good("et"));
-    EXPECT_EQ(forward("ethernet0", 3), (Result{-1, "et"}));
+    EXPECT_EQ(good("et"), forward("ethernet", 3));
+    EXPECT_EQ((Result{-1, "et"}), forward("ethernet0", 3));
 }
 
 TEST(IfpName2UnixName, WithoutRoomNothingIsWritten)
@@ -152,39 +152,39 @@ TEST(IfpName2UnixName, ANullNameIsSaid)
 
 TEST(UnixName2IfpName, CharactersComeBackWordsDoNot)
 {
-    EXPECT_EQ(back("eth0-1_5"), good("eth0/1.5"));
-    EXPECT_EQ(back("eth0-1=2"), good("eth0/1:2"));
-    EXPECT_EQ(back("agg3"), good("agg3"));
-    EXPECT_EQ(back("ha"), good("ha"));
-    EXPECT_EQ(back("ha", 0), good("ha"));
-    EXPECT_EQ(back("HA"), good("HA"));
+    EXPECT_EQ(good("eth0/1.5"), back("eth0-1_5"));
+    EXPECT_EQ(good("eth0/1:2"), back("eth0-1=2"));
+    EXPECT_EQ(good("agg3"), back("agg3"));
+    EXPECT_EQ(good("ha"), back("ha"));
+    EXPECT_EQ(good("ha"), back("ha", 0));
+    EXPECT_EQ(good("HA"), back("HA"));
 }
 
 TEST(UnixName2IfpName, TheFirstSevenRowsAreShortenedHereToo)
 {
-    EXPECT_EQ(back("ethernet0-1"), good("eth0/1"));
-    EXPECT_EQ(back("xethernet0"), good("xe0"));
-    EXPECT_EQ(back("xlethernet0"), good("xle0"));
-    EXPECT_EQ(back("cethernet0"), good("ce0"));
-    EXPECT_EQ(back("xxvethernet0"), good("xxv0"));
-    EXPECT_EQ(back("aggregate0"), good("agg0"));
-    EXPECT_EQ(back("redundant0"), good("red0"));
-    EXPECT_EQ(back("MGT0"), good("MGT0"));
-    EXPECT_EQ(back("HA0"), good("HA0"));
-    EXPECT_EQ(back("cellular0"), good("cellular0"));
-    EXPECT_EQ(back("ethernet0pppoe1"), good("eth0pppoe1")) << "nothing is rewritten";
+    EXPECT_EQ(good("eth0/1"), back("ethernet0-1"));
+    EXPECT_EQ(good("xe0"), back("xethernet0"));
+    EXPECT_EQ(good("xle0"), back("xlethernet0"));
+    EXPECT_EQ(good("ce0"), back("cethernet0"));
+    EXPECT_EQ(good("xxv0"), back("xxvethernet0"));
+    EXPECT_EQ(good("agg0"), back("aggregate0"));
+    EXPECT_EQ(good("red0"), back("redundant0"));
+    EXPECT_EQ(good("MGT0"), back("MGT0"));
+    EXPECT_EQ(good("HA0"), back("HA0"));
+    EXPECT_EQ(good("cellular0"), back("cellular0"));
+    EXPECT_EQ(good("eth0pppoe1"), back("ethernet0pppoe1")) << "nothing is rewritten";
 }
 
 TEST(UnixName2IfpName, LongNamesAreNotCut)
 {
     std::string digits(40, '7');
-    EXPECT_EQ(back("ethernet" + digits), good("eth" + digits));
+    EXPECT_EQ(good("eth" + digits), back("ethernet" + digits));
 }
 
 TEST(UnixName2IfpName, FailuresAreSaid)
 {
-    EXPECT_EQ(back("eth0-1", 7), good("eth0/1"));
-    EXPECT_EQ(back("eth0-1", 6), (Result{-1, "eth0-"}));
+    EXPECT_EQ(good("eth0/1"), back("eth0-1", 7));
+    EXPECT_EQ((Result{-1, "eth0-"}), back("eth0-1", 6));
     EXPECT_EQ(-1, run(unixname2ifpname, nullptr, 64).code);
     EXPECT_EQ("Can not convert linux name: eth0-1\nNULL unix name, can not convert\n", read_file(kConsole));
 }
@@ -226,7 +226,7 @@ TEST(CaseConversion, OnlyLettersOfTheAlphabetChange)
         char upper[2] = {static_cast<char>(c), 0};
         strllwr(lower, 1);
         strlupr(upper, 1);
-        EXPECT_EQ(static_cast<unsigned char>(lower[0]), c >= 'A' && c <= 'Z' ? c + 32 : c);
-        EXPECT_EQ(static_cast<unsigned char>(upper[0]), c >= 'a' && c <= 'z' ? c - 32 : c);
+        EXPECT_EQ(c >= 'A' && c <= 'Z' ? c + 32 : c, static_cast<unsigned char>(lower[0]));
+        EXPECT_EQ(c >= 'a' && c <= 'z' ? c - 32 : c, static_cast<unsigned char>(upper[0]));
     }
 }

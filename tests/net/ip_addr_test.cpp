@@ -61,17 +61,17 @@ TEST(IpText, EachFunctionHasItsOwnBuffer)
 TEST(IpText, ReentrantFormIsCutToItsBuffer)
 {
     char out[16];
-    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, sizeof out), out);
+    EXPECT_EQ(out, nl_ip_sprintf_r(htonl(0x0A010203), out, sizeof out));
     EXPECT_STREQ("10.1.2.3", out);
     std::memset(out, '#', sizeof out);
-    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
+    EXPECT_EQ(out, nl_ip_sprintf_r(htonl(0x0A010203), out, 5));
     EXPECT_STREQ("10.1", out);
     EXPECT_EQ('#', out[5]);
     std::memset(out, '#', sizeof out);
-    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 1), out);
+    EXPECT_EQ(out, nl_ip_sprintf_r(htonl(0x0A010203), out, 1));
     EXPECT_EQ('\0', out[0]) << "room for the terminator";
     EXPECT_EQ('#', out[1]);
-    EXPECT_EQ(nl_ip_sprintf_r(htonl(0x0A010203), out, 5), out);
+    EXPECT_EQ(out, nl_ip_sprintf_r(htonl(0x0A010203), out, 5));
     EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, nullptr, 16));
     EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, out, 0));
     EXPECT_EQ(nullptr, nl_ip_sprintf_r(1, out, -1));
@@ -96,12 +96,12 @@ TEST(Masks, LengthsAndMasks)
     EXPECT_EQ(kHost, qv_masklen2mask_v4(UINT_MAX));
     for (unsigned len = 1; len <= 32; len++) {
         unsigned mask = qv_masklen2mask_v4(len);
-        EXPECT_EQ(mask, static_cast<unsigned>(0xFFFFFFFF00000000ULL >> len)) << len;
-        EXPECT_EQ(inet_mask_len(htonl(mask)), static_cast<int>(len));
+        EXPECT_EQ(static_cast<unsigned>(0xFFFFFFFF00000000ULL >> len), mask) << len;
+        EXPECT_EQ(static_cast<int>(len), inet_mask_len(htonl(mask)));
         EXPECT_EQ(0, qv_check_mask_valid(mask)) << len;
     }
     for (unsigned n = 0; n <= 8; n++)
-        EXPECT_EQ(qv_addr_maskbit_array[n], 0xFF00 >> n & 0xFF);
+        EXPECT_EQ(0xFF00 >> n & 0xFF, qv_addr_maskbit_array[n]);
 }
 
 TEST(Masks, OnlyContiguousOnesAreValid)
@@ -117,7 +117,7 @@ TEST(Masks, Ipv4AddressIsCut)
     EXPECT_EQ(0x0A000000U, masked(0x0A010203, 12));
     EXPECT_EQ(0x0A010203U, masked(0x0A010203, UINT_MAX));
     for (unsigned len = 0; len <= 33; len++)
-        EXPECT_EQ(masked(kHost, len), qv_masklen2mask_v4(len)) << len;
+        EXPECT_EQ(qv_masklen2mask_v4(len), masked(kHost, len)) << len;
     unsigned ip = 0x0A010203;
     qv_convert_ipv4_addr_2_prefix(&ip, 24);
     EXPECT_EQ(0x0A010200U, ip);
@@ -182,7 +182,7 @@ TEST(CheckIp, EachRule)
         {0xFFFFFFFF, kHost, 0xC00, 0},
     };
     for (const Case &c : kCases) {
-        EXPECT_EQ(qv_check_ip_valid(c.ip, c.mask, c.flags), c.result)
+        EXPECT_EQ(c.result, qv_check_ip_valid(c.ip, c.mask, c.flags))
             << hl_ip_sprintf(c.ip) << ' ' << hl_ip_sprintf2(c.mask) << ' ' << c.flags;
         EXPECT_EQ(0, qv_check_ip_valid(c.ip, c.mask, 0));
     }
@@ -224,8 +224,8 @@ TEST(CheckIp, OrderOfTheRules)
                     if (!both)
                         continue;
                     pairs++;
-                    EXPECT_EQ(qv_check_ip_valid(ip, mask, first.flag | second.flag), first.code);
-                    EXPECT_EQ(qv_check_ip_valid(ip, mask, second.flag), second.code);
+                    EXPECT_EQ(first.code, qv_check_ip_valid(ip, mask, first.flag | second.flag));
+                    EXPECT_EQ(second.code, qv_check_ip_valid(ip, mask, second.flag));
                 }
             }
         }
@@ -265,7 +265,7 @@ TEST(CheckIpv6, EachRule)
         {"fe7f::1", 64, kAllFlags, 0}, {"::", 64, 0x7D8 & ~0x400U, 0}, {"fec0::1", 64, kAllFlags, -12},
     };
     for (const Case &c : kCases) {
-        EXPECT_EQ(qv_check_ipv6_valid(v6(c.addr).data(), c.len, c.flags), c.result) << c.addr << ' ' << c.flags;
+        EXPECT_EQ(c.result, qv_check_ipv6_valid(v6(c.addr).data(), c.len, c.flags)) << c.addr << ' ' << c.flags;
         EXPECT_EQ(0, qv_check_ipv6_valid(v6(c.addr).data(), c.len, 0));
     }
     EXPECT_EQ(-2, qv_check_ipv6_valid(v6("ff02::1").data(), 200, kAllFlags));
@@ -293,25 +293,25 @@ TEST(CheckAddr, ReadsTheRecordAtAnyAlignment)
 TEST(HostString, Shapes)
 {
     auto network = [](unsigned ip) { return static_cast<int>(htonl(ip)); };
-    EXPECT_EQ(validate_ipv4_host_address_str("1.2.3.4"), network(0x01020304));
-    EXPECT_EQ(validate_ipv4_host_address_str("224.0.0.1"), network(0xE0000001));
-    EXPECT_EQ(validate_ipv4_host_address_str("127.0.0.1"), network(0x7F000001));
-    EXPECT_EQ(validate_ipv4_host_address_str("255.255.255.254"), network(0xFFFFFFFE));
+    EXPECT_EQ(network(0x01020304), validate_ipv4_host_address_str("1.2.3.4"));
+    EXPECT_EQ(network(0xE0000001), validate_ipv4_host_address_str("224.0.0.1"));
+    EXPECT_EQ(network(0x7F000001), validate_ipv4_host_address_str("127.0.0.1"));
+    EXPECT_EQ(network(0xFFFFFFFE), validate_ipv4_host_address_str("255.255.255.254"));
     for (const char *zero : {"0.1.2.3", "0.0.0.0", "255.255.255.255", "256.1.1.1", "1..2.3", "...", "1.2.3.999"})
         EXPECT_EQ(0, validate_ipv4_host_address_str(zero)) << zero;
     for (const char *bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.4 ", "a.b.c.d", "1.2.3.x", "0x1.2.3.4", "-1.2.3.4", "1234",
                             "001.002.003.0004"})
         EXPECT_EQ(-1, validate_ipv4_host_address_str(bad)) << bad;
     EXPECT_EQ(-1, validate_ipv4_host_address_str(nullptr));
-    EXPECT_EQ(validate_ipv4_host_address_str("001.002.003.004"), network(0x01020304)); // 15 characters
+    EXPECT_EQ(network(0x01020304), validate_ipv4_host_address_str("001.002.003.004")); // 15 characters
 }
 
 TEST(HostString, ALeadingZeroMakesAnOctalNumber)
 {
     auto network = [](unsigned ip) { return static_cast<int>(htonl(ip)); };
-    EXPECT_EQ(validate_ipv4_host_address_str("010.1.2.3"), network(0x08010203));
-    EXPECT_EQ(validate_ipv4_host_address_str("10.010.020.030"), network(0x0A081018));
-    EXPECT_EQ(validate_ipv4_host_address_str("0377.1.1.1"), network(0xFF010101));
+    EXPECT_EQ(network(0x08010203), validate_ipv4_host_address_str("010.1.2.3"));
+    EXPECT_EQ(network(0x0A081018), validate_ipv4_host_address_str("10.010.020.030"));
+    EXPECT_EQ(network(0xFF010101), validate_ipv4_host_address_str("0377.1.1.1"));
     EXPECT_EQ(0, validate_ipv4_host_address_str("0400.1.1.1")) << "too large in octal";
     EXPECT_EQ(0, validate_ipv4_host_address_str("08.1.2.3")) << "no octal digit";
     EXPECT_EQ(0, validate_ipv4_host_address_str("1.2.3.09"));

@@ -58,13 +58,13 @@ void expect_command(const Request &request, unsigned code, Fields fields)
     EXPECT_EQ(0x89F0u, request.number);
     std::vector<unsigned char> channel(sizeof(ifreq), 0);
     std::memcpy(channel.data(), "pow0", 4);
-    EXPECT_EQ(request.channel, channel);
-    EXPECT_EQ(field(request, 0, 8), code);
+    EXPECT_EQ(channel, request.channel);
+    EXPECT_EQ(code, field(request, 0, 8));
     std::vector<unsigned char> rest = request.record;
     std::fill_n(rest.begin(), 8, 0);
     for (auto [offset, width] : fields)
         std::fill_n(rest.begin() + static_cast<long>(offset), width, 0);
-    EXPECT_EQ(rest, std::vector<unsigned char>(280, 0)) << "no stack bytes may travel";
+    EXPECT_EQ(std::vector<unsigned char>(280, 0), rest) << "no stack bytes may travel";
 }
 
 // The only request made.
@@ -187,7 +187,7 @@ TEST_F(Vrctl, VridToName)
     EXPECT_STREQ("untrust", name);
     EXPECT_EQ(7u, field(only(11, {{8, 2}}), 8, 2));
     succeed([](unsigned char *record) { std::strcpy(reinterpret_cast<char *>(record) + 16, "b"); });
-    EXPECT_EQ(qv_vrid_2_name(8), name) << "one static buffer";
+    EXPECT_EQ(name, qv_vrid_2_name(8)) << "one static buffer";
     EXPECT_STREQ("b", name);
 }
 
@@ -208,12 +208,12 @@ TEST_F(Vrctl, NamesOf30And31CharactersComeWhole)
             std::memset(record + 8, 'x', 272);
             std::strcpy(reinterpret_cast<char *>(record) + 16, text.c_str());
         });
-        EXPECT_EQ(qv_vrid_2_name(7), text);
+        EXPECT_EQ(text, qv_vrid_2_name(7));
         succeed([&](unsigned char *record) {
             std::memset(record + 8, 'x', 272);
             std::strcpy(reinterpret_cast<char *>(record) + 10, text.c_str());
         });
-        EXPECT_EQ(qv_vsysid_2_name(7), text);
+        EXPECT_EQ(text, qv_vsysid_2_name(7));
     }
 }
 
@@ -522,7 +522,7 @@ TEST_F(Vrctl, InterfacesVr)
     EXPECT_EQ(0x89A4u, requests[0].number);
     std::vector<unsigned char> wanted(56, 0);
     std::memcpy(wanted.data(), "eth0", 4);
-    EXPECT_EQ(requests[0].record, wanted);
+    EXPECT_EQ(wanted, requests[0].record);
     EXPECT_EQ(1, opened);
     EXPECT_EQ(1, closed);
 }
@@ -536,7 +536,7 @@ TEST_F(Vrctl, SettingAnInterfacesVr)
     std::vector<unsigned char> wanted(56, 0);
     std::memcpy(wanted.data(), "a-name-of-16-ch", 15);
     put<std::uint32_t>(wanted.data(), 16, 0x12345678);
-    EXPECT_EQ(requests[0].record, wanted);
+    EXPECT_EQ(wanted, requests[0].record);
 }
 
 TEST_F(Vrctl, InterfaceRequestsAreCleared)
@@ -553,10 +553,10 @@ TEST_F(Vrctl, InterfaceRequestsAreCleared)
         EXPECT_EQ(0, qv_get_netif_vr(name, &vrid));
         std::vector<unsigned char> wanted(56, 0);
         std::strcpy(reinterpret_cast<char *>(wanted.data()), name);
-        EXPECT_EQ(requests.at(0).record, wanted);
-        EXPECT_EQ(requests.at(2).record, wanted);
+        EXPECT_EQ(wanted, requests.at(0).record);
+        EXPECT_EQ(wanted, requests.at(2).record);
         put<std::uint32_t>(wanted.data(), 16, 0x01020304);
-        EXPECT_EQ(requests.at(1).record, wanted);
+        EXPECT_EQ(wanted, requests.at(1).record);
     }
 }
 

@@ -302,12 +302,12 @@ TEST_F(Vrsock, BindReachesTheKernelForValidIds)
         EXPECT_EQ(5, option.fd);
         EXPECT_EQ(0, option.level);
         EXPECT_EQ(31, option.name);
-        EXPECT_EQ(option.value, number(static_cast<std::uint32_t>(vrid)));
+        EXPECT_EQ(number(static_cast<std::uint32_t>(vrid)), option.value);
         EXPECT_EQ(0, qv_bindvr6(6, vrid));
         EXPECT_EQ(6, option.fd);
         EXPECT_EQ(41, option.level);
         EXPECT_EQ(91, option.name);
-        EXPECT_EQ(option.value, number(static_cast<std::uint32_t>(vrid)));
+        EXPECT_EQ(number(static_cast<std::uint32_t>(vrid)), option.value);
     }
     EXPECT_EQ(8, options_asked);
 }
@@ -360,12 +360,12 @@ TEST_F(Vrsock, SendtoBytes)
     EXPECT_EQ(5, sent.fd);
     EXPECT_EQ(0x10040, sent.flags);
     EXPECT_EQ(0, sent.message_flags);
-    EXPECT_EQ(sent.to, &to);
-    EXPECT_EQ(sent.tolen, sizeof to);
+    EXPECT_EQ(&to, sent.to);
+    EXPECT_EQ(sizeof to, sent.tolen);
     ASSERT_EQ(1u, sent.data.size());
-    EXPECT_EQ(sent.data[0].iov_base, buf);
+    EXPECT_EQ(buf, sent.data[0].iov_base);
     EXPECT_EQ(7u, sent.data[0].iov_len);
-    EXPECT_EQ(sent.control, message(0, 31, number(0xA1B2C3D4)));
+    EXPECT_EQ(message(0, 31, number(0xA1B2C3D4)), sent.control);
     EXPECT_EQ(24u, sent.control.size());
     EXPECT_EQ(20, sent.control[0]);
 }
@@ -375,8 +375,8 @@ TEST_F(Vrsock, Ipv6SendtoBytes)
     auto to = address6("::1", 9);
     EXPECT_EQ(0, qv_ipv6_sendto(5, buf, 7, 0, reinterpret_cast<sockaddr *>(&to), sizeof to, 7));
     EXPECT_EQ(0x10000, sent.flags);
-    EXPECT_EQ(sent.tolen, sizeof to);
-    EXPECT_EQ(sent.control, message(41, 91, number(7)));
+    EXPECT_EQ(sizeof to, sent.tolen);
+    EXPECT_EQ(message(41, 91, number(7)), sent.control);
 }
 
 TEST_F(Vrsock, SendtoIfBytes)
@@ -385,11 +385,11 @@ TEST_F(Vrsock, SendtoIfBytes)
     auto source = address4("10.1.2.3", 77);
     EXPECT_EQ(0, qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7));
     EXPECT_EQ(0x10002, sent.flags);
-    EXPECT_EQ(sent.control, message(0, 31, number(7)) + info4(12, "10.1.2.3", "0.0.0.0"));
+    EXPECT_EQ(message(0, 31, number(7)) + info4(12, "10.1.2.3", "0.0.0.0"), sent.control);
     EXPECT_EQ(56u, sent.control.size());
     EXPECT_EQ(28, sent.control[24]);
     EXPECT_EQ(0, qv_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, -1, 7));
-    EXPECT_EQ(sent.control, message(0, 31, number(7)) + info4(-1, "0.0.0.0", "0.0.0.0"));
+    EXPECT_EQ(message(0, 31, number(7)) + info4(-1, "0.0.0.0", "0.0.0.0"), sent.control);
 }
 
 TEST_F(Vrsock, Ipv6SendtoIfBytes)
@@ -398,11 +398,11 @@ TEST_F(Vrsock, Ipv6SendtoIfBytes)
     auto source = address6("fd00::5", 77);
     EXPECT_EQ(0, qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), &source, sizeof to, 12, 7));
     EXPECT_EQ(0x10002, sent.flags);
-    EXPECT_EQ(sent.control, message(41, 91, number(7)) + info6(12, "fd00::5"));
+    EXPECT_EQ(message(41, 91, number(7)) + info6(12, "fd00::5"), sent.control);
     EXPECT_EQ(64u, sent.control.size());
     EXPECT_EQ(36, sent.control[24]);
     EXPECT_EQ(0, qv_ipv6_sendto_if(5, buf, 7, 2, reinterpret_cast<sockaddr *>(&to), nullptr, sizeof to, 12, 7));
-    EXPECT_EQ(sent.control, message(41, 91, number(7)) + info6(12, "::"));
+    EXPECT_EQ(message(41, 91, number(7)) + info6(12, "::"), sent.control);
 }
 
 TEST_F(Vrsock, SendResults)
@@ -412,10 +412,10 @@ TEST_F(Vrsock, SendResults)
     for (ssize_t result : {ssize_t{0}, ssize_t{1}, ssize_t{-1}, ssize_t{-5}}) {
         send_result = result;
         int wanted = result < 0 ? static_cast<int>(result) : 0;
-        EXPECT_EQ(qv_sendto(5, buf, 7, 0, name, sizeof to, 1), wanted);
-        EXPECT_EQ(qv_ipv6_sendto(5, buf, 7, 0, name, sizeof to, 1), wanted);
-        EXPECT_EQ(qv_sendto_if(5, buf, 7, 0, name, nullptr, sizeof to, 1, 1), wanted);
-        EXPECT_EQ(qv_ipv6_sendto_if(5, buf, 7, 0, name, nullptr, sizeof to, 1, 1), wanted);
+        EXPECT_EQ(wanted, qv_sendto(5, buf, 7, 0, name, sizeof to, 1));
+        EXPECT_EQ(wanted, qv_ipv6_sendto(5, buf, 7, 0, name, sizeof to, 1));
+        EXPECT_EQ(wanted, qv_sendto_if(5, buf, 7, 0, name, nullptr, sizeof to, 1, 1));
+        EXPECT_EQ(wanted, qv_ipv6_sendto_if(5, buf, 7, 0, name, nullptr, sizeof to, 1, 1));
     }
 }
 
@@ -427,7 +427,7 @@ TEST_F(Vrsock4, TakesTheVrMessage)
     EXPECT_EQ(5, receive(vr4(7), &vrid));
     EXPECT_EQ(7u, vrid);
     EXPECT_EQ(0x10000, received.flags);
-    EXPECT_EQ(received.name, &from);
+    EXPECT_EQ(&from, received.name);
     EXPECT_EQ(99u, received.namelen);
     EXPECT_EQ(80u, received.control_size);
     EXPECT_TRUE(received.control_was_zero);
@@ -553,7 +553,7 @@ TEST_F(Vrsock, RecvfromtoTellsDestinationInterfaceAndVr)
     EXPECT_EQ(7u, told.vrid);
     EXPECT_EQ(12, told.ifindex);
     EXPECT_EQ(16u, told.tolen);
-    EXPECT_EQ(told.to, bytes_of(address4("10.0.0.2", 5000))) << "the header's destination, the socket's own port";
+    EXPECT_EQ(bytes_of(address4("10.0.0.2", 5000)), told.to) << "the header's destination, the socket's own port";
     EXPECT_EQ(256u, received.control_size);
     EXPECT_TRUE(received.control_was_zero);
     EXPECT_EQ(0x10000, received.flags);
@@ -567,7 +567,7 @@ TEST_F(Vrsock, RecvfromtoSixTellsDestinationInterfaceAndVr)
     EXPECT_EQ(7u, told.vrid);
     EXPECT_EQ(12, told.ifindex);
     EXPECT_EQ(28u, told.tolen);
-    EXPECT_EQ(told.to, bytes_of(address6("fd00::2", 6000)));
+    EXPECT_EQ(bytes_of(address6("fd00::2", 6000)), told.to);
     EXPECT_EQ(256u, received.control_size);
 }
 
@@ -591,7 +591,7 @@ TEST_F(Vrsock, RecvfromtoRoomOf7DeclinesTheDestinationAnd8TakesIt)
         Told told = receive_to4(control, room);
         EXPECT_EQ(0u, told.tolen);
         EXPECT_EQ(-77, told.ifindex);
-        EXPECT_EQ(told.to, Bytes(16, 0xEE));
+        EXPECT_EQ(Bytes(16, 0xEE), told.to);
         EXPECT_EQ(7u, told.vrid) << "the VR comes all the same";
     }
     EXPECT_EQ(16u, receive_to4(control, 8).tolen);
@@ -607,7 +607,7 @@ TEST_F(Vrsock, RecvfromtoReadsTheRoomAsASignedNumber)
         Told told = receive_to4(control, room);
         EXPECT_EQ(0u, told.tolen) << room;
         EXPECT_EQ(-77, told.ifindex);
-        EXPECT_EQ(told.to, Bytes(16, 0xEE));
+        EXPECT_EQ(Bytes(16, 0xEE), told.to);
         EXPECT_EQ(7u, told.vrid);
     }
     EXPECT_EQ(16u, receive_to4(control, 0x7FFFFFFF).tolen);
@@ -615,7 +615,7 @@ TEST_F(Vrsock, RecvfromtoReadsTheRoomAsASignedNumber)
     for (socklen_t room : {0x80000000u, 0x8000001Cu, 0xFFFFFFFFu}) {
         Told told = receive_to6(info6(12, "::1"), room);
         EXPECT_EQ(0u, told.tolen) << room;
-        EXPECT_EQ(told.to, Bytes(28, 0xEE));
+        EXPECT_EQ(Bytes(28, 0xEE), told.to);
     }
     EXPECT_EQ(28u, receive_to6(info6(12, "::1"), 0x7FFFFFFF).tolen);
 }
@@ -624,7 +624,7 @@ TEST_F(Vrsock, RecvfromtoTakesTheFirstPacketInfoOnly)
 {
     Told told = receive_to4(info4(12, "1.1.1.1", "10.0.0.2") + info4(13, "1.1.1.1", "10.0.0.3"));
     EXPECT_EQ(12, told.ifindex);
-    EXPECT_EQ(told.to, bytes_of(address4("10.0.0.2", 5000)));
+    EXPECT_EQ(bytes_of(address4("10.0.0.2", 5000)), told.to);
 }
 
 TEST_F(Vrsock, RecvfromtoTakesTheLastVrMessage)
@@ -685,7 +685,7 @@ TEST_F(Vrsock, RecvfromtoShortPacketInfoIsReadFromZeroedMemory)
 {
     Told told = receive_to4(message(0, 8, number(12), 20));
     EXPECT_EQ(12, told.ifindex);
-    EXPECT_EQ(told.to, bytes_of(address4("0.0.0.0", 5000)));
+    EXPECT_EQ(bytes_of(address4("0.0.0.0", 5000)), told.to);
 }
 
 TEST_F(Vrsock, RecvfromtoPacketInfoAtTheEndOfTheBufferIsReadWithinIt)

@@ -67,8 +67,8 @@ TEST(HeapLibrary, TheEarliestIsAtPosition1AndAnswersFor0)
     Element five{5}, three{3}, four{4};
     for (Element *e : {&five, &three, &four})
         EXPECT_EQ(0, __heap_insert(heap.handle, e));
-    EXPECT_EQ(heap.at(1), &three);
-    EXPECT_EQ(heap.at(0), &three);
+    EXPECT_EQ(&three, heap.at(1));
+    EXPECT_EQ(&three, heap.at(0));
     EXPECT_EQ(nullptr, heap.at(4));
     EXPECT_EQ(nullptr, heap.at(UINT_MAX));
 }
@@ -81,7 +81,7 @@ TEST(HeapLibrary, PositionsOutsideAreAnsweredNegative)
     __heap_insert(heap.handle, &two);
     for (unsigned position : {0u, 3u, 4u, 1000u, UINT_MAX})
         EXPECT_LT(__heap_delete(heap.handle, position), 0) << position;
-    EXPECT_EQ(heap.at(2), &two);
+    EXPECT_EQ(&two, heap.at(2));
 }
 
 TEST(HeapLibrary, TheToldPositionDeletes)
@@ -93,7 +93,7 @@ TEST(HeapLibrary, TheToldPositionDeletes)
     for (Element &e : elements)
         __heap_insert(heap.handle, &e);
     for (Element &e : elements) {
-        EXPECT_EQ(heap.at(e.position), &e);
+        EXPECT_EQ(&e, heap.at(e.position));
         EXPECT_EQ(0, __heap_delete(heap.handle, e.position));
     }
     EXPECT_EQ(nullptr, heap.at(1));
@@ -107,7 +107,7 @@ TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
     __heap_insert(heap.handle, &two);
     int told = one.told;
     __heap_delete(heap.handle, one.position);
-    EXPECT_EQ(one.told, told);
+    EXPECT_EQ(told, one.told);
     EXPECT_EQ(1u, one.position) << "stale now";
     EXPECT_EQ(1u, two.position) << "moved up, and told";
     EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
@@ -123,9 +123,9 @@ TEST(HeapLibrary, GrowthThatFailsLeavesTheHeapAsItWas)
     EXPECT_LT(__heap_insert(handle, &elements[2]), 0);
     no_memory = false;
     EXPECT_EQ(0, elements[2].told);
-    EXPECT_EQ(__heap_element(handle, 1), &elements[1]);
+    EXPECT_EQ(&elements[1], __heap_element(handle, 1));
     EXPECT_EQ(0, __heap_insert(handle, &elements[2]));
-    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
+    EXPECT_EQ(&elements[2], __heap_element(handle, 1));
     __heap_free(handle);
 }
 
@@ -135,7 +135,7 @@ TEST(HeapLibrary, AnInitialSizeOf0IsAsGoodAsAny)
     Element elements[5] = {{3}, {2}, {1}, {5}, {4}};
     for (Element &e : elements)
         EXPECT_EQ(0, __heap_insert(handle, &e));
-    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
+    EXPECT_EQ(&elements[2], __heap_element(handle, 1));
     __heap_free(handle);
 }
 
@@ -173,21 +173,21 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
                 if (random() % 2 == 0) // the earliest, as timers go
                     which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
                 Element *e = in[which];
-                ASSERT_EQ(heap.at(e->position), e);
+                ASSERT_EQ(e, heap.at(e->position));
                 ASSERT_EQ(0, __heap_delete(heap.handle, e->position));
                 keys.erase(keys.find(e->key));
                 in[which] = in.back();
                 in.pop_back();
                 out.push_back(e);
             }
-            ASSERT_EQ(heap.at(1) == nullptr, keys.empty());
+            ASSERT_EQ(keys.empty(), heap.at(1) == nullptr);
             if (!keys.empty()) {
-                ASSERT_EQ(heap.at(1)->key, *keys.begin());
+                ASSERT_EQ(*keys.begin(), heap.at(1)->key);
             }
             ASSERT_EQ(nullptr, heap.at(static_cast<unsigned>(in.size()) + 1));
             if (step % 1000 == 0) {
                 for (Element *e : in)
-                    ASSERT_EQ(heap.at(e->position), e);
+                    ASSERT_EQ(e, heap.at(e->position));
             }
         }
     }
@@ -240,14 +240,14 @@ TEST(KeyedHeap, OrdersAndStoresPositionsWithoutACall)
     four.time = {4, -1};
     for (Timed *t : {&five, &three, &four})
         EXPECT_EQ(0, __heap_insert(heap.handle, t));
-    EXPECT_EQ(heap.at(0), &three);
-    EXPECT_EQ(heap.at(1), &three);
+    EXPECT_EQ(&three, heap.at(0));
+    EXPECT_EQ(&three, heap.at(1));
     EXPECT_EQ(2, three.position);
     EXPECT_EQ(0, __heap_delete(heap.handle, 1));
-    EXPECT_EQ(heap.at(1), &four);
+    EXPECT_EQ(&four, heap.at(1));
     EXPECT_EQ(0, __heap_delete(heap.handle, static_cast<unsigned>(five.position - 1)));
     EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
-    EXPECT_EQ(heap.at(1), &four);
+    EXPECT_EQ(&four, heap.at(1));
     EXPECT_EQ(0, told);
 }
 
@@ -276,9 +276,9 @@ TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
     EXPECT_LT(__heap_insert(handle, &second), 0);
     no_memory = false;
     EXPECT_EQ(-1, second.position);
-    EXPECT_EQ(__heap_element(handle, 1), &first);
+    EXPECT_EQ(&first, __heap_element(handle, 1));
     EXPECT_EQ(0, __heap_insert(handle, &second));
-    EXPECT_EQ(__heap_element(handle, 1), &second);
+    EXPECT_EQ(&second, __heap_element(handle, 1));
     __heap_free(handle);
 }
 
@@ -387,7 +387,7 @@ TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
                 in[which] = in.back();
                 in.pop_back();
             }
-            ASSERT_EQ(heap.at(1) == nullptr, in.empty());
+            ASSERT_EQ(in.empty(), heap.at(1) == nullptr);
             if (!in.empty()) {
                 ASSERT_FALSE(earlier(*std::min_element(in.begin(), in.end(), earlier), heap.at(1)));
             }

@@ -24,8 +24,8 @@ ChildResult qvenv(std::vector<std::string> arguments)
 void expect(const ChildResult &result, int code, const std::string &out, const std::string &err)
 {
     EXPECT_TRUE(result.exited(code)) << result.status;
-    EXPECT_EQ(result.out, out);
-    EXPECT_EQ(result.err, err);
+    EXPECT_EQ(out, result.out);
+    EXPECT_EQ(err, result.err);
 }
 
 std::string text(std::size_t length)
@@ -113,7 +113,7 @@ TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
     write_file(kStore, settings);
     run_program({"/bin/sh", "-c", "cat /dev/zero >/tmp/ballast 2>/dev/null"});
     expect(qvenv({"set", "slot", "number three"}), 2, "", full);
-    EXPECT_EQ(read_file(kStore), settings + "slot=n") << "what fits into the last page";
+    EXPECT_EQ(settings + "slot=n", read_file(kStore)) << "what fits into the last page";
     expect(qvenv({"set", "-n", "fan", "1"}), 2, "", full);
     ::unlink("/tmp/ballast");
     expect(qvenv({"set", "fan", "1"}), 0, "", "");

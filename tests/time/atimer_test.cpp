@@ -96,11 +96,11 @@ TEST(AtimerInit, Fields)
         EXPECT_EQ(0, level.current);
         EXPECT_EQ(4, level.bits);
         EXPECT_EQ(16, level.size);
-        EXPECT_EQ(level.shift, 4 * i);
-        EXPECT_EQ(level.mask, i == 0 ? 0u : 15u);
+        EXPECT_EQ(4 * i, level.shift);
+        EXPECT_EQ(i == 0 ? 0u : 15u, level.mask);
         for (int b = 0; b < 16; b++) {
             EXPECT_EQ(nullptr, level.buckets[b].first);
-            EXPECT_EQ(level.buckets[b].last, &level.buckets[b].first);
+            EXPECT_EQ(&level.buckets[b].first, level.buckets[b].last);
         }
     }
 }
@@ -109,19 +109,19 @@ TEST(AtimerInit, ThirtyBitsAreTakenAndMoreRefused)
 {
     {
         Wheel wheel(3, 10);
-        EXPECT_EQ(wheel.max_expire, 1023u << 20);
-        EXPECT_EQ(wheel.tick_mask, (1u << 30) - 1);
+        EXPECT_EQ(1023u << 20, wheel.max_expire);
+        EXPECT_EQ((1u << 30) - 1, wheel.tick_mask);
     }
     atimer_context context;
     EXPECT_EQ(-1, atimer_init(&context, 3, 11));
     EXPECT_EQ(33u, context.total_bits);
     EXPECT_EQ(1u, context.tick_mask);
-    EXPECT_EQ(context.max_expire, 2047u << 22) << "32-bit words";
+    EXPECT_EQ(2047u << 22, context.max_expire) << "32-bit words";
     EXPECT_EQ(nullptr, context.levels);
     EXPECT_EQ(-1, atimer_init(&context, 31, 1));
     EXPECT_EQ(-1, atimer_init(&context, 1, 31));
     EXPECT_EQ(-1, atimer_init(&context, 1, INT_MAX));
-    EXPECT_EQ(read_file(kConsole), kTooMany + kTooMany + kTooMany + kTooMany);
+    EXPECT_EQ(kTooMany + kTooMany + kTooMany + kTooMany, read_file(kConsole));
 }
 
 TEST(AtimerInit, WrappingProductsAndNegativeBitsAreRefused)
@@ -180,8 +180,8 @@ TEST(Atimer, CreateSetsItsFields)
     atimer *t = create_atimer(7, note, &arg);
     EXPECT_EQ(nullptr, t->bucket);
     EXPECT_EQ(0u, t->spare);
-    EXPECT_EQ(t->callback, note);
-    EXPECT_EQ(t->arg, &arg);
+    EXPECT_EQ(note, t->callback);
+    EXPECT_EQ(&arg, t->arg);
     EXPECT_EQ(7u, t->expire);
     EXPECT_EQ(7u, t->remain);
     free_atimer(t);
@@ -217,7 +217,7 @@ TEST(Atimer, FiresOnTheTickOfItsExpiry)
     Wheel wheel(1, 8);
     atimer *t = create_atimer(5, note, nullptr);
     start_atimer(&wheel, t);
-    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 5}));
+    EXPECT_EQ((std::pair<int, long>{0, 5}), place_of(wheel, *t));
     EXPECT_EQ(5u, wheel.ticks_to_fire(20));
     EXPECT_EQ(nullptr, t->bucket);
     EXPECT_EQ(0u, wheel.ticks_to_fire(300)) << "once";
@@ -229,13 +229,13 @@ TEST(Atimer, CascadesFromTheHigherLevel)
     Wheel wheel(2, 4);
     atimer *t = create_atimer(20, note, nullptr);
     start_atimer(&wheel, t);
-    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{1, 1}));
+    EXPECT_EQ((std::pair<int, long>{1, 1}), place_of(wheel, *t));
     EXPECT_EQ(4u, t->remain);
     for (int i = 0; i < 15; i++)
         per_tick_call(&wheel);
     EXPECT_EQ(1, place_of(wheel, *t).first);
     per_tick_call(&wheel);
-    EXPECT_EQ(place_of(wheel, *t), (std::pair<int, long>{0, 4}));
+    EXPECT_EQ((std::pair<int, long>{0, 4}), place_of(wheel, *t));
     EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     free_atimer(t);
 }
@@ -273,7 +273,7 @@ TEST(Atimer, ExpiriesFromTheLimitUpAreRefused)
     start_atimer(&wheel, t);
     EXPECT_EQ(nullptr, t->bucket);
     std::string tail = " greater than max allowed 240, callback " + callback_text(note) + "\n";
-    EXPECT_EQ(read_file(kConsole), "ATimer expire 240" + tail + "ATimer expire 2147483647" + tail);
+    EXPECT_EQ("ATimer expire 240" + tail + "ATimer expire 2147483647" + tail, read_file(kConsole));
     free_atimer(t);
 }
 
@@ -300,7 +300,7 @@ TEST(Atimer, StartingARunningOneIsSaidAndChangesNothing)
     per_tick_call(&wheel);
     start_atimer(&wheel, t);
     EXPECT_EQ("ATimer has already been started, callback " + callback_text(note) + "\n", read_file(kConsole));
-    EXPECT_EQ(place_of(wheel, *t), place);
+    EXPECT_EQ(place, place_of(wheel, *t));
     EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     free_atimer(t);
 }
@@ -360,7 +360,7 @@ TEST(Atimer, TimersOfABucketFireInTheOrderOfTheirStarts)
     wheel.ticks_to_fire(5);
     ASSERT_EQ(4u, fired.size());
     for (long i = 0; i < 4; i++)
-        EXPECT_EQ(fired[static_cast<std::size_t>(i)], reinterpret_cast<void *>(i));
+        EXPECT_EQ(reinterpret_cast<void *>(i), fired[static_cast<std::size_t>(i)]);
     for (atimer *t : timers)
         free_atimer(t);
 }
@@ -382,12 +382,12 @@ TEST(Atimer, ACascadeKeepsTheOrderOfTheStarts)
     EXPECT_EQ(1, start(10).first) << "due on the same tick, and queued after the others";
     for (int i = 0; i < 6; i++)
         per_tick_call(&wheel);
-    EXPECT_EQ(start(4), (std::pair<int, long>{0, 4})) << "after the cascade";
+    EXPECT_EQ((std::pair<int, long>{0, 4}), start(4)) << "after the cascade";
     EXPECT_EQ(4u, wheel.ticks_to_fire(20));
     std::vector<void *> wanted;
     for (long i = 0; i < 5; i++)
         wanted.push_back(reinterpret_cast<void *>(i));
-    EXPECT_EQ(fired, wanted);
+    EXPECT_EQ(wanted, fired);
     for (atimer *t : timers)
         free_atimer(t);
 }
@@ -418,7 +418,7 @@ TEST(AtimerCallbacks, MayStopFreeAndStartTimersOfTheSameBucket)
         start_atimer(&wheel, t);
     for (int i = 0; i < 3; i++)
         per_tick_call(&wheel);
-    EXPECT_EQ(fired, (std::vector<void *>{nullptr, reinterpret_cast<void *>(4L)}));
+    EXPECT_EQ((std::vector<void *>{nullptr, reinterpret_cast<void *>(4L)}), fired);
     EXPECT_EQ(14u, wheel.ticks_to_fire(20));
     for (int i : {1, 3, 4})
         free_atimer(shared[static_cast<std::size_t>(i)]);
@@ -436,9 +436,9 @@ TEST(AtimerCallbacks, ACascadeAppendsAfterATimerThatACallbackStarted)
     atimer *cascaded = create_atimer(18, note, &wheel);
     start_atimer(&wheel, starter);
     start_atimer(&wheel, cascaded);
-    EXPECT_EQ(starter->bucket, cascaded->bucket) << "the first fires and the second moves down in the same tick";
+    EXPECT_EQ(cascaded->bucket, starter->bucket) << "the first fires and the second moves down in the same tick";
     EXPECT_EQ(18u, wheel.ticks_to_fire(20));
-    EXPECT_EQ(fired, (std::vector<void *>{&started, &wheel}));
+    EXPECT_EQ((std::vector<void *>{&started, &wheel}), fired);
     for (atimer *t : {starter, started, cascaded})
         free_atimer(t);
 }
@@ -525,7 +525,7 @@ TEST(AtimerProcess, CallbacksSeeTheirOwnTick)
     start_atimer(&wheel, t);
     now += 100;
     EXPECT_EQ(0, process_atimer(&wheel));
-    EXPECT_EQ(at, (std::vector<std::pair<std::uint32_t, std::uint32_t>>{{7, 1007}, {14, 1014}, {21, 1021}}));
+    EXPECT_EQ((std::vector<std::pair<std::uint32_t, std::uint32_t>>{{7, 1007}, {14, 1014}, {21, 1021}}), at);
     EXPECT_EQ(100u, wheel.tick);
     free_atimer(t);
 }
@@ -573,7 +573,7 @@ TEST(AtimerProcess, AClockThatJumpsInACallbackIsFollowed)
         start_atimer(&wheel, t);
     now += 10;
     fired.clear();
-    EXPECT_EQ(process_atimer(&wheel), 1005 - 1020);
+    EXPECT_EQ(1005 - 1020, process_atimer(&wheel));
     EXPECT_EQ(20u, wheel.tick) << "on to the new time, and no further once the clock is behind";
     EXPECT_TRUE(fired.empty());
     now = 1021;
@@ -589,9 +589,9 @@ TEST(AtimerProcess, ALongStallOfAnEmptyWheelIsCaughtUpWith)
     now += 2000000000L;
     EXPECT_EQ(0, process_atimer(&wheel));
     EXPECT_EQ(2000000000u, wheel.tick);
-    EXPECT_EQ(static_cast<unsigned>(wheel.levels[0].current), wheel.tick % 1024);
-    EXPECT_EQ(static_cast<unsigned>(wheel.levels[1].current), (wheel.tick >> 10) % 1024);
-    EXPECT_EQ(static_cast<unsigned>(wheel.levels[2].current), (wheel.tick >> 20) % 1024);
+    EXPECT_EQ(wheel.tick % 1024, static_cast<unsigned>(wheel.levels[0].current));
+    EXPECT_EQ((wheel.tick >> 10) % 1024, static_cast<unsigned>(wheel.levels[1].current));
+    EXPECT_EQ((wheel.tick >> 20) % 1024, static_cast<unsigned>(wheel.levels[2].current));
 }
 
 // ---- models ----
@@ -636,8 +636,8 @@ TEST(AtimerModel, EveryTimerFiresOnItsTick)
             per_tick_call(&wheel);
             for (void *t : fired) {
                 auto at = due.find(static_cast<atimer *>(t));
-                ASSERT_NE(at, due.end());
-                ASSERT_EQ(at->second, wheel.tick);
+                ASSERT_NE(due.end(), at);
+                ASSERT_EQ(wheel.tick, at->second);
                 due.erase(at);
             }
             for (auto &[t, tick] : due)
@@ -683,9 +683,9 @@ TEST(AtimerModel, StallsGiveTheSameAsSingleTicks)
             for (long i = 0; i < stall; i++)
                 per_tick_call(&stepped);
             ASSERT_EQ(wanted, fired);
-            ASSERT_EQ(stalled.tick, stepped.tick);
+            ASSERT_EQ(stepped.tick, stalled.tick);
             for (std::int32_t i = 0; i < stalled.nlevels; i++)
-                ASSERT_EQ(stalled.levels[i].current, stepped.levels[i].current);
+                ASSERT_EQ(stepped.levels[i].current, stalled.levels[i].current);
         }
     }
 }

@@ -160,7 +160,7 @@ TEST(Calendar, ATimeZoneChangeIsSeenByAllButLocaltimeSafe)
     EXPECT_EQ(11, localtime_safe(&kSummer)->tm_hour);
     ::setenv("TZ", "XXX-3", 1);
     tm out;
-    EXPECT_EQ(qv_localtime_r(&kSummer, &out), &out);
+    EXPECT_EQ(&out, qv_localtime_r(&kSummer, &out));
     EXPECT_EQ(12, out.tm_hour);
     ::setenv("TZ", "XXX-4", 1);
     qv_calendar_time(nullptr);
@@ -169,8 +169,8 @@ TEST(Calendar, ATimeZoneChangeIsSeenByAllButLocaltimeSafe)
 
 TEST(Calendar, ResultsAreTheCLibrarysStaticRecord)
 {
-    EXPECT_EQ(qv_localtime(&kSummer), ::localtime(&kSummer));
-    EXPECT_EQ(localtime_safe(&kSummer), ::localtime(&kSummer));
+    EXPECT_EQ(::localtime(&kSummer), qv_localtime(&kSummer));
+    EXPECT_EQ(::localtime(&kSummer), localtime_safe(&kSummer));
 }
 
 TEST(Calendar, TimesThatCannotBeConvertedGiveNull)
@@ -191,7 +191,7 @@ TEST(Calendar, CalendarTimeIsTheWallClock)
     time_t now = qv_calendar_time(&t);
     EXPECT_GE(now, before);
     EXPECT_LE(now, ::time(nullptr));
-    EXPECT_EQ(t, now);
+    EXPECT_EQ(now, t);
     EXPECT_GE(qv_calendar_time(nullptr), now);
 }
 

@@ -71,7 +71,7 @@ void *__heap_new(heap_higher_priority_fn higher_priority, heap_set_index_fn set_
 
 int __heap_insert(void *heap, void *element)
 {
-    EXPECT_EQ(heap, &handle);
+    EXPECT_EQ(&handle, heap);
     calls.push_back("insert");
     if (refuse_insert)
         return -5;
@@ -85,7 +85,7 @@ int __heap_insert(void *heap, void *element)
 
 int __heap_delete(void *heap, unsigned int position)
 {
-    EXPECT_EQ(heap, &handle);
+    EXPECT_EQ(&handle, heap);
     calls.push_back("delete " + std::to_string(position));
     if (refuse_delete || position == 0 || position > sorted.size())
         return -5;
@@ -96,7 +96,7 @@ int __heap_delete(void *heap, unsigned int position)
 
 void *__heap_element(void *heap, unsigned int position)
 {
-    EXPECT_EQ(heap, &handle);
+    EXPECT_EQ(&handle, heap);
     calls.push_back("element " + std::to_string(position));
     std::size_t i = position == 0 ? 0 : position - 1;
     return i < sorted.size() ? sorted[i] : nullptr;
@@ -104,7 +104,7 @@ void *__heap_element(void *heap, unsigned int position)
 
 void __heap_free(void *heap)
 {
-    EXPECT_EQ(heap, &handle);
+    EXPECT_EQ(&handle, heap);
     calls.push_back("free");
 }
 }
@@ -113,14 +113,14 @@ TEST(TimersHeap, IsMadeWithTheTwoCallbacksAndRoomFor16)
 {
     void *cell = nullptr;
     EXPECT_EQ(0, stimer_context_init(&cell));
-    EXPECT_EQ(cell, &handle);
-    EXPECT_EQ(take_calls(), Calls{"new"});
-    EXPECT_EQ(first_order, stimer_higher_priority_func);
-    EXPECT_EQ(first_index, stimer_index_func);
+    EXPECT_EQ(&handle, cell);
+    EXPECT_EQ(Calls{"new"}, take_calls());
+    EXPECT_EQ(stimer_higher_priority_func, first_order);
+    EXPECT_EQ(stimer_index_func, first_index);
     EXPECT_EQ(16u, first_size);
     stimer_context_fini(&cell);
-    EXPECT_EQ(take_calls(), Calls{"free"});
-    EXPECT_EQ(cell, &handle);
+    EXPECT_EQ(Calls{"free"}, take_calls());
+    EXPECT_EQ(&handle, cell);
 }
 
 TEST(TimersHeap, OneThatCannotBeMadeIsReported)
@@ -132,7 +132,7 @@ TEST(TimersHeap, OneThatCannotBeMadeIsReported)
     EXPECT_EQ(nullptr, cell);
     take_calls();
     stimer_context_fini(&cell);
-    EXPECT_EQ(take_calls(), Calls{});
+    EXPECT_EQ(Calls{}, take_calls());
 }
 
 TEST(TimersHeap, StartInsertsAndStopDeletesAtTheIndexMinus1)
@@ -142,15 +142,15 @@ TEST(TimersHeap, StartInsertsAndStopDeletesAtTheIndexMinus1)
     stimer *b = create_stimer(&context.cell, 6, nothing, nullptr);
     start_stimer(a);
     start_stimer(b);
-    EXPECT_EQ(take_calls(), (Calls{"insert", "insert"}));
+    EXPECT_EQ((Calls{"insert", "insert"}), take_calls());
     EXPECT_EQ(3, b->index);
     stop_stimer(b);
-    EXPECT_EQ(take_calls(), Calls{"delete 2"});
+    EXPECT_EQ(Calls{"delete 2"}, take_calls());
     EXPECT_EQ(0, b->index);
     stop_stimer(b);
-    EXPECT_EQ(take_calls(), Calls{});
+    EXPECT_EQ(Calls{}, take_calls());
     free_stimer(a);
-    EXPECT_EQ(take_calls(), Calls{"delete 1"});
+    EXPECT_EQ(Calls{"delete 1"}, take_calls());
     free_stimer(b);
 }
 
@@ -177,7 +177,7 @@ TEST(TimersHeap, TheNextExpiryIsReadAtPosition0)
     Context context;
     timeval out;
     EXPECT_EQ(-1, stimer_get_next_expire(&context.cell, &out));
-    EXPECT_EQ(take_calls(), Calls{"element 0"});
+    EXPECT_EQ(Calls{"element 0"}, take_calls());
 }
 
 TEST(TimersHeap, ProcessingReadsPosition1EveryRoundAndTheClockOnce)
@@ -195,8 +195,8 @@ TEST(TimersHeap, ProcessingReadsPosition1EveryRoundAndTheClockOnce)
     clock_reads = 0;
     EXPECT_EQ(3, process_stimer(&context.cell));
     EXPECT_EQ(1, clock_reads);
-    EXPECT_EQ(take_calls(),
-              (Calls{"element 1", "delete 1", "element 1", "delete 1", "element 1", "delete 1", "element 1"}));
+    EXPECT_EQ((Calls{"element 1", "delete 1", "element 1", "delete 1", "element 1", "delete 1", "element 1"}),
+              take_calls());
     EXPECT_GT(t[3]->index, 0) << "due by now, but not when the call began";
     for (stimer *timer : t)
         free_stimer(timer);
@@ -209,6 +209,6 @@ TEST(TimersHeap, OneWithoutCallbackDeletesOnceMore)
     start_stimer(silent);
     take_calls();
     EXPECT_EQ(1, process_stimer(&context.cell));
-    EXPECT_EQ(take_calls(), (Calls{"element 1", "delete 1", "delete 1", "element 1"}));
+    EXPECT_EQ((Calls{"element 1", "delete 1", "delete 1", "element 1"}), take_calls());
     free_stimer(silent);
 }

@@ -66,14 +66,14 @@ TEST_F(Timers, CreateSetsAllFields)
     int arg = 0;
     stimer *t = create_stimer(&ctx, 7, count_up, &arg);
     ASSERT_NE(nullptr, t);
-    EXPECT_EQ(t->ctx, &ctx);
+    EXPECT_EQ(&ctx, t->ctx);
     EXPECT_EQ(0, t->index);
     EXPECT_EQ(7, t->interval.tv_sec);
     EXPECT_EQ(0, t->interval.tv_usec);
     EXPECT_EQ(0, t->expire.tv_sec);
     EXPECT_EQ(0, t->expire.tv_usec);
-    EXPECT_EQ(t->callback, count_up);
-    EXPECT_EQ(t->arg, &arg);
+    EXPECT_EQ(count_up, t->callback);
+    EXPECT_EQ(&arg, t->arg);
     EXPECT_EQ(0, stimer_isruning(t));
     free_stimer(t);
 }
@@ -91,13 +91,13 @@ TEST_F(Timers, InitLeavesTheExpiry)
     std::memset(&t, 0x5A, sizeof t);
     timeval expire = t.expire;
     init_stimer(&t, &ctx, -3, count_up, &t);
-    EXPECT_EQ(t.ctx, &ctx);
+    EXPECT_EQ(&ctx, t.ctx);
     EXPECT_EQ(0, t.index);
     EXPECT_EQ(-3, t.interval.tv_sec);
     EXPECT_EQ(0, t.interval.tv_usec);
-    EXPECT_EQ(t.expire.tv_sec, expire.tv_sec);
-    EXPECT_EQ(t.expire.tv_usec, expire.tv_usec);
-    EXPECT_EQ(t.arg, &t);
+    EXPECT_EQ(expire.tv_sec, t.expire.tv_sec);
+    EXPECT_EQ(expire.tv_usec, t.expire.tv_usec);
+    EXPECT_EQ(&t, t.arg);
 }
 
 TEST(TimersMemory, FailuresAreReported)
@@ -132,7 +132,7 @@ TEST(TimersContext, TheHeapLibraryIsTheOneToTest)
 {
     const char *path = std::getenv("LD_LIBRARY_PATH");
     bool plain = path != nullptr && std::strstr(path, "plain_heap") != nullptr;
-    EXPECT_EQ(::dlsym(RTLD_DEFAULT, "__heap_new_keyed") == nullptr, plain);
+    EXPECT_EQ(plain, ::dlsym(RTLD_DEFAULT, "__heap_new_keyed") == nullptr);
 }
 
 // ---- starting and stopping ----
@@ -183,7 +183,7 @@ TEST_F(Timers, StartingARunningOneReportsAndKeepsItsExpiry)
     timeval expire = t->expire;
     at(2000);
     EXPECT_EQ("stimer already started\n", reported([&] { start_stimer(t); }));
-    EXPECT_EQ(t->expire.tv_sec, expire.tv_sec);
+    EXPECT_EQ(expire.tv_sec, t->expire.tv_sec);
     __qv_debug_level = 1;
     EXPECT_EQ("", reported([&] { start_stimer(t); })) << "only at level 2 and above";
     free_stimer(t);
@@ -251,7 +251,7 @@ TEST(TimersContext, FiniOfNothingIsFine)
     stimer_context_init(&ctx);
     void *before = ctx;
     stimer_context_fini(&ctx);
-    EXPECT_EQ(ctx, before) << "the cell is not cleared";
+    EXPECT_EQ(before, ctx) << "the cell is not cleared";
 }
 
 // ---- processing ----
@@ -268,7 +268,7 @@ TEST_F(Timers, DueOnesFireInOrderAndOthersStay)
     EXPECT_EQ(0, process_stimer(&ctx));
     at(1050);
     EXPECT_EQ(3, process_stimer(&ctx));
-    EXPECT_EQ(order, (std::vector<long>{1, 2, 3}));
+    EXPECT_EQ((std::vector<long>{1, 2, 3}), order);
     EXPECT_EQ(0, stimer_isruning(timers[0]));
     EXPECT_EQ(1, stimer_isruning(timers[3]));
     EXPECT_EQ(0, process_stimer(&ctx));
@@ -480,8 +480,8 @@ TEST(TimersModel, RandomWorkAgreesWithASortedList)
                 };
                 auto wanted = std::count_if(timers.begin(), timers.end(), due);
                 fired = 0;
-                ASSERT_EQ(process_stimer(&ctx), wanted);
-                ASSERT_EQ(fired, wanted);
+                ASSERT_EQ(wanted, process_stimer(&ctx));
+                ASSERT_EQ(wanted, fired);
                 ASSERT_EQ(0, std::count_if(timers.begin(), timers.end(), due));
             }
             }
@@ -491,10 +491,10 @@ TEST(TimersModel, RandomWorkAgreesWithASortedList)
                 if (stimer_isruning(x) != 0 && (earliest == nullptr || stimer_higher_priority_func(x, earliest) != 0))
                     earliest = x;
             }
-            ASSERT_EQ(stimer_get_next_expire(&ctx, &out), earliest != nullptr ? 0 : -1);
+            ASSERT_EQ(earliest != nullptr ? 0 : -1, stimer_get_next_expire(&ctx, &out));
             if (earliest != nullptr) {
-                ASSERT_EQ(out.tv_sec, earliest->expire.tv_sec);
-                ASSERT_EQ(out.tv_usec, earliest->expire.tv_usec);
+                ASSERT_EQ(earliest->expire.tv_sec, out.tv_sec);
+                ASSERT_EQ(earliest->expire.tv_usec, out.tv_usec);
             }
         }
         for (stimer *t : timers)

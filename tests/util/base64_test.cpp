@@ -184,7 +184,7 @@ TEST(Base64, EncodesEveryLengthIntoJustTheRoom)
         for (bool mail : {false, true}) {
             encode_function function = mail ? b64_ntop_email : b64_ntop;
             std::string text = model_encode(data, mail);
-            ASSERT_EQ(encode(function, data, text.size() + 1), text);
+            ASSERT_EQ(text, encode(function, data, text.size() + 1));
             for (std::size_t size = 0; size <= text.size(); size += 1 + size / 8)
                 ASSERT_EQ(std::nullopt, encode(function, data, size)) << size << " for " << text.size();
             ASSERT_EQ(std::nullopt, encode(function, data, text.size()));
@@ -203,17 +203,17 @@ TEST(Base64Email, BreaksLinesAfter72Characters)
 {
     const std::string line = encoded(std::string(54, 'x'));
     ASSERT_EQ(72u, line.size());
-    EXPECT_EQ(for_mail(std::string(53, 'x')), encoded(std::string(53, 'x')));
-    EXPECT_EQ(for_mail(std::string(54, 'x')), line + "\n");
-    EXPECT_EQ(for_mail(std::string(57, 'x')), line + "\neHh4");
-    EXPECT_EQ(for_mail(std::string(108, 'x')), line + "\n" + line + "\n");
+    EXPECT_EQ(encoded(std::string(53, 'x')), for_mail(std::string(53, 'x')));
+    EXPECT_EQ(line + "\n", for_mail(std::string(54, 'x')));
+    EXPECT_EQ(line + "\neHh4", for_mail(std::string(57, 'x')));
+    EXPECT_EQ(line + "\n" + line + "\n", for_mail(std::string(108, 'x')));
 }
 
 TEST(Base64Email, APaddedGroupEndsNoLine)
 {
     EXPECT_EQ(72u, for_mail(std::string(52, 'x')).size());
     EXPECT_EQ(72u, for_mail(std::string(53, 'x')).size());
-    EXPECT_EQ(for_mail(std::string(107, 'x')).size(), 72u + 1 + 72);
+    EXPECT_EQ(72u + 1 + 72, for_mail(std::string(107, 'x')).size());
 }
 
 TEST(Base64Email, TheNewlineNeedsRoom)
@@ -253,12 +253,12 @@ TEST(Base64Decode, OtherCharactersAreRefused)
     for (int c = 1; c < 256; c++) {
         char text[] = {'Z', 'm', '8', static_cast<char>(c), '\0'};
         bool good = kAlphabet.find(static_cast<char>(c)) != kAlphabet.npos;
-        EXPECT_EQ(decoded(text).has_value(), good || c == '=') << c;
+        EXPECT_EQ(good || c == '=', decoded(text).has_value()) << c;
         // And deep in a long text, where groups go by the vector.
         std::string within = std::string(40, 'A') + static_cast<char>(c) + std::string(63, 'A');
         bool space = std::isspace(c) != 0;
-        EXPECT_EQ(decoded(within).has_value(), good) << c;
-        EXPECT_EQ(decoded(within + "A").has_value(), space) << c;
+        EXPECT_EQ(good, decoded(within).has_value()) << c;
+        EXPECT_EQ(space, decoded(within + "A").has_value()) << c;
     }
 }
 
@@ -312,9 +312,9 @@ TEST(Base64Decode, LongTextsIntoJustTheRoom)
     for (std::size_t groups = 1; groups < 70; groups++) {
         std::string data = random_bytes(random, groups * 3);
         std::string text = encoded(data);
-        ASSERT_EQ(decode(text, data.size()), data);
+        ASSERT_EQ(data, decode(text, data.size()));
         ASSERT_EQ(std::nullopt, decode(text, data.size() - 1));
-        ASSERT_EQ(decoded(for_mail(data)), data);
+        ASSERT_EQ(data, decoded(for_mail(data)));
     }
 }
 
@@ -324,9 +324,9 @@ TEST(Base64, FollowsTheModel)
     for (std::size_t round = 0; round < effort(20000); round++) {
         std::string data = random_bytes(random, random() % 200);
         std::string text = encoded(data);
-        ASSERT_EQ(text, model_encode(data, false));
-        ASSERT_EQ(for_mail(data), model_encode(data, true));
-        ASSERT_EQ(decoded(text), data);
+        ASSERT_EQ(model_encode(data, false), text);
+        ASSERT_EQ(model_encode(data, true), for_mail(data));
+        ASSERT_EQ(data, decoded(text));
 
         // Damage: white space, padding and foreign characters anywhere, a cut, any room.
         for (unsigned damages = random() % 4; damages > 0; damages--) {
@@ -338,8 +338,8 @@ TEST(Base64, FollowsTheModel)
                 text.insert(at, 1, kDamage[random() % kDamage.size()]);
         }
         std::size_t size = data.size() + random() % 8 - std::min<std::size_t>(data.size(), 4);
-        ASSERT_EQ(decode(text, size), model_decode(text, size)) << text << " into " << size;
+        ASSERT_EQ(model_decode(text, size), decode(text, size)) << text << " into " << size;
         auto model = model_decode(text, std::nullopt);
-        ASSERT_EQ(counted(text), model ? static_cast<int>(model->size()) : -1) << text;
+        ASSERT_EQ(model ? static_cast<int>(model->size()) : -1, counted(text)) << text;
     }
 }

@@ -56,7 +56,7 @@ pid_t spawn(const std::function<void()> &body)
 void join(pid_t pid)
 {
     int status = -1;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
     EXPECT_EQ(0, status);
 }
 
@@ -85,8 +85,8 @@ TEST(CpRwlock, InitPointsAtTheRecordAndClearsIt)
 {
     qv_cp_rwlock record = {7, 8, 9};
     EXPECT_EQ(nullptr, rwlock);
-    EXPECT_EQ(qv_cp_rwlock_init(&record), &record);
-    EXPECT_EQ(rwlock, &record);
+    EXPECT_EQ(&record, qv_cp_rwlock_init(&record));
+    EXPECT_EQ(&record, rwlock);
     EXPECT_EQ(0u, record.lock_state);
     EXPECT_EQ(0u, record.next_ticket);
     EXPECT_EQ(0u, record.now_serving);
@@ -170,9 +170,9 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
     for (pid_t writer : writers)
         join(writer);
     for (std::uint32_t i = 0; i < kWriters; i++)
-        EXPECT_EQ(s->order[i], i);
-    EXPECT_EQ(s->lock.now_serving, 0xFFFFFFFEu + kWriters + 1);
-    EXPECT_EQ(s->lock.now_serving, s->lock.next_ticket);
+        EXPECT_EQ(i, s->order[i]);
+    EXPECT_EQ(0xFFFFFFFEu + kWriters + 1, s->lock.now_serving);
+    EXPECT_EQ(s->lock.next_ticket, s->lock.now_serving);
     EXPECT_EQ(0u, s->lock.lock_state);
 }
 
@@ -186,9 +186,9 @@ TEST(CpRwlock, ATicketBeforeTheServedOneEnters)
         record.now_serving = serving;
         EXPECT_EQ(1, qv_cp_wtlock());
         EXPECT_EQ(1U, record.lock_state);
-        EXPECT_EQ(record.next_ticket, serving - 1);
+        EXPECT_EQ(serving - 1, record.next_ticket);
         qv_cp_wtunlock();
-        EXPECT_EQ(record.now_serving, serving + 1);
+        EXPECT_EQ(serving + 1, record.now_serving);
     }
 }
 
@@ -304,7 +304,7 @@ TEST(CpRwlock, InitClearsTheStateThenTheServedTicketThenTheNext)
         EXPECT_EQ(2U, stores[1].word);
         EXPECT_EQ(0U, stores[1].before.lock_state);
         EXPECT_EQ(8U, stores[1].before.next_ticket);
-        EXPECT_EQ(rwlock, record);
+        EXPECT_EQ(record, rwlock);
     }
 }
 
@@ -373,8 +373,8 @@ TEST(CpRwlock, EightProcessesNeverSeeATornRecord)
         join(child);
     EXPECT_EQ(0u, s->torn);
     EXPECT_EQ(s->a, s->b);
-    EXPECT_EQ(s->a, s->lock.next_ticket);
-    EXPECT_EQ(s->lock.next_ticket, s->lock.now_serving);
+    EXPECT_EQ(s->lock.next_ticket, s->a);
+    EXPECT_EQ(s->lock.now_serving, s->lock.next_ticket);
     EXPECT_EQ(0u, s->lock.lock_state);
 }
 
@@ -390,8 +390,8 @@ TEST(CpRwlock, TwoThreadsOverManyAcquisitions)
     EXPECT_EQ(0u, s.torn);
     EXPECT_EQ(s.a, s.b);
     EXPECT_EQ(0u, s.lock.lock_state);
-    EXPECT_EQ(s.lock.next_ticket, s.lock.now_serving);
-    EXPECT_EQ(static_cast<std::uint32_t>(s.a), s.lock.next_ticket - 0xFFFFFF00u);
+    EXPECT_EQ(s.lock.now_serving, s.lock.next_ticket);
+    EXPECT_EQ(s.lock.next_ticket - 0xFFFFFF00u, static_cast<std::uint32_t>(s.a));
 }
 
 TEST(CpRwlock, ProgressOnOneProcessor)

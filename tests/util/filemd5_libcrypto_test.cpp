@@ -36,6 +36,6 @@ TEST(FileMd5Libcrypto, AgreesWithTheCommand)
         std::string ours = digest(content);
         ChildResult theirs = run_program({"/usr/bin/md5sum", "/tmp/file"});
         ASSERT_TRUE(theirs.exited(0));
-        EXPECT_EQ(ours, theirs.out.substr(0, 32)) << length;
+        EXPECT_EQ(theirs.out.substr(0, 32), ours) << length;
     }
 }

@@ -106,7 +106,7 @@ TEST(FileMd5, LeavesNoDescriptorOpen)
     char text[33];
     for (int i = 0; i < 5; i++)
         filemd5str("/tmp/file", text, sizeof text);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(before, open_descriptors());
 }
 
 TEST(FileMd5, ACancelledThreadLeavesNoDescriptorOpen)
@@ -121,5 +121,5 @@ TEST(FileMd5, ACancelledThreadLeavesNoDescriptorOpen)
     });
     thread.join();
     EXPECT_TRUE(is_digested);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(before, open_descriptors());
 }

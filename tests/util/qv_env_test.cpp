@@ -138,7 +138,7 @@ TEST(FileLock, CoversTheWholeFileAndWhatIsAppended)
         EXPECT_EQ(SEEK_SET, lock.l_whence);
         EXPECT_EQ(0, lock.l_start);
         EXPECT_EQ(0, lock.l_len);
-        EXPECT_EQ(lock.l_pid, ::getppid());
+        EXPECT_EQ(::getppid(), lock.l_pid);
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -183,7 +183,7 @@ TEST(FileLock, WaitsUntilUnlocked)
     int status = -1;
     EXPECT_EQ(0, ::waitpid(child, &status, WNOHANG)); // nobody has unlocked yet
     EXPECT_EQ(0, file_unlock(fd));
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
 }
 
@@ -316,13 +316,13 @@ TEST(SetEnv, TakesAnEmptyName)
 TEST(SetEnv, BoundsOfTheName)
 {
     EXPECT_EQ(0, qv_setenv(text(30).c_str(), "1", 1));
-    EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
+    EXPECT_EQ(text(30) + "=1\n", read_file(kStore));
     EXPECT_EQ(-1, qv_setenv(text(31).c_str(), "2", 1));
     EXPECT_EQ(-1, qv_setenv(text(5000).c_str(), "2", 1));
-    EXPECT_EQ(read_file(kStore), text(30) + "=1\n");
+    EXPECT_EQ(text(30) + "=1\n", read_file(kStore));
     EXPECT_EQ("1", get(text(30)));
     EXPECT_EQ(0, qv_setenv(text(30).c_str(), "3", 1));
-    EXPECT_EQ(read_file(kStore), text(30) + "=3\n");
+    EXPECT_EQ(text(30) + "=3\n", read_file(kStore));
 }
 
 TEST(SetEnv, BoundsOfTheValue)
@@ -440,9 +440,9 @@ TEST(SetEnv, NoDescriptorReachesAProgramThatIsStartedMeanwhile)
     get("a");
     get_from(kStore, "a");
     ASSERT_EQ(3U, io::open_flags.size());
-    EXPECT_EQ(io::open_flags[0] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDWR | O_CLOEXEC | O_CREAT);
-    EXPECT_EQ(io::open_flags[1] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(io::open_flags[2] & (O_ACCMODE | O_CLOEXEC | O_CREAT), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(O_RDWR | O_CLOEXEC | O_CREAT, io::open_flags[0] & (O_ACCMODE | O_CLOEXEC | O_CREAT));
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, io::open_flags[1] & (O_ACCMODE | O_CLOEXEC | O_CREAT));
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, io::open_flags[2] & (O_ACCMODE | O_CLOEXEC | O_CREAT));
 }
 
 TEST(SetEnv, LeavesNoDescriptorAndNoLock)
@@ -458,7 +458,7 @@ TEST(SetEnv, LeavesNoDescriptorAndNoLock)
     get_from("/tmp/none", "a");
     int after = ::dup(0);
     ::close(after);
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(before, after);
     int fd = open_store(O_RDWR);
     ChildResult child = run_child([&] { ::_exit(blocking_lock(fd, F_WRLCK).l_type == F_UNLCK ? 0 : 1); });
     EXPECT_TRUE(child.exited(0));
@@ -528,12 +528,12 @@ TEST(GetEnv, LengthsOfTheValue)
         for (std::size_t length = 0; length <= value.size(); length++) {
             write_file(kStore, "v=" + value.substr(0, length) + end);
             std::string expected = length == 64 ? "(null)" : value.substr(0, std::min<std::size_t>(length, 65));
-            EXPECT_EQ(get("v"), expected) << length;
-            EXPECT_EQ(get_from(kStore, "v"), expected) << length;
+            EXPECT_EQ(expected, get("v")) << length;
+            EXPECT_EQ(expected, get_from(kStore, "v")) << length;
         }
     }
     write_file(kStore, "v=" + text(100000));
-    EXPECT_EQ(get("v"), text(65));
+    EXPECT_EQ(text(65), get("v"));
 }
 
 TEST(GetEnv, ASetValueOf64CharactersReadsAsAbsent)
@@ -542,7 +542,7 @@ TEST(GetEnv, ASetValueOf64CharactersReadsAsAbsent)
     EXPECT_EQ("(null)", get("v"));
     EXPECT_EQ(-2, qv_setenv("v", "1", 0));
     EXPECT_EQ(0, qv_setenv("v", text(63).c_str(), 1));
-    EXPECT_EQ(get("v"), text(63));
+    EXPECT_EQ(text(63), get("v"));
 }
 
 TEST(GetEnv, LongNamesAreCut)
@@ -572,7 +572,7 @@ TEST(GetEnv, BothReadersShareTheResult)
     write_file(kOther, "b=2\n");
     char *first = qv_getenv("a");
     ASSERT_NE(nullptr, first);
-    EXPECT_EQ(qv_getenv_filename(kOther, "b"), first);
+    EXPECT_EQ(first, qv_getenv_filename(kOther, "b"));
     EXPECT_STREQ("2", first);
 }
 
@@ -628,7 +628,7 @@ TEST(GetEnv, WaitsForTheWriter)
     EXPECT_EQ(4, ::pwrite(fd, "a=2\n", 4, 0));
     file_unlock(fd);
     int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
 }
 
@@ -694,11 +694,11 @@ TEST(Env, FollowsTheModel)
         if (pick(2) == 0) {
             bool overwrite = pick(3) != 0;
             std::string value = pick(4) != 0 ? word(5) : word(66);
-            ASSERT_EQ(qv_setenv(name.c_str(), value.c_str(), overwrite), model.set(name, value, overwrite));
-            ASSERT_EQ(read_file(kStore), model.text);
+            ASSERT_EQ(model.set(name, value, overwrite), qv_setenv(name.c_str(), value.c_str(), overwrite));
+            ASSERT_EQ(model.text, read_file(kStore));
         } else {
-            ASSERT_EQ(get(name), model.get(name)) << name;
-            ASSERT_EQ(get_from(kStore, name), model.get_strictly(name)) << name;
+            ASSERT_EQ(model.get(name), get(name)) << name;
+            ASSERT_EQ(model.get_strictly(name), get_from(kStore, name)) << name;
         }
         if (model.text.size() > 2000 || pick(500) == 0) {
             model.text = pick(2) != 0 ? "" : "ab=1\nabc";
@@ -815,7 +815,7 @@ TEST(EnvCancellation, ActsAfterTheRecord)
     cancelled([] { qv_getenv("b"); });
     cancelled([] { qv_getenv_filename(kStore, "c"); });
     EXPECT_EQ("b=2\nc=3\na=new\n", read_file(kStore));
-    EXPECT_EQ(list_dir("/proc/self/fd").size(), before);
+    EXPECT_EQ(before, list_dir("/proc/self/fd").size());
 }
 
 TEST(EnvProcesses, NoReaderSeesATornRecord)
@@ -826,7 +826,7 @@ TEST(EnvProcesses, NoReaderSeesATornRecord)
         children.push_back(start_hammer(tally, i, static_cast<unsigned>(effort(kOperations))));
     for (pid_t child : children) {
         int status = -1;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(child, ::waitpid(child, &status, 0));
         EXPECT_EQ(0, status);
     }
     EXPECT_EQ(0U, tally->wrong);
@@ -852,12 +852,12 @@ TEST(EnvProcesses, KilledWritersCostALineEachAtMost)
         unsigned victim = static_cast<unsigned>(random()) % kWriters;
         ::kill(children[victim], SIGKILL);
         int status = -1;
-        ASSERT_EQ(::waitpid(children[victim], &status, 0), children[victim]);
+        ASSERT_EQ(children[victim], ::waitpid(children[victim], &status, 0));
         kills += WIFSIGNALED(status);
         children[victim] = start_hammer(tally, victim, total);
     }
     for (pid_t child : children)
-        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
     EXPECT_GT(kills, 0U);
     EXPECT_EQ(0U, tally->failed);
     EXPECT_LE(check_store(tally), kills);

@@ -105,7 +105,7 @@ TEST(RunExecv, WaitingGivesTheRawStatus)
     char shell[] = "sh", option[] = "-c", leave[] = "exit 3", die[] = "kill -9 $$";
     char *const exits[] = {shell, option, leave, nullptr};
     char *const dies[] = {shell, option, die, nullptr};
-    EXPECT_EQ(run_execv("/bin/sh", exits, 1, 0), 3 << 8);
+    EXPECT_EQ(3 << 8, run_execv("/bin/sh", exits, 1, 0));
     EXPECT_EQ(SIGKILL, run_execv("/bin/sh", dies, 1, 0));
     EXPECT_EQ(0, run_execv(show_args().c_str(), kNoArgs, 1, 0));
 }
@@ -117,7 +117,7 @@ TEST(RunExecv, WithoutWaitingTheChildIsTheCallersToReap)
     EXPECT_EQ(0, run_execv("/bin/sh", argv, 0, 0));
     int status = 0;
     EXPECT_GT(::waitpid(-1, &status, 0), 0);
-    EXPECT_EQ(status, 5 << 8);
+    EXPECT_EQ(5 << 8, status);
 }
 
 TEST(RunExecv, AMissingProgramIsSaidAndLeavesWithStatus255)
@@ -142,7 +142,7 @@ TEST(RunExecv, AFailedForkIsSaid)
 TEST(RunExecv, AnInterruptedWaitGoesOn)
 {
     waits_interrupted = 2;
-    EXPECT_EQ(run_shell("exit 4"), 4 << 8);
+    EXPECT_EQ(4 << 8, run_shell("exit 4"));
     EXPECT_EQ(0, waits_interrupted);
     EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG)) << "no zombie is left";
     EXPECT_EQ(ECHILD, errno);
@@ -517,27 +517,24 @@ TEST(RunExecv, WaitAndSigintAreTwoThings)
     char *const argv[] = {name, nullptr};
     for (int sigint : {0, 1, -1}) {
         unsigned long wanted = sigint != 0 ? 0 : bit(SIGINT);
-        EXPECT_EQ(ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); }) & bit(SIGINT), wanted);
-        EXPECT_EQ(ignored_by([&](const char *path) { run_shellcmd(path, "sigs", 1, sigint); }) & bit(SIGINT), wanted);
+        EXPECT_EQ(wanted, ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); }) & bit(SIGINT));
+        EXPECT_EQ(wanted, ignored_by([&](const char *path) { run_shellcmd(path, "sigs", 1, sigint); }) & bit(SIGINT));
         auto reaped = [](pid_t pid) { ::waitpid(pid, nullptr, 0); };
         pid_t pid = 0;
-        EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(0, run_execv(path, argv, 0, sigint));
-                      reaped(-1);
-                  }) & bit(SIGINT),
-                  wanted);
-        EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(0, run_execv_ex(path, argv, sigint, &pid));
-                      reaped(pid);
-                  }) & bit(SIGINT),
-                  wanted);
-        EXPECT_EQ(ignored_by([&](const char *path) {
-                      EXPECT_EQ(0, run_shellcmd_ex(path, "sigs", sigint, &pid));
-                      reaped(pid);
-                  }) & bit(SIGINT),
-                  wanted);
+        EXPECT_EQ(wanted, ignored_by([&](const char *path) {
+                              EXPECT_EQ(0, run_execv(path, argv, 0, sigint));
+                              reaped(-1);
+                          }) & bit(SIGINT));
+        EXPECT_EQ(wanted, ignored_by([&](const char *path) {
+                              EXPECT_EQ(0, run_execv_ex(path, argv, sigint, &pid));
+                              reaped(pid);
+                          }) & bit(SIGINT));
+        EXPECT_EQ(wanted, ignored_by([&](const char *path) {
+                              EXPECT_EQ(0, run_shellcmd_ex(path, "sigs", sigint, &pid));
+                              reaped(pid);
+                          }) & bit(SIGINT));
     }
-    EXPECT_EQ(ignored_by([](const char *path) { run_shell(path); }) & bit(SIGINT), bit(SIGINT));
+    EXPECT_EQ(bit(SIGINT), ignored_by([](const char *path) { run_shell(path); }) & bit(SIGINT));
 }
 
 TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
@@ -552,7 +549,7 @@ TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
     EXPECT_EQ(0, ::waitpid(-1, &status, WNOHANG)) << "it runs";
     EXPECT_EQ(1, ::write(fds[1], "\n", 1));
     EXPECT_GT(::waitpid(-1, &status, 0), 0);
-    EXPECT_EQ(status, 4 << 8);
+    EXPECT_EQ(4 << 8, status);
 }
 
 TEST(RunExecv, NoOtherSignalIsTouched)
@@ -576,8 +573,8 @@ TEST(RunExecv, NoOtherSignalIsTouched)
         char *const show_mask[] = {grep, pattern, file, nullptr};
         ChildResult child = run_child([&] { run_execv("/bin/grep", show_mask, 1, sigint); });
         std::size_t at = child.out.find("SigBlk:");
-        ASSERT_NE(at, child.out.npos);
-        EXPECT_EQ(std::strtoul(child.out.c_str() + at + 7, nullptr, 16), bit(SIGUSR2) | bit(SIGINT));
+        ASSERT_NE(child.out.npos, at);
+        EXPECT_EQ(bit(SIGUSR2) | bit(SIGINT), std::strtoul(child.out.c_str() + at + 7, nullptr, 16));
     }
 }
 
@@ -665,8 +662,8 @@ TEST(RunShellcmdEx, TheIdIsHandedOutAndPolled)
     pid_t ended = 0;
     while ((ended = run_shellcmd_ex_wait(pid, &status)) == 0)
         ::usleep(1000);
-    EXPECT_EQ(ended, pid);
-    EXPECT_EQ(status, 6 << 8);
+    EXPECT_EQ(pid, ended);
+    EXPECT_EQ(6 << 8, status);
     EXPECT_EQ(-1, run_shellcmd_ex_wait(pid, &status));
 }
 

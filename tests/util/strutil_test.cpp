@@ -14,7 +14,7 @@ std::string copy(const std::string &src, std::size_t size)
 {
     char dst[64];
     std::memset(dst, '#', sizeof dst);
-    EXPECT_EQ(strlcpy(dst, src.c_str(), size), src.size());
+    EXPECT_EQ(src.size(), strlcpy(dst, src.c_str(), size));
     return std::string(dst, std::find(dst, dst + 63, '#'));
 }
 
@@ -22,7 +22,7 @@ std::string trim(const std::string &src, std::size_t size)
 {
     char dst[64];
     std::memset(dst, '#', sizeof dst);
-    EXPECT_EQ(trim_utf8_name(dst, src.c_str(), size), dst);
+    EXPECT_EQ(dst, trim_utf8_name(dst, src.c_str(), size));
     for (std::size_t i = size; i < sizeof dst; i++)
         EXPECT_EQ('#', dst[i]) << "outside the room";
     return size == 0 ? "" : dst;
@@ -64,11 +64,11 @@ TEST(Strlcat, ATextWithoutEndInTheRoomStaysAsItIs)
 TEST(Strcasestr, TheFirstMatchIgnoringCase)
 {
     const char *text = "xxabcxxABC";
-    EXPECT_EQ(strcasestr(text, "ABC"), text + 2);
-    EXPECT_EQ(strcasestr(text, "abcX"), text + 2);
-    EXPECT_EQ(strcasestr(text, ""), text);
+    EXPECT_EQ(text + 2, strcasestr(text, "ABC"));
+    EXPECT_EQ(text + 2, strcasestr(text, "abcX"));
+    EXPECT_EQ(text, strcasestr(text, ""));
     EXPECT_EQ(nullptr, strcasestr(text, "abd"));
-    EXPECT_EQ(strcasestr(text, "BCxxAB"), text + 3);
+    EXPECT_EQ(text + 3, strcasestr(text, "BCxxAB"));
     EXPECT_EQ(std::string(), strcasestr("", ""));
     EXPECT_EQ(nullptr, strcasestr("", "a"));
     EXPECT_EQ(std::string("ab"), strcasestr("aab", "AB"));
@@ -85,7 +85,7 @@ TEST(Utf8, LengthByTheFirstByte)
                      : b >= 0xE0 && b <= 0xEF ? 3
                      : b >= 0xC0 && b <= 0xDF ? 2
                                               : 1;
-        EXPECT_EQ(get_utf8_byte_count_by_1st_byte(static_cast<unsigned char>(b)), wanted) << b;
+        EXPECT_EQ(wanted, get_utf8_byte_count_by_1st_byte(static_cast<unsigned char>(b))) << b;
     }
 }
 
@@ -139,6 +139,6 @@ TEST(TrimUtf8Name, RandomNamesAgreeWithAModel)
             }
             wanted = name.substr(0, p) + "~";
         }
-        ASSERT_EQ(trim(name, size), wanted) << "size " << size;
+        ASSERT_EQ(wanted, trim(name, size)) << "size " << size;
     }
 }
