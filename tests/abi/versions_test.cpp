@@ -12,11 +12,11 @@ using namespace support;
 
 TEST(Versions, TheLoadedLibraryHasThatOfTheHeaders)
 {
-    EXPECT_STREQ(libcommon_version(), LIBCOMMON_VERSION);
+    EXPECT_STREQ(LIBCOMMON_VERSION, libcommon_version());
     EXPECT_STREQ(PROJECT_VERSION, LIBCOMMON_VERSION);
     std::string parts = std::to_string(LIBCOMMON_VERSION_MAJOR) + "." + std::to_string(LIBCOMMON_VERSION_MINOR) + "." +
                         std::to_string(LIBCOMMON_VERSION_PATCH);
-    EXPECT_EQ(parts, LIBCOMMON_VERSION);
+    EXPECT_EQ(LIBCOMMON_VERSION, parts);
 }
 
 TEST(Versions, ASymbolIsFoundWithAndWithoutItsVersion)

@@ -5,12 +5,12 @@
 #include "cxx/name2id.hpp"
 #include "cxx/rbtree.hpp"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <memory>
-#include <random>
 #include <ranges>
 #include <set>
 #include <stdexcept>
@@ -27,7 +27,7 @@ using Sessions = qv::intrusive_table<Session, &Session::link>;
 static_assert(sizeof(Sessions) == sizeof(void *));
 static_assert(std::is_nothrow_move_constructible_v<Sessions> && !std::is_copy_constructible_v<Sessions>);
 
-// Both hooks in base classes, neither of them first.
+// Both links lie in base classes, neither in the first.
 struct Named {
     std::string name;
     virtual ~Named() = default;
@@ -182,7 +182,7 @@ TEST(CxxTable, ConstGivesConst)
     }));
 }
 
-TEST(CxxTable, MoveAssignmentTakesTheTableOver)
+TEST(CxxTable, MoveAssignmentTransfersTheTable)
 {
     Sessions from(4), to(1);
     Session one{1, {}}, two{2, {}};
@@ -192,7 +192,7 @@ TEST(CxxTable, MoveAssignmentTakesTheTableOver)
     to = std::move(from);
     EXPECT_EQ(taken, to.get());
     EXPECT_EQ(std::vector<unsigned>{1}, ids_of(to));
-    EXPECT_EQ(std::vector<unsigned>{2}, ids_of(from)) << "in exchange";
+    EXPECT_EQ(std::vector<unsigned>{2}, ids_of(from)) << "the two are swapped";
     Sessions *self = &to;
     to = std::move(*self);
     EXPECT_EQ(std::vector<unsigned>{1}, ids_of(to));
@@ -215,7 +215,7 @@ TEST(CxxTable, ClearAndSafeVisit)
     EXPECT_FALSE(Sessions(21));
 }
 
-TEST(CxxTable, ClearHandsOutAllObjectsInOrderFromAnEmptyTable)
+TEST(CxxTable, ClearReleasesInOrderFromATableThatIsAlreadyEmpty)
 {
     for (unsigned log_size : {0U, 2U, 6U}) {
         Sessions table(log_size);
@@ -321,7 +321,7 @@ TEST(CxxTable, ALinkInABaseClass)
 
 TEST(CxxTable, AgreesWithTheCFunctions)
 {
-    std::mt19937 random(1);
+    support::Random random(1);
     Sessions table(5);
     std::vector<Session> sessions(300);
     std::set<unsigned> in;
@@ -330,6 +330,7 @@ TEST(CxxTable, AgreesWithTheCFunctions)
         Session &session = sessions[id];
         session.id = id;
         unsigned hash = id % 90 * 3;
+        random.doing("object", id);
         if (in.insert(id).second) {
             table.insert(hash, session);
         } else if (random() % 2 == 0) {
@@ -372,7 +373,7 @@ TEST(CxxTree, EqualKeysKeepTheirOrder)
         expected.emplace_back(route.prefix, route.order);
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, contents(tree));
-    EXPECT_EQ(4, tree.lower_bound(3)->order) << "the first of those with the key";
+    EXPECT_EQ(4, tree.lower_bound(3)->order) << "the first with this key";
 }
 
 TEST(CxxTree, IteratorsStepForwardAndBack)
@@ -463,7 +464,7 @@ TEST(CxxTree, EraseReturnsTheNext)
     EXPECT_EQ(tree.end(), tree.erase(tree.iterator_to(*tree.find(99))));
 }
 
-TEST(CxxTree, MoveAssignmentTakesTheObjectsOver)
+TEST(CxxTree, MoveAssignmentTransfersTheObjects)
 {
     Routes from, to;
     Route one{1, 0, {}}, two{2, 0, {}};
@@ -471,13 +472,13 @@ TEST(CxxTree, MoveAssignmentTakesTheObjectsOver)
     to.insert(two);
     to = std::move(from);
     EXPECT_EQ((std::vector<std::pair<int, int>>{{1, 0}}), contents(to));
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{2, 0}}), contents(from)) << "in exchange";
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{2, 0}}), contents(from)) << "the two are swapped";
     Routes third(std::move(to));
     EXPECT_TRUE(to.empty());
     EXPECT_EQ(1, (--third.end())->prefix);
 }
 
-TEST(CxxTree, ClearHandsOutAllObjectsFromAnEmptyTree)
+TEST(CxxTree, ClearReleasesFromATreeThatIsAlreadyEmpty)
 {
     Routes tree;
     for (int i = 0; i < 100; i++)
@@ -588,14 +589,15 @@ TEST(CxxTree, ANodeInABaseClass)
     EXPECT_EQ(11, descending.find(22)->number);
 }
 
-TEST(CxxTree, WalksAsTheCFunctions)
+TEST(CxxTree, WalksLikeTheCFunctions)
 {
-    std::mt19937 random(1);
+    support::Random random(1);
     Routes tree;
     std::vector<Route> routes(200);
     std::vector<bool> in(routes.size());
     for (std::size_t step = 0; step < effort(3000); step++) {
         std::size_t n = random() % routes.size();
+        random.doing(in[n] ? "erase" : "insert", n);
         if (in[n]) {
             tree.erase(tree.iterator_to(routes[n]));
         } else {
@@ -628,7 +630,7 @@ TEST(CxxNames, FindDistinguishesAMissFromAllOnes)
     EXPECT_FALSE(qv::name_table(21));
 }
 
-TEST(CxxNames, AFailedInsertionIsSeen)
+TEST(CxxNames, AFailedInsertionIsReported)
 {
     qv::name_table table(3), none(21);
     EXPECT_EQ(nullptr, none.insert("a", 1));
@@ -644,7 +646,7 @@ TEST(CxxNames, AFailedInsertionIsSeen)
     EXPECT_EQ(1U, moved.find("a"));
 }
 
-TEST(CxxNames, MoveAssignmentTakesTheTableOver)
+TEST(CxxNames, MoveAssignmentTransfersTheTable)
 {
     qv::name_table from(3), to(3);
     from.insert("a", 1);
@@ -652,12 +654,12 @@ TEST(CxxNames, MoveAssignmentTakesTheTableOver)
     to = std::move(from);
     EXPECT_EQ(1U, to.find("a"));
     EXPECT_EQ(std::nullopt, to.find("b"));
-    EXPECT_EQ(2U, from.find("b")) << "in exchange";
+    EXPECT_EQ(2U, from.find("b")) << "the two are swapped";
 }
 
 // ---- identifiers ----
 
-TEST(CxxPool, MoveAssignmentTakesThePoolOver)
+TEST(CxxPool, MoveAssignmentTransfersThePool)
 {
     qv::id_pool from("from", 1, 9), to("to", 1, 9);
     from.allocate(3);
@@ -685,7 +687,7 @@ TEST(CxxPool, IteratorsAreMultiPass)
 
 TEST(CxxPool, WalksAsFarAsTheCFunction)
 {
-    std::mt19937 random(1);
+    support::Random random(1);
     for (int round = 0; round < 300; round++) {
         int min = static_cast<int>(random() % 100);
         qv::id_pool pool("pool", min, min + static_cast<int>(random() % 300));
@@ -693,6 +695,7 @@ TEST(CxxPool, WalksAsFarAsTheCFunction)
             idpool_resize(pool.get(), 1 + static_cast<int>(random() % 600));
         for (int k = 0; k < 40; k++)
             pool.allocate(min + static_cast<int>(random() % 600));
+        random.doing("walk from", min);
         std::vector<int> by_call;
         for (int id = min; idpool_get_next_allocated_id(pool.get(), id, &id) == 0; id++)
             by_call.push_back(id);

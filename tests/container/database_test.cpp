@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "database.h"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <deque>
 #include <map>
-#include <random>
 
 using namespace support;
 
@@ -84,7 +84,7 @@ TEST_F(Database, ARecordIsInEveryIndex)
     item x{7, 9};
     EXPECT_EQ(0, database_insert(db, &x));
     EXPECT_EQ(&x, database_find(by_a, 7, any, nullptr));
-    EXPECT_EQ(&x, database_find(by_a, 7 + 1024, any, nullptr)) << "the bucket counts, not the hash";
+    EXPECT_EQ(&x, database_find(by_a, 7 + 1024, any, nullptr)) << "the bucket is compared, not the hash";
     EXPECT_EQ(nullptr, database_find(by_a, 8, any, nullptr));
     EXPECT_EQ(&x, database_find(by_b, 9, any, nullptr));
     EXPECT_EQ(&x, by_a->buckets[7].first->record);
@@ -117,19 +117,19 @@ TEST_F(Database, BucketsKeepTheOrderOfInsertion)
     EXPECT_EQ(0, database_index_walk_all(by_a, nullptr));
 }
 
-TEST_F(Database, RemovingWhatIsNotThereFails)
+TEST_F(Database, RemovingAnAbsentRecordFails)
 {
     item x{1, 1}, y{1, 1};
     EXPECT_EQ(-1, database_remove(db, &x));
     database_insert(db, &x);
-    EXPECT_EQ(-1, database_remove(db, &y)) << "the same pointer counts, not the same content";
+    EXPECT_EQ(-1, database_remove(db, &y)) << "pointers are compared, not contents";
     EXPECT_EQ(-1, database_index_remove(by_a, &x, 2)) << "another bucket";
     EXPECT_EQ(0, database_index_remove(by_a, &x, 1025));
     EXPECT_EQ(-1, database_remove(db, &x)) << "one index did not hold it";
-    EXPECT_EQ(0U, records(by_b).size()) << "the other did, and holds it no more";
+    EXPECT_EQ(0U, records(by_b).size()) << "the other did, and has released it";
 }
 
-TEST_F(Database, AnIndexOfLaterHoldsNothingOfEarlier)
+TEST_F(Database, ALaterIndexHoldsNoEarlierRecords)
 {
     item x{1, 1};
     database_insert(db, &x);
@@ -149,20 +149,20 @@ TEST_F(Database, ARecordCanBeInTwice)
     EXPECT_EQ(1U, records(by_a).size());
 }
 
-TEST_F(Database, RemoveAllHandsEachRecordOutOncePerIndex)
+TEST_F(Database, RemoveAllReleasesEachRecordOncePerIndex)
 {
     item x{1, 1}, y{2, 1};
     database_insert(db, &x);
     database_insert(db, &y);
     visited.clear();
     EXPECT_EQ(-1, database_remove_all(db, visit));
-    EXPECT_EQ((std::vector<void *>{&x, &y, &x, &y}), visited) << "the newest index first, each by bucket";
+    EXPECT_EQ((std::vector<void *>{&x, &y, &x, &y}), visited) << "the newest index first, each bucket by bucket";
     EXPECT_EQ(0U, records(by_a).size() + records(by_b).size());
-    EXPECT_EQ(-1, database_remove_all(db, visit)) << "empty as it was";
+    EXPECT_EQ(-1, database_remove_all(db, visit)) << "although it was empty";
     EXPECT_EQ(-1, database_index_remove_all(by_a, nullptr));
 }
 
-TEST_F(Database, ReleaseMayTakeOtherRecordsOut)
+TEST_F(Database, ReleaseMayRemoveOtherRecords)
 {
     static item x, y, z;
     static database_index *index;
@@ -179,7 +179,7 @@ TEST_F(Database, ReleaseMayTakeOtherRecordsOut)
     EXPECT_EQ((std::vector<void *>{&x, &z}), visited);
 }
 
-TEST(DatabaseWithoutIndex, EverythingGoes)
+TEST(DatabaseWithoutIndex, EveryCallSucceeds)
 {
     database *db = db_create_database();
     ASSERT_NE(nullptr, db);
@@ -192,7 +192,7 @@ TEST(DatabaseWithoutIndex, EverythingGoes)
     EXPECT_EQ(-1, db_destroy_database(nullptr));
 }
 
-TEST_F(Database, FailedAllocations)
+TEST_F(Database, FailedAllocationsReturnNull)
 {
     item x{1, 1};
     allocations_left = 0;
@@ -240,7 +240,7 @@ TEST_F(Database, AFailedInsertionIsUndoneInEveryIndexBeforeTheFailingOne)
         EXPECT_EQ((std::vector<void *>{&x, &y}), records(index));
 }
 
-TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
+TEST_F(Database, UndoingRemovesTheNewEntryOfAPresentRecord)
 {
     item x{1, 1}, y{1, 1};
     database_insert(db, &x);
@@ -250,7 +250,7 @@ TEST_F(Database, UndoingTakesTheNewEntryOfARecordThatIsPresent)
     int result = database_insert(db, &x);
     allocations_left = -1;
     EXPECT_EQ(-1, result);
-    EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_b)) << "in the order in which they came";
+    EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_b)) << "in the order of insertion";
     EXPECT_EQ(oldest, by_b->buckets[hash_b(&x) & 1023].first);
     EXPECT_EQ((std::vector<void *>{&x, &y}), records(by_a));
     item z{1, 1};
@@ -274,7 +274,7 @@ TEST_F(Database, EveryBucketIsWalkedAndEmptied)
     EXPECT_EQ(std::vector<void *>{}, records(by_a));
 }
 
-TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
+TEST_F(Database, ARecordIsOutOfItsIndexWhenItIsReleased)
 {
     static database_index *index;
     static std::vector<std::size_t> left;
@@ -298,7 +298,7 @@ TEST_F(Database, ARecordHasLeftItsIndexWhenItIsReleased)
 TEST(DatabaseModel, RandomWorkAgreesWithLists)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         database *db = db_create_database();
         database_index *by_a = db_create_database_index(db, hash_a);
         database_index *by_b = db_create_database_index(db, hash_b);
@@ -317,7 +317,9 @@ TEST(DatabaseModel, RandomWorkAgreesWithLists)
             item *x = &items[random() % items.size()];
             auto &in_a = model_a[x->a & 1023];
             auto &in_b = model_b[hash_b(x) & 1023];
-            switch (random() % 8) {
+            unsigned operation = random() % 8;
+            random.doing("operation, a, b", operation, x->a, x->b);
+            switch (operation) {
             case 0:
                 ASSERT_EQ(0, database_insert(db, x));
                 in_a.push_back(x);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "hashtbl.h"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <list>
 #include <map>
-#include <random>
 
 namespace {
 
@@ -43,7 +43,7 @@ std::vector<int> numbers(hashtbl *table)
     return result;
 }
 
-// Every chain's links point back and forth, each in the bucket of its hash.
+// The links of every chain agree in both directions, and each object is in the bucket of its hash.
 void check_links(const hashtbl *table)
 {
     std::size_t met = 0;
@@ -58,7 +58,7 @@ void check_links(const hashtbl *table)
     ASSERT_EQ(table->count, met);
 }
 
-// What the body adds to the console.
+// What the body writes to the console.
 template <typename Body>
 std::string console_text(Body body)
 {
@@ -76,7 +76,7 @@ struct Table {
 
 } // namespace
 
-TEST(HashtblInit, Fields)
+TEST(HashtblInit, SetsItsFields)
 {
     hashtbl *table = hashtbl_init(3, 65535, -5);
     ASSERT_NE(nullptr, table);
@@ -91,7 +91,7 @@ TEST(HashtblInit, Fields)
     EXPECT_EQ(0, hashtbl_destroy(table));
 }
 
-TEST(HashtblInit, Limits)
+TEST(HashtblInit, SizesAndOffsetsAreLimited)
 {
     for (unsigned log_size : {0U, 20U}) {
         hashtbl *table = hashtbl_init(log_size, 0, 0);
@@ -110,7 +110,7 @@ TEST(HashtblInit, Limits)
               text);
 }
 
-TEST(HashtblInit, WithoutMemoryThereIsNone)
+TEST(HashtblInit, FailsWithoutMemory)
 {
     auto said_with = [](int allowed) {
         return console_text([&] {
@@ -155,7 +155,7 @@ TEST(Hashtbl, CallbackSeesOnlyItsHash)
     EXPECT_EQ(1, calls);
 }
 
-TEST(Hashtbl, Find2TakesZeroForAMatch)
+TEST(Hashtbl, Find2TreatsZeroAsAMatch)
 {
     Table table(1);
     Object one{1, 1, {}}, two{2, 2, {}};
@@ -172,7 +172,7 @@ TEST(Hashtbl, Find2TakesZeroForAMatch)
     EXPECT_EQ(nullptr, hashtbl_find2(table, &key, 8, compare, &offset));
 }
 
-TEST(Hashtbl, RemoveFromEveryPlace)
+TEST(Hashtbl, RemoveWorksAtEveryPlaceOfAChain)
 {
     for (int removed : {0, 1, 2}) {
         Table table(0);
@@ -190,7 +190,7 @@ TEST(Hashtbl, RemoveFromEveryPlace)
     }
 }
 
-TEST(Hashtbl, AnObjectInsertedTwiceTakesNoOtherAlong)
+TEST(Hashtbl, RemovingAnObjectInsertedTwiceLeavesTheOthers)
 {
     Table table(0);
     Object twice{1, 1, {}}, other{2, 2, {}};
@@ -217,7 +217,7 @@ TEST(Hashtbl, RemoveUsesTheGivenHash)
     EXPECT_EQ(0U, table.table->count);
 }
 
-TEST(Hashtbl, FreeAll)
+TEST(Hashtbl, FreeAllCallsBackBucketByBucket)
 {
     Table table(2);
     std::array<Object, 6> objects;
@@ -230,7 +230,7 @@ TEST(Hashtbl, FreeAll)
     EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
     EXPECT_EQ((std::vector<int>{3, 0, 4, 1, 5, 2}), seen);
     EXPECT_EQ(0U, table.table->count);
-    EXPECT_EQ(&objects[0].link, objects[3].link.next); // left as it was
+    EXPECT_EQ(&objects[0].link, objects[3].link.next); // unchanged
     check_links(table);
 
     hashtbl_insert(table, 0, &objects[0]);
@@ -253,7 +253,7 @@ TEST(Hashtbl, ACountOfZeroEndsBeforeTheBuckets)
     EXPECT_EQ(&object.link, table.table->buckets[1]);
 }
 
-TEST(Hashtbl, Reset)
+TEST(Hashtbl, ResetForgetsTheObjects)
 {
     Table table(2);
     Object one, two;
@@ -265,44 +265,71 @@ TEST(Hashtbl, Reset)
     check_links(table);
 }
 
-TEST(Hashtbl, EveryBucketIsWalkedAndEmptied)
+namespace {
+
+// A table with two objects in each bucket.
+struct FullTable : Table {
+    std::vector<Object> objects;
+    std::vector<int> expected; // bucket by bucket, the newest first
+
+    explicit FullTable(unsigned log_size) : Table(log_size), objects(std::size_t{2} << log_size)
+    {
+        const int buckets = 1 << log_size;
+        for (int i = 0; i < 2 * buckets; i++)
+            objects[static_cast<unsigned>(i)].number = i;
+        for (int b = 0; b < buckets; b++)
+            expected.insert(expected.end(), {buckets + b, b});
+        insert_all();
+    }
+    void insert_all()
+    {
+        for (unsigned i = 0; i < objects.size(); i++)
+            hashtbl_insert(table, i, &objects[i]);
+    }
+    void expect_empty() const
+    {
+        EXPECT_EQ(0U, table->count);
+        for (unsigned b = 0; b < objects.size() / 2; b++)
+            EXPECT_EQ(nullptr, table->buckets[b]) << b;
+    }
+};
+
+constexpr unsigned kLogSizes[] = {0, 1, 4};
+
+} // namespace
+
+TEST(Hashtbl, EveryBucketIsWalked)
 {
-    for (unsigned log_size : {0U, 1U, 4U}) {
-        const unsigned buckets = 1U << log_size;
-        std::vector<Object> objects(std::size_t{2} * buckets);
-        std::vector<int> expected;
-        Table table(log_size);
-        auto insert_all = [&] {
-            for (unsigned i = 0; i < objects.size(); i++) {
-                objects[i].number = static_cast<int>(i);
-                hashtbl_insert(table, i, &objects[i]);
-            }
-        };
-        for (unsigned b = 0; b < buckets; b++) {
-            expected.push_back(static_cast<int>(buckets + b));
-            expected.push_back(static_cast<int>(b));
-        }
-        auto expect_empty = [&] {
-            EXPECT_EQ(0U, table.table->count);
-            for (unsigned b = 0; b < buckets; b++)
-                EXPECT_EQ(nullptr, table.table->buckets[b]) << b;
-        };
-        insert_all();
-        EXPECT_EQ(expected, numbers(table)) << "bucket by bucket, the newest first";
+    for (unsigned log_size : kLogSizes) {
+        FullTable full(log_size);
+        EXPECT_EQ(full.expected, numbers(full));
         std::vector<int> seen;
-        EXPECT_EQ(0, hashtbl_traverse_each_safe(table, append_number, &seen));
-        EXPECT_EQ(expected, seen);
-        seen.clear();
+        EXPECT_EQ(0, hashtbl_traverse_each_safe(full, append_number, &seen));
+        EXPECT_EQ(full.expected, seen);
+    }
+}
+
+TEST(Hashtbl, FreeAllEmptiesEveryBucket)
+{
+    for (unsigned log_size : kLogSizes) {
+        FullTable full(log_size);
+        std::vector<int> seen;
         auto release = [](void *object, void *arg) { append_number(object, arg); };
-        EXPECT_EQ(0, hashtbl_free_all_objects(table, release, &seen));
-        EXPECT_EQ(expected, seen);
-        expect_empty();
-        insert_all();
-        EXPECT_EQ(0, hashtbl_free_all_objects(table, nullptr, nullptr));
-        expect_empty();
-        insert_all();
-        EXPECT_EQ(0, hashtbl_reset(table));
-        expect_empty();
+        EXPECT_EQ(0, hashtbl_free_all_objects(full, release, &seen));
+        EXPECT_EQ(full.expected, seen);
+        full.expect_empty();
+        full.insert_all();
+        EXPECT_EQ(0, hashtbl_free_all_objects(full, nullptr, nullptr));
+        full.expect_empty();
+    }
+}
+
+TEST(Hashtbl, ResetEmptiesEveryBucket)
+{
+    for (unsigned log_size : kLogSizes) {
+        FullTable full(log_size);
+        EXPECT_EQ(0, hashtbl_reset(full));
+        full.expect_empty();
     }
 }
 
@@ -345,7 +372,7 @@ TEST(Hashtbl, TraverseReadsTheNextAfterTheVisitAndTheSafeOneBefore)
     EXPECT_EQ(0, hashtbl_traverse_each(table, remove_next, &work));
     EXPECT_EQ((std::vector<int>{3, 1, 0}), work.seen);
 
-    // The safe walk has the removed object in hand already; its links are null then.
+    // The safe walk has already read the link to the removed object, whose links are null by then.
     fill();
     RemovesTheNext safe{table, {}};
     EXPECT_EQ(0, hashtbl_traverse_each_safe(table, remove_next, &safe));
@@ -382,13 +409,22 @@ TEST(Hashtbl, TraverseStopsAtTheFirstNonZero)
     left = 2;
     EXPECT_EQ(0, hashtbl_traverse_each_safe(table, visit, &left));
     EXPECT_EQ(-2, left);
+}
+
+TEST(Hashtbl, TraverseAcceptsANullTableOrVisitor)
+{
+    Table table(1);
+    Object object;
+    hashtbl_insert(table, 0, &object);
+    int left = 2;
+    auto visit = [](void *, void *arg) { return --*static_cast<int *>(arg) == 0 ? 7 : 0; };
     EXPECT_EQ(0, hashtbl_traverse_each(table, nullptr, nullptr));
     EXPECT_EQ(0, hashtbl_traverse_each_safe(table, nullptr, nullptr));
     EXPECT_EQ(0, hashtbl_traverse_each(nullptr, visit, &left));
     EXPECT_EQ(0, hashtbl_traverse_each_safe(nullptr, visit, &left));
 }
 
-TEST(Hashtbl, SafeTraversalLetsObjectsBeFreed)
+TEST(Hashtbl, SafeTraversalAllowsFreeingTheVisited)
 {
     Table table(1);
     for (unsigned i = 0; i < 10; i++)
@@ -418,10 +454,10 @@ TEST(Hashtbl, ObjectsAtOddAddresses)
     EXPECT_EQ(2U, table.table->count);
 }
 
-TEST(Hashtbl, Model)
+TEST(Hashtbl, RandomWorkAgreesWithLists)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        support::Random random(seed);
         Table table(6);
         std::vector<Object> objects(500);
         std::vector<unsigned> hash(objects.size());
@@ -430,6 +466,7 @@ TEST(Hashtbl, Model)
         std::size_t count = 0;
         for (std::size_t step = 0, n = support::effort(1000000); step < n; step++) {
             std::size_t i = random() % objects.size();
+            random.doing(linked[i] ? "remove" : "insert", i);
             if (linked[i]) {
                 unsigned wrong = hash[i] ^ 1;
                 hashtbl_remove(table, wrong, &objects[i]);
@@ -448,6 +485,7 @@ TEST(Hashtbl, Model)
             ASSERT_EQ(count, table.table->count);
             unsigned sought = static_cast<unsigned>(random() % 200) * 0x01000001U;
             int key = static_cast<int>(random() % 3);
+            random.doing("find: hash, key", sought, key);
             auto &same = model[{sought, key}];
             ASSERT_EQ(same.empty() ? nullptr : same.front(), find(table, key, sought));
         }

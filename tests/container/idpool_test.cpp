@@ -2,6 +2,7 @@
 #include "idpool.h"
 
 #include "cxx/idpool.hpp"
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -9,13 +10,12 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 
 using namespace support;
 
 namespace {
 
-// The identifier of a call that gave one; -1 of a call that failed, which returns just that and stores nothing.
+// The identifier that a call stored, or -1 for a failed call, which returns -1 and stores nothing.
 int id_of(int result, int id)
 {
     constexpr int kUntouched = -7;
@@ -53,7 +53,7 @@ void fill(idpool *pool)
         idpool_alloc_specific_id(pool, id);
 }
 
-// The text that a failing call, made with `allowed` allocations, writes to standard output.
+// What a call that is allowed this many allocations writes to standard output.
 template <typename Call>
 std::string said_with(int allowed, Call call)
 {
@@ -66,7 +66,7 @@ std::string said_with(int allowed, Call call)
 
 } // namespace
 
-TEST(IdPool, SizeOfALaidPool)
+TEST(IdPool, SizeOfACallerProvidedPool)
 {
     EXPECT_EQ(60, idpool_get_pool_size(0, 0));
     EXPECT_EQ(60, idpool_get_pool_size(0, 31));
@@ -88,7 +88,7 @@ TEST(IdPool, CreateSetsItsFields)
     EXPECT_EQ(2, pool->words);
     EXPECT_EQ(0, pool->next);
     EXPECT_EQ(0U, pool->bitmap[0]);
-    EXPECT_EQ(0xFFFFFFFE, pool->bitmap[1]) << "31 bits to spare";
+    EXPECT_EQ(0xFFFFFFFE, pool->bitmap[1]) << "31 unused bits";
     idpool_destroy(pool);
 
     pool = idpool_create("full words", 0, 31);
@@ -118,7 +118,7 @@ TEST(IdPool, FailedAllocationsAreReportedOnStandardOutput)
               said_with(1, [] { EXPECT_EQ(nullptr, idpool_create("red", 0, 9)); }));
 }
 
-TEST(IdPool, ALaidPoolUsesItsBlockOnly)
+TEST(IdPool, ACallerProvidedPoolUsesItsBlockOnly)
 {
     auto size = static_cast<std::size_t>(idpool_get_pool_size(3, 40));
     std::vector<std::uint64_t> storage(size / 8 + 2, 0x2323232323232323);
@@ -136,24 +136,24 @@ TEST(IdPool, ALaidPoolUsesItsBlockOnly)
     EXPECT_EQ(8, std::count(behind, behind + 8, 0x23)) << "written beyond the block";
 }
 
-TEST(IdPool, NextFitGoesRound)
+TEST(IdPool, AllocationContinuesAfterTheLastIdentifierAndWraps)
 {
     idpool *pool = idpool_create("p", 10, 12);
     EXPECT_EQ(10, take(pool));
     EXPECT_EQ(1, pool->next);
     EXPECT_EQ(11, take(pool));
     EXPECT_EQ(12, take(pool));
-    EXPECT_EQ(0, pool->next) << "the first follows the last";
+    EXPECT_EQ(0, pool->next) << "wrapped";
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(0, idpool_free_id(pool, 11));
     EXPECT_EQ(11, take(pool)) << "by the scan";
     EXPECT_EQ(2, pool->next);
     EXPECT_EQ(0, idpool_free_id(pool, 10));
-    EXPECT_EQ(10, take(pool)) << "the cursor's word is looked at again from its first bit";
+    EXPECT_EQ(10, take(pool)) << "the scan returns to the start of the cursor's word";
     idpool_destroy(pool);
 }
 
-TEST(IdPool, FreedIdentifiersRest)
+TEST(IdPool, AFreedIdentifierIsReusedAfterTheCursorWraps)
 {
     idpool *pool = idpool_create("p", 0, 99);
     for (int id = 0; id < 50; id++)
@@ -167,7 +167,7 @@ TEST(IdPool, FreedIdentifiersRest)
     idpool_destroy(pool);
 }
 
-TEST(IdPool, LowestFreeLeavesTheCursor)
+TEST(IdPool, AllocatingTheLowestLeavesTheCursor)
 {
     idpool *pool = idpool_create("p", 5, 100);
     for (int i = 0; i < 40; i++)
@@ -178,21 +178,34 @@ TEST(IdPool, LowestFreeLeavesTheCursor)
     EXPECT_EQ(40, take_lowest(pool));
     EXPECT_EQ(45, take_lowest(pool));
     EXPECT_EQ(40, pool->next);
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, AFullPoolFailsAndStoresNothing)
+{
+    idpool *pool = idpool_create("p", 5, 100);
     fill(pool);
     int id = -7;
     EXPECT_EQ(-1, idpool_alloc_id_slow(pool, &id));
     EXPECT_EQ(-1, idpool_alloc_id(pool, &id));
     EXPECT_EQ(-7, id);
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, AllocatingTheLowestScansOneWordMore)
+{
+    idpool *pool = idpool_create("p", 5, 100);
+    fill(pool);
     idpool_free_id(pool, 5);
     pool->words = -1;
     EXPECT_EQ(-1, take_lowest(pool));
-    pool->words = 0; // one word more is scanned
+    pool->words = 0;
     EXPECT_EQ(5, take_lowest(pool));
     pool->words = 3;
     idpool_destroy(pool);
 }
 
-TEST(IdPool, DestroyGivesEverythingBack)
+TEST(IdPool, DestroyFreesEverything)
 {
     auto make_and_destroy = [] { idpool_destroy(idpool_create("p", 0, 1000)); };
     make_and_destroy(); // the heap keeps its blocks for the next ones
@@ -202,7 +215,7 @@ TEST(IdPool, DestroyGivesEverythingBack)
     EXPECT_EQ(before, ::mallinfo2().uordblks);
 }
 
-TEST(IdPool, ParticularIdentifiers)
+TEST(IdPool, ASpecificIdentifierIsAllocatedOnce)
 {
     idpool *pool = idpool_create("p", 10, 75);
     for (int id : {10, 41, 42, 75}) {
@@ -215,6 +228,12 @@ TEST(IdPool, ParticularIdentifiers)
     EXPECT_EQ(0, pool->next);
     EXPECT_EQ(0, idpool_free_id(pool, 42));
     EXPECT_EQ(-1, idpool_free_id(pool, 42));
+    idpool_destroy(pool);
+}
+
+TEST(IdPool, IdentifiersOutsideTheRangeAreRefused)
+{
+    idpool *pool = idpool_create("p", 10, 75);
     for (int id : {9, 76, -1, INT_MIN, INT_MAX}) {
         EXPECT_EQ(-1, idpool_alloc_specific_id(pool, id));
         EXPECT_EQ(-1, idpool_free_id(pool, id));
@@ -224,10 +243,10 @@ TEST(IdPool, ParticularIdentifiers)
     idpool_destroy(pool);
 }
 
-TEST(IdPool, NextAllocated)
+TEST(IdPool, NextAllocatedFindsTheGivenIdentifierOrALaterOne)
 {
     idpool *pool = idpool_create("p", 10, 2000);
-    EXPECT_EQ(-1, next_taken(pool, 10)) << "a spare bit is no identifier";
+    EXPECT_EQ(-1, next_taken(pool, 10)) << "an unused bit is no identifier";
     for (int id : {10, 41, 42, 1500, 2000})
         idpool_alloc_specific_id(pool, id);
     std::vector<int> walked;
@@ -241,7 +260,7 @@ TEST(IdPool, NextAllocated)
     idpool_destroy(pool);
 }
 
-TEST(IdPool, TheEndOfAllNumbers)
+TEST(IdPool, ARangeMayEndAtIntMax)
 {
     idpool *pool = idpool_create("p", INT_MAX - 2, INT_MAX);
     EXPECT_EQ(INT_MAX - 2, take(pool));
@@ -256,10 +275,10 @@ TEST(IdPool, TheEndOfAllNumbers)
     idpool_destroy(pool);
 }
 
-TEST(IdPool, AllNumbersAtOnce)
+TEST(IdPool, APoolMayHoldAllNonNegativeNumbers)
 {
     if (under_emulation() || under_sanitizer())
-        GTEST_SKIP() << "256 MiB are too much here";
+        GTEST_SKIP() << "256 MiB are too much for a sanitizer or the emulator";
     idpool *pool = idpool_create("all", 0, INT_MAX);
     ASSERT_NE(nullptr, pool);
     EXPECT_EQ(1 << 26, pool->words);
@@ -273,24 +292,31 @@ TEST(IdPool, AllNumbersAtOnce)
 
 // ---- another size ----
 
-TEST(IdPoolResize, RefusedAndIdleCalls)
+TEST(IdPoolResize, ANullPoolAndCountsBelow1AreRefused)
 {
     EXPECT_EQ(0, idpool_resize(nullptr, 5));
     idpool *pool = idpool_create("p", 10, 41);
-    fill(pool);
-    const std::uint32_t *bitmap = pool->bitmap;
     EXPECT_EQ(0, idpool_resize(pool, 0));
     EXPECT_EQ(0, idpool_resize(pool, -5));
+    EXPECT_EQ(41, pool->max_id);
+    idpool_destroy(pool);
+}
+
+TEST(IdPoolResize, TheSameCountChangesNothing)
+{
+    idpool *pool = idpool_create("p", 10, 41);
+    fill(pool);
+    const std::uint32_t *bitmap = pool->bitmap;
     EXPECT_EQ(1, idpool_resize(pool, 32));
     EXPECT_EQ(bitmap, pool->bitmap);
     EXPECT_EQ(UINT32_MAX, pool->bitmap[0]);
     idpool_destroy(pool);
 }
 
-TEST(IdPoolResize, ToAllNumbers)
+TEST(IdPoolResize, APoolGrowsToAllNumbersAndShrinksAgain)
 {
     if (under_emulation() || under_sanitizer())
-        GTEST_SKIP() << "256 MiB are too much here";
+        GTEST_SKIP() << "256 MiB are too much for a sanitizer or the emulator";
     idpool *pool = idpool_create("p", 0, 9);
     EXPECT_EQ(0, take(pool));
     EXPECT_EQ(1, idpool_resize(pool, INT_MAX));
@@ -299,13 +325,18 @@ TEST(IdPoolResize, ToAllNumbers)
     EXPECT_EQ(1, idpool_is_id_allocated(pool, 0));
     EXPECT_EQ(0, idpool_alloc_specific_id(pool, INT_MAX - 1));
     EXPECT_EQ(-1, idpool_alloc_specific_id(pool, INT_MAX));
-    EXPECT_EQ(0xC0000000U, pool->bitmap[(1 << 26) - 1]) << "the last identifier and the one that is none";
+    EXPECT_EQ(0xC0000000U, pool->bitmap[(1 << 26) - 1]) << "the last identifier and one unused bit";
     EXPECT_EQ(1, take(pool));
     EXPECT_EQ(1, idpool_resize(pool, 10));
     EXPECT_EQ(9, pool->max_id);
     idpool_destroy(pool);
+}
 
-    pool = idpool_create("p", 1, 9);
+TEST(IdPoolResize, TheLargestIdentifierIsIntMax)
+{
+    if (under_emulation() || under_sanitizer())
+        GTEST_SKIP() << "256 MiB are too much for a sanitizer or the emulator";
+    idpool *pool = idpool_create("p", 1, 9);
     EXPECT_EQ(1, idpool_resize(pool, INT_MAX));
     EXPECT_EQ(INT_MAX, pool->max_id);
     idpool_destroy(pool);
@@ -335,7 +366,7 @@ TEST(IdPoolResize, OnlyAsManyBytesAsWordsSurvive)
     fill(pool);
     EXPECT_EQ(1, idpool_resize(pool, 96));
     EXPECT_EQ(95, pool->max_id);
-    EXPECT_EQ(2, pool->words) << "as it was made";
+    EXPECT_EQ(2, pool->words) << "the number of words does not change";
     for (int id = 0; id < 96; id++)
         EXPECT_EQ(id < 16 ? 1 : 0, idpool_is_id_allocated(pool, id)) << id;
     idpool_destroy(pool);
@@ -345,16 +376,16 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
 {
     idpool *pool = idpool_create("p", 0, 31);
     EXPECT_EQ(1, idpool_resize(pool, 100));
-    EXPECT_EQ(0xFFFFFFF0, pool->bitmap[3]) << "the new spare bits";
+    EXPECT_EQ(0xFFFFFFF0, pool->bitmap[3]) << "the new unused bits";
     for (int id = 0; id < 32; id++)
         EXPECT_EQ(id, take(pool));
     EXPECT_EQ(32, pool->next);
-    EXPECT_EQ(32, take(pool)) << "the cursor itself may lie beyond";
+    EXPECT_EQ(32, take(pool)) << "the cursor may lie beyond the original words";
     EXPECT_EQ(0, idpool_alloc_specific_id(pool, 33));
-    EXPECT_EQ(-1, take(pool)) << "but the scan does not go there";
+    EXPECT_EQ(-1, take(pool)) << "but the scan ends at the original words";
     EXPECT_EQ(0, idpool_free_id(pool, 5));
     EXPECT_EQ(5, take(pool));
-    EXPECT_EQ(6 + 28, take_lowest(pool)) << "the lowest-free scan goes one word further";
+    EXPECT_EQ(6 + 28, take_lowest(pool)) << "the scan for the lowest reads one word more";
     for (int id = 35; id < 64; id++)
         EXPECT_EQ(id, take_lowest(pool));
     EXPECT_EQ(-1, take_lowest(pool));
@@ -364,7 +395,7 @@ TEST(IdPoolResize, AGrownPoolIsScannedAsFarAsBefore)
     idpool_destroy(pool);
 }
 
-TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
+TEST(IdPoolResize, AShrunkPoolAllocatesAllThatIsFree)
 {
     idpool *pool = idpool_create("p", 0, 255);
     EXPECT_EQ(1, idpool_resize(pool, 40));
@@ -377,7 +408,7 @@ TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
     EXPECT_EQ(-1, take(pool));
     EXPECT_EQ(-1, take_lowest(pool));
 
-    // The free one lies before the cursor: the scan wraps at the end of the bitmap.
+    // The free identifier lies before the cursor: the scan wraps at the end of the bitmap.
     EXPECT_EQ(0, idpool_free_id(pool, 39));
     EXPECT_EQ(39, take(pool));
     EXPECT_EQ(0, idpool_free_id(pool, 38));
@@ -390,7 +421,7 @@ TEST(IdPoolResize, AShrunkPoolHandsOutAllThatIsFree)
     idpool_destroy(pool);
 }
 
-TEST(IdPoolResize, WhatAShrinkCutOffComesBackFree)
+TEST(IdPoolResize, IdentifiersThatAShrinkRemovedAreFreeAfterAGrowth)
 {
     idpool *pool = idpool_create("p", 0, 2047);
     EXPECT_EQ(1, idpool_resize(pool, 32));
@@ -418,14 +449,14 @@ TEST(IdPoolResize, ToOneIdentifierAndBack)
     EXPECT_EQ(-1, idpool_alloc_specific_id(pool, 6));
     EXPECT_EQ(1, idpool_resize(pool, 196));
     EXPECT_EQ(1, idpool_is_id_allocated(pool, 5));
-    EXPECT_EQ(13, take(pool)) << "the byte that is copied holds seven spare bits";
+    EXPECT_EQ(13, take(pool)) << "the copied byte has seven unused bits";
     idpool_destroy(pool);
 }
 
-// A pool never says that it is full while an identifier within the words that it scans is free.
-TEST(IdPoolResize, FullMeansFull)
+// An allocation never fails while an identifier within the scanned words is free.
+TEST(IdPoolResize, AnAllocationFailsOnlyWhenAllWithinReachAreAllocated)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (int round = 0; round < 200; round++) {
         int first = 1 + static_cast<int>(random() % 700), count = 1 + static_cast<int>(random() % 700);
         idpool *pool = idpool_create("p", 0, first - 1);
@@ -433,12 +464,13 @@ TEST(IdPoolResize, FullMeansFull)
         int reach = std::min(count, pool->words * 32);
         for (int step = 0; step < 300; step++) {
             int id = static_cast<int>(random() % static_cast<unsigned>(reach));
+            random.doing("one change, then an allocation: words, identifiers, changed", pool->words, count, id);
             random() % 3 == 0 ? idpool_free_id(pool, id) : idpool_alloc_specific_id(pool, id);
             bool has_free = false;
             for (int other = 0; other < reach; other++)
                 has_free |= idpool_is_id_allocated(pool, other) == 0;
             int taken = take(pool);
-            // After a growth the cursor may also be at an identifier that the scan does not reach.
+            // After a growth the cursor itself may be at an identifier beyond the scan.
             ASSERT_TRUE(taken >= reach || (taken >= 0) == has_free) << first << " resized to " << count;
         }
         idpool_destroy(pool);
@@ -451,7 +483,7 @@ TEST(IdPoolResize, ACursorThatIsCutOffStartsAgain)
     for (int i = 0; i < 50; i++)
         take(pool);
     EXPECT_EQ(1, idpool_resize(pool, 51));
-    EXPECT_EQ(50, pool->next) << "still within";
+    EXPECT_EQ(50, pool->next) << "still within the range";
     EXPECT_EQ(1, idpool_resize(pool, 50));
     EXPECT_EQ(0, pool->next);
     idpool_destroy(pool);
@@ -461,7 +493,7 @@ TEST(IdPoolResize, ACursorThatIsCutOffStartsAgain)
 
 namespace {
 
-// A pool as it is described: a plain walk over single bits, in a bitmap that is long enough for everything.
+// The reference: a plain walk over single bits, in a bitmap long enough for every size.
 struct Model {
     int min, max, words, next = 0;
     std::vector<bool> bits;
@@ -528,10 +560,10 @@ struct Model {
 
 } // namespace
 
-TEST(IdPoolModel, RandomWork)
+TEST(IdPoolModel, RandomWorkAgreesWithAPlainWalk)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         idpool *pool = nullptr;
         Model model(0, 0);
         for (std::size_t step = 0; step < effort(1000000); step++) {
@@ -547,13 +579,16 @@ TEST(IdPoolModel, RandomWork)
             case 0:
             case 1:
             case 2:
+                random.doing("allocate");
                 ASSERT_EQ(model.take(), take(pool));
                 break;
             case 3:
+                random.doing("allocate the lowest");
                 ASSERT_EQ(model.take_lowest(), take_lowest(pool));
                 break;
             case 4:
             case 5: {
+                random.doing("free", id);
                 bool taken = inside && model.bit(id - model.min);
                 ASSERT_EQ(taken ? 0 : -1, idpool_free_id(pool, id));
                 if (taken)
@@ -561,6 +596,7 @@ TEST(IdPoolModel, RandomWork)
                 break;
             }
             case 6: {
+                random.doing("allocate the identifier", id);
                 bool free = inside && !model.bit(id - model.min);
                 ASSERT_EQ(free ? 0 : -1, idpool_alloc_specific_id(pool, id));
                 if (free)
@@ -568,12 +604,14 @@ TEST(IdPoolModel, RandomWork)
                 break;
             }
             case 7:
+                random.doing("look up", id);
                 ASSERT_EQ(model.next_taken(id), next_taken(pool, id));
                 ASSERT_EQ(inside ? static_cast<int>(model.bit(id - model.min)) : -1, idpool_is_id_allocated(pool, id));
                 break;
             default:
                 if (random() % 200 == 0) { // shrink, grow, shrink again
                     int count = 1 + static_cast<int>(random() % 3000);
+                    random.doing("resize", count);
                     ASSERT_EQ(1, idpool_resize(pool, count));
                     model.resize(count);
                 }
@@ -586,7 +624,7 @@ TEST(IdPoolModel, RandomWork)
 
 // ---- the typed view ----
 
-TEST(IdPoolView, AllocatesWalksAndOwns)
+TEST(IdPoolView, AllocatesFreesAndWalks)
 {
     qv::id_pool pool("view", 5, 104);
     ASSERT_TRUE(pool);

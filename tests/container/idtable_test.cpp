@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "idtable.h"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
 #include <map>
-#include <random>
 
 using namespace support;
 
@@ -16,7 +16,7 @@ idtable_node *below(const idtable_node *node, unsigned slot)
     return reinterpret_cast<idtable_node *>(node->slots[slot]);
 }
 
-// What a call printed on the console.
+// What a call prints on the console.
 template <typename Call>
 std::string said(Call call)
 {
@@ -30,7 +30,7 @@ std::string error(const char *function, const std::string &text)
     return std::string("*** ERROR *** ") + function + ": " + text + "\n";
 }
 
-// A call that is given no more than so many allocations.
+// The same for a call that is allowed this many allocations.
 template <typename Call>
 std::string said_with(int allowed, Call call)
 {
@@ -75,7 +75,7 @@ TEST(IdTableNode, OrdersGiveSizes)
     }
 }
 
-TEST(IdTableNode, OrdersTheSizeDoesNotHoldGiveNoSlots)
+TEST(IdTableNode, AnOrderThatOverflowsTheSizeGivesNoSlots)
 {
     for (int order : {16, 17, 31, 32, 64, 1000, -1, -1000}) {
         idtable_node *node = idtable_alloc_table_internal(order);
@@ -94,7 +94,7 @@ TEST(IdTableNode, ARootHas16Slots)
     idtable_free_table(nullptr);
 }
 
-TEST(IdTableNode, ANodeWithoutMemoryIsSaid)
+TEST(IdTableNode, ANodeWithoutMemoryIsReported)
 {
     EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 520"),
               said_with(0, [] { EXPECT_EQ(nullptr, idtable_alloc_table_internal(6)); }));
@@ -150,7 +150,7 @@ TEST_F(IdTable16, HigherKeyBitsAreIgnored)
     EXPECT_EQ(0, idtable16_remove_entry(root, 0xFFFF1234));
 }
 
-TEST_F(IdTable16, ADuplicateIsSaidAndSkipped)
+TEST_F(IdTable16, ADuplicateIsReportedAndSkipped)
 {
     idtable16_insert_entry(root, 5, 0x123456789ABCDEF0);
     EXPECT_EQ(error("idtable16_insert_entry", "Find duplicate entry 9abcdef0, skip insert"),
@@ -159,7 +159,7 @@ TEST_F(IdTable16, ADuplicateIsSaidAndSkipped)
     EXPECT_EQ(1, below(below(root, 0), 0)->count);
 }
 
-TEST_F(IdTable16, AValueOf0IsCountedAndMissing)
+TEST_F(IdTable16, AValueOf0IsCountedButNotFound)
 {
     EXPECT_EQ(0, idtable16_insert_entry(root, 5, 0));
     EXPECT_EQ(1, below(below(root, 0), 0)->count);
@@ -179,12 +179,12 @@ TEST_F(IdTable16, InsertionWithoutMemory)
     EXPECT_EQ(error("idtable_alloc_table_internal", "Can't alloc memory, size 520") +
                   error("idtable16_insert_entry", "Can't alloc memory for table3"),
               said_with(1, [&] { EXPECT_EQ(-1, idtable16_insert_entry(root, 5, 1)); }));
-    EXPECT_EQ(1, root->count) << "the table2 stays";
+    EXPECT_EQ(1, root->count) << "the table2 remains";
     EXPECT_EQ(0, below(root, 0)->count);
     EXPECT_EQ(0, idtable16_insert_entry(root, 5, 1));
 }
 
-TEST_F(IdTable16, WhatIsMissingIsSaid)
+TEST_F(IdTable16, MissingKeysAreReported)
 {
     idtable16_insert_entry(root, 0x1000, 1);
     struct {
@@ -215,21 +215,21 @@ TEST_F(IdTable16, FindNextReachesToTheEndOfABlock)
     idtable16_insert_entry(root, 200, 2000);
     EXPECT_EQ(50U, idtable16_find_next_entry(root, 3));
     EXPECT_EQ(50U, idtable16_find_next_entry(root, 5));
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 6)) << "6 to 63 are empty, and there it stops";
-    EXPECT_EQ(2000U, idtable16_find_next_entry(root, 64)) << "missing tables are passed";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 6)) << "6 to 63 are empty, and the search ends with the block";
+    EXPECT_EQ(2000U, idtable16_find_next_entry(root, 64)) << "missing tables are skipped";
     EXPECT_EQ(2000U, idtable16_find_next_entry(root, 64 + 8));
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 64 + 9)) << "with the place of the key: 200 is the 9th of its block";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 64 + 9)) << "the key's slot is kept: 200 is at slot 8 of its block";
     EXPECT_EQ(0U, idtable16_find_next_entry(root, 201));
 }
 
-TEST_F(IdTable16, FindNextKeepsItsPlaceAcrossTheTop)
+TEST_F(IdTable16, FindNextKeepsItsSlotsAcrossTheTopLevel)
 {
     idtable16_insert_entry(root, 0x3000 + 64 * 10 + 20, 7);
-    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 20)) << "missing table2s are passed";
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 11)) << "the middle place is kept";
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 21)) << "and the low one";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 20)) << "missing table2s are skipped";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 11)) << "the middle slot is kept";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 10 + 21)) << "and the low slot";
     idtable16_insert_entry(root, 0x1000 + 64 * 5, 1);
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 6)) << "the first table2 met uses the middle place up";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x1000 + 64 * 6)) << "the first table2 found uses up the middle slot";
     EXPECT_EQ(0U, idtable16_find_next_entry(root, 0xFFFF));
 }
 
@@ -238,8 +238,8 @@ TEST_F(IdTable16, FindNextSeesTheLastSlotsOfEachLevel)
     idtable16_insert_entry(root, 0x2FFF, 7); // root slot 2, table2 slot 63, table3 slot 63
     EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2FFF));
     EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2FC0));
-    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2000)) << "all of the table2's slots are passed";
-    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x0FFF)) << "63 and 63 are kept over the root's slots";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x2000)) << "all slots of the table2 are searched";
+    EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x0FFF)) << "slots 63 and 63 are kept across the root's slots";
     EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x3000));
     idtable16_insert_entry(root, 0xFFFF, 8);
     EXPECT_EQ(8U, idtable16_find_next_entry(root, 0xFFFF));
@@ -247,13 +247,13 @@ TEST_F(IdTable16, FindNextSeesTheLastSlotsOfEachLevel)
     EXPECT_EQ(7U, idtable16_find_next_entry(root, 0x1FFF));
     idtable16_insert_entry(root, 0x0000, 9);
     EXPECT_EQ(9U, idtable16_find_next_entry(root, 0x0000));
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0001)) << "the first block is met and used up";
-    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0040)) << "the table2 is met and its 64 slots are used up";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0001)) << "the first block is found and used up";
+    EXPECT_EQ(0U, idtable16_find_next_entry(root, 0x0040)) << "the table2 is found and its 64 slots are used up";
 }
 
 // ---- 32 bits ----
 
-TEST_F(IdTable32, SubRootsComeAndGo)
+TEST_F(IdTable32, SubRootsAreMadeAndFreedOnDemand)
 {
     EXPECT_EQ(0, idtable32_insert_entry(root, 0x00010005, 15));
     EXPECT_EQ(0, idtable32_insert_entry(root, 0x00010006, 16));
@@ -282,7 +282,7 @@ TEST_F(IdTable32, FindAndRemove)
     EXPECT_EQ(0, root->count) << "its sub-root is gone too";
 }
 
-TEST_F(IdTable32, FailuresAreSaidOnBothLevels)
+TEST_F(IdTable32, FailuresAreReportedOnBothLevels)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
     EXPECT_EQ(error("idtable16_insert_entry", "Find duplicate entry 0000000f, skip insert") +
@@ -314,11 +314,11 @@ TEST_F(IdTable32, InsertionWithoutMemory)
     EXPECT_EQ(no_memory + error("idtable16_insert_entry", "Can't alloc memory for table2") +
                   error("idtable32_insert_entry", "insert fails"),
               said_with(3, [&] { EXPECT_EQ(-1, idtable32_insert_entry(root, 1, 1)); }));
-    EXPECT_NE(0U, idtable16_find_entry(root, 0)) << "the sub-root is in by now, and empty";
+    EXPECT_NE(0U, idtable16_find_entry(root, 0)) << "the sub-root is inserted by then, and empty";
     EXPECT_EQ(0, idtable32_insert_entry(root, 1, 1));
 }
 
-TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
+TEST_F(IdTable32, FindNextContinuesInLaterSubRoots)
 {
     idtable32_insert_entry(root, 0x00010005, 15);
     idtable32_insert_entry(root, 0x00020000, 20);
@@ -334,7 +334,7 @@ TEST_F(IdTable32, FindNextGoesOnInLaterHalves)
 
 TEST_F(IdTable32, FindNextMeetsSubRootsAtTheFirstSlotAfterMissingBlocks)
 {
-    // High halves at slot 0 of a table3 after a missing one, of a table2 after a missing one, and at the last slots.
+    // High halves at slot 0 of a table3 or a table2 that follows a missing one, and at the last slots.
     const unsigned highs[] = {0x0040, 0x0FC0, 0x1000, 0x3000, 0x3FFF, 0xF000, 0xFFFF};
     for (unsigned high : highs) {
         idtable32_insert_entry(root, high << 16 | 3, high + 1);
@@ -392,7 +392,7 @@ std::uintptr_t model_next32(const std::map<unsigned, Values> &halves, unsigned k
     return 0;
 }
 
-// Keys that share tables often and are alone in them sometimes.
+// Keys that often share tables, and sometimes have one to themselves.
 unsigned some_key(std::mt19937 &random)
 {
     auto bits = static_cast<unsigned>(random());
@@ -404,7 +404,7 @@ unsigned some_key(std::mt19937 &random)
 TEST(IdTableModel, RandomWorkAgreesWithMaps)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         idtable_node *root = idtable_alloc_table();
         std::map<unsigned, Values> model;
         Values missing;
@@ -415,10 +415,12 @@ TEST(IdTableModel, RandomWorkAgreesWithMaps)
             auto at = values.find(low);
             std::uintptr_t held = at != values.end() ? at->second : 0;
             std::uintptr_t value = 1 + random() % 1000;
-            switch (random() % 8) {
+            unsigned operation = random() % 8;
+            random.doing("operation, key, value, held", operation, key, value, held);
+            switch (operation) {
             case 0:
             case 1:
-                if (held != 0) // the messages of failures have tests of their own
+                if (held != 0) // other cases test the messages of failures
                     break;
                 ASSERT_EQ(0, idtable32_insert_entry(root, key, value));
                 model[high][low] = value;

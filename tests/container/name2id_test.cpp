@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "name2id.h"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <random>
 
 namespace {
 
@@ -71,7 +71,7 @@ TEST(Name2id, BadSizeGivesNoTable)
     EXPECT_EQ(0U, support::read_file(support::kConsole).find("log size of the table must be between 1 and 2^20\n"));
 }
 
-TEST(Name2id, WithoutMemoryThereIsNothing)
+TEST(Name2id, EveryCreateFailsWithoutMemory)
 {
     for (auto *create : {name2id_tbl_create, name2id_tbl_create2}) {
         for (int allowed : {0, 1, 2}) { // the record, the hash table's record, its buckets
@@ -89,7 +89,7 @@ TEST(Name2id, WithoutMemoryThereIsNothing)
     EXPECT_EQ(nullptr, scoped);
 }
 
-TEST(Name2id, NewEntry)
+TEST(Name2id, ANewEntryHasItsKeyAndNoData)
 {
     name2id_entry *entry = name2id_entry_create("trust", 7);
     EXPECT_STREQ("trust", entry->name);
@@ -142,7 +142,7 @@ TEST(Name2id, NamesAreCutAt255)
     name2id_tbl_destory(table);
 }
 
-TEST(Name2id, NullArguments)
+TEST(Name2id, NullArgumentsAreRefused)
 {
     name2id_tbl *table = name2id_tbl_create(2, 0);
     name2id_entry *entry = name2id_entry_create("a", 1);
@@ -177,7 +177,7 @@ TEST(Name2id, ATableWithoutItsHashTableIsDestroyed)
     }
 }
 
-TEST(Name2id, NullNames)
+TEST(Name2id, NullNamesMatchNothing)
 {
     name2id_tbl *table = name2id_tbl_create(2, 0);
     EXPECT_EQ(nullptr, name2id_entry_create(nullptr, 1));
@@ -247,7 +247,7 @@ TEST(Name2id, RemoveReleasesData)
     entry->data = text;
     entry->data_free = release;
     name2id_entry *plain = add(table, "plain", 2);
-    plain->data = std::malloc(16); // for free(); the address sanitizer watches
+    plain->data = std::malloc(16); // the address sanitizer reports it unless free() is called
     plain->data_free = nullptr;
     add(table, "none", 3)->data_free = release;
     EXPECT_EQ(0, name2id_entry_remove(table, entry));
@@ -272,7 +272,7 @@ TEST(Name2id, DestroyReleasesInOrderOfInsertion)
     EXPECT_EQ((std::vector<std::string>{"1", "2", "3"}), released);
 }
 
-TEST(Name2id, DataFunctionsMayLookIntoTheTable)
+TEST(Name2id, DataFunctionsMaySearchTheTable)
 {
     static name2id_tbl *table = name2id_tbl_create(0, 0);
     static int found = 0;
@@ -291,7 +291,7 @@ TEST(Name2id, DataFunctionsMayLookIntoTheTable)
     EXPECT_EQ(-1, found);
 }
 
-TEST(Name2id, ForeignEntriesAreLeftAlone)
+TEST(Name2id, EntriesOfOtherTablesAreLeftAlone)
 {
     name2id_tbl *table = name2id_tbl_create(1, 0);
     name2id_tbl *other = name2id_tbl_create(1, 0);
@@ -308,7 +308,7 @@ TEST(Name2id, ForeignEntriesAreLeftAlone)
     name2id_tbl_destory(other);
 }
 
-TEST(Name2id, AnEntryIsReleasedThoughTheHashTableForgotIt)
+TEST(Name2id, AnEntryThatTheHashTableLostIsStillReleased)
 {
     name2id_tbl *table = name2id_tbl_create(1, 0);
     name2id_entry *entry = add(table, "a", 1);
@@ -355,7 +355,7 @@ TEST(Name2idScopes, ScopesAreIndependent)
     name2id_tbl_destory2(table);
 }
 
-TEST(Name2id, Comparisons)
+TEST(Name2id, ComparisonsMatchWholeKeys)
 {
     EXPECT_EQ(1, name2id_comp("a", "a"));
     EXPECT_EQ(0, name2id_comp("a", "b"));
@@ -373,20 +373,22 @@ TEST(Name2id, Comparisons)
     EXPECT_EQ(qv_string_hash("trust", 5), name2id_string_hash("trust", 5));
 }
 
-TEST(Name2id, Model)
+TEST(Name2id, RandomWorkAgreesWithAMap)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        support::Random random(seed);
         name2id_tbl *table = name2id_tbl_create2(5, 0);
         std::map<std::pair<std::string, unsigned>, std::vector<name2id_entry *>> model;
         for (std::size_t i = 0, n = support::effort(1000000); i < n; i++) {
-            std::string name = "n" + std::to_string(random() % 64);
-            unsigned scope = random() % 4;
+            unsigned number = random() % 64, scope = random() % 4;
+            std::string name = "n" + std::to_string(number);
             auto &same = model[{name, scope}];
             if (random() % 2 != 0 && same.size() < 3) {
+                random.doing("insert: name, scope", number, scope);
                 same.push_back(add2(table, name.c_str(), scope, static_cast<unsigned>(i)));
             } else if (!same.empty()) {
                 std::size_t which = random() % same.size();
+                random.doing("remove: name, scope, which", number, scope, which);
                 ASSERT_EQ(0, name2id_entry_remove2(table, same[which]));
                 same.erase(same.begin() + static_cast<std::ptrdiff_t>(which));
             }

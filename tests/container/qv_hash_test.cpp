@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The hash values, which tables on both sides of a module boundary share, against values worked out elsewhere.
+// The hash values against values computed independently. Tables on both sides of a module boundary depend on them.
 #include "hashtbl.h"
 #include "ip_addr.h"
 
@@ -97,7 +97,7 @@ TEST(HashData, NothingHashesToZero)
     EXPECT_EQ(0U, qv_hash_data("abc", -3, 7));
 }
 
-TEST(HashData, DiffersFromTheStringHashOnlyInALoneHighByteAtTheEnd)
+TEST(HashData, DiffersFromTheStringHashOnlyInASingleHighByteAtTheEnd)
 {
     for (int len = 1; len <= 40; len++) {
         for (int last : {0x00, 0x7F, 0x80, 0xFF}) {

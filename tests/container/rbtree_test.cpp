@@ -2,12 +2,12 @@
 #include "rbtree.h"
 
 #include "cxx/rbtree.hpp"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <cstring>
 #include <map>
-#include <random>
 
 using namespace support;
 
@@ -61,7 +61,7 @@ std::vector<int> backward(const rb_root &tree)
     return keys;
 }
 
-// Black nodes on every path down from here; -1 where the tree breaks a rule.
+// The number of black nodes on every path down from this node, or -1 if a rule is broken.
 int black_height(const rb_node *node, const rb_node *parent)
 {
     if (node == nullptr)
@@ -84,7 +84,7 @@ testing::AssertionResult is_sound(const rb_root &tree)
     return testing::AssertionSuccess();
 }
 
-// The rules where an insertion can have broken them: from the new node to the root.
+// Checks the rules only where an insertion may break them: from the new node to the root.
 bool way_up_is_sound(const rb_node *node, const rb_root &tree)
 {
     for (const rb_node *parent; (parent = parent_of(node)) != nullptr; node = parent) {
@@ -162,7 +162,7 @@ TEST(RbTree, AscendingKeys)
     EXPECT_LE(most, 2 * least);
 }
 
-TEST(RbTree, AMillionSequentialInsertions)
+TEST(RbTree, AMillionSequentialInsertionsStayBalanced)
 {
     std::size_t count = effort(1000000);
     std::vector<item> items(count);
@@ -197,7 +197,7 @@ TEST(RbTree, RotationsKeepTheOrder)
     __rb_rotate_right(&items[2].node, &tree);
     EXPECT_EQ(&items[1].node, tree.node);
     EXPECT_EQ((std::vector<int>{0, 1, 2}), forward(tree));
-    EXPECT_TRUE(is_sound(tree)) << "colours do not rotate";
+    EXPECT_TRUE(is_sound(tree)) << "a rotation does not move colours";
 }
 
 TEST(RbTree, ReplaceTakesOverPlaceAndColour)
@@ -212,7 +212,7 @@ TEST(RbTree, ReplaceTakesOverPlaceAndColour)
         rb_replace_node(&items[i].node, &others[i].node, &tree);
         EXPECT_TRUE(is_sound(tree));
         EXPECT_EQ(before.node.parent_color, others[i].node.parent_color);
-        EXPECT_EQ(before.node.parent_color, items[i].node.parent_color) << "the old one's fields stay";
+        EXPECT_EQ(before.node.parent_color, items[i].node.parent_color) << "the replaced node's fields do not change";
         std::vector<rb_node *> nodes;
         for (rb_node *node = rb_first(&tree); node != nullptr; node = rb_next(node))
             nodes.push_back(node);
@@ -225,8 +225,9 @@ TEST(RbTree, ReplaceTakesOverPlaceAndColour)
 
 TEST(RbTree, PostOrderGivesChildrenBeforeParents)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (std::size_t count : {std::size_t{2}, std::size_t{3}, std::size_t{10}, std::size_t{500}}) {
+        random.doing("tree of", count);
         std::vector<item> items(count);
         rb_root tree = {};
         for (item &x : items)
@@ -281,7 +282,7 @@ TEST(RbTree, ErasingMovesNoNode)
 
 TEST(RbTreeModel, SmallTreesStaySoundAfterEveryOperation)
 {
-    std::mt19937 random(7);
+    Random random(7);
     for (std::size_t round = 0; round < effort(60); round++) {
         std::size_t most = round % 10 == 0 ? 1000 : 1 + random() % 60;
         std::vector<item> items(most);
@@ -295,6 +296,7 @@ TEST(RbTreeModel, SmallTreesStaySoundAfterEveryOperation)
             std::size_t i = random() % from.size();
             item *x = from[i];
             from.erase(from.begin() + static_cast<std::ptrdiff_t>(i));
+            random.doing(grow ? "insert into a tree of" : "erase from a tree of", in.size());
             if (grow) {
                 x->key = static_cast<int>(random() % 300);
                 insert(tree, *x);
@@ -318,7 +320,7 @@ TEST(RbTreeModel, SmallTreesStaySoundAfterEveryOperation)
 TEST(RbTreeModel, RandomWorkAgreesWithAMultimap)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         std::vector<item> items(5000);
         std::multimap<int, item *> model;
         std::vector<std::multimap<int, item *>::iterator> places(items.size(), model.end());
@@ -326,10 +328,11 @@ TEST(RbTreeModel, RandomWorkAgreesWithAMultimap)
         for (std::size_t step = 0; step < effort(1000000); step++) {
             std::size_t i = random() % items.size();
             item &x = items[i];
+            random.doing("item", i);
             if (places[i] == model.end()) {
                 x.key = static_cast<int>(random() % 4000);
                 insert(tree, x);
-                places[i] = model.emplace(x.key, &x); // after its equals, as above
+                places[i] = model.emplace(x.key, &x); // after its equals, like insert()
                 continue;
             }
             auto after = std::next(places[i]);

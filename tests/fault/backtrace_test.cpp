@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Executable mappings, the frame walk on made-up and real chains, symbol texts, command names.
+// Executable mappings, the frame walk on synthetic and real chains, symbol texts, command names.
 #include "backtrace.h"
 #include "fault/crash_support.h"
 #include "support/machine.h"
@@ -33,7 +33,7 @@ std::size_t table_size()
     return n;
 }
 
-// The table read from a mapping list with this content.
+// Loads the table from a mapping list with this content.
 int load(const std::string &content)
 {
     bind_over(maps_path(), content);
@@ -47,7 +47,7 @@ std::string map_line(const std::string &range, const std::string &permissions)
     return std::string(range).append(" ").append(permissions).append(kRest);
 }
 
-// A walk into arrays of a given size with guards behind.
+// A walk into arrays of a given size with guard words after them.
 struct Walk {
     int count = 0;
     unsigned long addrs[32], frames[32], bottom = 77;
@@ -72,7 +72,7 @@ unsigned long at(const void *p)
     return reinterpret_cast<unsigned long>(p);
 }
 
-// Frame records in a heap, the first one at the front; the last one is linked to 0.
+// Frame records in an array, innermost first. The last one links to 0.
 struct Chain {
     explicit Chain(std::size_t n) : words(2 * n)
     {
@@ -140,7 +140,7 @@ TEST(Maps, ALineLongerThanTheBufferEndsTheReading)
     EXPECT_EQ(1U, table_size());
 }
 
-TEST(Maps, TooManyMappingsAreToldOnceWhenALineFollows)
+TEST(Maps, TooManyMappingsAreReportedOnceWhenALineFollows)
 {
     std::string full;
     for (int i = 1; i <= QV_SECTION_MAX; i++) {
@@ -185,7 +185,7 @@ TEST(Maps, AFailedLoadClearsTheTable)
         mount_tmpfs("/proc");
         EXPECT_EQ(-1, procps_read_maps());
         EXPECT_EQ(0U, table_size());
-        // Only the thread's own list is asked for in thread mode.
+        // In thread mode only the thread's own list is read.
         std::string process = std::string("/proc/").append(std::to_string(::getpid()));
         ::mkdir(process.c_str(), 0755);
         write_file(maps_path(), map_line("1000-2000", "r-xp"));
@@ -262,7 +262,7 @@ TEST(Walk, ChainIsFollowedToTheZeroLink)
     load_one_section();
     Chain chain(4);
     Walk walk(chain.fp(), kCode, 0, 20);
-    // The record with the zero link is the outermost one reached; its return address is not taken.
+    // The record with the zero link is the outermost one reached. Its return address is not used.
     EXPECT_EQ((Words{kCode, 0x1000, 0x1001, 0x1002}), walk.code());
     EXPECT_EQ((Words{chain.fp(), chain.record(1), chain.record(2), chain.record(3)}), walk.frame());
     EXPECT_EQ(chain.record(3), walk.bottom);
@@ -355,7 +355,7 @@ TEST(Walk, UnreadableMemoryEndsIt)
         EXPECT_EQ(wild, walk.bottom);
         EXPECT_EQ((Words{kCode}), Walk(wild & ~7UL, kCode, 0, 20).code()) << wild;
     }
-    // A record of which only the link can be read, whole or in part.
+    // A record of which only the link is readable, in whole or in part.
     for (std::size_t readable : {8U, 7U, 1U}) {
         unsigned long edge = at(pages + kPage) - readable;
         Chain chain(2);
@@ -378,7 +378,7 @@ TEST(Walk, OutputsMayBeLeftOut)
     EXPECT_EQ(0, qv_backtrace_spec(chain.fp(), kCode, 0, nullptr, nullptr, 20, nullptr));
 }
 
-TEST(Walk, WordsThatAreNoCodeAreToldAsTheyStand)
+TEST(Walk, WordsThatAreNoCodeAreShownUnchanged)
 {
     for (bool with_table : {false, true}) {
         if (with_table)
@@ -524,7 +524,7 @@ TEST(CommandName, DescriptorZeroCountsAsFailure)
         char name[128] = {};
         EXPECT_EQ(0, get_proc_comm_name(name, 127));
         EXPECT_STREQ("", name);
-        EXPECT_EQ(0, ::dup(1)); // it was given back
+        EXPECT_EQ(0, ::dup(1)); // it is closed again
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -581,7 +581,7 @@ std::string symbol_of(unsigned long addr)
         rename_process("routed");
         struct sigaction action = {};
         action.sa_sigaction = [](int, siginfo_t *info, void *) {
-            // A walk over one made-up record gives just the address.
+            // A walk over one synthetic record gives the address alone.
             auto wanted = reinterpret_cast<unsigned long>(info->si_value.sival_ptr);
             unsigned long record[2] = {0, wanted};
             ucontext_t context;
@@ -616,7 +616,7 @@ TEST(SymbolText, NamedUnnamedAndUnknown)
     EXPECT_EQ(wanted, symbol_of(at(function) + 4));
     std::snprintf(wanted, sizeof wanted, "%s(procps_read_maps+0) [0x%lx]", info.dli_fname, at(function));
     EXPECT_EQ(wanted, symbol_of(at(function)));
-    // The start of the object carries no symbol.
+    // The start of the object has no symbol.
     unsigned long inside = at(info.dli_fbase) + 0x40;
     std::snprintf(wanted, sizeof wanted, "%s(+0x40) [0x%lx]", info.dli_fname, inside);
     EXPECT_EQ(wanted, symbol_of(inside));

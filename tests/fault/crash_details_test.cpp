@@ -29,9 +29,9 @@ constexpr char kName[] = "routed";
 struct Calls {
     bool recorded = false;
     std::string text;
-    int refused_sigaction = 0; // fails for this signal, or for all with -1
+    int refused_sigaction = 0; // the signal that fails; -1 for all
     bool read_fails = false;
-    bool mkdir_comes_late = false; // another thread has just made the folder
+    bool mkdir_comes_late = false; // another thread makes the folder first
 };
 
 Calls calls;
@@ -139,7 +139,7 @@ void run_thread(void *(*body)(void *))
     ::pthread_join(thread, nullptr);
 }
 
-// A thread that notes its id and then does something.
+// A thread that records its id and then runs the body.
 template <void (*action)()>
 void *as_worker(void *)
 {
@@ -177,12 +177,12 @@ TEST(Ids, ADyingThread)
         install_sighandler();
         run_thread(as_worker<write_null>);
     });
-    ASSERT_NE(child.pid, worker_id());
+    ASSERT_NE(worker_id(), child.pid);
     char line[128];
     std::snprintf(line, sizeof line, "!!!!!!WARNING: process %d pid %d parent %d  is dying(11), ePC :  ", worker_id(),
                   child.pid, ::getpid());
     EXPECT_NE(std::string::npos, printed().find(line)) << line << printed();
-    EXPECT_EQ(child.pid, read_log(log_path("routed", child.pid, "coredump", SIGSEGV)).id);
+    EXPECT_EQ(read_log(log_path("routed", child.pid, "coredump", SIGSEGV)).id, child.pid);
 }
 
 TEST(Ids, AnAttachingThreadByProcessAndByThread)
@@ -192,16 +192,16 @@ TEST(Ids, AnAttachingThreadByProcessAndByThread)
             install_sighandler();
             if (by_thread)
                 qv_set_handle_thread_trace();
-            run_thread(as_worker<raise_signal<52>>);
+            run_thread(as_worker<raise_signal<kBacktraceSignal>>);
         });
-        ASSERT_NE(child.pid, worker_id());
+        ASSERT_NE(worker_id(), child.pid);
         std::string line = " PID " + std::to_string(worker_id()) + " is attaching (52)\n";
         EXPECT_NE(std::string::npos, printed().find(line)) << line << printed();
         int id = by_thread ? worker_id() : child.pid;
-        Log log = read_log(log_path(by_thread ? "worker" : "routed", id, "attach", 52));
+        Log log = read_log(log_path(by_thread ? "worker" : "routed", id, "attach", kBacktraceSignal));
         EXPECT_EQ("", log.error);
-        EXPECT_EQ(id, log.id);
-        EXPECT_EQ(by_thread, log.by_thread);
+        EXPECT_EQ(log.id, id);
+        EXPECT_EQ(log.by_thread, by_thread);
     }
 }
 
@@ -220,35 +220,35 @@ TEST(Ids, ATerminatedThreadByProcessAndByThread)
         ASSERT_TRUE(exists(path)) << path;
         std::string line = "Process " + std::to_string(worker_id()) + " receive signal(15) from pid " +
                            std::to_string(child.pid) + ",";
-        EXPECT_EQ(line, lines(read_file(path))[0]);
+        EXPECT_EQ(lines(read_file(path))[0], line);
     }
 }
 
 // ---- what a log holds ----
 
-TEST(Registers, EachSlotHoldsItsOwn)
+TEST(Registers, EachSlotHoldsItsRegister)
 {
     ChildResult child = named_child([] {
         ucontext_t context;
         ::getcontext(&context);
         number_registers(context);
         siginfo_t info = {};
-        signal_err(52, &info, &context);
+        signal_err(kBacktraceSignal, &info, &context);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    Log log = read_log(log_path(kName, child.pid, "attach", 52));
+    Log log = read_log(log_path(kName, child.pid, "attach", kBacktraceSignal));
     ASSERT_EQ("", log.error);
     ucontext_t context;
     LoggedRegisters logged = number_registers(context);
     for (unsigned i = 0; i < logged.slots.size(); i++)
-        EXPECT_EQ(log.registers[i], logged.slots[i]) << "slot " << i;
-    EXPECT_EQ(log.sp, logged.sp);
-    EXPECT_EQ(log.pc, logged.pc);
-    EXPECT_EQ(log.pstate, logged.pstate);
-    EXPECT_EQ(log.fault, logged.fault);
+        EXPECT_EQ(logged.slots[i], log.registers[i]) << "slot " << i;
+    EXPECT_EQ(logged.sp, log.sp);
+    EXPECT_EQ(logged.pc, log.pc);
+    EXPECT_EQ(logged.pstate, log.pstate);
+    EXPECT_EQ(logged.fault, log.fault);
 }
 
-// A thread knows what is code only when the handler has read its mappings.
+// A thread has a table of code only after the handler has read its mappings.
 TEST(Mappings, TheHandlerReadsTheMappingsOfItsThread)
 {
     ChildResult child = named_child([] {
@@ -267,16 +267,16 @@ TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
 {
     ChildResult child = named_child([] {
         install_sighandler();
-        ::raise(52);
+        ::raise(kBacktraceSignal);
         void *code = ::mmap(nullptr, 65536, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         ucontext_t context;
         ::getcontext(&context);
         set_program_counter(context, reinterpret_cast<unsigned long>(code));
         siginfo_t info = {};
-        signal_err(14, &info, &context);
+        signal_err(kAttachSignal, &info, &context);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    Log log = read_log(log_path(kName, child.pid, "attach", 14));
+    Log log = read_log(log_path(kName, child.pid, "attach", kAttachSignal));
     ASSERT_EQ("", log.error);
     ASSERT_FALSE(log.entries.empty());
     char address[32];
@@ -284,7 +284,7 @@ TEST(Mappings, EachRunOfTheHandlerReadsTheMappingsAgain)
     EXPECT_NE(std::string::npos, log.entries[0].text.find(address)) << log.entries[0].text;
 }
 
-TEST(Files, AllMayReadWriteAndSearchButForTheUmask)
+TEST(Files, ModesGrantEverythingThatTheUmaskAllows)
 {
     for (mode_t mask : {mode_t{0000}, mode_t{0027}}) {
         mount_tmpfs("/etc");
@@ -292,30 +292,30 @@ TEST(Files, AllMayReadWriteAndSearchButForTheUmask)
         ChildResult child = named_child([mask] {
             ::umask(mask);
             install_sighandler();
-            ::raise(52);
+            ::raise(kBacktraceSignal);
             pstrace_terminate_signal();
             ::raise(SIGTERM);
         });
         EXPECT_TRUE(child.killed_by(SIGTERM));
         int mode = 0777 & ~static_cast<int>(mask);
-        EXPECT_EQ(mode, mode_of("/etc/core"));
-        EXPECT_EQ(mode, mode_of(log_path(kName, child.pid, "attach", 52)));
-        EXPECT_EQ(mode, mode_of("/flash/core"));
-        EXPECT_EQ(mode, mode_of(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")));
+        EXPECT_EQ(mode_of("/etc/core"), mode);
+        EXPECT_EQ(mode_of(log_path(kName, child.pid, "attach", kBacktraceSignal)), mode);
+        EXPECT_EQ(mode_of("/flash/core"), mode);
+        EXPECT_EQ(mode_of(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")), mode);
     }
 }
 
-TEST(Files, AFolderThatAnotherThreadHasJustMadeIsNoFailure)
+TEST(Files, AFolderThatAnotherThreadMadeMeanwhileIsNoFailure)
 {
     ChildResult child = named_child([] {
         install_sighandler();
         calls.mkdir_comes_late = true;
-        ::raise(52);
+        ::raise(kBacktraceSignal);
         pstrace_terminate_signal();
         ::raise(SIGTERM);
     });
     EXPECT_TRUE(child.killed_by(SIGTERM));
-    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 52)).error);
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kBacktraceSignal)).error);
     EXPECT_TRUE(exists(log_path(kName, child.pid, "term", SIGTERM, "/flash/core")));
     EXPECT_EQ(std::string::npos, printed().find("mkdir"));
 }
@@ -331,7 +331,8 @@ TEST(Arming, MakesItsCallsInOrder)
         calls.text.clear();
         pstrace_terminate_signal();
         std::string wanted;
-        std::vector<int> signals = {1, 2, 10, 12, 13, 14, 15, 26, 29, 29, 30};
+        std::vector<int> signals = {SIGHUP,  SIGINT,    SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM,
+                                    SIGTERM, SIGVTALRM, SIGIO,   SIGIO,   SIGPWR};
         for (int sig = SIGRTMIN; sig <= SIGRTMAX; sig++)
             signals.push_back(sig);
         for (int sig : signals)
@@ -354,11 +355,11 @@ TEST(Arming, TheResultsAreTheLastCalls)
     ChildResult child = named_child([] {
         sighandler_t mine = [](int) {};
         ::signal(SIGHUP, mine);
-        EXPECT_EQ(reinterpret_cast<void *>(mine), install_sighandler());
+        EXPECT_EQ(install_sighandler(), reinterpret_cast<void *>(mine));
         ::signal(SIGABRT, mine);
-        EXPECT_EQ(reinterpret_cast<void *>(mine), uninstall_sighandler());
-        ::signal(52, mine);
-        EXPECT_EQ(reinterpret_cast<void *>(mine), ignore_signal());
+        EXPECT_EQ(uninstall_sighandler(), reinterpret_cast<void *>(mine));
+        ::signal(kBacktraceSignal, mine);
+        EXPECT_EQ(ignore_signal(), reinterpret_cast<void *>(mine));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -378,8 +379,12 @@ TEST(Arming, TheResetComesInItsOrderAndBeforeTheWarning)
 TEST(Arming, EachFailureHasItsText)
 {
     const std::pair<int, const char *> texts[] = {
-        {SIGABRT, "abort"}, {SIGSEGV, "sigsegv"}, {SIGBUS, "sigbus"},
-        {SIGILL, "sigill"}, {51, "sig_dumpfile"}, {52, "sig_backtrace"},
+        {SIGABRT, "abort"},
+        {SIGSEGV, "sigsegv"},
+        {SIGBUS, "sigbus"},
+        {SIGILL, "sigill"},
+        {kDumpFileSignal, "sig_dumpfile"},
+        {kBacktraceSignal, "sig_backtrace"},
     };
     for (auto &[sig, name] : texts) {
         mount_tmpfs("/etc");
@@ -399,7 +404,7 @@ TEST(Arming, EachFailureHasItsText)
     std::string all = "install signal handler for 10 failed.\n";
     for (auto &[sig, name] : texts)
         all += "install signal handler for " + std::string(name) + " failed.\n";
-    EXPECT_EQ(all, printed());
+    EXPECT_EQ(printed(), all);
 }
 
 TEST(Arming, Phase0GetsTheActionAndNoRecord)
@@ -457,13 +462,13 @@ TEST(PlainHandler, PrintsTwentyFramesOfADeepStack)
         std::snprintf(head, sizeof head, "Frame %2d: 0x", i);
         const std::string &line = text[static_cast<std::size_t>(i)];
         EXPECT_EQ(0U, line.rfind(head, 0)) << line;
-        // The address and, behind a blank, the symbol's text, which ends in the same address.
+        // The address and, after a blank, the symbol's text, which ends with the same address.
         std::string address = line.substr(10, line.find(' ', 10) - 10);
         EXPECT_NE(std::string::npos, line.find("[" + address + "]")) << line;
     }
 }
 
-TEST(PlainHandler, SaysWhyItCannotReadTheName)
+TEST(PlainHandler, ReportsWhyItCannotReadTheName)
 {
     ChildResult child = named_child([] {
         ::signal(SIGUSR1, signal_handler);
@@ -471,7 +476,7 @@ TEST(PlainHandler, SaysWhyItCannotReadTheName)
         ::raise(SIGUSR1);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    // Two calls build a line: the name, which is empty, and the signal.
+    // A line is built by two calls: one for the name, which is empty, and one for the signal.
     EXPECT_EQ(0U, printed().rfind("read file /proc/self/cmdline failed, Input/output error\n", 0)) << printed();
     EXPECT_NE(std::string::npos, printed().find(" Caught signal 10\n")) << printed();
 }
@@ -537,7 +542,7 @@ TEST(Errno, IsKeptByTheHandlersWhateverFails)
                 remount("/etc", true);
                 remount("/flash", true);
             }
-            expect_errno_kept("dump request", [] { ::raise(52); });
+            expect_errno_kept("dump request", [] { ::raise(kBacktraceSignal); });
             pstrace_terminate_signal();
             if (what != "nothing")
                 expect_errno_kept("termination", [] { ::raise(SIGTERM); });
@@ -545,7 +550,7 @@ TEST(Errno, IsKeptByTheHandlersWhateverFails)
         EXPECT_TRUE(child.exited(0)) << what << child.status << child.out;
         std::string console = read_file(kConsole);
         std::string told = "mkdir /flash/core  failed, Read-only file system\nFail to create ";
-        EXPECT_EQ(what == "folder", console.find(told) != std::string::npos) << console;
+        EXPECT_EQ(console.find(told) != std::string::npos, what == "folder") << console;
         remount("/etc", false);
         remount("/flash", false);
     }

@@ -31,7 +31,7 @@ long first_result[8]; // the first callback's result, by phase
 const char *path_to_set;
 bool fill_whole_path;
 bool is_reset_at_backtrace;
-sigjmp_buf *way_out; // taken by the last phase
+sigjmp_buf *way_out; // used by the last phase
 
 struct sigaction disposition(int sig)
 {
@@ -149,7 +149,7 @@ TEST(Crash, LogIsCompleteAndTheFaultStillKills)
     expect_dying_line(child, SIGSEGV, log.pc);
 }
 
-TEST(Crash, RegisterNamesAreThePorts)
+TEST(Crash, RegisterNamesAreThoseOfTheArchitecture)
 {
     ChildResult child = crash_child([] { write_null(); });
     Log log = read_log(core_path(child, "coredump", SIGSEGV));
@@ -177,12 +177,12 @@ TEST(Crash, AnOlderLongerLogKeepsItsTail)
 TEST(Crash, EveryFaultSignalIsLoggedAndResetsAllFour)
 {
     for (int sig : kFaultSignals) {
-        // Sent, not faulted: the process goes on behind the handler and can look at the dispositions.
+        // The signal is sent, not a fault: the process continues after the handler and can read the dispositions.
         ChildResult child = crash_child([sig] {
             ::raise(sig);
             for (int other : kFaultSignals)
                 EXPECT_EQ(SIG_DFL, disposition(other).sa_handler) << other;
-            EXPECT_EQ(&signal_err, disposition(52).sa_sigaction);
+            EXPECT_EQ(&signal_err, disposition(kBacktraceSignal).sa_sigaction);
         });
         EXPECT_TRUE(child.exited(0)) << child.out;
         Log log = read_log(core_path(child, "coredump", sig));
@@ -222,10 +222,10 @@ TEST(Crash, ASlashInANameBecomesAnUnderscoreInTheFileName)
         qv_set_handle_thread_trace();
         install_sighandler();
         rename_process("/rx/eth0/");
-        ::raise(52);
+        ::raise(kBacktraceSignal);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    std::string path = log_path("_rx_eth0_", child.pid, "attach", 52);
+    std::string path = log_path("_rx_eth0_", child.pid, "attach", kBacktraceSignal);
     Log log = read_log(path);
     EXPECT_EQ("", log.error);
     EXPECT_EQ(path, log.label);
@@ -237,7 +237,7 @@ TEST(Crash, ErrnoAndTheSignalContextFlagAreRestored)
         for (bool read_only : {false, true}) {
             remount("/etc", read_only);
             errno = E2BIG;
-            ::raise(52);
+            ::raise(kBacktraceSignal);
             EXPECT_EQ(E2BIG, errno);
             EXPECT_EQ(0, in_signal_context());
         }
@@ -259,13 +259,13 @@ void raise_and_leave(int sig)
 
 } // namespace
 
-TEST(Crash, AHandlerThatACallbackLeftIsForgottenByTheNext)
+TEST(Crash, TheNextHandlerForgetsOneThatACallbackLeft)
 {
     ChildResult child = crash_child([] {
         for (int i = 0; i < 3; i++) {
-            raise_and_leave(52);
+            raise_and_leave(kBacktraceSignal);
             EXPECT_EQ(1, in_signal_context());
-            ::raise(52);
+            ::raise(kBacktraceSignal);
             EXPECT_EQ(0, in_signal_context());
         }
     });
@@ -276,7 +276,7 @@ TEST(Crash, AHandlerThatACallbackLeftIsForgottenByTheNext)
 
 TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
 {
-    for (int sig : {14, 52}) {
+    for (int sig : {kAttachSignal, kBacktraceSignal}) {
         ChildResult child = crash_child([sig] {
             for (int i = 0; i < 3; i++)
                 ::raise(sig);
@@ -294,12 +294,12 @@ TEST(Dump, RequestsAreLoggedAndTheProcessGoesOn)
 TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
 {
     ChildResult child = crash_child([] {
-        ::raise(51);
+        ::raise(kDumpFileSignal);
         EXPECT_EQ(0, in_signal_context());
-        EXPECT_EQ(&signal_err, disposition(51).sa_sigaction);
+        EXPECT_EQ(&signal_err, disposition(kDumpFileSignal).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    std::string path = log_path(kName, child.pid, "attach", 51, "/tmp/dump");
+    std::string path = log_path(kName, child.pid, "attach", kDumpFileSignal, "/tmp/dump");
     EXPECT_EQ(std::string(" PID ").append(std::to_string(child.pid)) + " is attaching (51)\n" +
                   "dir /tmp/dump not exists! \nFail to create " + path + " \n",
               printed());
@@ -307,9 +307,9 @@ TEST(Dump, Signal51GoesBelowTheDumpFolderOnlyWhenThatExists)
     EXPECT_FALSE(exists("/etc/core"));
 
     ::mkdir("/tmp/dump", 0777);
-    child = crash_child([] { ::raise(51); });
+    child = crash_child([] { ::raise(kDumpFileSignal); });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 51, "/tmp/dump")).error);
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kDumpFileSignal, "/tmp/dump")).error);
     EXPECT_FALSE(exists("/etc/core"));
 }
 
@@ -320,11 +320,11 @@ TEST(Dump, Signal14CountsBeforeAnythingIsArmed)
         struct sigaction action = {};
         action.sa_sigaction = signal_err;
         action.sa_flags = SA_SIGINFO;
-        ::sigaction(14, &action, nullptr);
-        ::raise(14);
+        ::sigaction(kAttachSignal, &action, nullptr);
+        ::raise(kAttachSignal);
     });
     EXPECT_TRUE(child.exited(0));
-    EXPECT_EQ("", read_log(core_path(child, "attach", 14)).error);
+    EXPECT_EQ("", read_log(core_path(child, "attach", kAttachSignal)).error);
 }
 
 TEST(Dump, AnotherAttachSignalReplaces14)
@@ -333,7 +333,7 @@ TEST(Dump, AnotherAttachSignalReplaces14)
         rename_process(kName);
         install_sighandler2(SIGUSR1);
         ::raise(SIGUSR1);
-        EXPECT_EQ(SIG_DFL, disposition(14).sa_handler);
+        EXPECT_EQ(SIG_DFL, disposition(kAttachSignal).sa_handler);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
     EXPECT_EQ("", read_log(core_path(child, "attach", SIGUSR1)).error);
@@ -362,10 +362,10 @@ TEST(Callback, DumpSignals51And52SkipPhase4AndTheAttachSignalDoesNot)
 {
     ::mkdir("/tmp/dump", 0777);
     ChildResult child = crash_child([] {
-        for (int sig : {51, 52, 14}) {
+        for (int sig : {kDumpFileSignal, kBacktraceSignal, kAttachSignal}) {
             call_count = 0;
             ::raise(sig);
-            EXPECT_EQ(sig == 14 ? "a1 b1 a4 b4 a2 b2 " : "a1 b1 a2 b2 ", phases()) << sig;
+            EXPECT_EQ(sig == kAttachSignal ? "a1 b1 a4 b4 a2 b2 " : "a1 b1 a2 b2 ", phases()) << sig;
         }
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -423,17 +423,18 @@ TEST(Callback, APathWithoutTerminationIsBounded)
 
 // ---- failures ----
 
-TEST(Failure, NoFolderToBeMade)
+TEST(Failure, AFolderThatCannotBeMadeIsReported)
 {
     remount("/etc", true);
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
-    EXPECT_NE(std::string::npos, read_file(kConsole).find("mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"))
+    EXPECT_NE(std::string::npos, read_file(kConsole).find(
+                                     "mkdir /etc/core\tfailed, Read-only file system\nFail to create " + path + " \n"))
         << read_file(kConsole);
 }
 
-TEST(Failure, ALinkToNowhereIsNoFolder)
+TEST(Failure, ADanglingLinkIsNoFolder)
 {
     ASSERT_EQ(0, ::symlink("/nowhere/core", "/etc/core"));
     ChildResult child = crash_child([] { write_null(); });
@@ -443,15 +444,15 @@ TEST(Failure, ALinkToNowhereIsNoFolder)
         << printed();
 }
 
-TEST(Failure, NoFileToBeMade)
+TEST(Failure, AFileThatCannotBeMadeIsReported)
 {
     ::mkdir("/etc/core", 0777);
     remount("/etc", true);
     ChildResult child = crash_child([] { write_null(); });
     EXPECT_TRUE(child.killed_by(SIGSEGV));
     std::string path = core_path(child, "coredump", SIGSEGV);
-    EXPECT_NE(std::string::npos, read_file(kConsole).find("!!!!!!WARNING: failed to core dump log file in " + path + ".\nFail to create " +
-                                       path + " \n"))
+    EXPECT_NE(std::string::npos, read_file(kConsole).find("!!!!!!WARNING: failed to core dump log file in " + path +
+                                                          ".\nFail to create " + path + " \n"))
         << read_file(kConsole);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A process that loaded the library by dlopen(): its handlers touch no thread-local data that has to be allocated.
+// A process that loads the library by dlopen(): its handlers use no thread-local data that must be allocated.
 #include "fault/crash_support.h"
 
 using namespace support;

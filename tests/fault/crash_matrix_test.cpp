@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Ways to die, each many times: every death leaves its complete log, or the message promised where there can be none.
+// Kinds of crashes, each many times: every one leaves a complete log, or the documented message where none is possible.
 #include "fault/crash_support.h"
 
 #include "console_print.h"
@@ -18,7 +18,7 @@ using namespace crash;
 
 namespace {
 
-// More than 14 kinds of death: above 300 crashes in a run, everywhere.
+// More than 14 kinds of crashes: above 300 crashes in a run on every machine.
 constexpr std::size_t kRounds = 24;
 constexpr int kThreads = 16;
 constexpr char kName[] = "routed";
@@ -26,7 +26,7 @@ constexpr char kName[] = "routed";
 // ---- a callback that can hold threads in the handler until all are there ----
 
 std::atomic<int> arrived;
-int expected_threads; // 0: nobody waits
+int expected_threads; // 0: no thread waits
 
 long rendezvous(unsigned phase, unsigned long, void *)
 {
@@ -51,7 +51,7 @@ ChildResult die(const std::function<void()> &body)
     });
 }
 
-// Each round dies by the signal and leaves a complete log; `check` may look further.
+// Each round dies by the signal and leaves a complete log; `check` may examine it further.
 void expect_logs(int sig, const std::function<void()> &body, const std::function<void(const Log &)> &check = {})
 {
     for (std::size_t i = 0; i < kRounds; i++) {
@@ -159,10 +159,10 @@ TEST(Matrix, InsideMalloc)
     if (under_sanitizer())
         GTEST_SKIP() << "a sanitizer's allocator keeps its records elsewhere";
     expect_logs(SIGABRT, [] {
-        ::close(STDERR_FILENO); // where the allocator's complaint would go
+        ::close(STDERR_FILENO); // suppresses the allocator's message
         constexpr std::size_t kSize = 100000;
         for (int i = 0; i < 100; i++) {
-            // The word behind the newest block is the size of what is left of the heap.
+            // The word after the newest block is the size of the rest of the heap.
             auto *block = static_cast<char *>(std::malloc(kSize));
             write_long(reinterpret_cast<unsigned long>(block) + ::malloc_usable_size(block), 0xa5a5a5a5a5a5a5a5);
         }
@@ -285,7 +285,7 @@ TEST(Matrix, SixteenThreadsAtOnceIntoOneLog)
     }
 }
 
-// However the threads run into each other, the process leaves at least one complete log.
+// However the threads interleave, the process leaves at least one complete log.
 TEST(Matrix, SixteenThreadsWithoutOrder)
 {
     for (std::size_t i = 0; i < kRounds / 2; i++) {
@@ -312,7 +312,7 @@ TEST(Matrix, NoFreeDescriptors)
 {
     for (std::size_t i = 0; i < kRounds; i++) {
         ChildResult child = die([] {
-            ::raise(52); // the console stays open from here on
+            ::raise(kBacktraceSignal); // opens the console, which stays open
             rlimit limit = {64, 64};
             ::setrlimit(RLIMIT_NOFILE, &limit);
             while (::dup(0) >= 0 || ::dup(1) >= 0)
@@ -320,7 +320,7 @@ TEST(Matrix, NoFreeDescriptors)
             write_null();
         });
         ASSERT_TRUE(child.killed_by(SIGSEGV)) << child.status;
-        // Without a descriptor the command name cannot be read either.
+        // Without a descriptor the command name is unreadable too.
         std::string path = log_path(program_invocation_short_name, child.pid, "coredump", SIGSEGV);
         EXPECT_FALSE(exists(path));
         std::string console = read_file(kConsole);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How much stack a dump takes, and the alternate stacks that threads ask for.
+// How much stack a dump uses, and the alternate stacks that threads request.
 #include "fault/crash_support.h"
 
 #include <alloca.h>
@@ -78,10 +78,10 @@ char *stack_end; // lowest address of the small stack
 
 NO_SANITIZERS void __attribute__((noinline)) raise_here()
 {
-    ::raise(52);
+    ::raise(kBacktraceSignal);
 }
 
-// Uses up all of the stack but what a dump is promised to need.
+// Uses up all of the stack except what a dump is documented to need.
 NO_SANITIZERS void *dump_with_little_stack(void *)
 {
     char *here = static_cast<char *>(__builtin_frame_address(0));
@@ -97,10 +97,10 @@ NO_SANITIZERS void *dump_with_little_stack(void *)
 
 } // namespace
 
-TEST(DumpStack, ADumpFitsIntoTheStatedSize)
+TEST(DumpStack, ADumpFitsIntoTheDocumentedSize)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer takes stack of its own";
+        GTEST_SKIP() << "a sanitizer uses additional stack";
     ChildResult child = named_child([] {
         install_sighandler();
         constexpr std::size_t kGuard = 65536;
@@ -115,7 +115,7 @@ TEST(DumpStack, ADumpFitsIntoTheStatedSize)
         run_thread(dump_with_little_stack, &attributes);
     });
     EXPECT_TRUE(child.exited(0)) << child.status << child.out;
-    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", 52)).error);
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kBacktraceSignal)).error);
 }
 
 // ---- alternate stacks ----
@@ -123,10 +123,10 @@ TEST(DumpStack, ADumpFitsIntoTheStatedSize)
 TEST(SignalStack, WithoutOneAnOverflowLeavesNoLog)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
+        GTEST_SKIP() << "a sanitizer installs its own alternate stacks";
     ChildResult child = named_child([] {
         install_sighandler();
-        for (int sig : {14, 6, 11, 7, 4, 51, 52})
+        for (int sig : {kAttachSignal, SIGABRT, SIGSEGV, SIGBUS, SIGILL, kDumpFileSignal, kBacktraceSignal})
             EXPECT_EQ(SA_SIGINFO, flags_of(sig)) << sig;
         run_thread(overflow_without_stack);
     });
@@ -147,12 +147,12 @@ TEST(SignalStack, WithOneAnOverflowLeavesItsLog)
     EXPECT_NE(std::string::npos, printed().find("is dying(11)"));
 }
 
-TEST(SignalStack, TheMainThreadMayAskBeforeTheHandlersAreArmed)
+TEST(SignalStack, TheMainThreadMayRequestOneBeforeTheHandlersAreArmed)
 {
     ChildResult child = named_child([] {
         EXPECT_EQ(0, qv_use_signal_stack());
         install_sighandler2(SIGUSR1);
-        for (int sig : {SIGUSR1, 6, 11, 7, 4, 51, 52})
+        for (int sig : {SIGUSR1, SIGABRT, SIGSEGV, SIGBUS, SIGILL, kDumpFileSignal, kBacktraceSignal})
             EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, flags_of(sig)) << sig;
         overflow(0);
     });
@@ -167,7 +167,7 @@ TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
         ::signal(SIGUSR1, [](int) {});
         int other = flags_of(SIGUSR1);
         EXPECT_EQ(0, qv_use_signal_stack());
-        for (int sig : {14, 6, 11, 7, 4, 51, 52})
+        for (int sig : {kAttachSignal, SIGABRT, SIGSEGV, SIGBUS, SIGILL, kDumpFileSignal, kBacktraceSignal})
             EXPECT_EQ(SA_SIGINFO | SA_ONSTACK, flags_of(sig)) << sig;
         EXPECT_EQ(other, flags_of(SIGUSR1));
         EXPECT_EQ(0, flags_of(SIGHUP) & SA_ONSTACK);
@@ -175,10 +175,10 @@ TEST(SignalStack, ArmedHandlersMoveAndOthersAreLeftAlone)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
-TEST(SignalStack, HasTheStatedSizeAndAGuardBelow)
+TEST(SignalStack, HasTheDocumentedSizeAndAGuardBelow)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
+        GTEST_SKIP() << "a sanitizer installs its own alternate stacks";
     static char *bottom;
     ChildResult child = named_child([] {
         EXPECT_EQ(0, qv_use_signal_stack());
@@ -219,7 +219,7 @@ void *use_stack(void *)
 TEST(SignalStack, IsFreedAtTheEndOfTheThread)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
+        GTEST_SKIP() << "a sanitizer installs its own alternate stacks";
     ChildResult child = named_child([] {
         run_thread(use_stack);
         std::size_t before = mappings();
@@ -263,10 +263,10 @@ void *use_besides_large(void *)
 
 } // namespace
 
-TEST(SignalStack, TheHostsIsKeptWhenLargeAndRestoredWhenSmall)
+TEST(SignalStack, TheHostsStackIsKeptWhenLargeAndRestoredWhenSmall)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer has alternate stacks of its own";
+        GTEST_SKIP() << "a sanitizer installs its own alternate stacks";
     ChildResult child = named_child([] {
         run_thread(use_stack); // makes the library's key, whose destructor then runs before this one
         ::pthread_key_create(&end_key, [](void *) { stack_at_end = signal_stack().ss_sp; });
@@ -278,7 +278,7 @@ TEST(SignalStack, TheHostsIsKeptWhenLargeAndRestoredWhenSmall)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
-// The loader's notes about the program, its arguments and its environment lie above the frames of the main thread.
+// Above the frames of the main thread lie the loader's data about the program, its arguments and its environment.
 TEST(DamagedStack, OverwrittenUpToItsTopLeavesACompleteLog)
 {
     if (under_sanitizer())

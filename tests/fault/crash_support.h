@@ -18,19 +18,24 @@
 
 namespace crash {
 
+// The dump requests.
+inline constexpr int kAttachSignal = SIGALRM;
+inline constexpr int kDumpFileSignal = 51;
+inline constexpr int kBacktraceSignal = 52;
+
 #if defined(__clang__)
 #define NO_SANITIZERS __attribute__((noinline, no_sanitize("address", "undefined", "thread")))
 #else
 #define NO_SANITIZERS __attribute__((noinline, no_sanitize("address,undefined,thread")))
 #endif
 
-// A log read back. `error` tells the first deviation from the form, and is empty for a complete log.
+// A log read back. `error` describes the first deviation from the form; it is empty for a complete log.
 struct Log {
     std::string error;
     bool by_thread = false;
     int id = 0;
     int sig = 0;
-    std::string label; // what stands behind "thread name : "
+    std::string label; // the text after "thread name : "
     std::array<std::string, 32> names;
     std::array<std::uint64_t, 32> registers{};
     std::uint64_t fault = 0, pc = 0, sp = 0, pstate = 0;
@@ -197,7 +202,7 @@ inline int thread_id()
     return static_cast<int>(::syscall(SYS_gettid));
 }
 
-// What was printed, in order. The log is read, for both paths of output append to it; its time stamps are taken off.
+// What was printed, in order. It is read from the log, to which both paths of output append, without the time stamps.
 inline std::string printed()
 {
     std::string text;

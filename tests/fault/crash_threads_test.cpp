@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fatal-signal handler in processes with threads: who dies of what, who counts as inside, and no cancellation.
+// The fatal-signal handler in processes with threads: which thread dies of which signal, which threads count as inside
+// a handler, and that cancellation cuts no log.
 #include "fault/crash_support.h"
 
 #include "console_print.h"
@@ -24,7 +25,7 @@ constexpr char kName[] = "routed";
 // ---- a callback steered by the running case ----
 
 void (*in_phase[8])(); // what the callback does, by phase
-int runs_fd = -1;      // gets a byte for each run of the handler
+int runs_fd = -1;      // receives a byte for each run of the handler
 
 long act(unsigned phase, unsigned long, void *)
 {
@@ -97,9 +98,9 @@ void expect_log_up_to_the_callback(const ChildResult &child, int sig)
     EXPECT_EQ(sig, log.sig);
 }
 
-// Slow sleeps: a wait that counts them instead of reading the clock takes far too long.
+// Slow sleeps: a wait that counts sleeps instead of reading the clock takes far too long.
 bool sleeps_are_slow;
-int sleeps_fd = -1; // gets a byte for each sleep of a dying thread
+int sleeps_fd = -1; // receives a byte for each sleep of a dying thread
 
 void count_sleeps()
 {
@@ -144,7 +145,7 @@ TEST(Dying, ACallbackThatAbortsWithinAbort)
     expect_log_up_to_the_callback(child, SIGABRT);
 }
 
-TEST(Dying, ACallbackThatAlwaysAbortsAtItsEntryIsNotAskedForLong)
+TEST(Dying, ACallbackThatAlwaysAbortsIsNotCalledForever)
 {
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_FIRST] = [] { std::abort(); };
@@ -156,7 +157,7 @@ TEST(Dying, ACallbackThatAlwaysAbortsAtItsEntryIsNotAskedForLong)
 
 namespace {
 
-// The word after the newest block is the size of what is left of the heap.
+// The word after the newest block is the size of the rest of the heap.
 NO_SANITIZERS void destroy_heap()
 {
     for (int i = 0; i < 20; i++) {
@@ -167,13 +168,13 @@ NO_SANITIZERS void destroy_heap()
 
 } // namespace
 
-// The allocator finds the damage with its lock taken, and aborts.
+// The allocator detects the damage while it holds its lock, and aborts.
 TEST(Dying, ACallbackThatAllocatesOnADestroyedHeap)
 {
     if (under_sanitizer())
         GTEST_SKIP() << "a sanitizer's allocator keeps its records elsewhere";
     ChildResult child = threaded_child([] {
-        ::close(STDERR_FILENO); // where the allocator's complaint would go
+        ::close(STDERR_FILENO); // suppresses the allocator's message
         in_phase[QV_COREDUMP_LAST] = destroy_heap;
         write_null();
     });
@@ -199,11 +200,11 @@ TEST(Dying, ASentSignalEndsTheProcessToo)
 TEST(Dying, DumpRequestsAreStillServed)
 {
     ChildResult child = threaded_child([] {
-        in_phase[QV_COREDUMP_BACKTRACE] = [] { ::raise(52); };
+        in_phase[QV_COREDUMP_BACKTRACE] = [] { ::raise(kBacktraceSignal); };
         write_null();
     });
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status;
-    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
+    EXPECT_EQ("", read_log(core_path(child, "attach", kBacktraceSignal)).error);
     EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
 }
 
@@ -218,7 +219,7 @@ TEST(Dying, ASentSignalDisarmsWhenTheLogIsWritten)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
-TEST(Dying, WhatACallbackSetsOrArmsStands)
+TEST(Dying, WhatACallbackSetsOrArmsIsKept)
 {
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_LAST] = [] { ::signal(SIGBUS, SIG_IGN); };
@@ -292,7 +293,7 @@ TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
         };
         start([](void *) -> void * {
             hanging = ::pthread_self();
-            ::raise(52);
+            ::raise(kBacktraceSignal);
             return nullptr;
         });
         wait_until([] { return is_hanging.load(); });
@@ -305,7 +306,7 @@ TEST(Dying, TheWaitForOtherLogsIsBoundedByTheClock)
 
 namespace {
 
-// Where there is nothing to wait for, a thread sleeps once or twice; in 2 seconds it sleeps 40 times.
+// With nothing to wait for, a thread sleeps once or twice. A wait of 2 seconds is 40 sleeps.
 constexpr std::size_t kFewSleeps = 20;
 
 std::size_t sleeps()
@@ -315,12 +316,12 @@ std::size_t sleeps()
 
 } // namespace
 
-TEST(Dying, NobodyWaitsForAHandlerThatWasLeft)
+TEST(Dying, NoThreadWaitsForAHandlerThatWasLeft)
 {
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_LAST] = [] { siglongjmp(way_out, 1); };
         if (sigsetjmp(way_out, 1) == 0)
-            ::raise(52);
+            ::raise(kBacktraceSignal);
         in_phase[QV_COREDUMP_LAST] = nullptr;
         count_sleeps();
         start([](void *) -> void * {
@@ -371,7 +372,7 @@ void stay_inside()
 
 void *request_dump(void *)
 {
-    ::raise(52);
+    ::raise(kBacktraceSignal);
     return nullptr;
 }
 
@@ -383,7 +384,7 @@ int count_mirrored(const char *, va_list)
     return 0;
 }
 
-// Whether this process prints by the ordinary path, which alone calls the hook.
+// Whether this process prints by the ordinary path: only that calls the hook.
 bool prints_ordinarily()
 {
     mirrored = 0;
@@ -413,7 +414,7 @@ TEST(Context, AForkedChildDoesNotInheritOtherThreadsHandlers)
             if (pid == 0) {
                 in_phase[QV_COREDUMP_LAST] = nullptr;
                 bool is_right = prints_ordinarily();
-                ::raise(52);
+                ::raise(kBacktraceSignal);
                 ::_exit(is_right && prints_ordinarily() ? 0 : 1);
             }
             EXPECT_EQ(0, status_of(pid));
@@ -435,7 +436,7 @@ TEST(Context, AChildForkedByACallbackIsStillInside)
             if (pid == 0 && in_signal_context() != 1)
                 ::_exit(1);
         };
-        ::raise(52);
+        ::raise(kBacktraceSignal);
         EXPECT_EQ(0, in_signal_context());
         if (pid == 0)
             ::_exit(in_signal_context());
@@ -450,7 +451,7 @@ void leave_handler()
 {
     in_phase[QV_COREDUMP_LAST] = [] { siglongjmp(way_out, 1); };
     if (sigsetjmp(way_out, 1) == 0)
-        ::raise(52);
+        ::raise(kBacktraceSignal);
     in_phase[QV_COREDUMP_LAST] = nullptr;
 }
 
@@ -461,7 +462,7 @@ NO_SANITIZERS void raise_deeper(int levels)
     if (levels > 0)
         raise_deeper(levels - 1);
     else
-        ::raise(52);
+        ::raise(kBacktraceSignal);
     frame[1] = frame[0];
 }
 
@@ -489,7 +490,7 @@ TEST(Context, ALeftHandlerIsForgottenByOneOnAnotherThread)
     EXPECT_TRUE(child.exited(0)) << child.out << child.timed_out;
 }
 
-TEST(Context, ALeftHandlerIsForgottenThoughItsThreadHadSignalsBlocked)
+TEST(Context, ALeftHandlerIsForgottenEvenIfItsThreadHadSignalsBlocked)
 {
     ChildResult child = threaded_child([] {
         leave_handler();
@@ -519,10 +520,10 @@ TEST(Context, AnOuterHandlerIsNotForgottenByADeeperOne)
         in_phase[QV_COREDUMP_LAST] = [] {
             int level = depth++;
             if (level == 0)
-                ::raise(14);
+                ::raise(kAttachSignal);
             context[level] = in_signal_context();
         };
-        ::raise(52);
+        ::raise(kBacktraceSignal);
         EXPECT_EQ(2, depth);
         EXPECT_EQ(1, context[0]);
         EXPECT_EQ(1, context[1]);
@@ -538,7 +539,7 @@ TEST(Context, AnotherThreadsHandlerStillCountsWhenOneReturns)
         pthread_t thread = start(request_dump);
         wait_until([] { return is_inside.load(); });
         in_phase[QV_COREDUMP_LAST] = nullptr;
-        ::raise(14);
+        ::raise(kAttachSignal);
         EXPECT_EQ(1, in_signal_context());
         may_leave = true;
         ::pthread_join(thread, nullptr);
@@ -571,7 +572,7 @@ TEST(Context, AFirstThreadThatEndedInsideDoesNotCount)
             EXPECT_TRUE(prints_ordinarily());
             ::_exit(::testing::Test::HasFailure() ? 1 : 0);
         });
-        ::raise(52);
+        ::raise(kBacktraceSignal);
     });
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.timed_out;
 }
@@ -597,7 +598,7 @@ std::atomic<bool> went_on;
 void *cancel_self_and_dump(void *)
 {
     ::pthread_cancel(::pthread_self());
-    ::raise(52);
+    ::raise(kBacktraceSignal);
     went_on = true;
     ::pthread_testcancel();
     return nullptr;
@@ -608,7 +609,7 @@ void *cancel_self_and_dump(void *)
 TEST(Cancellation, APendingRequestActsAfterTheHandler)
 {
     ChildResult child = threaded_child([] {
-        ::raise(52); // opens what stays open
+        ::raise(kBacktraceSignal); // opens the descriptors that stay open
         std::size_t descriptors = list_dir("/proc/self/fd").size();
         for (int i = 0; i < 20; i++) {
             went_on = false;
@@ -622,7 +623,7 @@ TEST(Cancellation, APendingRequestActsAfterTheHandler)
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
     EXPECT_EQ(21U, runs());
-    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
+    EXPECT_EQ("", read_log(core_path(child, "attach", kBacktraceSignal)).error);
 }
 
 TEST(Cancellation, ARequestInTheMiddleOfACrashDoesNotCutItsLog)
@@ -646,7 +647,7 @@ TEST(Cancellation, AThreadThatIsCancelledAtAnyTimeFinishesItsLog)
         in_phase[QV_COREDUMP_FIRST] = stay_inside;
         pthread_t thread = start([](void *) -> void * {
             ::pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
-            ::raise(52);
+            ::raise(kBacktraceSignal);
             for (;;)
                 continue;
         });
@@ -657,5 +658,5 @@ TEST(Cancellation, AThreadThatIsCancelledAtAnyTimeFinishesItsLog)
         EXPECT_EQ(0, in_signal_context());
     });
     EXPECT_TRUE(child.exited(0)) << child.out << child.err << child.timed_out;
-    EXPECT_EQ("", read_log(core_path(child, "attach", 52)).error);
+    EXPECT_EQ("", read_log(core_path(child, "attach", kBacktraceSignal)).error);
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A busy process answers dump requests at random moments: it lives on, leaks nothing, and every log is well formed.
+// A busy process receives dump requests at random moments: it survives, leaks nothing, and every log is complete.
 #include "fault/crash_support.h"
 
 #include "console_print.h"
@@ -15,13 +15,12 @@ using namespace crash;
 
 namespace {
 
-constexpr int kRequest = 52;
 constexpr unsigned kPathSize = QV_COREDUMP_PATH_SIZE;
 
 std::atomic<unsigned> begun, ended;
 std::atomic<bool> stop;
 
-// Every request gets a file of its own.
+// Every request gets a separate file.
 long number_logs(unsigned phase, unsigned long, void *record)
 {
     if (phase == QV_COREDUMP_FIRST)
@@ -74,7 +73,7 @@ void *format(void *)
 void storm(unsigned requests)
 {
     install_sighandler();
-    ::raise(kRequest); // opens what stays open
+    ::raise(kBacktraceSignal); // opens the descriptors that stay open
     console_print("started\n");
     std::size_t descriptors = list_dir("/proc/self/fd").size();
 
@@ -84,12 +83,13 @@ void storm(unsigned requests)
         ::pthread_create(&threads[i], nullptr, bodies[i], nullptr);
     sigset_t request;
     ::sigemptyset(&request);
-    ::sigaddset(&request, kRequest);
-    ::pthread_sigmask(SIG_BLOCK, &request, nullptr); // the busy ones take them
+    ::sigaddset(&request, kBacktraceSignal);
+    ::pthread_sigmask(SIG_BLOCK, &request, nullptr); // so that the busy threads receive them
 
-    std::minstd_rand random(2);
+    Random random(2);
     for (unsigned i = 1; i < requests; i++) {
-        ::kill(::getpid(), kRequest);
+        random.doing("request", i);
+        ::kill(::getpid(), kBacktraceSignal);
         ::usleep(static_cast<useconds_t>(random() % 300));
     }
     while (ended < requests)
@@ -105,7 +105,7 @@ void storm(unsigned requests)
 
 TEST(Storm, AThousandRequestsToABusyProcess)
 {
-    const unsigned requests = 1 + (under_emulation() ? 200 : 1000); // one of them before the storm
+    const unsigned requests = 1 + (under_emulation() ? 200 : 1000); // one of them precedes the storm
     ::mkdir("/tmp/logs", 0777);
     ChildResult child = run_child([requests] { storm(requests); }, 60000);
     ASSERT_TRUE(child.exited(0)) << child.status << child.timed_out << child.out << child.err;
@@ -113,6 +113,6 @@ TEST(Storm, AThousandRequestsToABusyProcess)
     for (unsigned i = 0; i < requests; i++) {
         Log log = read_log(std::string("/tmp/logs/").append(std::to_string(i)));
         ASSERT_EQ("", log.error) << i;
-        ASSERT_EQ(kRequest, log.sig);
+        ASSERT_EQ(kBacktraceSignal, log.sig);
     }
 }

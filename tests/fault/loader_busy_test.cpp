@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Crashes and dump requests while the dynamic loader is busy: its lock is held by a thread that may wait for the one in
-// the handler. A process dies with its log, or lives on; it never hangs.
+// Crashes and dump requests while the dynamic loader is busy: a thread that holds its lock may wait for the thread in
+// the handler. A process dies with a log or survives; it never hangs.
 #include "backtrace.h"
 #include "fault/crash_support.h"
 
@@ -16,7 +16,6 @@ using namespace crash;
 
 namespace {
 
-constexpr int kRequest = 52;
 constexpr char kName[] = "routed";
 constexpr int kTimeoutMs = 20000;
 
@@ -108,7 +107,7 @@ TEST(LoaderBusy, AConstructorWaitsForAThreadThatCrashes)
 
 namespace {
 
-// free() notices under the heap's lock that the next block has no size, and aborts.
+// free() finds, while it holds the heap's lock, that the next block has no size, and aborts.
 NO_SANITIZERS void break_heap()
 {
     constexpr std::size_t kSize = 65536;
@@ -144,7 +143,7 @@ TEST(LoaderBusy, DumpRequestsWhileModulesComeAndGoThenACrash)
                        for (int thread = 0; thread < 4; thread++)
                            start_thread(load_and_unload);
                        for (int request = 0; request < 20; request++) {
-                           ::kill(::getpid(), kRequest);
+                           ::kill(::getpid(), kBacktraceSignal);
                            ::usleep(200);
                        }
                        write_null();
@@ -175,8 +174,8 @@ TEST(LoaderBusy, ADumpRequestToTheThreadWhoseLockAConstructorWaitsFor)
         start_thread([](void *) -> void * {
             while (stage != 2)
                 ::usleep(100);
-            ::usleep(10000); // the constructor waits by now
-            ::pthread_kill(target, kRequest);
+            ::usleep(10000); // until the constructor waits
+            ::pthread_kill(target, kBacktraceSignal);
             return nullptr;
         });
         in_constructor = [] {
@@ -188,10 +187,10 @@ TEST(LoaderBusy, ADumpRequestToTheThreadWhoseLockAConstructorWaitsFor)
     });
     EXPECT_FALSE(child.timed_out);
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
-    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kRequest)).error);
+    EXPECT_EQ("", read_log(log_path(kName, child.pid, "attach", kBacktraceSignal)).error);
 }
 
-// A look-up finds the module or does not; its memory may go at any moment between.
+// A look-up may or may not find the module, whose memory may be unmapped at any moment.
 TEST(LoaderBusy, LookUpsInAModuleThatComesAndGoes)
 {
     ChildResult child = run_host([] {
@@ -204,7 +203,7 @@ TEST(LoaderBusy, LookUpsInAModuleThatComesAndGoes)
                 ::dlclose(plugin);
             }
         });
-        // The next place is the same or another one, as the system likes.
+        // The system may load it at the same place or another one.
         std::size_t found = 0;
         for (std::size_t i = 0; i < effort(20000) || found == 0; i++) {
             char wanted[64], name[256];
@@ -218,7 +217,7 @@ TEST(LoaderBusy, LookUpsInAModuleThatComesAndGoes)
     EXPECT_TRUE(child.exited(0)) << child.status << child.out << child.err;
 }
 
-// The crashing thread has no thread-local data of the library, and its heap gives none.
+// The crashing thread has none of the library's thread-local data, and the heap cannot supply it.
 TEST(LoaderBusy, AThreadDiesInsideFreeInAHostThatLoadedTheLibraryLate)
 {
     if (under_sanitizer())

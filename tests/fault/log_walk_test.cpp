@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a log shows of a call chain that is broken, or where there is none: code that keeps no frame pointer.
+// What a log shows of a broken call chain, or of code without a frame pointer.
 #include "backtrace.h"
 #include "fault/crash_support.h"
 #include "support/machine.h"
@@ -38,7 +38,7 @@ bool shows(const Log &log, const std::string &function)
     return false;
 }
 
-// No entry is there twice.
+// Checks that no entry appears twice.
 void expect_no_copies(const Log &log)
 {
     std::set<std::string> seen;
@@ -46,7 +46,7 @@ void expect_no_copies(const Log &log)
         EXPECT_TRUE(seen.insert(entry.frame + entry.text).second) << entry.frame << " " << entry.text;
 }
 
-// Logs of a walk from made-up registers.
+// Logs a walk that starts from given registers.
 Log log_of_walk(unsigned long fp, unsigned long sp)
 {
     procps_read_maps();
@@ -165,15 +165,15 @@ TEST(LogWalk, ARecordLinkedToItself)
         EXPECT_EQ(20U, log.entries.size());
 }
 
-// A sound chain is shown word by word, whatever its addresses are, wherever it lies.
-TEST(LogWalk, ASoundChainIsShownAsItIs)
+// An intact chain is shown word by word, whatever its addresses are and wherever it lies.
+TEST(LogWalk, AnIntactChainIsShownUnchanged)
 {
     unsigned long records[4][2];
     for (int i = 0; i < 3; i++) {
         records[i][0] = at(records[i + 1]);
         records[i][1] = 0x1000U + static_cast<unsigned>(i);
     }
-    records[3][0] = 2; // what the outermost function was given as a frame pointer
+    records[3][0] = 2; // the outermost function's frame pointer may be anything
     records[3][1] = 0x1003;
     for (unsigned long sp : {0UL, at(records)}) {
         Log log = log_of_walk(at(records), sp);
@@ -197,7 +197,7 @@ TEST(LogWalk, TheChainEndsAtALinkDownwards)
     }
 }
 
-// Whatever the registers hold, the walk ends and nothing is read that is not there.
+// Whatever the registers hold, the walk ends and reads no unmapped memory.
 TEST(LogWalk, AnyRegisters)
 {
     std::vector<unsigned long> stack(4096);

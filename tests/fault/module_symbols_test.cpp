@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names of addresses, against the loader's own answers; look-ups while the loader is busy or unloads the module.
+// Names of addresses, compared with those of the loader, and look-ups while the loader is busy or unloads the module.
 #include "backtrace.h"
 #include "fault/crash_support.h"
 #include "support/machine.h"
@@ -26,7 +26,7 @@ unsigned long at(const void *p)
     return reinterpret_cast<unsigned long>(p);
 }
 
-// The texts of a backtrace section, as written for made-up frame records with these return addresses.
+// The texts of a backtrace section for synthetic frame records with these return addresses.
 std::vector<std::string> texts_of(const Addresses &addresses)
 {
     procps_read_maps();
@@ -42,13 +42,13 @@ std::vector<std::string> texts_of(const Addresses &addresses)
         ucontext_t context;
         std::memset(&context, 0, sizeof context);
         support::set_frame_pointer(context, at(records));
-        support::set_program_counter(context, 1); // no code
+        support::set_program_counter(context, 1); // not a code address
         crash_record rec = {};
         rec.uctx = &context;
         coredump_backtrace_to_file(file, &rec);
     }
     std::string all(static_cast<std::size_t>(::lseek(file, 0, SEEK_CUR)), '\0');
-    EXPECT_EQ(static_cast<ssize_t>(all.size()), ::pread(file, all.data(), all.size(), 0));
+    EXPECT_EQ(::pread(file, all.data(), all.size(), 0), static_cast<ssize_t>(all.size()));
     ::close(file);
     for (const std::string &line : lines(all)) {
         std::size_t arrow = line.find("> -> ");
@@ -58,7 +58,7 @@ std::vector<std::string> texts_of(const Addresses &addresses)
     return texts;
 }
 
-// The same by the loader.
+// The text that the loader's answer requires.
 std::string expected_text(unsigned long addr)
 {
     Dl_info info = {};
@@ -97,7 +97,7 @@ void expect_loaders_answers(Addresses addresses)
     std::sort(addresses.begin(), addresses.end());
     addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
     std::vector<std::string> texts = texts_of(addresses);
-    ASSERT_EQ(addresses.size(), texts.size());
+    ASSERT_EQ(texts.size(), addresses.size());
     std::size_t named = 0;
     for (std::size_t i = 0; i < addresses.size(); i++) {
         ASSERT_EQ(expected_text(addresses[i]), texts[i]) << i;
@@ -106,14 +106,14 @@ void expect_loaders_answers(Addresses addresses)
             continue;
         char name[4096];
         std::string wanted = expected_name(addresses[i]);
-        ASSERT_EQ(static_cast<int>(wanted.size()),
-                  get_function_name_by_ptr(reinterpret_cast<void *>(addresses[i]), name, sizeof name));
+        ASSERT_EQ(get_function_name_by_ptr(reinterpret_cast<void *>(addresses[i]), name, sizeof name),
+                  static_cast<int>(wanted.size()));
         ASSERT_EQ(std::string(name), wanted);
     }
     ::printf("%zu addresses, %zu named\n", addresses.size(), named);
 }
 
-// What dl_iterate_phdr() says of a module.
+// A module as dl_iterate_phdr() reports it.
 struct Module {
     std::string name;
     unsigned long bias;
@@ -133,7 +133,7 @@ std::vector<Module> modules()
     return all;
 }
 
-// The addresses on both sides of each bound of the module's segments and of the pages that hold them, and some between.
+// The addresses on both sides of each bound of the module's segments and of their pages, and some in between.
 void add_grid(const Module &module, std::size_t steps, Addresses *to)
 {
     for (const ElfW(Phdr) & header : module.headers) {
@@ -149,8 +149,8 @@ void add_grid(const Module &module, std::size_t steps, Addresses *to)
     }
 }
 
-// First and last byte, the ones beside them and one within, of each of the module's dynamic symbols. With a stride, of
-// one out of so many.
+// The first and last byte of each dynamic symbol of the module, their neighbours and one byte within. With a stride,
+// of every stride-th symbol.
 void add_symbols(const Module &module, std::size_t stride, Addresses *to)
 {
     const ElfW(Sym) *symbols = nullptr;
@@ -232,11 +232,11 @@ TEST(Names, TheLibrary)
 TEST(Names, TheKernelsModule)
 {
     if (::getauxval(AT_SYSINFO_EHDR) == 0)
-        GTEST_SKIP() << "this kernel maps none";
+        GTEST_SKIP() << "this kernel maps no module";
     compare_module("vdso", 1);
 }
 
-TEST(Names, WhereNothingIs)
+TEST(Names, AnUnmappedAddress)
 {
     expect_loaders_answers(
         {0, 1, 0x1234, at(&kFrames) | 1UL << 63, ~0UL, ~0xfffUL, at(::dlsym(RTLD_DEFAULT, "errno"))});
@@ -274,7 +274,7 @@ TEST(Names, AModuleBelowItsLinkAddress)
     EXPECT_NE(std::string::npos, text.find("plugin_high.so(-0x")) << text;
 }
 
-// At its link address the load bias is 0, which is no base for a distance.
+// A module at its link address has load bias 0, which gives no distance.
 TEST(Names, ANamelessAddressOfTheProgram)
 {
     unsigned long nameless = at(reinterpret_cast<void *>(&expected_text));

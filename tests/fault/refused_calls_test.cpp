@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks and names in a process whose system call filter refuses the calls that read memory which may not be there.
+// Walks and names in a process whose system call filter refuses the calls that probe memory.
 #include "backtrace.h"
 #include "fault/crash_support.h"
 
@@ -43,14 +43,14 @@ void install(const std::vector<sock_filter> &filter)
     ASSERT_EQ(0, ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0)) << errno;
 }
 
-// From here on the call fails with this error.
+// From now on the call fails with this error.
 void refuse(long call, int error)
 {
     install({load(offsetof(seccomp_data, nr)), unless_equal(static_cast<unsigned>(call), 1),
              answer(SECCOMP_RET_ERRNO | static_cast<unsigned>(error)), answer(SECCOMP_RET_ALLOW)});
 }
 
-// Only changes of the signal mask that make no sense: threads and children need the sound ones.
+// Refuses only invalid changes of the signal mask: threads and children need the valid ones.
 void refuse_probe(int error)
 {
     install({load(offsetof(seccomp_data, nr)), unless_equal(SYS_rt_sigprocmask, 3),
@@ -84,7 +84,7 @@ Words walk(unsigned long fp)
     return Words(addrs, addrs + count);
 }
 
-// Two records, the second one linked to a place that cannot be read.
+// Two records, the second one linked to unreadable memory.
 void expect_sound_walks()
 {
     constexpr unsigned long kWild[] = {8, 0x123450, 0x8000000000000000, ~0xfffUL, ~7UL};

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "signal_printf.h"
 
+#include "support/random.h"
 #include "support/support.h"
 
 #include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <fcntl.h>
-#include <random>
 #include <unistd.h>
 
 using namespace support;
@@ -50,7 +50,7 @@ TEST(SignalFormat, PlainTextUpToTheBudgetIsWhole)
     }
 }
 
-TEST(SignalFormat, PlainTextBeyondTheBudgetIsCutAndSaid)
+TEST(SignalFormat, PlainTextBeyondTheBudgetIsCutWithANotice)
 {
     for (std::size_t n : {926u, 1000u, 5000u})
         EXPECT_EQ(std::string(925, 'x') + kNotice, format(std::string(n, 'x'))) << n;
@@ -125,7 +125,7 @@ TEST(SignalFormat, Fields)
     EXPECT_EQ("  -42", format("%5d", -42));
     EXPECT_EQ("-42  |", format("%-5d|", -42));
     EXPECT_EQ("-0042", format("%05d", -42));
-    EXPECT_EQ("-42  |", format("%-05d|", -42)) << "left cancels the zeros";
+    EXPECT_EQ("-42  |", format("%-05d|", -42)) << "left alignment disables the zeros";
     EXPECT_EQ("12345", format("%2d", 12345));
     EXPECT_EQ("5", format("%0d", 5));
     EXPECT_EQ("00005", format("%00005d", 5)) << "repeated flags";
@@ -139,7 +139,7 @@ TEST(SignalFormat, Signs)
     EXPECT_EQ("+7", format("%+ d", 7));
     EXPECT_EQ("-7", format("%+d", -7));
     EXPECT_EQ("-7", format("% d", -7));
-    EXPECT_EQ("+7", format("%+u", 7)) << "a sign flag holds for every number";
+    EXPECT_EQ("+7", format("%+u", 7)) << "a sign flag applies to every number";
     EXPECT_EQ(" ff", format("% lx", 255L));
     EXPECT_EQ("+101", format("%+b", 5));
     EXPECT_EQ("+0042", format("%+05d", 42));
@@ -197,18 +197,18 @@ TEST(SignalFormat, Pointers)
 TEST(SignalFormat, ALengthHoldsForTheRestOfTheCall)
 {
     EXPECT_EQ("1 4294967298", format("%ld %d", 1L, 0x100000002L));
-    EXPECT_EQ("x 4294967298", format("%ls %u", "x", 0x100000002L)) << "whatever it stood at";
+    EXPECT_EQ("x 4294967298", format("%ls %u", "x", 0x100000002L)) << "whatever its length was";
     EXPECT_EQ("1 -3", format("%lx %i", 1L, -3L));
-    EXPECT_EQ("1 101", format("%ld %b", 1L, 5)) << "b takes an int all the same";
-    EXPECT_EQ("2", format("%d", 2)) << "and not for the next call";
+    EXPECT_EQ("1 101", format("%ld %b", 1L, 5)) << "b reads an int nevertheless";
+    EXPECT_EQ("2", format("%d", 2)) << "but not for the next call";
 }
 
 TEST(SignalFormat, Lengths)
 {
     for (const char *length : {"l", "L", "H", "ll", "lL", "Ll", "LL", "Hl", "HL"})
         EXPECT_EQ("4294967298", format(std::string("%") + length + "d", 0x100000002L)) << length;
-    EXPECT_EQ("%Hd", format("%lHd", 1L)) << "H comes first only";
-    EXPECT_EQ("%ld", format("%llld", 1L)) << "two at the most";
+    EXPECT_EQ("%Hd", format("%lHd", 1L)) << "H is valid only as the first";
+    EXPECT_EQ("%ld", format("%llld", 1L)) << "at most two";
 }
 
 // ---- characters and strings ----
@@ -240,7 +240,7 @@ TEST(SignalFormat, Strings)
     EXPECT_EQ("abc|", format("%.9s|", "abc"));
     EXPECT_EQ("   ab|", format("%5.2s|", "abc"));
     EXPECT_EQ("ab   |", format("%-5.2s|", "abc"));
-    EXPECT_EQ("ab", format("%+s% s", "a", "b")) << "signs are for numbers";
+    EXPECT_EQ("ab", format("%+s% s", "a", "b")) << "signs apply only to numbers";
     const char unended[3] = {'x', 'y', 'z'};
     EXPECT_EQ("xyz", format("%.3s", unended));
 }
@@ -251,7 +251,7 @@ TEST(SignalFormat, PercentAndUnknownConversions)
     EXPECT_EQ("%|", format("%5%|"));
     EXPECT_EQ("%hd", format("%hd"));
     EXPECT_EQ("%y", format("%y"));
-    EXPECT_EQ("%y", format("%5y")) << "flags and widths are read and lost";
+    EXPECT_EQ("%y", format("%5y")) << "flags and widths are read and dropped";
     EXPECT_EQ("%*d", format("%*d"));
     EXPECT_EQ("%*s", format("%.*s"));
     EXPECT_EQ("%z3", format("%z%d", 3));
@@ -289,7 +289,7 @@ TEST(SignalSnprintf, WithoutRoomNothingIsWritten)
 TEST(SignalPrintf, WritesOnce)
 {
     int fds[2];
-    ASSERT_EQ(0, ::pipe2(fds, O_DIRECT)); // keeps each write a packet of its own
+    ASSERT_EQ(0, ::pipe2(fds, O_DIRECT)); // makes each write a separate packet
     signal_printf(fds[1], "%d and %s", 5, "six");
     char text[64] = {};
     EXPECT_EQ(9, ::read(fds[0], text, sizeof text));
@@ -313,7 +313,7 @@ TEST(SignalPrintf, ResHoldsTheMostSignificantDigit)
     format("%d", 7123);
     EXPECT_EQ(7, __res);
     format("%d", 0);
-    EXPECT_EQ(7, __res) << "a zero leaves it";
+    EXPECT_EQ(7, __res) << "a zero does not change it";
     format("%lx", 0xE123L);
     EXPECT_EQ(14, __res);
     format("%p", reinterpret_cast<void *>(0xB00UL));
@@ -328,9 +328,10 @@ TEST(SignalPrintf, ResHoldsTheMostSignificantDigit)
 
 TEST(SignalFormatModel, RandomConversionsAgreeWithTheCLibrary)
 {
-    std::mt19937_64 random(20260131);
+    Random64 random(20260131);
     auto pick = [&](std::uint64_t n) { return random() % n; };
     for (std::size_t i = 0; i < effort(300000); i++) {
+        random.doing("conversion", i);
         std::string directive = "%";
         for (const char *flag : {"-", "0"})
             directive += pick(3) == 0 ? flag : "";
@@ -340,7 +341,7 @@ TEST(SignalFormatModel, RandomConversionsAgreeWithTheCLibrary)
             directive += pick(4) == 0 ? "+" : pick(4) == 0 ? " " : "";
         if (pick(2) == 0)
             directive += std::to_string(1 + pick(40));
-        // A precision together with '0' is the one place where the padding differs, and 0 digits of a 0 another.
+        // The two differ only in the padding of a precision together with '0', and in a 0 with 0 digits.
         bool precise = conversion != 'c' && directive.find('0') == std::string::npos && pick(3) == 0;
         if (precise)
             directive += "." + std::to_string(1 + pick(30));

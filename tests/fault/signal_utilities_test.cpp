@@ -19,7 +19,7 @@ void *const kIgnored = reinterpret_cast<void *>(SIG_IGN);
 
 } // namespace
 
-TEST(Callback, AnEmptyTableAnswersZero)
+TEST(Callback, AnEmptyTableReturnsZero)
 {
     EXPECT_EQ(0, call_signal_table(1, 0, nullptr));
 }
@@ -29,7 +29,7 @@ TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
     ChildResult child = run_child([] {
         constexpr int kRestorer = 0x04000000; // the C library's own
         EXPECT_EQ(kDefault, install_sighandler2(SIGUSR1));
-        for (int sig : {10, 6, 11, 7, 4, 51, 52}) {
+        for (int sig : {SIGUSR1, SIGABRT, SIGSEGV, SIGBUS, SIGILL, kDumpFileSignal, kBacktraceSignal}) {
             struct sigaction action = disposition(sig);
             EXPECT_EQ(&signal_err, action.sa_sigaction) << sig;
             EXPECT_EQ(SA_SIGINFO, action.sa_flags & ~kRestorer) << sig;
@@ -46,23 +46,23 @@ TEST(Install, ArmsTheCrashHandlerWithSiginfoOnly)
     EXPECT_EQ("", printed());
 }
 
-TEST(Install, AnImpossibleSignalIsToldAndTheRestArmed)
+TEST(Install, AnImpossibleSignalIsReportedAndTheRestArmed)
 {
     ChildResult child = run_child([] {
         rename_process("routed");
         for (int sig : {0, -1, 65, SIGKILL, 4711})
             install_sighandler2(sig);
-        ::raise(52);
-        struct sigaction action = disposition(52);
-        ::sigaction(14, &action, nullptr);
-        ::raise(14); // still the attach signal
+        ::raise(kBacktraceSignal);
+        struct sigaction action = disposition(kBacktraceSignal);
+        ::sigaction(kAttachSignal, &action, nullptr);
+        ::raise(kAttachSignal); // which is still the attach signal
     });
     EXPECT_TRUE(child.exited(0));
     std::string console = printed();
     for (const char *sig : {"0", "-1", "65", "9", "4711"})
         EXPECT_NE(std::string::npos, console.find("install signal handler for " + std::string(sig) + " failed.\n"))
             << sig;
-    for (int sig : {52, 14})
+    for (int sig : {kBacktraceSignal, kAttachSignal})
         EXPECT_EQ("", read_log(log_path("routed", child.pid, "attach", sig)).error);
 }
 
@@ -70,7 +70,8 @@ TEST(Utility, IgnoreSignalIgnoresItsList)
 {
     ChildResult child = run_child([] {
         EXPECT_EQ(kDefault, ignore_signal());
-        for (int sig : {7, 4, 11, 6, 14, 1, 17, 13, 50, 51, 52})
+        for (int sig : {SIGBUS, SIGILL, SIGSEGV, SIGABRT, kAttachSignal, SIGHUP, SIGCHLD, SIGPIPE, 50, kDumpFileSignal,
+                        kBacktraceSignal})
             EXPECT_EQ(SIG_IGN, disposition(sig).sa_handler) << sig;
         EXPECT_EQ(SIG_DFL, disposition(SIGTERM).sa_handler);
         EXPECT_EQ(kIgnored, ignore_signal());
@@ -83,9 +84,9 @@ TEST(Utility, UninstallResetsTheFaultSignalsOnly)
     ChildResult child = run_child([] {
         install_sighandler();
         EXPECT_EQ(reinterpret_cast<void *>(&signal_err), uninstall_sighandler());
-        for (int sig : {7, 4, 11, 6})
+        for (int sig : {SIGBUS, SIGILL, SIGSEGV, SIGABRT})
             EXPECT_EQ(SIG_DFL, disposition(sig).sa_handler) << sig;
-        EXPECT_EQ(&signal_err, disposition(52).sa_sigaction);
+        EXPECT_EQ(&signal_err, disposition(kBacktraceSignal).sa_sigaction);
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
@@ -96,7 +97,7 @@ TEST(Utility, PthreadIgnoreBlocksAllInThisThread)
         EXPECT_EQ(0, pthread_ignore_signal());
         sigset_t blocked;
         ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-        for (int sig : {1, 2, 11, 15, 34, 52, 64})
+        for (int sig : {SIGHUP, SIGINT, SIGSEGV, SIGTERM, 34, kBacktraceSignal, 64})
             EXPECT_EQ(1, ::sigismember(&blocked, sig)) << sig;
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
@@ -164,7 +165,7 @@ TEST(HexDump, NothingToDump)
     hex_dump_to_file(-1, "title %s", kBytes, nullptr, 4, "never read");
 }
 
-TEST(HexDump, TitleTakesTheNamedArgumentsAndThenTheRest)
+TEST(HexDump, TitleUsesTheNamedArgumentsAndThenTheRest)
 {
     std::string text = capture_stdout([] {
         hex_dump_to_file(STDOUT_FILENO, "%p %p %d %s %d %lx %c%%%hd", nullptr, kBytes, -1, "more", -7, 0x123456789abUL,
@@ -177,7 +178,7 @@ TEST(HexDump, TitleTakesTheNamedArgumentsAndThenTheRest)
     EXPECT_EQ("0x00x00123456789", text);
 }
 
-TEST(HexDump, ATitleWithTooManyConversionsIsShownAsItStands)
+TEST(HexDump, ATitleWithTooManyConversionsIsShownUnchanged)
 {
     std::string title;
     for (int i = 0; i < 33; i++)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stack ranges from made-up and real mapping lists, and the record of the main stack.
+// Stack ranges from synthetic and real mapping lists, and the record of the main stack.
 #include "stack_info.h"
 #include "support/support.h"
 
@@ -22,7 +22,7 @@ std::string task_file(const char *name)
 
 struct Range {
     int result;
-    unsigned long start = 11, end = 22; // what stands there when nothing is found
+    unsigned long start = 11, end = 22; // unchanged when nothing is found
 };
 
 Range main_stack()
@@ -71,12 +71,12 @@ TEST(StackInfo, TheRealMainStack)
     Range range = main_stack();
     EXPECT_EQ(0, range.result);
     auto here = reinterpret_cast<unsigned long>(&local);
-    if (!under_sanitizer()) { // which may keep locals elsewhere
+    if (!under_sanitizer()) { // which may keep locals outside the stack
         EXPECT_TRUE(range.start <= here && here < range.end);
     }
 }
 
-TEST(StackInfo, FirstSoundLineMarkedStack)
+TEST(StackInfo, FirstValidLineMarkedStack)
 {
     set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n0-2000 rw-p 0 0:0 0 [stack]\n5000-5000 rw-p 0 0:0 0 [stack]\n"
              "1000- 2000 rw-p 0 0:0 0 [stack]\nAb000-aC000 rw-p 0 0:0 0 [stack]\n3000-4000 rw-p 0 0:0 0 [stack]\n");
@@ -116,7 +116,7 @@ TEST(ThreadStackInfo, ARealThreadsStack)
     });
 }
 
-TEST(StackInfo, FailuresAreToldOnStandardOutput)
+TEST(StackInfo, FailuresAreReportedOnStandardOutput)
 {
     ChildResult child = run_child([] {
         std::string path = task_file("maps");
@@ -187,7 +187,7 @@ TEST(StackInfo, ALineLongerThanTheBufferEndsTheReading)
 
 namespace {
 
-// Fields 1 to n, the given ones in place of "x".
+// Fields 1 to n, each "x" unless given.
 std::string status_line(unsigned n, std::initializer_list<std::pair<unsigned, std::string>> fields)
 {
     std::string line;
@@ -234,7 +234,7 @@ TEST(Record, TheRealMainThread)
     EXPECT_EQ("", read_file(kConsole));
 }
 
-TEST(Record, NothingOutsideTheMainThread)
+TEST(Record, OtherThreadsRecordNothing)
 {
     in_thread([](void *) -> void * {
         qv_record_process_info();
@@ -253,19 +253,19 @@ TEST(Record, FirstNumberWithinTheStackBothEndsIncluded)
     expect_record(0x100000, 28);
 }
 
-TEST(Record, TheEndCountsToo)
+TEST(Record, TheEndOfTheStackIsWithin)
 {
     record(status_line(50, {{7, kEnd}}));
     expect_record(0x200000, 7);
 }
 
-TEST(Record, BlanksMakeFieldsAndTheLastOneIsNotLookedAt)
+TEST(Record, BlanksSeparateFieldsAndTheLastOneIsNotRead)
 {
     record("1 (a b)  " + std::string(kStart) + " x\n");
     expect_record(0x100000, 5);
 }
 
-TEST(Record, TheLastFieldIsNotLookedAt)
+TEST(Record, TheLastFieldIsNotRead)
 {
     record(status_line(5, {{5, kStart}}));
     expect_record(0, 0);
@@ -279,7 +279,7 @@ TEST(Record, Field80IsTheLastOne)
     expect_record(0x100000, 80);
 }
 
-TEST(Record, WithoutAStackNothingIsLookedUp)
+TEST(Record, WithoutAStackNothingIsRead)
 {
     set_maps("1000-2000 rw-p 0 0:0 0 [heap]\n");
     bind_over(task_file("stat"), status_line(50, {{5, "0"}}));
@@ -287,7 +287,7 @@ TEST(Record, WithoutAStackNothingIsLookedUp)
     EXPECT_EQ(0U, g_process_stack_cur_index);
 }
 
-TEST(Record, AMissingStatusLineIsTold)
+TEST(Record, AMissingStatusLineIsReported)
 {
     ChildResult child = run_child([] {
         std::string stat = task_file("stat"), maps = task_file("maps");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The termination logger: which signals it takes, its log, its failures, and init's signals.
+// The termination logger: the signals it handles, its log, its failures, and init's signals.
 #include "fault/crash_support.h"
 
 #include <sched.h>
@@ -12,9 +12,9 @@ using namespace crash;
 namespace {
 
 constexpr char kName[] = "routed";
-constexpr int kSignals[] = {1, 2, 10, 12, 13, 14, 15, 26, 29, 30};
+constexpr int kSignals[] = {SIGHUP, SIGINT, SIGUSR1, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM, SIGVTALRM, SIGIO, SIGPWR};
 
-// Sends itself the signal; what it goes on with behind that shows in its end.
+// Sends itself the signal. The exit status shows whether it continues.
 ChildResult terminated_child(
     int sig, const std::function<void()> &after = [] {})
 {
@@ -68,7 +68,7 @@ TEST(Terminate, OtherSignalsAreLeftAlone)
     EXPECT_TRUE(child.exited(0)) << child.out;
 }
 
-TEST(Terminate, WhoeverInstallsLastOwnsTheSharedSignals)
+TEST(Terminate, TheLastInstallerOwnsTheSharedSignals)
 {
     ChildResult child = run_child([] {
         auto owner = [](int sig) {
@@ -99,7 +99,7 @@ TEST(Terminate, InThreadModeTheThreadIsNamed)
     EXPECT_TRUE(exists(path_of(child.pid, SIGTERM))); // the main thread's id is the process's
 }
 
-TEST(Terminate, AFolderThatCannotBeMadeIsToldAndTheProcessGoesOn)
+TEST(Terminate, AFolderThatCannotBeMadeIsReportedAndTheProcessContinues)
 {
     remount("/flash", true);
     ChildResult child = terminated_child(SIGTERM, [] {
@@ -112,7 +112,7 @@ TEST(Terminate, AFolderThatCannotBeMadeIsToldAndTheProcessGoesOn)
               printed());
 }
 
-TEST(Terminate, AFileThatCannotBeMadeIsToldAndTheProcessGoesOn)
+TEST(Terminate, AFileThatCannotBeMadeIsReportedAndTheProcessContinues)
 {
     ::mkdir("/flash/core", 0777);
     remount("/flash", true);
@@ -137,7 +137,7 @@ TEST(Terminate, ErrnoIsKept)
 
 namespace {
 
-// As the init of a process namespace: sends a child one SIGTERM, and a second one when it is told that it survived.
+// Runs as the init of a process namespace: sends a child one SIGTERM, and a second one once the child reports survival.
 int be_init()
 {
     int pipe_fds[2];
@@ -185,7 +185,7 @@ TEST(Terminate, OneSignalOfInitIsSurvivedUnlogged)
         ::_exit(WEXITSTATUS(status));
     });
     if (child.exited(77))
-        GTEST_SKIP() << "no process namespace to be had here";
+        GTEST_SKIP() << "process namespaces are not available";
     EXPECT_TRUE(child.exited(0)) << child.status;
     EXPECT_FALSE(exists("/flash/core"));
     EXPECT_EQ("", printed());

@@ -38,14 +38,14 @@ TEST(ParseCmdline, NumbersInAllNotations)
 TEST(ParseCmdline, AKeyMatchesInsideAWord)
 {
     EXPECT_EQ(1u, parse("cab=1 ab=2", "ab"));
-    EXPECT_EQ(0u, parse("able=7", "ab")) << "one character is skipped whatever it is";
+    EXPECT_EQ(0u, parse("able=7", "ab")) << "the character after the key is always skipped";
     EXPECT_EQ(7u, parse("abx7", "ab"));
 }
 
 TEST(ParseCmdline, BlanksEndTheValueFromItsSecondCharacterOn)
 {
     EXPECT_EQ(1u, parse("mem=1 2", "mem"));
-    EXPECT_EQ(7u, parse("mem= 7 8", "mem")) << "a first blank does not";
+    EXPECT_EQ(7u, parse("mem= 7 8", "mem")) << "a leading blank does not end the value";
     EXPECT_EQ(7u, parse("mem 7", "mem"));
 }
 
@@ -75,11 +75,11 @@ TEST(ParseCmdline, TheCharacterAfterTheKeyIsSkippedEvenIfItIsAZeroByte)
     EXPECT_EQ(0u, parse("quiet\0"
                         "mem=7"s,
                         "mem"))
-        << "the key is looked for before the first one";
+        << "the key is searched for before the first zero byte";
     EXPECT_EQ(0u, parse(std::string(4095 - 4, 'x') + "mem\0"
                                                      "7"s,
                         "mem"))
-        << "the 4096th byte does not count";
+        << "the 4096th byte is not read";
     EXPECT_EQ(7u, parse(std::string(4095 - 5, 'x') + "mem\0"
                                                      "7"s,
                         "mem"));
@@ -88,7 +88,7 @@ TEST(ParseCmdline, TheCharacterAfterTheKeyIsSkippedEvenIfItIsAZeroByte)
 TEST(ParseCmdline, Only4095BytesCount)
 {
     auto padded = [](std::size_t before, const std::string &tail) { return std::string(before, 'x') + tail; };
-    EXPECT_EQ(7u, parse(padded(4095 - 5, "mem=7") + "89", "mem")) << "the digits behind are not read";
+    EXPECT_EQ(7u, parse(padded(4095 - 5, "mem=7") + "89", "mem")) << "the digits beyond are not read";
     EXPECT_EQ(0u, parse(padded(4095 - 4, "mem=7"), "mem"));
     EXPECT_EQ(0u, parse(padded(4095 - 3, "mem=7"), "mem")) << "the key ends at the last byte";
     EXPECT_EQ(0u, parse(padded(4095 - 2, "mem=7"), "mem"));
@@ -153,7 +153,7 @@ TEST(Output, QuietLevelsPrintOnlyOnADeviceBootedVerbosely)
 TEST(Output, Levels1And4And5AlwaysPrint)
 {
     bind_over("/proc/cmdline", "quiet\n");
-    EXPECT_EQ(0, qv_output(1, "one\n")) << "which tells nothing of its length";
+    EXPECT_EQ(0, qv_output(1, "one\n")) << "the result is not the length";
     EXPECT_EQ(5, qv_output(4, "four\n"));
     EXPECT_EQ(5, qv_output(5, "five\n"));
     EXPECT_EQ("one\nfour\nfive\n", read_file(kConsole));
@@ -171,7 +171,7 @@ TEST(Output, TextIsCutTo1023CharactersAndPercentSignsStay)
 TEST(BootArgsKernel, ArgumentsOfTheRealCommandLine)
 {
     if (std::getenv("LIBCOMMON_VM_EPOCH") == nullptr)
-        GTEST_SKIP() << "needs a machine booted with arguments of ours";
+        GTEST_SKIP() << "needs a machine booted with the test's arguments";
     EXPECT_EQ(0x100u, qv_parse_cmdline("/proc/cmdline", "libcommon.probe"));
     EXPECT_EQ(1, qv_has_bootargs("qv_output"));
     EXPECT_EQ(8, qv_output(2, "verbose\n"));

@@ -3,20 +3,18 @@
 #include "log/civil_time.h"
 
 #include "console_print.h"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <climits>
 #include <ctime>
-#include <random>
 
 using namespace qv;
 using namespace support;
 
 TEST(CivilTime, AgreesWithTheCLibraryOverAWideRange)
 {
-    constexpr unsigned kSeed = 42;
-    SCOPED_TRACE("seed " + std::to_string(kSeed));
-    std::mt19937_64 random(kSeed);
+    Random64 random(42);
     std::vector<std::time_t> times = {0,      -1,        1,         86399,      86400,     -86400,
                                       -86401, 951782399, 951782400, 4107542399, 4107542400};
     for (std::size_t i = 0; i < effort(300000); i++)
@@ -24,7 +22,7 @@ TEST(CivilTime, AgreesWithTheCLibraryOverAWideRange)
     for (std::time_t t : times) {
         tm wanted;
         if (::gmtime_r(&t, &wanted) == nullptr)
-            continue; // a year that its int cannot hold
+            continue; // the year overflows an int
         console::civil_time got = console::civil_from_time(t);
         ASSERT_EQ(wanted.tm_year + 1900L, got.year) << t;
         ASSERT_EQ(wanted.tm_mon + 1, got.month) << t;

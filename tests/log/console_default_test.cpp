@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reading of the kernel's list of consoles, which runs when the platform does not answer for it: here the switch is
-// the test's own.
+// The reading of the kernel's list of consoles, which happens unless the platform decides. This program defines the
+// platform's switch itself.
 #include "console_print.h"
 
 #include "support/support.h"
@@ -34,8 +34,8 @@ TEST(DefaultConsole, TheOwnLineMustCarryBothFlags)
     EXPECT_EQ(1, asked(kPreferred));
     EXPECT_EQ(1, asked(kOther + kPreferred));
     EXPECT_EQ(0, asked("ttyS0 -W- (E  p a) 4:64\n"));
-    EXPECT_EQ(0, asked("ttyS0 -W- (E  p a) 4:64\ntty0 -WU (EC p ) 4:1\n")) << "flags of a later line";
-    EXPECT_EQ(0, asked("tty0 -WU (EC p ) 4:1\nttyS0 -W- (E p a) 4:64\n")) << "flags of an earlier line";
+    EXPECT_EQ(0, asked("ttyS0 -W- (E  p a) 4:64\ntty0 -WU (EC p ) 4:1\n")) << "flags of a later line do not count";
+    EXPECT_EQ(0, asked("tty0 -WU (EC p ) 4:1\nttyS0 -W- (E p a) 4:64\n")) << "flags of an earlier line do not count";
     EXPECT_EQ(0, asked("tty0 -WU (EC p ) 4:1\n"));
     EXPECT_EQ(0, asked(""));
 }
@@ -54,7 +54,8 @@ TEST(DefaultConsole, OnlyTheFirstOccurrenceOfTheNameIsLookedAt)
 TEST(DefaultConsole, Only255BytesAreRead)
 {
     EXPECT_EQ(1, asked(std::string(254 - kPreferred.size(), '#') + "\n" + kPreferred));
-    EXPECT_EQ(0, asked(std::string(255 - kPreferred.size(), '#') + "\n" + kPreferred)) << "its newline is the 256th";
+    EXPECT_EQ(0, asked(std::string(255 - kPreferred.size(), '#') + "\n" + kPreferred))
+        << "its newline is the 256th byte";
 }
 
 TEST(DefaultConsole, AMissingListMeansNo)
@@ -101,5 +102,5 @@ TEST(DefaultConsole, TheSignalPathAsksForItself)
     EXPECT_EQ("b\n", read_file(kSerial));
     bind_over("/proc/consoles", kPreferred);
     print("c\n");
-    EXPECT_EQ("b\nc\n", read_file(kSerial)) << "once";
+    EXPECT_EQ("b\nc\n", read_file(kSerial)) << "only once";
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Console lines of the termination logger and of the trace toggle, printed inside their handlers: ordinary lines, but
-// without lock or allocation.
+// Console lines that the termination logger and the trace toggle print inside their handlers: ordinary lines, printed
+// without a lock or an allocation.
 #include "console_print.h"
 
 #include "fault/crash_support.h"
@@ -28,7 +28,7 @@ constexpr std::time_t kWinter = 1769850000; // 2026-01-31 09:00:00 UTC
 constexpr std::time_t kSummer = 1785488400; // 2026-07-31 09:00:00 UTC
 constexpr const char *kDaylightZone = "CET-1CEST,M3.5.0,M10.5.0/3";
 
-std::time_t told_time = 0; // 0: the real one
+std::time_t told_time = 0; // 0: the real time
 std::atomic<bool> counting{false};
 std::atomic<int> allocations{0};
 
@@ -58,7 +58,7 @@ std::string lines_of(pid_t pid, const std::string &stamp)
     return stamp + "mkdir /flash/core  failed, Read-only file system\n" + stamp + "Fail to create " + path + " \n";
 }
 
-// What the fatal path makes of a message, which formats like the handlers' lines.
+// A message as the fatal path formats it, which is how handlers format their lines.
 std::string formatted(int error, const char *text, ...)
 {
     ::unlink("/tmp/formatted");
@@ -94,7 +94,7 @@ extern "C" std::time_t time(std::time_t *t)
     return now;
 }
 
-// A sanitizer has its own malloc(), which looks functions up before this one can run.
+// A sanitizer has its own malloc(), which looks up functions before this one can run.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void *malloc(std::size_t size)
 {
@@ -121,7 +121,7 @@ TEST(HandlerLines, AreOrdinaryLinesInLocalTime)
     EXPECT_EQ(lines_of(child.pid, ""), read_file(kConsole));
 }
 
-TEST(HandlerLines, OfTheTraceToggleToo)
+TEST(HandlerLines, IncludeThoseOfTheTraceToggle)
 {
     ::setenv("TZ", "XXX+3", 1);
     told_time = kWinter;
@@ -136,7 +136,7 @@ TEST(HandlerLines, OfTheTraceToggleToo)
               read_file(kLog));
 }
 
-TEST(HandlerLines, FollowAChangeOfTheZoneThatAnOrdinaryLineHasSeen)
+TEST(HandlerLines, FollowAZoneChangeThatAnOrdinaryLineHasSeen)
 {
     ::setenv("TZ", "UTC0", 1);
     told_time = kWinter;
@@ -232,7 +232,7 @@ int noting_mirror(const char *text, va_list ap)
 
 } // namespace
 
-TEST(HandlerLines, ReachTheMirrorHookFirstAndItsErrnoNot)
+TEST(HandlerLines, ReachTheMirrorHookFirstAndIgnoreItsErrno)
 {
     ChildResult child = run_child([] {
         rename_process("routed");
@@ -250,7 +250,7 @@ TEST(HandlerLines, ReachTheMirrorHookFirstAndItsErrnoNot)
 TEST(HandlerLines, AllocateNothingInAnyLocale)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "sanitizers allocate for themselves";
+        GTEST_SKIP() << "sanitizers allocate memory themselves";
     ChildResult child = run_child([] {
         arm();
         bool has_locale = std::setlocale(LC_ALL, "C.UTF-8") != nullptr;
@@ -264,8 +264,8 @@ TEST(HandlerLines, AllocateNothingInAnyLocale)
 
 TEST(HandlerLines, NeverWaitForTheInterruptedCode)
 {
-    // The signal meets a thread anywhere in its ordinary line, with the heap's lock or the clock's.
-    ::unsetenv("TZ"); // a long way through the zone code
+    // The signal interrupts a thread anywhere in an ordinary line, also while it holds the heap's lock or the clock's.
+    ::unsetenv("TZ"); // makes the zone code slow
     write_file("/etc/ilog.txt", "");
     for (std::size_t i = 0; i < effort(60); i++) {
         ChildResult child = run_child(
@@ -278,7 +278,7 @@ TEST(HandlerLines, NeverWaitForTheInterruptedCode)
                     ::kill(parent, SIGTERM);
                     ::_exit(0);
                 }
-                const std::string text(1500, 'x'); // grows onto the heap
+                const std::string text(1500, 'x'); // needs the heap
                 ::truncate("/etc/ilog.txt", 0);
                 while (::waitpid(sender, nullptr, WNOHANG) == 0)
                     qv_ilog("%s\n", i % 2 == 0 ? "short" : text.c_str());
@@ -288,7 +288,7 @@ TEST(HandlerLines, NeverWaitForTheInterruptedCode)
     }
 }
 
-TEST(HandlerLines, PassWhileTheCallerKeepsTheClocksMutex)
+TEST(HandlerLines, AreWrittenWhileTheCallerHoldsTheClocksMutex)
 {
     ChildResult child = run_child(
         [] {
@@ -302,7 +302,7 @@ TEST(HandlerLines, PassWhileTheCallerKeepsTheClocksMutex)
     EXPECT_EQ(2u, logged().size());
 }
 
-TEST(HandlerLines, TakeTheFatalPathInsideTheCrashHandler)
+TEST(HandlerLines, UseTheFatalPathInsideTheCrashHandler)
 {
     ChildResult child = run_child([] {
         arm();
@@ -350,7 +350,7 @@ TEST(HandlerFormat, ALongFormatIsNotCutBeforeItsConversions)
 TEST(HandlerFormat, AllocatesNothing)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "sanitizers allocate for themselves";
+        GTEST_SKIP() << "sanitizers allocate memory themselves";
     if (std::setlocale(LC_ALL, "C.UTF-8") == nullptr)
         GTEST_SKIP() << "no other locale is installed";
     auto print = [](const char *text, ...) {

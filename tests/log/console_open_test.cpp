@@ -13,7 +13,7 @@ using namespace support;
 
 extern "C" int qv_is_support_default_console_device(void)
 {
-    return 0; // so that the serial port is an output of its own
+    return 0; // so that the serial port is a separate output
 }
 
 namespace {

@@ -48,7 +48,7 @@ void make_log(std::size_t size, const std::string &path = kLog)
     write_file(path, std::string(size, 'o'));
 }
 
-// What was appended to a log made by make_log().
+// What is appended to a log made by make_log().
 std::string appended(std::size_t size, const std::string &path = kLog)
 {
     return read_file(path).substr(size);
@@ -120,16 +120,16 @@ TEST(ConsolePrint, GoesToTheConsoleAndTheLog)
     EXPECT_EQ(13, console_print("link %s is %d\n", "up", 7));
     EXPECT_EQ("link up is 7\n", read_file(kConsole));
     EXPECT_EQ(kStamp + "link up is 7\n", read_file(kLog));
-    EXPECT_EQ("", read_file(kSerial)) << "the console reaches it already";
+    EXPECT_EQ("", read_file(kSerial)) << "the console is the serial port";
 }
 
-TEST(ConsolePrint, KeepsOffTheConsoleWhenTheHostSaysSo)
+TEST(ConsolePrint, StaysOffTheConsoleWhenTheHostRequestsIt)
 {
     numa_answer = 1;
     EXPECT_EQ(2, console_print("a\n"));
     EXPECT_EQ("", read_file(kConsole));
     EXPECT_EQ(kStamp + "a\n", read_file(kLog));
-    EXPECT_EQ(2, console_print_t("b\n")) << "which only it asks";
+    EXPECT_EQ(2, console_print_t("b\n")) << "only this function asks the hook";
     EXPECT_EQ("b\n", read_file(kConsole));
     numa_answer = -1;
     console_print("c\n");
@@ -143,7 +143,7 @@ int printv(const char *format, ...)
     va_list ap;
     va_start(ap, format);
     int first = console_printv(format, ap);
-    int second = console_printv(format, ap); // the list is untouched
+    int second = console_printv(format, ap); // the argument list is unchanged
     va_end(ap);
     EXPECT_EQ(first, second);
     return first;
@@ -196,7 +196,7 @@ TEST(ConsolePrint, ALogThatCannotBeOpenedIsNoFailure)
     EXPECT_EQ("read-only\n", read_file(kConsole));
 }
 
-TEST(ConsolePrint, ARemovedLogIsMadeAnew)
+TEST(ConsolePrint, ARemovedLogIsCreatedAgain)
 {
     qv_clog("a\n");
     ::unlink(kLog);
@@ -223,7 +223,7 @@ TEST(ConsoleDevice, IsOpenedOnceAndKept)
     console_print_t("b\n");
     int after = ::open("/dev/null", O_RDONLY);
     EXPECT_EQ(next + 1, after);
-    ::unlink(kConsole); // a device replaced later is not seen
+    ::unlink(kConsole); // a later replacement of the device has no effect
     EXPECT_EQ(2, console_print_t("c\n"));
     EXPECT_FALSE(exists(kConsole));
 }
@@ -239,7 +239,7 @@ TEST(ConsoleDevice, AFailedOpenIsTriedAgain)
     EXPECT_EQ(kStamp + "a\n" + kStamp + "b\n", read_file(kLog));
 }
 
-TEST(ConsoleDevice, DescriptorZeroIsAsGoodAsAny)
+TEST(ConsoleDevice, DescriptorZeroIsUsedLikeAnyOther)
 {
     ChildResult child = run_child([] {
         ::close(0);
@@ -307,7 +307,7 @@ TEST(ConsoleLength, TheNoticeGoesToAnOpenConsoleOnly)
     EXPECT_EQ("", read_file(kConsole));
     EXPECT_FALSE(exists(kLog));
     console_print_t("open\n");
-    EXPECT_EQ(20000, qv_ilog("%s", line(20000).c_str())) << "also for a text that is not for the console";
+    EXPECT_EQ(20000, qv_ilog("%s", line(20000).c_str())) << "also if the text does not go to the console";
     EXPECT_EQ("open\n" + kTooLong, read_file(kConsole));
 }
 
@@ -352,7 +352,7 @@ TEST(ConsoleLength, AnEmptyMessageGetsNoStamp)
 
 // ---- stamps ----
 
-TEST(ConsoleStamp, StandsBeforeThePieceThatEndsTheLine)
+TEST(ConsoleStamp, PrecedesThePieceThatEndsTheLine)
 {
     qv_clog("one, ");
     qv_clog("two\n");
@@ -381,11 +381,11 @@ TEST(ConsoleStamp, FollowsTheTimeZone)
     EXPECT_EQ("2026-01-31 11:30:00 x\n2026-01-30 23:00:00 y\n", read_file(kLog));
 }
 
-TEST(ConsoleStamp, WithoutATimeThereIsNone)
+TEST(ConsoleStamp, IsLeftOutWithoutATime)
 {
     told_time = -1;
     EXPECT_EQ(2, qv_clog("x\n"));
-    told_time = LONG_MAX; // no calendar has it
+    told_time = LONG_MAX; // beyond every calendar
     EXPECT_EQ(2, qv_clog("y\n"));
     EXPECT_EQ("x\ny\n", read_file(kLog));
 }
@@ -402,7 +402,7 @@ TEST(ConsoleStamp, LeavesTheStaticRecordOfLocaltimeAlone)
 TEST(ConsoleStampKernel, Epoch1970ClockGivesUptime)
 {
     if (std::getenv("LIBCOMMON_VM_EPOCH") == nullptr)
-        GTEST_SKIP() << "needs a machine whose clock stands in 1970";
+        GTEST_SKIP() << "needs a machine with a clock in 1970";
     static auto real = support::next_function<std::time_t(std::time_t *)>("time");
     told_time = real(nullptr);
     qv_clog("x\n");
@@ -411,7 +411,7 @@ TEST(ConsoleStampKernel, Epoch1970ClockGivesUptime)
 
 // ---- the size limit ----
 
-TEST(ConsoleLimit, AFileOfJust512KiBTakesOneMore)
+TEST(ConsoleLimit, AFileOfExactly512KiBAcceptsOneMore)
 {
     make_log(524288);
     qv_clog("x\n");
@@ -420,19 +420,19 @@ TEST(ConsoleLimit, AFileOfJust512KiBTakesOneMore)
     EXPECT_EQ(kStamp + "x\n", appended(524288));
 }
 
-TEST(ConsoleLimit, DropsAreCountedAndNotedByTheNextThatGetsIn)
+TEST(ConsoleLimit, DropsAreCountedAndReportedByTheNextLineWritten)
 {
     make_log(524289);
     EXPECT_EQ(2, console_print("1\n"));
     EXPECT_EQ(2, qv_clog("2\n"));
     EXPECT_EQ(1, qv_clog("3"));
     EXPECT_EQ("", appended(524289));
-    EXPECT_EQ("1\n", read_file(kConsole)) << "the console got its part";
+    EXPECT_EQ("1\n", read_file(kConsole)) << "the console has the first line";
     make_log(0);
     qv_clog("4\n");
     EXPECT_EQ(drops(3) + kStamp + "4\n", read_file(kLog));
     qv_clog("5\n");
-    EXPECT_EQ(drops(3) + kStamp + "4\n" + kStamp + "5\n", read_file(kLog)) << "noted once";
+    EXPECT_EQ(drops(3) + kStamp + "4\n" + kStamp + "5\n", read_file(kLog)) << "the notice appears once";
 }
 
 TEST(ConsoleLimit, OneCountForAllLogs)
@@ -442,10 +442,10 @@ TEST(ConsoleLimit, OneCountForAllLogs)
     qv_ilog("1\n");
     boot_print("2\n");
     qv_clog("3");
-    EXPECT_EQ(drops(2) + "3", read_file(kLog)) << "noted also by a message without newline";
+    EXPECT_EQ(drops(2) + "3", read_file(kLog)) << "also before a message without newline";
 }
 
-TEST(ConsoleLimit, WithoutAStampTheNoticeStandsAlone)
+TEST(ConsoleLimit, WithoutAStampTheNoticeIsAlone)
 {
     make_log(600000);
     qv_clog("1\n");
@@ -470,7 +470,7 @@ TEST(Mirror, SeesEveryMessageAndItsResultIsIgnored)
     EXPECT_EQ("a1\nb\n", mirrored);
     mirror_func = mirror;
     console_print("d\n");
-    EXPECT_EQ("a1\nb\nd\n", mirrored) << "the global itself may be set";
+    EXPECT_EQ("a1\nb\nd\n", mirrored) << "the global may be set directly";
 }
 
 TEST(Mirror, SeesWhatIsTooLongToPrint)
@@ -480,7 +480,7 @@ TEST(Mirror, SeesWhatIsTooLongToPrint)
     EXPECT_EQ(std::string(63, 'x'), mirrored);
 }
 
-TEST(Mirror, OneThatPrintsIsCalledAgain)
+TEST(Mirror, AHookThatPrintsIsCalledAgain)
 {
     console_print_mfunc_set(printing_mirror);
     qv_clog("a\n");
@@ -491,13 +491,13 @@ TEST(Mirror, OneThatPrintsIsCalledAgain)
 
 // ---- errno ----
 
-TEST(ConsoleErrno, PercentMIsTheCallersWhateverHappensBefore)
+TEST(ConsoleErrno, PercentMIsTheCallersErrnoWhateverHappensBefore)
 {
     numa_spoils_errno = true;
     console_print_mfunc_set(mirror);
     errno = ENOENT;
     EXPECT_EQ(26, console_print("%m\n"));
-    EXPECT_EQ(ENOENT, errno) << "and stays the caller's";
+    EXPECT_EQ(ENOENT, errno) << "the caller's errno is unchanged";
     EXPECT_EQ("No such file or directory\n", read_file(kConsole));
     EXPECT_EQ("No such file or directory\n", mirrored);
 }

@@ -85,7 +85,7 @@ TEST(SigctxPrint, LongTextIsCutTo1024BytesWithItsZero)
         ::unlink("/tmp/log");
         EXPECT_EQ(1024, print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()));
         std::string wanted = std::string(1023, 'x') + '\0';
-        EXPECT_EQ(wanted, read_file("/tmp/log")) << n << ": and no stamp";
+        EXPECT_EQ(wanted, read_file("/tmp/log")) << n << ": without a stamp";
     }
 }
 
@@ -151,7 +151,8 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
     int next = ::open("/dev/null", O_RDONLY);
     print_to(1, nullptr, "c\n");
     EXPECT_EQ(next + 1, ::open("/dev/null", O_RDONLY)) << "opened once";
-    EXPECT_EQ("b\nc\n", read_file(kConsole)) << "each descriptor writes at its own place, here over the first line";
+    EXPECT_EQ("b\nc\n", read_file(kConsole))
+        << "each descriptor has its own offset: this one overwrites the first line";
 }
 
 TEST(SigctxDevice, AFailedOpenIsTriedAgain)
@@ -237,7 +238,7 @@ TEST(SigctxLimit, DropsAreCountedApartFromTheOrdinaryPath)
     EXPECT_THAT(read_file(kLog), testing::EndsWith(drops(1) + "5"));
 }
 
-TEST(SigctxLimit, AFileOfJust512KiBTakesOneMore)
+TEST(SigctxLimit, AFileOfExactly512KiBAcceptsOneMore)
 {
     write_file(kLog, std::string(524288, 'o'));
     print_to(0, kLog, "1\n");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Printing from several threads. Apart from the other console tests, whose stand-ins for the C library's functions the
-// thread sanitizer does not bear.
+// Printing from several threads. Separate from the other console tests, whose replacements of C library functions the
+// thread sanitizer does not support.
 #include "bootargs.h"
 #include "console_print.h"
 
@@ -96,10 +96,10 @@ TEST(ConsoleCancellation, ActsAfterTheMessage)
     std::size_t before = open_descriptors();
     std::thread printing([] {
         ::pthread_cancel(::pthread_self());
-        print_fatal("%s\n", "fatal"); // never acts: its callers are handlers
+        print_fatal("%s\n", "fatal"); // no cancellation point: its callers are handlers
         qv_parse_cmdline("/proc/cmdline", "no such key");
         qv_clog("%s\n", std::string(3000, 'x').c_str());
-        ADD_FAILURE() << "the request was forgotten";
+        ADD_FAILURE() << "the cancellation request is lost";
     });
     printing.join();
     EXPECT_EQ(before, open_descriptors());

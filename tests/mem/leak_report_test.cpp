@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The records of full tracing with a clock of the test's own: ages, call chains, and what a report says and costs.
+// The records of full tracing with the test's clock: ages, call chains, the content of a report and its side effects.
 #include "qv_mtrace.h"
 
 #include "console_print.h"
@@ -21,7 +21,7 @@ namespace {
     if (under_sanitizer())                                                                                             \
     GTEST_SKIP() << "interposition is off in this build: the sanitizer has the allocator"
 
-time_t clock_now = 0; // 0: the system's
+time_t clock_now = 0; // 0: the system clock
 
 std::vector<leak_group> report()
 {
@@ -30,7 +30,7 @@ std::vector<leak_group> report()
     return groups;
 }
 
-// Bytes of the blocks that are old enough at this time.
+// Bytes of the blocks that a report at this time finds old enough.
 std::uint32_t leaked_at(time_t now)
 {
     clock_now = now;
@@ -49,7 +49,7 @@ std::array<unsigned, 7> counters()
     return result;
 }
 
-// A table of the test's own: tracing is on only inside the hooks that are called by hand.
+// A table with only the test's blocks: nothing is traced but what the test passes to the hooks itself.
 void start_quietly()
 {
     qv_mtrace_reset();
@@ -120,7 +120,7 @@ extern "C" time_t time(time_t *t) noexcept
 
 // ---- ages ----
 
-TEST(LeakAge, ABlockCountsFromTheSecondOnInWhichItIsOldEnough)
+TEST(LeakAge, ABlockCountsOnceItIsOldEnough)
 {
     clock_now = 5000;
     start_quietly();
@@ -130,7 +130,7 @@ TEST(LeakAge, ABlockCountsFromTheSecondOnInWhichItIsOldEnough)
     EXPECT_EQ(0U, leaked_at(5009));
     EXPECT_EQ(70U, leaked_at(5010));
     EXPECT_EQ(70U, leaked_at(5011));
-    EXPECT_EQ(0U, leaked_at(4000)) << "the clock was set back";
+    EXPECT_EQ(0U, leaked_at(4000)) << "as if the clock was set back";
     time_wait = 0;
     EXPECT_EQ(70U, leaked_at(5000));
     qv_mtrace_reset();
@@ -151,11 +151,11 @@ TEST(LeakAge, TheLineNamesTheLiveBlocksAndTheOldOnes)
                 testing::EndsWith("Total record 10,  3 records malloc but not free within 10(s)"));
     write_file("/etc/consolelog", "");
     EXPECT_EQ(10U, leaked_at(5011));
-    EXPECT_EQ("", read_file("/etc/consolelog")) << "none is too young";
+    EXPECT_EQ("", read_file("/etc/consolelog")) << "no block is too young";
     qv_mtrace_reset();
 }
 
-TEST(LeakAge, AReallocationBeginsAnew)
+TEST(LeakAge, AReallocationStartsOver)
 {
     clock_now = 5000;
     start_quietly();
@@ -179,7 +179,7 @@ TEST(LeakAge, AReallocationBeginsAnew)
     qv_mtrace_reset();
 }
 
-TEST(LeakAge, ABlockFromANullReallocationHasItsTimeToo)
+TEST(LeakAge, ABlockFromANullReallocationIsTimedToo)
 {
     clock_now = 5000;
     start_quietly();
@@ -203,7 +203,8 @@ TEST(CallChain, HasEightAddressesAtMost)
     ASSERT_EQ(1U, groups.size());
     for (std::uint64_t address : groups[0].trace)
         EXPECT_NE(0U, address);
-    EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 2], groups[0].trace[MTRACE_CHAIN_SIZE - 1]) << "in the recursion";
+    EXPECT_EQ(groups[0].trace[MTRACE_CHAIN_SIZE - 2], groups[0].trace[MTRACE_CHAIN_SIZE - 1])
+        << "both lie in the recursion";
     qv_mtrace_reset();
 }
 
@@ -229,7 +230,7 @@ TEST(CallChain, AShortOneEndsInZeros)
 {
     start_quietly();
     time_wait = 0;
-    pthread_t thread; // its stack begins with the C library's two frames
+    pthread_t thread; // its stack starts with two frames of the C library
     pthread_create(
         &thread, nullptr,
         [](void *block) -> void * {
@@ -283,7 +284,7 @@ TEST(Report, HasThirtyTwoGroupsAtMost)
         std::uint64_t after;
     } guarded = {{}, 0x5555};
     EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&guarded.rec, 0));
-    EXPECT_EQ(32U, guarded.rec.rows);
+    EXPECT_EQ(std::uint32_t{MTRACE_ROWS}, guarded.rec.rows);
     EXPECT_EQ(40U, guarded.rec.full[0]);
     EXPECT_EQ(0x5555U, guarded.after);
     qv_mtrace_reset();
@@ -299,7 +300,7 @@ TEST(Report, DoesNotChangeTheCountersThatItReports)
         qv_mtrace_reset();
         my_init_hook();
         qv_mtrace_start();
-        void *volatile block = std::malloc(100); // too young, which is said
+        void *volatile block = std::malloc(100); // too young, which prints a line
         mtrace_stat_record first = {}, second = {};
         EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&first, 0));
         EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&second, 0));
@@ -344,9 +345,9 @@ TEST(ReallocToZero, EndsTheRecordAndKeepsItsBytesInTheTotal)
     auto after = counters();
     EXPECT_EQ(before[0] - 1, after[0]);
     EXPECT_EQ(before[1], after[1]);
-    EXPECT_EQ(before[3], after[3]) << "it is not a free";
+    EXPECT_EQ(before[3], after[3]) << "not counted as a free";
     EXPECT_EQ(before[5] + 1, after[5]);
-    EXPECT_EQ(before[6], after[6]) << "and not unmatched";
+    EXPECT_EQ(before[6], after[6]) << "nor as unmatched";
     qv_mtrace_reset();
 }
 
@@ -367,7 +368,7 @@ const std::vector<std::string> kWhole = {"= Start", "= End"};
 
 } // namespace
 
-TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
+TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndStartsAnother)
 {
     ::setenv("MALLOC_TRACE", "/tmp/first", 1);
     mtrace();
@@ -375,7 +376,7 @@ TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
     qv_mtrace_start();
     EXPECT_EQ(kWhole, marks_in("/tmp/first"));
     EXPECT_TRUE(exists("/tmp/second"));
-    EXPECT_NE(my_malloc_hook, __malloc_hook) << "the new trace stands on the full hooks";
+    EXPECT_NE(my_malloc_hook, __malloc_hook) << "the new trace calls the full hooks";
     ::unsetenv("MALLOC_TRACE");
     muntrace();
     EXPECT_EQ(my_malloc_hook, __malloc_hook);
@@ -383,7 +384,7 @@ TEST(TraceFileAndFullTracing, AStartEndsTheOldTraceAndBeginsANewOne)
     qv_mtrace_reset();
 }
 
-TEST(TraceFileAndFullTracing, AStopEndsTheTraceAndBeginsNone)
+TEST(TraceFileAndFullTracing, AStopEndsTheTraceAndStartsNone)
 {
     for (auto stop : {qv_mtrace_stop, qv_mtrace_reset}) {
         ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
@@ -398,7 +399,7 @@ TEST(TraceFileAndFullTracing, AStopEndsTheTraceAndBeginsNone)
     qv_mtrace_reset();
 }
 
-TEST(TraceFileAndFullTracing, LoadingAgainEndsTheTraceAndBeginsANewOne)
+TEST(TraceFileAndFullTracing, LoadingAgainEndsTheTraceAndStartsAnother)
 {
     ::setenv("MALLOC_TRACE", "/tmp/first", 1);
     mtrace();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who has which shard of the light statistics. The file is linked with a copy of its own of the source: nothing of this
-// can be seen from outside but the time that it takes.
+// Which thread owns which shard of the light statistics. Linked with its own copy of the source, since none of this is
+// visible from outside.
 #include "mem/light_stats.h"
 
 #include "support/support.h"
@@ -24,7 +24,7 @@ void count_one()
     light::count_in_searched_shard(&light::class_counters::allocs, 32, &light::class_counters::bytes_taken, nullptr);
 }
 
-// Threads that have all counted before the first one ends.
+// Runs threads that all count before the first one ends.
 void run_at_once(unsigned threads, void *(*work)(void *))
 {
     std::vector<pthread_t> started(threads);
@@ -54,23 +54,23 @@ void *count_at_the_end(void *all_there)
 
 } // namespace
 
-TEST(LightShards, AreGivenBackAtAThreadsEnd)
+TEST(LightShards, AreReleasedAtAThreadsEnd)
 {
     light::watch_threads();
     count_one();
     EXPECT_EQ(1, taken());
     run_at_once(40, count_together);
     EXPECT_EQ(1, taken());
-    run_at_once(300, count_together); // more than there are
+    run_at_once(300, count_together); // more than there are shards
     EXPECT_EQ(1, taken());
     EXPECT_EQ(341U, light::read()[5].allocs);
     EXPECT_EQ(341U * 32, light::read()[5].bytes_taken);
 }
 
-TEST(LightShards, AThreadThatCountsWhileItEndsTakesNone)
+TEST(LightShards, AThreadThatCountsWhileItEndsGetsNone)
 {
     light::watch_threads();
-    // Called after the library's, and again, as long as it is set again.
+    // A destructor that runs after the library's, and runs again while it sets its key again.
     pthread_key_create(&later_key, [](void *value) {
         count_one();
         pthread_setspecific(later_key, value);

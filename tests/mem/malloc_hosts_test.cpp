@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Hosts that need a process of their own: their malloc() is not the library's, or other libraries take part.
+// Hosts that need a separate process: their malloc() is not the library's, or other libraries are involved.
 #include "support/support.h"
 
 #include <sys/auxv.h>
@@ -51,7 +51,7 @@ TEST(MallocHosts, OneWithItsOwnAllocatorServesTheLibraryToo)
 
 namespace {
 
-// A program of the tests with a tunable of the C library's.
+// Runs a test program with a tunable of the C library.
 std::vector<std::string> tuned(const std::string &tunable, std::vector<std::string> arguments)
 {
     arguments[0] = build_dir() + "/tests/" + arguments[0];
@@ -73,7 +73,7 @@ bool processor_has_tags()
 TEST(MallocHosts, OneUnderTheCLibrarysChecker)
 {
     NEEDS_INTERPOSITION();
-    // With its checks on, the checker has a lock of its own that a child finds taken: then nothing is forked.
+    // With its checks on, the checker has another lock, which a forked child would find held: no fork then.
     const std::pair<const char *, std::size_t> modes[] = {{"glibc.malloc.check=0", effort(200)},
                                                           {"glibc.malloc.check=3", 0}};
     for (auto [tunable, forks] : modes) {

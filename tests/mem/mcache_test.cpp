@@ -3,6 +3,7 @@
 
 #include "fault/crash_support.h"
 #include "qv_mtrace.h"
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -12,7 +13,6 @@
 #include <deque>
 #include <list>
 #include <pthread.h>
-#include <random>
 #include <set>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -140,7 +140,7 @@ TEST(McacheCreate, TheListHoldsAllCachesNewestFirst)
     EXPECT_EQ(a, b->next_cache);
     EXPECT_EQ(before, a->next_cache);
     EXPECT_EQ(nullptr, mcache_create("x", 8, nullptr, 0, -1));
-    EXPECT_EQ(b, zlist) << "a cache that is refused is in no list";
+    EXPECT_EQ(b, zlist) << "a refused cache is in no list";
 }
 
 TEST(McacheCreate, CachesMadeByManyThreadsAreAllListed)
@@ -169,7 +169,7 @@ TEST(McacheCreate, FailsWithoutMemory)
 
 // ---- pages ----
 
-TEST(McachePages, AFreshPageIsLaidOutInOrder)
+TEST(McachePages, AFreshPageAllocatesItsSlotsInOrder)
 {
     mcache *cache = mcache_create("layout", 20, nullptr, 0, 2);
     auto *first = static_cast<char *>(mcache_alloc(cache));
@@ -199,7 +199,7 @@ TEST(McachePages, OnlyBit0OfASlotsFlagsIsChanged)
     mcache_free(cache, object);
     EXPECT_EQ(0x80000006U, flags_of(object)) << "only the allocated bit is cleared";
     EXPECT_EQ(object, mcache_alloc(cache));
-    EXPECT_EQ(0x80000007U, flags_of(object)) << "and set";
+    EXPECT_EQ(0x80000007U, flags_of(object)) << "and set again";
     mcache_free(cache, object);
     mcache_free(cache, keeper);
     EXPECT_EQ(0U, cache->in_use);
@@ -226,16 +226,16 @@ TEST(McachePages, MoveBetweenTheLists)
     for (int i = 0; i < 12; i++)
         objects.push_back(mcache_alloc(cache));
     page_record *a = page_of(objects[0]), *b = page_of(objects[4]), *c = page_of(objects[8]);
-    EXPECT_EQ((std::vector<page_record *>{c, b, a}), pages(cache->full_pages)) << "the last to fill comes first";
+    EXPECT_EQ((std::vector<page_record *>{c, b, a}), pages(cache->full_pages)) << "the last one filled comes first";
     EXPECT_EQ(nullptr, cache->partial_head);
     EXPECT_EQ(nullptr, cache->partial_tail);
-    EXPECT_EQ(4U, cache->page_count) << "with the spare";
+    EXPECT_EQ(4U, cache->page_count) << "the spare included";
     EXPECT_EQ(12U, cache->in_use);
 
     mcache_free(cache, objects[5]); // from the middle of the full pages
     EXPECT_EQ((std::vector<page_record *>{c, a}), pages(cache->full_pages));
     mcache_free(cache, objects[0]); // from the end of the list
-    mcache_free(cache, objects[9]); // and from its start
+    mcache_free(cache, objects[9]); // from its start
     EXPECT_EQ(nullptr, cache->full_pages);
     EXPECT_EQ((std::vector<page_record *>{b, a, c}), pages(cache->partial_head)) << "in the order of their first frees";
     EXPECT_EQ(c, as_page(cache->partial_tail));
@@ -254,7 +254,7 @@ TEST(McachePages, MoveBetweenTheLists)
     EXPECT_EQ(nullptr, cache->partial_tail);
     for (int i : {4, 5, 6, 7})
         mcache_free(cache, objects[static_cast<std::size_t>(i)]);
-    EXPECT_EQ(1U, cache->page_count) << "the spare stays";
+    EXPECT_EQ(1U, cache->page_count) << "the spare remains";
     EXPECT_EQ(0U, cache->in_use);
 }
 
@@ -487,7 +487,7 @@ namespace {
 struct Misuse {
     const char *name;
     void (*run)(mcache *cache);
-    const char *function; // that finds it
+    const char *function; // that detects the misuse
 };
 
 std::ostream &operator<<(std::ostream &out, const Misuse &misuse)
@@ -503,7 +503,7 @@ bool lies_in(const std::string &address, const void *function, unsigned long siz
     return at > begin && at < begin + size;
 }
 
-// The code addresses of a log's backtrace, which are in brackets at the ends of its lines.
+// The code addresses of a log's backtrace: the bracketed text at the end of each line.
 std::vector<std::string> addresses(const crash::Log &log)
 {
     std::vector<std::string> result;
@@ -531,7 +531,7 @@ TEST_P(McacheMisuse, CrashesWithItsCallerInTheLog)
     crash::Log log = crash::LogReader(text).read();
     EXPECT_EQ("", log.error);
     EXPECT_EQ(SIGSEGV, log.sig);
-    EXPECT_EQ(0U, log.fault) << "a write to nowhere";
+    EXPECT_EQ(0U, log.fault) << "a write to address 0";
     std::vector<std::string> at = addresses(log);
     EXPECT_TRUE(std::any_of(at.begin(), at.end(), [](const std::string &a) {
         return lies_in(a, reinterpret_cast<const void *>(GetParam().run), 256);
@@ -624,17 +624,17 @@ struct Model {
 
 } // namespace
 
-TEST(McacheModel, RandomWork)
+TEST(McacheModel, RandomWorkAgreesWithLists)
 {
     for (unsigned seed = 1; seed <= 6; seed++) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed);
-        std::mt19937 random(seed);
+        Random random(seed);
         unsigned size = 1 + static_cast<unsigned>(random() % (seed % 2 == 0 ? 2000 : 200));
         mcache *cache = mcache_create("model", size, nullptr, 0, 1 + static_cast<int>(random() % 2));
         Model model;
         std::vector<void *> objects;
         for (std::size_t step = 0; step < effort(40000); step++) {
             bool grow = objects.empty() || random() % 100 < (step / 2000 % 2 == 0 ? 55 : 45);
+            random.doing(grow ? "allocate after" : "free one of", objects.size());
             if (grow) {
                 void *object = mcache_alloc(cache);
                 model.allocated(cache, object);

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The trace file, and SIGUSR2 under fire.
+// The trace file, and SIGUSR2 while threads allocate.
 #include "qv_mtrace.h"
 
 #include "console_print.h"
 #include "sighandler.h"
 #include "signal_printf.h"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <map>
-#include <random>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -46,14 +46,14 @@ std::uint32_t allocations()
 
 void *volatile sink;
 
-// Keeps the compiler from leaving an allocation out.
+// Keeps the compiler from removing an allocation.
 void *kept(void *block)
 {
     sink = block;
     return block;
 }
 
-// What a traced body wrote, without the places.
+// The lines that a traced body writes, without the callers.
 std::vector<std::string> traced(const std::function<void()> &body)
 {
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
@@ -77,12 +77,12 @@ TEST(MtraceFile, StartsOnlyWithTheVariable)
     EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
     ::setenv("MALLOC_TRACE", "/nowhere/trace", 1);
     mtrace();
-    EXPECT_EQ(my_malloc_light_hook, __malloc_hook) << "a file that cannot be made starts nothing";
+    EXPECT_EQ(my_malloc_light_hook, __malloc_hook) << "a file that cannot be created starts no trace";
     muntrace();
     EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
 }
 
-TEST(MtraceFile, StandsOnTheHooksThatItFindsAndPutsThemBack)
+TEST(MtraceFile, CallsTheHooksThatItFindsAndRestoresThem)
 {
     ::setenv("MALLOC_TRACE", "/tmp/trace", 1);
     mtrace();
@@ -90,11 +90,11 @@ TEST(MtraceFile, StandsOnTheHooksThatItFindsAndPutsThemBack)
     EXPECT_NE(nullptr, __malloc_hook);
     auto hook = __malloc_hook;
     mtrace();
-    EXPECT_EQ(hook, __malloc_hook) << "one at a time";
+    EXPECT_EQ(hook, __malloc_hook) << "a second start changes nothing";
     std::uint32_t before = allocations();
     std::free(kept(std::malloc(10)));
     if (!under_sanitizer()) {
-        EXPECT_EQ(1U, allocations() - before) << "the light statistics go on below";
+        EXPECT_EQ(1U, allocations() - before) << "the light statistics continue below the trace";
     }
     muntrace();
     EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
@@ -139,7 +139,7 @@ TEST(MtraceFile, LinesOfTheCalls)
     EXPECT_EQ(expected, log);
 }
 
-TEST(MtraceFile, LinesTellThePlace)
+TEST(MtraceFile, LinesNameTheCaller)
 {
     NEEDS_INTERPOSITION();
     traced([] { std::free(kept(std::malloc(1))); });
@@ -176,7 +176,7 @@ TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
     void *block = kept(std::malloc(0x123));
     std::string address = hex(block);
     std::free(block);
-    EXPECT_EQ(before, allocations()) << "the light counters stand still meanwhile";
+    EXPECT_EQ(before, allocations()) << "the light counters do not change meanwhile";
     ::raise(SIGUSR2);
     EXPECT_EQ(nullptr, std::getenv("MALLOC_TRACE"));
     EXPECT_EQ(my_malloc_light_hook, __malloc_hook);
@@ -191,7 +191,7 @@ TEST(Sigusr2, StartsAndEndsATraceInPlaceOfTheHooks)
     EXPECT_EQ(1U, allocations() - before);
 }
 
-TEST(Sigusr2, IsSaid)
+TEST(Sigusr2, IsReported)
 {
     std::size_t start = read_file(kConsole).size();
     signal_mtrace(SIGUSR2);
@@ -255,10 +255,10 @@ TEST(Sigusr2, DuringFullTracing)
     signal_mtrace(SIGUSR2);
     EXPECT_EQ(my_malloc_hook, old_malloc_hook);
     void *block = kept(std::malloc(10));
-    qv_mtrace_stop(); // puts the old hooks in, which are the library's own now
+    qv_mtrace_stop(); // restores the old hooks, which are the library's own by now
     EXPECT_EQ(my_malloc_hook, __malloc_hook);
     std::free(block);
-    std::free(kept(std::malloc(10))); // and nothing goes in a circle
+    std::free(kept(std::malloc(10))); // must not recurse
     signal_mtrace(SIGUSR2);
     std::free(kept(std::malloc(10)));
     qv_mtrace_start();
@@ -271,7 +271,7 @@ TEST(Sigusr2, TheScriptOfTheToolsNamesTheLeak)
 {
     NEEDS_INTERPOSITION();
     if (::access("/usr/bin/mtrace", X_OK) != 0)
-        GTEST_SKIP() << "mtrace(1) of libc-devtools is not on this machine";
+        GTEST_SKIP() << "mtrace(1) of libc-devtools is not installed";
     install_sighandler();
     ::raise(SIGUSR2);
     void *leak = kept(std::malloc(4321));
@@ -286,7 +286,7 @@ TEST(Sigusr2, TheScriptOfTheToolsNamesTheLeak)
     std::free(leak);
 }
 
-TEST(Sigusr2, ManyPairsTakeNoMoreMemory)
+TEST(Sigusr2, ManyPairsUseNoMoreMemory)
 {
     auto pages = [] { return std::stoul(read_file("/proc/self/statm")); };
     auto pairs = [](int count) {
@@ -297,7 +297,7 @@ TEST(Sigusr2, ManyPairsTakeNoMoreMemory)
     unsigned long before = pages();
     pairs(100);
     EXPECT_EQ(before, pages());
-    // The host exchanges the environment's list in between.
+    // The host replaces the environment's list in between.
     for (int i = 0; i < 20; i++) {
         ::setenv(("HOST" + std::to_string(i)).c_str(), "1", 1);
         pairs(1);
@@ -319,7 +319,7 @@ TEST(Sigusr2, AVariableInAnEmptyEnvironment)
     EXPECT_STREQ("1", std::getenv("LATER"));
 }
 
-// Calls of mtrace() and toggles at once: one that mistakes the other's lock for its own waits for good.
+// Calls of mtrace() and toggles at the same time. One that mistook the other's lock for its own would wait forever.
 TEST(Sigusr2, AmongCallsOfMtrace)
 {
     NEEDS_INTERPOSITION();
@@ -354,7 +354,7 @@ TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
     pthread_t thread;
     auto work = [](void *) -> void * {
         pthread_cancel(pthread_self());
-        for (int i = 0; i < 1000; i++) // the buffer is written some times
+        for (int i = 0; i < 1000; i++) // enough to fill the buffer several times
             std::free(kept(std::malloc(10)));
         return const_cast<void **>(&sink);
     };
@@ -366,7 +366,7 @@ TEST(MtraceFile, ACancelledThreadDoesNotEndInsideTheAllocator)
     muntrace();
 }
 
-TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
+TEST(MtraceFile, AHookBelowATraceMayEndIt)
 {
     NEEDS_INTERPOSITION();
     ::alarm(30);
@@ -377,7 +377,7 @@ TEST(MtraceFile, AHookThatATraceStandsOnMayEndIt)
         calls++;
         muntrace();
         __malloc_hook = nullptr;
-        asm volatile("" ::: "memory"); // the compiler knows that malloc() does not read it
+        asm volatile("" ::: "memory"); // the compiler assumes that malloc() does not read it
         void *block = std::malloc(size);
         __malloc_hook = hook;
         return block;
@@ -429,7 +429,7 @@ namespace {
 
 pid_t forked = -1;
 
-// Forks once: what a signal handler may do that interrupted its thread in a traced call, with the locks held.
+// Forks once, like a signal handler that interrupts its thread in a traced call while that holds the locks.
 void *forking_hook(std::size_t size, const void *)
 {
     __malloc_hook = nullptr;
@@ -440,7 +440,7 @@ void *forking_hook(std::size_t size, const void *)
     return block;
 }
 
-// Whether the parent and the child made by `forks` both go on to the end.
+// Whether both the parent and the child made by `forks` reach the end.
 bool both_go_on(const std::function<void()> &forks)
 {
     return run_child([&] {
@@ -498,7 +498,7 @@ TEST(Fork, ByACallerThatHoldsTheTable)
 
 namespace {
 
-// Allocates at random until told to stop; every block holds its own size, so that a mix-up shows.
+// Allocates at random until `stop` is set. Every block contains its size, so that a mix-up is detected.
 class worker {
 public:
     explicit worker(unsigned seed) : random_(seed), blocks_(200) {}
@@ -559,15 +559,15 @@ double seconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// LIBCOMMON_SOAK_SECONDS asks for longer than a quick look.
+// LIBCOMMON_SOAK_SECONDS sets a longer time.
 double soak_time()
 {
     const char *asked = std::getenv("LIBCOMMON_SOAK_SECONDS");
     return asked != nullptr ? std::atof(asked) : 1.5;
 }
 
-// Eight threads allocate while the caller does what it likes; true when all blocks kept their contents.
-bool soak(double duration, const std::function<void(std::mt19937 &)> &disturb)
+// Eight threads allocate while the caller disturbs them. True if all blocks keep their contents.
+bool soak(double duration, const std::function<void(Random &)> &disturb)
 {
     static volatile bool stop;
     stop = false;
@@ -577,7 +577,7 @@ bool soak(double duration, const std::function<void(std::mt19937 &)> &disturb)
     std::vector<std::thread> threads;
     for (worker &w : workers)
         threads.emplace_back([&w] { w.run(stop); });
-    std::mt19937 random(42);
+    Random random(42);
     for (double end = seconds() + duration; seconds() < end;)
         disturb(random);
     stop = true;
@@ -592,13 +592,13 @@ TEST(Soak, CountersAreExactAtTheEnd)
 {
     NEEDS_INTERPOSITION();
     mtrace_stat_record before = {}, after = {};
-    ASSERT_TRUE(soak(0.2, [](std::mt19937 &) { ::usleep(1000); })); // threads' own blocks are in place now
+    ASSERT_TRUE(soak(0.2, [](Random &) { ::usleep(1000); })); // the threads' own blocks are allocated now
     qv_mtrace_stat_min(&before);
-    ASSERT_TRUE(soak(0.5, [](std::mt19937 &) { ::usleep(1000); }));
+    ASSERT_TRUE(soak(0.5, [](Random &) { ::usleep(1000); }));
     qv_mtrace_stat_min(&after);
     EXPECT_GT(after.light_allocs - before.light_allocs, 1000U);
     EXPECT_EQ(before.light_blocks, after.light_blocks);
-    // The few blocks that stay with the C library's threads may have been had anew, a little larger.
+    // The few blocks that the C library keeps for threads may have been allocated again, a little larger.
     auto more = static_cast<std::int32_t>(after.light_bytes - before.light_bytes);
     EXPECT_LT(std::abs(more), 16 * 16);
 }
@@ -608,12 +608,14 @@ TEST(Soak, EverythingAtRandomMoments)
     NEEDS_INTERPOSITION();
     install_sighandler();
     time_wait = 0;
-    ::alarm(static_cast<unsigned>(soak_time()) + 60); // a deadlock ends here, loudly
+    ::alarm(static_cast<unsigned>(soak_time()) + 60); // ends a deadlock
     ::signal(SIGALRM, SIG_DFL);
     unsigned toggles = 0;
-    EXPECT_TRUE(soak(soak_time(), [&](std::mt19937 &random) {
+    EXPECT_TRUE(soak(soak_time(), [&](Random &random) {
         mtrace_stat_record rec;
-        switch (random() % 6) {
+        unsigned operation = random() % 6;
+        random.doing("operation", operation);
+        switch (operation) {
         case 0:
             qv_mtrace_start();
             break;
@@ -627,7 +629,7 @@ TEST(Soak, EverythingAtRandomMoments)
             qv_mtrace_stat(&rec, 0);
             break;
         case 4:
-            ::kill(::getpid(), SIGUSR2); // any thread takes it, wherever it is
+            ::kill(::getpid(), SIGUSR2); // any thread receives it, at any place
             toggles++;
             break;
         default:
@@ -649,7 +651,7 @@ TEST(Soak, TheSignalMeetsItsThreadInsideTheAllocator)
     install_sighandler();
     ::signal(SIGALRM, SIG_DFL);
     ::alarm(60);
-    // One thread, so that a wait would be for itself; first with light hooks, then inside full ones.
+    // With one thread, a wait would be for itself. First with light hooks, then with full ones.
     for (bool full : {false, true}) {
         if (full)
             qv_mtrace_start();

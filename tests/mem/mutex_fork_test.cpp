@@ -29,7 +29,7 @@ bool can_lock()
     return pthread_mutex_lock(&mutex) == 0 && pthread_mutex_unlock(&mutex) == 0;
 }
 
-// Runs body while another thread keeps the mutex.
+// Runs body while another thread holds the mutex.
 template <typename Body>
 void with_mutex_kept(Body body)
 {
@@ -50,7 +50,7 @@ void with_mutex_kept(Body body)
 
 } // namespace
 
-TEST(MutexFork, AThreadThatKeepsTheMutexHoldsUpNoFork)
+TEST(MutexFork, AThreadThatHoldsTheMutexDelaysNoFork)
 {
     ChildResult forking = run_child(
         [] {
@@ -66,7 +66,7 @@ TEST(MutexFork, AThreadThatKeepsTheMutexHoldsUpNoFork)
     EXPECT_TRUE(forking.exited(0)) << forking.out;
 }
 
-TEST(MutexFork, AChildCanTraceWhileTheParentsMutexIsKept)
+TEST(MutexFork, AChildCanTraceWhileTheParentsMutexIsHeld)
 {
     ChildResult forking = run_child(
         [] {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Heap accounting in the usual host: one that is linked with the library and has the C library's allocator.
+// Heap accounting in the usual host: linked with the library, with the C library's allocator.
 #include "qv_mtrace.h"
 
 #include "console_print.h"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <malloc.h>
-#include <random>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -34,13 +34,15 @@ mtrace_stat_record light_now()
     return rec;
 }
 
-// Size classes, which are answered only while there is no table of blocks.
-std::array<mtrace_class_row, 32> classes_now()
+static_assert(MTRACE_TABLE_SIZE == 65536 && MTRACE_ROWS == 32);
+
+// Size classes, which are reported only while there is no table of blocks.
+std::array<mtrace_class_row, MTRACE_ROWS> classes_now()
 {
     mtrace_stat_record rec = {};
     EXPECT_EQ(MTRACE_SIZE_CLASSES, qv_mtrace_stat(&rec, 0));
-    EXPECT_EQ(32U, rec.rows);
-    std::array<mtrace_class_row, 32> rows;
+    EXPECT_EQ(std::uint32_t{MTRACE_ROWS}, rec.rows);
+    std::array<mtrace_class_row, MTRACE_ROWS> rows;
     std::copy(std::begin(rec.row.classes), std::end(rec.row.classes), rows.begin());
     return rows;
 }
@@ -79,7 +81,7 @@ unsigned class_of(std::uint32_t size)
 void *volatile sink;
 int next_address;
 
-// Keeps the compiler from leaving an allocation out.
+// Keeps the compiler from removing an allocation.
 void *kept(void *block)
 {
     sink = block;
@@ -91,7 +93,7 @@ void *allocate(std::size_t size)
     return kept(std::malloc(size));
 }
 
-// What a body changed in one size class.
+// What a body changes in one size class.
 template <typename Body>
 mtrace_class_row change(unsigned k, Body body)
 {
@@ -138,7 +140,7 @@ TEST(Light, HooksAreInstalledAtLoad)
 TEST(Light, RowsAreForPowersOfTwo)
 {
     auto rows = classes_now();
-    for (unsigned k = 0; k < 32; k++)
+    for (unsigned k = 0; k < MTRACE_ROWS; k++)
         EXPECT_EQ(1U << k, rows[k].lower_bound);
 }
 
@@ -148,19 +150,19 @@ TEST(Light, BlocksCountAsTheirChunk)
     for (std::size_t size : {0UL, 1UL, 3UL, 24UL, 25UL, 100UL, 1000UL, 100000UL, 1UL << 20}) {
         void *probe = allocate(size);
         std::uint32_t chunk = chunk_of(probe);
-        if (size >= 1 << 17) // a chunk of its own mapping has two header words
+        if (size >= 1 << 17) // a chunk in its own mapping has two header words
             chunk += static_cast<std::uint32_t>(sizeof(std::size_t));
         void *block = nullptr;
         expect_row(change(class_of(chunk), [&] { block = allocate(size); }), chunk, 1, 1, 0, 0, 0, 0);
         expect_row(change(class_of(chunk), [&] { std::free(block); }), 0U - chunk, 0U - 1, 0, 1, 0, 0, 0);
-        std::free(probe); // not before: freeing moves the size from which on blocks are mapped
+        std::free(probe); // not earlier: freeing raises the size from which blocks are mapped
     }
 }
 
 TEST(Light, FailuresCountAsRequested)
 {
     NEEDS_INTERPOSITION();
-    const std::size_t huge = std::size_t{1} << 62; // cut to 32 bits it leaves what is added
+    const std::size_t huge = std::size_t{1} << 62; // truncated to 32 bits, only the addend remains
     for (auto [size, k] : {std::pair{0UL, 0U}, {1UL, 0U}, {2UL, 1U}, {3UL, 1U}, {4UL, 2U}, {0xFFFFFFFFUL, 31U}}) {
         expect_row(change(k, [&, s = size] { EXPECT_EQ(nullptr, allocate(huge + s)); }), 0, 0, 0, 0, 0, 0, 1);
     }
@@ -207,7 +209,7 @@ TEST(Light, ReallocationsReleaseAndProduce)
     EXPECT_EQ(chunk_of(block) - chunk, after.light_bytes - before.light_bytes);
     std::free(block);
 
-    sink = nullptr; // which the compiler must not know
+    sink = nullptr; // unknown to the compiler
     before = light_now();
     block = kept(std::realloc(sink, 100));
     after = light_now();
@@ -220,7 +222,7 @@ TEST(Light, ReallocationsReleaseAndProduce)
 TEST(Light, AFailedReallocationCountsARelease)
 {
     NEEDS_INTERPOSITION();
-    void *volatile block = allocate(100); // the compiler takes it for gone
+    void *volatile block = allocate(100); // the compiler assumes that it is freed
     std::uint32_t chunk = chunk_of(block);
     mtrace_stat_record before = light_now();
     volatile std::size_t huge = SIZE_MAX / 2;
@@ -230,11 +232,11 @@ TEST(Light, AFailedReallocationCountsARelease)
     EXPECT_EQ(1U, after.light_releases - before.light_releases);
     EXPECT_EQ(before.light_products, after.light_products);
     EXPECT_EQ(1U, after.light_failures - before.light_failures);
-    EXPECT_EQ(chunk, before.light_bytes - after.light_bytes) << "though the block lives";
+    EXPECT_EQ(chunk, before.light_bytes - after.light_bytes) << "although the block is still allocated";
     std::free(block);
 }
 
-TEST(Light, AlignedBlocksAreTakenBack)
+TEST(Light, AlignedBlocksCanBeFreed)
 {
     NEEDS_INTERPOSITION();
     void *block = std::aligned_alloc(256, 1024);
@@ -253,7 +255,7 @@ TEST(Light, TheShortReport)
     std::memset(&rec, 0x55, sizeof rec);
     EXPECT_EQ(MTRACE_TOTALS, qv_mtrace_stat(&rec, MTRACE_MODE_TOTALS));
     EXPECT_EQ(1U, rec.rows);
-    EXPECT_EQ(0x55555555U, rec.full[0]) << "left alone";
+    EXPECT_EQ(0x55555555U, rec.full[0]) << "unchanged";
     EXPECT_EQ(0x55555555U, rec.row.classes[0].lower_bound);
     EXPECT_EQ(rec.light_allocs + rec.light_products - rec.light_frees - rec.light_releases, rec.light_blocks);
     std::memset(&rec, 0x55, sizeof rec);
@@ -304,8 +306,8 @@ TEST(Light, LoadingAgainClears)
     mtrace_stat_record rec = light_now();
     EXPECT_EQ(0U, rec.light_allocs);
     EXPECT_EQ(0U, rec.light_bytes);
-    EXPECT_EQ(my_malloc_light_hook, old_malloc_hook) << "what was found";
-    sink = std::malloc(10); // must not go in a circle
+    EXPECT_EQ(my_malloc_light_hook, old_malloc_hook) << "the hook that was installed before";
+    sink = std::malloc(10); // must not recurse
     std::free(sink);
     if (!under_sanitizer()) {
         EXPECT_EQ(1U, light_now().light_allocs);
@@ -329,7 +331,7 @@ TEST(Light, ThreadsCountExactly)
         }
         return nullptr;
     };
-    // Once through, so that what starting threads takes has been taken.
+    // A first round, so that whatever thread creation allocates is allocated already.
     for (pthread_t &thread : threads)
         pthread_create(&thread, nullptr, work, nullptr);
     for (pthread_t thread : threads)
@@ -372,13 +374,13 @@ TEST(Light, MoreThreadsThanShardsCountExactly)
         pthread_join(thread, nullptr);
     mtrace_stat_record after = light_now();
     std::uint32_t own = after.light_allocs - before.light_allocs - kThreads * 101;
-    EXPECT_LE(own, kThreads) << "stacks that are kept have a block of thread-local storage";
+    EXPECT_LE(own, kThreads) << "a cached stack keeps its block of thread-local storage";
     EXPECT_GE(after.light_frees - before.light_frees, kThreads * 101);
     EXPECT_EQ(own - (after.light_frees - before.light_frees - kThreads * 101),
               after.light_blocks - before.light_blocks);
 }
 
-TEST(Light, AChildGoesOnCounting)
+TEST(Light, AChildContinuesCounting)
 {
     NEEDS_INTERPOSITION();
     ChildResult result = run_child([] {
@@ -435,9 +437,9 @@ TEST(FullTracing, Reallocations)
     volatile std::size_t huge = SIZE_MAX / 2;
     EXPECT_EQ(nullptr, my_realloc_hook(early, huge, nullptr));
     now = full_now();
-    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 3, 0}), now) << "the record goes, the bytes stay in the total";
+    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 3, 0}), now) << "the record is removed, its bytes remain in the total";
     early = my_realloc_hook(early, 100, nullptr);
-    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 4, 1}), full_now()) << "it is unknown from then on";
+    EXPECT_EQ((Full{0, 4000, 1, 0, 0, 4, 1}), full_now()) << "the block is unknown from then on";
     EXPECT_EQ(nullptr, my_realloc_hook(nullptr, huge, nullptr));
     EXPECT_EQ((Full{0, 4000, 1, 0, 0, 5, 1}), full_now());
     my_free_hook(early, nullptr);
@@ -448,7 +450,7 @@ TEST(FullTracing, Reallocations)
     EXPECT_EQ(Full{}, full_now());
 }
 
-TEST(FullTracing, LightCountersStandStillFromItsStartOn)
+TEST(FullTracing, LightCountersStopAtItsStart)
 {
     NEEDS_INTERPOSITION();
     qv_mtrace_start();
@@ -459,7 +461,7 @@ TEST(FullTracing, LightCountersStandStillFromItsStartOn)
     qv_mtrace_stop();
     EXPECT_EQ(nullptr, __malloc_hook);
     std::free(allocate(100));
-    EXPECT_EQ(before.light_allocs, light_now().light_allocs) << "and after its end";
+    EXPECT_EQ(before.light_allocs, light_now().light_allocs) << "nor after its end";
 }
 
 TEST(FullTracing, TheTableOutlivesAStop)
@@ -473,9 +475,9 @@ TEST(FullTracing, TheTableOutlivesAStop)
     EXPECT_EQ(MTRACE_LEAK_GROUPS, qv_mtrace_stat(&rec, 0));
     EXPECT_EQ(stopped.live, rec.full[0]);
     std::free(allocate(70));
-    EXPECT_EQ(stopped, full_now()) << "nothing is recorded any more";
+    EXPECT_EQ(stopped, full_now()) << "nothing more is recorded";
     qv_mtrace_start();
-    EXPECT_EQ(stopped.live, full_now().live) << "and the table is gone on with";
+    EXPECT_EQ(stopped.live, full_now().live) << "the table is used further";
     std::free(block);
     EXPECT_EQ(stopped.live - 1, full_now().live);
     qv_mtrace_reset();
@@ -493,7 +495,7 @@ TEST(FullTracing, HooksOfAStoppedTraceJustAllocate)
     block = my_realloc_hook(block, 200, nullptr);
     my_free_hook(block, nullptr);
     EXPECT_EQ(before, full_now());
-    EXPECT_EQ(nullptr, __malloc_hook) << "and do not install themselves";
+    EXPECT_EQ(nullptr, __malloc_hook) << "the hooks do not install themselves";
 }
 
 TEST(FullTracing, HooksByThemselvesInstallThemselves)
@@ -522,14 +524,14 @@ TEST(FullTracing, WithoutATableOrABlockNothingIsEntered)
 TEST(FullTracing, TheTableHolds65536Blocks)
 {
     qv_mtrace_start();
-    qv_mtrace_stop(); // the rest by hand
+    qv_mtrace_stop(); // the test records the rest itself
     std::uint32_t live = full_now().live;
-    for (std::uintptr_t i = live; i < 65536; i++)
+    for (std::uintptr_t i = live; i < MTRACE_TABLE_SIZE; i++)
         ASSERT_EQ(1, add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x1000 + i * 16)));
-    EXPECT_EQ(65536U, full_now().live);
+    EXPECT_EQ(std::uint32_t{MTRACE_TABLE_SIZE}, full_now().live);
     EXPECT_EQ(0, add_malloc_record(1, nullptr, reinterpret_cast<void *>(0x10)));
-    EXPECT_EQ(65536U, full_now().live);
-    EXPECT_EQ(65537U, full_now().allocs) << "counted all the same";
+    EXPECT_EQ(std::uint32_t{MTRACE_TABLE_SIZE}, full_now().live);
+    EXPECT_EQ(65537U, full_now().allocs) << "counted nevertheless";
     qv_mtrace_reset();
 }
 
@@ -547,10 +549,10 @@ TEST(FullTracing, BlocksBeyondTheTableAreUnmatchedLater)
         std::free(block);
     Full after = full_now();
     qv_mtrace_stop();
-    EXPECT_EQ(65536U, full.live);
+    EXPECT_EQ(std::uint32_t{MTRACE_TABLE_SIZE}, full.live);
     EXPECT_EQ(70000U, full.allocs);
     EXPECT_EQ(0U, after.live);
-    EXPECT_EQ(70000U - 65536U, after.unmatched_frees);
+    EXPECT_EQ(70000U - std::uint32_t{MTRACE_TABLE_SIZE}, after.unmatched_frees);
 }
 
 TEST(FullTracing, ThreadsAreRecordedExactly)
@@ -571,7 +573,7 @@ TEST(FullTracing, ThreadsAreRecordedExactly)
     };
     static void *kept[kThreads][kKept];
     std::array<pthread_t, kThreads> threads;
-    for (unsigned round = 0; round < 2; round++) { // the second time with what threads themselves take in place
+    for (unsigned round = 0; round < 2; round++) { // the first round makes the threads' own allocations
         if (round == 1)
             qv_mtrace_start();
         for (unsigned i = 0; i < kThreads; i++)
@@ -597,26 +599,26 @@ struct Model {
         std::uintptr_t ptr = 0;
         std::uint32_t size = 0;
     };
-    std::vector<slot> slots = std::vector<slot>(65536);
+    std::vector<slot> slots = std::vector<slot>(MTRACE_TABLE_SIZE);
     Full f = {};
 
     void add(std::uintptr_t ptr, std::uint32_t size)
     {
         f.allocs++;
-        if (f.live == 65536)
+        if (f.live == MTRACE_TABLE_SIZE)
             return;
         std::uint32_t i = f.live;
-        while (slots[i % 65536].ptr != 0)
+        while (slots[i % MTRACE_TABLE_SIZE].ptr != 0)
             i++;
-        slots[i % 65536] = {ptr, size};
+        slots[i % MTRACE_TABLE_SIZE] = {ptr, size};
         f.live++;
         f.bytes += size;
     }
     slot *find(std::uintptr_t ptr)
     {
-        for (std::uint32_t n = 0; n < 65536; n++)
-            if (slots[(f.live - n) % 65536].ptr == ptr)
-                return &slots[(f.live - n) % 65536];
+        for (std::uint32_t n = 0; n < MTRACE_TABLE_SIZE; n++)
+            if (slots[(f.live - n) % MTRACE_TABLE_SIZE].ptr == ptr)
+                return &slots[(f.live - n) % MTRACE_TABLE_SIZE];
         return nullptr;
     }
     void release(std::uintptr_t ptr)
@@ -652,7 +654,7 @@ struct Model {
     }
 };
 
-// An allocator that hands out what the test wants.
+// The block that the test's allocator returns next.
 void *next_block;
 
 } // namespace
@@ -660,7 +662,7 @@ void *next_block;
 TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         qv_mtrace_reset();
         qv_mtrace_start();
         qv_mtrace_stop();
@@ -668,7 +670,7 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
         old_free_hook = [](void *, const void *) {};
         old_realloc_hook = [](void *, std::size_t, const void *) { return next_block; };
         Model model;
-        // Few addresses, so that many are in the table more than once; now and then near the end of the table.
+        // Few addresses, so that many are in the table more than once, and sometimes a fill level near the table's end.
         const unsigned kAddresses = 300;
         std::uint32_t level = 0;
         for (std::size_t step = 0; step < effort(9000); step++) {
@@ -683,7 +685,9 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
             auto size = static_cast<std::uint32_t>(random() % 1000);
             next_block = random() % 10 == 0 ? nullptr : reinterpret_cast<void *>(0x1000 + 16 * (random() % kAddresses));
             auto next = reinterpret_cast<std::uintptr_t>(next_block);
-            switch (random() % 5) {
+            unsigned operation = random() % 5;
+            random.doing("operation, block, size, next block", operation, ptr, size, next);
+            switch (operation) {
             case 0:
             case 1:
                 if (next != 0)
@@ -701,12 +705,12 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
                 ASSERT_EQ(next_block, my_realloc_hook(reinterpret_cast<void *>(before), size, nullptr));
             }
             }
-            // The hooks have installed themselves: nothing of the test's own goes through them.
+            // The hooks have installed themselves; the test's own allocations must not use them.
             __malloc_hook = nullptr;
             __free_hook = nullptr;
             __realloc_hook = nullptr;
-            if (model.f.live < 1000 || step % 200 == 0) { // asking makes a report, which takes its time
-                ASSERT_EQ(model.f, full_now()) << "step " << step;
+            if (model.f.live < 1000 || step % 200 == 0) { // a report is slow
+                ASSERT_EQ(model.f, full_now());
             }
         }
         old_malloc_hook = nullptr;
@@ -741,7 +745,7 @@ bool comes_from(const leak_group &group, void *(*function)(std::size_t))
                        [&](std::uint64_t address) { return address > begin && address < begin + 64; });
 }
 
-// Blocks from two places, 600 bytes in 4 and 500 in 5, and one of no bytes; no other blocks in the table.
+// The table holds only blocks of two callers, 600 bytes in 4 and 500 in 5, and one of 0 bytes.
 std::vector<void *> leak_some()
 {
     std::vector<void *> blocks;
@@ -770,9 +774,9 @@ TEST(LeakGroups, AreByCallChainTheLargestFirst)
 {
     std::vector<void *> blocks = leak_some();
     time_wait = 0;
-    leak_group groups[32] = {};
+    leak_group groups[MTRACE_ROWS] = {};
     write_file("/etc/consolelog", "");
-    ASSERT_EQ(2, get_malloc_statistics(groups, 32)) << "a group of no bytes is none";
+    ASSERT_EQ(2, get_malloc_statistics(groups, MTRACE_ROWS)) << "a group of 0 bytes is left out";
     EXPECT_EQ(600U, groups[0].bytes);
     EXPECT_EQ(4U, groups[0].blocks);
     EXPECT_TRUE(comes_from(groups[0], leak_here));
@@ -783,7 +787,7 @@ TEST(LeakGroups, AreByCallChainTheLargestFirst)
     give_back(blocks);
 }
 
-TEST(LeakGroups, AsManyAsAreAskedFor)
+TEST(LeakGroups, NoMoreGroupsThanRequested)
 {
     std::vector<void *> blocks = leak_some();
     time_wait = 0;
@@ -798,24 +802,24 @@ TEST(LeakGroups, AsManyAsAreAskedFor)
     give_back(blocks);
 }
 
-TEST(LeakGroups, YoungBlocksAreLeftOutAndTold)
+TEST(LeakGroups, YoungBlocksAreLeftOutAndCounted)
 {
     std::vector<void *> blocks = leak_some();
     EXPECT_EQ(1800U, time_wait);
-    leak_group groups[32];
-    EXPECT_EQ(0, get_malloc_statistics(groups, 32));
+    leak_group groups[MTRACE_ROWS];
+    EXPECT_EQ(0, get_malloc_statistics(groups, MTRACE_ROWS));
     EXPECT_THAT(read_file("/etc/consolelog"),
                 testing::EndsWith("Total record 10,  0 records malloc but not free within 1800(s)\n"));
     for (std::uint64_t end : {UINT64_MAX, UINT64_MAX - 1}) {
         time_wait = end;
-        EXPECT_EQ(0, get_malloc_statistics(groups, 32));
+        EXPECT_EQ(0, get_malloc_statistics(groups, MTRACE_ROWS));
         EXPECT_THAT(read_file("/etc/consolelog"), testing::EndsWith(" within " + std::to_string(end) + "(s)\n"));
     }
     time_wait = 0;
     give_back(blocks);
 }
 
-TEST(LeakGroups, NothingToTellOf)
+TEST(LeakGroups, WithoutLeaksThereAreNoGroups)
 {
     leak_group groups[1];
     EXPECT_EQ(0, get_malloc_statistics(groups, 1)) << "no table";
@@ -825,7 +829,7 @@ TEST(LeakGroups, NothingToTellOf)
     EXPECT_FALSE(exists("/etc/consolelog"));
 }
 
-TEST(LeakGroups, TheReportOfAllAtOnce)
+TEST(LeakGroups, OneReportHasAllGroups)
 {
     std::vector<void *> blocks = leak_some();
     time_wait = 0;
@@ -840,7 +844,7 @@ TEST(LeakGroups, TheReportOfAllAtOnce)
     EXPECT_EQ(600U, rec.row.groups[0].bytes);
     EXPECT_EQ(0x55555555U, rec.reserved0);
     EXPECT_EQ(0x55555555U, rec.reserved1);
-    EXPECT_EQ(0x55555555U, rec.light_bytes) << "the light totals are not asked";
+    EXPECT_EQ(0x55555555U, rec.light_bytes) << "the light totals are not read";
     give_back(blocks);
 }
 
@@ -848,7 +852,7 @@ TEST(LeakGroups, ManyGroupsFillThirtyTwoRows)
 {
     qv_mtrace_start();
     qv_mtrace_stop();
-    // Chains that differ in their depth: the recursion is what tells them apart.
+    // Chains that differ only in the depth of the recursion.
     struct recursion {
         [[gnu::noinline]] static int enter(int depth)
         {
@@ -860,10 +864,10 @@ TEST(LeakGroups, ManyGroupsFillThirtyTwoRows)
         }
     };
     time_wait = 0;
-    leak_group groups[32];
+    leak_group groups[MTRACE_ROWS];
     for (int depth = 0; depth < 5; depth++)
         recursion::enter(depth);
-    EXPECT_EQ(5, get_malloc_statistics(groups, 32));
+    EXPECT_EQ(5, get_malloc_statistics(groups, MTRACE_ROWS));
     qv_mtrace_reset();
 }
 
@@ -875,10 +879,10 @@ TEST(Comparators, ChainsUpToTheirEnd)
         malloc_stat_entry left = {1, 1, x}, right = {2, 2, y};
         return my_compare_trace(&left, &right);
     };
-    EXPECT_EQ(0, compare(a, b)) << "nothing counts behind a 0";
+    EXPECT_EQ(0, compare(a, b)) << "nothing after a 0 is compared";
     EXPECT_LT(compare(a, c), 0);
     EXPECT_GT(compare(c, a), 0);
-    EXPECT_LT(compare(d, e), 0) << "as unsigned numbers";
+    EXPECT_LT(compare(d, e), 0) << "compared as unsigned numbers";
     EXPECT_GT(compare(e, d), 0);
     EXPECT_EQ(0, compare(e, e));
 }
@@ -902,7 +906,8 @@ TEST(FullTracing, AChildMadeWhileTheTableIsLockedCanTrace)
     NEEDS_INTERPOSITION();
     qv_mtrace_start();
     static volatile bool stop = false;
-    std::vector<std::thread> busy; // more than processors, so that one is often stopped somewhere in the lock
+    std::vector<std::thread>
+        busy; // more threads than processors, so that one is often preempted while it holds the lock
     for (int i = 0; i < 6; i++)
         busy.emplace_back([] {
             while (!stop) {

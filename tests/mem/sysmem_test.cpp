@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sysmem.h"
 
+#include "support/random.h"
 #include "support/support.h"
 
 #include <cctype>
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
-#include <random>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -42,7 +42,7 @@ std::string line_address(const void *at)
     return text;
 }
 
-// The dump as it is described, character by character.
+// The reference: the dump, character by character.
 std::string model_dump(const unsigned char *addr, int len)
 {
     std::string all;
@@ -76,7 +76,7 @@ extern "C" void sync(void)
     synced++;
 }
 
-// No kernel maps at 0 unasked.
+// No kernel maps address 0 by default.
 extern "C" void *mmap(void *addr, std::size_t length, int protection, int flags, int fd, off_t offset)
 {
     if (map_at_null)
@@ -128,7 +128,7 @@ TEST(PageCache, AFileThatCannotBeOpenedFails)
     EXPECT_TRUE(result.exited(7));
 }
 
-TEST(PageCache, AWriteThatFailsFails)
+TEST(PageCache, AFailedWriteFails)
 {
     bind_over("/proc/sys/vm/drop_caches", "");
     ChildResult result = run_child([] {
@@ -175,7 +175,7 @@ TEST(MemDump, NothingForNoLength)
 
 TEST(MemDumpModel, EveryAlignmentAndLength)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (unsigned char &byte : bytes)
         byte = static_cast<unsigned char>(random());
     for (int start = 0; start < 16; start++)
@@ -212,7 +212,7 @@ TEST(SharedMemory, ModeOfTheFile)
     EXPECT_EQ(0777U, status.st_mode & 07777);
 }
 
-TEST(SharedMemory, AFailedMappingIsHandedOn)
+TEST(SharedMemory, AFailedMappingIsReturned)
 {
     mount_tmpfs("/dev/shm");
     EXPECT_EQ(MAP_FAILED, init_shared_mem("/region", 0));
@@ -226,7 +226,7 @@ TEST(SharedMemory, ANameThatCannotBeOpenedGivesNull)
     EXPECT_EQ("", read_file(kConsole));
 }
 
-TEST(SharedMemory, OnlyANullMappingIsSaid)
+TEST(SharedMemory, OnlyANullMappingIsReported)
 {
     mount_tmpfs("/dev/shm");
     map_at_null = true;

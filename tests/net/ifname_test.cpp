@@ -67,15 +67,15 @@ TEST(IfpName2UnixName, EachRow)
     EXPECT_EQ(good("tunnel1-2_3=4"), forward("tunnel1/2.3:4"));
 }
 
-TEST(IfpName2UnixName, HaAloneIsUpperCase)
+TEST(IfpName2UnixName, ABareHaBecomesUpperCase)
 {
     EXPECT_EQ(good("HA"), forward("ha"));
     EXPECT_EQ(good("ha0"), forward("ha0"));
     EXPECT_EQ(good("ha"), forward("HA"));
-    EXPECT_EQ(good("HA"), forward("ha", 0)) << "whatever the room";
+    EXPECT_EQ(good("HA"), forward("ha", 0)) << "whatever the buffer's size";
 }
 
-TEST(IfpName2UnixName, AWordNeedsItsCase)
+TEST(IfpName2UnixName, WordsAreCaseSensitive)
 {
     EXPECT_EQ(good("Ethernet0-1"), forward("Ethernet0/1"));
     EXPECT_EQ(good("mgt0"), forward("mgt0"));
@@ -96,7 +96,7 @@ TEST(IfpName2UnixName, PppoeIsShortenedInSomeRowsOnly)
     EXPECT_EQ(good("mgt0pppoe2"), forward("MGT0pppoe2"));
     EXPECT_EQ(good("ha0pppoe2"), forward("HA0pppoe2"));
     EXPECT_EQ(good("pppoe1"), forward("pppoe1"));
-    EXPECT_EQ(good("eth1p2pppoe3"), forward("ethernet1pppoe2pppoe3")) << "the first one only";
+    EXPECT_EQ(good("eth1p2pppoe3"), forward("ethernet1pppoe2pppoe3")) << "only the first one is shortened";
 }
 
 TEST(IfpName2UnixName, TheCopyIsCutAt31Characters)
@@ -116,7 +116,7 @@ TEST(IfpName2UnixName, ACutResultIsAnErrorThatLeavesTheCutText)
 {
     EXPECT_EQ(good("eth0-1"), forward("ethernet0/1", 7));
     EXPECT_EQ("", read_file(kConsole));
-    EXPECT_EQ((Result{-1, "eth0/"}), forward("ethernet0/1", 6)) << "not mapped";
+    EXPECT_EQ((Result{-1, "eth0/"}), forward("ethernet0/1", 6)) << "characters are not mapped then";
     EXPECT_EQ((Result{-1, "eth"}), forward("ethernet0/1", 4));
     EXPECT_EQ((Result{-1, "tunnel"}), forward("tunnel1", 7));
     EXPECT_EQ("Can not convert ifp name: ethernet0/1\n"
@@ -125,7 +125,7 @@ TEST(IfpName2UnixName, ACutResultIsAnErrorThatLeavesTheCutText)
               read_file(kConsole));
 }
 
-TEST(IfpName2UnixName, OnlyTheLastCopyIsAskedWhetherItWasCut)
+TEST(IfpName2UnixName, OnlyACutOfTheLastCopyIsAnError)
 {
     EXPECT_EQ(good("et"), forward("ethernet", 3));
     EXPECT_EQ((Result{-1, "et"}), forward("ethernet0", 3));
@@ -144,13 +144,13 @@ TEST(IfpName2UnixName, WithoutRoomNothingIsWritten)
     EXPECT_EQ('\0', out);
 }
 
-TEST(IfpName2UnixName, ANullNameIsSaid)
+TEST(IfpName2UnixName, ANullNameIsReported)
 {
     EXPECT_EQ(-1, run(ifpname2unixname, nullptr, 64).code);
     EXPECT_EQ("NULL ifp name, can not convert\n", read_file(kConsole));
 }
 
-TEST(UnixName2IfpName, CharactersComeBackWordsDoNot)
+TEST(UnixName2IfpName, CharactersAreRestoredAndWordsAreNot)
 {
     EXPECT_EQ(good("eth0/1.5"), back("eth0-1_5"));
     EXPECT_EQ(good("eth0/1:2"), back("eth0-1=2"));
@@ -172,7 +172,7 @@ TEST(UnixName2IfpName, TheFirstSevenRowsAreShortenedHereToo)
     EXPECT_EQ(good("MGT0"), back("MGT0"));
     EXPECT_EQ(good("HA0"), back("HA0"));
     EXPECT_EQ(good("cellular0"), back("cellular0"));
-    EXPECT_EQ(good("eth0pppoe1"), back("ethernet0pppoe1")) << "nothing is rewritten";
+    EXPECT_EQ(good("eth0pppoe1"), back("ethernet0pppoe1")) << "the word is not shortened";
 }
 
 TEST(UnixName2IfpName, LongNamesAreNotCut)
@@ -181,7 +181,7 @@ TEST(UnixName2IfpName, LongNamesAreNotCut)
     EXPECT_EQ(good("eth" + digits), back("ethernet" + digits));
 }
 
-TEST(UnixName2IfpName, FailuresAreSaid)
+TEST(UnixName2IfpName, FailuresAreReported)
 {
     EXPECT_EQ(good("eth0/1"), back("eth0-1", 7));
     EXPECT_EQ((Result{-1, "eth0-"}), back("eth0-1", 6));
@@ -189,7 +189,7 @@ TEST(UnixName2IfpName, FailuresAreSaid)
     EXPECT_EQ("Can not convert linux name: eth0-1\nNULL unix name, can not convert\n", read_file(kConsole));
 }
 
-TEST(IfpName2Vfg, TheNumberBehindTheFirstColon)
+TEST(IfpName2Vfg, TheNumberAfterTheFirstColon)
 {
     EXPECT_EQ(17, ifpname2vfg("ethernet0/1:17"));
     EXPECT_EQ(0, ifpname2vfg("ethernet0/1"));
@@ -198,7 +198,7 @@ TEST(IfpName2Vfg, TheNumberBehindTheFirstColon)
     EXPECT_EQ(12, ifpname2vfg("a:12:34"));
     EXPECT_EQ(-3, ifpname2vfg("a:-3"));
     EXPECT_EQ(0, ifpname2vfg("a:0x10"));
-    EXPECT_EQ(1, ifpname2vfg("a:4294967297")) << "cut to 32 bits";
+    EXPECT_EQ(1, ifpname2vfg("a:4294967297")) << "truncated to 32 bits";
 }
 
 TEST(CaseConversion, IsBoundedAndStopsAtTheEnd)

@@ -201,7 +201,7 @@ TEST(CheckIp, FirstRuleDecides)
     EXPECT_EQ(0, qv_check_ip_valid(0x0A000001, 0xFFFFFF00, kAllFlags));
 }
 
-// Of every two rules that an address breaks, the one that comes first in this list decides.
+// An address that breaks two rules gets the code of the earlier one in this list.
 TEST(CheckIp, OrderOfTheRules)
 {
     struct Rule {
@@ -287,7 +287,7 @@ TEST(CheckAddr, ReadsTheRecordAtAnyAlignment)
     record.address.ipv4 = 0xE0000001;
     EXPECT_EQ(-3, check(kAllFlags));
     record.address.ipv4 = 0x0A000000;
-    EXPECT_EQ(0, check(kAllFlags)); // as a single host it is no network address
+    EXPECT_EQ(0, check(kAllFlags)); // a single host is no network address
 }
 
 TEST(HostString, Shapes)
@@ -318,7 +318,7 @@ TEST(HostString, ALeadingZeroMakesAnOctalNumber)
     EXPECT_EQ(0, validate_ipv4_host_address_str("00.1.2.3"));
 }
 
-// Shape comes before value: what is no dotted quad is -1 even where its value alone would give 0.
+// The shape is checked first: text that is no dotted quad gives -1 even where its value alone would give 0.
 TEST(HostString, OrderOfTheRefusals)
 {
     for (const char *bad : {"0.0.0", "0.0.0.0.0", "0.a.0.0", "255.255.255.x", "0000.0000.0000.0", "256.256.256.256.",

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The requests byte for byte, against an ioctl() that stands in for the appliance kernel's, and on the stock kernel.
+// The requests byte for byte, with an ioctl() in place of the appliance kernel's, and the calls on the stock kernel.
 #include "vrctl.h"
 
 #include "support/next_function.h"
 #include "support/support.h"
+#include "vrsock.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -52,7 +53,7 @@ void put(unsigned char *record, std::size_t offset, T value)
 
 using Fields = std::initializer_list<std::pair<std::size_t, std::size_t>>; // offsets and widths
 
-// A request's code is right, and apart from the named fields every byte is zero.
+// Checks a request's code, and that every byte outside the named fields is zero.
 void expect_command(const Request &request, unsigned code, Fields fields)
 {
     EXPECT_EQ(0x89F0u, request.number);
@@ -64,7 +65,7 @@ void expect_command(const Request &request, unsigned code, Fields fields)
     std::fill_n(rest.begin(), 8, 0);
     for (auto [offset, width] : fields)
         std::fill_n(rest.begin() + static_cast<long>(offset), width, 0);
-    EXPECT_EQ(std::vector<unsigned char>(280, 0), rest) << "no stack bytes may travel";
+    EXPECT_EQ(std::vector<unsigned char>(280, 0), rest) << "no byte of the stack may leak into a request";
 }
 
 // The only request made.
@@ -80,7 +81,7 @@ Request only(unsigned code, Fields fields)
     return request;
 }
 
-// Leaves bytes where the next calls have their records.
+// Fills the stack where the next calls have their records.
 [[gnu::noinline]] void dirty_stack()
 {
     volatile unsigned char bytes[4096];
@@ -105,7 +106,7 @@ struct Vrctl : testing::Test {
     {
         close_spoils_errno = EBADF;
         reply = [error](unsigned char *record) {
-            std::memset(record, 0x5A, 20); // what a failed request leaves is nobody's business
+            std::memset(record, 0x5A, 20); // the result of a failed request is not used
             errno = error;
             return -1;
         };
@@ -198,12 +199,12 @@ TEST_F(Vrctl, NamesWithoutTerminatorAreCutAt31)
     EXPECT_EQ(std::string(31, 'n'), qv_vsysid_2_name(7));
 }
 
-TEST_F(Vrctl, NamesOf30And31CharactersComeWhole)
+TEST_F(Vrctl, NamesOf30And31CharactersAreWhole)
 {
     for (std::size_t length : {30u, 31u}) {
         std::string text(length, 'm');
         text.back() = 'z';
-        // Nothing but the terminator follows at once.
+        // Only the terminator follows the name.
         succeed([&](unsigned char *record) {
             std::memset(record + 8, 'x', 272);
             std::strcpy(reinterpret_cast<char *>(record) + 16, text.c_str());
@@ -371,7 +372,7 @@ TEST_F(Vrctl, InterfacesVsys)
     succeed([](unsigned char *record) { put<std::uint16_t>(record, 272, 65000); });
     EXPECT_EQ(0, qv_get_if_vsysid(65535, &vsysid));
     EXPECT_EQ(65000, vsysid);
-    EXPECT_EQ(65535u, field(only(6, {{264, 4}}), 264, 4)) << "widened without a sign";
+    EXPECT_EQ(65535u, field(only(6, {{264, 4}}), 264, 4)) << "zero-extended";
 }
 
 // ---- the other interface commands ----
@@ -455,11 +456,11 @@ TEST_F(Vrctl, APositiveResultOfAnInterfaceRequestIsAFailure)
         return 1;
     };
     EXPECT_EQ(EIO, qv_get_if_vr("eth0", &vrid));
-    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(QV_NO_VR, vrid);
     EXPECT_EQ(EIO, qv_set_if_vr("eth0", 5));
     vrid = 5;
     EXPECT_EQ(EIO, qv_get_netif_vr("ethernet0/1", &vrid));
-    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(QV_NO_VR, vrid);
     EXPECT_EQ(-1, qv_ifname_2_vsysid("ethernet0/1"));
 }
 
@@ -491,7 +492,7 @@ TEST_F(Vrctl, ARefusedCommandGivesEachCallItsFailureAndTheRequestsErrno)
     EXPECT_EQ(-1, qv_set_wifi_if(1, 1)), expect_errno("wifi");
     EXPECT_EQ(-1, qv_set_if_mtu_limit(1)), expect_errno("mtu");
     EXPECT_EQ(-1, qv_change_cellular_dev(nullptr, 1, 1)), expect_errno("cellular_dev");
-    EXPECT_EQ(5, vsysid) << "left alone";
+    EXPECT_EQ(5, vsysid) << "unchanged";
     EXPECT_EQ(17, opened);
     EXPECT_EQ(17, closed);
 }
@@ -505,7 +506,7 @@ TEST_F(Vrctl, WithoutASocketNothingIsClosed)
     EXPECT_EQ(0, qv_vsysid_2_default_vrid(1));
     EXPECT_EQ(EMFILE, qv_get_if_vr("eth0", &vrid));
     EXPECT_EQ(EMFILE, qv_set_if_vr("eth0", 5));
-    EXPECT_EQ(5u, vrid) << "left alone";
+    EXPECT_EQ(5u, vrid) << "unchanged";
     EXPECT_EQ(0, closed);
     EXPECT_TRUE(requests.empty());
 }
@@ -592,7 +593,7 @@ TEST_F(Vrctl, ARefusedInterfaceRequestGivesThePositiveErrno)
     unsigned vrid = 5;
     fail(ENXIO);
     EXPECT_EQ(ENXIO, qv_get_if_vr("eth0", &vrid));
-    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(QV_NO_VR, vrid);
     EXPECT_EQ(ENXIO, qv_set_if_vr("eth0", 5));
     EXPECT_EQ(2, closed);
 }
@@ -662,7 +663,7 @@ TEST(VrctlStockKernel, EveryCallGivesItsFailure)
     EXPECT_EQ(0, qv_is_if_shared(1));
     EXPECT_EQ(-1, qv_set_if_shared(1));
     EXPECT_GT(qv_get_if_vr("lo", &vrid), 0);
-    EXPECT_EQ(0xFFFFABCDu, vrid);
+    EXPECT_EQ(QV_NO_VR, vrid);
     EXPECT_GT(qv_set_if_vr("lo", 1), 0);
     EXPECT_EQ(5, vsysid);
 }

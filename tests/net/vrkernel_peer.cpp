@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// One process of an experiment with the stand-in kernel: takes a call a line from standard input, makes it, and answers
-// with a line of its results. Receiving never waits: a datagram on the loopback interface is there when the send ends.
+// One process of an experiment with the stand-in kernel: reads one call per line from standard input, makes it, and
+// prints a line with the results. Receiving never waits: on the loopback interface a datagram arrives before send
+// returns.
 //
 //     socket 4            3
 //     bindvr 3 7          0
@@ -90,7 +91,7 @@ bool is_six(int fd)
     return family == AF_INET6;
 }
 
-// A result, and what went wrong.
+// A result, and the error of a failure.
 std::string told(long result)
 {
     return result == -1 ? "-1 " + std::string(::strerrorname_np(errno)) : std::to_string(result);
@@ -192,7 +193,7 @@ std::string send_plain(Words &words)
     return told(::sendto(fd, text.data(), text.size(), 0, to.length != 0 ? to.any() : nullptr, to.length));
 }
 
-// FD ADDRESS PORT LENGTH: with a name of that length, cut or with what lies behind it.
+// FD ADDRESS PORT LENGTH: with a name of that length, cut or with the bytes after it.
 std::string send_to_length(Words &words)
 {
     int fd = next<int>(words);
@@ -200,7 +201,7 @@ std::string send_to_length(Words &words)
     return told(::sendto(fd, "x", 1, 0, to[0].any(), next<socklen_t>(words)));
 }
 
-// The same with sendmsg(), which cuts where sendto() refuses.
+// The same with sendmsg(), which truncates where sendto() refuses.
 std::string send_message_to_length(Words &words)
 {
     int fd = next<int>(words);
@@ -215,7 +216,7 @@ std::string send_message_to_length(Words &words)
     return told(::sendmsg(fd, &message, 0));
 }
 
-// FD ADDRESS PORT: a name that says no family.
+// FD ADDRESS PORT: a name without a family.
 Name read_unspecified(Words &words)
 {
     Name name = read_name(words);
@@ -244,7 +245,7 @@ std::string connect_unspecified(Words &words)
     return told(::connect(fd, name.any(), name.length));
 }
 
-// FD ADDRESS PORT COUNT: several at a time, "0", "1" and so on.
+// FD ADDRESS PORT COUNT: several datagrams in one call, "0", "1" and so on.
 std::string send_several(Words &words)
 {
     int fd = next<int>(words);
@@ -260,7 +261,7 @@ std::string send_several(Words &words)
     return told(::sendmmsg(fd, messages.data(), count, 0));
 }
 
-// FD COUNT FLAGS TIMEOUT (0: none, 1: a time that is over at once): what came, and from where.
+// FD COUNT FLAGS TIMEOUT (0: none, 1: one that expires at once): the datagrams and their senders.
 std::string receive_several(Words &words)
 {
     int fd = next<int>(words);
@@ -285,7 +286,7 @@ std::string receive_several(Words &words)
     return text;
 }
 
-// FD COUNT SECONDS NANOSECONDS: how many came within the time, and the seconds that are left of it.
+// FD COUNT SECONDS NANOSECONDS: how many arrived within the time, and the seconds that remain.
 std::string receive_within(Words &words)
 {
     int fd = next<int>(words);
@@ -294,11 +295,11 @@ std::string receive_within(Words &words)
     words >> time.tv_sec >> time.tv_nsec;
     std::vector<mmsghdr> messages(count);
     std::string came = told(::recvmmsg(fd, messages.data(), count, MSG_DONTWAIT, &time));
-    return came + " " + (time.tv_sec > 1 ? "many" : std::to_string(time.tv_sec)); // the clock runs on
+    return came + " " + (time.tv_sec > 1 ? "many" : std::to_string(time.tv_sec)); // the clock continues
 }
 
-// FD ROOM FLAGS TIMEOUT (as above): up to three, into names with this room; the lengths, and what was written there
-// behind the port.
+// FD SIZE FLAGS TIMEOUT (as above): up to three datagrams, into names of this size; the lengths, and the bytes written
+// after the port.
 std::string receive_cut_names(Words &words)
 {
     int fd = next<int>(words);
@@ -319,7 +320,7 @@ std::string receive_cut_names(Words &words)
     return text;
 }
 
-// FD LENGTH ("null": no place for it): a plain receive into a name with that room.
+// FD LENGTH ("null": a null pointer): a plain receive into a name of that size.
 std::string receive_into_length(Words &words)
 {
     int fd = next<int>(words);
@@ -390,7 +391,7 @@ std::string name_at(const unsigned char *data, std::size_t size)
     return text_of(name);
 }
 
-// What a control message says.
+// The content of a control message.
 std::string text_of(const cmsghdr &c)
 {
     auto *data = reinterpret_cast<const unsigned char *>(CMSG_DATA(&c));
@@ -410,7 +411,7 @@ std::string text_of(const cmsghdr &c)
     return std::to_string(c.cmsg_level) + "/" + std::to_string(c.cmsg_type);
 }
 
-// FD FLAGS: the name, and what the control messages say.
+// FD FLAGS: the name, and the content of the control messages.
 std::string receive_control(Words &words)
 {
     int fd = next<int>(words);
@@ -429,7 +430,7 @@ std::string receive_control(Words &words)
     return text;
 }
 
-// With recvmsg() and no flag of ours: the levels and types of the control messages.
+// With recvmsg() and without the VR flag: the levels and types of the control messages.
 std::string receive_messages(Words &words)
 {
     int fd = next<int>(words);
@@ -459,7 +460,7 @@ std::string readable(Words &words)
     return told(::poll(&one, 1, 0));
 }
 
-// FD LEVEL TYPE LENGTH: a control message of any length on the way out.
+// FD LEVEL TYPE LENGTH: sends a control message of any length.
 std::string send_message(Words &words)
 {
     int fd = next<int>(words);
@@ -506,7 +507,7 @@ std::string set_option(Words &words)
 
 // ---- threads ----
 
-// VR ADDRESS PORT ROUNDS: two threads are the first to send on a socket, again and again; how many sends failed.
+// VR ADDRESS PORT ROUNDS: in each round two threads send on a new socket at the same time; how many sends failed.
 std::string first_sends(Words &words)
 {
     int vr = next<int>(words);
@@ -523,7 +524,7 @@ std::string first_sends(Words &words)
         for (int fd : sockets) {
             arrived++;
             others += 2;
-            while (arrived < others) // not asleep: both are to come at the same time
+            while (arrived < others) // spins, so that both send at the same time
                 ;
             failed += ::sendto(fd, "x", 1, 0, to.any(), to.length) != 1;
         }
@@ -536,7 +537,7 @@ std::string first_sends(Words &words)
     return std::to_string(failed);
 }
 
-// FD CALL: whether a thread that is to be cancelled ends in that call.
+// FD CALL: whether a thread with a pending cancellation request ends in that call.
 int cancelled_fd;
 std::string cancelled_call;
 
@@ -624,7 +625,7 @@ std::string set_mac(Words &words)
     return told(qv_set_cellular_if_mac(mac, ifid, next<unsigned>(words)));
 }
 
-// CODE on the channel of DEVICE, with or without a record.
+// CODE DEVICE: a request on the device's channel, with or without a record.
 std::string raw_command(Words &words)
 {
     alignas(8) char record[280] = {};
@@ -651,7 +652,7 @@ std::string duplicate(Words &words)
     return told(::dup(next<int>(words)));
 }
 
-// Asks for the socket's VR in another process: a child, and there after exec().
+// Reads the socket's VR in another process: a child, and the same child after exec().
 std::string ask_after_exec(Words &words)
 {
     int fd = next<int>(words), out[2];

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The stand-in kernel, seen by processes that run on it, by its command, and by those that write its file.
+// The stand-in kernel: processes that run on it, its command, and its configuration file.
 #include "support/support.h"
 
 #include <csignal>
@@ -42,7 +42,7 @@ interface  cellular0  id=65535 vsys=0  vr=1
 )";
 constexpr int kAnswerMs = 60000;
 
-// A process that makes one call a line and answers with one (see vrkernel_peer.cpp).
+// A process that makes one call per line and prints its result (see vrkernel_peer.cpp).
 class Peer {
 public:
     explicit Peer(bool with_kernel = true, bool with_config = true)
@@ -77,13 +77,13 @@ public:
     Peer(const Peer &) = delete;
     Peer &operator=(const Peer &) = delete;
 
-    // The next programs of this process run on the stand-in kernel.
+    // Programs that this process starts from now on run on the stand-in kernel.
     static void enter(bool with_config = true)
     {
         ::setenv("LD_PRELOAD", (build_dir() + "/libvrkernel.so").c_str(), 1);
         if (with_config)
             ::setenv("VRKERNEL_CONFIG", kConfig, 1);
-        if (under_sanitizer()) // it would rather be loaded first
+        if (under_sanitizer()) // it requires to be loaded first
             ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
     }
 
@@ -103,7 +103,7 @@ public:
         }
     }
 
-    // A UDP socket, in a VR unless that is 0, on an address unless that is "-". Answers "ADDRESS PORT".
+    // A UDP socket, in a VR unless it is 0, bound to an address unless it is "-". Returns "ADDRESS PORT".
     std::string open(int family, int vr, const std::string &name = "-")
     {
         std::string fd = (*this)("socket " + std::to_string(family));
@@ -118,7 +118,7 @@ private:
     int to_, from_;
 };
 
-// A network namespace with a loopback interface of its own: cases run beside each other on the same ports.
+// A network namespace with its own loopback interface: cases run at the same time on the same ports.
 void own_loopback()
 {
     ASSERT_EQ(0, ::unshare(CLONE_NEWNET));
@@ -135,7 +135,7 @@ protected:
     void SetUp() override
     {
         std::signal(SIGPIPE, SIG_IGN);
-        mount_tmpfs("/dev/shm"); // what is left there goes with the sandbox
+        mount_tmpfs("/dev/shm"); // what remains there ends with the sandbox
         own_loopback();
         write_file(kConfig, kTables);
     }
@@ -157,7 +157,7 @@ TEST_F(Vrkernel, TwoProcessesOnOnePortInTwoVrs)
     std::string port = port_of(sender.open(4, 0, "0.0.0.0 0"));
 
     EXPECT_EQ("0", sender("send 3 127.0.0.1 5000 7 first"));
-    EXPECT_EQ("0", eight("readable 3")); // not even woken
+    EXPECT_EQ("0", eight("readable 3")); // it does not even wake up
     EXPECT_EQ("-1 EAGAIN", eight("recv 3"));
     EXPECT_EQ("1", seven("readable 3"));
     EXPECT_EQ("first 127.0.0.1 " + port + " vr 7", seven("recv 3"));
@@ -181,7 +181,7 @@ TEST_F(Vrkernel, AnAnswerGoesBackInTheVrOfTheQuestion)
     EXPECT_EQ("answer " + at + " vr 7", client("recv 3"));
 }
 
-TEST_F(Vrkernel, ASocketInAVrSendsInItWithoutBeingTold)
+TEST_F(Vrkernel, ASocketInAVrSendsInItByDefault)
 {
     Peer seven, eight, sender;
     std::string at = seven.open(4, 7, "127.0.0.1 0");
@@ -192,7 +192,7 @@ TEST_F(Vrkernel, ASocketInAVrSendsInItWithoutBeingTold)
     EXPECT_THAT(eight("recv 3"), StartsWith("plain 127.0.0.1 "));
 }
 
-TEST_F(Vrkernel, ADatagramsVrGoesBeforeItsSockets)
+TEST_F(Vrkernel, ADatagramsVrOverridesItsSockets)
 {
     Peer seven, sender;
     std::string at = seven.open(4, 7, "127.0.0.1 0");
@@ -201,7 +201,7 @@ TEST_F(Vrkernel, ADatagramsVrGoesBeforeItsSockets)
     EXPECT_THAT(seven("recv 3"), HasSubstr(" vr 7"));
 }
 
-TEST_F(Vrkernel, ASocketInNoVrHearsAll)
+TEST_F(Vrkernel, ASocketInNoVrReceivesFromAll)
 {
     Peer listener, sender;
     std::string port = port_of(listener.open(4, -1, "0.0.0.0 0"));
@@ -262,7 +262,7 @@ TEST_F(Vrkernel, Ipv6)
     EXPECT_EQ("0", sender("sendfrom 3 ::1 5000 ::5 0 1 7 chosen"));
     EXPECT_THAT(seven("recvto 3"), StartsWith("chosen ::5 "));
 
-    // The message has the IPv6 level, which qv_recvfrom6() does not take.
+    // The message has the IPv6 level, which qv_recvfrom6() ignores.
     EXPECT_EQ("0", sender("send 3 ::1 5000 7 six"));
     EXPECT_THAT(seven("recv 3"), testing::EndsWith(" vr none"));
 
@@ -302,7 +302,7 @@ TEST_F(Vrkernel, ConnectedSockets)
     EXPECT_EQ("-1 EDESTADDRREQ", server("send 3 - 7 z"));
 }
 
-TEST_F(Vrkernel, NobodyThereIsRefused)
+TEST_F(Vrkernel, APortWithoutASocketRefuses)
 {
     Peer server, client;
     std::string at = server.open(4, 7, "0.0.0.0 0");
@@ -312,7 +312,7 @@ TEST_F(Vrkernel, NobodyThereIsRefused)
     EXPECT_EQ("-1 ECONNREFUSED", client("recvplain 3"));
 }
 
-TEST_F(Vrkernel, OnePortOfAVrIsTakenOnce)
+TEST_F(Vrkernel, APortOfAVrIsBoundOnce)
 {
     Peer first, second;
     std::string at = first.open(4, 7, "0.0.0.0 0");
@@ -331,7 +331,7 @@ TEST_F(Vrkernel, OrdinaryTrafficIsUntouched)
     EXPECT_EQ("4", on_kernel("sendplain 3 " + from + " pong"));
     EXPECT_EQ("pong " + at, stock("recvplain 3"));
 
-    // Neither side of a VR hears the other.
+    // Datagrams cross the border of a VR in neither direction.
     Peer seven;
     seven.open(4, 7, at);
     EXPECT_EQ("1", stock("sendplain 3 " + at + " x"));
@@ -351,12 +351,12 @@ TEST_F(Vrkernel, Ipv6OrdinaryTrafficIsUntouched)
     EXPECT_EQ("ping " + from + " to - 0 through none vr none", on_kernel("recvto 3"));
 }
 
-TEST_F(Vrkernel, TheVrMessageComesWithTheFlagWhereThereIsRoom)
+TEST_F(Vrkernel, TheVrMessageIsSentWithTheFlagWhereItFits)
 {
     Peer receiver, sender;
     std::string at = receiver.open(4, 7, "0.0.0.0 0");
     sender.open(4, 7);
-    // Flag and room of the receive call, and what it gets: packet info takes 32 bytes, the VR message 20 and 4 more.
+    // The receive call's flag and size of control data, and its result: packet info needs 32 bytes, the VR message 24.
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"0 256", "whole 0/8"},
         {"65536 256", "whole 0/8 0/30"},
@@ -381,7 +381,7 @@ TEST_F(Vrkernel, MalformedControlDataIsRefused)
                                 "0 31 24 24", "0 31 18446744073709551615 24", "0 31 18446744073709551608 24",
                                 "0 31 20 19", "41 91 24 24", "0 8 27 32", "0 8 29 32", "41 50 35 40"})
         EXPECT_EQ("-1 EINVAL", sender("sendmessage 3 127.0.0.1 5000 " + std::string(message))) << message;
-    EXPECT_EQ("-1 ENOENT", sender("sendmessage 3 127.0.0.1 5000 0 31 20 24")); // there is no VR 0
+    EXPECT_EQ("-1 ENOENT", sender("sendmessage 3 127.0.0.1 5000 0 31 20 24")); // VR 0 does not exist
 }
 
 TEST_F(Vrkernel, NamesOfOtherLengthsStayInTheVrOrAreRefused)
@@ -394,7 +394,7 @@ TEST_F(Vrkernel, NamesOfOtherLengthsStayInTheVrOrAreRefused)
     seven.open(4, 7);
     for (const char *length : {"24", "28", "128"})
         EXPECT_EQ("1", seven("sendtolength 5 " + at + " " + length)) << length;
-    EXPECT_EQ("1", seven("sendmsglength 5 " + at + " 200")); // which sendmsg() cuts
+    EXPECT_EQ("1", seven("sendmsglength 5 " + at + " 200")); // sendmsg() truncates it
     for (const char *length : {"16", "17", "128"})
         EXPECT_EQ("1", seven("sendtolength 6 " + at4 + " " + length)) << length;
     EXPECT_EQ("1", seven("sendmsglength 6 " + at4 + " 200"));
@@ -409,7 +409,7 @@ TEST_F(Vrkernel, NamesOfOtherLengthsStayInTheVrOrAreRefused)
 
 // ---- control data ----
 
-// A control message with its padding, or the last one without; two digits a byte.
+// A control message with its padding, or the last one without, as two digits per byte.
 std::string message(int level, int type, const std::vector<std::int32_t> &data, bool is_padded = true,
                     std::uint64_t length = 0)
 {
@@ -443,7 +443,7 @@ TEST_F(Vrkernel, OtherControlMessagesPassThrough)
         ASSERT_EQ("1", sender("sendcontrol 3 " + at + " " + control)) << control;
         EXPECT_THAT(receiver("recvcontrol 3 65536"), testing::EndsWith(", info 127.0.0.1 127.0.0.1, ttl 33, 0/30"));
     }
-    // Without a VR as well, packet info among them.
+    // The same without a VR, packet info included.
     Peer ordinary;
     at = ordinary.open(4, 0, "127.0.0.1 0");
     std::string info = message(0, 8, {0, static_cast<int>(htonl(0x7F000005)), 0});
@@ -474,7 +474,7 @@ TEST_F(Vrkernel, AMalformedSecondMessageIsRefused)
         EXPECT_EQ("-1 EINVAL",
                   sender("sendcontrol 3 127.0.0.1 5000 " + message(0, 31, {7}) + message(0, 2, {33}, false, length)))
             << length;
-    // Packet info has one length for IPv4, and at least its own for IPv6.
+    // For IPv4 packet info has exactly one length; for IPv6 its length is a minimum.
     for (std::uint64_t length : {16ULL, 27ULL, 29ULL, 32ULL})
         EXPECT_EQ("-1 EINVAL", sender("sendcontrol 3 127.0.0.1 5000 " + message(0, 31, {7}) +
                                       message(0, 8, {0, 0, 0, 0}, true, length)))
@@ -488,7 +488,7 @@ TEST_F(Vrkernel, TooMuchControlDataHasNoRoom)
     Peer receiver, sender;
     std::string at = receiver.open(4, 7, "127.0.0.1 0");
     sender.open(4, 0);
-    // Packet info takes 32 bytes of 1024, as each of these does, which the real kernel ignores for their level.
+    // Packet info needs 32 of 1024 bytes, like each of these, which the real kernel ignores for their level.
     const std::string filler = message(77, 1, {1, 2, 3, 4});
     std::string control = message(0, 31, {7});
     for (int i = 0; i < 31; i++)
@@ -520,7 +520,7 @@ TEST_F(Vrkernel, DestinationsAreTranslated)
     ASSERT_EQ("1", sender("sendplain 3 127.0.0.8 " + port + " x"));
     EXPECT_EQ(from + ", info 127.0.0.8 127.0.0.8, original 127.0.0.8 " + port, everywhere("recvcontrol 3 0"));
 
-    // An IPv6 socket that asks for what IPv4 has.
+    // An IPv6 socket that requests the IPv4 information.
     std::string at6 = seven.open(6, 7, "::9 0");
     ASSERT_EQ("0", seven("setoption 4" + std::string(kOriginal)));
     sender.open(6, 7);
@@ -565,13 +565,13 @@ TEST_F(Vrkernel, NamesWithoutAFamilyStayInTheVr)
     EXPECT_EQ("-1 EAGAIN", ordinary("recvplain 3"));
     EXPECT_EQ("x " + sender("own 3"), seven("recvplain 3"));
 
-    // bind() takes the wildcard that way, and nothing else.
+    // bind() accepts only the wildcard in this form.
     EXPECT_EQ("4", sender("socket 4"));
     EXPECT_EQ("0", sender("bindvr 4 7"));
     EXPECT_EQ("-1 EAFNOSUPPORT", sender("bindunspecified 4 127.0.0.1 0"));
     EXPECT_THAT(sender("bindunspecified 4 0.0.0.0 0"), StartsWith("127.0.0.1 "));
 
-    // To an IPv6 socket it is no name.
+    // An IPv6 socket refuses it as a name.
     std::string at6 = seven.open(6, 7, "::1 0");
     ordinary.open(6, 0, at6);
     sender.open(6, 7);
@@ -582,7 +582,7 @@ TEST_F(Vrkernel, NamesWithoutAFamilyStayInTheVr)
     EXPECT_EQ("x " + sender("own 5"), seven("recvplain 4"));
 }
 
-TEST_F(Vrkernel, ANameOfNoLengthIsNone)
+TEST_F(Vrkernel, ANameOfNoLengthIsIgnored)
 {
     Peer seven, ordinary, sender;
     std::string at = seven.open(4, 7, "127.0.0.1 0");
@@ -595,7 +595,7 @@ TEST_F(Vrkernel, ANameOfNoLengthIsNone)
     EXPECT_THAT(seven("recvplain 3"), StartsWith("x 127.0.0.1 "));
 }
 
-TEST_F(Vrkernel, AddressesOutsideAreNoneInAVr)
+TEST_F(Vrkernel, AddressesOutsideDoNotExistInAVr)
 {
     Peer sender;
     sender.open(4, 7, "127.0.0.1 0");
@@ -620,19 +620,19 @@ TEST_F(Vrkernel, ASenderWithoutAnAddressGetsOneOfItsVr)
         ASSERT_THAT(fresh(send), testing::Not(StartsWith("-"))) << send;
         std::string own = fresh("own 3");
         EXPECT_THAT(own, StartsWith("127.0.0.1 ")) << send;
-        // It hears its VR there, and nothing from outside.
+        // It receives from its VR there, and nothing from outside.
         stock.open(4, 0);
         EXPECT_EQ("7", stock("sendplain 3 " + own + " outside"));
         EXPECT_EQ("0", fresh("readable 3")) << send;
     }
-    // A refused send gives none.
+    // A refused send assigns no address.
     sender.open(4, 7);
     EXPECT_EQ("-1 ENETUNREACH", sender("sendplain 3 10.0.0.1 5000 x"));
     EXPECT_EQ("-1 ENETUNREACH", sender("connect 3 10.0.0.1 5000"));
     EXPECT_EQ("0.0.0.0 0", sender("own 3"));
 }
 
-TEST_F(Vrkernel, ThreadsMayBothBeTheFirstToSend)
+TEST_F(Vrkernel, TwoThreadsMaySendFirst)
 {
     Peer receiver, sender;
     std::string at = receiver.open(4, 7, "127.0.0.1 0");
@@ -659,7 +659,7 @@ TEST_F(Vrkernel, Disconnecting)
         EXPECT_THAT(client("own 3"), StartsWith(*own == '-' ? "127.0.0.1 " : "127.0.0.5 "));
         EXPECT_EQ("0", client("connect 3 " + at));
     }
-    // Without the address that only its connection gave it, a socket is as new.
+    // A socket whose address came only from its connection loses it and is unbound again.
     Peer client;
     client.open(4, 7);
     client.open(6, 7);
@@ -694,7 +694,7 @@ TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
     EXPECT_EQ("d ::1 " + port_of(only("own 3")), seven("recvplain 3"));
     EXPECT_NE("0", port_of(only("own 3")));
 
-    // To IPv4 as well, as to any address of the VR; and the VR's own port is not to be had.
+    // Also to IPv4, like to any address of the VR. The VR's own port is taken.
     std::string at4 = seven.open(4, 7, "127.0.0.1 0");
     EXPECT_EQ("0", bound("send 3 ::ffff:" + at4 + " 7 e"));
     EXPECT_EQ("e 127.0.0.1 " + port_of(from), seven("recvplain 4"));
@@ -706,7 +706,7 @@ TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
     ASSERT_EQ("0", both("setoption 3 1 15 0"));
     EXPECT_EQ("-1 EADDRINUSE", bound("send 3 " + at + " 7 g"));
 
-    // In a VR the option makes no difference.
+    // In a VR the option has no effect.
     ASSERT_EQ("3", in_vr("socket 6"));
     ASSERT_EQ("0", in_vr("setoption 3 41 26 1"));
     ASSERT_EQ("0", in_vr("bindvr 3 7"));
@@ -719,9 +719,9 @@ TEST_F(Vrkernel, SocketsForIpv6OnlyCanSend)
 TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "the sanitizer counts a cut name as written in full";
+        GTEST_SKIP() << "the sanitizer treats a truncated name as fully written";
     const std::vector<const char *> calls = {
-        // UDP: lengths of names that are too short, too long and none.
+        // UDP: names that are too short, too long, and absent.
         "socket 4", "setoption 3 1 2 1", "bind 3 127.0.0.1 5000", "sendtolength 3 127.0.0.1 5000 0",
         "sendtolength 3 127.0.0.1 5000 8", "sendtolength 3 127.0.0.1 5000 16", "sendtolength 3 127.0.0.1 5000 128",
         "sendtolength 3 127.0.0.1 5000 129", "sendtolength 3 127.0.0.1 5000 200",
@@ -735,7 +735,7 @@ TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
         "recvwithin 3 2 -1 0", "recvwithin 3 2 0 -1", "recvwithin 3 2 0 1000000000",
         "recvwithin 3 2 9223372036854775807 999999999", "recvwithin 3 2 0 0", "recvwithin 3 2 0 0",
         "recvseveral 99 1 64 0", "sendseveral 99 127.0.0.1 5000 1",
-        // A name of the addresses that VRs have outside, where no VR is meant.
+        // The outside address of a VR, used without a VR.
         "socket 4", "bind 4 127.128.7.1 5001", "own 4", "connect 4 127.128.8.1 5002", "peer 4",
         // TCP, and the protocol of UDP on a raw socket.
         "tcp", "bind 5 127.128.7.1 5003", "own 5", "listen 5", "tcp", "connect 6 127.128.7.1 5003", "peer 6",
@@ -747,7 +747,7 @@ TEST_F(Vrkernel, OrdinaryCallsGetTheRealKernelsAnswers)
     Peer stock(false);
     for (const char *call : calls)
         expected.push_back(stock(call));
-    own_loopback(); // for the same ports again
+    own_loopback(); // to use the same ports again
     Peer on_kernel;
     for (std::size_t i = 0; i < calls.size(); i++)
         EXPECT_EQ(expected[i], on_kernel(calls[i])) << calls[i];
@@ -774,11 +774,11 @@ TEST_F(Vrkernel, NamesThatAreCutAreTranslated)
     std::string two = "2 16: 127 0 238 238 238 238 16: 127 0 238 238 238 238";
     EXPECT_EQ(two, seven("recvcutnames 3 6 65536 0")); // MSG_WAITFORONE
     seven("sendseveral 3 127.0.0.1 " + port + " 2");
-    EXPECT_EQ("1 16: 127 0 238 238 238 238", seven("recvcutnames 3 6 64 1")); // in no time
+    EXPECT_EQ("1 16: 127 0 238 238 238 238", seven("recvcutnames 3 6 64 1")); // expires at once
     EXPECT_EQ("1 16: 127 0 238 238 238 238", seven("recvcutnames 3 6 64 0"));
     EXPECT_EQ("-1 EAGAIN", seven("recvcutnames 3 6 64 0"));
     seven("sendplain 3 127.0.0.1 " + port + " x");
-    EXPECT_EQ("1 16", seven("recvintolength 3 6")); // the whole length
+    EXPECT_EQ("1 16", seven("recvintolength 3 6")); // the full length, though the name is cut
 }
 
 TEST_F(Vrkernel, BlockingCallsAreCancellationPoints)
@@ -812,9 +812,9 @@ TEST_F(Vrkernel, SeveralAtATime)
         EXPECT_EQ("2 0 " + from + " 1 " + from, receiver(std::string("recvseveral 3 3 ") + kWaitForOne + " 0"));
         EXPECT_EQ("3", sender("sendseveral 3 " + at + " 3"));
         EXPECT_EQ("2 0 " + from + " 1 " + from, receiver("recvseveral 3 2 0 0"));
-        EXPECT_EQ("1 2 " + from, receiver("recvseveral 3 2 0 1")); // the time is over after the first
+        EXPECT_EQ("1 2 " + from, receiver("recvseveral 3 2 0 1")); // the time expires after the first
         EXPECT_EQ("0", sender("sendseveral 3 " + at + " 0"));
-        EXPECT_EQ("1024", sender("sendseveral 3 127.0.0.1 9 1030")); // no more at a time
+        EXPECT_EQ("1024", sender("sendseveral 3 127.0.0.1 9 1030")); // the most in one call
     }
     Peer sender;
     sender.open(4, 7);
@@ -830,7 +830,7 @@ TEST_F(Vrkernel, UnknownVrs)
     EXPECT_EQ("2", peer("bindvr 4 9"));
     EXPECT_EQ("0 -1", peer("getvr 3"));
     EXPECT_EQ("-1 ENOENT", peer("send 3 127.0.0.1 5000 9 x"));
-    EXPECT_EQ("-1 ENOENT", peer("send 4 ::1 5000 65543 x")); // not 7 with high bits cut off
+    EXPECT_EQ("-1 ENOENT", peer("send 4 ::1 5000 65543 x")); // the high bits are not cut off to 7
     EXPECT_THAT(peer("bindvr 3 2081"), StartsWith("-1 "));   // the library's own refusal
 }
 
@@ -846,7 +846,7 @@ TEST_F(Vrkernel, TheVrOfASocket)
     EXPECT_EQ("0", peer("bindvr 3 -1"));
     EXPECT_EQ("0 -1", peer("getvr 3"));
 
-    // Once it has an address, it stays.
+    // A socket with an address stays in its VR.
     ASSERT_EQ("127.0.0.1 5000", peer.open(4, 7, "127.0.0.1 5000"));
     EXPECT_EQ("0", peer("bindvr 5 7"));
     EXPECT_EQ("22", peer("bindvr 5 8"));
@@ -863,7 +863,7 @@ TEST_F(Vrkernel, TheVrLastsThroughDupForkAndExec)
     EXPECT_EQ("0 7", peer("askafterexec 3"));
 }
 
-TEST_F(Vrkernel, OtherSocketsAreLeftToTheRealKernel)
+TEST_F(Vrkernel, OtherSocketsUseTheRealKernel)
 {
     Peer peer;
     Peer stock(false);
@@ -972,7 +972,7 @@ TEST_F(Vrkernel, ChangesAreSeenByAllAndOutlastTheirProcess)
     EXPECT_EQ("8", later("get_if_vr eth0-1"));
 }
 
-TEST_F(Vrkernel, ProcessesThatStartTogetherShareTheirTables)
+TEST_F(Vrkernel, ProcessesThatStartAtTheSameTimeShareTheirTables)
 {
     std::vector<std::unique_ptr<Peer>> peers;
     for (int i = 0; i < 8; i++)
@@ -1041,12 +1041,12 @@ TEST_F(VrkernelCommand, ShowsTheTablesAsTheyAre)
     EXPECT_THAT(after.out, HasSubstr("id=65535 vsys=0 vr=1 flags=0 mac=02:00:00:00:00:17 cellular=5 device=9\n"));
 }
 
-TEST_F(VrkernelCommand, ResetAndAChangedFileStartAnew)
+TEST_F(VrkernelCommand, ResetAndAChangedFileStartOver)
 {
     Peer peer;
     peer("set_if_vr eth0-1 8");
     EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
-    EXPECT_EQ("8", peer("get_if_vr eth0-1")); // those that run keep what they have
+    EXPECT_EQ("8", peer("get_if_vr eth0-1")); // running processes keep their tables
     Peer fresh;
     EXPECT_EQ("7", fresh("get_if_vr eth0-1"));
 
@@ -1054,7 +1054,7 @@ TEST_F(VrkernelCommand, ResetAndAChangedFileStartAnew)
     Peer changed;
     EXPECT_EQ("1", changed("get_if_vr eth0-1"));
     EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
-    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0)); // nothing there is as good
+    EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0)); // no segment is no error
 }
 
 std::vector<std::string> segments()
@@ -1067,9 +1067,9 @@ std::vector<std::string> segments()
     return found;
 }
 
-TEST_F(VrkernelCommand, ResetRemovesTheSegmentsOfFilesThatAreGone)
+TEST_F(VrkernelCommand, ResetRemovesTheSegmentsOfRemovedFiles)
 {
-    auto replace = [] { // as editors do
+    auto replace = [] { // like editors do
         write_file("/tmp/new.conf", kTables);
         ASSERT_EQ(0, ::rename("/tmp/new.conf", kConfig));
     };
@@ -1092,17 +1092,17 @@ TEST_F(VrkernelCommand, ResetRemovesTheSegmentsOfFilesThatAreGone)
     EXPECT_EQ(7u, segments().size());
 
     EXPECT_TRUE(command({"reset", "-c", kConfig}).exited(0));
-    EXPECT_EQ(3u, segments().size()); // those of other files stay, and what is no segment
+    EXPECT_EQ(3u, segments().size()); // the segments of other files remain, and files that are no segments
     EXPECT_TRUE(command({"reset", "-c", "/tmp/other.conf"}).exited(0));
     EXPECT_TRUE(command({"reset", "-c", "/tmp/after.conf"}).exited(0));
     EXPECT_EQ(std::vector<std::string>{"/dev/shm/vrkernel.strange"}, segments());
     EXPECT_EQ("7", first("get_if_vr eth0-1"));
 }
 
-TEST_F(VrkernelCommand, ASegmentThatIsNotOfThisFileIsMadeAgain)
+TEST_F(VrkernelCommand, ASegmentOfAnotherFileIsReplaced)
 {
     struct stat st;
-    write_file(kConfig, kTables); // with a known time
+    write_file(kConfig, kTables); // with a known modification time
     const timespec times[2] = {{1000, 5}, {1000, 5}};
     ASSERT_EQ(0, ::utimensat(AT_FDCWD, kConfig, times, 0));
     auto touch = [](time_t seconds, long nanoseconds) {
@@ -1145,8 +1145,8 @@ TEST_F(VrkernelCommand, ASegmentThatIsNotOfThisFileIsMadeAgain)
     EXPECT_TRUE(is_kept_after([&](const std::string &) { touch(1001, 6); }));
 }
 
-// A process of the test holds the lock until the one that starts is seen to wait for it.
-TEST_F(VrkernelCommand, ThoseThatStartWaitForTheLockOfTheFile)
+// A process of the test holds the lock until the starting process waits for it.
+TEST_F(VrkernelCommand, ProcessesThatStartWaitForTheLockOfTheFile)
 {
     for (const char *word : {"show", "reset"}) {
         write_file(kConfig, "nonsense\n");
@@ -1167,7 +1167,7 @@ TEST_F(VrkernelCommand, ThoseThatStartWaitForTheLockOfTheFile)
         EXPECT_TRUE(result.exited(0)) << result.err;
         if (word == std::string("reset"))
             continue;
-        // They are the tables of the file as it was then.
+        // The tables are those of the file at that time.
         struct stat made, later;
         ASSERT_EQ(0, ::stat(segments().at(0).c_str(), &made));
         EXPECT_TRUE(command({word, "-c", kConfig}).exited(0));
@@ -1202,7 +1202,7 @@ TEST_F(VrkernelCommand, APathThatCannotBePreloadedIsRefused)
 TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a library with the sanitizer cannot be preloaded into a shell without";
+        GTEST_SKIP() << "a library with the sanitizer cannot be preloaded into a shell without it";
     auto result = command({"run", "-c", kConfig, "--", "/bin/sh", "-c", "echo vrid_2_name 7 | " + peer()});
     EXPECT_TRUE(result.exited(0)) << result.err;
     EXPECT_EQ("trust\n", result.out);
@@ -1212,7 +1212,7 @@ TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
               command({"run", "-c", "/tmp/none.conf", "--", "/bin/sh"}).err);
 }
 
-TEST_F(VrkernelCommand, WrongUseIsToldHow)
+TEST_F(VrkernelCommand, WrongUseShowsTheUsage)
 {
     ::unsetenv("VRKERNEL_CONFIG");
     for (const std::vector<std::string> &words : {std::vector<std::string>{},
@@ -1256,7 +1256,7 @@ protected:
         return all;
     }
 
-    // Starts the daemon and waits until its log holds the text.
+    // Starts the daemon and waits until its log contains the text.
     void start(const std::vector<std::string> &words, const std::string &ready)
     {
         daemon_ = ::fork();
@@ -1306,7 +1306,7 @@ TEST_F(VrkernelSample, AnswersInTheVrsThatItServes)
     EXPECT_EQ(0, stop());
 }
 
-TEST_F(VrkernelSample, SaysWhatItCannotServe)
+TEST_F(VrkernelSample, ReportsWhatItCannotServe)
 {
     EXPECT_TRUE(run_program(on_kernel({"sampled", "--vr", "9"})).exited(1));
     EXPECT_THAT(log(), HasSubstr("sampled: VR 9: No such file or directory\n"));
@@ -1322,7 +1322,7 @@ TEST_F(VrkernelSample, SaysWhatItCannotServe)
 
 class VrkernelConfig : public Vrkernel {
 protected:
-    // What is said of a file, without its name.
+    // The message about a file, without the file's name.
     static std::string said_of(const std::string &text)
     {
         write_file(kConfig, text);
@@ -1339,7 +1339,7 @@ protected:
 
 constexpr const char *kLeast = "vsys root id=0 default-vr=1\nvr default id=1 vsys=0\n";
 
-TEST_F(VrkernelConfig, EveryMistakeIsToldWithItsLine)
+TEST_F(VrkernelConfig, EveryMistakeIsReportedWithItsLine)
 {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"router x id=1", "unknown entry \"router\", want vsys, vr or interface"},
@@ -1380,7 +1380,7 @@ TEST_F(VrkernelConfig, EveryMistakeIsToldWithItsLine)
     EXPECT_EQ("1: the default VR of vsys 0 is always 1\n", said_of("vsys root id=0 default-vr=2\nvr a id=2 vsys=0\n"));
 }
 
-TEST_F(VrkernelConfig, AllMistakesAreTold)
+TEST_F(VrkernelConfig, AllMistakesAreReported)
 {
     EXPECT_EQ("1: vr \"a\" without vsys\n3: unknown entry \"x\", want vsys, vr or interface\n",
               said_of("vr a id=2\n\nx\n"));

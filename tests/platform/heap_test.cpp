@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The contract of the heap library, as heap.h states it.
+// The contract of the heap library as heap.h documents it.
 #include "heap.h"
 
 #include "support/next_function.h"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <random>
 #include <set>
 #include <utility>
 
@@ -19,7 +19,7 @@ namespace {
 
 struct Element {
     int key = 0;
-    unsigned position = 0; // as told last
+    unsigned position = 0; // as last reported
     int told = 0;
 };
 
@@ -51,7 +51,7 @@ extern "C" void *realloc(void *block, std::size_t size)
     return no_memory ? nullptr : real(block, size);
 }
 
-TEST(HeapLibrary, EmptyHeapAnswersNothing)
+TEST(HeapLibrary, AnEmptyHeapReturnsNothing)
 {
     Heap heap;
     ASSERT_NE(nullptr, heap.handle);
@@ -61,19 +61,19 @@ TEST(HeapLibrary, EmptyHeapAnswersNothing)
     }
 }
 
-TEST(HeapLibrary, TheEarliestIsAtPosition1AndAnswersFor0)
+TEST(HeapLibrary, TheEarliestIsAtPositions0And1)
 {
     Heap heap;
     Element five{5}, three{3}, four{4};
     for (Element *e : {&five, &three, &four})
         EXPECT_EQ(0, __heap_insert(heap.handle, e));
-    EXPECT_EQ(&three, heap.at(1));
-    EXPECT_EQ(&three, heap.at(0));
+    EXPECT_EQ(heap.at(1), &three);
+    EXPECT_EQ(heap.at(0), &three);
     EXPECT_EQ(nullptr, heap.at(4));
     EXPECT_EQ(nullptr, heap.at(UINT_MAX));
 }
 
-TEST(HeapLibrary, PositionsOutsideAreAnsweredNegative)
+TEST(HeapLibrary, PositionsOutsideReturnANegativeResult)
 {
     Heap heap;
     Element one{1}, two{2};
@@ -81,10 +81,10 @@ TEST(HeapLibrary, PositionsOutsideAreAnsweredNegative)
     __heap_insert(heap.handle, &two);
     for (unsigned position : {0u, 3u, 4u, 1000u, UINT_MAX})
         EXPECT_LT(__heap_delete(heap.handle, position), 0) << position;
-    EXPECT_EQ(&two, heap.at(2));
+    EXPECT_EQ(heap.at(2), &two);
 }
 
-TEST(HeapLibrary, TheToldPositionDeletes)
+TEST(HeapLibrary, TheReportedPositionDeletes)
 {
     Heap heap;
     std::vector<Element> elements(100);
@@ -93,13 +93,13 @@ TEST(HeapLibrary, TheToldPositionDeletes)
     for (Element &e : elements)
         __heap_insert(heap.handle, &e);
     for (Element &e : elements) {
-        EXPECT_EQ(&e, heap.at(e.position));
+        EXPECT_EQ(heap.at(e.position), &e);
         EXPECT_EQ(0, __heap_delete(heap.handle, e.position));
     }
     EXPECT_EQ(nullptr, heap.at(1));
 }
 
-TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
+TEST(HeapLibrary, ARemovedElementGetsNoPosition)
 {
     Heap heap;
     Element one{1}, two{2};
@@ -107,9 +107,9 @@ TEST(HeapLibrary, AnElementThatLeavesIsNotTold)
     __heap_insert(heap.handle, &two);
     int told = one.told;
     __heap_delete(heap.handle, one.position);
-    EXPECT_EQ(told, one.told);
-    EXPECT_EQ(1u, one.position) << "stale now";
-    EXPECT_EQ(1u, two.position) << "moved up, and told";
+    EXPECT_EQ(one.told, told);
+    EXPECT_EQ(1u, one.position) << "stale after the removal";
+    EXPECT_EQ(1u, two.position) << "moved up, and reported";
     EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
 }
 
@@ -123,23 +123,23 @@ TEST(HeapLibrary, GrowthThatFailsLeavesTheHeapAsItWas)
     EXPECT_LT(__heap_insert(handle, &elements[2]), 0);
     no_memory = false;
     EXPECT_EQ(0, elements[2].told);
-    EXPECT_EQ(&elements[1], __heap_element(handle, 1));
+    EXPECT_EQ(__heap_element(handle, 1), &elements[1]);
     EXPECT_EQ(0, __heap_insert(handle, &elements[2]));
-    EXPECT_EQ(&elements[2], __heap_element(handle, 1));
+    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
     __heap_free(handle);
 }
 
-TEST(HeapLibrary, AnInitialSizeOf0IsAsGoodAsAny)
+TEST(HeapLibrary, AnInitialSizeOf0Works)
 {
     void *handle = __heap_new(before, tell, 0);
     Element elements[5] = {{3}, {2}, {1}, {5}, {4}};
     for (Element &e : elements)
         EXPECT_EQ(0, __heap_insert(handle, &e));
-    EXPECT_EQ(&elements[2], __heap_element(handle, 1));
+    EXPECT_EQ(__heap_element(handle, 1), &elements[2]);
     __heap_free(handle);
 }
 
-TEST(HeapLibrary, NullHandlesAreAnswered)
+TEST(HeapLibrary, NullHandlesFail)
 {
     Element one;
     EXPECT_LT(__heap_insert(nullptr, &one), 0);
@@ -151,7 +151,7 @@ TEST(HeapLibrary, NullHandlesAreAnswered)
 TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        support::Random random(seed);
         Heap heap;
         std::vector<Element> elements(500);
         std::vector<Element *> in, out;
@@ -160,6 +160,7 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
         std::multiset<int> keys;
         for (std::size_t step = 0; step < effort(300000); step++) {
             bool insert = in.empty() || (!out.empty() && random() % 2 == 0);
+            random.doing(insert ? "insert into a heap of" : "delete from a heap of", in.size());
             if (insert) {
                 std::swap(out[random() % out.size()], out.back());
                 Element *e = out.back();
@@ -170,24 +171,24 @@ TEST(HeapLibraryModel, RandomWorkComesOutInOrder)
                 keys.insert(e->key);
             } else {
                 std::size_t which = random() % in.size();
-                if (random() % 2 == 0) // the earliest, as timers go
+                if (random() % 2 == 0) // the earliest, like timers
                     which = static_cast<std::size_t>(std::find(in.begin(), in.end(), heap.at(1)) - in.begin());
                 Element *e = in[which];
-                ASSERT_EQ(e, heap.at(e->position));
+                ASSERT_EQ(heap.at(e->position), e);
                 ASSERT_EQ(0, __heap_delete(heap.handle, e->position));
                 keys.erase(keys.find(e->key));
                 in[which] = in.back();
                 in.pop_back();
                 out.push_back(e);
             }
-            ASSERT_EQ(keys.empty(), heap.at(1) == nullptr);
+            ASSERT_EQ(heap.at(1) == nullptr, keys.empty());
             if (!keys.empty()) {
-                ASSERT_EQ(*keys.begin(), heap.at(1)->key);
+                ASSERT_EQ(heap.at(1)->key, *keys.begin());
             }
             ASSERT_EQ(nullptr, heap.at(static_cast<unsigned>(in.size()) + 1));
             if (step % 1000 == 0) {
                 for (Element *e : in)
-                    ASSERT_EQ(e, heap.at(e->position));
+                    ASSERT_EQ(heap.at(e->position), e);
             }
         }
     }
@@ -240,18 +241,18 @@ TEST(KeyedHeap, OrdersAndStoresPositionsWithoutACall)
     four.time = {4, -1};
     for (Timed *t : {&five, &three, &four})
         EXPECT_EQ(0, __heap_insert(heap.handle, t));
-    EXPECT_EQ(&three, heap.at(0));
-    EXPECT_EQ(&three, heap.at(1));
+    EXPECT_EQ(heap.at(0), &three);
+    EXPECT_EQ(heap.at(1), &three);
     EXPECT_EQ(2, three.position);
     EXPECT_EQ(0, __heap_delete(heap.handle, 1));
-    EXPECT_EQ(&four, heap.at(1));
+    EXPECT_EQ(heap.at(1), &four);
     EXPECT_EQ(0, __heap_delete(heap.handle, static_cast<unsigned>(five.position - 1)));
     EXPECT_EQ(-1, __heap_delete(heap.handle, 2));
-    EXPECT_EQ(&four, heap.at(1));
+    EXPECT_EQ(heap.at(1), &four);
     EXPECT_EQ(0, told);
 }
 
-TEST(KeyedHeap, AnswersLikeTheOther)
+TEST(KeyedHeap, BehavesLikeTheHeapWithoutAKey)
 {
     KeyedHeap heap;
     for (unsigned position : {0u, 1u, 2u, UINT_MAX}) {
@@ -276,9 +277,9 @@ TEST(KeyedHeap, GrowthThatFailsLeavesTheHeapAsItWas)
     EXPECT_LT(__heap_insert(handle, &second), 0);
     no_memory = false;
     EXPECT_EQ(-1, second.position);
-    EXPECT_EQ(&first, __heap_element(handle, 1));
+    EXPECT_EQ(__heap_element(handle, 1), &first);
     EXPECT_EQ(0, __heap_insert(handle, &second));
-    EXPECT_EQ(&second, __heap_element(handle, 1));
+    EXPECT_EQ(__heap_element(handle, 1), &second);
     __heap_free(handle);
 }
 
@@ -286,7 +287,7 @@ namespace {
 
 std::vector<Timed> random_times(std::size_t count, unsigned seed)
 {
-    std::mt19937 random(seed);
+    support::Random random(seed);
     std::vector<Timed> times(count);
     for (Timed &t : times)
         t.time = {static_cast<long>(random() % 1000), static_cast<long>(random() % 1000000)};
@@ -295,14 +296,14 @@ std::vector<Timed> random_times(std::size_t count, unsigned seed)
 
 } // namespace
 
-// The heap is not asked for its earliest element meanwhile: deletion by position alone keeps the positions valid.
-TEST(KeyedHeap, PositionsHoldBeforeAnythingLeaves)
+// Without a request for the earliest element: deletion by position alone keeps the positions valid.
+TEST(KeyedHeap, PositionsStayValidWithDeletionByPosition)
 {
     for (std::size_t count : {2U, 5U, 64U, 65U, 66U, 300U}) {
         KeyedHeap heap;
         std::vector<Timed> elements = random_times(count, 7);
         for (Timed &t : elements) {
-            ASSERT_EQ(__heap_insert(heap.handle, &t), 0);
+            ASSERT_EQ(0, __heap_insert(heap.handle, &t));
             ASSERT_TRUE(heap.holds(t));
         }
         for (Timed &t : elements)
@@ -312,7 +313,7 @@ TEST(KeyedHeap, PositionsHoldBeforeAnythingLeaves)
             if (t.position == -1)
                 continue;
             ASSERT_TRUE(heap.holds(t));
-            ASSERT_EQ(__heap_delete(heap.handle, static_cast<unsigned>(t.position - 1)), 0);
+            ASSERT_EQ(0, __heap_delete(heap.handle, static_cast<unsigned>(t.position - 1)));
             t.position = -1;
         }
     }
@@ -326,26 +327,26 @@ TEST(KeyedHeap, Position1IsAlwaysTheEarliest)
         std::vector<Timed *> in;
         auto earlier = [](const Timed *a, const Timed *b) { return timed_before(a, b) != 0; };
         for (std::size_t i = 0; i < elements.size(); i++) {
-            ASSERT_EQ(__heap_insert(heap.handle, &elements[i]), 0);
+            ASSERT_EQ(0, __heap_insert(heap.handle, &elements[i]));
             in.push_back(&elements[i]);
-            if (i == 99) // some leave, then the others come
+            if (i == 99) // some are removed before the others are inserted
                 for (int k = 0; k < 50; k++) {
-                    ASSERT_EQ(heap.at(1), *std::min_element(in.begin(), in.end(), earlier));
+                    ASSERT_EQ(*std::min_element(in.begin(), in.end(), earlier), heap.at(1));
                     std::erase(in, heap.at(1));
-                    ASSERT_EQ(__heap_delete(heap.handle, 1), 0);
+                    ASSERT_EQ(0, __heap_delete(heap.handle, 1));
                 }
         }
         std::sort(in.begin(), in.end(), earlier);
         for (Timed *t : in) {
-            ASSERT_EQ(heap.at(0), t);
-            ASSERT_EQ(t->position, 2);
-            ASSERT_EQ(__heap_delete(heap.handle, 1), 0);
+            ASSERT_EQ(t, heap.at(0));
+            ASSERT_EQ(2, t->position);
+            ASSERT_EQ(0, __heap_delete(heap.handle, 1));
         }
-        ASSERT_EQ(heap.at(1), nullptr);
+        ASSERT_EQ(nullptr, heap.at(1));
     }
 }
 
-// Times that are no times, all mixed: the order is exact at the ends of the range and between neighbours everywhere.
+// Times outside any valid range, mixed: the order is exact at the ends of the range and between any two neighbours.
 TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
 {
     constexpr long kSeconds[] = {
@@ -355,22 +356,24 @@ TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
         LONG_MIN,       -2,       -1,       0,       1, 999999, 1000000, (1L << 21) - 4, (1L << 21) - 3,
         (1L << 21) - 2, 1L << 21, 1L << 22, LONG_MAX};
     for (unsigned seed = 1; seed <= 6; seed++) {
-        std::mt19937 random(seed);
+        support::Random random(seed);
         KeyedHeap heap;
         std::vector<Timed> elements(seed * 60);
         std::vector<Timed *> in, out;
         for (Timed &t : elements)
             out.push_back(&t);
         auto some_time = [&](std::size_t step) -> timeval {
-            if (seed % 2 == 0 || step / 2000 % 2 == 0) // ordinary ones, with the odd one between
+            if (seed % 2 == 0 || step / 2000 % 2 == 0) // ordinary times
                 return {static_cast<long>(random() % 20), static_cast<long>(random() % 20)};
             return {kSeconds[random() % std::size(kSeconds)], kMicroseconds[random() % std::size(kMicroseconds)]};
         };
         auto earlier = [](const Timed *a, const Timed *b) { return timed_before(a, b) != 0; };
         for (std::size_t step = 0; step < effort(60000); step++) {
-            // Mostly filling, mostly emptying, in turns.
+            // Alternates between mostly filling and mostly emptying.
             bool filling = random() % 16 < (step / 1000 % 2 == 0 ? 12U : 4U);
-            if (in.empty() || (!out.empty() && filling)) {
+            bool insert_timed = in.empty() || (!out.empty() && filling);
+            random.doing(insert_timed ? "insert into a heap of" : "delete from a heap of", in.size());
+            if (insert_timed) {
                 std::swap(out[random() % out.size()], out.back());
                 Timed *t = out.back();
                 out.pop_back();
@@ -387,7 +390,7 @@ TEST(KeyedHeapModel, RandomWorkComesOutInOrder)
                 in[which] = in.back();
                 in.pop_back();
             }
-            ASSERT_EQ(in.empty(), heap.at(1) == nullptr);
+            ASSERT_EQ(heap.at(1) == nullptr, in.empty());
             if (!in.empty()) {
                 ASSERT_FALSE(earlier(*std::min_element(in.begin(), in.end(), earlier), heap.at(1)));
             }

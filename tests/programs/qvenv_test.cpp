@@ -42,7 +42,7 @@ TEST(QvenvTool, SetsAndGets)
     EXPECT_EQ("slot=two words\n", read_file(kStore));
 }
 
-TEST(QvenvTool, GetOfWhatIsNotSetIsSilent)
+TEST(QvenvTool, GetOfAnUnsetNameIsSilent)
 {
     expect(qvenv({"get", "slot"}), 1, "", "");
     EXPECT_FALSE(exists(kStore));
@@ -81,13 +81,13 @@ TEST(QvenvTool, ListsTheFileAsItIs)
     expect(qvenv({"list"}), 0, settings, "");
 }
 
-TEST(QvenvTool, ListOfAMissingFileIsTrouble)
+TEST(QvenvTool, ListOfAMissingFileFails)
 {
     expect(qvenv({"list"}), 2, "", "qvenv: /tmp/qvenv: No such file or directory\n");
     expect(qvenv({"-f", "/tmp", "list"}), 2, "", "qvenv: /tmp: Is a directory\n");
 }
 
-TEST(QvenvTool, GetFromWhatCannotBeReadIsTrouble)
+TEST(QvenvTool, GetFromAnUnreadableFileFails)
 {
     expect(qvenv({"-f", "/tmp", "get", "a"}), 2, "", "qvenv: /tmp: Is a directory\n");
     ASSERT_EQ(0, ::mkdir(kStore, 0755));
@@ -102,7 +102,7 @@ TEST(QvenvTool, AnEmptyNameIsNoName)
     expect(qvenv({"-f", kStore, "get", ""}), 2, "", "qvenv: : not a valid name\n");
 }
 
-TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
+TEST(QvenvTool, SetReportsAFullDisk)
 {
     const std::string full = "qvenv: /tmp/qvenv: No space left on device\n";
     mount_tmpfs("/tmp", 64 * 1024);
@@ -113,7 +113,7 @@ TEST(QvenvTool, SetSaysWhenTheDiskIsFull)
     write_file(kStore, settings);
     run_program({"/bin/sh", "-c", "cat /dev/zero >/tmp/ballast 2>/dev/null"});
     expect(qvenv({"set", "slot", "number three"}), 2, "", full);
-    EXPECT_EQ(settings + "slot=n", read_file(kStore)) << "what fits into the last page";
+    EXPECT_EQ(settings + "slot=n", read_file(kStore)) << "the part that fits into the last page";
     expect(qvenv({"set", "-n", "fan", "1"}), 2, "", full);
     ::unlink("/tmp/ballast");
     expect(qvenv({"set", "fan", "1"}), 0, "", "");
@@ -160,7 +160,7 @@ TEST(QvenvTool, BoundsOfNameAndValue)
     expect(qvenv({"get", "v"}), 1, "", "");
 }
 
-TEST(QvenvTool, RefusesWhatWouldBeReadBackAsSomethingElse)
+TEST(QvenvTool, RefusesValuesThatWouldReadBackDifferently)
 {
     expect(qvenv({"set", "", "1"}), 2, "", "qvenv: : not a valid name\n");
     expect(qvenv({"set", "a=b", "1"}), 2, "", "qvenv: a=b: not a valid name\n");
@@ -188,7 +188,7 @@ TEST(QvenvTool, Help)
     EXPECT_EQ("", help.err);
 }
 
-TEST(QvenvTool, SaysWhenNobodyCanTakeTheOutput)
+TEST(QvenvTool, ReportsOutputThatCannotBeWritten)
 {
     write_file(kStore, "a=1\n");
     ChildResult full = run_program({"/bin/sh", "-c", build_dir() + "/qvenv get a >/dev/full"});

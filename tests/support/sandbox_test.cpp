@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The test support itself: what the other tests rely on.
+#include "support/random.h"
 #include "support/support.h"
 
 #include <csignal>
@@ -50,7 +51,7 @@ TEST(Sandbox, RemountMakesAFolderReadOnlyAndBack)
     EXPECT_EQ("1", read_file("/etc/x"));
 }
 
-TEST(Child, OutputAndExitCodeAreTold)
+TEST(Child, OutputAndExitCodeAreReported)
 {
     ChildResult child = run_child([] {
         std::printf("to out");
@@ -63,12 +64,12 @@ TEST(Child, OutputAndExitCodeAreTold)
     EXPECT_EQ("to err", child.err);
 }
 
-TEST(Child, DeathBySignalIsTold)
+TEST(Child, DeathBySignalIsReported)
 {
     EXPECT_TRUE(run_child([] { ::kill(::getpid(), SIGKILL); }).killed_by(SIGKILL));
 }
 
-TEST(Child, AHangIsEndedAndTold)
+TEST(Child, AHangIsEndedAndReported)
 {
     EXPECT_TRUE(run_child([] { ::pause(); }, 50).timed_out);
 }
@@ -77,4 +78,26 @@ TEST(Capture, StandardStreamsOfThisProcess)
 {
     EXPECT_EQ("one", capture_stdout([] { std::printf("one"); }));
     EXPECT_EQ("two", capture_stderr([] { std::fprintf(stderr, "two"); }));
+}
+
+TEST(Random, AFailureNamesTheSeedAndTheOperation)
+{
+    ::unsetenv("LIBCOMMON_SEED");
+    EXPECT_EQ("", RandomWork::describe_all());
+    {
+        Random random(3);
+        EXPECT_EQ("seed 3\n", RandomWork::describe_all());
+        random.doing("insert");
+        random.doing("free", 17, -1);
+        EXPECT_EQ("seed 3, step 2: free 17 -1\n", RandomWork::describe_all());
+    }
+    EXPECT_EQ("", RandomWork::describe_all());
+}
+
+TEST(Random, TheEnvironmentReplacesTheSeed)
+{
+    ::setenv("LIBCOMMON_SEED", "99", 1);
+    Random random(3);
+    EXPECT_EQ(99UL, random.seed());
+    EXPECT_EQ(std::mt19937(99)(), random());
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "atimer.h"
 
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -8,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <random>
 #include <vector>
 
 using namespace support;
@@ -58,7 +58,7 @@ struct Wheel : atimer_context {
     }
 };
 
-// The level and bucket index a timer is queued at.
+// The level and the bucket index where a timer is queued.
 std::pair<int, long> place_of(const Wheel &wheel, const atimer &timer)
 {
     for (std::int32_t i = 0; i < wheel.nlevels; i++) {
@@ -90,7 +90,7 @@ TEST(AtimerInit, Fields)
     EXPECT_EQ(0xFFu, wheel.tick_mask);
     EXPECT_EQ(240u, wheel.max_expire);
     EXPECT_EQ(0u, wheel.tick);
-    EXPECT_EQ(7u, wheel.last_second) << "32 bits of the clock";
+    EXPECT_EQ(7u, wheel.last_second) << "the low 32 bits of the clock";
     for (int i = 0; i < 2; i++) {
         const atimer_level &level = wheel.levels[i];
         EXPECT_EQ(0, level.current);
@@ -105,7 +105,7 @@ TEST(AtimerInit, Fields)
     }
 }
 
-TEST(AtimerInit, ThirtyBitsAreTakenAndMoreRefused)
+TEST(AtimerInit, ThirtyBitsAreAcceptedAndMoreAreRefused)
 {
     {
         Wheel wheel(3, 10);
@@ -116,7 +116,7 @@ TEST(AtimerInit, ThirtyBitsAreTakenAndMoreRefused)
     EXPECT_EQ(-1, atimer_init(&context, 3, 11));
     EXPECT_EQ(33u, context.total_bits);
     EXPECT_EQ(1u, context.tick_mask);
-    EXPECT_EQ(2047u << 22, context.max_expire) << "32-bit words";
+    EXPECT_EQ(2047u << 22, context.max_expire) << "the product is computed in 32 bits";
     EXPECT_EQ(nullptr, context.levels);
     EXPECT_EQ(-1, atimer_init(&context, 31, 1));
     EXPECT_EQ(-1, atimer_init(&context, 1, 31));
@@ -136,7 +136,7 @@ TEST(AtimerInit, WrappingProductsAndNegativeBitsAreRefused)
     EXPECT_EQ(nullptr, context.levels);
 }
 
-TEST(AtimerInit, OddCountsLeaveNothingToIndexWrongly)
+TEST(AtimerInit, OddCountsNeverIndexOutside)
 {
     EXPECT_EQ(-1, atimer_init(nullptr, 1, 4));
     atimer_context context;
@@ -155,7 +155,7 @@ TEST(AtimerInit, OddCountsLeaveNothingToIndexWrongly)
     Wheel single(3, 0);
     EXPECT_EQ(0u, single.max_expire);
     start_atimer(&single, timer);
-    EXPECT_EQ(1u, single.ticks_to_fire(3)) << "one bucket comes up every tick";
+    EXPECT_EQ(1u, single.ticks_to_fire(3)) << "its only bucket is due every tick";
     free_atimer(timer);
 }
 
@@ -187,10 +187,10 @@ TEST(Atimer, CreateSetsItsFields)
     free_atimer(t);
 }
 
-TEST(Atimer, CreateWithoutMemoryGivesNothingAndSaysNothing)
+TEST(Atimer, CreateWithoutMemoryReturnsNullInSilence)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer's allocator cannot be stood in for";
+        GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
     allocations_left = 0;
     atimer *t = create_atimer(7, note, nullptr);
     allocations_left = -1;
@@ -198,7 +198,7 @@ TEST(Atimer, CreateWithoutMemoryGivesNothingAndSaysNothing)
     EXPECT_EQ("", read_file(kConsole));
 }
 
-TEST(Atimer, InitStopsWhatRuns)
+TEST(Atimer, InitStopsARunningTimer)
 {
     Wheel wheel(1, 8);
     atimer t{};
@@ -220,7 +220,7 @@ TEST(Atimer, FiresOnTheTickOfItsExpiry)
     EXPECT_EQ((std::pair<int, long>{0, 5}), place_of(wheel, *t));
     EXPECT_EQ(5u, wheel.ticks_to_fire(20));
     EXPECT_EQ(nullptr, t->bucket);
-    EXPECT_EQ(0u, wheel.ticks_to_fire(300)) << "once";
+    EXPECT_EQ(0u, wheel.ticks_to_fire(300)) << "only once";
     free_atimer(t);
 }
 
@@ -240,7 +240,7 @@ TEST(Atimer, CascadesFromTheHigherLevel)
     free_atimer(t);
 }
 
-TEST(Atimer, OneThatIsDueWhenItsBucketComesUpFiresThere)
+TEST(Atimer, ATimerDueWhenItsBucketCascadesFiresAtOnce)
 {
     Wheel wheel(2, 4);
     atimer *t = create_atimer(16, note, nullptr);
@@ -291,7 +291,7 @@ TEST(Atimer, ExpiriesFrom2To31UpPassTheSignedCompare)
     EXPECT_EQ("", read_file(kConsole));
 }
 
-TEST(Atimer, StartingARunningOneIsSaidAndChangesNothing)
+TEST(Atimer, StartingARunningTimerIsReportedAndChangesNothing)
 {
     Wheel wheel(2, 4);
     atimer *t = create_atimer(5, note, nullptr);
@@ -345,7 +345,7 @@ TEST(Atimer, AdjustWithoutAWheelOrATimerDoesNothing)
     adjust_atimer(nullptr, t, 9);
     adjust_atimer(&wheel, nullptr, 9);
     EXPECT_EQ(5u, t->expire);
-    EXPECT_EQ(5u, wheel.ticks_to_fire(20)) << "it has run on";
+    EXPECT_EQ(5u, wheel.ticks_to_fire(20)) << "it is still running";
     free_atimer(t);
 }
 
@@ -407,7 +407,7 @@ TEST(AtimerCallbacks, MayStopFreeAndStartTimersOfTheSameBucket)
     auto act = [](void *) {
         stop_atimer(shared[1]);
         free_atimer(shared[2]);
-        adjust_atimer(shared_wheel, shared[3], 14); // nearly a turn
+        adjust_atimer(shared_wheel, shared[3], 14); // nearly a full turn
         adjust_atimer(shared_wheel, shared[0], 1);
         free_atimer(shared[0]);
         fired.push_back(nullptr);
@@ -436,7 +436,7 @@ TEST(AtimerCallbacks, ACascadeAppendsAfterATimerThatACallbackStarted)
     atimer *cascaded = create_atimer(18, note, &wheel);
     start_atimer(&wheel, starter);
     start_atimer(&wheel, cascaded);
-    EXPECT_EQ(cascaded->bucket, starter->bucket) << "the first fires and the second moves down in the same tick";
+    EXPECT_EQ(cascaded->bucket, starter->bucket) << "one fires and the other moves down in the same tick";
     EXPECT_EQ(18u, wheel.ticks_to_fire(20));
     EXPECT_EQ((std::vector<void *>{&started, &wheel}), fired);
     for (atimer *t : {starter, started, cascaded})
@@ -493,7 +493,7 @@ TEST(AtimerProcess, SecondsAndTicksWrap)
 {
     now = 0xFFFFFFFEL;
     Wheel wheel(2, 4);
-    wheel.tick = 0xFFFFFFF0u; // a multiple of the wheel, as if it had run for ever
+    wheel.tick = 0xFFFFFFF0u; // a multiple of the wheel's size, like after a long run
     atimer *t = create_atimer(20, note, nullptr);
     start_atimer(&wheel, t);
     now += 19;
@@ -544,7 +544,7 @@ TEST(AtimerProcess, ACallbackMayDriveTheWheelItself)
     free_atimer(t);
 }
 
-// What the clock does inside a callback is seen by the next tick, not by the next call.
+// A clock change inside a callback affects the next tick, not the next call.
 TEST(AtimerProcess, AClockThatFailsInACallbackEndsTheCall)
 {
     Wheel wheel(2, 4);
@@ -574,7 +574,7 @@ TEST(AtimerProcess, AClockThatJumpsInACallbackIsFollowed)
     now += 10;
     fired.clear();
     EXPECT_EQ(1005 - 1020, process_atimer(&wheel));
-    EXPECT_EQ(20u, wheel.tick) << "on to the new time, and no further once the clock is behind";
+    EXPECT_EQ(20u, wheel.tick) << "up to the new time, and no further once the clock is behind";
     EXPECT_TRUE(fired.empty());
     now = 1021;
     EXPECT_EQ(0, process_atimer(&wheel));
@@ -583,7 +583,7 @@ TEST(AtimerProcess, AClockThatJumpsInACallbackIsFollowed)
         free_atimer(t);
 }
 
-TEST(AtimerProcess, ALongStallOfAnEmptyWheelIsCaughtUpWith)
+TEST(AtimerProcess, AnEmptyWheelCatchesUpAfterALongStall)
 {
     Wheel wheel(3, 10);
     now += 2000000000L;
@@ -611,7 +611,7 @@ TEST(AtimerModel, EveryTimerFiresOnItsTick)
 {
     for (const Shape &shape : kShapes) {
         Wheel wheel(shape.levels, shape.bits);
-        std::mt19937 engine(shape.levels * 100 + static_cast<unsigned>(shape.bits));
+        Random engine(shape.levels * 100 + static_cast<unsigned>(shape.bits));
         auto random = [&] { return static_cast<std::uint32_t>(engine()); };
         std::vector<atimer *> timers;
         std::map<atimer *, std::uint32_t> due; // the tick each running timer is to fire on
@@ -632,6 +632,7 @@ TEST(AtimerModel, EveryTimerFiresOnItsTick)
                 adjust_atimer(&wheel, t, expire);
                 due[t] = wheel.tick + std::max(expire, 1u);
             }
+            engine.doing("tick of a wheel of levels, bits", wheel.tick, shape.levels, shape.bits);
             fired.clear();
             per_tick_call(&wheel);
             for (void *t : fired) {
@@ -653,7 +654,7 @@ TEST(AtimerModel, StallsGiveTheSameAsSingleTicks)
     for (const Shape &shape : kShapes) {
         Wheel stalled(shape.levels, shape.bits);
         Wheel stepped(shape.levels, shape.bits);
-        std::mt19937 engine(shape.levels * 7 + static_cast<unsigned>(shape.bits));
+        Random engine(shape.levels * 7 + static_cast<unsigned>(shape.bits));
         auto random = [&] { return static_cast<std::uint32_t>(engine()); };
         constexpr long kTimers = 20;
         std::vector<atimer> a(kTimers), b(kTimers);
@@ -675,6 +676,7 @@ TEST(AtimerModel, StallsGiveTheSameAsSingleTicks)
                 }
             }
             long stall = static_cast<long>(random() % 400);
+            engine.doing("stall of, with levels, bits", stall, shape.levels, shape.bits);
             now += stall;
             fired.clear();
             ASSERT_EQ(0, process_atimer(&stalled));

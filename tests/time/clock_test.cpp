@@ -43,7 +43,7 @@ extern "C" int clock_gettime(clockid_t id, timespec *ts)
     if (clock_result == 0)
         *ts = told;
     else
-        *ts = {77, 77}; // a failing call may have written
+        *ts = {77, 77}; // a failing call may write
     return clock_result;
 }
 
@@ -73,7 +73,7 @@ TEST_F(Clock, ReadsTheMonotonicClock)
     EXPECT_EQ(0, gettimeofday_qv(&tv));
     EXPECT_EQ(CLOCK_MONOTONIC, clock_asked);
     EXPECT_EQ(42, tv.tv_sec);
-    EXPECT_EQ(1, tv.tv_usec) << "cut off";
+    EXPECT_EQ(1, tv.tv_usec) << "truncated";
     told = {43, 999999999};
     EXPECT_EQ(0, qv_gettimeofday(&tv));
     EXPECT_EQ(43, tv.tv_sec);
@@ -135,10 +135,10 @@ TEST_F(Clock, AFailureGivesZeros)
     EXPECT_EQ(0, qv_time(nullptr));
     EXPECT_EQ(0u, get_time_second());
     clock_result = -7;
-    EXPECT_EQ(-7, timeRT(&ts)) << "the failing result itself";
+    EXPECT_EQ(-7, timeRT(&ts)) << "the result of the failed call itself";
 }
 
-TEST(MonotonicClock, HasNothingToDoWithTheDate)
+TEST(MonotonicClock, IsIndependentOfTheDate)
 {
     timespec before, after;
     ::clock_gettime(CLOCK_MONOTONIC, &before);
@@ -155,7 +155,7 @@ TEST(Calendar, ATimeZoneChangeIsSeenByAllButLocaltimeSafe)
     ::setenv("TZ", "UTC0", 1);
     EXPECT_EQ(9, qv_localtime(&kSummer)->tm_hour);
     ::setenv("TZ", "XXX-2", 1);
-    EXPECT_EQ(9, localtime_safe(&kSummer)->tm_hour) << "does not look at TZ anew";
+    EXPECT_EQ(9, localtime_safe(&kSummer)->tm_hour) << "does not read TZ again";
     EXPECT_EQ(11, qv_localtime(&kSummer)->tm_hour);
     EXPECT_EQ(11, localtime_safe(&kSummer)->tm_hour);
     ::setenv("TZ", "XXX-3", 1);
@@ -180,7 +180,7 @@ TEST(Calendar, TimesThatCannotBeConvertedGiveNull)
     EXPECT_EQ(nullptr, qv_localtime(&far));
     EXPECT_EQ(nullptr, localtime_safe(&far));
     EXPECT_EQ(nullptr, qv_localtime_r(&far, &out));
-    EXPECT_EQ(0, localtime_safe_lock()) << "the mutex was given back";
+    EXPECT_EQ(0, localtime_safe_lock()) << "the mutex is unlocked again";
     EXPECT_EQ(0, localtime_safe_unlock());
 }
 
@@ -252,7 +252,7 @@ TEST(LocaltimeMutex, AChildForkedWhileAnotherThreadHeldItCanConvert)
     EXPECT_TRUE(child.exited(0));
     stage = 2;
     holder.join();
-    EXPECT_NE(nullptr, qv_localtime(&kSummer)) << "the parent's mutex is as good as before";
+    EXPECT_NE(nullptr, qv_localtime(&kSummer)) << "the parent's mutex still works";
 }
 
 TEST(LocaltimeMutex, AChildForkedByItsHolderHoldsItStill)
@@ -294,7 +294,7 @@ TEST(LocaltimeMutex, ForksAmongBusyConversionsNeverHang)
 
 TEST(CalendarTime, AChildForkedWhileAnotherThreadAsksForItCanConvert)
 {
-    ::unsetenv("TZ"); // a longer way through the zone code
+    ::unsetenv("TZ"); // makes the zone code slower
     for (bool while_kept : {false, true}) {
         ChildResult forking = run_child(
             [&] {
@@ -372,7 +372,7 @@ void convert_in_handler()
     converted_in_handlers += qv_localtime_r(&kSummer, &out) != nullptr;
 }
 
-// Before the constructors of every shared object, so that the handlers run inside the library's own.
+// Runs before the constructors of all shared objects, so that its handlers run inside the library's.
 void register_early(int, char **, char **)
 {
     pthread_atfork(convert_in_handler, convert_in_handler, convert_in_handler);
@@ -393,7 +393,7 @@ TEST(LocaltimeMutex, ForkHandlersOfALibraryLoadedEarlierMayConvert)
                                                                                                                  : 1);
             int status = -1;
             ::waitpid(pid, &status, 0);
-            bool unlocked = false; // for other threads too
+            bool unlocked = false; // for other threads as well
             std::thread([&] { unlocked = localtime_safe_lock() == 0 && localtime_safe_unlock() == 0; }).join();
             ::_exit(status == 0 && converted_in_handlers == 2 && unlocked ? 0 : 1);
         },
@@ -404,10 +404,10 @@ TEST(LocaltimeMutex, ForkHandlersOfALibraryLoadedEarlierMayConvert)
 TEST(LocaltimeMutex, AForkDuringTheVeryFirstConversionLeavesAChildThatCanConvert)
 {
 #ifdef __SANITIZE_THREAD__
-    GTEST_SKIP() << "the sanitizer lets no child start threads";
+    GTEST_SKIP() << "the sanitizer does not allow a child to start threads";
 #endif
     for (std::size_t i = 0; i < effort(400); i++) {
-        // A process of its own, which has never converted; the delay looks for the moment.
+        // A separate process that has never converted a time. The varying delay searches for the moment.
         ChildResult child = run_child(
             [i] {
                 std::thread converting([] {
@@ -450,7 +450,7 @@ TEST(LocaltimeMutex, AHandlerThatInterruptsAConversionMayFork)
         ::sigaction(SIGALRM, &action, nullptr);
         tm out;
         for (std::size_t i = 0; i < effort(500); i++) {
-            // Once at a time: an interval shorter than a fork would leave the conversions no time at all.
+            // Armed again each time: an interval shorter than a fork would leave no time for the conversions.
             itimerval once = {{0, 0}, {0, static_cast<suseconds_t>(1 + i % 300)}};
             ::setitimer(ITIMER_REAL, &once, nullptr);
             while (forks <= i)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A heap library of somebody else's: the five functions of heap.h, none besides, and an inside that has nothing in
-// common with platform/heap. A sorted array.
+// Another maker's heap library: only the five functions of heap.h, implemented as a sorted array, which shares nothing
+// with platform/heap.
 #include "heap.h"
 
 #include <algorithm>

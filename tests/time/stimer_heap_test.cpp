@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sorted timers ask of their heap library: every call, its arguments and what is made of its answer. The
-// program defines the five functions itself, so the loaded library must not be given anything to do.
+// What the sorted timers require of their heap library: every call, its arguments and the use of its result. The
+// program defines the five functions itself, so the library's own heap is never called.
 #include "stimer.h"
 
 #include "debug_trace.h"
@@ -21,7 +21,7 @@ heap_higher_priority_fn first_order = nullptr;
 heap_set_index_fn first_index = nullptr;
 bool refuse_new = false, refuse_insert = false, refuse_delete = false;
 std::vector<void *> sorted; // of the only heap
-int handle;                 // its address is the heap's
+int handle;                 // its address is the heap's handle
 long now_seconds = 1000;
 int clock_reads = 0;
 
@@ -80,7 +80,7 @@ int __heap_insert(void *heap, void *element)
         ++at;
     sorted.insert(at, element);
     tell_all();
-    return 3; // anything that is not negative
+    return 3; // any result that is not negative
 }
 
 int __heap_delete(void *heap, unsigned int position)
@@ -167,7 +167,7 @@ TEST(TimersHeap, RefusalsAreReportedByTheSameText)
     start_stimer(t);
     refuse_delete = true;
     EXPECT_EQ("Can not start stimer\n", capture_stderr([&] { stop_stimer(t); }));
-    EXPECT_EQ(2, t->index) << "it runs on";
+    EXPECT_EQ(2, t->index) << "it is still running";
     refuse_delete = false;
     free_stimer(t);
 }
@@ -184,7 +184,7 @@ TEST(TimersHeap, ProcessingReadsPosition1EveryRoundAndTheClockOnce)
 {
     Context context;
     static stimer *t[4];
-    auto later = [](void *) { now_seconds += 100; }; // the next call's business
+    auto later = [](void *) { now_seconds += 100; }; // handled by the next call
     int seconds = 1;
     for (stimer *&timer : t) {
         timer = create_stimer(&context.cell, seconds++, later, nullptr);
@@ -197,7 +197,7 @@ TEST(TimersHeap, ProcessingReadsPosition1EveryRoundAndTheClockOnce)
     EXPECT_EQ(1, clock_reads);
     EXPECT_EQ((Calls{"element 1", "delete 1", "element 1", "delete 1", "element 1", "delete 1", "element 1"}),
               take_calls());
-    EXPECT_GT(t[3]->index, 0) << "due by now, but not when the call began";
+    EXPECT_GT(t[3]->index, 0) << "due by now, but not when the call started";
     for (stimer *timer : t)
         free_stimer(timer);
 }

@@ -3,6 +3,7 @@
 
 #include "debug_trace.h"
 #include "heap.h"
+#include "support/random.h"
 #include "support/scarce_memory.h"
 #include "support/support.h"
 
@@ -12,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <random>
 #include <vector>
 
 using namespace support;
@@ -29,7 +29,7 @@ void at(long seconds, long microseconds = 0)
     now = {seconds, microseconds * 1000};
 }
 
-// The messages that body traces, each without its prefix.
+// The messages that the body traces, without their prefixes.
 std::string reported(const std::function<void()> &body)
 {
     __qv_debug_detail = 0;
@@ -103,7 +103,7 @@ TEST_F(Timers, InitLeavesTheExpiry)
 TEST(TimersMemory, FailuresAreReported)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "a sanitizer's allocator cannot be stood in for";
+        GTEST_SKIP() << "a sanitizer's allocator cannot be replaced";
     void *ctx = &ctx;
     void *good;
     stimer_context_init(&good);
@@ -127,7 +127,7 @@ TEST(TimersMemory, FailuresAreReported)
     stimer_context_fini(&good);
 }
 
-// The cases run once with the library of this tree and once with one that has only the stated functions.
+// The cases run once with this tree's heap library and once with one that has only the documented functions.
 TEST(TimersContext, TheHeapLibraryIsTheOneToTest)
 {
     const char *path = std::getenv("LD_LIBRARY_PATH");
@@ -155,7 +155,7 @@ TEST_F(Timers, StartComputesTheExpiry)
     stop_stimer(t);
     t->interval.tv_usec = 3000000;
     start_stimer(t);
-    EXPECT_EQ(1006, t->expire.tv_sec) << "once";
+    EXPECT_EQ(1006, t->expire.tv_sec) << "only once";
     EXPECT_EQ(2999999, t->expire.tv_usec);
     free_stimer(t);
 }
@@ -184,12 +184,12 @@ TEST_F(Timers, StartingARunningOneReportsAndKeepsItsExpiry)
     at(2000);
     EXPECT_EQ("stimer already started\n", reported([&] { start_stimer(t); }));
     EXPECT_EQ(expire.tv_sec, t->expire.tv_sec);
-    __qv_debug_level = 1;
+    __qv_debug_level = QV_TRACE_FATAL;
     EXPECT_EQ("", reported([&] { start_stimer(t); })) << "only at level 2 and above";
     free_stimer(t);
 }
 
-TEST_F(Timers, StoppingAnIdleOneSaysNothing)
+TEST_F(Timers, StoppingAnIdleOneIsSilent)
 {
     stimer *t = create_stimer(&ctx, 5, count_up, nullptr);
     stimer without{};
@@ -244,7 +244,7 @@ TEST_F(Timers, NextExpiryIsTheEarliest)
     EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
-TEST(TimersContext, FiniOfNothingIsFine)
+TEST(TimersContext, FiniAcceptsNull)
 {
     void *ctx = nullptr;
     stimer_context_fini(&ctx);
@@ -305,7 +305,7 @@ TEST_F(Timers, ACallbackMayStartItsTimerAgain)
         &ctx, 1, [](void *) { start_stimer(t), fired++; }, nullptr);
     start_stimer(t);
     at(1001, 500);
-    EXPECT_EQ(1, process_stimer(&ctx)) << "and is left for the next call";
+    EXPECT_EQ(1, process_stimer(&ctx)) << "the rest is left for the next call";
     EXPECT_EQ(1, stimer_isruning(t));
     at(1002, 500);
     EXPECT_EQ(1, process_stimer(&ctx));
@@ -341,7 +341,7 @@ TEST_F(Timers, ACallbackMayFreeItsTimerAndOthers)
     EXPECT_EQ(0, fired);
 }
 
-TEST_F(Timers, OneWithoutCallbackTakesTheNextOffWithItself)
+TEST_F(Timers, ATimerWithoutCallbackRemovesTheNextToo)
 {
     stimer *silent = create_stimer(&ctx, 1, nullptr, nullptr);
     stimer *next = create_stimer(&ctx, 2, count_up, nullptr);
@@ -352,7 +352,7 @@ TEST_F(Timers, OneWithoutCallbackTakesTheNextOffWithItself)
     fired = 0;
     EXPECT_EQ(1, process_stimer(&ctx));
     EXPECT_EQ(0, stimer_isruning(silent));
-    EXPECT_EQ(1, stimer_isruning(next)) << "says so, but is off the queue";
+    EXPECT_EQ(1, stimer_isruning(next)) << "reported as running, but no longer queued";
     timeval out;
     EXPECT_EQ(0, stimer_get_next_expire(&ctx, &out));
     EXPECT_EQ(1003, out.tv_sec);
@@ -365,7 +365,7 @@ TEST_F(Timers, OneWithoutCallbackTakesTheNextOffWithItself)
     EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
-TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
+TEST_F(Timers, AStaleTimerCanBeFreed)
 {
     std::vector<stimer *> timers;
     for (int i = 0; i < 20; i++) {
@@ -374,7 +374,7 @@ TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
     }
     at(1000, 500);
     EXPECT_EQ(1, process_stimer(&ctx));
-    reported([&] { free_stimer(timers[1]); }); // off the queue, its index stale
+    reported([&] { free_stimer(timers[1]); }); // no longer queued, with a stale index
     timers.erase(timers.begin() + 1);
     at(5000);
     process_stimer(&ctx);
@@ -384,7 +384,7 @@ TEST_F(Timers, AStaleOneCanBeFreedWithoutHarm)
     EXPECT_EQ(-1, stimer_get_next_expire(&ctx, &out));
 }
 
-TEST_F(Timers, OneWithoutCallbackAloneIsFine)
+TEST_F(Timers, ATimerWithoutCallbackMayBeTheOnlyOne)
 {
     stimer *silent = create_stimer(&ctx, 0, nullptr, nullptr);
     start_stimer(silent);
@@ -449,7 +449,7 @@ TEST(TimerOrder, IndexIsThePositionPlusOne)
 TEST(TimersModel, RandomWorkAgreesWithASortedList)
 {
     for (unsigned seed = 1; seed <= 3; seed++) {
-        std::mt19937 random(seed);
+        Random random(seed);
         void *ctx;
         stimer_context_init(&ctx);
         at(1000);
@@ -457,8 +457,11 @@ TEST(TimersModel, RandomWorkAgreesWithASortedList)
         for (int i = 0; i < 200; i++)
             timers.push_back(create_stimer(&ctx, 0, count_up, nullptr));
         for (std::size_t step = 0; step < effort(100000); step++) {
-            stimer *t = timers[random() % timers.size()];
-            switch (random() % 4) {
+            std::size_t which = random() % timers.size();
+            unsigned operation = random() % 4;
+            stimer *t = timers[which];
+            random.doing("operation, timer", operation, which);
+            switch (operation) {
             case 0:
             case 1:
                 if (stimer_isruning(t) == 0) {

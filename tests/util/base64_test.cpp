@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "encoding.h"
 
+#include "support/random.h"
 #include "support/support.h"
 
 #include <cstring>
 #include <optional>
-#include <random>
 
 using namespace support;
 
@@ -20,13 +20,13 @@ const unsigned char *bytes_of(const std::string &text)
     return reinterpret_cast<const unsigned char *>(text.data());
 }
 
-// The text that `size` bytes of room take, or nothing for -1. Whatever happens, nothing is written beyond the room.
+// The text encoded into a buffer of this size, or nothing for -1. Nothing is ever written beyond the buffer.
 std::optional<std::string> encode(encode_function function, const std::string &data, std::size_t size)
 {
     std::vector<char> room(size + 64, '#');
     int length = function(bytes_of(data), data.size(), room.data(), size);
     for (std::size_t i = size; i < room.size(); i++)
-        EXPECT_EQ('#', room[i]) << "outside the room";
+        EXPECT_EQ('#', room[i]) << "outside the buffer";
     if (length < 0) {
         EXPECT_EQ(-1, length);
         return std::nullopt;
@@ -50,7 +50,7 @@ std::optional<std::string> decode(const std::string &text, std::size_t size)
     std::vector<unsigned char> room(size + 64, '#');
     int length = b64_pton(text.c_str(), room.data(), size);
     for (std::size_t i = size; i < room.size(); i++)
-        EXPECT_EQ('#', room[i]) << "outside the room";
+        EXPECT_EQ('#', room[i]) << "outside the buffer";
     if (length < 0) {
         EXPECT_EQ(-1, length);
         return std::nullopt;
@@ -100,7 +100,7 @@ std::string model_encode(const std::string &data, bool mail)
     return text;
 }
 
-// Room is asked for byte by byte: a place that begins a byte needs room for it, even if padding then cuts it off.
+// Room is checked byte by byte: a digit that starts a byte needs room for it, even if padding then drops that byte.
 std::optional<std::string> model_decode(const std::string &text, std::optional<std::size_t> size)
 {
     std::vector<unsigned char> out;
@@ -117,7 +117,7 @@ std::optional<std::string> model_decode(const std::string &text, std::optional<s
         if (size && touched > *size)
             return std::nullopt;
         out.resize(std::max(out.size(), touched));
-        // As the 16 bits of the byte at hand and the next one.
+        // The current byte and the next one as 16 bits.
         constexpr unsigned kShifts[] = {10, 4, 6, 8};
         std::size_t bits = value << kShifts[place];
         out[count] = static_cast<unsigned char>(out[count] | bits >> 8);
@@ -176,10 +176,11 @@ TEST(Base64, EncodingNeedsRoomForTheZero)
     }
 }
 
-TEST(Base64, EncodesEveryLengthIntoJustTheRoom)
+TEST(Base64, EncodesEveryLengthIntoExactlyEnoughRoom)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (std::size_t length = 0; length < 300; length++) {
+        random.doing("length", length);
         std::string data = random_bytes(random, length);
         for (bool mail : {false, true}) {
             encode_function function = mail ? b64_ntop_email : b64_ntop;
@@ -254,7 +255,7 @@ TEST(Base64Decode, OtherCharactersAreRefused)
         char text[] = {'Z', 'm', '8', static_cast<char>(c), '\0'};
         bool good = kAlphabet.find(static_cast<char>(c)) != kAlphabet.npos;
         EXPECT_EQ(good || c == '=', decoded(text).has_value()) << c;
-        // And deep in a long text, where groups go by the vector.
+        // The same within a long text, where vector code decodes several groups at once.
         std::string within = std::string(40, 'A') + static_cast<char>(c) + std::string(63, 'A');
         bool space = std::isspace(c) != 0;
         EXPECT_EQ(good, decoded(within).has_value()) << c;
@@ -262,7 +263,7 @@ TEST(Base64Decode, OtherCharactersAreRefused)
     }
 }
 
-TEST(Base64Decode, PlacesOfThePadding)
+TEST(Base64Decode, PaddingIsAcceptedOnlyInItsPlaces)
 {
     EXPECT_EQ(std::nullopt, decoded("="));
     EXPECT_EQ(std::nullopt, decoded("Z="));
@@ -288,7 +289,7 @@ TEST(Base64Decode, ANullTargetOnlyCounts)
     EXPECT_EQ(3, counted("Zm9v"));
     EXPECT_EQ(2, counted("Zm8="));
     EXPECT_EQ(1, counted(" Z g = = "));
-    EXPECT_EQ(1, counted("Zh==")) << "the bits left over are not known";
+    EXPECT_EQ(1, counted("Zh==")) << "counting does not check the leftover bits";
     EXPECT_EQ(-1, counted("Z*=="));
     EXPECT_EQ(3000, counted(std::string(4000, 'A')));
 }
@@ -298,7 +299,7 @@ TEST(Base64Decode, RoomOfEachPlace)
     EXPECT_EQ(std::nullopt, decode("Zm9v", 2));
     EXPECT_EQ("foo", decode("Zm9v", 3));
     EXPECT_EQ(std::nullopt, decode("Zg==", 0));
-    EXPECT_EQ(std::nullopt, decode("Zg==", 1)) << "the second place begins a byte that needs room";
+    EXPECT_EQ(std::nullopt, decode("Zg==", 1)) << "the second digit starts a byte that needs room";
     EXPECT_EQ("f", decode("Zg==", 2));
     EXPECT_EQ(std::nullopt, decode("Zm8=", 2));
     EXPECT_EQ("fo", decode("Zm8=", 3));
@@ -306,10 +307,11 @@ TEST(Base64Decode, RoomOfEachPlace)
     EXPECT_EQ(std::nullopt, decode("A", 0));
 }
 
-TEST(Base64Decode, LongTextsIntoJustTheRoom)
+TEST(Base64Decode, DecodesLongTextsIntoExactlyEnoughRoom)
 {
-    std::mt19937 random(2);
+    Random random(2);
     for (std::size_t groups = 1; groups < 70; groups++) {
+        random.doing("groups", groups);
         std::string data = random_bytes(random, groups * 3);
         std::string text = encoded(data);
         ASSERT_EQ(data, decode(text, data.size()));
@@ -320,15 +322,16 @@ TEST(Base64Decode, LongTextsIntoJustTheRoom)
 
 TEST(Base64, FollowsTheModel)
 {
-    std::mt19937 random(3);
+    Random random(3);
     for (std::size_t round = 0; round < effort(20000); round++) {
         std::string data = random_bytes(random, random() % 200);
+        random.doing("bytes", data.size());
         std::string text = encoded(data);
         ASSERT_EQ(model_encode(data, false), text);
         ASSERT_EQ(model_encode(data, true), for_mail(data));
         ASSERT_EQ(data, decoded(text));
 
-        // Damage: white space, padding and foreign characters anywhere, a cut, any room.
+        // Damage: white space, padding and invalid characters anywhere, a cut, a buffer of any size.
         for (unsigned damages = random() % 4; damages > 0; damages--) {
             constexpr std::string_view kDamage = " \n=A/*\x80";
             std::size_t at = random() % (text.size() + 1);

@@ -15,10 +15,10 @@ using namespace support;
 
 namespace {
 
-// What the contenders share besides the lock.
+// The memory that the contending processes share: the lock and the data that it protects.
 struct Shared {
     qv_cp_rwlock lock;
-    std::uint64_t a, b; // equal whenever no writer is at work
+    std::uint64_t a, b; // equal while no writer is inside
     std::atomic<std::uint32_t> torn;
     std::atomic<std::uint32_t> stage;
     std::atomic<std::uint32_t> order_at;
@@ -60,7 +60,7 @@ void join(pid_t pid)
     EXPECT_EQ(0, status);
 }
 
-// rounds of mixed reading and writing; writers make a and b differ for a moment
+// Rounds of mixed reading and writing. A writer makes a and b differ for a moment.
 void hammer(Shared *s, std::size_t rounds, unsigned seed)
 {
     for (std::size_t i = 0; i < rounds; i++) {
@@ -176,7 +176,7 @@ TEST(CpRwlock, WritersAreServedInTicketOrderAcrossTheWrap)
     EXPECT_EQ(0u, s->lock.lock_state);
 }
 
-// A ticket before the one that is served was skipped, for example by a late initialisation. It does not wait.
+// A ticket before the served one was skipped, for example by a late initialisation. Its holder does not wait.
 TEST(CpRwlock, ATicketBeforeTheServedOneEnters)
 {
     for (std::uint32_t serving : {7U, 0U, 0x80000000U, 0x7FFFFFFFU}) {
@@ -194,13 +194,13 @@ TEST(CpRwlock, ATicketBeforeTheServedOneEnters)
 
 TEST(CpRwlock, TheDistanceOfTicketsIsSigned)
 {
-    // The largest distance that a signed number holds.
+    // The largest distance that fits into a signed number.
     qv_cp_rwlock record;
     qv_cp_rwlock_init(&record);
     record.next_ticket = 0x80000000U;
     record.now_serving = 0xFFFFFFFFU;
     EXPECT_EQ(1, qv_cp_wtlock());
-    // One ahead is later, also where the difference of the words as numbers is negative.
+    // A ticket one ahead is later, also where the subtraction of the two words wraps.
     Shared *s = shared();
     qv_cp_rwlock_init(&s->lock);
     s->lock.next_ticket = 0x80000000U;
@@ -243,7 +243,7 @@ void note_store(int, siginfo_t *info, void *)
                PROT_READ | PROT_WRITE);
 }
 
-// A record of which so many words lie in the first of two pages.
+// A record with this many of its words in the first of two pages.
 qv_cp_rwlock *record_across_pages(std::size_t words)
 {
     void *map = ::mmap(nullptr, 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -266,7 +266,7 @@ void watch()
 
 } // namespace
 
-TEST(CpRwlock, UnlockingClearsTheHoldBeforeItLetsTheNextIn)
+TEST(CpRwlock, UnlockingClearsTheHoldBeforeItAdmitsTheNext)
 {
     qv_cp_rwlock *record = record_across_pages(1);
     qv_cp_rwlock_init(record);
@@ -280,7 +280,7 @@ TEST(CpRwlock, UnlockingClearsTheHoldBeforeItLetsTheNextIn)
     EXPECT_EQ(0U, stores[1].before.now_serving);
 }
 
-TEST(CpRwlock, TakingDrawsTheTicketBeforeTheHold)
+TEST(CpRwlock, LockingDrawsTheTicketBeforeTheHold)
 {
     qv_cp_rwlock *record = record_across_pages(1);
     qv_cp_rwlock_init(record);
@@ -330,7 +330,7 @@ TEST(CpRwlock, AReaderCountedAfterAWriterEnteredWaits)
 {
     Shared *s = shared();
     qv_cp_rwlock_init(&s->lock);
-    // As if a writer had come in right after the reader's look at the tickets.
+    // As if a writer had entered right after the reader read the tickets.
     s->lock.lock_state = 1;
     pid_t reader = spawn([&] {
         qv_cp_rdlock();
@@ -362,7 +362,7 @@ TEST(CpRwlock, AWaitingWriterFollowsTheProcessToAnotherRecord)
 
 TEST(CpRwlock, EightProcessesNeverSeeATornRecord)
 {
-    // With more contenders than processors a spinner burns its whole slice: progress is certain but slow.
+    // With more contenders than processors, a spinner uses up its whole time slice: progress is certain but slow.
     const std::size_t rounds = effort(4000);
     Shared *s = shared();
     qv_cp_rwlock_init(&s->lock);

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "encoding.h"
 
+#include "support/random.h"
 #include "support/support.h"
-
-#include <random>
 
 using namespace support;
 
@@ -24,7 +23,7 @@ unsigned crc32(unsigned start, const std::string &data)
     return qv_crc32(start, bytes_of(data), data.size());
 }
 
-// A sum carried on bit by bit.
+// The reference: continues a sum bit by bit.
 std::uint32_t by_bits(std::uint32_t polynomial, std::uint32_t sum, const std::string &data)
 {
     for (char c : data) {
@@ -62,16 +61,17 @@ TEST(Crc16, KnownSums)
     EXPECT_EQ(0x4B37, crc16(0xFFFF, "123456789"));
 }
 
-TEST(Crc16, NothingLeavesTheSumAlone)
+TEST(Crc16, ANullBufferLeavesTheSum)
 {
     EXPECT_EQ(0x1234, qv_crc16(0x1234, nullptr, 0));
 }
 
-TEST(Crc16, CarriesOn)
+TEST(Crc16, ContinuesFromAnEarlierSum)
 {
     EXPECT_EQ(0xBB3D, crc16(crc16(0, "1234"), "56789"));
-    std::mt19937 random(1);
+    Random random(1);
     for (std::size_t length = 0; length < 600; length++) {
+        random.doing("length", length);
         std::string data = random_bytes(random, length);
         auto start = static_cast<unsigned short>(random());
         std::size_t cut = random() % (length + 1);
@@ -88,15 +88,16 @@ TEST(Crc32, KnownSums)
     EXPECT_EQ(0xFF6CAB0Bu, crc32(0, std::string(32, '\xFF')));
 }
 
-TEST(Crc32, NothingLeavesTheSumAlone)
+TEST(Crc32, ANullBufferLeavesTheSum)
 {
     EXPECT_EQ(0x12345678u, qv_crc32(0x12345678, nullptr, 0));
 }
 
 TEST(Crc32, EveryLengthAndAlignment)
 {
-    std::mt19937 random(2);
+    Random random(2);
     for (std::size_t length = 0; length < 1200; length++) {
+        random.doing("length", length);
         std::string data = random_bytes(random, length + 16);
         std::size_t from = random() % 16;
         auto start = static_cast<unsigned>(random());
@@ -108,9 +109,10 @@ TEST(Crc32, EveryLengthAndAlignment)
 
 TEST(Crc32, LongTextsInParts)
 {
-    std::mt19937 random(3);
+    Random random(3);
     for (std::size_t round = 0; round < effort(200); round++) {
         std::string data = random_bytes(random, random() % 20000);
+        random.doing("length", data.size());
         unsigned whole = crc32(0, data);
         ASSERT_EQ(~by_bits(0xEDB88320, ~0u, data), whole) << data.size();
         std::size_t cut = random() % (data.size() + 1);

@@ -16,7 +16,7 @@ std::vector<std::string> libraries_sought;
 
 } // namespace
 
-// In place of the loader's: there is no library to be found.
+// Replaces the loader's function: no library is found.
 extern "C" void *dlopen(const char *name, int) noexcept
 {
     libraries_sought.push_back(name);

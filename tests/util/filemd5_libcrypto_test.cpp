@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The digest of a file in a host that names libcrypto in its link line, against the command everyone has.
+// The digest of a file in a host that is linked with libcrypto, compared with md5sum.
 #include "encoding.h"
 
+#include "support/random.h"
 #include "support/support.h"
-
-#include <random>
 
 using namespace support;
 
@@ -28,8 +27,9 @@ TEST(FileMd5Libcrypto, KnownDigests)
 
 TEST(FileMd5Libcrypto, AgreesWithTheCommand)
 {
-    std::mt19937 random(1);
+    Random random(1);
     for (std::size_t length : std::initializer_list<std::size_t>{1, 55, 56, 63, 64, 65, 2047, 2048, 2049, 100000}) {
+        random.doing("length", length);
         std::string content(length, '\0');
         for (char &c : content)
             c = static_cast<char>(random());

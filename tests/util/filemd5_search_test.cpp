@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The search for digest functions in a host that brings none: what is not found is searched for again, and a library
-// without them does not end the search.
+// The search for digest functions in a host without any. A failed search is repeated, and a library without the
+// functions does not end the search.
 #include "encoding.h"
 
 #include "support/next_function.h"
@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char *kDigest = "900150983cd24fb0d6963f7d28e17f72"; // of "abc"
 
-// The library that each name opens; others cannot be opened.
+// Maps each library name to the file that it opens. Other names cannot be opened.
 std::map<std::string, const char *> libraries;
 std::atomic<int> opened, closed;
 
@@ -47,7 +47,7 @@ extern "C" int dlclose(void *library) noexcept
     return support::next_function<int(void *)>("dlclose")(library);
 }
 
-TEST(FileMd5Search, AFailureIsNotForGood)
+TEST(FileMd5Search, AFailedSearchIsRepeated)
 {
     EXPECT_EQ("-1", digest());
     libraries["libcrypto.so.3"] = "libm.so.6";
@@ -75,7 +75,7 @@ TEST(FileMd5Search, TheLibraryIsFoundOnce)
     EXPECT_EQ(0, closed);
 }
 
-TEST(FileMd5Search, ThreadsMayAllBeTheFirst)
+TEST(FileMd5Search, SeveralThreadsMaySearchFirst)
 {
     constexpr int kThreads = 8;
     libraries["libcrypto.so.3"] = "libcrypto.so.3";
@@ -93,5 +93,5 @@ TEST(FileMd5Search, ThreadsMayAllBeTheFirst)
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(kThreads, good);
-    EXPECT_EQ(1, opened - closed) << "one is kept";
+    EXPECT_EQ(1, opened - closed) << "one library stays open";
 }

@@ -94,7 +94,7 @@ TEST(FileMd5, AFileThatCannotBeOpened)
 TEST(FileMd5, AReadErrorEndsTheInput)
 {
     char text[33];
-    EXPECT_EQ(0, filemd5str("/tmp", text, sizeof text)) << "a directory opens and cannot be read";
+    EXPECT_EQ(0, filemd5str("/tmp", text, sizeof text)) << "a directory can be opened but not read";
     EXPECT_EQ(1, ended);
     EXPECT_TRUE(chunks.empty());
 }

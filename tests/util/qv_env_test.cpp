@@ -2,6 +2,7 @@
 #include "qv_env.h"
 
 #include "support/next_function.h"
+#include "support/random.h"
 #include "support/support.h"
 
 #include <algorithm>
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
-#include <random>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -28,13 +28,13 @@ namespace {
 constexpr const char *kStore = "/tmp/qvenv";
 constexpr const char *kOther = "/tmp/settings";
 
-// What the library asks of the system: noted, cut short or failed as a case says.
+// The library's system calls: recorded, and shortened or failed as a case requests.
 namespace io {
 
 std::vector<std::string> calls; // changes of the store
 std::vector<int> open_flags;
-std::size_t most_read, most_written; // bytes a call; 0 for no limit
-int good_reads = -1;                 // before one fails; -1 for all
+std::size_t most_read, most_written; // bytes per call; 0 for no limit
+int good_reads = -1;                 // reads that succeed before one fails; -1 for no failure
 bool killed_after_cut;
 
 bool is_store(int fd)
@@ -51,7 +51,7 @@ std::string text(std::size_t length, char c = 'x')
     return std::string(length, c);
 }
 
-// The result of a reader, "(null)" for null: no value in these tests is that text.
+// The result of a reader, or "(null)" for null. No value in these tests has that text.
 std::string get(const std::string &name)
 {
     const char *value = qv_getenv(name.c_str());
@@ -71,7 +71,7 @@ int open_store(int flags)
     return fd;
 }
 
-// The lock that prevents another process from getting a lock of this type; F_UNLCK for none.
+// The lock that conflicts with a lock of this type by another process; F_UNLCK for none.
 struct flock blocking_lock(int fd, short type)
 {
     struct flock lock = {};
@@ -181,7 +181,7 @@ TEST(FileLock, WaitsUntilUnlocked)
     ASSERT_EQ(1, ::read(started[0], &byte, 1));
     ::usleep(20000);
     int status = -1;
-    EXPECT_EQ(0, ::waitpid(child, &status, WNOHANG)); // nobody has unlocked yet
+    EXPECT_EQ(0, ::waitpid(child, &status, WNOHANG)); // not unlocked yet
     EXPECT_EQ(0, file_unlock(fd));
     EXPECT_EQ(child, ::waitpid(child, &status, 0));
     EXPECT_EQ(0, status);
@@ -226,7 +226,7 @@ TEST(SetEnv, AppendsNewNames)
     EXPECT_EQ("a=1\nb=2\nc=\n", read_file(kStore));
 }
 
-TEST(SetEnv, TakesAnEmptyStore)
+TEST(SetEnv, AcceptsAnEmptyStore)
 {
     write_file(kStore, "");
     EXPECT_EQ(0, qv_setenv("a", "1", 0));
@@ -304,7 +304,7 @@ TEST(SetEnv, KeepsBlankLines)
     EXPECT_EQ("\n\nb=2\na=9\n", read_file(kStore));
 }
 
-TEST(SetEnv, TakesAnEmptyName)
+TEST(SetEnv, AcceptsAnEmptyName)
 {
     write_file(kStore, "ab\n");
     EXPECT_EQ(0, qv_setenv("", "1", 0));
@@ -398,8 +398,8 @@ TEST(SetEnv, AFailedReadChangesNothing)
     EXPECT_EQ("a=1\nb=2\nc=3\n", read_file(kStore));
 }
 
-// The order is part of the contract: what a writer that is killed in between leaves is a cut-off file, never one that
-// holds a record twice.
+// The order is part of the contract: a writer killed in between leaves a truncated file, never one that holds a record
+// twice.
 TEST(SetEnv, CutsFirstThenWritesTheRestAtOnceThenTheRecordInFourPieces)
 {
     write_file(kStore, "a=1\nb=2\nc=3\n");
@@ -556,7 +556,7 @@ TEST(GetEnv, LongNamesAreCut)
     EXPECT_EQ("40", get(text(31, 'z') + "other end"));
     EXPECT_EQ("40", get(text(5000, 'z')));
     write_file(kStore, text(31) + "\nb=1\n");
-    EXPECT_EQ("(null)", get(text(31))); // no value in that line, and the next one's is not its
+    EXPECT_EQ("(null)", get(text(31))); // that line has no value, and the next line's is not used
 }
 
 TEST(GetEnv, TheTextEndsAtAZero)
@@ -576,7 +576,7 @@ TEST(GetEnv, BothReadersShareTheResult)
     EXPECT_STREQ("2", first);
 }
 
-TEST(GetEnvFilename, TakesAnyFile)
+TEST(GetEnvFilename, ReadsAnyFile)
 {
     write_file(kStore, "a=1\n");
     write_file(kOther, "a=2\n");
@@ -608,7 +608,7 @@ TEST(GetEnvFilename, DoesNotCutNames)
     EXPECT_EQ("(null)", get_from(kOther, text(41)));
 }
 
-TEST(GetEnvFilename, EmptyNameNeedsAnEqualsSignInFront)
+TEST(GetEnvFilename, EmptyNameNeedsAPrecedingEqualsSign)
 {
     write_file(kOther, "a=1\n");
     EXPECT_EQ("(null)", get_from(kOther, ""));
@@ -634,7 +634,7 @@ TEST(GetEnv, WaitsForTheWriter)
 
 // ---- against a model ----
 
-// The store as a text in memory, by the same rules.
+// The reference: the store as a text in memory, changed by the same rules.
 class Model {
 public:
     std::string text;
@@ -679,7 +679,7 @@ private:
 
 TEST(Env, FollowsTheModel)
 {
-    std::mt19937 random(8101);
+    Random random(8101);
     auto pick = [&](std::size_t below) { return random() % below; };
     // Few letters, so that names match within one another and within values.
     auto word = [&](std::size_t longest) {
@@ -691,10 +691,12 @@ TEST(Env, FollowsTheModel)
     Model model;
     for (std::size_t round = effort(4000); round > 0; round--) {
         std::string name = pick(8) != 0 ? word(4) : word(30);
+        random.doing("store size", model.text.size());
         if (pick(2) == 0) {
             bool overwrite = pick(3) != 0;
             std::string value = pick(4) != 0 ? word(5) : word(66);
-            ASSERT_EQ(model.set(name, value, overwrite), qv_setenv(name.c_str(), value.c_str(), overwrite));
+            ASSERT_EQ(model.set(name, value, overwrite), qv_setenv(name.c_str(), value.c_str(), overwrite))
+                << name << " to " << value;
             ASSERT_EQ(model.text, read_file(kStore));
         } else {
             ASSERT_EQ(model.get(name), get(name)) << name;
@@ -718,22 +720,22 @@ std::string name_of(unsigned n)
     return "n" + std::to_string(100 + n);
 }
 
-// A value identifies its writer, its number and its end: "<writer>.<count>.<as many dots as the count says>;".
+// A value names its writer and its number, and its end is recognisable: "<writer>:<count>:<count % 40 dots>;".
 std::string value_of(unsigned writer, unsigned count)
 {
     return std::to_string(writer) + ":" + std::to_string(count) + ":" + text(count % 40, '.') + ";";
 }
 
-// Takes a value apart; false for one that nobody wrote.
+// Parses a value. False if no writer wrote it.
 bool parse_value(const std::string &value, unsigned *writer, unsigned *count)
 {
     return std::sscanf(value.c_str(), "%u:%u:", writer, count) == 2 && value == value_of(*writer, *count);
 }
 
-// What the processes report while they may be killed at any time.
+// What the processes count. They may be killed at any time.
 struct Tally {
-    unsigned operations; // done by all
-    unsigned wrong;      // values that nobody wrote
+    unsigned operations; // of all processes
+    unsigned wrong;      // values that no writer wrote
     unsigned failed;     // calls that failed
     unsigned counts[kWriters];
 };
@@ -752,7 +754,7 @@ void hammer(Tally *tally, unsigned writer, unsigned total)
     while (__atomic_fetch_add(&tally->operations, 1, __ATOMIC_RELAXED) < total) {
         std::string name = name_of(static_cast<unsigned>(random()) % kNames);
         if (random() % 3 == 0) {
-            ++*count; // before the value is written: a killed writer's successor never writes the same again
+            ++*count; // counted before the write, so that the successor of a killed writer never writes the same value
             if (qv_setenv(name.c_str(), value_of(writer, *count).c_str(), 1) != 0)
                 __atomic_fetch_add(&tally->failed, 1, __ATOMIC_RELAXED);
             continue;
@@ -774,8 +776,8 @@ pid_t start_hammer(Tally *tally, unsigned writer, unsigned total)
     return pid;
 }
 
-// Checks the store's lines: each complete one is a record that was written, and each writer's newest record comes last.
-// Returns the number of lines that are no records.
+// Checks that each complete line of the store is a written record and that each writer's newest record comes last.
+// Returns the number of damaged lines.
 unsigned check_store(const Tally *tally)
 {
     unsigned odd = 0;
@@ -807,7 +809,7 @@ TEST(EnvCancellation, ActsAfterTheRecord)
         std::thread thread([call] {
             ::pthread_cancel(::pthread_self());
             call();
-            ADD_FAILURE() << "the request was forgotten";
+            ADD_FAILURE() << "the cancellation request is lost";
         });
         thread.join();
     };
@@ -834,22 +836,23 @@ TEST(EnvProcesses, NoReaderSeesATornRecord)
     EXPECT_EQ(0U, check_store(tally));
 }
 
-// A record is four writes, so a killed writer may leave a piece of one, and the next record follows on the same line.
-// That is all that a kill may cost; the lock goes with the process and the others carry on.
+// A record is written in four pieces, so a killed writer may leave part of one, and the next record continues that
+// line. A kill costs no more: the lock ends with the process and the others continue.
 TEST(EnvProcesses, KilledWritersCostALineEachAtMost)
 {
     Tally *tally = new_tally();
-    // Enough for some to be killed, however fast they are.
+    // Enough operations for some kills on a fast machine.
     unsigned total = std::max(static_cast<unsigned>(effort(kOperations)) / 4, 8000U);
     std::vector<pid_t> children;
     for (unsigned i = 0; i < kWriters; i++)
         children.push_back(start_hammer(tally, i, total));
 
-    std::mt19937 random(8102);
+    Random random(8102);
     unsigned kills = 0;
     while (__atomic_load_n(&tally->operations, __ATOMIC_RELAXED) < total) {
         ::usleep(1000 + static_cast<useconds_t>(random() % 2000));
         unsigned victim = static_cast<unsigned>(random()) % kWriters;
+        random.doing("kill writer", victim);
         ::kill(children[victim], SIGKILL);
         int status = -1;
         ASSERT_EQ(children[victim], ::waitpid(children[victim], &status, 0));
@@ -862,7 +865,7 @@ TEST(EnvProcesses, KilledWritersCostALineEachAtMost)
     EXPECT_EQ(0U, tally->failed);
     EXPECT_LE(check_store(tally), kills);
 
-    // The store is as good as before: what is set now is read back.
+    // The store still works: what is set now is read back.
     for (unsigned i = 0; i < kNames; i++) {
         EXPECT_EQ(0, qv_setenv(name_of(i).c_str(), "back", 1));
         EXPECT_EQ("back", get(name_of(i)));

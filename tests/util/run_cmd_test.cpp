@@ -42,7 +42,7 @@ std::string words(int count, const std::string &tail = "")
     return line + tail;
 }
 
-// A program that prints its arguments, each between brackets: a script, so that argv[0] is the interpreter's.
+// A program that prints its arguments in brackets. It is a script, so argv[0] is its interpreter's.
 std::string show_args()
 {
     write_file("/tmp/show", "#!/bin/sh\nfor word; do printf '[%s]' \"$word\"; done\n");
@@ -50,7 +50,7 @@ std::string show_args()
     return "/tmp/show";
 }
 
-// Descriptors of the program that the child became, as it lists them itself.
+// The descriptors of the started program, listed by itself.
 constexpr const char *kListFds = "ls /proc/self/fd | tr '\\n' ' '";
 
 int open_many(int count)
@@ -120,14 +120,14 @@ TEST(RunExecv, WithoutWaitingTheChildIsTheCallersToReap)
     EXPECT_EQ(5 << 8, status);
 }
 
-TEST(RunExecv, AMissingProgramIsSaidAndLeavesWithStatus255)
+TEST(RunExecv, AMissingProgramIsReportedAndExitsWith255)
 {
     ChildResult child = run_child([] { ::_exit(run_execv("/no/such", kNoArgs, 1, 0) == 255 << 8 ? 0 : 1); });
     EXPECT_TRUE(child.exited(0));
     EXPECT_EQ("execv /no/such error: No such file or directory\n", read_file(kConsole));
 }
 
-TEST(RunExecv, AFailedForkIsSaid)
+TEST(RunExecv, AFailedForkIsReported)
 {
     fork_fails = true;
     pid_t pid = 77;
@@ -135,11 +135,11 @@ TEST(RunExecv, AFailedForkIsSaid)
     EXPECT_EQ(-1, run_execv_ex("/bin/sh", kNoArgs, 0, &pid));
     EXPECT_EQ(-1, run_shell("true"));
     fork_fails = false;
-    EXPECT_EQ(77, pid) << "left alone";
+    EXPECT_EQ(77, pid) << "unchanged";
     EXPECT_EQ("fork /bin/true error\nfork /bin/sh error\n", read_file(kConsole));
 }
 
-TEST(RunExecv, AnInterruptedWaitGoesOn)
+TEST(RunExecv, AnInterruptedWaitContinues)
 {
     waits_interrupted = 2;
     EXPECT_EQ(4 << 8, run_shell("exit 4"));
@@ -150,7 +150,7 @@ TEST(RunExecv, AnInterruptedWaitGoesOn)
 
 TEST(RunExecv, AWaitThatFailsGivesMinusOne)
 {
-    std::signal(SIGCHLD, SIG_IGN); // children are reaped by the kernel, the wait finds none
+    std::signal(SIGCHLD, SIG_IGN); // the kernel reaps children, so the wait finds none
     EXPECT_EQ(-1, run_execv("/bin/true", kNoArgs, 1, 0));
     EXPECT_EQ(-1, run_shell("true"));
 }
@@ -174,7 +174,7 @@ TEST(RunExecv, NoDescriptorAboveStandardErrorReachesTheChild)
     char shell[] = "sh", option[] = "-c", body[] = "echo /proc/self/fd/*";
     char *const argv[] = {shell, option, body, nullptr};
     ChildResult child = run_child([&] { run_execv("/bin/sh", argv, 1, 0); });
-    // The one above is the shell's own, listing the folder.
+    // The shell itself has one more open, to list the folder.
     EXPECT_EQ("/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3\n", child.out);
     child = run_child([&] { run_shell(kListFds); });
     EXPECT_EQ("0 1 2 3 ", child.out);
@@ -211,7 +211,7 @@ TEST(CloseExtraFds, WorksWithStandardDescriptorsClosed)
     EXPECT_TRUE(child.exited(0));
 }
 
-TEST(CloseExtraFds, AMissingFolderIsSaid)
+TEST(CloseExtraFds, AMissingFolderIsReported)
 {
     int kept = ::open("/dev/null", O_RDONLY);
     ChildResult child = run_child([&] {
@@ -240,7 +240,7 @@ TEST(CloseExtraFds, WorksOnAKernelWithoutTheRangeCall)
 
 namespace {
 
-// Leaves no descriptor unused.
+// Uses up all descriptors.
 void use_up_descriptors()
 {
     rlimit limit = {64, 64};
@@ -264,7 +264,7 @@ TEST(CloseExtraFds, WorksWithoutAFreeDescriptor)
     EXPECT_EQ("", read_file(kConsole));
 }
 
-TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallItSaysSo)
+TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallTheFailureIsReported)
 {
     no_close_range = true;
     ChildResult child = run_child([] {
@@ -289,7 +289,7 @@ int print_fatal(const char *format, ...)
     return length;
 }
 
-// The host's files, which get the lowest free numbers.
+// Files of the host, at the lowest free descriptors.
 std::vector<std::string> open_host_files()
 {
     std::vector<std::string> paths;
@@ -307,7 +307,7 @@ TEST(CloseExtraFds, LaterLinesGoToTheConsoleAndIntoNoFileOfTheHost)
     ChildResult child = run_child([] {
         ::mkdir("/var/sysinfo", 0755);
         ::mkdir("/var/sysinfo/logs", 0755);
-        __qv_debug_where = 1;
+        __qv_debug_where = QV_TRACE_TO_FILE;
         auto print_all = [](const char *text) {
             console_print_t("%s", text);
             print_fatal("%s", text);
@@ -325,14 +325,14 @@ TEST(CloseExtraFds, LaterLinesGoToTheConsoleAndIntoNoFileOfTheHost)
             EXPECT_THAT(read_file("/var/sysinfo/logs/" + name), testing::EndsWith(" Error: f:1: after\n"));
     });
     EXPECT_TRUE(child.exited(0)) << child.out;
-    EXPECT_EQ("after\n", read_file(kConsole)) << "of both paths, each at its own place";
+    EXPECT_EQ("after\n", read_file(kConsole)) << "each path writes at its own offset";
 }
 
 TEST(CloseExtraFds, ConsolesWithALowNumberStayOpen)
 {
     ChildResult child = run_child([] {
         ::close(0);
-        console_print("a\n"); // has the number 0 now
+        console_print("a\n"); // opened as descriptor 0
         close_extra_fds();
         console_print("b\n");
         ::_exit(::fcntl(0, F_GETFD) == 0 && ::fcntl(3, F_GETFD) != 0 ? 0 : 1);
@@ -344,7 +344,7 @@ TEST(CloseExtraFds, ConsolesWithALowNumberStayOpen)
 TEST(CloseExtraFds, ATraceOfAllocationsGoesIntoNoFileOfTheHost)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "allocation is the sanitizer's";
+        GTEST_SKIP() << "the sanitizer replaces the allocator";
     ChildResult child = run_child([] {
         install_sighandler();
         ::raise(SIGUSR2);
@@ -362,12 +362,12 @@ TEST(CloseExtraFds, ATraceOfAllocationsGoesIntoNoFileOfTheHost)
 
 // ---- a child whose program cannot be started ----
 
-TEST(FailedChild, IsHeardOnAConsoleThatTheParentHasOpened)
+TEST(FailedChild, ReportsOnAConsoleThatTheParentHasOpened)
 {
     console_print("parent\n");
     ChildResult child = run_child([] { ::_exit(run_execv("/no/such", kNoArgs, 1, 0) == 255 << 8 ? 0 : 1); });
     EXPECT_TRUE(child.exited(0));
-    // The child's own descriptor writes from the start of the plain file that plays the console.
+    // The child's own descriptor writes from the start of the plain file that replaces the console.
     EXPECT_THAT(read_file(kConsole), testing::HasSubstr("execv /no/such error: No such file or directory\n"));
 }
 
@@ -383,7 +383,7 @@ TEST(FailedChild, RunsTheCallersExitHandlers)
 
 namespace {
 
-// A caller with text pending in streams of several numbers runs a program that cannot be started.
+// A caller with pending text in streams of several descriptors runs a program that cannot be started.
 void fail_with_pending_text(const std::function<void()> &run)
 {
     std::vector<std::FILE *> files;
@@ -415,13 +415,13 @@ TEST(FailedChild, WritesNoneOfTheCallersPendingText)
     expect_written_once(run_child([] { fail_with_pending_text([] { run_execv("/no/such", kNoArgs, 1, 0); }); }));
 }
 
-TEST(FailedChild, WritesNoneOfItEitherWithThreadsAbout)
+TEST(FailedChild, WritesNoneOfItWithOtherThreadsRunning)
 {
     int fds[2];
     ASSERT_EQ(0, ::pipe(fds));
     expect_written_once(run_child(
         [&] {
-            // A thread waits for input with the stream's lock held: a flush of all streams would never return.
+            // A thread waits for input while it holds the stream's lock: flushing all streams would never return.
             std::FILE *input = ::fdopen(fds[0], "r");
             std::thread reading([&] { std::fgetc(input); });
             ::usleep(20000);
@@ -464,7 +464,7 @@ namespace {
 
 std::string own_argv0(const std::function<void(const char *program)> &run)
 {
-    // cat prints its own command line. Its name is not its path; busybox knows it by the name.
+    // cat prints its own command line. argv[0] is a plain name: busybox selects the command by it.
     ChildResult child = run_child([&] { run("/bin/cat"); });
     return child.out.substr(0, child.out.find('\0'));
 }
@@ -493,7 +493,7 @@ TEST(RunExecv, TheFirstArgumentIsArgv0)
 
 namespace {
 
-// SigIgn of the program that run starts.
+// The ignored signals (SigIgn) of the program that `run` starts.
 unsigned long ignored_by(const std::function<void(const char *script)> &run)
 {
     write_file("/tmp/sigs", "#!/bin/sh\ngrep -E '^Sig(Ign|Blk)' /proc/self/status\n");
@@ -510,7 +510,7 @@ unsigned long bit(int sig)
 
 } // namespace
 
-TEST(RunExecv, WaitAndSigintAreTwoThings)
+TEST(RunExecv, WaitAndSigintAreIndependent)
 {
     std::signal(SIGINT, SIG_IGN);
     char name[] = "sigs";
@@ -537,7 +537,7 @@ TEST(RunExecv, WaitAndSigintAreTwoThings)
     EXPECT_EQ(bit(SIGINT), ignored_by([](const char *path) { run_shell(path); }) & bit(SIGINT));
 }
 
-TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
+TEST(RunExecv, WithoutWaitingTheCallReturnsBeforeTheProgramEnds)
 {
     int fds[2];
     ASSERT_EQ(0, ::pipe(fds));
@@ -546,7 +546,7 @@ TEST(RunExecv, WithoutWaitingTheCallComesBackBeforeTheProgramEnds)
     ::dup2(fds[0], 0);
     EXPECT_EQ(0, run_shellcmd("/tmp/block", "block", 0, 1));
     int status = 0;
-    EXPECT_EQ(0, ::waitpid(-1, &status, WNOHANG)) << "it runs";
+    EXPECT_EQ(0, ::waitpid(-1, &status, WNOHANG)) << "the child is running";
     EXPECT_EQ(1, ::write(fds[1], "\n", 1));
     EXPECT_GT(::waitpid(-1, &status, 0), 0);
     EXPECT_EQ(4 << 8, status);
@@ -568,7 +568,7 @@ TEST(RunExecv, NoOtherSignalIsTouched)
         ignored = ignored_by([&](const char *path) { run_execv(path, argv, 1, sigint); });
         for (int sig : {SIGHUP, SIGQUIT, SIGTERM, SIGPIPE, SIGUSR1, SIGTSTP, SIGRTMIN})
             EXPECT_NE(0u, ignored & bit(sig)) << sig;
-        // Not by a script: the shell clears its children's mask.
+        // No script: the shell clears the signal mask of its children.
         char grep[] = "grep", pattern[] = "SigBlk:", file[] = "/proc/self/status";
         char *const show_mask[] = {grep, pattern, file, nullptr};
         ChildResult child = run_child([&] { run_execv("/bin/grep", show_mask, 1, sigint); });
@@ -581,7 +581,7 @@ TEST(RunExecv, NoOtherSignalIsTouched)
 TEST(RunShellcmd, LongCopiesAreFreed)
 {
     if (under_sanitizer())
-        GTEST_SKIP() << "the sanitizer's heap keeps what is freed";
+        GTEST_SKIP() << "the sanitizer's heap keeps freed memory";
     std::string line = "true " + std::string(1 << 20, ' ');
     auto held = [] { return ::mallinfo2().uordblks + ::mallinfo2().hblkhd; };
     pid_t pid = 0;
@@ -614,7 +614,7 @@ TEST(RunShellcmd, ThirtyTwoWordsAreAccepted)
     EXPECT_THAT(child.out, testing::Not(testing::HasSubstr("Too many")));
 }
 
-TEST(RunShellcmd, ThirtyTwoWordsAndABlankAreWarnedOfAndRun)
+TEST(RunShellcmd, ThirtyTwoWordsAndABlankWarnAndRun)
 {
     std::string show = show_args();
     ChildResult child = run_child([&] { run_shellcmd(show.c_str(), words(32, " ").c_str(), 1, 0); });
@@ -644,7 +644,7 @@ TEST(RunShellcmd, AVeryLongLineNeedsNoStack)
     EXPECT_EQ("[" + word + "]", child.out);
 }
 
-TEST(RunShellcmdEx, TheIdIsHandedOutAndPolled)
+TEST(RunShellcmdEx, TheProcessIdIsReturnedAndPolled)
 {
     pid_t pid = 0;
     int fds[2];
@@ -667,7 +667,7 @@ TEST(RunShellcmdEx, TheIdIsHandedOutAndPolled)
     EXPECT_EQ(-1, run_shellcmd_ex_wait(pid, &status));
 }
 
-TEST(RunShell, TheShellsRulesHold)
+TEST(RunShell, TheShellsRulesApply)
 {
     ChildResult child = run_child([] { ::_exit(run_shell("echo 'a b' | tr a-z A-Z; exit 9") == 9 << 8 ? 0 : 1); });
     EXPECT_EQ("A B\n", child.out);
@@ -677,7 +677,7 @@ TEST(RunShell, TheShellsRulesHold)
 TEST(RunShell, WithoutAShellTheChildReturnsToTheCaller)
 {
     ChildResult child = run_child([] {
-        // No program can be started from a root without any.
+        // An empty root has no program to start.
         ::mkdir("/tmp/empty", 0755);
         if (::chroot("/tmp/empty") != 0)
             ::_exit(50);

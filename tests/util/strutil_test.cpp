@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "strutil.h"
 
+#include "support/random.h"
 #include "support/support.h"
 
 #include <cstring>
-#include <random>
 
 using namespace support;
 
@@ -24,7 +24,7 @@ std::string trim(const std::string &src, std::size_t size)
     std::memset(dst, '#', sizeof dst);
     EXPECT_EQ(dst, trim_utf8_name(dst, src.c_str(), size));
     for (std::size_t i = size; i < sizeof dst; i++)
-        EXPECT_EQ('#', dst[i]) << "outside the room";
+        EXPECT_EQ('#', dst[i]) << "outside the buffer";
     return size == 0 ? "" : dst;
 }
 
@@ -101,10 +101,11 @@ TEST(TrimUtf8Name, OthersAreCutAfterAWholeCharacterAndMarked)
     EXPECT_EQ("abcdef~", trim("abcdefgh", 8));
     EXPECT_EQ("\xE4\xB8\xAD\xE4\xB8\xAD~", trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 8));
     EXPECT_EQ("\xE4\xB8\xAD\xE4\xB8\xAD~", trim("\xE4\xB8\xAD\xE4\xB8\xAD\xE4\xB8\xAD", 9));
-    EXPECT_EQ("a\xC3\xA4~", trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 6)) << "the next would end at the mark's place";
+    EXPECT_EQ("a\xC3\xA4~", trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 6))
+        << "the next character would end where the mark belongs";
     EXPECT_EQ("a\xC3\xA4\xC3\xA4~", trim("a\xC3\xA4\xC3\xA4\xC3\xA4xx", 7));
     EXPECT_EQ("\xFC\x80\x80\x80\x80\x80y~", trim("\xFC\x80\x80\x80\x80\x80yyyyyyyy", 9));
-    EXPECT_EQ("\x80\x80~", trim("\x80\x80\x80\x80", 4)) << "a stray byte is a character";
+    EXPECT_EQ("\x80\x80~", trim("\x80\x80\x80\x80", 4)) << "a stray byte counts as a character";
 }
 
 TEST(TrimUtf8Name, TinyRoomsAreNotOverrun)
@@ -119,13 +120,14 @@ TEST(TrimUtf8Name, TinyRoomsAreNotOverrun)
 
 TEST(TrimUtf8Name, RandomNamesAgreeWithAModel)
 {
-    std::mt19937 random(7);
+    Random random(7);
     for (std::size_t round = 0; round < effort(100000); round++) {
         std::string name;
         std::size_t length = random() % 40;
         while (name.size() < length)
             name += static_cast<char>(1 + random() % 255);
         std::size_t size = 2 + random() % 40;
+        random.doing("trim: length, size", length, size);
         std::string wanted;
         if (name.size() < size) {
             wanted = name;

@@ -12,7 +12,7 @@ namespace {
 
 pthread_barrier_t loaded;
 
-// The word after the newest block is the size of what is left of the heap. malloc() finds it wrong with its lock taken.
+// The word after the newest block is the size of the rest of the heap. malloc() detects damage while it holds its lock.
 void *abort_inside_malloc(void *)
 {
     pthread_barrier_wait(&loaded);
@@ -38,7 +38,7 @@ int main(int argc, char **argv)
 {
     if (argc != 3)
         return 1;
-    ::close(STDERR_FILENO); // where the allocator's complaint would go
+    ::close(STDERR_FILENO); // suppresses the allocator's message
     ::mallopt(M_ARENA_MAX, 1);
     bool is_late = std::strcmp(argv[2], "late") == 0;
     pthread_barrier_init(&loaded, nullptr, 2);

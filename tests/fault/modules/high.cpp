@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Linked to an address that no process has: its load bias is negative. The only symbol lies between two nameless parts.
+// Linked to an address beyond any process: its load bias is negative. Its only symbol lies between two unnamed parts.
 extern "C" __attribute__((section(".rodata.mark"))) const int high_mark = 1;
 
 static char high_private[0x4000] = {1};

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// late_crash_host LIBRARY [tables] - loads the library when threads are running already, and lets one die inside
-// free(). That thread has never used the library, and nothing can be allocated any more. With "tables" it lets each of
-// two threads load its table of mappings instead.
+// late_crash_host LIBRARY [tables] - loads the library while threads are running, and lets one die inside free(). That
+// thread has never used the library, and no more memory can be allocated. With "tables" it makes each of two threads
+// load its table of mappings instead.
 #include <cstdlib>
 #include <dlfcn.h>
 #include <malloc.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A plug-in whose constructor calls the program back, with thread-local data, and with functions of all sizes.
+// A plug-in with thread-local data and functions of all sizes, whose constructor calls back into the program.
 extern "C" {
 
 [[gnu::weak]] void plugin_constructor_hook();

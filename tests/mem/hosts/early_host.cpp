@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A host of a library that is initialised before ours. Prints "good", or a shorter text for what is wrong.
+// A host of a library that is initialised before libcommon. Prints "good", or a short text that names the failure.
 //   early_host full FORKS    forks with full tracing on
 //   early_host file FORKS    forks with a trace file on
 //   early_host exit          ends with a trace file on; prints nothing

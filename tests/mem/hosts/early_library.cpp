@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A library that is initialised before ours and ends after it. Its fork handlers allocate, and take a lock that is held
-// around allocations elsewhere; a block that it allocates at its start it frees at its end.
+// A library that is initialised before libcommon and ends after it. Its fork handlers allocate, and acquire a lock that
+// other code holds around allocations. It allocates a block at its start and frees it at its end.
 #include "early_library.h"
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A host that loads the library by dlopen(): nothing is intercepted and nothing breaks. Prints "good".
+// A host that loads the library by dlopen(): its allocations are not intercepted, and everything works. Prints "good".
 #include <qv_mtrace.h>
 
 #include <climits>
@@ -26,7 +26,7 @@ int fail(const char *text)
     return 1;
 }
 
-// How many keys of thread-specific data are left.
+// How many keys of thread-specific data are free.
 int free_keys()
 {
     pthread_key_t keys[PTHREAD_KEYS_MAX];
@@ -68,15 +68,15 @@ int main(int argc, char **argv)
     find<decltype(qv_mtrace_start)>("qv_mtrace_start")();
     std::free(block);
     find<decltype(qv_mtrace_reset)>("qv_mtrace_reset")();
-    block =
-        find<decltype(my_malloc_light_hook)>("my_malloc_light_hook")(100, nullptr); // by itself it allocates and counts
+    block = find<decltype(my_malloc_light_hook)>("my_malloc_light_hook")(
+        100, nullptr); // allocates and counts although it is not installed
     std::memset(block, 1, 100);
     std::free(block);
     stat_min(&after);
     if (after.light_allocs != before.light_allocs + 1)
         return fail("not counted");
 
-    // A block of its own mapping counts as its header word says, too.
+    // A block in its own mapping also counts the size in its header word.
     stat_min(&before);
     block = find<decltype(my_malloc_light_hook)>("my_malloc_light_hook")(1 << 20, nullptr);
     stat_min(&after);
@@ -87,7 +87,7 @@ int main(int argc, char **argv)
 
     find<decltype(idpool_destroy)>("idpool_destroy")(find<decltype(idpool_create)>("idpool_create")("late", 0, 1000));
 
-    // The library stays: a thread that has counted may end after it was closed, and no key is lost.
+    // The library stays loaded: a thread that has counted may end after dlclose(), and no key is lost.
     pthread_t thread;
     if (pthread_create(&thread, nullptr, count_and_close, nullptr) != 0 || pthread_join(thread, nullptr) != 0)
         return fail("no thread");

@@ -18,8 +18,8 @@
 
 namespace {
 
-// More than the loader has room for in its first table, and in those of threads: it allocates others with its locks
-// held.
+// More than the loader's first table and those of threads can hold: it allocates larger ones while it holds its
+// locks.
 constexpr int kPlugins = 100;
 
 std::atomic<bool> stop;
