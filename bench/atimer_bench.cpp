@@ -11,7 +11,7 @@ using namespace bench;
 
 constexpr unsigned kMostTicks = 1000000;
 
-// The least that starting and stopping can be: a link in one list that nobody sorts.
+// The minimum of starting and stopping: a link in one unsorted list.
 class List {
 public:
     explicit List(std::size_t timers) : timers_(timers) { head_.next = head_.prev = &head_; }
@@ -32,7 +32,7 @@ public:
 private:
     struct node {
         node *next, *prev;
-        void *rest[5]; // as large as ours
+        void *rest[5]; // as large as the library's
     };
     node head_;
     std::vector<node> timers_;
@@ -80,7 +80,7 @@ void idle_tick(benchmark::State &state)
 }
 BENCHMARK(idle_tick);
 
-// A stall of 100,000 seconds with `pending` timers that are all later; the time is that of one tick.
+// A stall of 100,000 seconds with `pending` timers that all expire later. The time is per tick.
 void stall(benchmark::State &state)
 {
     constexpr std::uint32_t kStall = 100000;
@@ -102,7 +102,7 @@ void stall(benchmark::State &state)
 }
 BENCHMARK(stall)->Arg(0)->Arg(100);
 
-// 100,000 timers spread over as many ticks, all of which cascade, fire; the time is that of one timer.
+// 100,000 timers fire, spread over as many ticks, and all of them cascade. The time is per timer.
 constexpr std::size_t kDrained = 100000;
 
 void drain_wheel(benchmark::State &state)
@@ -124,7 +124,7 @@ void drain_wheel(benchmark::State &state)
 }
 BENCHMARK(drain_wheel);
 
-// The peers' clocks do not wait: all are due by the time the draining begins, in no order.
+// The peers' clocks do not wait: all timers are due when the draining starts, in no particular order.
 template <typename Timers>
 void drain(benchmark::State &state)
 {

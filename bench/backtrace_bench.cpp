@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A walk of 20 frames: ours with its readability probes, and the C library's.
+// A walk of 20 frames: the library's, which probes for readable memory, and the C library's.
 #include "backtrace.h"
 #include "bench/frame_chain.h"
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A walk of 20 frames: ours and libunwind's. A program of its own, for libunwind brings a backtrace() that would take
-// the place of the C library's.
+// A walk of 20 frames: the library's and libunwind's. A separate program, because libunwind defines a backtrace() that
+// would replace the C library's.
 #include "backtrace.h"
 #include "bench/frame_chain.h"
 

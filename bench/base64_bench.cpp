@@ -13,7 +13,7 @@
 #include <glib.h>
 #endif
 
-// The resolver's header renames the names that are also ours to its own.
+// The resolver's header defines the library's names as macros.
 #undef b64_ntop
 #undef b64_pton
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A short line into a log file, against the bare system calls that it has to make. Run it with TZ unset and with
-// TZ=:/etc/localtime: looking whether the zone has changed is a system call in the one and nothing in the other.
+// A short line into a log file, against the system calls that it needs. Run it with TZ unset and with
+// TZ=:/etc/localtime: the check for a changed zone is a system call in the first case and nothing in the second.
 #include "console_print.h"
 
 #include <benchmark/benchmark.h>

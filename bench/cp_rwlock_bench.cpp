@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reader-writer lock against pthread's and a ticketed one, alone and with a second process that reads and writes
+// The reader-writer lock against pthread's and a ticketed one, alone and with a second process that reads and writes as
 // too; and against the locked instructions alone.
 #include "cp_rwlock.h"
 
@@ -92,7 +92,7 @@ void once(Lock &lock, Kind kind)
     }
 }
 
-// With a contender a second process does the same all the time; it dies with this one.
+// With a contender, a second process does the same all the time. It ends with this one.
 template <typename Lock>
 void run(benchmark::State &state, Kind kind, bool contender)
 {

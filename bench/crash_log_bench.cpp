@@ -2,7 +2,7 @@
 // From a fault to its closed log file, 20 frames deep: the distribution over many real faults.
 //
 // The fault signal is armed as the attach signal, so that the process may survive each fault: all the work of a crash
-// is done but for the reset of the dispositions. Runs in a private mount namespace with a tmpfs for /etc.
+// is done except the reset of the dispositions. Runs in a private mount namespace with a tmpfs for /etc.
 #include "bench/frame_chain.h"
 #include "sighandler.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The checksums against the libraries that are known for theirs, and against a plain loop over one table.
+// The checksums against well-known libraries, and against a plain loop over one table.
 #include "encoding.h"
 
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A trace whose level is off against the comparison that it should cost.
+// A trace whose level is off, against a bare comparison, which is all that it should cost.
 #include "debug_trace.h"
 
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The digest of a file of 1 GiB in the page cache against the command for it. FILEMD5_BENCH_MIB asks for another size.
+// The digest of a file of 1 GiB in the page cache against md5sum. FILEMD5_BENCH_MIB sets another size.
 #include "encoding.h"
 
 #include <benchmark/benchmark.h>

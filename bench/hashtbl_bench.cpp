@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Tables of sessions keyed by number: lookups that hit, lookups that miss, and leaving with coming back, in random
+// Tables of sessions keyed by number: lookups that hit, lookups that miss, and removal with reinsertion, in random
 // order. Every side computes the same hash by the same call; every session fills a cache line and holds its links in
 // it.
 #include "cxx/hashtbl.hpp"
@@ -37,7 +37,7 @@ unsigned hash_of(unsigned id)
     return qv_hash_uint32(id, 0);
 }
 
-// Buckets for n sessions at the given load, as far as a table can have them.
+// Buckets for n sessions at the given load, at most as many as a table supports.
 unsigned log_size_for(std::size_t n, unsigned load)
 {
     return std::min(static_cast<unsigned>(std::bit_width(n / load - 1)), kMaxLogSize);
@@ -201,7 +201,7 @@ using Flat = Mapped<absl::flat_hash_map<unsigned, PlainSession *, HashOfId>>;
 
 /* ---- the work ---- */
 
-// Long enough that no branch predictor learns it.
+// Too long for a branch predictor to learn.
 constexpr std::size_t kMinOrder = std::size_t{1} << 20;
 
 const std::vector<unsigned> &random_order(std::size_t n)
@@ -232,7 +232,7 @@ struct Filled {
     }
 };
 
-// The table in use is kept from call to call: those of ten million take seconds to fill.
+// The table is kept from call to call: one of ten million takes seconds to fill.
 std::shared_ptr<void> kept;
 std::string kept_name;
 

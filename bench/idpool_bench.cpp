@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Identifiers from a pool of a million: nearly all free, half taken, nearly all taken, and but one free, which is the
-// farthest from where the search starts.
+// Identifiers from a pool of a million: nearly all free, half allocated, nearly all allocated, and only one free, which
+// is the farthest from the start of the search.
 #include "idpool.h"
 
 #include <algorithm>
@@ -23,7 +23,7 @@ namespace {
 
 constexpr int kSize = 1000000;
 
-// All go on from the identifier that was handed out last. take() does; release() gives back.
+// All search from the identifier allocated last: take() allocates, release() frees.
 struct Ours {
     idpool *pool = idpool_create("bench", 0, kSize - 1);
     ~Ours() { idpool_destroy(pool); }
@@ -36,7 +36,7 @@ struct Ours {
     void release(int id) { idpool_free_id(pool, id); }
 };
 
-// A loop over 32-bit words, as one writes it first.
+// A straightforward loop over 32-bit words.
 struct WordLoop {
     std::vector<std::uint32_t> words = std::vector<std::uint32_t>(kSize / 32);
     std::size_t next = 0;
@@ -58,7 +58,7 @@ struct WordLoop {
 };
 
 #ifdef HAVE_BOOST
-// A set bit is a free identifier, which is what its search looks for.
+// A set bit is a free identifier, because its search finds set bits.
 struct Bitset {
     boost::dynamic_bitset<> free = ~boost::dynamic_bitset<>(kSize);
     std::size_t last = kSize - 1;
@@ -78,7 +78,7 @@ struct Bitset {
 #endif
 
 #ifdef HAVE_JUDY
-// Keeps the allocated ones and searches the next gap.
+// Keeps the allocated identifiers and searches the next gap.
 struct Judy {
     void *taken = nullptr;
     Word_t next = 0;
@@ -151,7 +151,7 @@ void churn(benchmark::State &state, const std::string &title, int taken_per_mill
         pool.churn();
 }
 
-// One identifier goes back and forth, so that each search passes all the words.
+// One identifier is freed and allocated again and again, so that each search passes all words.
 template <typename Pool>
 void last_free(benchmark::State &state)
 {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sparse tables by identifier: lookups that hit and filling, with keys that follow each other, keys in clusters of 256
-// that lie anywhere, and keys that lie anywhere themselves. Times of filling are for the whole table.
+// Sparse tables by identifier: lookups that hit, and filling. Keys are consecutive, in scattered clusters of 256, or
+// scattered one by one. Times of filling are for the whole table.
 #include "idtable.h"
 
 #include <algorithm>
@@ -32,7 +32,7 @@ struct Ours16 {
 
 struct Ours32 {
     idtable_node *root = idtable_alloc_table();
-    std::vector<unsigned> keys; // the tables of the low halves go with their last values only
+    std::vector<unsigned> keys; // the tables of the low halves are freed only with their last values
     ~Ours32()
     {
         for (unsigned key : keys)
@@ -97,7 +97,7 @@ Keys dense(const char *name, unsigned n)
     return shuffled(name, std::move(values));
 }
 
-// Of cluster_size keys in a row each, all below limit.
+// Clusters of cluster_size consecutive keys, all below limit.
 Keys clustered(const char *name, std::size_t n, unsigned cluster_size, std::uint64_t limit)
 {
     std::mt19937_64 random(2);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a library costs a process that does nothing with it: starting and ending an empty program that is linked with
-// it, with its relocations and memory as counters. The program "plain" has the C library alone.
+// What a library costs a process that does not use it: starting and ending an empty program that is linked with
+// it, with its relocations and memory as counters. The program "plain" uses only the C library.
 //
-// All programs search the folder of this build first, so that the loader's search costs each the same.
+// All programs search the folder of this build first, so that the loader's search costs the same for each.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -59,7 +59,7 @@ void start(benchmark::State &state, const std::string &library)
 }
 
 const bool registered = [] {
-    ::sync(); // pages of a file that has just been written count as dirty
+    ::sync(); // pages of a newly written file count as dirty
     for (const char *library : {LOAD_LIBRARIES}) {
         benchmark::RegisterBenchmark((std::string("start/") + library).c_str(),
                                      [library](benchmark::State &state) { start(state, library); })

@@ -58,7 +58,7 @@ struct Mimalloc {
 
 enum class Order { lifo, fifo, random };
 
-// An object of those live goes and another comes; the order is that of going.
+// A live object is freed and another one allocated, in the order of allocation.
 template <typename Allocator>
 void replace(benchmark::State &state, Order order, std::size_t count)
 {
@@ -97,11 +97,11 @@ void add(const std::string &name)
         ->Range(1000, 10000000);
 }
 
-// One and two threads on one cache, against the two pairs of locking and unlocking that they cannot do without.
+// One and two threads on one cache, against the two pairs of lock and unlock that they need at least.
 void shared_ours(benchmark::State &state)
 {
     static Ours cache;
-    static void *const kept = cache.allocate(); // the page stays
+    static void *const kept = cache.allocate(); // keeps the page
     benchmark::DoNotOptimize(kept);
     for (auto _ : state)
         cache.release(cache.allocate());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names looked up in random order: interface-like ones, all of them known, at less than one a bucket.
+// Look-ups of interface-like names in random order, all of them present, with less than one name per bucket.
 #include "name2id.h"
 
 #include <algorithm>

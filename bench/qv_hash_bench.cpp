@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Hash functions for keys against one of the fastest of any length.
+// Hash functions for keys against one of the fastest for any length.
 #include "hashtbl.h"
 
 #include <benchmark/benchmark.h>

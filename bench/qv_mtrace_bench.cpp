@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What heap accounting costs: the light statistics against the bare allocator, full tracing with few and with many live
-// blocks, and a report of a full table. Another allocator is measured by preloading it: "ours" is malloc() as it is
-// found.
+// blocks, and a report of a full table. To measure another allocator, preload it: "ours" is whatever malloc() the
+// process uses.
 #include "qv_mtrace.h"
 
 #include <benchmark/benchmark.h>
@@ -16,7 +16,7 @@ void __libc_free(void *block);
 
 namespace {
 
-// A pair of calls as one finds them, whatever library they are in.
+// malloc() and free() of whatever library the process uses.
 struct allocator {
     void *(*allocate)(std::size_t size);
     void (*release)(void *block);

@@ -28,7 +28,7 @@ struct Object {
     unsigned key;
 };
 
-// The search and the walk as a C caller writes them.
+// The search and the walk in the form that C callers write.
 struct ByCall {
     using Object = ::Object;
     rb_root root{};

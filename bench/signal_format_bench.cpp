@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The signal-safe formatter against the C library's and fmt's on the lines that it is there for.
+// The signal-safe formatter against the C library's and fmt's, on typical lines of a crash log.
 #include "signal_printf.h"
 
 #include <benchmark/benchmark.h>

@@ -79,7 +79,7 @@ void rearm(benchmark::State &state)
     }
 }
 
-// 1,000 timers beside those pending are started and fire in one go; the time is that of one.
+// 1,000 further timers are started and fire in one call. The time is per timer.
 template <typename Timers>
 void start_fire(benchmark::State &state)
 {

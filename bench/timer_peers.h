@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// timer_peers.h - the timers of other libraries behind one shape, for the benchmarks of ours.
+// timer_peers.h - one interface to the timers of other libraries, for comparison with the library's.
 //
-// A set holds `pending` timers far in the future, numbered from 0, and `due` more behind them that are not started.
-// start(i, us) and stop(i) do what they say, run() fires what is due. Containers that are no timers by themselves read
-// the clock at each start, as one must that is to know the expiry.
+// A set holds `pending` timers far in the future, numbered from 0, and after them `due` timers that are not started.
+// start(i, us) and stop(i) start and stop a timer, run() fires what is due. Containers that are no timers read the
+// clock at each start, which a timer needs to compute the expiry.
 #ifndef LIBCOMMON_BENCH_TIMER_PEERS_H
 #define LIBCOMMON_BENCH_TIMER_PEERS_H
 
@@ -80,7 +80,7 @@ public:
             std::free(wheel_.levels[i].buckets);
         std::free(wheel_.levels);
     }
-    // Microseconds stand for ticks.
+    // A microsecond is a tick.
     void start(std::size_t i, std::int64_t us)
     {
         timers_[i].expire = static_cast<unsigned>(us);
@@ -95,7 +95,7 @@ private:
     std::vector<atimer> timers_;
 };
 
-// The textbook's indexed binary heap.
+// An indexed binary heap.
 class Binary {
 public:
     explicit Binary(std::size_t timers) : timers_(timers) {}
@@ -119,7 +119,7 @@ private:
     struct timer {
         std::int64_t expire;
         std::size_t position;
-        void *rest[6]; // as large as ours
+        void *rest[6]; // as large as the library's
     };
     void put(std::size_t at, timer *t) { heap_[at] = t, t->position = at; }
     void up(std::size_t at)
@@ -279,7 +279,7 @@ private:
 };
 #endif
 
-// Calls what(name, type), the type as a null pointer, for each library that is there.
+// Calls what(name, type), the type as a null pointer, for each installed library.
 template <typename What>
 void with_each_peer(What what)
 {

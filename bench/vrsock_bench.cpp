@@ -3,7 +3,7 @@
 // data; and interface names by the second.
 //
 // A stock kernel refuses the VR message of the socket's own family, but steps over that of the other one: so the IPv6
-// call sends on an IPv4 socket here. It is the IPv4 call in all but the numbers.
+// call sends on an IPv4 socket here. It differs from the IPv4 call only in its numbers.
 #include "ifname.h"
 #include "vrsock.h"
 

@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t kMostEchoed = 1500;
 constexpr int kNameSize = 32;
 
-// An interface's appliance name; its number when it has none.
+// An interface's appliance name, or its number if it has none.
 void name_interface(int ifindex, char (&name)[kNameSize])
 {
     char linux_name[IF_NAMESIZE];
@@ -45,7 +45,7 @@ void answer(int fd)
     console_print("sampled: VR %u: %zd bytes from %s to %s through %s\n", vrid, n,
                   ::inet_ntop(AF_INET, &from.sin_addr, asker, sizeof asker),
                   ::inet_ntop(AF_INET, &to.sin_addr, asked, sizeof asked), interface);
-    // From the address that was asked, by the way that it came.
+    // Answers from the address that the request was sent to, through the interface that it arrived on.
     if (qv_sendto_if(fd, data, static_cast<std::size_t>(n), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &to,
                      fromlen, ifindex, vrid) < 0)
         console_print("sampled: VR %u: no answer, %m\n", vrid);
@@ -63,7 +63,7 @@ int open_in_vr(int vrid, int port)
         ::bind(fd, reinterpret_cast<sockaddr *>(&at), sizeof at) == 0)
         return fd;
     if (error < 0)
-        error = EINVAL; // no such id
+        error = EINVAL; // not a VR id
     console_print("sampled: VR %d: %s\n", vrid, std::strerror(error != 0 ? error : errno));
     ::close(fd);
     return -1;

@@ -64,7 +64,7 @@ bool leak_start(std::size_t bytes)
     return loop_watch(report_requests(), report);
 }
 
-// Out of line, so that it has a name in the report.
+// Not inlined, so that it has a name in the report.
 [[gnu::noinline]] void leak_some()
 {
     if (leaked_bytes == 0)
@@ -72,7 +72,7 @@ bool leak_start(std::size_t bytes)
     void *forgotten = std::malloc(leaked_bytes);
     if (forgotten != nullptr)
         std::memset(forgotten, 0xFF, leaked_bytes);
-    asm volatile("" : : "r"(forgotten) : "memory"); // the compiler would see that nobody needs it
+    asm volatile("" : : "r"(forgotten) : "memory"); // otherwise the compiler removes the unused block
 }
 
 } // namespace sampled

@@ -7,11 +7,11 @@
 
 namespace sampled {
 
-// Has every sample leak so many bytes, traces allocations from here on, and reports on SIGUSR1 which groups of blocks
-// have stayed for a second or more.
+// Makes every sample leak this many bytes, traces allocations from now on, and reports on SIGUSR1 which groups of
+// blocks are a second old or more.
 bool leak_start(std::size_t bytes);
 
-// The leak, where there is one.
+// Leaks, if requested.
 void leak_some();
 
 } // namespace sampled

@@ -26,7 +26,7 @@ stimer end;
 bool stopping;
 unsigned long wakeups;
 
-// watched[i] is whom events[i] is for.
+// watched[i] is the watcher of events[i].
 std::array<pollfd, kMostWatched> events;
 std::array<void (*)(int), kMostWatched> watched;
 std::size_t watched_count;
@@ -106,7 +106,7 @@ int loop_run()
 {
     while (!stopping) {
         int ready = ::poll(events.data(), watched_count, wait_time());
-        if (ready < 0 && errno != EINTR) { // a dump request may have been answered meanwhile
+        if (ready < 0 && errno != EINTR) { // EINTR: a dump request was answered meanwhile
             console_print("sampled: poll failed, %m\n");
             return 1;
         }

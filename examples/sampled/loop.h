@@ -2,7 +2,7 @@
 // loop.h - the daemon's one thread: it sleeps until a descriptor is readable or the earliest timer expires.
 //
 // Sorted timers (stimer.h) wake the loop. One of them, each second, turns a wheel of cheap coarse timers (atimer.h) for
-// whatever comes by the thousand.
+// timers that come in thousands.
 #ifndef SAMPLED_LOOP_H
 #define SAMPLED_LOOP_H
 

@@ -6,8 +6,8 @@
 //             [--leak BYTES] [--port N] [--vr ID]... [--ifname NAME]...
 //
 // In each virtual router that is given, by its id or by an interface in it, it answers echo requests (UDP port 7007).
-// That takes the appliance's kernel, or the stand-in for it. With --leak it forgets some memory at each sample, and
-// prints on SIGUSR1 where that was allocated. Times may have fractions. Try `kill -52 PID` while it runs, or
+// That needs the appliance's kernel or the stand-in for it. With --leak it leaks some memory at each sample and
+// reports on SIGUSR1 where that was allocated. Times may have fractions. Try `kill -52 PID` while it runs, or
 // --crash-after 2, and look into /etc/core.
 #include "echo.h"
 #include "leak.h"
@@ -40,9 +40,9 @@ struct echo_place {
 struct options {
     double period = 1.0;
     unsigned clients = 4;
-    double run_for = 0.0;     // 0: until a signal asks to stop
+    double run_for = 0.0;     // 0: until a stop signal arrives
     double crash_after = 0.0; // 0: never
-    long leak = 0;            // bytes a sample
+    long leak = 0;            // bytes per sample
     const char *name = nullptr;
     int port = sampled::kEchoPort;
     std::array<echo_place, kMostPlaces> places{};

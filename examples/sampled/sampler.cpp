@@ -51,7 +51,7 @@ QV_COREDUMP_CALLBACK(add_state);
     console_print("sampled: sample %lu of %s, session %d\n", samples, client, sessions_touch(client));
 }
 
-// The bug that --crash-after asks for: a sample goes to where no memory is.
+// The bug that --crash-after requests: a sample is stored at an unmapped address.
 [[gnu::noinline]] void take_bad_sample(void *)
 {
     unsigned long *volatile nowhere = reinterpret_cast<unsigned long *>(0x10);

@@ -15,7 +15,7 @@
 namespace sampled {
 namespace {
 
-constexpr int kMost = 10000;  // sessions at a time
+constexpr int kMost = 10000;  // sessions at the same time
 constexpr unsigned kIdle = 5; // seconds without a sample
 
 struct session {
@@ -25,7 +25,7 @@ struct session {
     atimer idle;       // on the loop's wheel, always running
 };
 
-// A session's number comes from the pool and goes back to it; the names lead to the numbers, the table to the sessions.
+// A session's number is allocated from the pool. The names lead to the numbers, the table to the sessions.
 std::optional<qv::id_pool> ids;
 std::optional<qv::name_table> names;
 std::optional<qv::intrusive_table<session, &session::link>> table;
@@ -51,7 +51,7 @@ void idle_too_long(void *arg)
     close_session(*idle);
 }
 
-// Null without memory, and when all numbers are taken.
+// Null without memory, and when all numbers are in use.
 session *open_session(const char *client)
 {
     std::optional<int> id = ids->allocate();

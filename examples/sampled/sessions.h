@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// sessions.h - whom the daemon has heard of lately: a session for each client, which ends when the client is idle.
+// sessions.h - the active clients: a session for each, which ends when the client is idle.
 #ifndef SAMPLED_SESSIONS_H
 #define SAMPLED_SESSIONS_H
 
@@ -7,7 +7,7 @@ namespace sampled {
 
 bool sessions_init();
 
-// Keeps the client's session alive, opening one if need be. Returns the session's number, 0 when none can be had.
+// Keeps the client's session alive, and opens one if necessary. Returns the session's number, 0 if that fails.
 int sessions_touch(const char *client);
 
 unsigned sessions_count();

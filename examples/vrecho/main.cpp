@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// vrecho - asks for an echo in a virtual router, and reports whether one came.
+// vrecho - requests an echo in a virtual router, and reports whether one arrives.
 //
 //     vrecho VR [PORT]
 #include <vrsock.h>
@@ -16,7 +16,7 @@ namespace {
 constexpr int kPort = 7007;
 constexpr int kPatienceMs = 500;
 
-// The socket is in no VR: the request names the VR that it goes to, the answer the one that it comes from.
+// The socket is in no VR: the call names the VR of the request, and the answer carries its own.
 bool echo(int fd, const sockaddr_in &to, unsigned vrid, unsigned &answered_in)
 {
     char text[64];

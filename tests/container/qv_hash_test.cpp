@@ -5,6 +5,7 @@
 
 #include "support/support.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -123,6 +124,16 @@ TEST(HashUint32, Values)
         EXPECT_EQ(0U, qv_hash_uint32(number.value, 1));
         EXPECT_EQ(number.hash % 4099, qv_hash_uint32(number.value, 4099));
     }
+}
+
+TEST(HashUint32, DistinctNumbersHaveDistinctHashes)
+{
+    std::vector<unsigned> hashes;
+    for (std::size_t i = 0; i < support::effort(100000); i++)
+        for (auto value : {static_cast<unsigned>(i), ~static_cast<unsigned>(i)})
+            hashes.push_back(qv_hash_uint32(value, 0));
+    std::sort(hashes.begin(), hashes.end());
+    EXPECT_EQ(hashes.end(), std::adjacent_find(hashes.begin(), hashes.end()));
 }
 
 TEST(HashIp, Ipv4TakesTheHostOrderWord)

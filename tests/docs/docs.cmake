@@ -1,4 +1,4 @@
-# The programs in the guides compile, and run where the guide says so.
+# The programs in the guides compile, and run if the guide says so.
 string(REPLACE "LINKER:" "-Wl," docs_host_options "${host_link_options}")
 if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE AND LIBCOMMON_MALLOC_HOOKS)
     file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/docs/*.md)

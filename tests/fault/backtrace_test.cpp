@@ -606,6 +606,15 @@ std::string symbol_of(unsigned long addr)
 
 } // namespace
 
+TEST(StackMainTop, IsNeitherReadNorWritten)
+{
+    EXPECT_EQ(0U, stack_main_top);
+    stack_main_top = 0x4711;
+    procps_read_maps();
+    qv_stacktrace("x");
+    EXPECT_EQ(0x4711U, stack_main_top);
+}
+
 TEST(SymbolText, NamedUnnamedAndUnknown)
 {
     void *function = ::dlsym(RTLD_DEFAULT, "procps_read_maps");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A busy process receives dump requests at random moments: it survives, leaks nothing, and every log is complete.
 #include "fault/crash_support.h"
+#include "support/random.h"
 
 #include "console_print.h"
 #include "signal_printf.h"

@@ -1,4 +1,4 @@
-# Its plug-in calls the program back; a host of its own loads the library late.
+# Its plug-in calls back into the program; a separate host loads the library late.
 add_library(plugin MODULE ${folder}/modules/plugin.cpp)
 add_executable(late_crash_host ${folder}/modules/late_crash_host.cpp)
 target_link_libraries(late_crash_host PRIVATE ${CMAKE_DL_LIBS})

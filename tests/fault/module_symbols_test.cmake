@@ -1,5 +1,5 @@
-# Modules to look names up in: with either hash table alone, linked to a high address. And this test once more as a
-# program at a fixed address without a symbol table.
+# Modules to look up names in: with only one of the two hash tables, and linked to a high address. The test also runs as
+# a program at a fixed address without a symbol table.
 foreach(style IN ITEMS sysv gnu)
     add_library(plugin_${style} MODULE ${folder}/modules/plugin.cpp)
     target_link_options(plugin_${style} PRIVATE LINKER:--hash-style=${style})

@@ -1,4 +1,4 @@
-# The crash and walk cases once more in programs whose return addresses are signed, where the processor can.
+# The crash and walk cases once more in programs with signed return addresses, where the processor supports them.
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
     foreach(subject IN ITEMS backtrace_test crash_matrix_test)
         add_executable(signed_${subject} ${folder}/${subject}.cpp)

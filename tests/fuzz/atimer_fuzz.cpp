@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A wheel of tick timers as a sequence of operations against the plainest wheel that there is: lists of numbers, ticked
-// one at a time. Both fire the same timers in the same order on the same ticks, and callbacks do the same to both.
+// A sequence of operations on a wheel of tick timers, compared with a simple model: lists of numbers, advanced one tick
+// at a time. Both fire the same timers in the same order on the same ticks, and callbacks do the same to both.
 #include "atimer.h"
 
 #include "tests/fuzz/timer_input.h"
@@ -37,7 +37,7 @@ void require(bool holds)
         std::abort();
 }
 
-// What callbacks do, to either wheel.
+// What callbacks do, to both wheels.
 template <typename Side>
 void act(Side &side, std::size_t i)
 {
@@ -252,7 +252,7 @@ void step(fuzz::Input &input, Real &real, Model &model)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     fuzz::Input input(data, size);
-    fuzz::now = {0xFFFFFF00L, 0}; // the seconds wrap soon
+    fuzz::now = {0xFFFFFF00L, 0}; // so that the seconds wrap soon
     auto [levels, bits] = kShapes[input.byte() % kShapes.size()];
     scripts = {};
     Real real(levels, static_cast<int>(bits));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any text through the base64 decoder. The first byte of the input chooses how much less room there is than would do.
+// Any text through the base64 decoder. The first byte of the input chooses how much too small the buffer is.
 #include "encoding.h"
 
 #include <cstdint>
@@ -16,7 +16,7 @@ void require(bool holds)
         std::abort();
 }
 
-// What was decoded, encoded again, decodes to the same.
+// Decoded data, encoded again, decodes to the same.
 void check_round_trip(const unsigned char *bytes, std::size_t length)
 {
     std::vector<char> text(length * 2 + 8);
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0;
     std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
     std::size_t enough = text.size() + 1;
-    // In blocks of exactly their size, so that the sanitizer detects any access outside them.
+    // The blocks have exactly their size, so that the sanitizer detects any access outside them.
     std::vector<char> exact_text(text.c_str(), text.c_str() + std::strlen(text.c_str()) + 1);
     std::vector<unsigned char> room(enough - data[0] % enough);
 

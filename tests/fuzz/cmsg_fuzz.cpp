@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Control data of any shape through the walk: it ends, and stays within the buffer, which is allocated to size.
+// Control data of any shape through the walk, which ends and stays within the exactly allocated buffer.
 #include "base/cmsg_walk.h"
 
 #include <array>
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     if (size < 1)
         return 0;
-    std::size_t used = data[0]; // what the kernel claims, which may be more or less than there is
+    std::size_t used = data[0]; // what the kernel reports, which may be more or less than the buffer
     std::size_t capacity = size - 1;
     auto *buffer = static_cast<unsigned char *>(std::malloc(capacity != 0 ? capacity : 1));
     std::memcpy(buffer, data + 1, capacity);

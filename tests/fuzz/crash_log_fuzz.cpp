@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any text as a crash log: nothing is invented, and the parts that are kept are parts of the text.
+// Any text as a crash log: every reported part is a part of the text.
 #include "programs/qvcrash/allocation_trace.h"
 #include "programs/qvcrash/crash_log.h"
 #include "programs/qvcrash/signature.h"

@@ -17,8 +17,8 @@ using fuzz::require;
 
 constexpr int kArguments = 32;
 
-// The conversions of a title as far as it matters here. The third argument is a length: a title that takes it for a
-// text's address breaks the contract, as would any beyond the arguments that are passed.
+// The conversions of a title that matter here. The third argument is a length: a title that uses it as a text's
+// address breaks the contract, and so does one that uses more arguments than are passed.
 struct conversions {
     int count = 0;
     char third = '\0';
@@ -80,8 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (wanted.third == 's' || wanted.third == 'n')
         return 0;
 
-    // All other arguments are writable texts, so that each conversion may take them. Written first, so that %n is seen
-    // by both sides alike.
+    // All other arguments are writable texts, so that every conversion may use them. Formatted first, so that the
+    // effect of %n is the same for both.
     alignas(8) static unsigned char bytes[128];
     alignas(8) static char t[kArguments - 3][32];
     auto fill = [] {
@@ -115,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string text(expected, static_cast<std::size_t>(expected_length));
     require(written.size() >= dump.size() && written.compare(written.size() - dump.size(), dump.size(), dump) == 0);
     const std::string head = written.substr(0, written.size() - dump.size());
-    // A descriptor accepts fewer characters at a time than a buffer may hold.
+    // A single write to a descriptor accepts fewer characters than a buffer may hold.
     require(head == text.substr(0, head.size()) && (head.size() >= 900 || head == text));
     return 0;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Identifier pools and sparse tables as sequences of operations against bits and maps. The first byte picks one.
+// Sequences of operations on identifier pools and sparse tables, compared with bits and maps. The first byte picks one.
 #include "cxx/idpool.hpp"
 #include "idtable.h"
 
@@ -18,7 +18,7 @@ int messages;
 
 } // namespace
 
-// In place of the console's: each failure is said once for each level.
+// Replaces the console's: each failure is reported once per level.
 extern "C" int console_print(const char *, ...)
 {
     messages++;
@@ -35,7 +35,7 @@ namespace {
 
 // ---- pools ----
 
-// A pool as it is described, over single bits. What lies after the last identifier counts as taken.
+// The model of a pool, over single bits. Bits after the last identifier count as allocated.
 struct PoolModel {
     int min, max, words, next = 0;
     std::vector<bool> bits;
@@ -50,7 +50,7 @@ struct PoolModel {
         for (int offset = count(); offset < 32 * std::max(present(), words); offset++)
             bit(offset) = true;
     }
-    // From the cursor to the end of the scanned words and round; the cursor's own place may lie beyond them.
+    // Scans from the cursor to the end of the scanned words and wraps. The cursor itself may lie beyond them.
     int find_next()
     {
         if (!bit(next))
@@ -163,7 +163,7 @@ bool any_between(const Values &values, unsigned first, unsigned last)
     return at != values.end() && at->first <= last;
 }
 
-// Three cursors, none of which goes back to 0 when the one before it moves on.
+// Three cursors. None returns to 0 when the one before it advances.
 std::uintptr_t next16(const Values &values, unsigned base, unsigned key)
 {
     unsigned middle = key >> 6 & 63, low = key & 63;
@@ -195,7 +195,7 @@ std::uintptr_t next32(const Values &values, unsigned key)
     return 0;
 }
 
-// Few keys near the borders of blocks, so that nodes come and go.
+// Few keys near the borders of blocks, so that nodes are often created and freed.
 unsigned key_of(Input &input, bool wide)
 {
     static const unsigned kLow[] = {0, 1, 62, 63, 64, 65, 0xFBF, 0xFC0, 0xFFF, 0x1000, 0x1001, 0x2040, 0xFFC0, 0xFFFF};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any name through both conversions with any room: the room is kept, and what fits ends in a zero.
+// Any name through both conversions with any buffer size: nothing is written beyond, and text that fits ends in a zero.
 #include "ifname.h"
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace {
 
 void convert(int (*conversion)(const char *, char *, int), const std::string &name, int room)
 {
-    constexpr int kHaRoom = 16; // "ha" is written whatever the room
+    constexpr int kHaRoom = 16; // "ha" is written whatever the size
     auto size = static_cast<std::size_t>(name == "ha" && room < kHaRoom ? kHaRoom : room);
     auto *out = static_cast<char *>(std::malloc(size != 0 ? size : 1));
     int result = conversion(name.c_str(), out, room);

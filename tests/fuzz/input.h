@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// input.h - operations and their arguments out of a fuzzer's bytes.
+// input.h - operations and their arguments, read from a fuzzer's bytes.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The validators of strings, each on a copy that ends where its terminator does.
+// The validators of strings, each on a copy that ends with its terminator.
 #include "ip_addr.h"
 
 #include <cstddef>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Keyed containers as sequences of operations against lists: the hash table and the tree with their views, names,
-// the simple hash table and the database. The first byte picks one; the bytes that follow are its operations.
+// Sequences of operations on keyed containers, compared with lists: the hash table and the tree with their views,
+// names, the simple hash table and the database. The first byte picks one; the bytes that follow are its operations.
 #include "cxx/hashtbl.hpp"
 #include "cxx/rbtree.hpp"
 #include "database.h"
@@ -105,7 +105,7 @@ void run_hashtbl(Input &input)
             require(hashtbl_find(table.get(), &key, key * 3, match) == expected);
             break;
         }
-        case 5: // some leave during the walk
+        case 5: // some are removed during the walk
             table.for_each_safe([&](Item &met) {
                 if (met.key % 4 == 0) {
                     require(table.remove(met.link.hash, met) && drop(model.of(met.link.hash), &met));
@@ -147,7 +147,7 @@ struct Leaf {
 };
 using Tree = qv::rb_tree<Leaf, &Leaf::node, &Leaf::key>;
 
-// The number of black nodes on each path down; the tree's rules hold.
+// The number of black nodes on each path down. Checks the tree's rules.
 int black_height(const rb_node *node, bool parent_is_red)
 {
     if (node == nullptr)
@@ -305,7 +305,7 @@ void run_simphash(Input &input)
             require(simphash_find(table, hash, differs, &key) == expected);
         }
     }
-    // There is no call that destroys a table.
+    // The interface has no call that destroys a table.
     for (std::uint32_t b = 0; b <= table->mask; b++) {
         while (simphash_entry *entry = table->buckets[b]) {
             table->buckets[b] = entry->next;
@@ -345,7 +345,7 @@ void run_database(Input &input)
     struct Index {
         database_index *index;
         std::uint32_t (*hash)(void *);
-        std::array<std::deque<Record *>, 8> buckets; // the hashes are below 8; each the oldest first
+        std::array<std::deque<Record *>, 8> buckets; // for the hashes below 8, each the oldest first
         std::deque<Record *> &of(Record *record) { return buckets[hash(record) % 1024]; }
     };
     std::vector<Index> indexes;

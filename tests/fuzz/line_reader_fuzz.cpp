@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reader of the kernel's mapping lists: lines come out whole and in order, ranges parse without leaving the line.
+// The reader of the kernel's mapping lists: lines are whole and in order, and parsing a range stays within its line.
 #include "fault/line_reader.h"
 
 #include <cstdint>
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size)
         if (fault::parse_mapping(line, &mapping))
             require(mapping.permissions > line && mapping.permissions <= line_end);
     }
-    // It ended for one of its reasons: no further newline, or none within a buffer.
+    // It ended because there is no further newline, or none within a buffer.
     std::size_t next = text.find('\n', at);
     require(next == std::string_view::npos || next - at >= fault::kLineSize);
     ::close(reader.fd);

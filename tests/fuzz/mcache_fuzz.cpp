@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Object caches as sequences of operations: objects never overlap, counters agree, and all pages go back.
+// Sequences of operations on object caches: objects never overlap, counters agree, and all pages are freed.
 #include "mcache.h"
 
 #include "tests/fuzz/input.h"
@@ -11,7 +11,7 @@ namespace {
 
 using fuzz::require;
 
-// Caches live as long as the process, so all inputs share these.
+// Caches live as long as the process, so all inputs share these caches.
 struct Cache {
     unsigned size;
     int units;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any command line through the split: the words are the text's own, in order, without blanks, and the list is
-// null-ended.
+// Any command line through the split: the words are parts of the text, in order, without blanks, and the list is
+// terminated by null.
 #include "util/parse_line.h"
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 using namespace qv;
 
-// Each line of too many words is reported on standard output.
+// A line with too many words is reported on standard output.
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     return std::freopen("/dev/null", "w", stdout) == nullptr ? 1 : 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// private_tmp.h - a /tmp of the fuzzer's own for the settings file: the machine's is left alone.
+// private_tmp.h - a private /tmp for the settings file, so that the fuzzer does not touch the machine's.
 #pragma once
 
 #include "qv_env.h"
@@ -46,7 +46,7 @@ inline void unshare_as_user()
     write_file("/proc/self/uid_map", "0 " + user + " 1", 0);
 }
 
-// For LLVMFuzzerInitialize(). Corpora that lie in the machine's /tmp are reached through descriptors from then on.
+// For LLVMFuzzerInitialize(). Corpora in the machine's /tmp are reached through descriptors afterwards.
 inline void enter_private_tmp(int argc, char **argv)
 {
     static std::vector<std::string> renamed(static_cast<std::size_t>(argc));

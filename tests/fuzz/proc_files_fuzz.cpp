@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files of /proc with any content, handed out in pieces of any size: mapping lists, the status line, the command name
-// and the command line. Their readers end, stay within their buffers, and keep only what their headers promise.
+// Files of /proc with any content, read in pieces of any size: mapping lists, the status line, the command name
+// and the command line. Their readers end, stay within their buffers, and keep only what their headers document.
 #include "backtrace.h"
 #include "fault/section_table.h"
 #include "sighandler.h"
@@ -34,11 +34,11 @@ struct text {
     std::size_t size;
 };
 
-// Replaces /proc while an input runs. Everything else is the system's.
+// Replaces /proc while an input runs. All other files are the system's.
 struct {
     bool is_active;
     text maps, stat, comm, cmdline;
-    std::size_t piece; // at most this much a read
+    std::size_t piece; // at most this much per read
     int open_file;     // the only one at a time
 } proc;
 
@@ -105,7 +105,7 @@ void require_process_record()
 void require_command_name()
 {
     for (int room : {0, 1, 15, 127}) {
-        auto *name = static_cast<char *>(std::malloc(static_cast<std::size_t>(room) + 1)); // never null
+        auto *name = static_cast<char *>(std::malloc(static_cast<std::size_t>(room) + 1)); // a block of at least one byte
         std::memset(name, 'x', static_cast<std::size_t>(room) + 1);
         int n = get_proc_comm_name(name, room);
         require(n <= room && name[room] == 'x');
@@ -115,8 +115,8 @@ void require_command_name()
     }
 }
 
-// The command line is read by the handler for hosts that want no log file, which gives the fatal signals back to the
-// system. They are the fuzzer's here.
+// The handler for hosts without a log file reads the command line and then resets the fatal signals to the system's
+// default. Here they belong to the fuzzer.
 void print_program_name()
 {
     struct sigaction before[SIGSYS + 1];
@@ -129,8 +129,8 @@ void print_program_name()
 
 } // namespace
 
-// The library reads its thread-local descriptor, which a linker only keeps in a shared object. In a program like this
-// one the table lies with the thread.
+// The library reads its thread-local descriptor, which a linker keeps only in a shared object. In a program like this
+// one the table is in the thread's static storage.
 unsigned long fault::section_descriptor_word()
 {
     return reinterpret_cast<unsigned long>(section_rec) - reinterpret_cast<unsigned long>(__builtin_thread_pointer());
@@ -173,7 +173,7 @@ extern "C" ssize_t read(int fd, void *to, size_t size)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    stdout = std::fopen("/dev/null", "w"); // messages about what cannot be opened
+    stdout = std::fopen("/dev/null", "w"); // discards messages about files that cannot be opened
     return 0;
 }
 
@@ -205,7 +205,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     require_stack_ranges();
     require_process_record();
     require_command_name();
-    if ((header.piece & 0x8000) != 0) // it is slow
+    if ((header.piece & 0x8000) != 0) // only sometimes, because it is slow
         print_program_name();
     proc.is_active = false;
     return 0;

@@ -16,7 +16,7 @@ using fuzz::require;
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     fuzz::enter_private_tmp(*argc, *argv);
-    // Other streams and not other descriptors: the fuzzer reports on the standard ones.
+    // Replaces the streams, not the descriptors: the fuzzer reports on the standard descriptors.
     stdout = std::fopen("/dev/null", "w");
     stderr = std::fopen("/dev/null", "w");
     return stdout != nullptr && stderr != nullptr ? 0 : 1;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Any format into any room: the text ends inside the room, and its length is what was told.
+// Any format into a buffer of any size: the text ends inside the buffer, and its length is the result.
 #include "signal_printf.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kArguments = 16;
 
-// Every argument is a pointer to writable text, so each conversion may take any of them, %n and %s too.
+// Every argument points to writable text, so each conversion may use any of them, also %n and %s.
 struct arguments {
     char text[kArguments][32];
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sorted timers as a sequence of operations against a list of those that run: what fires is due, and the earliest;
-// nothing that is due is left; callbacks start, stop, free and make timers.
+// A sequence of operations on sorted timers, compared with a list of the running ones: a timer that fires is due and
+// the earliest, no due timer is left, and callbacks start, stop, free and make timers.
 #include "stimer.h"
 
 #include "debug_trace.h"
@@ -30,7 +30,7 @@ struct Slot {
 
 void *context;
 std::array<Slot, kTimers> slots;
-timeval began; // the clock when the processing began
+timeval began; // the clock at the start of the call
 int starts_left;
 
 void require(bool holds)
@@ -141,7 +141,7 @@ void step(fuzz::Input &input)
         began = {fuzz::now.tv_sec, fuzz::now.tv_nsec / 1000};
         starts_left = 50;
         process_stimer(&context);
-        // A timer that a callback has started may be due already, but then it has been fired too.
+        // A timer that a callback starts may be due already, but then it is fired too.
         require(earliest() == nullptr || earlier(began, earliest()->timer->expire));
     }
 }

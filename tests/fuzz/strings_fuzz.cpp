@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The string functions and the hexadecimal text, each into a block of exactly the size that it is given, against the
-// plainest model of each.
+// The string functions and the hexadecimal text, each into a block of exactly the given size, compared with a simple
+// model of each.
 #include "encoding.h"
 #include "strutil.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 using fuzz::require;
 
-// A block of a size, so that every byte after it is out of bounds.
+// A block of exactly this size, so that every byte after it is out of bounds.
 std::unique_ptr<char[]> block(std::size_t size, char fill)
 {
     auto result = std::make_unique<char[]>(size);
@@ -24,7 +24,7 @@ std::unique_ptr<char[]> block(std::size_t size, char fill)
     return result;
 }
 
-// The text as a block that ends with its terminator.
+// The text in a block that ends with its terminator.
 std::unique_ptr<char[]> exact(const std::string &text)
 {
     auto result = block(text.size() + 1, '\0');
@@ -78,7 +78,7 @@ void trim(const std::string &name, std::size_t room)
 {
     auto dst = block(room, '#');
     require(trim_utf8_name(dst.get(), exact(name).get(), room) == dst.get());
-    if (room < 2) { // no room for a mark
+    if (room < 2) { // too small for the mark
         require(room == 0 || dst[0] == '\0');
         return;
     }

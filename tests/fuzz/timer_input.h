@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// timer_input.h - operations for the timers out of a fuzzer's bytes, and the monotonic clock that they move.
+// timer_input.h - operations for the timers, read from a fuzzer's bytes, and the monotonic clock that they advance.
 #pragma once
 
 #include "tests/fuzz/input.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Replies of any content to the requests about virtual routers: an ioctl() of our own writes them over the record, with
-// any result. Every call keeps its promise, reads no further than the record, and gives its socket back.
+// Replies of any content to the requests about virtual routers: the fuzzer's ioctl() writes them over the record, with
+// any result. Every call returns what its header documents, reads only the record, and closes its socket.
 #include "vrctl.h"
 #include "vrsock.h"
 
@@ -21,7 +21,7 @@ constexpr std::size_t kCommandSize = 280;
 constexpr std::size_t kInterfaceRequestSize = 56;
 constexpr unsigned kCalls = 24;
 
-// What is left of the input: each request takes a header, then as many bytes of its reply as there are.
+// The rest of the input: each request consumes a header, then the available bytes of its reply.
 struct {
     const std::uint8_t *data;
     std::size_t size;
@@ -49,7 +49,7 @@ void require_name(const char *name)
         require(std::strlen(name) < 32);
 }
 
-// Failures by the conventions of the private channel: -1, with the request's errno.
+// Failures of the private channel: -1, with the request's errno.
 void require_status(int result)
 {
     require(result == 0 || (result == -1 && errno == kernel.last_error));
@@ -76,7 +76,7 @@ extern "C" int close(int fd)
 {
     kernel.open_sockets--;
     ::syscall(SYS_close, fd);
-    errno = EBADF; // which must not be seen
+    errno = EBADF; // must not reach the caller
     return 0;
 }
 
@@ -174,7 +174,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case 17:
         result = qv_get_if_vr("eth0-1", &vr);
         require_interface_status(result);
-        // Without a socket the output is left alone, a refused request marks it.
+        // Without a socket the output is unchanged; a refused request sets the mark.
         require(result == 0 || vr == QV_NO_VR || (vr == 12345 && result == EMFILE));
         break;
     case 18:
@@ -187,7 +187,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         result = qv_ifname_2_vsysid("ethernet0/1");
         require(result >= -1 && result <= 65535);
         break;
-    default: // the two static names do not run into each other
+    default: // the two static names do not overlap
         const char *vr_name = qv_vrid_2_name(id);
         char before[32] = {};
         if (vr_name != nullptr)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Configuration files of any content: the tables that are read hold together, or the file is refused.
+// Configuration files of any content: the tables are consistent, or the file is refused.
 #include "platform/kernel/config.h"
 
 #include "base/unique_fd.h"
@@ -55,7 +55,7 @@ void require_sound(vrkernel::tables &all)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    stderr = std::fopen("/dev/null", "w"); // every mistake is reported there
+    stderr = std::fopen("/dev/null", "w"); // discards the reports of mistakes
     return 0;
 }
 

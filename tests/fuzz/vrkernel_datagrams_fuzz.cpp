@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Datagrams through the stand-in kernel, over a real kernel of our own: control data and names of any content from a
-// program, and of any content towards it. What is sent in a VR goes to that VR with packet info before all else and
-// none of the private messages; nothing is read or written beyond what a caller gave.
+// Datagrams through the stand-in kernel, over the fuzzer's real kernel: control data and names of any content from a
+// program, and of any content towards it. What is sent in a VR goes to that VR, with packet info as the first message
+// and without the private messages. Nothing is read or written outside the caller's buffers.
 #include "base/cmsg_walk.h"
 #include "platform/kernel/datagrams.h"
 #include "platform/kernel/names.h"
@@ -21,7 +21,7 @@ using namespace vrkernel;
 namespace {
 
 constexpr int kSocket = 3;
-constexpr unsigned kVr = 7; // of the tables, which know 8 too
+constexpr unsigned kVr = 7; // in the tables, which also contain 8
 
 void require(bool held)
 {
@@ -59,8 +59,8 @@ struct {
     bool is_ipv6_only;
     name own;
     name peer;
-    bool is_ordinary; // what is sent has nothing to do with VRs and comes as it is
-    bool expects_vr;  // a datagram in one was asked for
+    bool is_ordinary; // the datagram has nothing to do with VRs and is passed on unchanged
+    bool expects_vr;  // a datagram in a VR is requested
     input replies;
 } socket_;
 
@@ -70,7 +70,7 @@ void require_in_a_vr(const name &n)
     require(inside_of(ntohl(address.s_addr)).has_value());
 }
 
-// Control data as the kernel requires it, and none that it does not know.
+// Checks that the control data is well formed and contains only messages that the kernel knows.
 void require_well_formed(const msghdr &message)
 {
     base::cmsg_walk found(message.msg_control, message.msg_controllen, message.msg_controllen,
@@ -81,7 +81,7 @@ void require_well_formed(const msghdr &message)
     }
 }
 
-// Turns an address of the input into one that is likely to mean something.
+// Maps an address of the input to one that is likely to be in the tables.
 void steer(name &n, std::uint8_t how)
 {
     if ((how & 1) != 0)
@@ -94,7 +94,7 @@ void steer(name &n, std::uint8_t how)
         n.at.ip6.sin6_addr = mapped({htonl(outside_of({kVr, true, static_cast<std::uint8_t>(how >> 4)}))});
 }
 
-// A block of exactly this size, so that a byte beyond it is seen.
+// A block of exactly this size, so that an access beyond it is detected.
 struct block {
     unsigned char *bytes;
     std::size_t size;
@@ -142,7 +142,7 @@ ssize_t sendto(int, const void *, size_t size, int, const void *, socklen_t)
     return static_cast<ssize_t>(size);
 }
 
-// Any control data and name, at most the room of them; a name may claim more.
+// Any control data and name that fit. A name may claim to be longer.
 ssize_t recvmsg(int, msghdr *message, int)
 {
     input &from = socket_.replies;
@@ -246,7 +246,7 @@ void send_one(tables &all, input &in)
     message.msg_controllen = control.size;
     int flags = (how & 2) != 0 ? vr_abi::kMsgVr : 0;
     socket_.is_ordinary = vr_of(kSocket) == 0 && flags == 0;
-    // With the flag, a message may take the datagram out of all VRs.
+    // With the flag, a message may send the datagram outside all VRs.
     socket_.expects_vr = vr_of(kSocket) != 0 && flags == 0;
     send(all, kSocket, &message, flags);
     if (message.msg_name == nullptr)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Requests of any content to the stand-in kernel, one after another on the same tables: each reads and writes the
-// fields of its command only, at any alignment of the record, and the tables stay sound.
+// Requests of any content to the stand-in kernel, one after another on the same tables: each reads and writes only the
+// fields of its command, at any alignment of the record, and the tables stay consistent.
 #include "platform/kernel/requests.h"
 #include "platform/kernel/tables.h"
 
@@ -81,7 +81,7 @@ void fill(vrkernel::tables &all)
     one->vr = 1;
 }
 
-// The bytes of a record, of which the last is the last that may be touched. 0 for a field that was not given.
+// The bytes of a record up to the last one that may be accessed. 0 for a field that is not given.
 std::vector<std::uint8_t> take(const std::uint8_t *&data, std::size_t &size, std::size_t wanted)
 {
     std::vector<std::uint8_t> bytes(wanted, 0);
@@ -92,7 +92,7 @@ std::vector<std::uint8_t> take(const std::uint8_t *&data, std::size_t &size, std
     return bytes;
 }
 
-// At an odd address, and ending with the block, so that one byte further is seen.
+// At an odd address, and at the end of the block, so that an access beyond it is detected.
 class placed_record {
 public:
     explicit placed_record(const std::vector<std::uint8_t> &bytes)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Control data of any shape through the receive calls: a recvmsg() of our own hands it out, and claims any length for
+// Control data of any shape through the receive calls: the fuzzer's recvmsg() returns it and reports any length for
 // it.
 #include "vrsock.h"
 
@@ -20,8 +20,8 @@ struct {
 
 struct Header {
     std::uint8_t call;
-    std::uint8_t family; // odd: that of the call
-    std::uint8_t room;   // for the destination
+    std::uint8_t family; // odd: the family of the call
+    std::uint8_t room;   // size of the destination
     std::uint8_t how;    // 0: the true length, 1: no control buffer at all, else the claimed length
     std::uint16_t claimed;
 };

@@ -613,7 +613,7 @@ TEST(Soak, EverythingAtRandomMoments)
     unsigned toggles = 0;
     EXPECT_TRUE(soak(soak_time(), [&](Random &random) {
         mtrace_stat_record rec;
-        unsigned operation = random() % 6;
+        auto operation = static_cast<unsigned>(random() % 6);
         random.doing("operation", operation);
         switch (operation) {
         case 0:

@@ -1,4 +1,4 @@
-# Sanitizers add thread-local variables of their own.
+# Sanitizers add thread-local variables.
 if(NOT LIBCOMMON_SANITIZE)
     file(GLOB sources RELATIVE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/mem/*.cpp)
     list(TRANSFORM sources REPLACE "(.+)" "${PROJECT_BINARY_DIR}/CMakeFiles/libcommon.dir/\\1.o" OUTPUT_VARIABLE objects)

@@ -685,7 +685,7 @@ TEST(FullTracingModel, SlotsAndCountersFollowTheDescription)
             auto size = static_cast<std::uint32_t>(random() % 1000);
             next_block = random() % 10 == 0 ? nullptr : reinterpret_cast<void *>(0x1000 + 16 * (random() % kAddresses));
             auto next = reinterpret_cast<std::uintptr_t>(next_block);
-            unsigned operation = random() % 5;
+            auto operation = static_cast<unsigned>(random() % 5);
             random.doing("operation, block, size, next block", operation, ptr, size, next);
             switch (operation) {
             case 0:

@@ -202,6 +202,13 @@ TEST(SharedMemory, IsMadeAndAttachedTo)
     EXPECT_EQ(open + 2, list_dir("/proc/self/fd").size()) << "the descriptors stay open";
 }
 
+TEST(SharedMemory, ANameWithoutASlashIsTheSameObject)
+{
+    mount_tmpfs("/dev/shm");
+    std::strcpy(static_cast<char *>(init_shared_mem("/region", 4096)), "text");
+    EXPECT_STREQ("text", static_cast<char *>(init_shared_mem("region", 4096)));
+}
+
 TEST(SharedMemory, ModeOfTheFile)
 {
     mount_tmpfs("/dev/shm");

@@ -1,4 +1,4 @@
-# The processes of the experiments, and the kernel that they run on.
+# The processes of the experiments, and the stand-in kernel.
 add_executable(vrkernel_peer ${CMAKE_CURRENT_LIST_DIR}/vrkernel_peer.cpp)
 target_link_libraries(vrkernel_peer PRIVATE libcommon)
 target_compile_definitions(vrkernel_peer PRIVATE _GNU_SOURCE)

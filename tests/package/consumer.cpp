@@ -20,7 +20,7 @@ QV_COREDUMP_CALLBACK(on_crash);
 
 void own_function() {}
 
-// What the library knows when its table of mappings excludes everything.
+// What the library treats as code when its table of mappings excludes everything.
 int is_known(unsigned long address)
 {
     unsigned long found;

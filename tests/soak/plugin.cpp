@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the hosts of the soak run load and unload. It has thread-local storage and, if asked to, faults while it is
-// loaded, with the loader's lock held.
+// A plug-in that the hosts of the soak run load and unload. It has thread-local storage and, on request, faults while
+// it is being loaded, with the loader's lock held.
 #include <cstdlib>
 
 namespace {

@@ -1,4 +1,4 @@
-# The soak run (tools/soak) and what its hosts load.
+# The soak run (tools/soak) and the plug-in that its hosts load.
 add_executable(soak soak/soak.cpp)
 target_link_libraries(soak PRIVATE test_support libcommon libcommon_heap libcommon_host)
 target_link_options(soak PRIVATE -rdynamic)

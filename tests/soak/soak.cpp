@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // soak SECONDS CRASHES - injects crashes into busy processes until the time or the number is reached (0: no limit).
 //
-// Each round starts a host in the sandbox: threads of it load and unload a library, fork, and allocate under full
+// Each round starts a host in the sandbox: its threads load and unload a library, fork, and allocate under full
 // tracing, and after a moment it crashes in one of several ways. Its log must be there and complete or, in the rounds
 // in which the log's folder cannot be made, the console must say so. No host may hang.
 //
@@ -85,7 +85,7 @@ std::string plugin_path()
     }
 }
 
-// Read at run time: the compiler takes a write to a constant null for code that is never reached.
+// Read at run time: the compiler treats a write to a constant null as unreachable.
 volatile int *volatile nowhere;
 
 void write_to_null()
@@ -107,7 +107,7 @@ void free_twice()
     std::free(block);
 }
 
-// The C library finds the damage when one of the blocks is freed, and aborts with its locks held.
+// The C library detects the damage when one of the blocks is freed, and aborts while it holds its locks.
 void smash_the_heap()
 {
     void *blocks[8];
@@ -136,7 +136,7 @@ void ask_for_a_dump_first()
     write_to_null();
 }
 
-// The child's threads are gone, the locks that they held are not.
+// The child has none of the other threads, but the locks that they held are still locked.
 void crash_in_a_child()
 {
     pid_t child = ::fork();
@@ -173,7 +173,7 @@ int run_host(unsigned seed)
     std::thread(allocate, seed).detach();
     ::usleep(way * 7919 % 20000);
 
-    unsigned crashers = way % (crash == crash_in_a_child ? 2 : 4); // one child whose log is looked for
+    unsigned crashers = way % (crash == crash_in_a_child ? 2 : 4); // only one child, whose log is checked
     for (unsigned i = 0; i < crashers; i++)
         std::thread(crash).detach();
     if (crashers == 0)
@@ -189,7 +189,7 @@ struct Outcome {
     std::string problem;
 };
 
-// The log of a host or of its child, by its name's process id. Other logs of it (dumps) do not count.
+// The log of a host or of its child, found by the process id in its name. Its other logs (dumps) do not count.
 std::string crash_log(pid_t pid, int sig)
 {
     return support::read_file("/etc/core/soak" + std::to_string(pid) + ".coredump." + std::to_string(sig) + ".log");
@@ -238,7 +238,7 @@ Outcome run_round(unsigned seed)
     ::rmdir("/etc/core");
     ::truncate(support::kConsole, 0);
     if (!has_folder)
-        support::write_file("/etc/core", ""); // it exists, but no log can be made in it
+        support::write_file("/etc/core", ""); // a file in place of the folder, so that no log can be made in it
     std::fflush(nullptr);
     pid_t host = ::fork();
     if (host == 0) {

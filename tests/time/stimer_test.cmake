@@ -1,4 +1,4 @@
-# The same cases with a heap library of somebody else's loaded in the place of ours.
+# The same cases with another heap library in place of this tree's.
 set(plain_heap_folder ${CMAKE_CURRENT_BINARY_DIR}/plain_heap)
 add_library(plain_heap SHARED ${CMAKE_CURRENT_LIST_DIR}/plain_heap.cpp)
 target_include_directories(plain_heap PRIVATE ${PROJECT_SOURCE_DIR}/include)

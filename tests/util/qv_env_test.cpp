@@ -489,6 +489,13 @@ TEST(GetEnv, MissingStoreIsNotCreated)
     EXPECT_FALSE(exists(kStore));
 }
 
+TEST(GetEnv, AnUnreadableStoreHoldsNothing)
+{
+    ASSERT_EQ(0, ::mkdir(kStore, 0755));
+    EXPECT_EQ("(null)", get("a"));
+    EXPECT_EQ("(null)", get_from(kStore, "a"));
+}
+
 TEST(GetEnv, ReadsWhatWasSet)
 {
     qv_setenv("a", "1", 1);

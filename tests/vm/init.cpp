@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The first process of the emulated AArch64 machine: sets the system up, runs every test case in a process of its own
+// The first process of the emulated AArch64 machine: sets up the system, runs every test case in a separate process
 // (or one script), and powers off. What it prints on the console is for people and for tools/vm:
 //
 //     VM: START <case>
@@ -33,7 +33,7 @@ namespace {
 using steady = std::chrono::steady_clock;
 
 constexpr const char *kHome = "/opt/libcommon";
-constexpr const char *kReady = "/run/libcommon-ready"; // a case leaves its pid here to be sent SIGTERM by process 1
+constexpr const char *kReady = "/run/libcommon-ready"; // a case writes its pid here when process 1 may send it SIGTERM
 constexpr std::size_t kWorkers = 2;
 constexpr std::chrono::seconds kCaseLimit{180};
 
@@ -84,7 +84,7 @@ void set_up()
     check(::mount("proc", "/proc", "proc", 0, nullptr), "/proc");
     check(::mount("sysfs", "/sys", "sysfs", 0, nullptr), "/sys");
     check(::mount("devtmpfs", "/dev", "devtmpfs", 0, nullptr), "/dev");
-    // The sandbox moves mounts about, which the initial root does not take part in: a tmpfs stands for it where it
+    // The sandbox moves mounts, which the initial root does not support: a tmpfs replaces it where that
     // matters.
     for (const char *folder : {"/tmp", "/run", "/etc", "/mnt", "/var"})
         check(::mount("tmpfs", folder, "tmpfs", 0, "mode=1777"), folder);
@@ -214,7 +214,7 @@ Totals run_cases(const std::vector<Case> &cases)
     while (next < cases.size() || !running.empty()) {
         while (next < cases.size() && running.size() < kWorkers) {
             Running run{cases[next], "/tmp/case." + std::to_string(next), steady::now()};
-            // Out at once: when the kernel hangs, this line is all that tells which case it was.
+            // Flushed at once: when the kernel hangs, this line is the only hint at the case.
             std::printf("VM: START %s\n", shown_name(run.test).c_str());
             std::fflush(stdout);
             pid_t pid = start({run.test.program, "--gtest_filter=" + run.test.name}, run.output);
@@ -222,7 +222,7 @@ Totals run_cases(const std::vector<Case> &cases)
             next++;
         }
         int status = 0;
-        pid_t ended = ::waitpid(-1, &status, WNOHANG); // orphans of the cases come by as well
+        pid_t ended = ::waitpid(-1, &status, WNOHANG); // also returns orphans of the cases
         auto at = running.find(ended);
         if (at != running.end()) {
             report(at->second, status, totals);
@@ -273,6 +273,6 @@ int main()
     std::printf("VM: passed %d failed %d skipped %d\n", totals.passed, totals.failed, totals.skipped);
     std::fflush(stdout);
     ::sync();
-    ::usleep(200000); // the serial line drains
+    ::usleep(200000); // so that the serial line drains
     ::reboot(RB_POWER_OFF);
 }
