@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Counts instructions of the benchmarked operations on AArch64, ours and the peers', for tools/bench --instructions.
 
-    count.py --build DIR --peers DIR --work DIR --out FILE
+    count.py --build DIR --peers DIR --work DIR --out FILE [PROGRAM...]
 
 Compiles each benchmark program for AArch64 with bench/count/benchmark/benchmark.h in place of Google Benchmark, against
 the cross build and the unpacked packages of the peers, and runs it in the user-mode emulator with the counting plug-in.
@@ -35,11 +35,11 @@ PROGRAMS = {
     "idpool": ["JUDY Judy"],
     "idtable": ["JUDY Judy", "GLIB glib-2.0"],
     "qv_hash": [],
-    "mcache": ["GLIB glib-2.0"],
+    "mcache": ["GLIB glib-2.0", "MIMALLOC mimalloc"],
     "qv_mtrace": [],
     "backtrace": [],
     "signal_format": [],
-    "crc": ["LIBDEFLATE deflate", "ZLIB z"],
+    "crc": ["LIBDEFLATE deflate", "ZLIB z", "ISAL isal"],
     "base64": ["CRYPTO crypto", "GLIB glib-2.0"],
     "cp_rwlock": [],
     "vrsock": [],
@@ -61,7 +61,7 @@ class Counter:
         target = self.options.work / program
         includes = [ROOT / "bench/count", ROOT, ROOT / "include", self.peers / "include",
                     self.peers / "include" / TRIPLET, self.peers / "include/glib-2.0",
-                    self.peers / "lib" / TRIPLET / "glib-2.0/include"]
+                    self.peers / "include/mimalloc-2.0", self.peers / "lib" / TRIPLET / "glib-2.0/include"]
         folders = [self.options.build, self.peers / "lib" / TRIPLET, self.options.peers / "lib" / TRIPLET]
         flags = [f"-I{include}" for include in includes[:3]] + [f"-isystem{include}" for include in includes[3:]]
         flags += [f"-L{folder}" for folder in folders] + [f"-Wl,-rpath-link,{folder}" for folder in folders]
@@ -91,19 +91,26 @@ class Counter:
         return found
 
 
+def is_counted(name):
+    """Not what takes long to fill, nor what depends on a second thread or process."""
+    return not (report.is_large(name) or "contended" in name or name.endswith("threads:2"))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     for name in ("build", "peers", "work", "out"):
         parser.add_argument(f"--{name}", type=pathlib.Path, required=True)
+    parser.add_argument("programs", nargs="*", help="those that are counted again (all)")
     options = parser.parse_args()
     counter = Counter(options)
     counter.build_plugin()
     wanted = report.group(report.Table(ROOT / "bench/performance.toml").names())
-    results = {}
-    for program, libraries in PROGRAMS.items():
-        names = {name for name in wanted.get(program, []) if not report.is_large(name) and "contended" not in name}
+    results = report.read_json(options.out, {})
+    for program in options.programs or PROGRAMS:
+        results.pop(program, None)
+        names = {name for name in wanted.get(program, []) if is_counted(name)}
         try:
-            results[program] = counter.run(counter.compile(program, libraries), names)
+            results[program] = counter.run(counter.compile(program, PROGRAMS[program]), names)
         except (OSError, ValueError, subprocess.SubprocessError) as error:
             print(f"  {program}: {report.describe(error)}", flush=True)
             continue
