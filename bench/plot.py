@@ -7,7 +7,8 @@ import math
 COLOURS = ["#b2182b", "#2166ac", "#4d9221", "#762a83", "#e08214", "#1b9e9e", "#777777"]
 WIDTH, HEIGHT = 500, 360
 LEFT, RIGHT, TOP, BOTTOM = 64, 16, 34, 46
-BEND = 0.25  # a rise of the exponent by this much is a bend
+BEND = 0.15  # a rise of the exponent by this much is a bend,
+RISE = 1.25  # where the time grows by this factor at least to the next size
 UNITS = ((1e9, "s"), (1e6, "ms"), (1e3, "µs"), (1, "ns"))
 
 
@@ -22,7 +23,7 @@ def bends(points):
     """The sizes after which the time grows faster, as a power of the size, than before and by a quarter at least."""
     slopes = [math.log(t1 / t0) / math.log(n1 / n0) for (n0, t0), (n1, t1) in zip(points, points[1:])]
     return [points[i][0] for i in range(1, len(slopes))
-            if slopes[i] - slopes[i - 1] > BEND and points[i + 1][1] > 1.25 * points[i][1]]
+            if slopes[i] - slopes[i - 1] > BEND and points[i + 1][1] > RISE * points[i][1]]
 
 
 def duration(exponent):

@@ -112,28 +112,31 @@ class Row:
 
 
 class Results:
-    """Samples of each benchmark, in nanoseconds, and its counters."""
+    """Samples of each benchmark, in nanoseconds, and its counters.
+
+    Those of the pictures are kept apart: they are not interleaved with the peers', and some peers have none.
+    """
 
     def __init__(self, folder):
-        self.samples, self.counters = {}, {}
+        self.samples, self.growth, self.counters = {}, {}, {}
         for path in sorted(folder.glob("*.*.json")):
-            program = path.name.split(".")[0]
+            program, turn = path.name.split(".")[:2]
             try:
-                self.read(program, json.loads(path.read_text()))
+                self.read(program, json.loads(path.read_text()), self.growth if turn == "growth" else self.samples)
             except (ValueError, KeyError):
                 continue  # cut short; notes.json says so
         self.environment = read_json(folder / "environment.json", {})
         self.notes = read_json(folder / "notes.json", {})
         self.instructions = read_json(folder / "instructions.json", {})
 
-    def read(self, program, document):
+    def read(self, program, document, samples):
         for run in document["benchmarks"]:
             if run.get("run_type") == "aggregate" or run.get("error_occurred"):
                 continue
             name = run.get("run_name", run["name"])
             wall = ("/real_time" in name or "/manual_time" in name) and not name.endswith("/threads:1")
             key = program, name
-            self.samples.setdefault(key, []).append(
+            samples.setdefault(key, []).append(
                 run["real_time" if wall else "cpu_time"] * NANOSECONDS[run["time_unit"]])
             for counter, value in run.items():
                 if isinstance(value, (int, float)):
@@ -141,6 +144,9 @@ class Results:
 
     def time(self, key):
         return statistics.median(self.samples[key]) if key in self.samples else None
+
+    def growth_time(self, key):
+        return statistics.median(self.growth[key]) if key in self.growth else self.time(key)
 
     def counter(self, key, counter):
         values = self.counters.get(key, {}).get(counter)
@@ -567,8 +573,8 @@ class Page:
     def panel(self, data):
         found = {}
         for title, names in lines_of(data).items():
-            points = [(n, value / data.get("per", 1)) for n, name in names.items()
-                      if (value := self.results.time((data["program"], name))) is not None]
+            points = [(n, value / (n if data.get("per") == "n" else data.get("per", 1))) for n, name in names.items()
+                      if (value := self.results.growth_time((data["program"], name))) is not None]
             if points:
                 found[title] = points
         return plot.Panel(data["title"], data["axis"], found)

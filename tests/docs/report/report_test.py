@@ -104,7 +104,8 @@ class ReportTest(unittest.TestCase):
         self.install("broken", FAILING)
         results = self.measure()
         self.assertEqual(7, results.time(("queue", "pop/ours")))
-        self.assertEqual(3, len(results.samples["queue", "push/ours/1000"]))  # two rounds and the picture's
+        self.assertEqual(2, len(results.samples["queue", "push/ours/1000"]))
+        self.assertEqual(1, len(results.growth["queue", "push/ours/1000"]))
         self.assertEqual("ended with status 3: no such peer", results.notes["broken, round 0"])
         self.assertIn("start, round 1", results.notes)
 
