@@ -23,7 +23,7 @@
 QV_BEGIN_DECLS
 
 /** How the record is recognised: its first word, and the version of its layout. */
-#define QV_INSPECT_MAGIC UINT64_C(0x3154434550534e49)
+#define QV_INSPECT_MAGIC UINT64_C(0x3154434550534e49) /* "INSPECT1" in memory */
 #define QV_INSPECT_VERSION 1
 
 /* Light statistics: one table of size classes in each shard. A counter's value is the sum over `shards` and `common`

@@ -129,6 +129,21 @@ private:
     struct stat status_before_ = {};
 };
 
+// A process that has ended has no memory, even while its parent has not asked for its status.
+bool has_ended(const target &process)
+{
+    auto mappings = read_mappings(process.process());
+    return !mappings || mappings->empty();
+}
+
+// Why a request has no result yet.
+std::string no_answer(const target &process, const std::string &perhaps)
+{
+    std::string who = "process " + std::to_string(process.process());
+    return has_ended(process) ? who + " ended meanwhile"
+                              : who + " has not answered; it may be stopped, block the signal, or " + perhaps;
+}
+
 std::string send_failure(const target &process)
 {
     return "process " + std::to_string(process.process()) + ": " + std::strerror(errno);
@@ -147,8 +162,14 @@ control_result request_dump(const target &process)
     dump_log log(process, sig);
     if (::kill(process.process(), sig) != 0)
         return {false, send_failure(process)};
-    if (!wait_for([&log] { return log.is_complete(); }))
-        return {false, "the process has not written a log; its console may say why"};
+    bool is_written = false;
+    wait_for([&] {
+        bool is_gone = has_ended(process); // asked first: it may write the log and end
+        is_written = log.is_complete();
+        return is_written || is_gone;
+    });
+    if (!is_written)
+        return {false, no_answer(process, "not be able to write the log")};
     return {true, log.path()};
 }
 
@@ -168,8 +189,13 @@ control_result switch_trace(const target &process, bool on)
         return {false, *reason};
     if (::kill(process.process(), SIGUSR2) != 0)
         return {false, send_failure(process)};
-    if (!wait_for([&] { return is_on() == on; }))
-        return {false, "the process has not answered; it may block the signal, or cannot write " + file};
+    bool is_switched = false;
+    wait_for([&] {
+        is_switched = is_on() == on;
+        return is_switched || has_ended(process);
+    });
+    if (!is_switched)
+        return {false, no_answer(process, "not be able to write " + file)};
     return {true, on ? "writing " + file : "ended " + file};
 }
 

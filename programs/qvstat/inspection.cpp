@@ -214,8 +214,10 @@ std::optional<heap_statistics> inspection::read_heap() const
             return std::nullopt;
         for (std::size_t word = 0; word < words; word++)
             sum[word] = common[word] - sum[word];
-        for (std::size_t word = 0; word < shards.size(); word++)
-            sum[word % words] += shards[word];
+        for (std::size_t first = 0; first < shards.size(); first += words) {
+            for (std::size_t word = 0; word < words; word++)
+                sum[word] += shards[first + word];
+        }
         for (std::uint32_t k = 0; k < light.class_count; k++)
             classes[k] = raw_class_at(light, sum, k);
         if (std::none_of(classes.begin(), classes.end(), is_negative))

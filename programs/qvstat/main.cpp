@@ -63,7 +63,7 @@ int list(const command_line &line)
     for (const std::string &refusal : now.refused)
         complain(refusal);
     if (now.hidden != 0)
-        complain("processes of other users that cannot be looked into: " + std::to_string(now.hidden));
+        complain("processes that may not be looked into: " + std::to_string(now.hidden));
     return now.refused.empty() ? kDone : kNotDone;
 }
 

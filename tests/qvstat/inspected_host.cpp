@@ -84,6 +84,8 @@ void act(const std::string &what)
         install_sighandler();
     } else if (what == "terminate") {
         pstrace_terminate_signal();
+    } else if (what == "end-at-trace") {
+        std::signal(SIGUSR2, [](int) { ::_exit(0); });
     } else if (what == "own-handler") {
         std::signal(SIGUSR2, [](int) {});
         std::signal(SIGALRM, [](int) {});

@@ -278,6 +278,14 @@ TEST(Trace, TerminationLoggerGetsNoSignal)
     EXPECT_TRUE(host.lives());
 }
 
+TEST(Trace, ProcessThatEndsIsNotWaitedFor)
+{
+    Host host({"handlers", "end-at-trace"});
+    ChildResult result = qvstat({host.id(), "trace", "on"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.err, HasSubstr("ended meanwhile"));
+}
+
 TEST(Trace, IsSwitchedOnAndOff)
 {
     Host host({"handlers"});
