@@ -169,7 +169,8 @@ record record_at(const module &in, std::uintptr_t address)
     if (!in.holds(address, 2 * sizeof(std::uint32_t)))
         return {};
     auto length = load<std::uint32_t>(address);
-    if (length < 2 * sizeof(std::uint32_t) || length > kLongest || !in.holds(address, sizeof length + length))
+    if (length < 2 * sizeof length || length % sizeof length != 0 || length > kLongest ||
+        !in.holds(address, sizeof length + length))
         return {};
     return {address, sizeof length + length};
 }
@@ -460,20 +461,15 @@ rule unpack(std::uint64_t packed)
             static_cast<std::int16_t>(packed >> 16)};
 }
 
+// A change of one word always changes the result.
 std::uint64_t checksum_of(const record &of, std::uint64_t seed)
 {
     constexpr std::uint64_t kFactor = 0x9e3779b97f4a7c15;
-    auto mixed = [](std::uint64_t sum, std::uint64_t value) {
-        sum = (sum ^ value) * kFactor;
-        return sum ^ sum >> 32;
-    };
-    std::uint64_t sum = mixed(seed, of.address);
-    std::size_t done = 0;
-    for (; done + sizeof(std::uint64_t) <= of.size; done += sizeof(std::uint64_t))
-        sum = mixed(sum, load<std::uint64_t>(of.address + done));
-    for (; done < of.size; done++)
-        sum = mixed(sum, load<std::uint8_t>(of.address + done));
-    return sum;
+    std::uint64_t sum = (seed ^ of.address) * kFactor;
+    std::uintptr_t at = of.address, end = of.address + of.size;
+    for (; end - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t))
+        sum = (sum ^ load<std::uint64_t>(at)) * kFactor;
+    return at != end ? (sum ^ load<std::uint32_t>(at)) * kFactor : sum;
 }
 
 std::uint64_t checksum_of(const description &of)
