@@ -376,7 +376,7 @@ private:
         }
         log_.host_text = rest_.substr(0, tail);
         log_.tail = rest_.substr(tail);
-        log_.details = take_details(&log_.host_text);
+        log_.details = take_details(&log_.host_text, &log_.tail);
         if (log_.details && !log_.details->is_complete)
             problem("the details are cut short");
     }

@@ -200,9 +200,23 @@ private:
     log_details details_;
 };
 
+// How much of what follows whole details is the rest of an older log's: up to its own last line, of which the new
+// details may have left only the end.
+std::size_t size_of_older_rest(std::string_view text)
+{
+    std::string_view rest = text, first = next_line(rest);
+    if (!first.empty() && kEnd.ends_with(first))
+        return text.size() - rest.size();
+    while (!rest.empty()) {
+        if (next_line(rest) == kEnd)
+            return text.size() - rest.size();
+    }
+    return 0;
+}
+
 } // namespace
 
-std::optional<log_details> take_details(std::string *text)
+std::optional<log_details> take_details(std::string *text, std::string *tail)
 {
     std::size_t begin = text->starts_with(kBegin) ? 0 : text->find("\nDetails ");
     if (begin == std::string::npos)
@@ -225,7 +239,9 @@ std::optional<log_details> take_details(std::string *text)
     log_details details = reader.take();
     details.version = version;
     details.is_complete = is_complete;
-    std::string after(rest);
+    std::size_t older = is_complete ? size_of_older_rest(rest) : 0;
+    std::string after(rest.substr(older));
+    tail->insert(0, rest.substr(0, older));
     text->erase(begin);
     text->append(after);
     return details;

@@ -75,9 +75,10 @@ struct log_details {
 /**
  * Takes the details out of what follows a log's backtrace.
  * @param text  receives what is left: the host's own text
+ * @param tail  receives the end of an older log's details that this log lies over
  * @return nothing when there are none
  */
-std::optional<log_details> take_details(std::string *text);
+std::optional<log_details> take_details(std::string *text, std::string *tail);
 
 } // namespace qvcrash
 

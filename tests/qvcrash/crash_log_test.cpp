@@ -107,6 +107,23 @@ TEST(CrashLog, TheRestOfAnOlderLogIsNotRead)
     EXPECT_NE(std::string::npos, log.tail.find("__libc_start_main"));
 }
 
+// A second dump of a process is often some bytes shorter than the first one.
+TEST(CrashLog, TheRestOfOlderDetailsIsNotTheHostsText)
+{
+    std::string details = "Details 1:\nself   : pid 89 tid 89 name sampled\nversion: libcommon 1\nDetails end\n";
+    std::string host = "sessions: 3\n";
+    for (const char *rest : {"d\n", " end\n", "Details end\n", "con 1\nDetails end\n", "limit  : x\nDetails end\n"}) {
+        crash_log log = parse_crash_log(whole_log() + details + rest + host, "sampled89.attach.52.log");
+        EXPECT_EQ(host, log.host_text) << rest;
+        EXPECT_EQ(rest, log.tail);
+        ASSERT_TRUE(log.details) << rest;
+        EXPECT_TRUE(log.details->lines.size() == 1 && log.details->is_complete);
+    }
+    crash_log log = parse_crash_log(whole_log() + details + host, "sampled89.attach.52.log");
+    EXPECT_EQ(host, log.host_text);
+    EXPECT_EQ("", log.tail);
+}
+
 // One file name served all threads of a process that were asked for a dump.
 TEST(CrashLog, DumpsOfSeveralThreadsInOneFile)
 {

@@ -19,6 +19,7 @@ if(TARGET show_test)
     target_link_libraries(show_test PRIVATE libcommon_qvcrash)
     target_compile_definitions(show_test PRIVATE LIBCOMMON_FAILING_HOST="${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp"
         LIBCOMMON_ARM_CRASHES="${PROJECT_SOURCE_DIR}/build/aarch64/crashes")
+    add_dependencies(debuginfod_test qvcrash failing_host)
     add_dependencies(show_test qvcrash libcommon_qvenv failing_host failing_plugin)
 endif()
 target_link_libraries(group_test PRIVATE libcommon_qvcrash)

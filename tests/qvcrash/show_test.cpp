@@ -326,6 +326,26 @@ TEST(QvcrashShow, SymbolsWithinAStrippedProgram)
     EXPECT_TRUE(names_function());
 }
 
+// As an unpacked package of debug symbols has them.
+TEST(QvcrashShow, ATreeOfDebugFilesByBuildId)
+{
+    std::string log = log_of("null-member");
+    std::string root = image_with("objcopy -S $host $image");
+    json object = show_json(log, {"--root", root});
+    EXPECT_FALSE(names_line(object, marked_line("null member")));
+    std::string id;
+    for (const json &module : object["modules"]) {
+        if (module["path"] == kHost)
+            id = module["build_id"];
+    }
+    ASSERT_EQ(40u, id.size());
+    std::string folder = "/tmp/dbgsym/usr/lib/debug/.build-id/" + id.substr(0, 2);
+    ASSERT_TRUE(run_program({"/bin/mkdir", "-p", folder}).exited(0));
+    std::string file = folder + '/' + id.substr(2) + ".debug";
+    ASSERT_TRUE(run_program({"/usr/bin/objcopy", "--only-keep-debug", kHost, file}).exited(0));
+    EXPECT_TRUE(names_line(show_json(log, {"--root", root, "--debug", "/tmp/dbgsym"}), marked_line("null member")));
+}
+
 // Return addresses of the log follow no call there.
 TEST(QvcrashShow, AnotherBuildIsNoticed)
 {
