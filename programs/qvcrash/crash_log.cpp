@@ -90,19 +90,20 @@ bool read_inside(std::string_view inside, code_reference *code)
     return true;
 }
 
-// "FILE(SYMBOL+0x10) [0x...]", all of `text`.
+// "FILE(SYMBOL+0x10) [0x...]", all of `text`. The C library's backtrace_symbols() writes no blank there.
 bool read_reference(std::string_view text, code_reference *code)
 {
     std::string_view whole = text;
     if (read_pointer(whole, &code->address) && whole.empty())
         return true;
-    std::size_t bracket = text.rfind(" [");
+    std::size_t bracket = text.rfind('[');
     if (bracket == std::string_view::npos || !text.ends_with(']'))
         return false;
-    std::string_view address = text.substr(bracket + 2);
+    std::string_view address = text.substr(bracket + 1);
     if (!read_pointer(address, &code->address) || address != "]")
         return false;
     std::string_view named = text.substr(0, bracket);
+    named = named.substr(0, named.find_last_not_of(' ') + 1);
     std::size_t open = named.rfind('(');
     if (open == std::string_view::npos || !named.ends_with(')'))
         return false;
@@ -443,8 +444,8 @@ crash_log parse_crash_log(std::string_view text, std::string_view file_name)
 
 std::optional<found_reference> find_reference(std::string_view line)
 {
-    for (std::size_t bracket = line.find(" [0x"); bracket != std::string_view::npos;
-         bracket = line.find(" [0x", bracket + 1)) {
+    for (std::size_t bracket = line.find("[0x"); bracket != std::string_view::npos;
+         bracket = line.find("[0x", bracket + 1)) {
         std::size_t end = line.find(']', bracket);
         std::size_t open = line.rfind('(', bracket);
         if (end == std::string_view::npos || open == std::string_view::npos)

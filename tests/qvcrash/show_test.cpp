@@ -382,6 +382,20 @@ TEST(QvcrashShow, TerminalControlsInALogAreNotPassedOn)
     EXPECT_THAT(result.out, testing::HasSubstr("\\x1b]0;x\\x07"));
 }
 
+// What a host writes with backtrace_symbols_fd(), with and without a symbol.
+TEST(QvcrashShow, SavedLeakReportsAreExplained)
+{
+    json log = show_json(log_of("null-member"));
+    std::string offset = log["frames"][1]["offset"];
+    std::string place = kHost + "(+" + offset + ")[" + log["frames"][1]["address"].get<std::string>() + "]";
+    write_file("/tmp/leaks", "4000 bytes in 1 blocks\n" + place + "\nfrom " + place + " and on\n");
+    ChildResult shown = show({"/tmp/leaks"});
+    EXPECT_TRUE(shown.exited(0));
+    std::vector<std::string> text = lines(shown.out);
+    auto is_named = [](const std::string &line) { return line.find("=> main") != std::string::npos; };
+    EXPECT_EQ(2, std::count_if(text.begin(), text.end(), is_named)) << shown.out;
+}
+
 TEST(QvcrashShow, TracesOfAllocationsAreSummedUpByCaller)
 {
     write_file("/tmp/mtrace7.log", "= Start\n"
