@@ -16,6 +16,8 @@
 #include "sessions.h"
 
 #include <console_print.h>
+#include <crash_details.h>
+#include <cxx/crash_note.hpp>
 #include <sighandler.h>
 
 #include <array>
@@ -26,6 +28,8 @@
 #include <span>
 #include <sys/prctl.h>
 #include <unistd.h>
+
+QV_CRASH_DETAILS;
 
 namespace {
 
@@ -108,6 +112,10 @@ int main(int argc, char **argv)
         ::prctl(PR_SET_NAME, options.name);
 
     install_sighandler();
+    qv_crash_more_signals();
+    qv_crash_walk_threads();
+    qv::note_uncaught_exceptions();
+    qv_crash_note("serving %u clients", options.clients);
     if (!sampled::loop_init() || !sampled::sessions_init())
         return 1;
     console_print("sampled: started, pid %d\n", ::getpid());
