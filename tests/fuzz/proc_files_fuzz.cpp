@@ -105,7 +105,8 @@ void require_process_record()
 void require_command_name()
 {
     for (int room : {0, 1, 15, 127}) {
-        auto *name = static_cast<char *>(std::malloc(static_cast<std::size_t>(room) + 1)); // a block of at least one byte
+        auto *name =
+            static_cast<char *>(std::malloc(static_cast<std::size_t>(room) + 1)); // a block of at least one byte
         std::memset(name, 'x', static_cast<std::size_t>(room) + 1);
         int n = get_proc_comm_name(name, room);
         require(n <= room && name[room] == 'x');
