@@ -90,6 +90,12 @@ private:
 
 // ---- finding the description ----
 
+// A call may be the last instruction of its function.
+constexpr std::uintptr_t address_in_call(std::uintptr_t return_address)
+{
+    return return_address - 1;
+}
+
 constexpr std::uint8_t kOffsetFromHere = 0x1b;  // pointer encodings: a signed 32-bit offset from its own place,
 constexpr std::uint8_t kOffsetFromIndex = 0x3b; // from the index,
 constexpr std::uint8_t kIndirect = 0x80;        // to a pointer;
@@ -163,7 +169,7 @@ struct record {
 };
 
 // A CIE or an FDE, if it lies within the module.
-record record_at(const module &in, std::uintptr_t address)
+inline record record_at(const module &in, std::uintptr_t address)
 {
     constexpr std::uint32_t kLongest = 4096; // 64-bit lengths are not read either
     if (!in.holds(address, 2 * sizeof(std::uint32_t)))
@@ -181,7 +187,7 @@ struct description {
     bool is_found() const { return fde.size != 0 && cie.size != 0; }
 };
 
-description read_description(const module &in, std::uintptr_t address)
+inline description read_description(const module &in, std::uintptr_t address)
 {
     record fde = record_at(in, address);
     if (fde.size == 0)
@@ -520,19 +526,10 @@ void keep(entry &to, const entry &fresh)
     release(to.version, version + 2);
 }
 
-} // namespace
-
-rule find(std::uintptr_t return_address, const architecture &machine)
+[[gnu::cold, gnu::noinline]] rule find_and_keep(entry &kept, std::uintptr_t return_address, const module &in,
+                                                const table &rows, const architecture &machine)
 {
-    std::uintptr_t target = return_address - 1; // the call may be the last instruction of its function
-    module in = find_module(target);
-    table rows = read_index(in);
-    if (rows.count == 0)
-        return {};
-    entry &kept = entries[mem::pointer_hash(return_address, kSlotBits)];
-    rule found;
-    if (read_kept(kept, return_address, in, rows, &found))
-        return found;
+    std::uintptr_t target = address_in_call(return_address);
     std::size_t count = count_up_to(rows, target);
     if (count == 0)
         return {};
@@ -540,9 +537,24 @@ rule find(std::uintptr_t return_address, const architecture &machine)
     description of = read_description(in, rows.description(row));
     if (!of.is_found())
         return {};
-    found = evaluate(of, target, machine);
+    rule found = evaluate(of, target, machine);
     keep(kept, {0, return_address, rows.index, row, checksum_of(of), pack(found)});
     return found;
+}
+
+} // namespace
+
+rule find(std::uintptr_t return_address, const architecture &machine)
+{
+    module in = find_module(address_in_call(return_address));
+    table rows = read_index(in);
+    if (rows.count == 0)
+        return {};
+    entry &kept = entries[mem::pointer_hash(return_address, kSlotBits)];
+    rule found;
+    if (read_kept(kept, return_address, in, rows, &found)) [[likely]]
+        return found;
+    return find_and_keep(kept, return_address, in, rows, machine);
 }
 
 } // namespace qv::frame_rules
