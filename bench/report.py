@@ -217,6 +217,8 @@ class Measurement:
         if turn != "growth" and turn >= settings.get("rounds", turn + 1):
             return
         names = {name for name in names if not (self.options.quick and is_large(name))}
+        if not names:
+            return
         began, used = time.monotonic(), processor_seconds()
         partial = target.with_suffix(".partial")
         try:
@@ -267,6 +269,8 @@ def describe(error):
         return f"ended with status {error.returncode}" + (f": {lines[-1]}" if lines else "")
     if isinstance(error, subprocess.TimeoutExpired):
         return "took too long"
+    if isinstance(error, ValueError):
+        return "wrote no results"
     return str(error)
 
 
