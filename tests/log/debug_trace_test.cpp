@@ -103,7 +103,7 @@ TEST(DebugTrace, Details)
     }
 }
 
-TEST(DebugTrace, LeadingDotsAndSlashesAreLeftOut)
+TEST(DebugTrace, LeadingDotsAndSlashesAreRemoved)
 {
     EXPECT_EQ("[09:00:00] Error: src/timer:1: ", prefix(2, "../src/timer", 1));
     EXPECT_EQ("[09:00:00] Error: timer.c:1: ", prefix(2, "./timer.c", 1));
@@ -111,11 +111,11 @@ TEST(DebugTrace, LeadingDotsAndSlashesAreLeftOut)
     EXPECT_EQ("[09:00:00] Error: :1: ", prefix(2, "..", 1));
 }
 
-TEST(DebugTrace, NamesOfAnyLengthStayInThePrefix)
+TEST(DebugTrace, NamesOfAnyLengthFitIntoThePrefix)
 {
     for (std::size_t length : {900u, 1000u, 1024u, 5000u}) {
         std::string whole = "[09:00:00] Error: " + std::string(length, 'n') + ":1: ";
-        EXPECT_EQ(prefix(2, std::string(length, 'n').c_str(), 1), whole.substr(0, 1023));
+        EXPECT_EQ(whole.substr(0, 1023), prefix(2, std::string(length, 'n').c_str(), 1));
     }
 }
 
@@ -149,7 +149,7 @@ TEST(DebugTrace, AMessageBeforeAnyPrefixOpensNoFile)
     EXPECT_TRUE(list_dir("/var/sysinfo/logs").empty());
 }
 
-TEST(DebugTrace, MidnightBringsANewFile)
+TEST(DebugTrace, MidnightStartsANewFile)
 {
     make_logs();
     __qv_debug_where = 1;
@@ -157,7 +157,7 @@ TEST(DebugTrace, MidnightBringsANewFile)
     __qv_print_prefix(2, "f", 1);
     __qv_print_msg("old\n");
     told_time += 2;
-    __qv_print_msg("still old\n"); // only a prefix looks
+    __qv_print_msg("still old\n"); // only a prefix reads the day
     __qv_print_prefix(2, "f", 2);
     __qv_print_msg("new\n");
     EXPECT_EQ("[23:59:59] Error: f:1: old\nstill old\n", read_file(file_of("20260131")));
@@ -184,7 +184,7 @@ TEST(DebugTrace, AZoneChangeMayBringANewDay)
     EXPECT_EQ("[05:00:00] Error: f:2: ", read_file(file_of("20260201")));
 }
 
-TEST(DebugTrace, AMissingFolderIsSaidAndEndsFileTracing)
+TEST(DebugTrace, AMissingFolderIsReportedAndEndsFileTracing)
 {
     __qv_debug_where = 1;
     std::string out, err;
@@ -196,11 +196,11 @@ TEST(DebugTrace, AMissingFolderIsSaidAndEndsFileTracing)
     EXPECT_EQ(2, __qv_debug_where);
     EXPECT_EQ("[09:00:00] Error: f:1: ", err) << "the same prefix goes to standard error";
     out = capture_stdout([&] { prefix(2, "f", 1); });
-    EXPECT_EQ("", out) << "not tried again";
+    EXPECT_EQ("", out) << "not opened again";
     make_logs();
     __qv_debug_where = 1;
     prefix(2, "f", 1);
-    EXPECT_TRUE(exists(path)) << "until somebody asks again";
+    EXPECT_TRUE(exists(path)) << "until it is requested again";
 }
 
 TEST(DebugTrace, WithoutABaseFolderThereIsNoFileAndEachPrefixTriesAgain)
@@ -216,7 +216,7 @@ TEST(DebugTrace, WithoutABaseFolderThereIsNoFileAndEachPrefixTriesAgain)
     EXPECT_TRUE(exists(file_of("20260131")));
 }
 
-TEST(DebugTrace, TheBaseFolderLeadsThePath)
+TEST(DebugTrace, ThePathStartsWithTheBaseFolder)
 {
     ::mkdir("/tmp/root", 0755);
     make_logs("/tmp/root");
@@ -307,8 +307,8 @@ TEST(DebugTrace, NothingChangesErrno)
 
 TEST(DebugTrace, PrefixAndPmsgReportTheErrorOfTheCallSite)
 {
-    ::setenv("TZ", ":no/such/zone", 1); // the zone code fails to open it, too
-    __qv_debug_where = 3;               // as does the trace its file
+    ::setenv("TZ", ":no/such/zone", 1); // the zone code fails to open it as well
+    __qv_debug_where = 3;               // so does the trace with its file
     ChildResult child = run_child([] {
         errno = ECONNRESET;
         __qv_print_prefix(2, "f", 1);
@@ -319,7 +319,7 @@ TEST(DebugTrace, PrefixAndPmsgReportTheErrorOfTheCallSite)
 
 TEST(DebugTrace, BothLinesOfAFailureNameItsErrno)
 {
-    // Standard output that spoils errno with each write.
+    // A standard output whose writes change errno.
     std::string out;
     cookie_io_functions_t functions = {};
     functions.write = [](void *cookie, const char *text, std::size_t size) -> ssize_t {
@@ -409,8 +409,8 @@ TEST(DebugTraceThreads, DaysThatChangeUnderThreadsLoseNothing)
         for (std::size_t at = 0; (at = text.find(">\n", at)) != text.npos; at++)
             messages++;
     }
-    EXPECT_EQ(prefixes, static_cast<std::size_t>(kThreads * rounds));
-    EXPECT_EQ(messages, static_cast<std::size_t>(kThreads * rounds));
+    EXPECT_EQ(static_cast<std::size_t>(kThreads * rounds), prefixes);
+    EXPECT_EQ(static_cast<std::size_t>(kThreads * rounds), messages);
     __qv_print_prefix(2, "f", 1);
     EXPECT_EQ(1u, descriptors_of_logs()) << "the files of other days are closed";
 }
@@ -447,7 +447,7 @@ TEST(DebugTraceThreads, TheSharedRecordOfLocaltimeIsLeftAlone)
     tm *record = ::localtime(&other);
     int year = record->tm_year;
     __qv_print_prefix(2, "f", 1);
-    EXPECT_EQ(record->tm_year, year);
+    EXPECT_EQ(year, record->tm_year);
 }
 
 TEST(DebugTraceThreads, ACallerThatKeepsTheClocksMutexMayTrace)

@@ -49,7 +49,7 @@ chain recorded()
     void **expected = std::find(std::begin(frames), std::end(frames), reinterpret_cast<void *>(caller));
     ASSERT_LE(from - found.begin(), 3);
     for (; from != found.end() && expected != std::end(frames); from++, expected++)
-        EXPECT_EQ(*from, reinterpret_cast<std::uint64_t>(*expected));
+        EXPECT_EQ(reinterpret_cast<std::uint64_t>(*expected), *from);
     qv_mtrace_reset();
 }
 
@@ -131,15 +131,14 @@ TEST_F(FrameWalk, AHandlerOfASignal)
 TEST_F(FrameWalk, TheOutermostFramesOfAThread)
 {
     pthread_t thread;
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void *) -> void * {
-                      compare_twice();
-                      below(2, compare_twice);
-                      return nullptr;
-                  },
-                  nullptr),
-              0);
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void *) -> void * {
+                         compare_twice();
+                         below(2, compare_twice);
+                         return nullptr;
+                     },
+                     nullptr));
     pthread_join(thread, nullptr);
 }
 
@@ -149,9 +148,9 @@ TEST_F(FrameWalk, AModuleThatReplacesAnother)
     for (int round = 0; round < 6; round++) {
         std::string path = build_dir() + "/tests/walk_plugin_" + (round % 2 == 0 ? "256.so" : "1024.so");
         void *plugin = ::dlopen(path.c_str(), RTLD_NOW);
-        ASSERT_NE(plugin, nullptr) << ::dlerror();
+        ASSERT_NE(nullptr, plugin) << ::dlerror();
         auto call_through = reinterpret_cast<void (*)(void (*)(void *), void *)>(::dlsym(plugin, "call_through"));
-        ASSERT_NE(call_through, nullptr);
+        ASSERT_NE(nullptr, call_through);
         call_through(compare_here, nullptr);
         call_through(compare_here, nullptr);
         ::dlclose(plugin);

@@ -5,7 +5,6 @@
 
 #include <climits>
 #include <cstring>
-#include <random>
 
 using namespace support;
 

@@ -181,36 +181,31 @@ struct Told {
     Bytes to;
 };
 
-Told receive_to4(const Bytes &control, socklen_t tolen = 16)
+template <typename Address, typename Call>
+Told receive_with(Call call, const Bytes &control, socklen_t tolen)
 {
     reply_control = control;
     Told told;
     char buf[16];
     socklen_t fromlen = 99;
     sockaddr_storage from;
-    sockaddr_in to;
+    Address to;
     std::memset(&to, 0xEE, sizeof to);
     told.tolen = tolen;
-    told.result = qv_recvfromto(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &told.tolen,
-                                &told.ifindex, &told.vrid);
+    told.result = call(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to, &told.tolen,
+                       &told.ifindex, &told.vrid);
     append(told.to, &to, sizeof to);
     return told;
 }
 
+Told receive_to4(const Bytes &control, socklen_t tolen = 16)
+{
+    return receive_with<sockaddr_in>(qv_recvfromto, control, tolen);
+}
+
 Told receive_to6(const Bytes &control, socklen_t tolen = 28)
 {
-    reply_control = control;
-    Told told;
-    char buf[16];
-    socklen_t fromlen = 99;
-    sockaddr_storage from;
-    sockaddr_in6 to;
-    std::memset(&to, 0xEE, sizeof to);
-    told.tolen = tolen;
-    told.result = qv_recvfromto_v6(3, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &fromlen, &to,
-                                   &told.tolen, &told.ifindex, &told.vrid);
-    append(told.to, &to, sizeof to);
-    return told;
+    return receive_with<sockaddr_in6>(qv_recvfromto_v6, control, tolen);
 }
 
 template <typename Address>

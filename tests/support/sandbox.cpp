@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The sandbox: a root of its own made of bind mounts, so that folders the machine lacks (/flash) can be had and nothing
-// is ever created outside.
+// The sandbox: a private root made of bind mounts, so that folders that the machine lacks (/flash) exist and nothing is
+// created outside.
 #include "support/support.h"
 
 #include <cstdio>
@@ -121,7 +121,8 @@ void enter_sandbox()
     int kept_fd = ::open(kept.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     check(kept_fd, kept);
 
-    // The new root lies on a tmpfs over /mnt or, where there is none, over /tmp: both are only seen in here.
+    // The new root is a tmpfs over /mnt or, without that folder, over /tmp. Both mounts are visible only in the
+    // sandbox.
     std::string root = exists("/mnt") ? "/mnt" : "/tmp";
     check(::mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755"), root);
     bind_top_level(root);
@@ -132,7 +133,7 @@ void enter_sandbox()
     make_devices(root + "/dev");
     make_dirs(root + "/var/sysinfo");
 
-    // A build below a replaced folder (a clone in /tmp, say) stays where it was for the programs that tests start.
+    // A build below a replaced folder (a clone in /tmp, say) keeps its path for the programs that tests start.
     make_dirs(root + kept);
     std::string again = root + kept;
     if (!exists(again + "/tests"))

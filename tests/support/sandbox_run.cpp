@@ -11,7 +11,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: sandbox_run PROGRAM [ARGUMENT...]\n");
         return 2;
     }
-    // The build is found by where this program lies, which an exec within the sandbox would forget.
+    // The build folder is derived from this program's path, which an exec inside the sandbox changes.
     std::string build = support::build_dir();
     support::enter_sandbox();
     ::setenv("LIBCOMMON_BUILD", build.c_str(), 1);

@@ -58,7 +58,7 @@ std::string capture(int target, const std::function<void()> &body)
     return drain(file);
 }
 
-// Waits in short steps: the children here are quick, and a pidfd is not to be had under every emulator.
+// Polls in short steps: the children are quick, and not every emulator supports a pidfd.
 void await(ChildResult &result, int timeout_ms)
 {
     auto end = clock::now() + std::chrono::milliseconds(timeout_ms);

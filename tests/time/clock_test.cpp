@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <functional>
 #include <pthread.h>
-#include <random>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
@@ -329,20 +328,31 @@ TEST(CalendarTime, AChildForkedWhileAnotherThreadAsksForItCanConvert)
     }
 }
 
+namespace {
+
+std::atomic<std::size_t> forks{0};
+
+// From now on every SIGALRM forks once.
+void fork_at_alarms()
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+        pid_t pid = ::fork();
+        if (pid == 0)
+            ::_exit(0);
+        ::waitpid(pid, nullptr, 0);
+        forks++;
+    };
+    ::sigaction(SIGALRM, &action, nullptr);
+}
+
+} // namespace
+
 TEST(CalendarTime, AHandlerThatInterruptsItMayFork)
 {
     ::unsetenv("TZ");
     ChildResult child = run_child([] {
-        static std::atomic<std::size_t> forks{0};
-        struct sigaction action = {};
-        action.sa_handler = [](int) {
-            pid_t pid = ::fork();
-            if (pid == 0)
-                ::_exit(0);
-            ::waitpid(pid, nullptr, 0);
-            forks++;
-        };
-        ::sigaction(SIGALRM, &action, nullptr);
+        fork_at_alarms();
         for (std::size_t i = 0; i < effort(200); i++) {
             itimerval once = {{0, 0}, {0, static_cast<suseconds_t>(1 + i % 300)}};
             ::setitimer(ITIMER_REAL, &once, nullptr);
@@ -438,16 +448,7 @@ TEST(LocaltimeMutex, AForkDuringTheVeryFirstConversionLeavesAChildThatCanConvert
 TEST(LocaltimeMutex, AHandlerThatInterruptsAConversionMayFork)
 {
     ChildResult child = run_child([] {
-        static std::atomic<std::size_t> forks{0};
-        struct sigaction action = {};
-        action.sa_handler = [](int) {
-            pid_t pid = ::fork();
-            if (pid == 0)
-                ::_exit(0);
-            ::waitpid(pid, nullptr, 0);
-            forks++;
-        };
-        ::sigaction(SIGALRM, &action, nullptr);
+        fork_at_alarms();
         tm out;
         for (std::size_t i = 0; i < effort(500); i++) {
             // Armed again each time: an interval shorter than a fork would leave no time for the conversions.
