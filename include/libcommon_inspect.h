@@ -115,6 +115,7 @@ typedef struct qv_inspect_record {
 } qv_inspect_record;
 
 /** The record of this process. */
+/** The record of the process that has loaded the library. Another process finds it by this symbol. */
 extern QV_API const qv_inspect_record qv_inspect;
 
 QV_END_DECLS

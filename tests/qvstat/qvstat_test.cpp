@@ -486,7 +486,22 @@ TEST(Top, NeedsATerminal)
 
 TEST(Refusal, ProcessWithoutTheLibrary)
 {
-    ChildResult result = qvstat({std::to_string(getppid())});
+    int gate[2];
+    ASSERT_EQ(0, pipe(gate));
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(gate[0], STDIN_FILENO);
+        close(gate[1]);
+        execl("/bin/cat", "cat", nullptr);
+        _exit(1);
+    }
+    close(gate[0]);
+    const std::string name = "/proc/" + std::to_string(child) + "/comm";
+    for (int i = 0; i < 5000 && read_file(name) != "cat\n"; i++)
+        usleep(1000);
+    ChildResult result = qvstat({std::to_string(child)});
+    close(gate[1]);
+    waitpid(child, nullptr, 0);
     EXPECT_TRUE(result.exited(1));
     EXPECT_THAT(result.err, HasSubstr("does not have libcommon loaded"));
 }
