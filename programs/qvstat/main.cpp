@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <optional>
 #include <string>
 #include <thread>
@@ -240,9 +241,7 @@ int run(const command_line &line)
     return kUsage;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int parse_and_run(int argc, char **argv)
 {
     CLI::App program("Looks into running processes that have libcommon loaded.", "qvstat");
     command_line line;
@@ -265,4 +264,16 @@ int main(int argc, char **argv)
         return status == 0 ? kDone : kUsage;
     }
     return run(line);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        return parse_and_run(argc, argv);
+    } catch (const std::exception &error) { // such as std::bad_alloc
+        std::fprintf(stderr, "qvstat: %s\n", error.what());
+        return kNotDone;
+    }
 }

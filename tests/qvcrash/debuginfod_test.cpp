@@ -122,9 +122,9 @@ TEST(QvcrashDebuginfod, AStrippedProgramsLinesComeFromTheServer)
     std::string log = "/etc/core/" + logs.front();
 
     std::string image = "/tmp/image", stripped = image + kHost;
-    ChildResult made = run_program({"/bin/sh", "-ec", "mkdir -p /tmp/files " + stripped.substr(0, stripped.rfind('/')) +
-                                                          "; cp " + kHost + " /tmp/files/host; objcopy -S " + kHost +
-                                                          " " + stripped});
+    ChildResult made = run_program({"/bin/sh", "-ec",
+                                    "mkdir -p /tmp/files " + stripped.substr(0, stripped.rfind('/')) + "; cp " + kHost +
+                                        " /tmp/files/host; objcopy -S " + kHost + " " + stripped});
     ASSERT_TRUE(made.exited(0)) << made.err;
     std::vector<std::string> show = {build_dir() + "/qvcrash", "show", "--root", image, log};
     server running("/tmp/files");
