@@ -35,8 +35,9 @@ function(libcommon_runtime_flags target)
     # exported function itself, and the library's own calls have to reach it: clang inlines them without the option.
     target_compile_options(${target} PRIVATE -fvisibility=hidden -fsemantic-interposition -fno-builtin-malloc
         $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden>)
-    # No symbol may be bound lazily inside a signal handler.
-    target_link_options(${target} PRIVATE LINKER:-z,now LINKER:-z,relro LINKER:--as-needed)
+    # The hardening binds all symbols at load: none may be bound lazily inside a signal handler.
+    libcommon_harden(${target})
+    target_link_options(${target} PRIVATE LINKER:--as-needed)
     if(NOT LIBCOMMON_SANITIZE)
         target_link_options(${target} PRIVATE LINKER:-z,defs)
     endif()
