@@ -2,14 +2,17 @@
 # relocations. tests/abi/hardening checks the result.
 include(CheckCXXCompilerFlag)
 
+# As an error: clang only warns of a flag of another machine.
+set(CMAKE_REQUIRED_FLAGS -Werror)
 # AArch64: signed return addresses and branch targets. x86-64: branch targets and the shadow stack.
 foreach(flag IN ITEMS -mbranch-protection=standard -fcf-protection=full)
-    string(MAKE_C_IDENTIFIER "LIBCOMMON_HAS${flag}" known)
+    string(MAKE_C_IDENTIFIER "LIBCOMMON_ACCEPTS${flag}" known)
     check_cxx_compiler_flag(${flag} ${known})
     if(${known})
         list(APPEND LIBCOMMON_HARDENING -fstack-protector-strong ${flag})
     endif()
 endforeach()
+unset(CMAKE_REQUIRED_FLAGS)
 
 # The checks need an optimising compiler, and the sanitizers have better ones.
 if(NOT LIBCOMMON_SANITIZE)
