@@ -479,11 +479,7 @@ TEST(ThreadWalks, AForkedChildAsksItsOwnThreads)
         pid_t child = ::fork();
         if (child == 0) {
             rename_process("child");
-            std::thread([] {
-                name_thread("forked");
-                wait_for_ever();
-            }).detach();
-            ::usleep(100000);
+            start_waiting("forked"); // a thread that is being created blocks the signal
             std::raise(52);
             ::_exit(0);
         }
