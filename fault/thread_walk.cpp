@@ -37,7 +37,7 @@ namespace {
 using std::uint64_t;
 
 constexpr long kMillisecondsForAll = 2000;
-constexpr long kMillisecondsForOne = 200;
+constexpr long kMillisecondsForOne = 500;
 constexpr unsigned long kHandlerStack = 16384; // the kernel's frame with vector registers, and the walk
 
 enum phase : uint64_t { kIdle, kOpen, kAsked, kAnswering, kAnswered, kGivenUp };

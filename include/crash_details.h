@@ -70,7 +70,7 @@ QV_API int qv_crash_more_signals(void);
  * Lets the details of dump requests have each thread's call chain, by frame records as in the backtrace. Without it
  * they have what can be read from outside: the place in the kernel and candidates from the stack. Logs of crashes are
  * as before. Each thread in turn gets QV_CRASH_WALK_SIGNAL and walks its own stack in a handler. The thread that writes
- * the dump waits for 200 ms for each and for 2 s for all of them. Threads that block the signal are skipped, and so are
+ * the dump waits for 500 ms for each and for 2 s for all of them. Threads that block the signal are skipped, and so are
  * those with less than 16 KiB of stack left. A handler that comes too late writes nowhere. System calls that handlers
  * interrupt (poll(), nanosleep(), epoll_wait() and others, see signal(7)) fail with EINTR in the threads that are
  * asked; the rest is restarted.
