@@ -136,7 +136,7 @@ TEST(QvcrashDebuginfod, AStrippedProgramsLinesComeFromTheServer)
     EXPECT_THAT(run_program(show).out, testing::Not(HasSubstr("failing_host.cpp:"))) << "asked nobody";
     EXPECT_FALSE(exists("/tmp/cache"));
     show.insert(show.begin() + 2, "--debuginfod");
-    EXPECT_THAT(run_program(show).out, HasSubstr("count_session at "));
+    EXPECT_THAT(run_program(show).out, testing::ContainsRegex("count_session[^\n]* at "));
     EXPECT_THAT(run_program(show).out, HasSubstr("failing_host.cpp:"));
 }
 
