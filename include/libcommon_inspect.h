@@ -114,7 +114,6 @@ typedef struct qv_inspect_record {
     qv_inspect_caches caches;
 } qv_inspect_record;
 
-/** The record of this process. */
 /** The record of the process that has loaded the library. Another process finds it by this symbol. */
 extern QV_API const qv_inspect_record qv_inspect;
 

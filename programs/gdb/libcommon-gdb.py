@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""gdb's view of libcommon: pretty printers for the public records, and the commands `qv caches` and `qv timers`.
+"""gdb's view of libcommon: pretty printers for the public records, and the commands `qv caches`, `qv heap`,
+`qv leaks` and `qv timers`.
 
 gdb loads this file by itself with libcommon.so.1 when it is installed in the auto-load folder; otherwise `source` it.
 Everything here reads memory and calls nothing in the process, so it serves live processes and cores alike.
@@ -8,6 +9,9 @@ Printers need the types of the public headers, which the debug information of th
 the library's dynamic symbols: where no debug information describes a record, it is read by the layout of its header.
 What a broken process holds is not trusted: walks are bounded, and memory that cannot be read ends them with a note.
 """
+
+import struct
+import time
 
 import gdb
 import gdb.printing
@@ -310,7 +314,7 @@ def make_printers():
 
 
 class Qv(gdb.Command):
-    """What libcommon keeps in this process: qv caches, qv timers CONTEXT."""
+    """What libcommon keeps in this process: qv caches, qv heap, qv leaks [SECONDS], qv timers CONTEXT."""
 
     def __init__(self):
         super().__init__("qv", gdb.COMMAND_DATA, prefix=True)
@@ -342,6 +346,109 @@ class QvCaches(gdb.Command):
             print(f"{name:32} {size:8} {in_use:10} {pages:8} {pages * units * self.PAGE_UNIT:12}")
 
 
+class Inspection:
+    """The record of libcommon_inspect.h, which says where the statistics lie. Version 1 of its layout."""
+
+    MAGIC, VERSION = 0x3154434550534E49, 1
+    HEAD = struct.Struct("=QII16s")
+    LIGHT = struct.Struct("=4Q12I")
+    TRACING = struct.Struct("=2Q16I")
+    CLASS_FIELDS = ("allocs", "frees", "releases", "products", "failures", "taken", "returned")
+    MOST_RECORDS = 1 << 20  # of a table; the library's has 65,536
+
+    def __init__(self):
+        address = variable_address("qv_inspect")
+        magic, version, _size, _library = self.read(self.HEAD, address)
+        if magic != self.MAGIC or version != self.VERSION:
+            raise gdb.GdbError(f"qv_inspect has version {version}; these commands know {self.VERSION}")
+        self.light = self.read(self.LIGHT, address + self.HEAD.size)
+        self.tracing = self.read(self.TRACING, address + self.HEAD.size + self.LIGHT.size)
+
+    @staticmethod
+    def read(form, address):
+        return form.unpack(bytes(gdb.selected_inferior().read_memory(address, form.size)))
+
+    def size_classes(self):
+        """For each size class its counters as a dictionary."""
+        shards, common, cleared, is_on, count, shard_size, classes, class_size = self.light[:8]
+        if read_number(is_on, 1) == 0:
+            raise gdb.GdbError("The process has another allocator: nothing is counted.")
+        tables = [shards + i * shard_size for i in range(min(count, 4096))] + [common]
+        for number in range(min(classes, 64)):
+            row = {}
+            for name, at in zip(self.CLASS_FIELDS, self.light[8:]):
+                at += number * class_size
+                total = sum(read_number(table + at, 4) for table in tables) - read_number(cleared + at, 4)
+                row[name] = total & 0xFFFFFFFF
+            yield number, row
+
+    def blocks(self):
+        """(bytes, time, chain) of each block in the table of full tracing."""
+        state, _wait, table_at, *_counters, count, size, block_at, bytes_at, time_at, chain_at, length, _ = self.tracing
+        table = read_pointer(state + table_at)
+        if table == 0:
+            raise gdb.GdbError("There is no table: full tracing was never started (qv_mtrace_start()).")
+        memory = bytes(gdb.selected_inferior().read_memory(table, min(count, self.MOST_RECORDS) * size))
+        for at in range(0, len(memory), size):
+            if struct.unpack_from("=Q", memory, at + block_at)[0] == 0:
+                continue
+            chain = struct.unpack_from(f"={length}Q", memory, at + chain_at)
+            depth = chain.index(0) if 0 in chain else length
+            yield struct.unpack_from("=I", memory, at + bytes_at)[0], struct.unpack_from("=Q", memory, at + time_at)[0], \
+                chain[:depth]
+
+    def time_wait(self):
+        return read_number(self.tracing[1], 8)
+
+
+class QvHeap(gdb.Command):
+    """qv heap -- the light statistics of the heap by size class: what is held, and the calls since the start."""
+
+    def __init__(self):
+        super().__init__("qv heap", gdb.COMMAND_DATA)
+
+    def invoke(self, _argument, _from_tty):
+        print(f"{'from size':>10} {'blocks':>10} {'bytes':>12} {'allocs':>10} {'frees':>10} {'failures':>10}")
+        held = count = 0
+        for number, row in Inspection().size_classes():
+            blocks = row["allocs"] + row["products"] - row["frees"] - row["releases"] & 0xFFFFFFFF
+            size = row["taken"] - row["returned"] & 0xFFFFFFFF
+            if not any(row.values()):
+                continue
+            held, count = held + size, count + blocks
+            print(f"{1 << number if number else 0:10} {blocks:10} {size:12} {row['allocs']:10} {row['frees']:10} "
+                  f"{row['failures']:10}")
+        print(f"{'all':>10} {count:10} {held:12}")
+
+
+class QvLeaks(gdb.Command):
+    """qv leaks [SECONDS] -- blocks that full tracing recorded at least SECONDS ago, by call chain, the largest first.
+
+    Without SECONDS the process's time_wait counts. In a core the ages are those at the youngest block."""
+
+    MOST_GROUPS = 32
+
+    def __init__(self):
+        super().__init__("qv leaks", gdb.COMMAND_DATA)
+
+    def invoke(self, argument, _from_tty):
+        record = Inspection()
+        least = int(argument) if argument else record.time_wait()
+        blocks = list(record.blocks())
+        is_live = gdb.selected_inferior().pid != 0 and "core" not in gdb.execute("info target", to_string=True)
+        now = time.time() if is_live else max((when for _size, when, _chain in blocks), default=0)
+        groups = {}
+        for size, when, chain in blocks:
+            if now - when >= least:
+                total, count = groups.get(chain, (0, 0))
+                groups[chain] = (total + size, count + 1)
+        for chain, (total, count) in sorted(groups.items(), key=lambda group: -group[1][0])[: self.MOST_GROUPS]:
+            print(f"{total} bytes in {count} blocks")
+            for address in chain:
+                print(f"    {address:#x} {symbol_at(address - 1)}")
+        print(f"{len(groups)} groups of blocks that are {least} s old or more")
+
+
 class QvTimers(gdb.Command):
     """qv timers CONTEXT -- the timers that wait in an atimer_context, by level.
 
@@ -368,4 +475,6 @@ class QvTimers(gdb.Command):
 gdb.printing.register_pretty_printer(gdb.current_objfile(), make_printers(), replace=True)
 Qv()
 QvCaches()
+QvHeap()
+QvLeaks()
 QvTimers()

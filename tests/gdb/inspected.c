@@ -7,9 +7,11 @@
 #include <idtable.h>
 #include <mcache.h>
 #include <name2id.h>
+#include <qv_mtrace.h>
 #include <rbtree.h>
 #include <simphash.h>
 #include <stddef.h>
+#include <stdlib.h>
 #include <stimer.h>
 
 struct object {
@@ -55,6 +57,16 @@ static void link_node(struct rb_node *node)
     rb_insert_color(node, &tree);
 }
 
+void *kept;
+
+/* Two blocks that full tracing records. */
+__attribute__((noinline)) static void keep_some(void)
+{
+    kept = malloc(3000);
+    void *second = malloc(1500);
+    *(void **)kept = second;
+}
+
 __attribute__((noinline)) void all_made(void)
 {
     __asm__ volatile("");
@@ -91,6 +103,8 @@ int main(void)
     start_atimer(&wheel, create_atimer(3, NULL, NULL));
     broken = wheel;
     broken.levels = (struct atimer_level *)8;
+    qv_mtrace_start();
+    keep_some();
     all_made();
     return 0;
 }
