@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 glib_peer()
 find_package(absl QUIET)
 if(absl_FOUND)

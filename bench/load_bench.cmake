@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # One empty program for each library that is installed.
 function(load_program library)
     add_executable(load_${library} EXCLUDE_FROM_ALL load_program.c)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Flags that every target of the tree shares, and those of the shared objects that ship.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Hardening of what is installed: canaries in stack frames, checks of the C library's calls, protected branches, read-only
 # relocations. tests/abi/hardening checks the result.
 include(CheckCXXCompilerFlag)

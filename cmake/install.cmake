@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Install rules, pkg-config and find_package(libcommon).
 include(CMakePackageConfigHelpers)
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The dynamic symbols of libcommon: which names carry a version, and which ones a host may define for the library too.
 set(LIBCOMMON_SYMBOL_VERSION LIBCOMMON_1.0)
 set(abi_dir ${PROJECT_SOURCE_DIR}/abi)

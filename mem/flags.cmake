@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # -fno-builtin: the compiler would turn calloc()'s slow path, which is malloc() and memset(), into a call of calloc().
 # -fno-plt: every allocation calls the allocator below, without a stub in between.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/mem/interposition.cpp TARGET_DIRECTORY libcommon

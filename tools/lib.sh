@@ -1,4 +1,5 @@
 # shellcheck shell=bash disable=SC2034 # the tools use what is set here
+# SPDX-License-Identifier: Apache-2.0
 # What the tools share. Sourced, with the shell's strict mode on.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # libcommon::host: what a host executable links to give the library its callback table and its text bounds. The options
 # work with GNU ld, gold, lld and mold; a host that prefers a linker script uses libcommon-host.ld instead.
 add_library(libcommon_host_bounds OBJECT ${CMAKE_CURRENT_LIST_DIR}/host_bounds.c)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # libvrkernel.so, to be preloaded: a development aid. It is installed for those who write programs for the appliance, but
 # is not part of find_package(libcommon). programs/vrkernel is the command that preloads it.
 set(kernel_dir ${CMAKE_CURRENT_LIST_DIR})

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What the shared objects show to the loader.
 add_test(NAME abi.exports COMMAND ${CMAKE_CURRENT_LIST_DIR}/exports $<TARGET_FILE:libcommon>
     ${PROJECT_SOURCE_DIR}/abi/libcommon.exports ${PROJECT_SOURCE_DIR}/abi/unversioned $<IF:$<BOOL:${LIBCOMMON_MALLOC_HOOKS}>,hooks,no-hooks>)

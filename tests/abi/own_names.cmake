@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Writes a C source that defines every exported name that is not interposable, as a host of its own might.
 function(write_own_names output)
     file(STRINGS ${PROJECT_SOURCE_DIR}/abi/libcommon.exports names)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # A host that was linked with a library without versions, and runs with this one.
 target_compile_definitions(versions_test PRIVATE PROJECT_VERSION="${PROJECT_VERSION}")
 if(NOT LIBCOMMON_SANITIZE)

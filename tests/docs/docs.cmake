@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The programs in the guides compile, and run if the guide says so.
 string(REPLACE "LINKER:" "-Wl," docs_host_options "${host_link_options}")
 if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE AND LIBCOMMON_MALLOC_HOOKS)

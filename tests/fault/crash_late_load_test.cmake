@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 add_executable(crash_late_host ${folder}/hosts/crash_late_host.cpp)
 target_compile_options(crash_late_host PRIVATE -fno-builtin)
 target_link_libraries(crash_late_host PRIVATE ${CMAKE_DL_LIBS})

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Its plug-in calls back into the program; a separate host loads the library late.
 add_library(plugin MODULE ${folder}/modules/plugin.cpp)
 add_executable(late_crash_host ${folder}/modules/late_crash_host.cpp)

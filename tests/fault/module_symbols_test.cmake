@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Modules to look up names in: with only one of the two hash tables, and linked to a high address. The test also runs as
 # a program at a fixed address without a symbol table.
 foreach(style IN ITEMS sysv gnu)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Every object of the crash path refers to allowed symbols only. The handlers' set-up, the recorder and the console
 # backtraces run in ordinary code and are left out. Sanitizers add calls of their own.
 if(NOT LIBCOMMON_SANITIZE)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The crash and walk cases once more in programs with signed return addresses, where the processor supports them.
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
     foreach(subject IN ITEMS backtrace_test crash_matrix_test)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The compiler checks formats through the public headers: a wrong argument is refused, %m is accepted, and a source that
 # is compiled with -Wpedantic can opt out. Each source is only parsed; a test that expects a refusal looks for its text.
 set(format_check ${CMAKE_C_COMPILER} -std=c11 -Wall -Werror -fsyntax-only -I${PROJECT_SOURCE_DIR}/include)

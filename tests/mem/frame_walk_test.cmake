@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The library keeps frame pointers; code without them is the other shape.
 target_compile_options(frame_walk_test PRIVATE -fomit-frame-pointer)
 foreach(frame IN ITEMS 256 1024)

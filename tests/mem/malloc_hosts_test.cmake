@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 add_executable(late_host ${folder}/hosts/late_host.cpp)
 add_executable(own_allocator_host ${folder}/hosts/own_allocator_host.c)
 add_executable(checked_host ${folder}/hosts/checked_host.c)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sanitizers add thread-local variables.
 if(NOT LIBCOMMON_SANITIZE)
     file(GLOB sources RELATIVE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/mem/*.cpp)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The processes of the experiments, and the stand-in kernel.
 add_executable(vrkernel_peer ${CMAKE_CURRENT_LIST_DIR}/vrkernel_peer.cpp)
 target_link_libraries(vrkernel_peer PRIVATE libcommon)

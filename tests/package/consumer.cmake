@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 cmake_minimum_required(VERSION 3.25)
 project(consumer LANGUAGES C CXX)
 set(CMAKE_C_STANDARD 11)

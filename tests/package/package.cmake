@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The installed package serves a C11 and a C++20 host: with plain flags and the linker script, through pkg-config with
 # each linker, and through find_package. A host built as the README says leaves a readable crash log. Where the target is another machine the hosts run under the emulator.
 if(NOT LIBCOMMON_SANITIZE)

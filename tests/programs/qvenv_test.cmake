@@ -1,1 +1,2 @@
+# SPDX-License-Identifier: Apache-2.0
 add_dependencies(qvenv_test libcommon_qvenv)

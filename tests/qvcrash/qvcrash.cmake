@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The crash-log reader's tests: the reader's own, and the command on logs of a host that fails.
 add_executable(failing_host ${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp)
 target_compile_options(failing_host PRIVATE -g -UNDEBUG)

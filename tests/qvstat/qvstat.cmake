@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The tests of qvstat: what reads a process, everywhere; the command, where it is built.
 target_link_libraries(inspection_test PRIVATE libcommon_qvstat)
 if(NOT TARGET qvstat_test)

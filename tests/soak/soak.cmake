@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The soak run (tools/soak) and the plug-in that its hosts load.
 add_executable(soak soak/soak.cpp)
 target_link_libraries(soak PRIVATE test_support libcommon libcommon_heap libcommon_host)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The same cases with another heap library in place of this tree's.
 set(plain_heap_folder ${CMAKE_CURRENT_BINARY_DIR}/plain_heap)
 add_library(plain_heap SHARED ${CMAKE_CURRENT_LIST_DIR}/plain_heap.cpp)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The target's root has no libcrypto to link; filemd5_test replaces it there. Linked like a host: with --as-needed
 # the linker leaves out a libcrypto that the host itself does not call.
 if(CMAKE_CROSSCOMPILING)
