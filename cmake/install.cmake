@@ -11,7 +11,7 @@ install(CODE "set(gdb_auto_load \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAD
 install(CODE "file(INSTALL \"${PROJECT_SOURCE_DIR}/programs/gdb/libcommon-gdb.py\"
     DESTINATION \"\${gdb_auto_load}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}\"
     RENAME libcommon.so.${PROJECT_VERSION}-gdb.py)")
-install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES LICENSES/Apache-2.0.txt DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME LICENSE)
 install(EXPORT libcommon-targets NAMESPACE libcommon:: DESTINATION ${package_dir})
 
 configure_package_config_file(cmake/libcommon-config.cmake.in ${PROJECT_BINARY_DIR}/libcommon-config.cmake
