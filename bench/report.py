@@ -302,7 +302,8 @@ def environment():
         "processor": processor(),
         "caches": caches(),
         "memory_GiB": round(os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30, 1),
-        "kernel": f"{os.uname().sysname} {os.uname().release} {os.uname().machine}",
+        # Without the suffix, by which kernels name who built them.
+        "kernel": f"{os.uname().sysname} {os.uname().release.split('-')[0]} {os.uname().machine}",
         "compiler": output_of("g++", "--version").partition("\n")[0],
         "load": round(os.getloadavg()[0], 1),
         "versions": sorted({line.replace(":amd64", "") for line in versions}),
