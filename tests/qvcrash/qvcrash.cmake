@@ -10,7 +10,7 @@ set_target_properties(failing_plugin PROPERTIES PREFIX "" LIBRARY_OUTPUT_DIRECTO
 set_target_properties(failing_host PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
 
 # What follows reads logs, and is built where the reader is.
-if(NOT TARGET qvcrash)
+if(NOT TARGET libcommon_qvcrash_command)
     return()
 endif()
 
@@ -20,12 +20,12 @@ if(TARGET show_test)
     target_link_libraries(show_test PRIVATE libcommon_qvcrash)
     target_compile_definitions(show_test PRIVATE LIBCOMMON_FAILING_HOST="${CMAKE_CURRENT_LIST_DIR}/failing_host.cpp"
         LIBCOMMON_ARM_CRASHES="${PROJECT_SOURCE_DIR}/build/aarch64/crashes")
-    add_dependencies(debuginfod_test qvcrash failing_host)
-    add_dependencies(show_test qvcrash libcommon_qvenv failing_host failing_plugin)
+    add_dependencies(debuginfod_test libcommon_qvcrash_command failing_host)
+    add_dependencies(show_test libcommon_qvcrash_command libcommon_qvenv failing_host failing_plugin)
 endif()
 target_link_libraries(group_test PRIVATE libcommon_qvcrash)
-add_dependencies(group_test qvcrash)
+add_dependencies(group_test libcommon_qvcrash_command)
 target_link_libraries(module_file_test PRIVATE libcommon_qvcrash)
 add_dependencies(module_file_test failing_plugin)
 target_link_libraries(bundle_test PRIVATE libcommon_qvcrash)
-add_dependencies(bundle_test qvcrash)
+add_dependencies(bundle_test libcommon_qvcrash_command)
