@@ -118,27 +118,46 @@ bool is_known_code(unsigned long addr)
     return is_host_text(addr) || (has_table ? is_dynamic_lib(addr) != 0 : is_in_module(addr));
 }
 
-int walk_records(unsigned long record, unsigned long *addrs, unsigned long *frames, int max, unsigned long *bottom)
+int walk_records(safe_memory *memory, unsigned long record, unsigned long *addrs, unsigned long *frames, int max,
+                 unsigned long *bottom)
 {
-    safe_memory memory(safe_memory::subject::stack);
     frame_list list(addrs, frames, max);
     unsigned long link = 0;
     *bottom = 0;
-    if (record == 0 || !memory.load(record, &link))
+    if (record == 0 || !memory->load(record, &link))
         return 0;
     while (!list.is_full()) {
         unsigned long return_address;
-        if (!memory.load(record + kReturnAddressOffset, &return_address))
+        if (!memory->load(record + kReturnAddressOffset, &return_address))
             break;
         list.add(without_signature(return_address), link);
         record = link;
         unsigned long next;
-        if (list.is_full() || !memory.load(record, &next) || next == 0)
+        if (list.is_full() || !memory->load(record, &next) || next == 0)
             break;
         link = next;
     }
     *bottom = link;
     return list.count();
+}
+
+int walk_frames(safe_memory *memory, unsigned long fp, unsigned long pc, unsigned long lr, unsigned long *addrs,
+                unsigned long *frames, int max, unsigned long *bottom)
+{
+    base::errno_guard keep;
+    frame_list list(addrs, frames, max);
+    if (is_code(pc))
+        list.add(pc, fp);
+    lr = without_signature(lr);
+    if (lr != 0 && is_code(lr))
+        list.add(lr, kNoFrameMark);
+    unsigned long outermost = 0;
+    int count = list.count();
+    count += walk_records(memory, round_up_to_word(fp), addrs + count, frames != nullptr ? frames + count : nullptr,
+                          max - count, &outermost);
+    if (bottom != nullptr)
+        *bottom = outermost;
+    return count;
 }
 
 } // namespace qv::fault
@@ -162,20 +181,8 @@ int qv_backtrace_spec(unsigned long fp, unsigned long pc, unsigned long lr, unsi
 {
     if (addrs == nullptr)
         return 0;
-    base::errno_guard keep;
-    frame_list list(addrs, frames, max);
-    if (fault::is_code(pc))
-        list.add(pc, fp);
-    lr = without_signature(lr);
-    if (lr != 0 && fault::is_code(lr))
-        list.add(lr, fault::kNoFrameMark);
-    unsigned long outermost = 0;
-    int count = list.count();
-    count += fault::walk_records(fault::round_up_to_word(fp), addrs + count,
-                                 frames != nullptr ? frames + count : nullptr, max - count, &outermost);
-    if (bottom != nullptr)
-        *bottom = outermost;
-    return count;
+    fault::safe_memory memory(fault::safe_memory::subject::stack);
+    return fault::walk_frames(&memory, fp, pc, lr, addrs, frames, max, bottom);
 }
 
 void backtrace_symbol_to_buffer(unsigned long addr, char *out)

@@ -26,6 +26,8 @@ void backtrace_symbol_to_buffer(unsigned long addr, char *out);
 
 namespace qv::fault {
 
+class safe_memory;
+
 // The process's (or, with thread traces, the thread's) name for logs: the kernel's, in `buffer`, or the program's where
 // the kernel's cannot be read.
 const char *process_name(char (&buffer)[kCommandNameSize]);
@@ -49,7 +51,12 @@ constexpr unsigned long round_up_to_word(unsigned long address)
 // @param frames  receives the frame addresses, or null
 // @param bottom  receives the last link read, or 0
 // @return number of entries, at most `max`
-int walk_records(unsigned long record, unsigned long *addrs, unsigned long *frames, int max, unsigned long *bottom);
+int walk_records(safe_memory *memory, unsigned long record, unsigned long *addrs, unsigned long *frames, int max,
+                 unsigned long *bottom);
+
+// What qv_backtrace_spec() does, with the given way to read memory; addrs is not null.
+int walk_frames(safe_memory *memory, unsigned long fp, unsigned long pc, unsigned long lr, unsigned long *addrs,
+                unsigned long *frames, int max, unsigned long *bottom);
 
 inline pid_t thread_id()
 {

@@ -4,14 +4,16 @@
 
 #if defined(__aarch64__)
 
-#include "backtrace.h"
+#include "fault/backtrace_internal.h"
+#include "fault/safe_memory.h"
 
 namespace qv::fault {
 
 int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned long *frames, int max,
                  unsigned long *bottom)
 {
-    return qv_backtrace_spec(machine.frame_pointer(), machine.program_counter(), 0, addrs, frames, max, bottom);
+    safe_memory memory(safe_memory::subject::module); // as on x86-64: a damaged link may lead anywhere
+    return walk_frames(&memory, machine.frame_pointer(), machine.program_counter(), 0, addrs, frames, max, bottom);
 }
 
 } // namespace qv::fault

@@ -37,7 +37,8 @@ struct call_chain {
 
 class stack_reader {
 public:
-    bool load(unsigned long address, unsigned long *word) { return stack_.load(address, word); }
+    bool load(unsigned long address, unsigned long *word) { return memory_.load(address, word); }
+    safe_memory *memory() { return &memory_; }
 
     // Calls are 2 to 7 bytes long: e8 and a distance, or ff with 2 in bits 3 to 5 of the byte that follows.
     bool is_return_address(unsigned long address)
@@ -45,7 +46,7 @@ public:
         constexpr unsigned kLongest = 7;
         constexpr unsigned kDirect = 5;
         unsigned char code[kLongest];
-        if (!is_known_code(address) || code_.copy(address - kLongest, code, kLongest) != kLongest)
+        if (!is_known_code(address) || memory_.copy(address - kLongest, code, kLongest) != kLongest)
             return false;
         if (code[kLongest - kDirect] == 0xe8)
             return true;
@@ -69,8 +70,8 @@ public:
     }
 
 private:
-    safe_memory stack_{safe_memory::subject::stack};
-    safe_memory code_{safe_memory::subject::module};
+    // The kernel copies: a frame pointer that is none may lead into memory that another thread unmaps.
+    safe_memory memory_{safe_memory::subject::module};
 };
 
 // A link to a record below or far away is sound only where the stack was changed, as for a handler on an alternate one.
@@ -146,8 +147,8 @@ bool search_stack(unsigned long sp, call_chain *chain, stack_reader *reader)
     sp = round_up_to_word(sp);
     while (unsigned long record = search_record(sp, &searched, chain, reader)) {
         int first = chain->count;
-        chain->count +=
-            walk_records(record, chain->addrs + first, chain->frames + first, chain->max - first, &chain->bottom);
+        chain->count += walk_records(reader->memory(), record, chain->addrs + first, chain->frames + first,
+                                     chain->max - first, &chain->bottom);
         if (chain->count == first)
             break;
         is_found = true;
@@ -185,7 +186,7 @@ int walk_for_log(const machine_context &machine, unsigned long *addrs, unsigned 
     unsigned long fp = machine.frame_pointer(), pc = machine.program_counter(), sp = machine.stack_pointer();
     stack_reader reader;
     call_chain chain = {addrs, frames, max, 0, 0};
-    chain.count = qv_backtrace_spec(fp, pc, 0, addrs, frames, max, &chain.bottom);
+    chain.count = walk_frames(reader.memory(), fp, pc, 0, addrs, frames, max, &chain.bottom);
     int first = is_code(pc) ? 1 : 0;
     unsigned long record = round_up_to_word(fp);
     if (chain.count > first && is_good_start(record, sp, addrs[first], frames[first], &reader)) {
