@@ -7,6 +7,9 @@
 #include <cstdlib>
 #include <malloc.h>
 #include <set>
+#include <stop_token>
+#include <sys/mman.h>
+#include <thread>
 
 using namespace support;
 using namespace crash;
@@ -118,6 +121,23 @@ __attribute__((noinline, visibility("default"))) NO_SANITIZERS void dying_with_o
     write_null();
     asm volatile("" ::: "memory");
 }
+}
+
+// In code that keeps no frame pointer, the register may point into anything, also into what another thread unmaps.
+TEST(LogWalk, FollowsAPointerIntoMemoryThatComesAndGoes)
+{
+    constexpr std::size_t kPage = 4096;
+    void *page = ::mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, page);
+    std::jthread other([page](const std::stop_token &stop) {
+        while (!stop.stop_requested()) {
+            ::mprotect(page, kPage, PROT_NONE);
+            ::mprotect(page, kPage, PROT_READ | PROT_WRITE);
+        }
+    });
+    auto address = reinterpret_cast<unsigned long>(page);
+    for (std::size_t i = 0; i < effort(3000); i++)
+        ASSERT_NE("", log_of_walk(address, address).bottom) << "walk " << i;
 }
 
 TEST(LogWalk, AnAbortShowsWhoCalledIt)
