@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The record that tells other processes where the statistics of this one are. The linker fills it; no code runs for it.
+// The record by which other processes find the statistics of this one. The linker fills it; no code runs for it.
 #include "libcommon_inspect.h"
 
 #include "fault/crash_handler.h"

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Stands for a libcommon without symbol versions while a host is linked. Never loaded. */
+/* Replaces a libcommon without symbol versions while a host is linked. Never loaded. */
 #include <debug_trace.h>
 #include <hashtbl.h>
 #include <mcache.h>
