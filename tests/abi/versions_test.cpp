@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Versions of the symbols and of the loaded library; hosts with other versions and with names of their own.
+// Versions of the symbols and of the loaded library; hosts with other versions and with other definitions of our names.
 #include "support/support.h"
 
 #include "hashtbl.h"

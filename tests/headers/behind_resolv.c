@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* <resolv.h> renames functions of its own that are called like two of ours. */
+/* <resolv.h> renames functions whose names are also names of ours. */
 #include <sys/types.h>
 
 #include <netinet/in.h>

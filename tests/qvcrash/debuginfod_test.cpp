@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// qvcrash show --debuginfod against a real server, alone with it in a network of its own.
+// qvcrash show --debuginfod against a real server, in a private network namespace that holds only the two.
 #include "support/support.h"
 
 #include <arpa/inet.h>
