@@ -18,8 +18,10 @@ configure_package_config_file(cmake/libcommon-config.cmake.in ${PROJECT_BINARY_D
     INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/libcommon-config-version.cmake COMPATIBILITY SameMajorVersion)
 file(RELATIVE_PATH pc_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-string(REPLACE "LINKER:" "-Wl," pc_host_options "${host_link_options}")
-list(JOIN pc_host_options " " pc_host_options)
+foreach(kind IN ITEMS host host_static)
+    string(REPLACE "LINKER:" "-Wl," pc_${kind}_options "${${kind}_link_options}")
+    list(JOIN pc_${kind}_options " " pc_${kind}_options)
+endforeach()
 configure_file(cmake/libcommon.pc.in ${PROJECT_BINARY_DIR}/libcommon.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/libcommon-config.cmake ${PROJECT_BINARY_DIR}/libcommon-config-version.cmake
     DESTINATION ${package_dir})

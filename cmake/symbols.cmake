@@ -3,10 +3,17 @@
 set(LIBCOMMON_SYMBOL_VERSION LIBCOMMON_1.0)
 set(abi_dir ${PROJECT_SOURCE_DIR}/abi)
 
+# The names that the library exports without a version.
+function(libcommon_read_unversioned result)
+    file(STRINGS ${abi_dir}/unversioned unversioned REGEX "^[a-z_]")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${abi_dir}/unversioned)
+    set(${result} ${unversioned} PARENT_SCOPE)
+endfunction()
+
 # The version script: every exported name that is not listed as unversioned. What the script does not name keeps no version.
 function(libcommon_write_version_script output)
     file(STRINGS ${abi_dir}/libcommon.exports exports)
-    file(STRINGS ${abi_dir}/unversioned unversioned REGEX "^[a-z_]")
+    libcommon_read_unversioned(unversioned)
     list(REMOVE_ITEM exports ${unversioned})
     list(JOIN exports ";\n        " exports)
     file(CONFIGURE OUTPUT ${output} @ONLY CONTENT [[
@@ -16,7 +23,7 @@ function(libcommon_write_version_script output)
     local: _Z*;
 };
 ]])
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${abi_dir}/libcommon.exports ${abi_dir}/unversioned)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${abi_dir}/libcommon.exports)
 endfunction()
 
 function(libcommon_symbols target)

@@ -42,9 +42,15 @@ constexpr std::size_t kMaxMessage = 512;
 // handlers are installed; null where the C library has none.
 const void *abort_message_variable;
 
+// Null unless the program is linked statically: hidden, so that only a program that holds the C library resolves it.
+extern "C" {
+[[gnu::weak, gnu::visibility("hidden")]] extern const char *__abort_msg;
+}
+
 void find_abort_message()
 {
-    abort_message_variable = ::dlvsym(RTLD_DEFAULT, "__abort_msg", "GLIBC_PRIVATE");
+    abort_message_variable =
+        &__abort_msg != nullptr ? &__abort_msg : ::dlvsym(RTLD_DEFAULT, "__abort_msg", "GLIBC_PRIVATE");
 }
 
 void report_signal(int fd, const crash_record &rec)

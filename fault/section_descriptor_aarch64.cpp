@@ -6,11 +6,17 @@
 
 namespace qv::fault {
 
-unsigned long section_descriptor_word()
+bool is_section_table_at(unsigned long distance)
 {
-    const unsigned long *descriptor;
-    asm("adrp %0, :tlsdesc:section_rec\n\tadd %0, %0, :tlsdesc_lo12:section_rec" : "=r"(descriptor));
-    return descriptor[1];
+    // Linkers replace this sequence, with these registers, as a whole.
+    register const unsigned long *descriptor asm("x0");
+    asm("adrp x0, :tlsdesc:section_rec\n\t"
+        "ldr x1, [x0, :tlsdesc_lo12:section_rec]\n\t"
+        "add x0, x0, :tlsdesc_lo12:section_rec"
+        : "=r"(descriptor)
+        :
+        : "x1");
+    return reinterpret_cast<unsigned long>(descriptor) == distance || descriptor[1] == distance;
 }
 
 } // namespace qv::fault

@@ -6,11 +6,11 @@
 
 namespace qv::fault {
 
-unsigned long section_descriptor_word()
+bool is_section_table_at(unsigned long distance)
 {
     const unsigned long *descriptor;
     asm("lea section_rec@tlsdesc(%%rip), %0" : "=a"(descriptor)); // linkers expect this register
-    return descriptor[1];
+    return reinterpret_cast<unsigned long>(descriptor) == distance || descriptor[1] == distance;
 }
 
 } // namespace qv::fault

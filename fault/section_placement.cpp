@@ -21,7 +21,7 @@ void find_placement()
     unsigned long distance =
         reinterpret_cast<unsigned long>(section_rec) - reinterpret_cast<unsigned long>(__builtin_thread_pointer());
     kind found = kind::unreachable;
-    if (distance == section_descriptor_word()) {
+    if (is_section_table_at(distance)) {
         placement.distance = distance;
         found = kind::with_thread;
     } else if (::pthread_key_create(&placement.key, nullptr) == 0) {

@@ -55,9 +55,10 @@ private:
     bool is_borrowed_ = false;
 };
 
-// The second word of section_rec's thread-local descriptor. It is section_rec's distance from the thread pointer if
-// that is the same in every thread. One file per architecture.
-unsigned long section_descriptor_word();
+// Whether section_rec lies at this distance from the thread pointer in every thread; `distance` is the calling
+// thread's. The second word of its thread-local descriptor says so. In an executable the linker replaces the address of
+// the descriptor by the distance. One file per architecture.
+bool is_section_table_at(unsigned long distance);
 
 } // namespace qv::fault
 

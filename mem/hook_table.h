@@ -8,6 +8,7 @@
 //     trace_file       writes a line for each call into a file; SIGUSR2     (call_place, trace_variable)
 //     live_blocks      the hooks of full tracing and its records            (block_table)
 //     light_hooks      the hooks of the light statistics                    (light_stats)
+//     process_malloc   which malloc() the process has
 //     hook_change      allows one exchange of hooks at a time, and none during a fork
 //     hook_table       the variables, the library's sets of hooks, the allocator below (thread_set)
 //

@@ -7,61 +7,13 @@
 #include "mem/hook_table.h"
 #include "mem/light_stats.h"
 #include "mem/live_blocks.h"
+#include "mem/process_malloc.h"
 #include "mem/trace_file.h"
 
 #include <cerrno>
 #include <cstring>
 
 using namespace qv;
-
-namespace qv::hooks {
-namespace {
-
-// Set by the library's malloc() when its thread is in `inside`: proves that the process's malloc() is the library's.
-[[maybe_unused]] bool malloc_was_called_inside = false;
-
-bool is_malloc_of_the_library()
-{
-#if LIBCOMMON_MALLOC_HOOKS
-    inside_scope scope;
-    malloc_was_called_inside = false;
-    std::free(std::malloc(1));
-    return malloc_was_called_inside;
-#else
-    return false;
-#endif
-}
-
-// The C library's malloc() has two names. Another allocator's has the first name only.
-bool is_malloc_of_the_c_library()
-{
-#if LIBCOMMON_MALLOC_HOOKS
-    return intercepting || &std::malloc == &__libc_malloc;
-#else
-    return false;
-#endif
-}
-
-// Memory tagging: the tag is the top byte of a pointer, and the C library never gives a block the tag 0.
-bool are_blocks_tagged()
-{
-    constexpr int kTagShift = 56;
-    inside_scope scope;
-    void *block = std::malloc(1);
-    auto address = reinterpret_cast<std::uintptr_t>(block);
-    std::free(block);
-    return address >> kTagShift != 0;
-}
-
-size_source find_size_source()
-{
-    if (!is_malloc_of_the_c_library())
-        return size_source::usable_and_word;
-    return are_blocks_tagged() ? size_source::usable_and_header : size_source::header;
-}
-
-} // namespace
-} // namespace qv::hooks
 
 // ---- at load ----
 

@@ -9,14 +9,19 @@ set(host_link_options
     LINKER:--defsym=__qv_text_start=__executable_start
     LINKER:--defsym=__qv_text_end=etext)
 
+function(libcommon_give_host_bounds target)
+    target_link_options(${target} INTERFACE ${host_link_options})
+    target_link_libraries(${target} INTERFACE
+        $<BUILD_INTERFACE:$<TARGET_OBJECTS:libcommon_host_bounds>>
+        $<INSTALL_INTERFACE:$<INSTALL_PREFIX>/${CMAKE_INSTALL_LIBDIR}/libcommon/host_bounds.o>)
+endfunction()
+
 add_library(libcommon_host INTERFACE)
 add_library(libcommon::host ALIAS libcommon_host)
 set_target_properties(libcommon_host PROPERTIES EXPORT_NAME host)
 # A crash log names the host's functions by its dynamic symbols.
-target_link_options(libcommon_host INTERFACE -rdynamic ${host_link_options})
-target_link_libraries(libcommon_host INTERFACE
-    $<BUILD_INTERFACE:$<TARGET_OBJECTS:libcommon_host_bounds>>
-    $<INSTALL_INTERFACE:$<INSTALL_PREFIX>/${CMAKE_INSTALL_LIBDIR}/libcommon/host_bounds.o>)
+target_link_options(libcommon_host INTERFACE -rdynamic)
+libcommon_give_host_bounds(libcommon_host)
 
 # A crash log's backtrace follows frame pointers, through plug-ins too, which link libcommon::common alone.
 target_compile_options(libcommon INTERFACE -fno-omit-frame-pointer)

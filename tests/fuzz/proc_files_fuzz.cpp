@@ -130,13 +130,6 @@ void print_program_name()
 
 } // namespace
 
-// The library reads its thread-local descriptor, which a linker keeps only in a shared object. In a program like this
-// one the table is in the thread's static storage.
-unsigned long fault::section_descriptor_word()
-{
-    return reinterpret_cast<unsigned long>(section_rec) - reinterpret_cast<unsigned long>(__builtin_thread_pointer());
-}
-
 extern "C" int open(const char *path, int flags, ...)
 {
     std::va_list arguments;

@@ -61,11 +61,20 @@ void *keep(void *library)
     return first;
 }
 
+// Asked for by name. A program that is linked statically has no loader, and linkers warn of its calls of dlopen().
+auto find_dlopen()
+{
+    return reinterpret_cast<decltype(&::dlopen)>(::dlsym(RTLD_DEFAULT, "dlopen"));
+}
+
 // A failure is not remembered: the library may be installed, or memory become free, later.
 Digest search()
 {
+    const auto open_library = find_dlopen();
+    if (open_library == nullptr)
+        return {};
     for (const char *name : kLibcrypto) {
-        void *library = ::dlopen(name, RTLD_NOW | RTLD_LOCAL);
+        void *library = open_library(name, RTLD_NOW | RTLD_LOCAL);
         if (library == nullptr)
             continue;
         if (functions_of(library).complete())

@@ -1,0 +1,104 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* A host that holds the library: it uses the families, reports what worked, and fails. With an argument it only
+ * reports, and writes no file. */
+#include <console_print.h>
+#include <crash_details.h>
+#include <encoding.h>
+#include <hashtbl.h>
+#include <mcache.h>
+#include <qv_mtrace.h>
+#include <sighandler.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <stimer.h>
+#include <string.h>
+
+QV_CRASH_DETAILS;
+
+struct session {
+    struct hashtbl_link link;
+    unsigned id;
+};
+
+static int fired;
+
+static void on_timeout(void *arg)
+{
+    fired += *(int *)arg;
+}
+
+static int use_timer(void)
+{
+    void *timers;
+    int one = 1;
+    if (stimer_context_init(&timers) != 0)
+        return 0;
+    start_stimer(create_stimer(&timers, 0, on_timeout, &one));
+    process_stimer(&timers);
+    stimer_context_fini(&timers);
+    return fired;
+}
+
+static int same_id(void *object, void *key)
+{
+    return ((struct session *)object)->id == *(unsigned *)key;
+}
+
+static int use_containers(void)
+{
+    unsigned id = 17;
+    struct hashtbl *table = hashtbl_init(4, offsetof(struct session, link), 0);
+    struct mcache *cache = mcache_create("sessions", sizeof(struct session), NULL, 0, 1);
+    struct session *session = mcache_alloc(cache);
+    session->id = id;
+    hashtbl_insert(table, qv_hash_uint32(id, 0), session);
+    return hashtbl_find(table, &id, qv_hash_uint32(id, 0), same_id) == session;
+}
+
+/* The blocks that the process holds, as the library counts them. */
+static unsigned count_blocks(void)
+{
+    static struct mtrace_stat_record record;
+    qv_mtrace_stat_min(&record);
+    return record.light_blocks;
+}
+
+/* Also of the C library's own calls. */
+static int is_counted(void)
+{
+    unsigned before = count_blocks();
+    char *volatile copy = strdup("session");
+    unsigned between = count_blocks();
+    free(copy);
+    return between == before + 1 && count_blocks() == before;
+}
+
+static __attribute__((noinline)) void store(int *slot)
+{
+    *slot = 1; /* line: failure */
+    __asm__ volatile("" ::: "memory");
+}
+
+static __attribute__((noinline)) void serve(int *slot)
+{
+    store(slot); /* line: caller */
+    __asm__ volatile("" ::: "memory");
+}
+
+int main(int argc, char **argv)
+{
+    (void)argv;
+    char digest[33];
+    int *volatile nothing = NULL;
+    int timer = use_timer(), containers = use_containers(), counted = is_counted();
+    printf("timer %d containers %d allocations %d digest %d\n", timer, containers, counted,
+           filemd5str("/proc/self/exe", digest, sizeof digest));
+    fflush(stdout);
+    if (argc > 1)
+        return 0;
+    console_print("static host %d\n", 1);
+    install_sighandler();
+    qv_crash_note("serving session %d", 17);
+    serve(nothing);
+    return 0;
+}
