@@ -213,6 +213,7 @@ public:
 
     machine built_for() const override { return machine_; }
     const std::string &build_id() const override { return build_id_; }
+    std::uint64_t image_start() const override { return std::min(image_start_, image_end_); }
     std::uint64_t image_end() const override { return image_end_; }
 
     bool has_lines() const override
@@ -349,6 +350,7 @@ private:
             GElf_Phdr program;
             if (::gelf_getphdr(elf_, static_cast<int>(i), &program) == nullptr || program.p_type != PT_LOAD)
                 continue;
+            image_start_ = std::min(image_start_, program.p_vaddr);
             image_end_ = std::max(image_end_, program.p_vaddr + program.p_memsz);
             if ((program.p_flags & PF_X) != 0)
                 code_.push_back({program.p_vaddr, program.p_vaddr + program.p_filesz, program.p_offset});
@@ -434,6 +436,7 @@ private:
     GElf_Addr bias_ = 0;
     machine machine_ = machine::unknown;
     std::string build_id_;
+    std::uint64_t image_start_ = UINT64_MAX; // until a segment was read
     std::uint64_t image_end_ = 0;
     std::vector<segment> code_;
     std::unordered_multimap<std::string, std::uint64_t> symbols_;

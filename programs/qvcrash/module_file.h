@@ -81,7 +81,8 @@ public:
      */
     virtual std::optional<bool> keeps_link_register(std::uint64_t address) = 0;
 
-    /** The end of the file's last loaded segment. */
+    /** The start of the file's first loaded segment, and the end of its last one. */
+    virtual std::uint64_t image_start() const = 0;
     virtual std::uint64_t image_end() const = 0;
 };
 

@@ -69,9 +69,10 @@ void check_calls(const crash_log &log, const std::vector<code_reference> &refere
 
 } // namespace
 
+// A program that is not position-independent has the bias 0 and starts far above it.
 bool used_module::contains(std::uint64_t address) const
 {
-    if (!bias || address < *bias)
+    if (!bias || address < *bias || address - *bias < (file != nullptr ? file->image_start() : 0))
         return false;
     return end != 0 ? address < end : file != nullptr && address - *bias < file->image_end();
 }

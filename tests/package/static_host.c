@@ -8,12 +8,25 @@
 #include <mcache.h>
 #include <qv_mtrace.h>
 #include <sighandler.h>
+#include <signal_printf.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <stimer.h>
 #include <string.h>
 
+/* Fails once more, in its part of the log. */
+static long add_state(unsigned int phase, unsigned long arg, void *record)
+{
+    int *volatile nothing = NULL;
+    (void)record;
+    if (phase != QV_COREDUMP_LAST)
+        return 0;
+    signal_printf((int)arg, "sessions: 1\n");
+    *nothing = 1;
+    return 0;
+}
 QV_CRASH_DETAILS;
+QV_COREDUMP_CALLBACK(add_state);
 
 struct session {
     struct hashtbl_link link;
