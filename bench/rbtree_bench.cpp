@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <cstddef>
 #include <map>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -28,7 +29,7 @@ struct Object {
     unsigned key;
 };
 
-// The search and the walk in the form that C callers write.
+// The search and the walk in the form that C callers write. The descent is the peers': what differs is the library.
 struct ByCall {
     using Object = ::Object;
     rb_root root{};
@@ -37,14 +38,15 @@ struct ByCall {
 
     void insert(Object &object)
     {
-        rb_node **slot = &root.node;
         rb_node *parent = nullptr;
-        while (*slot != nullptr) {
-            parent = *slot;
-            slot = object.key < object_of(parent)->key ? &parent->left : &parent->right;
+        bool goes_left = false;
+        for (rb_node *node = root.node; node != nullptr;) {
+            parent = node;
+            goes_left = object.key < object_of(node)->key;
+            node = goes_left ? node->left : node->right;
         }
         object.node = {reinterpret_cast<std::uintptr_t>(parent), nullptr, nullptr};
-        *slot = &object.node;
+        (parent == nullptr ? root.node : goes_left ? parent->left : parent->right) = &object.node;
         rb_insert_color(&object.node, &root);
     }
     void erase(Object &object) { rb_erase(&object.node, &root); }
@@ -148,14 +150,31 @@ struct Std {
 
 /* ---- the work ---- */
 
-std::vector<std::size_t> random_order(std::size_t n, unsigned seed)
-{
-    std::vector<std::size_t> order(n);
-    for (std::size_t i = 0; i < n; i++)
-        order[i] = i;
-    std::shuffle(order.begin(), order.end(), std::mt19937(seed));
-    return order;
-}
+// Orders of n objects in turn, too many for a branch predictor to learn: it learns the descents of one order of 1,000.
+class Orders {
+public:
+    Orders(std::size_t n, unsigned seed)
+    {
+        std::mt19937 random(seed);
+        orders_.resize(std::max<std::size_t>(kMinSteps / n, 1));
+        for (auto &order : orders_) {
+            order.resize(n);
+            std::iota(order.begin(), order.end(), 0U);
+            std::shuffle(order.begin(), order.end(), random);
+        }
+    }
+    const std::vector<unsigned> &next()
+    {
+        at_ = at_ + 1 == orders_.size() ? 0 : at_ + 1;
+        return orders_[at_];
+    }
+
+private:
+    static constexpr std::size_t kMinSteps = std::size_t{1} << 18;
+
+    std::vector<std::vector<unsigned>> orders_;
+    std::size_t at_ = 0;
+};
 
 template <typename Tree>
 void add(const std::string &name, std::size_t n)
@@ -165,42 +184,42 @@ void add(const std::string &name, std::size_t n)
             std::vector<typename Tree::Object> objects(n);
             for (std::size_t i = 0; i < n; i++)
                 objects[i].key = static_cast<unsigned>(i);
-            measured(state, objects, random_order(n, 1), random_order(n, 2));
+            measured(state, objects, Orders(n, 1), Orders(n, 2));
             state.counters["per object"] = benchmark::Counter(
                 static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
         })->Unit(benchmark::kMicrosecond);
     };
-    auto fill = [](Tree &tree, auto &objects, auto &order) {
-        for (std::size_t i : order)
+    auto fill = [](Tree &tree, auto &objects, const auto &order) {
+        for (unsigned i : order)
             tree.insert(objects[i]);
     };
-    auto empty = [](Tree &tree, auto &objects, auto &order) {
-        for (std::size_t i : order)
+    auto empty = [](Tree &tree, auto &objects, const auto &order) {
+        for (unsigned i : order)
             tree.erase(objects[i]);
     };
-    add_work("insert", [=](benchmark::State &state, auto &objects, auto come, auto go) {
+    add_work("insert", [=](benchmark::State &state, auto &objects, auto &&come, auto &&go) {
         for (auto _ : state) {
             Tree tree;
-            fill(tree, objects, come);
+            fill(tree, objects, come.next());
             state.PauseTiming();
-            empty(tree, objects, go);
+            empty(tree, objects, go.next());
             state.ResumeTiming();
         }
     });
-    add_work("walk", [=](benchmark::State &state, auto &objects, auto come, auto go) {
+    add_work("walk", [=](benchmark::State &state, auto &objects, auto &&come, auto &&go) {
         Tree tree;
-        fill(tree, objects, come);
+        fill(tree, objects, come.next());
         for (auto _ : state)
             benchmark::DoNotOptimize(tree.sum());
-        empty(tree, objects, go);
+        empty(tree, objects, go.next());
     });
-    add_work("erase", [=](benchmark::State &state, auto &objects, auto come, auto go) {
+    add_work("erase", [=](benchmark::State &state, auto &objects, auto &&come, auto &&go) {
         for (auto _ : state) {
             state.PauseTiming();
             Tree tree;
-            fill(tree, objects, come);
+            fill(tree, objects, come.next());
             state.ResumeTiming();
-            empty(tree, objects, go);
+            empty(tree, objects, go.next());
         }
     });
 }

@@ -13,6 +13,7 @@ static_assert(offsetof(rb_node, right) == 8 && offsetof(rb_node, left) == 16 && 
 
 namespace {
 
+constexpr std::uintptr_t kRed = 0;
 constexpr std::uintptr_t kBlack = 1;
 constexpr std::uintptr_t kColorBits = 3;
 
@@ -66,6 +67,21 @@ void replace_child(rb_node *parent, const rb_node *before, rb_node *now, rb_root
         parent->right = now;
 }
 
+// Sets the parent and the color, whatever they were.
+void link_up(rb_node *node, const rb_node *parent, std::uintptr_t color)
+{
+    node->parent_color = reinterpret_cast<std::uintptr_t>(parent) | color;
+}
+
+// Makes a black or missing node the child of parent.
+template <child Side>
+void hang(rb_node *parent, rb_node *below)
+{
+    parent->*Side = below;
+    if (below != nullptr)
+        link_up(below, parent, kBlack);
+}
+
 template <child Side>
 rb_node *outermost(rb_node *node)
 {
@@ -89,25 +105,32 @@ void rotate(rb_node *node, rb_root *root)
     replace_child(parent, node, up, root);
 }
 
-// Repairs a red node with a red parent, which is the near child of the grandparent. Returns the node that may now have
-// a red parent, or null when the tree is in order.
+// Repairs a red node with a red parent, which is the near child of the black grandparent. Returns the node that may now
+// have a red parent, or null when the tree is in order. All colors are known here, so links and colors are stored
+// together and not read back.
 template <child Near, child Far>
 rb_node *settle_red(rb_node *node, rb_node *parent, rb_node *grandparent, rb_root *root)
 {
+    rb_node *great = parent_of(grandparent);
     rb_node *uncle = grandparent->*Far;
     if (uncle != nullptr && is_red(uncle)) {
-        set_black(uncle);
-        set_black(parent);
-        set_red(grandparent);
+        link_up(uncle, grandparent, kBlack);
+        link_up(parent, grandparent, kBlack);
+        link_up(grandparent, great, kRed);
         return grandparent;
     }
     if (parent->*Far == node) {
-        rotate<Near, Far>(parent, root);
+        // A first rotation puts node above its parent.
+        hang<Far>(parent, node->*Near);
+        node->*Near = parent;
+        link_up(parent, node, kRed);
         parent = node;
     }
-    set_black(parent);
-    set_red(grandparent);
-    rotate<Far, Near>(grandparent, root);
+    hang<Near>(grandparent, parent->*Far);
+    parent->*Far = grandparent;
+    link_up(grandparent, parent, kRed);
+    link_up(parent, great, kBlack);
+    replace_child(great, grandparent, parent, root);
     return nullptr;
 }
 
