@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The wheel of tick timers against sorted timers of other kinds and a plain list, and what a tick costs.
 #include "bench/timer_peers.h"
+#include "hashtbl.h"
 
 #include <benchmark/benchmark.h>
 #include <random>
@@ -79,6 +80,20 @@ void idle_tick(benchmark::State &state)
         timers.run();
 }
 BENCHMARK(idle_tick);
+
+// The minimum of an idle tick: a call into the library, here of a function that does nothing, and two counters in
+// memory. Each tick loads what the one before it stored.
+void call_and_two_counters(benchmark::State &state)
+{
+    volatile unsigned tick = 0;
+    volatile unsigned current = 0;
+    for (auto _ : state) {
+        hashtbl_grow(nullptr);
+        tick = tick + 1;
+        current = (current + 1) & 1023;
+    }
+}
+BENCHMARK(call_and_two_counters);
 
 // A stall of 100,000 seconds with `pending` timers that all expire later. The time is per tick.
 void stall(benchmark::State &state)

@@ -120,8 +120,8 @@ atimer_bucket &bring_up_next(atimer_level &level)
     return level.buckets[level.current];
 }
 
-// The rest of a tick, from the first level whose new current bucket holds timers. A separate function, so that an idle
-// tick calls nothing and saves no registers.
+// The rest of a tick once level i is brought up to the bucket. A separate function, so that an idle tick calls nothing
+// and saves no registers.
 [[gnu::noinline]] void finish_tick(atimer_context &ctx, std::int32_t i, atimer_bucket *bucket)
 {
     for (;;) {
@@ -312,11 +312,11 @@ void free_atimer(struct atimer *timer)
 void per_tick_call(struct atimer_context *ctx)
 {
     ctx->tick++;
-    for (std::int32_t i = 0; comes_up(*ctx, i); i++) {
-        atimer_bucket &bucket = bring_up_next(ctx->levels[i]);
-        if (bucket.first != nullptr)
-            return finish_tick(*ctx, i, &bucket);
-    }
+    if (!comes_up(*ctx, 0))
+        return;
+    atimer_bucket &bucket = bring_up_next(ctx->levels[0]);
+    if (bucket.first != nullptr || comes_up(*ctx, 1))
+        finish_tick(*ctx, 0, &bucket);
 }
 
 int process_atimer(struct atimer_context *ctx)
