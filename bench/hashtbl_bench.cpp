@@ -4,6 +4,8 @@
 // it.
 #include "cxx/hashtbl.hpp"
 
+#include "bench/hashtbl_peer.h"
+
 #include <algorithm>
 #include <benchmark/benchmark.h>
 #include <bit>
@@ -12,10 +14,6 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
-#if __has_include(<boost/intrusive/unordered_set.hpp>)
-#define HAVE_BOOST
-#include <boost/intrusive/unordered_set.hpp>
-#endif
 #if __has_include(<uthash.h>)
 #define HAVE_UTHASH
 #define HASH_FUNCTION(key, length, hash) ((hash) = hash_of(*(key)))
@@ -78,28 +76,9 @@ struct ByView {
 };
 
 #ifdef HAVE_BOOST
-namespace bi = boost::intrusive;
-
-using Hook = bi::unordered_set_base_hook<bi::store_hash<true>, bi::link_mode<bi::normal_link>>;
-
-struct alignas(64) HookedSession : Hook {
-    unsigned id;
-};
-
-struct Hash {
-    std::size_t operator()(unsigned id) const { return hash_of(id); }
-    std::size_t operator()(const HookedSession &object) const { return hash_of(object.id); }
-};
-
-struct Equal {
-    bool operator()(unsigned id, const HookedSession &object) const { return id == object.id; }
-    bool operator()(const HookedSession &a, const HookedSession &b) const { return a.id == b.id; }
-};
-
 struct Boost {
-    using Object = HookedSession;
-    using Set = bi::unordered_set<Object, bi::base_hook<Hook>, bi::hash<Hash>, bi::equal<Equal>,
-                                  bi::power_2_buckets<true>, bi::compare_hash<true>>;
+    using Object = bench::HookedSession;
+    using Set = bench::HookedSet;
     std::vector<Set::bucket_type> buckets;
     Set set;
     Boost(std::size_t n, unsigned load)
@@ -110,27 +89,19 @@ struct Boost {
     void remove(Object &object) { set.erase(set.iterator_to(object)); }
     void *find(unsigned id)
     {
-        const auto found = set.find(id, Hash(), Equal());
+        const auto found = set.find(id, bench::Hash(), bench::Equal());
         return found == set.end() ? nullptr : &*found;
     }
 };
 
-// The same with the cost of a library boundary: a call, and a comparison through a pointer.
-struct EqualByPointer {
-    using Function = int (*)(const void *object, const void *key);
-    static inline Function volatile function = [](const void *object, const void *key) -> int {
-        return static_cast<const HookedSession *>(object)->id == *static_cast<const unsigned *>(key);
-    };
-    Function equal = function;
-    bool operator()(unsigned id, const HookedSession &object) const { return equal(&object, &id) != 0; }
-};
-
+// The same with the cost of a library boundary: a call into another shared object, and a comparison through a pointer.
 struct BoostByCall : Boost {
     using Boost::Boost;
-    [[gnu::noinline]] void *find(unsigned id)
+    void *find(unsigned id)
     {
-        const auto found = set.find(id, Hash(), EqualByPointer());
-        return found == set.end() ? nullptr : &*found;
+        return bench::find_by_call(set, &id, hash_of(id), [](void *object, void *key) -> int {
+            return static_cast<Object *>(object)->id == *static_cast<unsigned *>(key);
+        });
     }
 };
 #endif

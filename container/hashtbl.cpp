@@ -75,7 +75,8 @@ template <typename IsSought>
         void *object = object_of(table, link);
         if (is_sought(object))
             return object;
-        link = next_with(hash, at(link).next);
+        // Computed again: with the object alone, all that outlives the call fits the registers that calls preserve.
+        link = next_with(hash, at(link_of(table, object)).next);
     } while (link != nullptr);
     return nullptr;
 }

@@ -68,7 +68,8 @@ class Counter:
         names = [library.split() for library in libraries]
         flags += [f"-DHAVE_{name}" for name, _ in names]
         subprocess.run([COMPILER, "-std=c++20", "-O3", "-DNDEBUG", "-w", "-fno-exceptions", "-fno-rtti", "-o", target,
-                        ROOT / f"bench/{program}_bench.cpp", ROOT / "bench/count/main.cpp", *flags, "-lcommon",
+                        ROOT / f"bench/{program}_bench.cpp", *(ROOT / "bench").glob(f"{program}_peer.cpp"),
+                        ROOT / "bench/count/main.cpp", *flags, "-lcommon",
                         *(f"-l{library}" for _, library in names), "-lresolv", "-pthread"], check=True)
         return target
 
