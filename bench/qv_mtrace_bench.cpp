@@ -4,6 +4,8 @@
 // process uses.
 #include "qv_mtrace.h"
 
+#include "bench/qv_mtrace_peer.h"
+
 #include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <utility>
@@ -36,6 +38,7 @@ const bool registered = [] {
     const std::pair<const char *, allocator> all[] = {
         {"pair/ours", {std::malloc, std::free}},
         {"pair/bare", {__libc_malloc, __libc_free}},
+        {"pair/counting", {bench::counting_malloc, bench::counting_free}},
     };
     for (const auto &[name, which] : all) {
         for (int threads : {1, 2})

@@ -41,6 +41,8 @@ void *__libc_realloc(void *ptr, std::size_t size);
 void __libc_free(void *ptr);
 } // extern "C"
 
+#pragma GCC visibility push(hidden) // malloc() and free() address the variables directly
+
 namespace qv::hooks {
 
 using malloc_fn = void *(*)(std::size_t size, const void *caller);
@@ -255,5 +257,7 @@ inline std::uint32_t chunk_size(void *ptr)
 }
 
 } // namespace qv::hooks
+
+#pragma GCC visibility pop
 
 #endif

@@ -121,6 +121,13 @@ bool is_plain(Hook &hook, Hook plain_hook, Hook &old_hook)
     return service != nullptr ? service(ptr, caller) : hook(ptr, caller);
 }
 
+// For a thread whose shard is not at home.
+[[gnu::noinline]] void free_without_home(void *ptr)
+{
+    light::count_given_up<hooks::size_in_header>(&light::class_counters::frees, ptr);
+    __libc_free(ptr);
+}
+
 [[gnu::noinline]] void *realloc_slow_path(void *ptr, std::size_t size, const void *caller)
 {
     hooks::realloc_fn hook = hooks::load(__realloc_hook);
@@ -158,7 +165,8 @@ extern "C" {
 {
     if (!is_plain(__free_hook, plain.free, *hooks::saved_free_hook)) [[unlikely]]
         return free_slow_path(ptr, __builtin_return_address(0));
-    light::count_given_up<hooks::size_in_header>(&light::class_counters::frees, ptr);
+    if (!light::count_given_up_at_home<hooks::size_in_header>(&light::class_counters::frees, ptr)) [[unlikely]]
+        return free_without_home(ptr);
     __libc_free(ptr);
 }
 

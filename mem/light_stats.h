@@ -13,6 +13,10 @@
 #include <bit>
 #include <cstdint>
 
+// Declared hidden, so that malloc() and free() address them directly: a compiler that only sees a declaration expects
+// them in another object and loads each address from memory.
+#pragma GCC visibility push(hidden)
+
 namespace qv::light {
 
 inline constexpr unsigned kClasses = 32;
@@ -88,16 +92,24 @@ extern const hooks::own_set kHooks;
 
 // In these two, `size_of` returns what a block takes in the heap.
 
-// Called before the block is freed. Null counts nothing.
+// Called before the block is freed. Null counts nothing. Returns false if the thread's shard is not at home and nothing
+// was counted.
+template <auto size_of = hooks::chunk_size>
+[[gnu::always_inline]] inline bool count_given_up_at_home(counter what, void *block)
+{
+    if (block == nullptr)
+        return true;
+    statistics *own = shard_at_home();
+    if (own == nullptr) [[unlikely]]
+        return false;
+    count(*own, what, size_of(block), &class_counters::bytes_returned);
+    return true;
+}
+
 template <auto size_of = hooks::chunk_size>
 [[gnu::always_inline]] inline void count_given_up(counter what, void *block)
 {
-    if (block == nullptr)
-        return;
-    statistics *own = shard_at_home();
-    if (own != nullptr) [[likely]]
-        count(*own, what, size_of(block), &class_counters::bytes_returned);
-    else
+    if (!count_given_up_at_home<size_of>(what, block))
         count_in_searched_shard(what, size_of(block), &class_counters::bytes_returned, block);
 }
 
@@ -140,5 +152,7 @@ void watch_threads(); // once, at load
 void after_fork_in_child();
 
 } // namespace qv::light
+
+#pragma GCC visibility pop
 
 #endif
