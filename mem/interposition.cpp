@@ -121,7 +121,7 @@ bool is_plain(Hook &hook, Hook plain_hook, Hook &old_hook)
     return service != nullptr ? service(ptr, caller) : hook(ptr, caller);
 }
 
-// For a thread whose shard is not at home.
+// For a thread whose slot is not at home.
 [[gnu::noinline]] void free_without_home(void *ptr)
 {
     light::count_given_up<hooks::size_in_header>(&light::class_counters::frees, ptr);

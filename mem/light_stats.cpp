@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shards of the light statistics: their owners, and their sum.
+// The shards of the light statistics: the slots of their owners, and their sum.
 #include "mem/light_stats.h"
 
 #include <algorithm>
@@ -9,19 +9,21 @@
 
 namespace qv::light {
 
-std::uintptr_t owners[kShards];
+slot slots[kShards];
 statistics shards[kShards];
 statistics common_shard;
 statistics cleared;
 
 namespace {
 
-constexpr unsigned kProbes = 8; // length of a probe sequence: the home of the thread and the shards after it
+constexpr unsigned kProbes = 8; // length of a probe sequence: the home of the thread and the slots after it
+
+unsigned shards_in_use = 0; // the first ones
 
 pthread_key_t thread_end;
 bool thread_end_is_watched;
 
-// The last threads that gave their shard back. Such a thread counts what it still does in the common shard, since it
+// The last threads that gave their slot back. Such a thread counts what it still does in the common shard, since it
 // would never give back a second one. The kernel's thread id distinguishes it from a later thread with the same thread
 // pointer.
 std::uint64_t ending[64];
@@ -40,32 +42,51 @@ bool is_ending()
     });
 }
 
-void give_back(void *owner)
+void give_back(void *own)
 {
     unsigned i = __atomic_fetch_add(&next_ending, 1, __ATOMIC_RELAXED) % std::size(ending);
     __atomic_store_n(&ending[i], ending_mark(), __ATOMIC_RELAXED);
-    __atomic_store_n(static_cast<std::uintptr_t *>(owner), 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&static_cast<slot *>(own)->owner, 0, __ATOMIC_RELEASE);
 }
 
-// The first entry of owners in the thread's probe sequence that equals `owner` (0 for a free shard); null if none does.
-std::uintptr_t *probe(std::uintptr_t thread, std::uintptr_t owner)
+// The first slot in the thread's probe sequence with this owner (0 for a free slot); null if there is none.
+slot *probe(std::uintptr_t thread, std::uintptr_t owner)
 {
     for (unsigned i = 0; i < kProbes; i++) {
-        std::uintptr_t &each = owners[(threads::hash_of(thread, kShardBits) + i) % kShards];
-        if (__atomic_load_n(&each, __ATOMIC_RELAXED) == owner)
+        slot &each = slots[(threads::hash_of(thread, kShardBits) + i) % kShards];
+        if (__atomic_load_n(&each.owner, __ATOMIC_RELAXED) == owner)
             return &each;
     }
     return nullptr;
 }
 
-std::uintptr_t *claim(std::uintptr_t thread)
+// Null when all shards are in use. Normally there is one for each slot; a fork during a claim loses one to the child.
+statistics *next_shard()
 {
-    for (std::uintptr_t *free = probe(thread, 0); free != nullptr; free = probe(thread, 0)) {
+    unsigned i = __atomic_load_n(&shards_in_use, __ATOMIC_RELAXED);
+    while (i < kShards) {
+        if (__atomic_compare_exchange_n(&shards_in_use, &i, i + 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
+            return &shards[i];
+    }
+    return nullptr;
+}
+
+slot *claim(std::uintptr_t thread)
+{
+    for (slot *free = probe(thread, 0); free != nullptr; free = probe(thread, 0)) {
         if (is_ending())
             return nullptr;
         std::uintptr_t nobody = 0;
-        if (!__atomic_compare_exchange_n(free, &nobody, thread, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        if (!__atomic_compare_exchange_n(&free->owner, &nobody, kBeingClaimed, false, __ATOMIC_ACQUIRE,
+                                         __ATOMIC_RELAXED))
             continue;
+        if (free->shard == nullptr)
+            free->shard = next_shard();
+        if (free->shard == nullptr) {
+            __atomic_store_n(&free->owner, 0, __ATOMIC_RELEASE);
+            return nullptr;
+        }
+        __atomic_store_n(&free->owner, thread, __ATOMIC_RELEASE);
         if (thread_end_is_watched)
             pthread_setspecific(thread_end, free);
         return free;
@@ -77,10 +98,10 @@ std::uintptr_t *claim(std::uintptr_t thread)
 statistics *find_or_claim()
 {
     std::uintptr_t thread = threads::self();
-    std::uintptr_t *own = probe(thread, thread);
+    slot *own = probe(thread, thread);
     if (own == nullptr)
         own = claim(thread);
-    return own != nullptr ? &shards[own - owners] : nullptr;
+    return own != nullptr ? own->shard : nullptr;
 }
 
 template <typename Function>
@@ -101,7 +122,7 @@ statistics sum_of_shards()
     auto add_all = [&](const statistics &from) {
         for_each_counter(sum, from, [](std::uint32_t &to, std::uint32_t more) { to += more; });
     };
-    std::for_each(std::begin(shards), std::end(shards), add_all);
+    std::for_each_n(shards, __atomic_load_n(&shards_in_use, __ATOMIC_RELAXED), add_all);
     add_all(common_shard);
     return sum;
 }
@@ -147,9 +168,10 @@ void watch_threads()
 
 void after_fork_in_child()
 {
-    for (std::uintptr_t &owner : owners)
-        if (owner != threads::self())
-            owner = 0;
+    for (slot &each : slots) {
+        if (each.owner != threads::self())
+            each.owner = 0;
+    }
 }
 
 } // namespace qv::light

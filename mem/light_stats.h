@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // light_stats.h - the light statistics: counters by size class, and the hooks that keep them.
 //
-// Every allocation of the process is counted here, so no two threads write to one cache line. Each thread owns a shard
-// of counters. When it ends it gives the shard back with its counts, and reports sum over all shards. Threads that find
-// no free shard, and those that allocate while they end, count in one common shard by atomic additions.
+// Every allocation of the process is counted here, so no two threads write to one cache line. Each thread owns a slot
+// and with it a shard of counters. When it ends it gives the slot back, and reports sum over all shards. Threads that
+// find no free slot, and those that allocate while they end, count in one common shard by atomic additions.
 #ifndef LIBCOMMON_MEM_LIGHT_STATS_H
 #define LIBCOMMON_MEM_LIGHT_STATS_H
 
@@ -40,21 +40,31 @@ inline constexpr unsigned kShardBits = 7;
 inline constexpr unsigned kShards = 1U << kShardBits;
 static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 
-// owners[i] is the thread pointer of the owner of shards[i], or 0. Kept apart from the counters because every thread
-// reads it. Accessed atomically.
-extern std::uintptr_t owners[kShards];
+// A thread finds its slot by a hash of its thread pointer. A slot keeps the shard that its first owner got, and shards
+// are given out in their order: a process with few threads writes to few pages of them.
+struct slot {
+    std::uintptr_t owner; // thread pointer; 0 for none, kBeingClaimed for one to come. Accessed atomically
+    statistics *shard;    // null until the first claim. Written before `owner`, by the thread that claims
+};
+inline constexpr std::uintptr_t kBeingClaimed = 1;
+
+extern slot slots[kShards];
 extern statistics shards[kShards];
 extern statistics common_shard;
 
 // The sum at the last clear(), which reports subtract: only its owner writes to a shard, so clear() cannot.
 extern statistics cleared;
 
-// The thread's shard if it is the first one of its probe sequence; else null.
+// The thread's shard if its slot is the first one of its probe sequence; else null.
 inline statistics *shard_at_home()
 {
     std::uintptr_t thread = threads::self();
-    unsigned home = threads::hash_of(thread, kShardBits);
-    return __atomic_load_n(&owners[home], __ATOMIC_RELAXED) == thread ? &shards[home] : nullptr;
+    const slot &home = slots[threads::hash_of(thread, kShardBits)];
+    if (__atomic_load_n(&home.owner, __ATOMIC_RELAXED) != thread) [[unlikely]]
+        return nullptr;
+    if (home.shard == nullptr)
+        __builtin_unreachable(); // an owned slot has one: spares the callers' test
+    return home.shard;
 }
 
 // The k with 2^k <= size < 2^(k+1); sizes 0 and 1 are in class 0.
@@ -78,8 +88,8 @@ inline void count(statistics &own, counter what, std::uint32_t size, counter byt
     add(counters.*bytes, size);
 }
 
-// Counts for a thread whose shard is not at home: in the shard that its probe sequence holds or can get, else in the
-// common one. Returns the block, so that the caller can end in a tail call.
+// Counts for a thread whose slot is not at home: in the shard of the slot that its probe sequence holds or can get,
+// else in the common one. Returns the block, so that the caller can end in a tail call.
 void *count_in_searched_shard(counter what, std::uint32_t size, counter bytes, void *block);
 
 // Counts in the common shard. Returns null.
@@ -92,7 +102,7 @@ extern const hooks::own_set kHooks;
 
 // In these two, `size_of` returns what a block takes in the heap.
 
-// Called before the block is freed. Null counts nothing. Returns false if the thread's shard is not at home and nothing
+// Called before the block is freed. Null counts nothing. Returns false if the thread's slot is not at home and nothing
 // was counted.
 template <auto size_of = hooks::chunk_size>
 [[gnu::always_inline]] inline bool count_given_up_at_home(counter what, void *block)

@@ -15,8 +15,8 @@ namespace {
 
 std::ptrdiff_t taken()
 {
-    return std::count_if(std::begin(light::owners), std::end(light::owners),
-                         [](std::uintptr_t owner) { return owner != 0; });
+    return std::count_if(std::begin(light::slots), std::end(light::slots),
+                         [](const light::slot &slot) { return slot.owner != 0; });
 }
 
 void count_one()
@@ -78,6 +78,19 @@ TEST(LightShards, AThreadThatCountsWhileItEndsGetsNone)
     run_at_once(20, count_at_the_end);
     EXPECT_EQ(0, taken());
     EXPECT_GE(light::read()[5].allocs, 40U);
+}
+
+// A process with few threads writes to few pages.
+TEST(LightShards, AreGivenOutInTheirOrder)
+{
+    light::watch_threads();
+    run_at_once(10, count_together);
+    run_at_once(10, count_together);
+    auto is_used = [](const light::statistics &shard) { return shard[5].allocs != 0; };
+    const light::statistics *end = std::end(light::shards);
+    const light::statistics *unused = std::find_if_not(std::cbegin(light::shards), end, is_used);
+    EXPECT_NE(std::begin(light::shards), unused);
+    EXPECT_EQ(0, std::count_if(unused, end, is_used));
 }
 
 TEST(LightShards, AThreadKeepsItsShard)
