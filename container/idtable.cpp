@@ -99,9 +99,19 @@ bool clear(idtable_node *node, unsigned slot)
     return --node->count == 0;
 }
 
+// idtable16_find_entry(), to be compiled into its callers: the exported one is not.
+std::uintptr_t find(const idtable_node *root, unsigned key)
+{
+    const idtable_node *table2 = child(root, root_index(key));
+    if (table2 == nullptr)
+        return 0;
+    const idtable_node *table3 = child(table2, table2_index(key));
+    return table3 != nullptr ? table3->slots[table3_index(key)] : 0;
+}
+
 idtable_node *sub_root(const idtable_node *root, unsigned high)
 {
-    return reinterpret_cast<idtable_node *>(idtable16_find_entry(root, high));
+    return reinterpret_cast<idtable_node *>(find(root, high));
 }
 
 // Removes a value from the table of its low half, and that table with its last value. Returns 0, or -1 after the
@@ -217,11 +227,7 @@ int idtable16_remove_entry(struct idtable_node *root, unsigned key)
 
 uintptr_t idtable16_find_entry(const struct idtable_node *root, unsigned key)
 {
-    const idtable_node *table2 = child(root, root_index(key));
-    if (table2 == nullptr)
-        return 0;
-    const idtable_node *table3 = child(table2, table2_index(key));
-    return table3 != nullptr ? table3->slots[table3_index(key)] : 0;
+    return find(root, key);
 }
 
 uintptr_t idtable16_find_next_entry(const struct idtable_node *root, unsigned key)
@@ -301,7 +307,7 @@ uintptr_t idtable32_find_and_remove_entry(struct idtable_node *root, unsigned ke
         report(__func__, "no such table");
         return 0;
     }
-    std::uintptr_t value = idtable16_find_entry(sub, key & kHalfMask);
+    std::uintptr_t value = find(sub, key & kHalfMask);
     if (value != 0 && remove_and_prune(root, sub, key) != 0)
         report(__func__, "find and remove fails");
     return value;
@@ -310,7 +316,7 @@ uintptr_t idtable32_find_and_remove_entry(struct idtable_node *root, unsigned ke
 uintptr_t idtable32_find_entry(const struct idtable_node *root, unsigned key)
 {
     const idtable_node *sub = sub_root(root, key >> kHalfBits);
-    return sub != nullptr ? idtable16_find_entry(sub, key & kHalfMask) : 0;
+    return sub != nullptr ? find(sub, key & kHalfMask) : 0;
 }
 
 uintptr_t idtable32_find_next_entry(const struct idtable_node *root, unsigned key)
