@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -40,6 +41,12 @@ __attribute__((no_sanitize("address,thread,undefined")))
 #endif
 void read_bytes(unsigned long address, unsigned char *to, std::size_t size)
 {
+    if (size == sizeof(unsigned long) && address % sizeof(unsigned long) == 0) {
+        // A walk reads words. A word that was stored by bytes could not be forwarded to the load that follows.
+        unsigned long word = *reinterpret_cast<const volatile unsigned long *>(address);
+        std::memcpy(to, &word, sizeof word);
+        return;
+    }
     const volatile auto *from = reinterpret_cast<const volatile unsigned char *>(address);
     for (std::size_t i = 0; i < size; i++)
         to[i] = from[i];
