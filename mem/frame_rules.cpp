@@ -7,6 +7,8 @@
 #include "fault/find_object.h"
 #include "mem/pointer_hash.h"
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 
@@ -101,16 +103,6 @@ constexpr std::uint8_t kOffsetFromIndex = 0x3b; // from the index,
 constexpr std::uint8_t kIndirect = 0x80;        // to a pointer;
 constexpr std::uint8_t kCount32 = 0x03;         // an unsigned 32-bit number
 
-struct module {
-    std::uintptr_t start = 0, end = 0;
-    std::uintptr_t index = 0; // of the unwind tables; 0 for none
-
-    bool holds(std::uintptr_t address, std::size_t size) const
-    {
-        return address >= start && address < end && end - address >= size;
-    }
-};
-
 module find_module(std::uintptr_t address)
 {
     fault::found_object found;
@@ -119,23 +111,6 @@ module find_module(std::uintptr_t address)
     return {reinterpret_cast<std::uintptr_t>(found.start), reinterpret_cast<std::uintptr_t>(found.end),
             reinterpret_cast<std::uintptr_t>(found.unwind_index)};
 }
-
-// The rows of an index. Each has two offsets from the index: of the first address described, and of the description.
-struct table {
-    static constexpr std::size_t kRowSize = 8;
-
-    std::uintptr_t index = 0;
-    std::uintptr_t rows = 0;
-    std::size_t count = 0; // 0 for an index that is not supported
-
-    std::int64_t first_offset(std::size_t row) const { return load<std::int32_t>(rows + row * kRowSize); }
-
-    std::uintptr_t description(std::size_t row) const
-    {
-        std::intptr_t offset = load<std::int32_t>(rows + row * kRowSize + 4);
-        return index + static_cast<std::uintptr_t>(offset);
-    }
-};
 
 table read_index(const module &in)
 {
@@ -148,6 +123,17 @@ table read_index(const module &in)
     return in.holds(result.rows, result.count * table::kRowSize) ? result : table{};
 }
 
+std::int64_t first_offset(const table &in, std::size_t row)
+{
+    return load<std::int32_t>(in.rows + row * table::kRowSize);
+}
+
+std::uintptr_t description_of(const table &in, std::size_t row)
+{
+    std::intptr_t offset = load<std::int32_t>(in.rows + row * table::kRowSize + 4);
+    return in.index + static_cast<std::uintptr_t>(offset);
+}
+
 // The number of rows that begin at the address or before it. The last of them describes it, if one does.
 std::size_t count_up_to(const table &in, std::uintptr_t address)
 {
@@ -155,7 +141,7 @@ std::size_t count_up_to(const table &in, std::uintptr_t address)
     std::size_t low = 0, high = in.count;
     while (low < high) {
         std::size_t middle = (low + high) / 2;
-        if (in.first_offset(middle) <= target)
+        if (first_offset(in, middle) <= target)
             low = middle + 1;
         else
             high = middle;
@@ -411,7 +397,7 @@ rule rule_of(const frame_row &at, const architecture &machine)
     auto words = static_cast<std::int16_t>(fp.offset / kWord);
     if (words * kWord != fp.offset)
         return {};
-    return {true, from_frame_pointer, fp.where == saved::at_offset, static_cast<std::int32_t>(at.end_offset), words};
+    return {true, from_frame_pointer, fp.where == saved::at_offset, words, static_cast<std::int32_t>(at.end_offset)};
 }
 
 rule evaluate(const description &of, std::uintptr_t target, const architecture &machine)
@@ -453,29 +439,31 @@ struct entry {
 
 constinit entry entries[1U << kSlotBits] = {};
 
-std::uint64_t pack(const rule &r)
-{
-    return std::uint64_t{r.is_known} | std::uint64_t{r.from_frame_pointer} << 1 |
-           std::uint64_t{r.saves_frame_pointer} << 2 |
-           std::uint64_t{static_cast<std::uint16_t>(r.frame_pointer_words)} << 16 |
-           std::uint64_t{static_cast<std::uint32_t>(r.end_offset)} << 32;
-}
+// Powers of an odd number, so a change of one word always changes a sum of products.
+constexpr std::size_t kPowers = 16;
+constexpr auto kPower = [] {
+    std::array<std::uint64_t, kPowers> powers{};
+    std::uint64_t power = 1;
+    for (std::uint64_t &each : powers)
+        each = power *= 0x9e3779b97f4a7c15;
+    return powers;
+}();
 
-rule unpack(std::uint64_t packed)
-{
-    return {(packed & 1) != 0, (packed & 2) != 0, (packed & 4) != 0, static_cast<std::int32_t>(packed >> 32),
-            static_cast<std::int16_t>(packed >> 16)};
-}
-
-// A change of one word always changes the result.
+// A polynomial of the words. The products of a block do not wait for one another.
 std::uint64_t checksum_of(const record &of, std::uint64_t seed)
 {
-    constexpr std::uint64_t kFactor = 0x9e3779b97f4a7c15;
-    std::uint64_t sum = (seed ^ of.address) * kFactor;
+    std::uint64_t sum = seed ^ of.address;
+    std::size_t i = 0;
     std::uintptr_t at = of.address, end = of.address + of.size;
-    for (; end - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t))
-        sum = (sum ^ load<std::uint64_t>(at)) * kFactor;
-    return at != end ? (sum ^ load<std::uint32_t>(at)) * kFactor : sum;
+    for (; end - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
+        if (i == kPowers) {
+            sum *= kPower[0];
+            i = 0;
+        }
+        sum += load<std::uint64_t>(at) * kPower[i++];
+    }
+    sum *= kPower[1];
+    return at != end ? (sum ^ load<std::uint32_t>(at)) * kPower[2] : sum;
 }
 
 std::uint64_t checksum_of(const description &of)
@@ -505,10 +493,10 @@ bool read_kept(const entry &kept, std::uintptr_t return_address, const module &i
         return false;
     if (copy.return_address != return_address || copy.index != rows.index || copy.row >= rows.count)
         return false;
-    description of = read_description(in, rows.description(copy.row));
+    description of = read_description(in, description_of(rows, copy.row));
     if (!of.is_found() || checksum_of(of) != copy.checksum)
         return false;
-    *found = unpack(copy.packed);
+    *found = std::bit_cast<rule>(copy.packed);
     return true;
 }
 
@@ -534,27 +522,34 @@ void keep(entry &to, const entry &fresh)
     if (count == 0)
         return {};
     std::size_t row = count - 1;
-    description of = read_description(in, rows.description(row));
+    description of = read_description(in, description_of(rows, row));
     if (!of.is_found())
         return {};
     rule found = evaluate(of, target, machine);
-    keep(kept, {0, return_address, rows.index, row, checksum_of(of), pack(found)});
+    keep(kept, {0, return_address, rows.index, row, checksum_of(of), std::bit_cast<std::uint64_t>(found)});
     return found;
 }
 
 } // namespace
 
-rule find(std::uintptr_t return_address, const architecture &machine)
+// A separate function: it needs a large frame, and a walk calls it for few frames.
+[[gnu::noinline]] void finder::enter_module(std::uintptr_t address)
 {
-    module in = find_module(address_in_call(return_address));
-    table rows = read_index(in);
-    if (rows.count == 0)
+    in_ = find_module(address);
+    rows_ = read_index(in_);
+}
+
+rule finder::find(std::uintptr_t return_address)
+{
+    if (std::uintptr_t address = address_in_call(return_address); !in_.holds(address, 1))
+        enter_module(address);
+    if (rows_.count == 0)
         return {};
     entry &kept = entries[mem::pointer_hash(return_address, kSlotBits)];
     rule found;
-    if (read_kept(kept, return_address, in, rows, &found)) [[likely]]
+    if (read_kept(kept, return_address, in_, rows_, &found)) [[likely]]
         return found;
-    return find_and_keep(kept, return_address, in, rows, machine);
+    return find_and_keep(kept, return_address, in_, rows_, machine_);
 }
 
 } // namespace qv::frame_rules

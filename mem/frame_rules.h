@@ -8,6 +8,7 @@
 #ifndef LIBCOMMON_MEM_FRAME_RULES_H
 #define LIBCOMMON_MEM_FRAME_RULES_H
 
+#include <cstddef>
 #include <cstdint>
 
 namespace qv::frame_rules {
@@ -20,18 +21,53 @@ struct architecture {
     std::int64_t return_address_offset; // from the frame's end
 };
 
-// The end of a frame is the value of the stack pointer before the call.
+// The end of a frame is the value of the stack pointer before the call. One word, which is kept and returned as such: a
+// wider load of members that were just stored one by one would wait for them.
 struct rule {
-    bool is_known = false;
-    bool from_frame_pointer = false;  // the end is at an offset from the frame pointer; else the stack pointer
-    bool saves_frame_pointer = false; // the caller's frame pointer is on the stack; else it is still in the register
-    std::int32_t end_offset = 0;      // from that register
+    bool is_known : 1 = false;
+    bool from_frame_pointer : 1 = false; // the end is at an offset from the frame pointer; else the stack pointer
+    bool saves_frame_pointer : 1 =
+        false; // the caller's frame pointer is on the stack; else it is still in the register
     std::int16_t frame_pointer_words = 0; // where the frame pointer is saved, from the frame's end, in words
+    std::int32_t end_offset = 0;          // from that register
+};
+static_assert(sizeof(rule) == sizeof(std::uint64_t));
+
+struct module {
+    std::uintptr_t start = 0, end = 0;
+    std::uintptr_t index = 0; // of the unwind tables; 0 for none
+
+    bool holds(std::uintptr_t address, std::size_t size) const
+    {
+        return address >= start && address < end && end - address >= size;
+    }
 };
 
-// The rule for the function that a call returns to. Uses no lock and allocates nothing. Signal-safe. The code must be
-// running, which keeps its module loaded.
-rule find(std::uintptr_t return_address, const architecture &machine);
+// The rows of an index. Each has two offsets from the index: of the first address described, and of the description.
+struct table {
+    static constexpr std::size_t kRowSize = 8;
+
+    std::uintptr_t index = 0;
+    std::uintptr_t rows = 0;
+    std::size_t count = 0; // 0 for an index that is not supported
+};
+
+// The look-ups of one walk. A module is looked up once while the return addresses stay within it: their code is
+// running, which keeps it loaded.
+class finder {
+public:
+    explicit finder(const architecture &machine) : machine_(machine) {}
+
+    // The rule for the function that a call returns to. Uses no lock and allocates nothing. Signal-safe.
+    rule find(std::uintptr_t return_address);
+
+private:
+    void enter_module(std::uintptr_t address);
+
+    const architecture &machine_;
+    module in_;
+    table rows_;
+};
 
 } // namespace qv::frame_rules
 

@@ -31,11 +31,12 @@ constexpr frame_rules::architecture kMachine = {
     std::uintptr_t frame_pointer = word_at(record);
     std::uintptr_t return_address = word_at(record + kWord);
     std::uintptr_t stack_pointer = record + 2 * kWord;
+    frame_rules::finder rules(kMachine);
     for (int i = 0;; i++) {
         frames[i] = reinterpret_cast<void *>(return_address);
         if (i + 1 == max)
             return true;
-        frame_rules::rule rule = frame_rules::find(return_address, kMachine);
+        frame_rules::rule rule = rules.find(return_address);
         if (!rule.is_known)
             return false;
         std::uintptr_t base = rule.from_frame_pointer ? frame_pointer : stack_pointer;
