@@ -3,7 +3,8 @@
 `qv leaks` and `qv timers`.
 
 gdb loads this file by itself with libcommon.so.1 when it is installed in the auto-load folder; otherwise `source` it.
-Everything here reads memory and calls nothing in the process, so it serves live processes and cores alike.
+Everything here reads memory and calls nothing in the process, so it serves live processes and cores alike, those of
+another machine too: numbers are read in the byte order of the process, not of the machine that gdb runs on.
 
 Printers need the types of the public headers, which the debug information of the host has. The commands need nothing but
 the library's dynamic symbols: where no debug information describes a record, it is read by the layout of its header.
@@ -27,10 +28,24 @@ def address_of(pointer):
     return int(pointer.cast(gdb.lookup_type("unsigned long")))
 
 
-def read_number(address, size, signed=False):
-    """The number at an address; gdb.MemoryError where nothing is mapped."""
-    order = "big" if "big" in gdb.execute("show endian", to_string=True) else "little"
-    return int.from_bytes(bytes(gdb.selected_inferior().read_memory(address, size)), order, signed=signed)
+def read_bytes(address, size):
+    """gdb.MemoryError where nothing is mapped."""
+    return bytes(gdb.selected_inferior().read_memory(address, size))
+
+
+def byte_order():
+    """Of the process, as struct writes it."""
+    return ">" if "big" in gdb.execute("show endian", to_string=True) else "<"
+
+
+def unpack(form, address):
+    """The numbers at an address; the form is one of struct without its order."""
+    form = byte_order() + form
+    return struct.unpack(form, read_bytes(address, struct.calcsize(form)))
+
+
+def read_number(address, size):
+    return unpack({1: "B", 4: "I", 8: "Q"}[size], address)[0]
 
 
 def read_pointer(address):
@@ -38,13 +53,20 @@ def read_pointer(address):
 
 
 def read_text(address, size):
-    return bytes(gdb.selected_inferior().read_memory(address, size)).split(b"\0")[0].decode("utf-8", "replace")
+    """Fit for a terminal."""
+    text = read_bytes(address, size).split(b"\0")[0].decode("utf-8", "replace")
+    return "".join(c if c.isprintable() else "?" for c in text)
 
 
 def symbol_at(address):
     """The function at an address as gdb names it; the address where it has no name."""
     text = gdb.execute(f"info symbol {address:#x}", to_string=True).strip()
     return f"{address:#x}" if text.startswith("No symbol") else text.split(" in section")[0]
+
+
+def is_core():
+    connection = gdb.selected_inferior().connection
+    return connection is not None and connection.type == "core"
 
 
 def variable_address(name):
@@ -341,8 +363,7 @@ class QvCaches(gdb.Command):
         print(f"{'cache':32} {'size':>8} {'in use':>10} {'pages':>8} {'bytes held':>12}")
         for cache in bounded(self.records()):
             name = read_text(cache + self.NAME, self.NAME_SIZE)
-            pages, _flags, in_use, size, _slot, units, _per_slab, _id = (
-                read_number(cache + self.NUMBERS + 4 * i, 4) for i in range(8))
+            pages, _flags, in_use, size, _slot, units, _per_slab, _id = unpack("8I", cache + self.NUMBERS)
             print(f"{name:32} {size:8} {in_use:10} {pages:8} {pages * units * self.PAGE_UNIT:12}")
 
 
@@ -350,37 +371,45 @@ class Inspection:
     """The record of libcommon_inspect.h, which says where the statistics lie. Version 1 of its layout."""
 
     MAGIC, VERSION = 0x3154434550534E49, 1
-    HEAD = struct.Struct("=QII16s")
-    LIGHT = struct.Struct("=4Q12I")
-    TRACING = struct.Struct("=2Q16I")
+    HEAD, LIGHT, TRACING = "QII16s", "4Q12I", "2Q16I"
     CLASS_FIELDS = ("allocs", "frees", "releases", "products", "failures", "taken", "returned")
-    MOST_RECORDS = 1 << 20  # of a table; the library's has 65,536
+    # Limits for a damaged record. The library has 65,536 records of blocks and 32 classes.
+    MOST_RECORDS = 1 << 20
+    MOST_CLASSES, MOST_TABLE_SIZE = 64, 1 << 16
+    MOST_SHARDS = 4096
 
     def __init__(self):
         address = variable_address("qv_inspect")
-        magic, version, _size, _library = self.read(self.HEAD, address)
+        magic, version, _size, _library = unpack(self.HEAD, address)
         if magic != self.MAGIC or version != self.VERSION:
             raise gdb.GdbError(f"qv_inspect has version {version}; these commands know {self.VERSION}")
-        self.light = self.read(self.LIGHT, address + self.HEAD.size)
-        self.tracing = self.read(self.TRACING, address + self.HEAD.size + self.LIGHT.size)
+        light_at = address + struct.calcsize("=" + self.HEAD)
+        self.light = unpack(self.LIGHT, light_at)
+        self.tracing = unpack(self.TRACING, light_at + struct.calcsize("=" + self.LIGHT))
 
-    @staticmethod
-    def read(form, address):
-        return form.unpack(bytes(gdb.selected_inferior().read_memory(address, form.size)))
-
-    def size_classes(self):
-        """For each size class its counters as a dictionary."""
+    def tables(self):
+        """The counters of all shards, summed word by word modulo 2^32 since the last clear."""
         shards, common, cleared, is_on, count, shard_size, classes, class_size = self.light[:8]
         if read_number(is_on, 1) == 0:
             raise gdb.GdbError("The process has another allocator: nothing is counted.")
-        tables = [shards + i * shard_size for i in range(min(count, 4096))] + [common]
-        for number in range(min(classes, 64)):
-            row = {}
-            for name, at in zip(self.CLASS_FIELDS, self.light[8:]):
-                at += number * class_size
-                total = sum(read_number(table + at, 4) for table in tables) - read_number(cleared + at, 4)
-                row[name] = total & 0xFFFFFFFF
-            yield number, row
+        form = f"{min(classes * class_size, self.MOST_TABLE_SIZE) // 4}I"
+        addresses = [shards + i * shard_size for i in range(min(count, self.MOST_SHARDS))] + [common]
+        sums = [sum(words) for words in zip(*(unpack(form, address) for address in addresses))]
+        return [total - before & 0xFFFFFFFF for total, before in zip(sums, unpack(form, cleared))]
+
+    def size_classes(self):
+        """For each size class its smallest size, blocks, bytes and counters."""
+        words, class_size = self.tables(), self.light[7]
+        for number in range(min(self.light[6], self.MOST_CLASSES)):
+            row = {name: words[(number * class_size + at) // 4] for name, at in zip(self.CLASS_FIELDS, self.light[8:])}
+            blocks = row["allocs"] + row["products"] - row["frees"] - row["releases"] & 0xFFFFFFFF
+            if blocks >> 31:  # stopped between the counts of a free and of its allocation
+                blocks = 0
+            smallest = 1 << number if number else 0
+            # Bytes are counted in 32 bits; the number of blocks supplies the rest.
+            least, most = blocks * smallest, blocks * ((2 << number) - 1)
+            held = least + (row["taken"] - row["returned"] - least & 0xFFFFFFFF)
+            yield smallest, blocks, held if held <= most else least, row
 
     def blocks(self):
         """(bytes, time, chain) of each block in the table of full tracing."""
@@ -388,14 +417,15 @@ class Inspection:
         table = read_pointer(state + table_at)
         if table == 0:
             raise gdb.GdbError("There is no table: full tracing was never started (qv_mtrace_start()).")
-        memory = bytes(gdb.selected_inferior().read_memory(table, min(count, self.MOST_RECORDS) * size))
+        memory = read_bytes(table, min(count, self.MOST_RECORDS) * size)
+        order = byte_order()
         for at in range(0, len(memory), size):
-            if struct.unpack_from("=Q", memory, at + block_at)[0] == 0:
+            if struct.unpack_from(order + "Q", memory, at + block_at)[0] == 0:
                 continue
-            chain = struct.unpack_from(f"={length}Q", memory, at + chain_at)
+            chain = struct.unpack_from(f"{order}{length}Q", memory, at + chain_at)
             depth = chain.index(0) if 0 in chain else length
-            yield struct.unpack_from("=I", memory, at + bytes_at)[0], struct.unpack_from("=Q", memory, at + time_at)[0], \
-                chain[:depth]
+            yield struct.unpack_from(order + "I", memory, at + bytes_at)[0], \
+                struct.unpack_from(order + "Q", memory, at + time_at)[0], chain[:depth]
 
     def time_wait(self):
         return read_number(self.tracing[1], 8)
@@ -410,15 +440,13 @@ class QvHeap(gdb.Command):
     def invoke(self, _argument, _from_tty):
         print(f"{'from size':>10} {'blocks':>10} {'bytes':>12} {'allocs':>10} {'frees':>10} {'failures':>10}")
         held = count = 0
-        for number, row in Inspection().size_classes():
-            blocks = row["allocs"] + row["products"] - row["frees"] - row["releases"] & 0xFFFFFFFF
-            size = row["taken"] - row["returned"] & 0xFFFFFFFF
+        all_bytes = all_blocks = 0
+        for smallest, blocks, held, row in Inspection().size_classes():
             if not any(row.values()):
                 continue
-            held, count = held + size, count + blocks
-            print(f"{1 << number if number else 0:10} {blocks:10} {size:12} {row['allocs']:10} {row['frees']:10} "
-                  f"{row['failures']:10}")
-        print(f"{'all':>10} {count:10} {held:12}")
+            all_bytes, all_blocks = all_bytes + held, all_blocks + blocks
+            print(f"{smallest:10} {blocks:10} {held:12} {row['allocs']:10} {row['frees']:10} {row['failures']:10}")
+        print(f"{'all':>10} {all_blocks:10} {all_bytes:12}")
 
 
 class QvLeaks(gdb.Command):
@@ -435,8 +463,7 @@ class QvLeaks(gdb.Command):
         record = Inspection()
         least = int(argument) if argument else record.time_wait()
         blocks = list(record.blocks())
-        is_live = gdb.selected_inferior().pid != 0 and "core" not in gdb.execute("info target", to_string=True)
-        now = time.time() if is_live else max((when for _size, when, _chain in blocks), default=0)
+        now = max((when for _size, when, _chain in blocks), default=0) if is_core() else time.time()
         groups = {}
         for size, when, chain in blocks:
             if now - when >= least:

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A program with one of each record that gdb prints; it stops in all_made(). */
+/* A program with one of each record that gdb prints; it stops in all_made(). With any argument it aborts there, so that
+ * it leaves a core. */
 #include <atimer.h>
 #include <database.h>
 #include <hashtbl.h>
@@ -72,9 +73,10 @@ __attribute__((noinline)) void all_made(void)
     __asm__ volatile("");
 }
 
-int main(void)
+int main(int argc, char **argv)
 {
     int id;
+    (void)argv;
     table = hashtbl_init(4, offsetof(struct object, link), 0);
     pool = idpool_create("sessions", 10, 99);
     ids = idtable_alloc_table();
@@ -106,5 +108,7 @@ int main(void)
     qv_mtrace_start();
     keep_some();
     all_made();
+    if (argc > 1)
+        abort();
     return 0;
 }
