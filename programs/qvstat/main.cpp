@@ -154,18 +154,32 @@ std::optional<process_sample> sample_of(pid_t process, double interval)
     return now;
 }
 
+// What is known of one process. The report points into the sample, so that an inspected process stays where it is.
+struct inspected_process {
+    inspected_process(process_sample read, const command_line &line)
+        : sample(std::move(read)), places(*sample.process, line.debug_folders)
+    {
+        report.sample = &sample;
+        report.now = static_cast<std::uint64_t>(std::time(nullptr));
+        report.leaks = read_leaks(sample, line, report.now, &places);
+    }
+    inspected_process(const inspected_process &) = delete;
+    inspected_process &operator=(const inspected_process &) = delete;
+
+    process_sample sample;
+    code_places places;
+    process_report report;
+};
+
 int show(pid_t process, const command_line &line)
 {
     auto sample = sample_of(process, line.interval.value_or(kDefaultInterval));
     if (!sample)
         return kNotDone;
-    code_places places(*sample->process, line.debug_folders);
-    process_report report;
-    report.sample = &*sample;
-    report.now = static_cast<std::uint64_t>(std::time(nullptr));
-    report.leaks = read_leaks(*sample, line, report.now, &places);
+    inspected_process inspected(std::move(*sample), line);
+    process_report &report = inspected.report;
     if (line.shows_threads)
-        report.threads = place(read_threads(process, sample->process->memory()), &places);
+        report.threads = place(read_threads(process, inspected.sample.process->memory()), &inspected.places);
     if (line.as_json) {
         print(process_json(report));
         return kDone;
@@ -183,17 +197,13 @@ int show_leaks(pid_t process, const command_line &line)
     auto sample = sample_of(process, 0);
     if (!sample)
         return kNotDone;
-    code_places places(*sample->process, line.debug_folders);
-    process_report report;
-    report.sample = &*sample;
-    report.now = static_cast<std::uint64_t>(std::time(nullptr));
-    report.leaks = read_leaks(*sample, line, report.now, &places);
-    if (!report.leaks) {
+    inspected_process inspected(std::move(*sample), line);
+    if (!inspected.report.leaks) {
         complain("process " + std::to_string(process) +
                  " has no records of its blocks; it makes them from qv_mtrace_start() on");
         return kNotDone;
     }
-    print(line.as_json ? process_json(report) : leaks_text(report));
+    print(line.as_json ? process_json(inspected.report) : leaks_text(inspected.report));
     return kDone;
 }
 
