@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <string_view>
 
 namespace qvstat {
 namespace {
@@ -26,9 +25,12 @@ std::string labels_of(const process_sample &sample)
     return "pid=\"" + std::to_string(sample.process->process()) + "\",name=" + quoted(sample.process->name());
 }
 
+// A counter has no type here. OpenMetrics names its family without "_total", the text format before it with it, and
+// many tools (promtool, the collector of text files) read that one alone. A family without a type has one name in both,
+// and its help is found.
 struct family {
     const char *name;
-    const char *type;
+    const char *type; // empty for a counter
     const char *unit; // also the end of the name; empty for none
     const char *help;
 };
@@ -36,7 +38,8 @@ struct family {
 void append_head(std::string *text, const family &of)
 {
     const std::string name = of.name;
-    *text += "# TYPE " + name + ' ' + of.type + '\n';
+    if (*of.type != '\0')
+        *text += "# TYPE " + name + ' ' + of.type + '\n';
     if (*of.unit != '\0')
         *text += "# UNIT " + name + ' ' + of.unit + '\n';
     *text += "# HELP " + name + ' ' + of.help + '\n';
@@ -45,8 +48,6 @@ void append_head(std::string *text, const family &of)
 void append_line(std::string *text, const family &of, const std::string &labels, std::uint64_t value)
 {
     *text += of.name;
-    if (std::string_view(of.type) == "counter")
-        *text += "_total";
     if (!labels.empty())
         *text += '{' + labels + '}';
     *text += ' ' + std::to_string(value) + '\n';
@@ -62,11 +63,11 @@ constexpr process_family kProcessFamilies[] = {
      [](const process_sample &s) { return s.heap.bytes; }},
     {{"libcommon_heap_blocks", "gauge", "", "Blocks that the heap holds."},
      [](const process_sample &s) { return s.heap.blocks; }},
-    {{"libcommon_allocations", "counter", "", "Allocations and reallocations; starts again after 4294967295."},
+    {{"libcommon_allocations_total", "", "", "Allocations and reallocations; starts again after 4294967295."},
      [](const process_sample &s) { return std::uint64_t{s.heap.calls.allocs + s.heap.calls.products}; }},
-    {{"libcommon_frees", "counter", "", "Frees and reallocations; starts again after 4294967295."},
+    {{"libcommon_frees_total", "", "", "Frees and reallocations; starts again after 4294967295."},
      [](const process_sample &s) { return std::uint64_t{s.heap.calls.frees + s.heap.calls.releases}; }},
-    {{"libcommon_allocation_failures", "counter", "", "Failed allocations."},
+    {{"libcommon_allocation_failures_total", "", "", "Failed allocations."},
      [](const process_sample &s) { return std::uint64_t{s.heap.calls.failures}; }},
     {{"libcommon_traced_blocks", "gauge", "", "Blocks that full tracing has records of."},
      [](const process_sample &s) { return std::uint64_t{s.tracing.blocks}; }},

@@ -3,12 +3,8 @@
 #include "support/support.h"
 
 #include <arpa/inet.h>
-#include <cstring>
 #include <fcntl.h>
-#include <net/if.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,20 +20,6 @@ namespace {
 constexpr char kServer[] = "/usr/bin/debuginfod";
 constexpr unsigned short kPort = 8002;
 const std::string kHost = build_dir() + "/tests/failing_host";
-
-// No other machine and no other test is in it.
-bool enter_own_network()
-{
-    if (::unshare(CLONE_NEWNET) != 0)
-        return false;
-    ifreq request = {};
-    std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP | IFF_RUNNING;
-    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-    bool is_up = ::ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-    ::close(fd);
-    return is_up;
-}
 
 class server {
 public:

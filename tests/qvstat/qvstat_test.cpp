@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command qvstat, run as an engineer would on processes that have the library loaded.
-#include "support/support.h"
+#include "qvstat/processes.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <pty.h>
 #include <regex>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,62 +17,9 @@ using testing::HasSubstr;
 
 namespace {
 
-const std::string kProgram = build_dir() + "/qvstat";
-
-// A running host that has done what its arguments say, and waits.
-class Host {
-public:
-    explicit Host(std::vector<std::string> arguments)
-    {
-        int input[2], output[2];
-        if (pipe(input) != 0 || pipe(output) != 0)
-            abort();
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(input[0], STDIN_FILENO);
-            dup2(output[1], STDOUT_FILENO);
-            for (int fd : {input[0], input[1], output[0], output[1]})
-                close(fd);
-            const std::string path = build_dir() + "/tests/inspected_host";
-            std::vector<char *> argv = {const_cast<char *>(path.c_str())};
-            for (std::string &argument : arguments)
-                argv.push_back(argument.data());
-            argv.push_back(nullptr);
-            execv(path.c_str(), argv.data());
-            _exit(1);
-        }
-        close(input[0]);
-        close(output[1]);
-        input_ = input[1];
-        char ready[6];
-        EXPECT_EQ(6, read(output[0], ready, sizeof ready)) << "the host did not start";
-        close(output[0]);
-    }
-
-    ~Host()
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        close(input_);
-    }
-
-    Host(const Host &) = delete;
-    Host &operator=(const Host &) = delete;
-
-    std::string id() const { return std::to_string(pid_); }
-    bool lives() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
-
-    // Lets it allocate and free a block.
-    void allocate() { EXPECT_EQ(1, write(input_, "x", 1)); }
-
-private:
-    pid_t pid_;
-    int input_;
-};
-
 ChildResult qvstat(std::vector<std::string> arguments)
 {
-    arguments.insert(arguments.begin(), kProgram);
+    arguments.insert(arguments.begin(), kQvstat);
     return run_program(arguments);
 }
 
@@ -338,69 +282,6 @@ TEST(Metrics, NamesMayHoldAnything)
     expect_openmetrics(result.out);
 }
 
-// A running qvstat that serves metrics.
-class Server {
-public:
-    Server()
-    {
-        int output[2];
-        if (pipe(output) != 0)
-            abort();
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(output[1], STDOUT_FILENO);
-            close(output[0]);
-            execl(kProgram.c_str(), "qvstat", "--openmetrics", "--listen", "0", nullptr);
-            _exit(1);
-        }
-        close(output[1]);
-        char c;
-        while (read(output[0], &c, 1) == 1 && c != '\n')
-            greeting_ += c;
-        close(output[0]);
-    }
-
-    ~Server()
-    {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
-
-    const std::string &greeting() const { return greeting_; }
-
-    int connect() const
-    {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        std::size_t colon = greeting_.rfind(':');
-        address.sin_port = htons(static_cast<std::uint16_t>(std::atoi(greeting_.c_str() + colon + 1)));
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        EXPECT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address)) << greeting_;
-        return fd;
-    }
-
-    std::string ask(const std::string &request) const
-    {
-        int fd = connect();
-        EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
-        std::string answer;
-        char part[4096];
-        ssize_t size;
-        while ((size = read(fd, part, sizeof part)) > 0)
-            answer.append(part, static_cast<std::size_t>(size));
-        close(fd);
-        return answer;
-    }
-
-private:
-    pid_t pid_;
-    std::string greeting_;
-};
-
 TEST(Server, AnswersOnTheLoopback)
 {
     Host host({"caches"});
@@ -419,7 +300,7 @@ TEST(Server, SurvivesWrongClients)
     EXPECT_THAT(server.ask("GET / HTTP/1.1\r\n\r\n"), testing::StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(server.ask("POST /metrics HTTP/1.1\r\n\r\n"), testing::StartsWith("HTTP/1.1 405 "));
     EXPECT_THAT(server.ask("\r\n\r\n"), testing::StartsWith("HTTP/1.1 405 "));
-    close(server.connect()); // without a request
+    close(connect_to(server.port())); // without a request
     EXPECT_THAT(server.ask("GET /metrics?x HTTP/1.0\r\n\r\n"), testing::StartsWith("HTTP/1.1 200 "));
 }
 
@@ -450,7 +331,7 @@ TEST(Top, ShowsAndSortsUntilQ)
     ASSERT_LE(0, child);
     if (child == 0) {
         setenv("TERM", "vt100", 1);
-        execl(kProgram.c_str(), "qvstat", "top", "--interval", "0.2", nullptr);
+        execl(kQvstat.c_str(), "qvstat", "top", "--interval", "0.2", nullptr);
         _exit(77);
     }
     std::string screen;
@@ -486,22 +367,8 @@ TEST(Top, NeedsATerminal)
 
 TEST(Refusal, ProcessWithoutTheLibrary)
 {
-    int gate[2];
-    ASSERT_EQ(0, pipe(gate));
-    pid_t child = fork();
-    if (child == 0) {
-        dup2(gate[0], STDIN_FILENO);
-        close(gate[1]);
-        execl("/bin/cat", "cat", nullptr);
-        _exit(1);
-    }
-    close(gate[0]);
-    const std::string name = "/proc/" + std::to_string(child) + "/comm";
-    for (int i = 0; i < 5000 && read_file(name) != "cat\n"; i++)
-        usleep(1000);
-    ChildResult result = qvstat({std::to_string(child)});
-    close(gate[1]);
-    waitpid(child, nullptr, 0);
+    Stranger stranger;
+    ChildResult result = qvstat({stranger.id()});
     EXPECT_TRUE(result.exited(1));
     EXPECT_THAT(result.err, HasSubstr("does not have libcommon loaded"));
 }
@@ -522,9 +389,9 @@ TEST(Refusal, ProcessOfAnotherUser)
     Host host({});
     constexpr uid_t kNobody = 65534;
     ChildResult result = run_child([&host] {
-        if (setuid(kNobody) != 0 || access(kProgram.c_str(), X_OK) != 0)
+        if (setuid(kNobody) != 0 || access(kQvstat.c_str(), X_OK) != 0)
             _exit(77);
-        execl(kProgram.c_str(), "qvstat", host.id().c_str(), nullptr);
+        execl(kQvstat.c_str(), "qvstat", host.id().c_str(), nullptr);
         _exit(77);
     });
     if (result.exited(77))

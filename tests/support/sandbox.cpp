@@ -8,8 +8,11 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -143,6 +146,19 @@ void enter_sandbox()
 
     check(::chroot(root.c_str()), "chroot");
     check(::chdir("/"), "chdir");
+}
+
+bool enter_own_network()
+{
+    if (::unshare(CLONE_NEWNET) != 0)
+        return false;
+    ifreq loopback = {};
+    std::strcpy(loopback.ifr_name, "lo");
+    loopback.ifr_flags = IFF_UP | IFF_RUNNING;
+    int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    bool is_up = ::ioctl(fd, SIOCSIFFLAGS, &loopback) == 0;
+    ::close(fd);
+    return is_up;
 }
 
 } // namespace support

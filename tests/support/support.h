@@ -70,6 +70,9 @@ std::string build_dir();
 // Called by main(); a failure is printed and ends the process.
 void enter_sandbox();
 
+// Moves the process into a network of its loopback alone, where every port is free; false where that is not allowed.
+bool enter_own_network();
+
 } // namespace support
 
 #endif
