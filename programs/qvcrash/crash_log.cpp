@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <limits>
 
 namespace qvcrash {
 namespace {
 
 constexpr std::string_view kBlank = " \t";
+constexpr std::string_view kTitleMiddle = " for signal(";
 constexpr std::string_view kBacktraceTitle = "Backtracing:";
 constexpr std::string_view kBottomTitle = "\tStack bottom is at ";
 constexpr std::string_view kFrameStart = "\t<";
@@ -66,6 +68,16 @@ std::string_view next_line(std::string_view &text)
     std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     return line;
+}
+
+// As std::string_view::find(), which stops at each occurrence of the first character.
+std::size_t find_text(std::string_view text, std::string_view wanted, std::size_t from)
+{
+    if (from >= text.size())
+        return std::string_view::npos;
+    const void *found = ::memmem(text.data() + from, text.size() - from, wanted.data(), wanted.size());
+    return found == nullptr ? std::string_view::npos
+                            : static_cast<std::size_t>(static_cast<const char *>(found) - text.data());
 }
 
 // ---- code references ----
@@ -171,7 +183,7 @@ std::string process_name(std::string_view process_and_id, std::optional<int> id)
 
 class log_reader {
 public:
-    explicit log_reader(std::string_view text) : rest_(text) {}
+    log_reader(std::string_view text, log_extent extent) : rest_(text), extent_(extent) {}
 
     crash_log read(std::string_view file_name)
     {
@@ -191,15 +203,18 @@ private:
     static bool is_title(std::string_view line)
     {
         bool has_start = line.starts_with("PID ") || line.starts_with("TID ");
-        return has_start && line.find(" for signal(") != std::string_view::npos;
+        return has_start && line.find(kTitleMiddle) != std::string_view::npos;
     }
 
     // An older log's tail has no title: the new one lies over it.
     static bool has_several_titles(std::string_view text)
     {
         int count = 0;
-        while (!text.empty() && count < 2)
-            count += is_title(next_line(text)) ? 1 : 0;
+        for (std::size_t at = 0; (at = find_text(text, kTitleMiddle, at)) != std::string_view::npos && count < 2;) {
+            std::size_t begin = text.rfind('\n', at) + 1; // 0 in the first line
+            at = std::min(text.find('\n', at), text.size());
+            count += is_title(text.substr(begin, at - begin)) ? 1 : 0;
+        }
         return count > 1;
     }
 
@@ -219,9 +234,9 @@ private:
 
     bool read_head_line(std::string_view line)
     {
-        return read_title(line) || read_names(line) || read_values(line) ||
-               read_special(line, "fault  : ", &log_.fault) || read_special(line, "pc     : ", &log_.pc) ||
-               read_special(line, "sp     : ", &log_.sp) || read_special(line, "pstate : ", &log_.state);
+        return read_title(line) || read_registers(line) || read_special(line, "fault  : ", &log_.fault) ||
+               read_special(line, "pc     : ", &log_.pc) || read_special(line, "sp     : ", &log_.sp) ||
+               read_special(line, "pstate : ", &log_.state);
     }
 
     bool read_title(std::string_view line)
@@ -247,6 +262,13 @@ private:
         log_.signal = signal;
         has_title_ = true;
         return true;
+    }
+
+    bool read_registers(std::string_view line)
+    {
+        if (extent_ == log_extent::signature)
+            return line.starts_with("reg ") || line.starts_with('$');
+        return read_names(line) || read_values(line);
     }
 
     // "reg                   x0               x1 ..."
@@ -351,12 +373,35 @@ private:
 
     static bool is_own_line(std::string_view line)
     {
+        return line.find(kFrameArrow) != std::string_view::npos || has_own_start(line);
+    }
+
+    // Most lines that are asked about are not the library's, and begin with other characters.
+    static bool has_own_start(std::string_view line)
+    {
+        constexpr std::string_view kFirst = "\t$BPTfprs";
         constexpr std::string_view kStarts[] = {
-            "reg     ", "fault  : ", "pc     : ", "sp     : ", "pstate : ", kBottomTitle};
-        if (is_title(line) || line == kBacktraceTitle || line.starts_with("$ 0 ") ||
-            line.find(kFrameArrow) != std::string_view::npos)
-            return true;
-        return std::any_of(std::begin(kStarts), std::end(kStarts), [&](auto start) { return line.starts_with(start); });
+            "reg     ", "fault  : ", "pc     : ", "sp     : ", "pstate : ", "$ 0 ", kBottomTitle};
+        if (line.empty() || kFirst.find(line.front()) == std::string_view::npos)
+            return false;
+        return is_title(line) || line == kBacktraceTitle ||
+               std::any_of(std::begin(kStarts), std::end(kStarts), [&](auto start) { return line.starts_with(start); });
+    }
+
+    // Where the first of the library's lines begins; the text's size where it has none.
+    static std::size_t find_own_line(std::string_view text)
+    {
+        std::size_t arrow = std::min(find_text(text, kFrameArrow, 0), text.size());
+        std::string_view rest = text;
+        while (!rest.empty()) {
+            auto begin = static_cast<std::size_t>(rest.data() - text.data());
+            if (begin > arrow)
+                break;
+            std::string_view line = next_line(rest);
+            if (begin + line.size() > arrow || has_own_start(line))
+                return begin;
+        }
+        return text.size();
     }
 
     // The log is written over an older one and never cut, so what the library wrote after the bottom is the older
@@ -366,18 +411,10 @@ private:
         if (!has_backtrace_)
             return;
         skip(rest_, "\n");
-        std::string_view text = rest_;
-        std::size_t tail = text.size();
-        while (!text.empty()) {
-            std::size_t begin = static_cast<std::size_t>(text.data() - rest_.data());
-            if (is_own_line(next_line(text))) {
-                tail = begin;
-                break;
-            }
-        }
+        std::size_t tail = find_own_line(rest_);
         log_.host_text = rest_.substr(0, tail);
         log_.tail = rest_.substr(tail);
-        log_.details = take_details(&log_.host_text, &log_.tail);
+        log_.details = take_details(&log_.host_text, &log_.tail, extent_);
         if (log_.details && !log_.details->is_complete)
             problem("the details are cut short");
     }
@@ -426,6 +463,7 @@ private:
     }
 
     std::string_view rest_;
+    log_extent extent_;
     crash_log log_;
     std::vector<std::string> names_; // of the register line being read
     bool has_title_ = false;
@@ -437,9 +475,9 @@ private:
 
 } // namespace
 
-crash_log parse_crash_log(std::string_view text, std::string_view file_name)
+crash_log parse_crash_log(std::string_view text, std::string_view file_name, log_extent extent)
 {
-    return log_reader(text).read(file_name);
+    return log_reader(text, extent).read(file_name);
 }
 
 std::optional<found_reference> find_reference(std::string_view line)

@@ -75,8 +75,11 @@ struct crash_log {
  * Reads a log.
  * @param text       its bytes, hostile ones included
  * @param file_name  its name or path, of which the process, the kind and the signal are read
+ * @param extent     with log_extent::signature, registers and parts of the details are left out, and no problems are
+ *                   counted in them
  */
-crash_log parse_crash_log(std::string_view text, std::string_view file_name);
+crash_log parse_crash_log(std::string_view text, std::string_view file_name,
+                          log_extent extent = log_extent::everything);
 
 /** Finds the first code reference in a line, with its place; nothing when there is none. */
 struct found_reference {

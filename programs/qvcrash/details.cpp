@@ -35,21 +35,44 @@ void read_into(text_scanner *text, std::optional<Number> *to, int base = 10)
 
 class details_reader {
 public:
+    explicit details_reader(log_extent extent) : extent_(extent) {}
+
     log_details take() { return std::move(details_); }
 
     void read(std::string_view line)
     {
         text_scanner text(line);
+        if (!read_for_signature(text) && extent_ == log_extent::everything && !read_other(text) &&
+            !read_thread_line(line))
+            append(&details_.lines, std::string(line));
+    }
+
+private:
+    bool read_for_signature(text_scanner text)
+    {
+        if (text.skip("abort  : "))
+            details_.abort_message = text.rest();
+        else if (text.skip("cache  : "))
+            read_misuse(text);
+        else if (text.skip("module : "))
+            read_module(text, false);
+        else if (text.skip("gone   : "))
+            read_module(text, true);
+        else if (text.skip("found  : "))
+            read_found(text, &details_.found);
+        else
+            return false;
+        return true;
+    }
+
+    bool read_other(text_scanner text)
+    {
         if (text.skip("signal : "))
             read_signal(text);
         else if (text.skip("time   : "))
             read_into(&text, &details_.time);
         else if (text.skip("self   : "))
             read_self(text);
-        else if (text.skip("abort  : "))
-            details_.abort_message = text.rest();
-        else if (text.skip("cache  : "))
-            read_misuse(text);
         else if (text.skip("note   : "))
             read_note(text);
         else if (text.skip("arg0   : "))
@@ -58,23 +81,17 @@ public:
             read_range(text);
         else if (text.skip("exe    : "))
             details_.program = text.rest();
-        else if (text.skip("module : "))
-            read_module(text, false);
-        else if (text.skip("gone   : "))
-            read_module(text, true);
-        else if (text.skip("found  : "))
-            read_found(text, &details_.found);
         else if (text.skip("stack  : "))
             append(&details_.stack, std::string(text.rest()));
         else if (text.skip("code   : "))
             append(&details_.code_bytes, std::string(text.rest()));
         else if (text.skip("deadlock: "))
             append(&details_.deadlocks, std::string(text.rest()));
-        else if (!read_thread_line(line))
-            append(&details_.lines, std::string(line));
+        else
+            return false;
+        return true;
     }
 
-private:
     void read_signal(text_scanner text)
     {
         int number;
@@ -197,6 +214,7 @@ private:
         return true;
     }
 
+    log_extent extent_;
     log_details details_;
 };
 
@@ -216,7 +234,7 @@ std::size_t size_of_older_rest(std::string_view text)
 
 } // namespace
 
-std::optional<log_details> take_details(std::string *text, std::string *tail)
+std::optional<log_details> take_details(std::string *text, std::string *tail, log_extent extent)
 {
     std::size_t begin = text->starts_with(kBegin) ? 0 : text->find("\nDetails ");
     if (begin == std::string::npos)
@@ -227,7 +245,7 @@ std::optional<log_details> take_details(std::string *text, std::string *tail)
     int version;
     if (!title.skip(kBegin) || !title.number(&version) || title.rest() != ":")
         return {};
-    details_reader reader;
+    details_reader reader(extent);
     bool is_complete = false;
     while (!rest.empty() && !is_complete) {
         std::string_view line = next_line(rest);

@@ -72,13 +72,17 @@ struct log_details {
     std::vector<std::string> lines;      // memory, limits and versions, likewise
 };
 
+/** How much of a log is read: a signature needs no registers, threads, stack words and figures. */
+enum class log_extent { everything, signature };
+
 /**
  * Takes the details out of what follows a log's backtrace.
  * @param text  receives what is left: the host's own text
  * @param tail  receives the end of an older log's details that this log lies over
+ * @param extent  with log_extent::signature only what a signature is made of is filled in
  * @return nothing when there are none
  */
-std::optional<log_details> take_details(std::string *text, std::string *tail);
+std::optional<log_details> take_details(std::string *text, std::string *tail, log_extent extent);
 
 } // namespace qvcrash
 

@@ -22,7 +22,7 @@ struct partial_result {
 
 void count_log(const source_log &source, const signature_maker &make_signature, partial_result *result)
 {
-    crash_log log = parse_crash_log(source.text, source.name);
+    crash_log log = parse_crash_log(source.text, source.name, log_extent::signature);
     if (log.kind != log_kind::coredump) {
         result->others++;
         return;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
+#include <cerrno>
 #include <condition_variable>
 #include <deque>
 #include <fcntl.h>
@@ -19,7 +20,8 @@ namespace qvcrash {
 namespace {
 
 constexpr std::size_t kMaxLogSize = 1 << 20; // of what a group needs: a log's beginning
-constexpr std::size_t kMaxWaiting = 4096;
+constexpr std::size_t kBatch = 64;           // paths
+constexpr std::size_t kMaxWaiting = 64;      // batches
 constexpr std::size_t kArchiveBlock = 65536;
 
 bool is_log_name(std::string_view name)
@@ -35,40 +37,56 @@ bool is_archive_name(std::string_view name)
                        [name](auto ending) { return name.ends_with(ending); });
 }
 
-// Paths on their way from the thread that walks folders to those that read.
+using path_batch = std::vector<std::string>;
+
+// Paths on their way from the thread that walks folders to those that read, in batches: waking a thread costs as much
+// as reading a log.
 class path_queue {
 public:
+    // Of the one thread that puts.
     void put(std::string path)
     {
-        std::unique_lock lock(mutex_);
-        has_room_.wait(lock, [this] { return paths_.size() < kMaxWaiting; });
-        paths_.push_back(std::move(path));
-        has_path_.notify_one();
+        gathered_.push_back(std::move(path));
+        if (gathered_.size() == kBatch)
+            flush();
     }
 
     void close()
     {
+        flush();
         std::lock_guard lock(mutex_);
         is_closed_ = true;
         has_path_.notify_all();
     }
 
-    bool take(std::string *path)
+    bool take(path_batch *batch)
     {
         std::unique_lock lock(mutex_);
-        has_path_.wait(lock, [this] { return !paths_.empty() || is_closed_; });
-        if (paths_.empty())
+        has_path_.wait(lock, [this] { return !batches_.empty() || is_closed_; });
+        if (batches_.empty())
             return false;
-        *path = std::move(paths_.front());
-        paths_.pop_front();
+        *batch = std::move(batches_.front());
+        batches_.pop_front();
         has_room_.notify_one();
         return true;
     }
 
 private:
+    void flush()
+    {
+        if (gathered_.empty())
+            return;
+        std::unique_lock lock(mutex_);
+        has_room_.wait(lock, [this] { return batches_.size() < kMaxWaiting; });
+        batches_.push_back(std::move(gathered_));
+        gathered_.clear();
+        has_path_.notify_one();
+    }
+
+    path_batch gathered_;
     std::mutex mutex_;
     std::condition_variable has_path_, has_room_;
-    std::deque<std::string> paths_;
+    std::deque<path_batch> batches_;
     bool is_closed_ = false;
 };
 
@@ -85,9 +103,9 @@ public:
     }
 
 private:
-    void report(std::string_view name, std::time_t when)
+    void report(std::string_view name, std::size_t size, std::time_t when)
     {
-        visit_(thread_, {name, text_, when});
+        visit_(thread_, {name, {text_.get(), size}, when});
         progress_->logs++;
     }
 
@@ -95,10 +113,22 @@ private:
     {
         open_file file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
         struct stat status;
-        if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-            !read_all(file, kMaxLogSize, &text_))
+        if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
             return false;
-        report(path, status.st_mtime);
+        auto expected = static_cast<std::size_t>(status.st_size);
+        std::size_t used = 0;
+        while (used < kMaxLogSize) {
+            ssize_t n = ::read(file.get(), text_.get() + used, kMaxLogSize - used);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return false;
+            used += static_cast<std::size_t>(n);
+            // Most logs take one call: what the file had when it was opened is enough.
+            if (n == 0 || used == expected)
+                break;
+        }
+        report(path, used, status.st_mtime);
         return true;
     }
 
@@ -117,29 +147,28 @@ private:
                 continue;
             std::string full_name = path + ':' + name;
             std::time_t when = ::archive_entry_mtime(entry);
-            read_member(reader.get());
-            report(full_name, when);
+            report(full_name, read_member(reader.get()), when);
         }
         return status == ARCHIVE_EOF;
     }
 
-    void read_member(archive *reader)
+    // Its size, at most kMaxLogSize.
+    std::size_t read_member(archive *reader)
     {
-        text_.resize(kMaxLogSize);
         std::size_t used = 0;
-        while (used < text_.size()) {
-            la_ssize_t n = ::archive_read_data(reader, text_.data() + used, text_.size() - used);
+        while (used < kMaxLogSize) {
+            la_ssize_t n = ::archive_read_data(reader, text_.get() + used, kMaxLogSize - used);
             if (n <= 0)
                 break;
             used += static_cast<std::size_t>(n);
         }
-        text_.resize(used);
+        return used;
     }
 
     unsigned thread_;
     const log_visitor &visit_;
     read_progress *progress_;
-    std::string text_; // kept, so that its memory is used again
+    std::unique_ptr<char[]> text_{new char[kMaxLogSize]}; // of the log that is read
 };
 
 void put_folder(const std::string &path, path_queue *queue)
@@ -164,8 +193,10 @@ void read_logs(const std::vector<std::string> &paths, unsigned threads, const lo
     for (unsigned thread = 0; thread < threads; thread++) {
         readers.emplace_back([&, thread] {
             log_reader reader(thread, visit, progress);
-            for (std::string path; queue.take(&path);)
-                reader.read(path);
+            for (path_batch batch; queue.take(&batch);) {
+                for (const std::string &path : batch)
+                    reader.read(path);
+            }
         });
     }
     for (const std::string &path : paths) {

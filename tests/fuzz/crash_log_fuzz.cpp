@@ -12,6 +12,8 @@ using namespace qvcrash;
 
 namespace {
 
+constexpr char kName[] = "sampled89.coredump.11.log";
+
 void require(bool condition)
 {
     if (!condition)
@@ -23,12 +25,14 @@ void require(bool condition)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     std::string text(reinterpret_cast<const char *>(data), size);
-    crash_log log = parse_crash_log(text, "sampled89.coredump.11.log");
+    crash_log log = parse_crash_log(text, kName);
     require(log.registers.size() <= kRegisterCount);
     require(text.find(log.host_text) != std::string::npos && text.ends_with(log.tail));
     for (const logged_frame &frame : log.frames)
         require(text.find(frame.code.symbol) != std::string::npos && text.find(frame.code.file) != std::string::npos);
-    require(!signature_maker()(log).empty());
+    std::string signature = signature_maker()(log);
+    require(!signature.empty());
+    require(signature == signature_maker()(parse_crash_log(text, kName, log_extent::signature)));
     readable_signature(text);
 
     allocation_trace trace = parse_allocation_trace(text);

@@ -47,6 +47,16 @@ TEST(CrashSignature, SkipsWhatOnlyEndsAProcess)
                                "/usr/sbin/routed(__assert_fail+0x4) [0x25]", "/usr/sbin/routed(check+0x4) [0x30]"}));
 }
 
+TEST(CrashSignature, NeedsOnlyPartsOfALog)
+{
+    for (const std::string &name : list_dir(LIBCOMMON_LOGS)) {
+        std::string text = read_file(std::string(LIBCOMMON_LOGS) + '/' + name);
+        std::string signature = signature_maker()(parse_crash_log(text, name));
+        EXPECT_THAT(signature, testing::HasSubstr("!"));
+        EXPECT_EQ(signature, signature_maker()(parse_crash_log(text, name, log_extent::signature)));
+    }
+}
+
 TEST(CrashSignature, AtMostSoManyFrames)
 {
     auto log = log_with(11, {"/r(a+0x1) [0x1]", "/r(b+0x1) [0x1]", "/r(c+0x1) [0x1]", "/r(d+0x1) [0x1]"});
