@@ -3,11 +3,13 @@
 
 #include "allocation_trace.h"
 #include "mcache.h"
+#include "text_scanner.h"
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <numeric>
 
 namespace qvcrash {
@@ -194,6 +196,29 @@ bool is_named(const explained_frame &frame, std::string_view name)
             function.remove_prefix(kInner.size());
         return function == name || (function.starts_with(name) && function.substr(name.size()).starts_with('('));
     });
+}
+
+// A thread's outermost functions. What lies above them on the stack are arguments and function pointers.
+bool is_outermost(const explained_frame &frame)
+{
+    constexpr std::string_view kOutermost[] = {"__libc_start_call_main",
+                                               "__libc_start_main",
+                                               "__libc_start_main_impl",
+                                               "_start",
+                                               "start_thread",
+                                               "clone",
+                                               "__clone",
+                                               "clone3",
+                                               "__clone3"};
+    return std::any_of(std::begin(kOutermost), std::end(kOutermost), [&](auto name) { return is_named(frame, name); });
+}
+
+void cut_above_outermost(std::vector<explained_frame> *frames)
+{
+    auto is_walked = [](const explained_frame &frame) { return frame.origin == frame_origin::frame_record; };
+    auto first = std::find_if(frames->begin(), frames->end(),
+                              [&](const explained_frame &frame) { return is_walked(frame) && is_outermost(frame); });
+    frames->erase(std::remove_if(first, frames->end(), std::not_fn(is_outermost)), frames->end());
 }
 
 struct known_function {
@@ -757,6 +782,8 @@ void explain_text(std::string_view text, symbolizer *symbols, analysis *result)
 
 analysis explain(std::string_view text, const std::string &file_name, symbolizer *symbols)
 {
+    std::string plain;
+    text = with_plain_lines(text, &plain);
     analysis result;
     result.file_name = file_name;
     result.log = parse_crash_log(text, file_name);
@@ -770,6 +797,7 @@ analysis explain(std::string_view text, const std::string &file_name, symbolizer
         result.frames = explain_frames(log, result.modules);
         add_link_register(log, result.modules, &result.frames);
         add_found_words(log, result.modules, &result.frames);
+        cut_above_outermost(&result.frames);
         result.causes = explain_causes(log, result.frames, result.modules);
         collapse_repeats(&result.frames);
         result.threads = explain_threads(log, result.modules);

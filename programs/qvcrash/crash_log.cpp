@@ -2,6 +2,7 @@
 #include "crash_log.h"
 
 #include "base/log_names.h"
+#include "text_scanner.h"
 
 #include <algorithm>
 #include <charconv>
@@ -60,14 +61,6 @@ bool read_pointer(std::string_view &text, std::uint64_t *value)
         return false;
     text = rest;
     return true;
-}
-
-std::string_view next_line(std::string_view &text)
-{
-    std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    return line;
 }
 
 // As std::string_view::find(), which stops at each occurrence of the first character.
@@ -477,7 +470,8 @@ private:
 
 crash_log parse_crash_log(std::string_view text, std::string_view file_name, log_extent extent)
 {
-    return log_reader(text, extent).read(file_name);
+    std::string plain;
+    return log_reader(with_plain_lines(text, &plain), extent).read(file_name);
 }
 
 std::optional<found_reference> find_reference(std::string_view line)

@@ -10,14 +10,6 @@ constexpr std::string_view kBegin = "Details ";
 constexpr std::string_view kEnd = "Details end";
 constexpr std::size_t kMaxEntries = 20000; // of any list: logs are hostile input
 
-std::string_view next_line(std::string_view &text)
-{
-    std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    return line;
-}
-
 template <typename List, typename Entry>
 void append(List *list, Entry &&entry)
 {
@@ -233,6 +225,14 @@ std::size_t size_of_older_rest(std::string_view text)
 }
 
 } // namespace
+
+std::string_view without_deleted_mark(std::string_view path)
+{
+    constexpr std::string_view kMark = " (deleted)";
+    if (path.ends_with(kMark))
+        path.remove_suffix(kMark.size());
+    return path;
+}
 
 std::optional<log_details> take_details(std::string *text, std::string *tail, log_extent extent)
 {

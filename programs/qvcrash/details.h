@@ -20,6 +20,9 @@ struct detailed_module {
     bool is_gone = false; // unloaded before the crash
 };
 
+/** A module's path without what the kernel adds for a file that was deleted or replaced while it ran. */
+std::string_view without_deleted_mark(std::string_view path);
+
 // A word of a stack that follows a call instruction.
 struct found_word {
     std::uint64_t place = 0;

@@ -314,9 +314,11 @@ private:
         bool contains(std::uint64_t address) const { return address >= start && address < end; }
     };
 
-    // Null when the file ends before.
+    // Null when the file ends before, or is a separate debug file, which has no code.
     const unsigned char *read_code(const segment &s, std::uint64_t address, std::size_t size)
     {
+        if (is_without_code_)
+            return nullptr;
         auto offset = static_cast<int64_t>(s.offset + (address - s.start));
         Elf_Data *data = ::elf_getdata_rawchunk(elf_, offset, size, ELF_T_BYTE);
         return data != nullptr && data->d_size >= size ? static_cast<const unsigned char *>(data->d_buf) : nullptr;
@@ -344,6 +346,7 @@ private:
             machine_ = header.e_machine == EM_AARCH64  ? machine::aarch64
                        : header.e_machine == EM_X86_64 ? machine::x86_64
                                                        : machine::unknown;
+        is_without_code_ = lacks_code(elf_);
         std::size_t count = 0;
         ::elf_getphdrnum(elf_, &count);
         for (std::size_t i = 0; i < count; i++) {
@@ -352,9 +355,22 @@ private:
                 continue;
             image_start_ = std::min(image_start_, program.p_vaddr);
             image_end_ = std::max(image_end_, program.p_vaddr + program.p_memsz);
+            std::uint64_t size = is_without_code_ ? program.p_memsz : program.p_filesz;
             if ((program.p_flags & PF_X) != 0)
-                code_.push_back({program.p_vaddr, program.p_vaddr + program.p_filesz, program.p_offset});
+                code_.push_back({program.p_vaddr, program.p_vaddr + size, program.p_offset});
         }
+    }
+
+    // A separate debug file keeps the headers of the sections that it leaves out.
+    static bool lacks_code(Elf *elf)
+    {
+        for (Elf_Scn *section = nullptr; (section = ::elf_nextscn(elf, section)) != nullptr;) {
+            GElf_Shdr header;
+            if (::gelf_getshdr(section, &header) != nullptr && header.sh_type == SHT_NOBITS &&
+                (header.sh_flags & SHF_EXECINSTR) != 0)
+                return true;
+        }
+        return false;
     }
 
     // Units without an address table, as clang makes them, are asked one by one.
@@ -439,6 +455,7 @@ private:
     std::uint64_t image_start_ = UINT64_MAX; // until a segment was read
     std::uint64_t image_end_ = 0;
     std::vector<segment> code_;
+    bool is_without_code_ = false;
     std::unordered_multimap<std::string, std::uint64_t> symbols_;
 };
 

@@ -43,6 +43,9 @@ constexpr char kSkipped[] = "module:libc.so*\n"
                             "my_realloc_*\n"
                             "mcache_*\n"
                             "_ZSt9terminatev\n"
+                            "_ZN2qv6detail14note_exceptionEv\n"
+                            "_ZN2qv24note_uncaught_exceptions*\n"
+                            "_ZZN2qv24note_uncaught_exceptions*\n"
                             "__cxa_throw\n"
                             "__cxa_rethrow\n"
                             "_Znwm\n"
@@ -52,7 +55,7 @@ constexpr char kSkipped[] = "module:libc.so*\n"
 
 std::string_view last_component(std::string_view path)
 {
-    return path.substr(path.find_last_of('/') + 1);
+    return without_deleted_mark(path.substr(path.find_last_of('/') + 1));
 }
 
 std::string signal_name(std::optional<int> signal)
@@ -74,14 +77,21 @@ const detailed_module *module_at(const crash_log &log, std::uint64_t address)
     return found != modules.end() ? &*found : nullptr;
 }
 
+// A call that does not return may end its function. Its return address is the start of the next one, which the loader
+// names.
+bool names_next_function(const crash_log &log, const code_reference &code)
+{
+    return code.offset == 0 && !code.symbol.empty() && log.pc != code.address;
+}
+
 // An offset means something in one build only, so the build id goes with it where the log has one. An address without
 // a module means nothing in another process: no name.
 std::string frame_name(const crash_log &log, const code_reference &code)
 {
     constexpr std::size_t kIdDigits = 8; // enough to tell builds apart
-    if (!code.symbol.empty())
-        return std::string(last_component(code.file)).append("!").append(code.symbol);
     const detailed_module *module = module_at(log, code.address);
+    if (!code.symbol.empty() && (module == nullptr || !names_next_function(log, code)))
+        return std::string(last_component(code.file)).append("!").append(code.symbol);
     std::string_view file = code.file;
     if (file.empty()) {
         if (module == nullptr)

@@ -184,11 +184,7 @@ symbolizer::opened symbolizer::search(const std::string &path, const std::string
 
 const symbolizer::opened &symbolizer::open(const std::string &logged_path, const std::string &process)
 {
-    // The kernel marks a file that was replaced while it ran.
-    constexpr std::string_view kDeleted = " (deleted)";
-    std::string path = logged_path;
-    if (path.ends_with(kDeleted))
-        path.resize(path.size() - kDeleted.size());
+    std::string path(without_deleted_mark(logged_path));
     bool is_absolute = path.starts_with('/');
     std::string key = is_absolute ? path : path + '\n' + process;
     auto found = cache_.find(key);
@@ -220,6 +216,22 @@ used_module *symbolizer::add_module(const std::string &path, const crash_log &lo
     return module;
 }
 
+// The debug information alone, for a file that is gone or was replaced while it ran.
+const symbolizer::opened &symbolizer::open_by_build_id(const detailed_module &listed)
+{
+    std::string key = '\n' + listed.build_id;
+    auto found = cache_.find(key);
+    if (found != cache_.end())
+        return found->second;
+    opened result;
+    std::string path(without_deleted_mark(listed.path));
+    if (open_file file = debug_->find({listed.build_id, {}, 0, path})) {
+        result.found_path = "the debug file of build " + listed.build_id;
+        result.file = module_file::open(std::move(file), path, debug_.get());
+    }
+    return cache_.emplace(std::move(key), std::move(result)).first->second;
+}
+
 // From the details: paths, places and build ids of all modules.
 void symbolizer::load_listed(const crash_log &log, module_map *map)
 {
@@ -228,8 +240,17 @@ void symbolizer::load_listed(const crash_log &log, module_map *map)
         module->bias = listed.bias;
         module->end = listed.end;
         module->is_gone = listed.is_gone;
-        if (module->file != nullptr && !listed.build_id.empty())
+        if (listed.build_id.empty())
+            continue;
+        if (module->file != nullptr)
             module->sameness = module->file->build_id() == listed.build_id ? identity::same : identity::differs;
+        if (module->sameness == identity::same)
+            continue;
+        if (const opened &debug = open_by_build_id(listed); debug.file != nullptr) {
+            module->file = debug.file.get();
+            module->found_path = debug.found_path;
+            module->sameness = identity::same;
+        }
     }
 }
 

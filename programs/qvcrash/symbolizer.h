@@ -93,6 +93,7 @@ private:
     };
 
     const opened &open(const std::string &path, const std::string &process);
+    const opened &open_by_build_id(const detailed_module &listed);
     used_module *add_module(const std::string &path, const crash_log &log, module_map *map);
     void load_listed(const crash_log &log, module_map *map);
     void load_named(const crash_log &log, const std::vector<code_reference> &references, module_map *map);

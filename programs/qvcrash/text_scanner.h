@@ -5,9 +5,35 @@
 
 #include <algorithm>
 #include <charconv>
+#include <string>
 #include <string_view>
 
 namespace qvcrash {
+
+// The first line, without its newline, is taken off the text.
+inline std::string_view next_line(std::string_view &text)
+{
+    std::size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    return line;
+}
+
+// A log that came through a terminal, mail or another system may have a carriage return before each newline. Such a
+// text is copied to `plain` without them.
+inline std::string_view with_plain_lines(std::string_view text, std::string *plain)
+{
+    constexpr std::string_view kEnding = "\r\n";
+    if (text.find(kEnding) == std::string_view::npos)
+        return text;
+    plain->clear();
+    plain->reserve(text.size());
+    for (std::size_t end; (end = text.find(kEnding)) != std::string_view::npos;) {
+        plain->append(text.substr(0, end)).append(1, '\n');
+        text.remove_prefix(end + kEnding.size());
+    }
+    return plain->append(text);
+}
 
 // Each function takes what it reads off the front and returns true, or leaves the text alone and returns false.
 class text_scanner {

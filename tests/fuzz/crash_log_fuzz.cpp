@@ -3,6 +3,7 @@
 #include "programs/qvcrash/allocation_trace.h"
 #include "programs/qvcrash/crash_log.h"
 #include "programs/qvcrash/signature.h"
+#include "programs/qvcrash/text_scanner.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -24,15 +25,16 @@ void require(bool condition)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    std::string text(reinterpret_cast<const char *>(data), size);
-    crash_log log = parse_crash_log(text, kName);
+    std::string bytes(reinterpret_cast<const char *>(data), size), plain;
+    const std::string text(with_plain_lines(bytes, &plain));
+    crash_log log = parse_crash_log(bytes, kName);
     require(log.registers.size() <= kRegisterCount);
     require(text.find(log.host_text) != std::string::npos && text.ends_with(log.tail));
     for (const logged_frame &frame : log.frames)
         require(text.find(frame.code.symbol) != std::string::npos && text.find(frame.code.file) != std::string::npos);
     std::string signature = signature_maker()(log);
     require(!signature.empty());
-    require(signature == signature_maker()(parse_crash_log(text, kName, log_extent::signature)));
+    require(signature == signature_maker()(parse_crash_log(bytes, kName, log_extent::signature)));
     readable_signature(text);
 
     allocation_trace trace = parse_allocation_trace(text);

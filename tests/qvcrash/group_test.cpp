@@ -96,6 +96,36 @@ TEST(CrashSignature, BuildIdsGoWithOffsets)
     EXPECT_EQ("SIGSEGV routed!handle", signature_maker()(log)) << "a function is the same in the next build";
 }
 
+// The caller of abort() ends with the call, so that the next function begins at the return address.
+TEST(CrashSignature, AFunctionsStartIsNotItsOwnFrame)
+{
+    crash_log log = log_with_details(6,
+                                     "\t<0x10> -> /lib/libc.so.6(abort+0xd3) [0x20]\n"
+                                     "\t<0x20> -> /usr/sbin/routed(next_function+0) [0x403010]\n"
+                                     "\t<0x30> -> /usr/sbin/routed(main+0x10) [0x404000]\n",
+                                     kRoutedModule);
+    EXPECT_EQ("SIGABRT routed+0x3010@01234567 | routed!main", signature_maker()(log));
+}
+
+TEST(CrashSignature, AProgramThatWasReplacedWhileItRanIsTheSame)
+{
+    crash_log log =
+        log_with_details(11, "\t<0x10> -> 0x40301f\n",
+                         "module : 0000000000400000 0000000000500000 0123456789abcdef /usr/sbin/routed (deleted)\n");
+    EXPECT_EQ("SIGSEGV routed+0x301f@01234567", signature_maker()(log));
+}
+
+TEST(CrashSignature, LinesMayEndAsOnAnotherSystem)
+{
+    std::string name = "failing_host127.coredump.6.log", text = read_file(std::string(LIBCOMMON_LOGS) + '/' + name);
+    std::string expected = signature_maker()(parse_crash_log(text, name));
+    std::string other;
+    for (const std::string &line : lines(text))
+        other += line + "\r\n";
+    EXPECT_EQ(expected, signature_maker()(parse_crash_log(other, name)));
+    EXPECT_EQ(parse_crash_log(text, name).frames.size(), parse_crash_log(other, name).frames.size());
+}
+
 TEST(CrashSignature, WordsOfTheStackWhereTheWalkHasNone)
 {
     std::string found = "found  : 0000007ffffff010 0000000000401234\n"

@@ -346,6 +346,46 @@ TEST(QvcrashShow, ATreeOfDebugFilesByBuildId)
     EXPECT_TRUE(names_line(show_json(log, {"--root", root, "--debug", "/tmp/dbgsym"}), marked_line("null member")));
 }
 
+// An upgrade leaves the old program running: its file is gone, or another one has its path.
+TEST(QvcrashShow, ADebugFileServesWithoutItsProgram)
+{
+    std::string log = log_of("null-member");
+    ASSERT_TRUE(run_program({"/bin/mkdir", "-p", "/tmp/gone", "/tmp/debug"}).exited(0));
+    ASSERT_TRUE(
+        run_program({"/usr/bin/objcopy", "--only-keep-debug", kHost, "/tmp/debug/failing_host.debug"}).exited(0));
+    std::string upgraded = image_with("cp " + build_dir() + "/qvenv $image");
+    for (const std::string &root : {std::string("/tmp/gone"), upgraded}) {
+        EXPECT_FALSE(names_line(show_json(log, {"--root", root}), marked_line("null member")));
+        json object = show_json(log, {"--root", root, "--debug", "/tmp/debug"});
+        EXPECT_TRUE(names_line(object, marked_line("null member"))) << object.dump(1);
+        EXPECT_EQ("same", object["modules"][0]["identity"]);
+    }
+}
+
+TEST(QvcrashShow, LinesMayEndAsOnAnotherSystem)
+{
+    std::string log = log_of("null-member"), other;
+    for (const std::string &line : lines(read_file(log)))
+        other += line + "\r\n";
+    json expected = show_json(log);
+    write_file(log, other);
+    EXPECT_EQ(expected, show_json(log));
+}
+
+// Above main() the stack holds arguments and pointers to functions, and the walk may follow them.
+TEST(QvcrashShow, NothingIsAboveTheOutermostFunction)
+{
+    json frames = show_json(log_of("assert"))["frames"];
+    bool is_above = false;
+    for (const json &frame : frames) {
+        for (const json &function : frame["functions"]) {
+            std::string name = function["function"];
+            EXPECT_FALSE(is_above && name.find("start") == std::string::npos) << name;
+            is_above |= name == "__libc_start_call_main";
+        }
+    }
+}
+
 // Return addresses of the log follow no call there.
 TEST(QvcrashShow, AnotherBuildIsNoticed)
 {
