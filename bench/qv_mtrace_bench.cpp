@@ -77,6 +77,46 @@ void full_pair(benchmark::State &state)
 }
 BENCHMARK(full_pair)->Arg(100)->Arg(1000)->Arg(10000)->Arg(30000)->Arg(60000)->Arg(100000)->Arg(1000000);
 
+// The minimum that many live blocks add to such a pair: the blocks, and records of the table's size and number, of
+// which one is read and cleared and one written.
+void record_pair(benchmark::State &state)
+{
+    struct record {
+        void *block;
+        std::uintptr_t rest[10];
+    };
+    struct live_block {
+        void *block;
+        unsigned slot;
+    };
+    std::vector<record> records(MTRACE_TABLE_SIZE);
+    std::vector<live_block> live(static_cast<std::size_t>(state.range(0)));
+    std::vector<unsigned> free_slots;
+    for (unsigned slot = 0; slot < MTRACE_TABLE_SIZE; slot++) {
+        if (slot >= live.size()) {
+            free_slots.push_back(slot);
+            continue;
+        }
+        records[slot].block = __libc_malloc(32);
+        live[slot] = {records[slot].block, slot};
+    }
+    std::size_t i = 0, oldest = 0;
+    for (auto _ : state) {
+        live_block &each = live[i++ * 7919 % live.size()];
+        if (records[each.slot].block != each.block)
+            state.SkipWithError("a record is another block's");
+        records[each.slot].block = nullptr;
+        __libc_free(each.block);
+        std::swap(each.slot, free_slots[oldest]);
+        oldest = oldest + 1 == free_slots.size() ? 0 : oldest + 1;
+        each.block = __libc_malloc(32);
+        records[each.slot] = {each.block, {i, i, i, i, i, i, i, i, i, i}};
+    }
+    for (live_block &each : live)
+        __libc_free(each.block);
+}
+BENCHMARK(record_pair)->Arg(100)->Arg(60000);
+
 // Every call as a line in a file.
 void file_pair(benchmark::State &state)
 {
