@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
@@ -37,10 +38,12 @@ void read_setting(benchmark::State &state, std::size_t size)
         benchmark::DoNotOptimize(qv_getenv_filename(kFile, kLast));
 }
 
-void read_file(benchmark::State &state, std::size_t size)
+enum class search { no, yes };
+
+void read_file(benchmark::State &state, std::size_t size, search wanted)
 {
     write_settings(size);
-    std::vector<char> text(size);
+    std::vector<char> text(size + 1);
     for (auto _ : state) {
         int fd = ::open(kFile, O_RDONLY | O_CLOEXEC);
         struct flock lock = {};
@@ -49,6 +52,8 @@ void read_file(benchmark::State &state, std::size_t size)
         struct stat status;
         ::fstat(fd, &status);
         benchmark::DoNotOptimize(::read(fd, text.data(), static_cast<std::size_t>(status.st_size)));
+        if (wanted == search::yes)
+            benchmark::DoNotOptimize(std::strstr(text.data(), kLast));
         lock.l_type = F_UNLCK;
         ::fcntl(fd, F_SETLKW, &lock);
         ::close(fd);
@@ -56,13 +61,15 @@ void read_file(benchmark::State &state, std::size_t size)
 }
 
 BENCHMARK_CAPTURE(read_setting, usual, kUsualSize)->Name("ours");
-BENCHMARK_CAPTURE(read_file, usual, kUsualSize)->Name("bare");
+BENCHMARK_CAPTURE(read_file, usual, kUsualSize, search::no)->Name("bare");
+BENCHMARK_CAPTURE(read_file, search, kUsualSize, search::yes)->Name("bare_and_search");
 
-void of_size(benchmark::State &state, void (*read)(benchmark::State &state, std::size_t size))
+template <typename... More>
+void of_size(benchmark::State &state, void (*read)(benchmark::State &state, std::size_t size, More...), More... more)
 {
-    read(state, static_cast<std::size_t>(state.range(0)));
+    read(state, static_cast<std::size_t>(state.range(0)), more...);
 }
 BENCHMARK_CAPTURE(of_size, ours, read_setting)->Name("ours")->RangeMultiplier(10)->Range(1000, 10000000);
-BENCHMARK_CAPTURE(of_size, bare, read_file)->Name("bare")->RangeMultiplier(10)->Range(1000, 10000000);
+BENCHMARK_CAPTURE(of_size, bare, read_file, search::no)->Name("bare")->RangeMultiplier(10)->Range(1000, 10000000);
 
 } // namespace
