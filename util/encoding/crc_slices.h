@@ -47,10 +47,17 @@ Sum extend(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, con
         std::uint64_t bytes = 0;
         for (std::size_t i = 0; i < kStride; i++)
             bytes |= std::uint64_t{buf[i]} << (8 * i);
-        bytes ^= sum;
-        sum = 0;
-        for (std::size_t i = 0; i < kStride; i++)
-            sum = static_cast<Sum>(sum ^ tables[kStride - 1 - i][(bytes >> (8 * i)) & 0xFF]);
+        auto extended = [&](std::size_t i, std::uint64_t of) {
+            return tables[kStride - 1 - i][(of >> (8 * i)) & 0xFF];
+        };
+        // Only the first bytes meet the sum before. The others come first, so that the next eight wait for less.
+        Sum more = 0;
+        for (std::size_t i = sizeof sum; i < kStride; i++)
+            more = static_cast<Sum>(more ^ extended(i, bytes));
+        const std::uint64_t met = bytes ^ sum;
+        for (std::size_t i = 0; i < sizeof sum; i++)
+            more = static_cast<Sum>(more ^ extended(i, met));
+        sum = more;
     }
     for (; len > 0; len--, buf++)
         sum = static_cast<Sum>(tables[0][(sum ^ *buf) & 0xFF] ^ (sum >> 8));
