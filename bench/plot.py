@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Plots with two logarithmic axes as SVG, two panels in a row: size across, time upwards."""
+"""Plots as SVG, two panels in a row. A panel has two logarithmic axes, size across and time upwards, unless it says other
+ones."""
 import dataclasses
 import html
 import math
+import typing
 
 COLOURS = ["#b2182b", "#2166ac", "#4d9221", "#762a83", "#e08214", "#1b9e9e", "#777777"]
 WIDTH, HEIGHT = 500, 360
@@ -10,13 +12,6 @@ LEFT, RIGHT, TOP, BOTTOM = 64, 16, 34, 46
 BEND = 0.15  # a rise of the exponent by this much is a bend,
 RISE = 1.25  # where the time grows by this factor at least to the next size
 UNITS = ((1e9, "s"), (1e6, "ms"), (1e3, "µs"), (1, "ns"))
-
-
-@dataclasses.dataclass
-class Panel:
-    title: str
-    axis: str
-    lines: dict  # title -> [(size, nanoseconds)]
 
 
 def bends(points):
@@ -45,17 +40,54 @@ def count(exponent):
 class Axis:
     """A range of values on a range of pixels, from whole power of ten to whole power of ten."""
 
-    def __init__(self, values, first, last):
+    def __init__(self, values, first, last, label):
         self.low = math.floor(math.log10(min(values)) + 1e-9)
         self.high = max(math.ceil(math.log10(max(values)) - 1e-9), self.low + 1)
-        self.first, self.last = first, last
+        self.first, self.last, self.label = first, last, label
 
     def at(self, value):
         part = (math.log10(value) - self.low) / (self.high - self.low)
         return round(self.first + part * (self.last - self.first), 1)
 
-    def powers(self):
-        return range(self.low, self.high + 1)
+    def marks(self):
+        """(value, text) of each line across the panel."""
+        return [(10.0**power, self.label(power)) for power in range(self.low, self.high + 1)]
+
+
+class Linear:
+    """A range of values on a range of pixels, from 0 to a whole number of steps: about five, of 1, 2 or 5 times a power of
+    ten. `room` is how much more than the highest value there has to be."""
+
+    def __init__(self, values, first, last, room=1.0):
+        most = max(max(values) * room, 1e-9)
+        power = 10.0 ** math.floor(math.log10(most / 4))
+        self.step = next(n * power for n in (1, 2, 5, 10) if n * power * 6 >= most)
+        self.steps = math.ceil(most / self.step - 1e-9)
+        self.first, self.last = first, last
+
+    def at(self, value):
+        return round(self.first + value / (self.steps * self.step) * (self.last - self.first), 1)
+
+    def marks(self):
+        return [(n * self.step, f"{n * self.step:g}") for n in range(self.steps + 1)]
+
+
+def sizes(values, first, last):
+    return Axis(values, first, last, count)
+
+
+def times(values, first, last):
+    return Axis(values, first, last, duration)
+
+
+@dataclasses.dataclass
+class Panel:
+    title: str
+    axis: str
+    lines: dict  # title -> [(across, upwards)]: (size, nanoseconds) on the usual axes
+    across: typing.Callable = sizes
+    upwards: typing.Callable = times
+    dots: bool = True  # at each point
 
 
 def draw(panel, left, top):
@@ -63,22 +95,23 @@ def draw(panel, left, top):
     parts = [text(left + WIDTH / 2, top + 20, panel.title, "middle", "bold")]
     if not points:
         return parts + [text(left + WIDTH / 2, top + HEIGHT / 2, "not measured", "middle")]
-    across = Axis([n for n, _ in points], left + LEFT, left + WIDTH - RIGHT)
-    upwards = Axis([t for _, t in points], top + HEIGHT - BOTTOM, top + TOP)
-    for power in across.powers():
-        x = across.at(10**power)
+    across = panel.across([x for x, _ in points], left + LEFT, left + WIDTH - RIGHT)
+    upwards = panel.upwards([y for _, y in points], top + HEIGHT - BOTTOM, top + TOP)
+    for value, label in across.marks():
+        x = across.at(value)
         parts.append(segment(x, upwards.first, x, upwards.last))
-        parts.append(text(x, upwards.first + 16, count(power), "middle"))
-    for power in upwards.powers():
-        y = upwards.at(10.0**power)
+        parts.append(text(x, upwards.first + 16, label, "middle"))
+    for value, label in upwards.marks():
+        y = upwards.at(value)
         parts.append(segment(across.first, y, across.last, y))
-        parts.append(text(across.first - 6, y + 4, duration(power), "end"))
+        parts.append(text(across.first - 6, y + 4, label, "end"))
     parts.append(text((across.first + across.last) / 2, upwards.first + 36, panel.axis, "middle"))
     for number, (title, line) in enumerate(panel.lines.items()):
         colour = COLOURS[number % len(COLOURS)]
         path = " ".join(f"{across.at(n)},{upwards.at(t)}" for n, t in line)
         parts.append(f'<polyline fill="none" stroke="{colour}" stroke-width="2" points="{path}"/>')
-        parts += [f'<circle cx="{across.at(n)}" cy="{upwards.at(t)}" r="2.5" fill="{colour}"/>' for n, t in line]
+        if panel.dots:
+            parts += [f'<circle cx="{across.at(n)}" cy="{upwards.at(t)}" r="2.5" fill="{colour}"/>' for n, t in line]
         y = top + TOP + 14 + 15 * number
         parts.append(f'<path d="M{left + LEFT + 8},{y - 4}h18" stroke="{colour}" stroke-width="2"/>')
         parts.append(text(left + LEFT + 30, y, title))
