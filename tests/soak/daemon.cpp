@@ -528,7 +528,8 @@ void answer(const Daemon &daemon, int fd)
         return;
     }
     daemon.check(vrid == static_cast<unsigned>(kDaemonVrs[daemon.index]), "a request of another VR arrived");
-    int result = qv_sendto(fd, text, static_cast<std::size_t>(n), 0, reinterpret_cast<sockaddr *>(&client), length, vrid);
+    int result =
+        qv_sendto(fd, text, static_cast<std::size_t>(n), 0, reinterpret_cast<sockaddr *>(&client), length, vrid);
     daemon.check(result == 0, "the VR server cannot answer");
 }
 
@@ -596,7 +597,7 @@ void trace_fully(const Daemon &daemon)
 
 bool wait_for_text(const std::string &path, const std::string &text)
 {
-    for (auto end = steady::now() + 20s; steady::now() < end;) {
+    for (auto end = steady::now() + 60s; steady::now() < end;) {
         if (support::read_file(path).find(text) != std::string::npos)
             return true;
         std::this_thread::sleep_for(10ms);
@@ -613,7 +614,8 @@ void write_trace_file(const Daemon &daemon)
 {
     std::string path = "/etc/mtrace" + std::to_string(::getpid()) + ".log";
     ::kill(::getpid(), SIGUSR2);
-    std::this_thread::sleep_for(500ms);
+    daemon.check(wait_for_text(path, "= Start\n"), "the trace file has no start"); // signals that wait are merged
+    wait_beating(daemon, 500ms);
     ::kill(::getpid(), SIGUSR2);
     daemon.check(wait_for_text(path, "\n= End\n"), "the trace file has no end");
     for (const std::string &line : support::lines(support::read_file(path))) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// soak_living SECONDS SAMPLES [PERIOD] - keeps a system of processes alive for a time, disturbs it from outside, and writes a
-// sample of it every PERIOD seconds (5), as a JSON object a line, to the file SAMPLES.
+// soak_living SECONDS SAMPLES [PERIOD] - keeps a system of processes alive for a time, disturbs it from outside, and
+// writes a sample of it every PERIOD seconds (5), as a JSON object a line, to the file SAMPLES.
 //
 //     driver ── shared record ──┬── daemon "traced" ── children     threads that allocate, fork, log, trace, serve
 //       │ samples, dump         ├── daemon "light" ── children      (daemon.cpp)
@@ -34,6 +34,7 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -167,7 +168,28 @@ int run_vr_client(Shared *shared)
 
 namespace {
 
-volatile std::sig_atomic_t interrupted;
+// The signals that end a run early are blocked in all of its processes, which inherit the mask, so that a terminal's ^C
+// does not end a daemon. The driver polls them.
+void block_interrupts()
+{
+    sigset_t set;
+    ::sigemptyset(&set);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP})
+        ::sigaddset(&set, sig);
+    ::sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+bool is_interrupted()
+{
+    sigset_t set;
+    ::sigpending(&set);
+    return ::sigismember(&set, SIGINT) == 1 || ::sigismember(&set, SIGTERM) == 1;
+}
+
+void die_with_parent()
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+}
 
 std::string quoted(const std::string &text)
 {
@@ -282,6 +304,7 @@ pid_t Driver::start(const std::vector<std::string> &arguments, bool on_stand_in_
     pid_t pid = ::fork();
     if (pid != 0)
         return pid;
+    die_with_parent();
     int null = ::open("/dev/null", O_RDWR);
     ::dup2(null, 2);
     if (on_stand_in_kernel) {
@@ -326,8 +349,8 @@ void Driver::start_processes()
     ::mkdir("/tmp/dump", 0755);
     ::mkdir("/var/sysinfo/logs", 0755);
     support::write_file(kVrConfiguration, "vsys root id=0 default-vr=1\nvsys branch id=3 default-vr=7\n"
-                                   "vr default id=1 vsys=0\nvr trust id=7 vsys=3\nvr guests id=8 vsys=3\n"
-                                   "vr clients id=9 vsys=3\ninterface eth0-1 id=17 vsys=3 vr=7\n");
+                                          "vr default id=1 vsys=0\nvr trust id=7 vsys=3\nvr guests id=8 vsys=3\n"
+                                          "vr clients id=9 vsys=3\ninterface eth0-1 id=17 vsys=3 vr=7\n");
     for (unsigned i = 0; i < kDaemons; i++)
         start_daemon(i);
     ::sleep(1); // until the services are bound
@@ -338,7 +361,8 @@ void Driver::check_daemon(unsigned i)
 {
     int status = 0;
     if (::waitpid(daemons_[i], &status, WNOHANG) == daemons_[i]) {
-        shared_->fail(std::string("the daemon \"") + kDaemonNames[i] + "\" ended with status " + std::to_string(status));
+        shared_->fail(std::string("the daemon \"") + kDaemonNames[i] + "\" ended with status " +
+                      std::to_string(status));
         start_daemon(i);
         return;
     }
@@ -418,15 +442,16 @@ void Driver::ask_for_dump()
     constexpr std::array<int, 3> kRequests = {14, 51, 52};
     int sig = kRequests[dumps_ / kDaemons % kRequests.size()];
     unsigned i = dumps_++ % kDaemons;
-    std::string path = std::string(sig == 51 ? "/tmp/dump" : "/etc/core") + "/soak_living" + std::to_string(daemons_[i]) +
-                       ".attach." + std::to_string(sig) + ".log";
+    std::string path = std::string(sig == 51 ? "/tmp/dump" : "/etc/core") + "/soak_living" +
+                       std::to_string(daemons_[i]) + ".attach." + std::to_string(sig) + ".log";
     ::unlink(path.c_str());
     std::string log = timed(shared_->timings[kDumpTime], [&] {
         signal_somewhere(daemons_[i], sig, static_cast<unsigned>(random_()));
         return wait_for_log(path);
     });
     if (!is_complete_log(log, daemons_[i]))
-        shared_->fail(std::string(kDaemonNames[i]) + ": the dump of signal " + std::to_string(sig) + " ends in " + end_of(log));
+        shared_->fail(std::string(kDaemonNames[i]) + ": the dump of signal " + std::to_string(sig) + " ends in " +
+                      end_of(log));
     ::unlink(path.c_str());
     shared_->count(kDumps);
 }
@@ -444,8 +469,8 @@ Lines lines_of(const std::string &text)
     return {support::lines(text.substr(0, end)), text.substr(end)};
 }
 
-// The first damage to the file, or an empty text. A killed writer may leave the file short, with a part of one record at the
-// end, but never a record twice or another text.
+// The first damage to the file, or an empty text. A killed writer may leave the file short, with a part of one record
+// at the end, but never a record twice or another text.
 std::string damage(const Lines &lines)
 {
     std::array<unsigned, kSettings> seen{};
@@ -502,8 +527,10 @@ void Driver::check_settings()
 void Driver::kill_setting_writer()
 {
     pid_t writer = ::fork();
-    if (writer == 0)
+    if (writer == 0) {
+        die_with_parent();
         write_settings(shared_, writers_ * 1000);
+    }
     writers_++;
     std::this_thread::sleep_for(std::chrono::microseconds(500 + random_() % 8000));
     ::kill(writer, SIGKILL);
@@ -604,8 +631,8 @@ double cpu_of(pid_t pid)
     unsigned long times[4] = {};
     std::size_t name_end = stat.rfind(')');
     if (name_end == std::string::npos ||
-        std::sscanf(stat.c_str() + name_end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %lu %lu", &times[0],
-                    &times[1], &times[2], &times[3]) != 4)
+        std::sscanf(stat.c_str() + name_end + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu %lu %lu",
+                    &times[0], &times[1], &times[2], &times[3]) != 4)
         return 0;
     return static_cast<double>(times[0] + times[1] + times[2] + times[3]) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
@@ -637,9 +664,10 @@ std::string Driver::timing_sample()
         std::uint32_t most = shared_->timings[i].take_most();
         text += std::string(text.empty() ? "" : ", ") + quoted(kTimingNames[i]) + ": {" + member("n", n);
         if (n != 0)
-            text += ", " + member("p50", percentile(difference, 0.5)) + ", " + member("p99", percentile(difference, 0.99)) +
-                    ", " + member("max", most) + ", " + member("all_p50", percentile(counts, 0.5)) + ", " +
-                    member("all_p99", percentile(counts, 0.99)) + ", " + member("all_p999", percentile(counts, 0.999));
+            text += ", " + member("p50", percentile(difference, 0.5)) + ", " +
+                    member("p99", percentile(difference, 0.99)) + ", " + member("max", most) + ", " +
+                    member("all_p50", percentile(counts, 0.5)) + ", " + member("all_p99", percentile(counts, 0.99)) +
+                    ", " + member("all_p999", percentile(counts, 0.999));
         text += "}";
     }
     return text;
@@ -696,24 +724,26 @@ void Driver::describe_run()
 {
     utsname machine;
     ::uname(&machine);
-    put("{\"kind\": \"start\", " + member("time", std::time(nullptr)) + ", \"kernel\": " +
-        quoted(std::string(machine.sysname) + " " + machine.release) + ", \"machine\": " + quoted(machine.machine) +
-        ", \"version\": " + quoted(libcommon_version()) + ", \"processor\": " + quoted(first_line_after("/proc/cpuinfo", "model name")) + ", " +
+    put("{\"kind\": \"start\", " + member("time", std::time(nullptr)) +
+        ", \"kernel\": " + quoted(std::string(machine.sysname) + " " + machine.release) +
+        ", \"machine\": " + quoted(machine.machine) + ", \"version\": " + quoted(libcommon_version()) +
+        ", \"processor\": " + quoted(first_line_after("/proc/cpuinfo", "model name")) + ", " +
         member("processors", ::sysconf(_SC_NPROCESSORS_ONLN)) + ", " +
         member("memory", number_after(support::read_file("/proc/meminfo"), "MemTotal:") * 1024) + ", " +
-        member("planned", std::chrono::duration<double>(end_ - start_).count()) + ", " + member("period", period_) + "}");
+        member("planned", std::chrono::duration<double>(end_ - start_).count()) + ", " + member("period", period_) +
+        "}");
 }
 
 void Driver::loop()
 {
     std::vector<Task> tasks = {
-        {period_, &Driver::sample, {}},           {2, &Driver::check_processes, {}}, {3, &Driver::ask_for_dump, {}},
-        {0.9, &Driver::kill_setting_writer, {}},  {10, &Driver::inspect, {}},        {30, &Driver::crash, {}},
+        {period_, &Driver::sample, {}},          {2, &Driver::check_processes, {}}, {3, &Driver::ask_for_dump, {}},
+        {0.9, &Driver::kill_setting_writer, {}}, {10, &Driver::inspect, {}},        {30, &Driver::crash, {}},
         {60, &Driver::empty_logs, {}},
     };
     for (Task &task : tasks)
         task.due = steady::now() + std::chrono::milliseconds(static_cast<int>(std::min(task.period, 2.0) * 1000));
-    while (steady::now() < end_ && interrupted == 0) {
+    while (steady::now() < end_ && !is_interrupted()) {
         for (Task &task : tasks) {
             if (steady::now() < task.due)
                 continue;
@@ -726,15 +756,16 @@ void Driver::loop()
 
 int Driver::judge()
 {
-    for (Activity needed : {kAllocations, kTimersFired, kForks, kLogLines, kDumps, kSettingKills, kVrRequests, kInspections}) {
+    for (Activity needed :
+         {kAllocations, kTimersFired, kForks, kLogLines, kDumps, kSettingKills, kVrRequests, kInspections}) {
         if (shared_->activities[needed] == 0)
             shared_->fail(std::string("nothing is done: ") + kActivityNames[needed]);
     }
     drain_failures();
     unsigned failures = shared_->failures;
     put("{\"kind\": \"end\", " + member("seconds", elapsed()) + ", " + member("failures", failures) + "}");
-    std::printf("soak_living: %.0f seconds, %llu allocations, %llu forks, %llu dumps, %llu kills, %u failures\n", elapsed(),
-                static_cast<unsigned long long>(shared_->activities[kAllocations]),
+    std::printf("soak_living: %.0f seconds, %llu allocations, %llu forks, %llu dumps, %llu kills, %u failures\n",
+                elapsed(), static_cast<unsigned long long>(shared_->activities[kAllocations]),
                 static_cast<unsigned long long>(shared_->activities[kForks]),
                 static_cast<unsigned long long>(shared_->activities[kDumps]),
                 static_cast<unsigned long long>(shared_->activities[kSettingKills]), failures);
@@ -775,11 +806,6 @@ int run_process(const std::string &what, int fd, unsigned number)
     return run_crash_host(shared, number);
 }
 
-void interrupt(int)
-{
-    interrupted = 1;
-}
-
 int run(double seconds, const char *samples_path, double period)
 {
     int samples = ::open(samples_path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
@@ -789,6 +815,7 @@ int run(double seconds, const char *samples_path, double period)
         return 125;
     }
     Shared *shared = map_shared(fd);
+    block_interrupts();
     pid_t rounds = ::fork();
     if (rounds == 0) {
         run_crash_rounds(shared, 120s);
@@ -797,9 +824,6 @@ int run(double seconds, const char *samples_path, double period)
     std::string build = support::build_dir();
     support::enter_sandbox();
     make_network();
-    ::signal(SIGINT, interrupt);
-    ::signal(SIGTERM, interrupt);
-    ::signal(SIGHUP, SIG_IGN);
     int result = Driver(shared, fd, samples, seconds, period).run();
     int status = 0;
     ::waitpid(rounds, &status, 0);
@@ -812,7 +836,8 @@ int run(double seconds, const char *samples_path, double period)
 int main(int argc, char **argv)
 {
     if (argc >= 3 && std::strtod(argv[1], nullptr) == 0)
-        return living::run_process(argv[1], std::atoi(argv[2]), argc > 3 ? static_cast<unsigned>(std::atoi(argv[3])) : 0);
+        return living::run_process(argv[1], std::atoi(argv[2]),
+                                   argc > 3 ? static_cast<unsigned>(std::atoi(argv[3])) : 0);
     if (argc < 3) {
         std::fprintf(stderr, "usage: soak_living SECONDS SAMPLES [PERIOD]\n");
         return 2;

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// shared.h - what the processes of a long run share: one record in shared memory, which every process counts into and the
-// driver (living.cpp) reads. A process may be killed at any moment, so nothing here is locked.
+// shared.h - what the processes of a long run share: one record in shared memory, which every process counts into and
+// the driver (living.cpp) reads. A process may be killed at any moment, so nothing here is locked.
 #ifndef LIBCOMMON_TESTS_SOAK_SHARED_H
 #define LIBCOMMON_TESTS_SOAK_SHARED_H
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -43,9 +44,9 @@ enum Activity : unsigned {
 };
 
 inline constexpr std::array<const char *, kActivities> kActivityNames = {
-    "allocations",    "cache_objects", "table_operations", "timers",        "ticks",        "forks",       "commands",
-    "log_lines",      "trace_lines",   "full_traces",      "trace_files",   "dumps",        "inspections", "setting_writes",
-    "setting_reads",  "setting_kills", "setting_cuts",     "vr_requests",   "vr_tables",    "crashes",     "crash_rounds",
+    "allocations",   "cache_objects", "table_operations", "timers",      "ticks",     "forks",       "commands",
+    "log_lines",     "trace_lines",   "full_traces",      "trace_files", "dumps",     "inspections", "setting_writes",
+    "setting_reads", "setting_kills", "setting_cuts",     "vr_requests", "vr_tables", "crashes",     "crash_rounds",
 };
 
 // ---- what is timed ----
@@ -64,7 +65,8 @@ enum Timing : unsigned {
 };
 
 inline constexpr std::array<const char *, kTimings> kTimingNames = {
-    "timer_lateness", "fork", "log_line", "leak_report", "dump", "crash_log", "setting_write", "vr_request", "inspection",
+    "timer_lateness", "fork",          "log_line",   "leak_report", "dump",
+    "crash_log",      "setting_write", "vr_request", "inspection",
 };
 
 // A histogram of microseconds: 16 buckets for each doubling, so that a percentile is at most a sixteenth too high.
@@ -133,7 +135,8 @@ enum Worker : unsigned {
 };
 
 inline constexpr std::array<const char *, kWorkers> kWorkerNames = {
-    "timers", "allocator 1", "allocator 2", "object caches", "tables", "forks", "log", "settings", "VR server", "tracing",
+    "timers", "allocator 1", "allocator 2", "object caches", "tables",
+    "forks",  "log",         "settings",    "VR server",     "tracing",
 };
 
 // Two daemons do the same work. One traces its allocations; the light statistics of the other one count all the time.
