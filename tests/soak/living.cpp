@@ -111,7 +111,20 @@ bool is_setting_value(const std::string &value)
 
 namespace {
 
-bool ask(int fd, unsigned vr, const std::string &text)
+// An answer within 20 seconds; a run that stops does not wait for it.
+bool has_answer(const Shared *shared, int fd)
+{
+    pollfd wait = {fd, POLLIN, 0};
+    for (int i = 0; i < 40; i++) {
+        if (::poll(&wait, 1, 500) > 0)
+            return true;
+        if (shared->stop)
+            break;
+    }
+    return false;
+}
+
+bool ask(const Shared *shared, int fd, unsigned vr, const std::string &text)
 {
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -119,8 +132,7 @@ bool ask(int fd, unsigned vr, const std::string &text)
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (qv_sendto(fd, text.data(), text.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to, vr) != 0)
         return false;
-    pollfd wait = {fd, POLLIN, 0};
-    if (::poll(&wait, 1, 20000) <= 0)
+    if (!has_answer(shared, fd))
         return false;
     char answer[200];
     unsigned from_vr = 0;
@@ -151,7 +163,7 @@ int run_vr_client(Shared *shared)
     for (unsigned n = 0; !shared->stop; n++) {
         for (int vr : kDaemonVrs) {
             std::string text = "request " + std::to_string(n);
-            if (!timed(shared->timings[kVrTime], [&] { return ask(fd, static_cast<unsigned>(vr), text); }) &&
+            if (!timed(shared->timings[kVrTime], [&] { return ask(shared, fd, static_cast<unsigned>(vr), text); }) &&
                 !shared->stop)
                 shared->fail("no answer in VR " + std::to_string(vr) + " to " + text + ": " + std::strerror(errno));
             shared->count(kVrRequests);
@@ -262,6 +274,7 @@ private:
 
     pid_t start(const std::vector<std::string> &arguments, bool on_stand_in_kernel);
     void start_daemon(unsigned i);
+    void wait_for_service(unsigned i);
     void check_daemon(unsigned i);
     void check_settings();
     std::string daemon_sample(unsigned i);
@@ -328,6 +341,13 @@ void Driver::start_daemon(unsigned i)
     beaten_[i].fill(steady::now());
 }
 
+// Until the daemon's service is bound: a request before that is lost.
+void Driver::wait_for_service(unsigned i)
+{
+    for (auto end = steady::now() + kPatience; shared_->daemons[i].beats[kVrServer] == 0 && steady::now() < end;)
+        std::this_thread::sleep_for(10ms);
+}
+
 void make_network()
 {
     if (::unshare(CLONE_NEWNET) != 0) {
@@ -353,7 +373,8 @@ void Driver::start_processes()
                                           "vr clients id=9 vsys=3\ninterface eth0-1 id=17 vsys=3 vr=7\n");
     for (unsigned i = 0; i < kDaemons; i++)
         start_daemon(i);
-    ::sleep(1); // until the services are bound
+    for (unsigned i = 0; i < kDaemons; i++)
+        wait_for_service(i);
     client_ = start({"client"}, true);
 }
 
@@ -596,7 +617,7 @@ void run_crash_rounds(Shared *shared, std::chrono::seconds period)
 {
     unsigned seed = 0;
     auto due = steady::now() + period;
-    while (!shared->stop && ::getppid() != 1) {
+    while (!shared->stop) {
         std::this_thread::sleep_for(200ms);
         if (steady::now() < due)
             continue;
@@ -818,6 +839,7 @@ int run(double seconds, const char *samples_path, double period)
     block_interrupts();
     pid_t rounds = ::fork();
     if (rounds == 0) {
+        die_with_parent();
         run_crash_rounds(shared, 120s);
         ::_exit(0);
     }
