@@ -89,7 +89,6 @@ struct TimerWork {
     atimer_context wheel{};
     std::array<Coarse, 200> coarse{};
     stimer second{};
-    unsigned tick = 0;
 };
 
 std::int64_t late_by(const timeval &expire)
