@@ -426,7 +426,9 @@ class Log {
 public:
     explicit Log(const Daemon &daemon)
         : daemon_(daemon), path_(std::string("/etc/soak.") + kDaemonNames[daemon.index] + ".log")
-    {}
+    {
+        ::unlink(path_.c_str()); // that of a daemon which has died
+    }
 
     void write_line()
     {
@@ -441,8 +443,10 @@ public:
     {
         for (const std::string &line : support::lines(support::read_file(path_))) {
             std::string expected = " line " + std::to_string(checked_) + " of " + kDaemonNames[daemon_.index];
-            if (!line.ends_with(expected))
+            if (!line.ends_with(expected)) {
                 daemon_.fail("the log has \"" + line + "\" in place of \"" + expected + "\"");
+                break;
+            }
             checked_++;
         }
         daemon_.check(checked_ == next_, "the log lacks lines");

@@ -94,8 +94,10 @@ class Run:
         return [(sample["seconds"], value) for sample in self.samples if (value := member(sample, path)) is not None]
 
     def tenth(self, series, first):
+        """The values of the run's first or last tenth, one at least."""
         bound = self.seconds * (0.1 if first else 0.9)
-        return [value for seconds, value in series if (seconds <= bound if first else seconds >= bound)]
+        values = [value for seconds, value in series if (seconds <= bound if first else seconds >= bound)]
+        return values or [series[0 if first else -1][1]]
 
 
 def member(sample, path):
@@ -199,7 +201,7 @@ class Page:
 
     def settled(self, series):
         """Without the first tenth, in which caches and arenas fill."""
-        return [point for point in series if point[0] > 0.1 * self.run.seconds]
+        return [point for point in series if point[0] > 0.1 * self.run.seconds] or series
 
     def held(self):
         """(name, unit, series) of all that should stay steady."""

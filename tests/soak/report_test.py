@@ -81,6 +81,9 @@ class ReportTest(unittest.TestCase):
         self.assertIn("It is too short to say what grows.", page)
         self.assertTrue(self.row(page, "light: resident memory").endswith("| - |"))
 
+    def test_two_samples_are_enough(self):
+        self.assertIn("| light: threads | 9 | 9 | 0 | - |", self.page(sample(5), sample(6)))
+
     def test_growth_is_found_and_its_rate(self):
         leaking = [sample(seconds, rss=(8 << 20) + seconds * 1024) for seconds in range(0, 7201, 60)]
         page = self.page(*leaking, end(7201))
