@@ -171,8 +171,8 @@ class Page:
                 f"**{self.verdict()}**", "",
                 f"Started on {date:%Y-%m-%d at %H:%M} UTC; version {start['version']}; {start['processors']} processors, "
                 f"{start['processor'] or start['machine']}; {start['memory'] / 1024**3:.1f} GiB; {start['kernel'].partition('-')[0]} "
-                f"{start['machine']}. Load average {statistics.fmean(loads):.1f} (at most {max(loads):.1f}), most of it by other "
-                f"work: the run took {100 * cpu:.1f} % of one processor. {len(run.samples)} samples.", *self.failures()]
+                f"{start['machine']}. Load average {statistics.fmean(loads):.1f} (at most {max(loads):.1f}), to "
+                f"which the run adds {100 * cpu:.1f} % of one processor. {len(run.samples)} samples.", *self.failures()]
 
     def verdict(self):
         run, planned = self.run, self.run.start["planned"]

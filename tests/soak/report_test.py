@@ -61,7 +61,7 @@ class ReportTest(unittest.TestCase):
         self.assertIn("**No failure in 2 h 0 min. Neither memory nor descriptors grew.**", page)
         self.assertNotIn("## Failures", page)
         self.assertIn("2026-01-02 at 03:04 UTC; version 1.2.3; 4 processors, Sample; 8.0 GiB; Linux 6.1.0 x86_64", page)
-        self.assertIn("took 5.0 % of one processor. 121 samples.", page)
+        self.assertIn("adds 5.0 % of one processor. 121 samples.", page)
 
     def test_failures_are_counted_and_listed(self):
         page = self.page(*self.steady(), {"kind": "failure", "seconds": 90, "text": "a child is lost"}, end(7201, 1))
