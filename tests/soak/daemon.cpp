@@ -25,7 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <malloc.h>
 #include <poll.h>
@@ -461,22 +461,19 @@ private:
     unsigned checked_ = 0;
 };
 
-// The trace files of this process: one a day.
-std::string trace_files()
-{
-    std::string text, folder = "/var/sysinfo/logs/", start = "proc" + std::to_string(::getpid()) + ".";
-    for (const std::string &name : support::list_dir(folder)) {
-        if (name.starts_with(start))
-            text += support::read_file(folder + name);
-    }
-    return text;
-}
-
-void check_trace_file(const Daemon &daemon, unsigned count)
+// The files, one a day, grow as long as the daemon runs. Only a line of them is kept in memory, so that the check does
+// not look like a leak.
+void check_trace_files(const Daemon &daemon, unsigned count)
 {
     unsigned found = 0;
-    for (const std::string &line : support::lines(trace_files()))
-        found += line.ends_with("trace " + std::to_string(found));
+    std::string folder = "/var/sysinfo/logs/", start = "proc" + std::to_string(::getpid()) + ".", line;
+    for (const std::string &name : support::list_dir(folder)) {
+        if (!name.starts_with(start))
+            continue;
+        std::ifstream file(folder + name);
+        while (std::getline(file, line))
+            found += line.ends_with("trace " + std::to_string(found));
+    }
     daemon.check(found == count, "the trace file lacks lines");
 }
 
@@ -495,11 +492,11 @@ void run_logger(const Daemon &daemon)
         }
         if (n % 300 == 0) {
             log.check();
-            check_trace_file(daemon, traces);
+            check_trace_files(daemon, traces);
         }
     });
     log.check();
-    check_trace_file(daemon, traces);
+    check_trace_files(daemon, traces);
 }
 
 // ---- settings, which another process writes and is killed at ----

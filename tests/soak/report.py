@@ -80,7 +80,7 @@ class Run:
             except ValueError:
                 continue
             records[record["kind"]].append(record)
-        self.samples, self.failures = records["sample"], records["failure"]
+        self.samples, self.failures, self.remarks = (records[kind] for kind in ("sample", "failure", "remark"))
         if not records["start"] or len(self.samples) < 2:
             sys.exit(f"{path}: fewer than two samples")
         self.start, self.end = records["start"][0], (records["end"] or [None])[0]
@@ -172,7 +172,7 @@ class Page:
                 f"Started on {date:%Y-%m-%d at %H:%M} UTC; version {start['version']}; {start['processors']} processors, "
                 f"{start['processor'] or start['machine']}; {start['memory'] / 1024**3:.1f} GiB; {start['kernel'].partition('-')[0]} "
                 f"{start['machine']}. Load average {statistics.fmean(loads):.1f} (at most {max(loads):.1f}), to "
-                f"which the run adds {100 * cpu:.1f} % of one processor. {len(run.samples)} samples.", *self.failures()]
+                f"which the run adds {100 * cpu:.1f} % of one processor. {len(run.samples)} samples.", *self.failures(), *self.remarks()]
 
     def verdict(self):
         run, planned = self.run, self.run.start["planned"]
@@ -191,6 +191,11 @@ class Page:
         lines = [f"- after {duration_text(failure['seconds'])}: {failure['text']}" for failure in self.run.failures]
         more = [f"- and {len(lines) - MOST_FAILURES} more"] if len(lines) > MOST_FAILURES else []
         return ["", "## Failures", "", *lines[:MOST_FAILURES], *more] if lines else []
+
+    def remarks(self):
+        """What people found out about the run, as tools/soak --remark added it to the samples."""
+        lines = [f"- {remark['text']}" for remark in self.run.remarks]
+        return ["", "## Remarks", "", *lines] if lines else []
 
     def activities(self):
         counts = self.run.samples[-1]["counts"]

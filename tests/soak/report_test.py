@@ -68,6 +68,10 @@ class ReportTest(unittest.TestCase):
         self.assertIn("**1 failure in 2 h 0 min.", page)
         self.assertIn("- after 90 s: a child is lost", page)
 
+    def test_remarks_are_listed(self):
+        page = self.page(*self.steady(), {"kind": "remark", "text": "A build ran beside it."}, end(7201))
+        self.assertIn("## Remarks\n\n- A build ran beside it.\n", page)
+
     def test_failures_of_a_run_that_has_not_ended(self):
         page = self.page(sample(0), sample(3600, failures=3))
         self.assertIn("**3 failures in 1 h 0 min. The run was planned for 2 h 0 min and had not ended when this", page)
