@@ -3,6 +3,8 @@
 #include "analysis.h"
 #include "bundle.h"
 #include "group.h"
+#include "output_file.h"
+#include "programs/privileges.h"
 #include "report.h"
 #include "symbolizer.h"
 
@@ -21,6 +23,7 @@
 namespace {
 
 using namespace qvcrash;
+using qv::programs::keep_capabilities;
 
 constexpr std::size_t kMaxLogSize = 256 << 20; // traces of allocations grow large
 
@@ -95,9 +98,17 @@ private:
 
 bool write_file(const std::string &path, const std::string &content)
 {
-    std::FILE *file = std::fopen(path.c_str(), "we");
-    bool is_written = file != nullptr && std::fwrite(content.data(), 1, content.size(), file) == content.size();
-    is_written = file != nullptr && std::fclose(file) == 0 && is_written;
+    open_file file = open_output(path);
+    std::size_t done = 0;
+    while (file && done < content.size()) {
+        ssize_t size = ::write(file.get(), content.data() + done, content.size() - done);
+        if (size < 0 && errno == EINTR)
+            continue;
+        if (size <= 0)
+            break;
+        done += static_cast<std::size_t>(size);
+    }
+    bool is_written = file && done == content.size();
     if (!is_written)
         std::fprintf(stderr, "qvcrash: %s: %s\n", path.c_str(), std::strerror(errno));
     return is_written;
@@ -195,6 +206,15 @@ int run(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         int status = program.exit(error);
         return status == 0 ? kAllRead : kUsage;
+    }
+    bool writes_files = !grouping.html.empty() || options.symbols.use_servers;
+    // Logs and programs are input of strangers. An output goes where its user may write.
+    bool is_kept = bundle_command->parsed() ? keep_capabilities({CAP_DAC_OVERRIDE, CAP_SYS_PTRACE})
+                   : writes_files           ? keep_capabilities({CAP_DAC_OVERRIDE})
+                                            : keep_capabilities({CAP_DAC_READ_SEARCH});
+    if (!is_kept) {
+        std::fprintf(stderr, "qvcrash: capabilities: %s\n", std::strerror(errno));
+        return kUsage;
     }
     if (bundle_command->parsed())
         return bundle(bundling);

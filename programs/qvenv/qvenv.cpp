@@ -3,6 +3,7 @@
 #include "qv_env.h"
 
 #include "base/unique_fd.h"
+#include "programs/privileges.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -54,6 +55,40 @@ exit_code trouble(const char *subject, const char *what)
 exit_code flushed(exit_code code)
 {
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? code : trouble("write", std::strerror(errno));
+}
+
+// Anyone may make a file of the store's name before its first writer does. Root must not write through a link into
+// another file or leave its settings to another user, and nobody is to wait for the writer of a pipe.
+const char *reason_to_refuse_store(const struct stat &status, bool is_written)
+{
+    if (S_ISDIR(status.st_mode))
+        return std::strerror(EISDIR);
+    if (!S_ISREG(status.st_mode))
+        return "not a regular file";
+    if (is_written && status.st_nlink > 1)
+        return "has a second name";
+    if (is_written && ::geteuid() == 0 && status.st_uid != 0)
+        return "belongs to another user";
+    return nullptr;
+}
+
+// Whether the store may be read, or written: then it is made if needed. A file of this user or root stays in its place
+// afterwards, since nobody else may remove it from /tmp.
+bool is_store_safe(bool is_written)
+{
+    const int flags = is_written ? O_RDWR | O_CREAT : O_RDONLY;
+    base::unique_fd file(::open(QV_ENV_FILE, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644));
+    struct stat status;
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        if (!is_written && errno != ELOOP)
+            return true; // the reader says why it cannot be read
+        trouble(QV_ENV_FILE, errno == ELOOP ? "a symbolic link" : std::strerror(errno));
+        return false;
+    }
+    const char *problem = reason_to_refuse_store(status, is_written);
+    if (problem != nullptr)
+        trouble(QV_ENV_FILE, problem);
+    return problem == nullptr;
 }
 
 // Copies the whole file under the lock, so that no partial change is listed.
@@ -131,6 +166,8 @@ exit_code set(const char *name, const char *value, bool overwrite)
     if (value_text.size() > QV_ENV_VALUE_MAX)
         return trouble(name, "value too long");
 
+    if (!is_store_safe(true))
+        return kTrouble;
     errno = 0;
     int result = qv_setenv(name, value, overwrite);
     if (result == kPresent) {
@@ -166,6 +203,10 @@ int main(int argc, char **argv)
         return usage();
 
     std::string_view command = argv[0];
+    if (!programs::keep_capabilities({CAP_DAC_READ_SEARCH}))
+        return trouble("capabilities", std::strerror(errno));
+    if (file == nullptr && command != "set" && !is_store_safe(false))
+        return kTrouble;
     if (command == "list")
         return argc == 1 ? list(file != nullptr ? file : QV_ENV_FILE) : usage();
     if (command == "get")

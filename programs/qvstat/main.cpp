@@ -3,18 +3,22 @@
 // statuses.
 #include "control.h"
 #include "metrics_server.h"
+#include "programs/privileges.h"
 #include "report.h"
 #include "sample.h"
 #include "top.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +26,7 @@
 namespace {
 
 using namespace qvstat;
+using qv::programs::keep_capabilities;
 
 enum exit_status { kDone = 0, kNotDone = 1, kUsage = 2 };
 
@@ -80,6 +85,10 @@ int export_metrics(const command_line &line)
         return kDone;
     }
     auto is_ready = [](const std::string &url) {
+        // From here on strangers are answered. What is left can read processes and files, and write none.
+        qv::programs::become_nobody();
+        if (!qv::programs::keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH}))
+            throw std::runtime_error(std::string("capabilities: ") + std::strerror(errno));
         print("listening at " + url + '\n');
         std::fflush(stdout);
     };
@@ -272,6 +281,15 @@ int parse_and_run(int argc, char **argv)
     } catch (const CLI::ParseError &error) {
         int status = program.exit(error);
         return status == 0 ? kDone : kUsage;
+    }
+    // Processes of all users are read and sent signals.
+    bool is_kept =
+        line.listen.empty()
+            ? keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_KILL})
+            : keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_NET_BIND_SERVICE, CAP_SETUID, CAP_SETGID});
+    if (!is_kept) {
+        complain(std::string("capabilities: ") + std::strerror(errno));
+        return kNotDone;
     }
     return run(line);
 }

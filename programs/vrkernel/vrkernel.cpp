@@ -5,6 +5,7 @@
 //     vrkernel show [-c FILE]
 //     vrkernel reset [-c FILE]
 #include "platform/kernel/tables.h"
+#include "programs/privileges.h"
 
 #include <cerrno>
 #include <climits>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -48,13 +50,24 @@ bool find_library(char (&path)[PATH_MAX])
     return false;
 }
 
+// Whether only root, the caller and the owner of this program can change the library. Root runs the program with it.
+bool is_trusted(const char *library)
+{
+    struct stat own, status;
+    return ::stat("/proc/self/exe", &own) == 0 && ::stat(library, &status) == 0 && (status.st_mode & S_IWOTH) == 0 &&
+           (status.st_uid == 0 || status.st_uid == ::geteuid() || status.st_uid == own.st_uid);
+}
+
 // In LD_PRELOAD a blank or a colon ends a path.
 bool can_be_preloaded(const char *library)
 {
-    if (library[std::strcspn(library, " :")] == '\0')
-        return true;
-    std::fprintf(stderr, "vrkernel: %s: a path with a blank or a colon cannot be preloaded\n", library);
-    return false;
+    const char *problem = library[std::strcspn(library, " :")] != '\0'
+                              ? "a path with a blank or a colon cannot be preloaded"
+                          : !is_trusted(library) ? "other users can change it"
+                                                 : nullptr;
+    if (problem != nullptr)
+        std::fprintf(stderr, "vrkernel: %s: %s\n", library, problem);
+    return problem == nullptr;
 }
 
 // Puts the library before those that are preloaded already.
@@ -153,6 +166,10 @@ int main(int argc, char **argv)
         return usage();
     if (runs)
         return run(config, argv + next);
+    if (!programs::keep_capabilities({CAP_DAC_READ_SEARCH})) {
+        std::fprintf(stderr, "vrkernel: capabilities: %s\n", std::strerror(errno));
+        return kNoTables;
+    }
     if (std::strcmp(argv[1], "show") == 0)
         return show(config);
     if (std::strcmp(argv[1], "reset") == 0)

@@ -1199,6 +1199,18 @@ TEST_F(VrkernelCommand, APathThatCannotBePreloadedIsRefused)
     EXPECT_TRUE(command({"show", "-c", "/tmp/a b/my tables.conf"}).exited(0));
 }
 
+TEST_F(VrkernelCommand, ALibraryThatOthersCanChangeIsRefused)
+{
+    ASSERT_EQ(0, ::mkdir("/tmp/open", 0755));
+    for (const char *file : {"/vrkernel", "/libvrkernel.so"}) {
+        write_file("/tmp/open" + std::string(file), read_file(build_dir() + file));
+        ASSERT_EQ(0, ::chmod(("/tmp/open" + std::string(file)).c_str(), 0757));
+    }
+    auto result = run_program({"/tmp/open/vrkernel", "run", "-c", kConfig, "--", "/bin/true"});
+    EXPECT_TRUE(result.exited(125));
+    EXPECT_EQ("vrkernel: /tmp/open/libvrkernel.so: other users can change it\n", result.err);
+}
+
 TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
 {
     if (under_sanitizer())

@@ -124,12 +124,50 @@ TEST(QvenvTool, SetReportsAFullDisk)
     expect(qvenv({"set", "slot", "3"}), 2, "", full);
 }
 
-TEST(QvenvTool, SetEndsWhenTheStoreIsAnEndlessDevice)
+// Any user may be the first to make something of that name.
+TEST(QvenvTool, RefusesALinkAsTheStore)
 {
+    write_file("/etc/other", "slot=1\n");
+    ASSERT_EQ(0, ::symlink("/etc/other", kStore));
+    const std::string refused = "qvenv: /tmp/qvenv: a symbolic link\n";
+    expect(qvenv({"set", "slot", "3"}), 2, "", refused);
+    expect(qvenv({"get", "slot"}), 2, "", refused);
+    expect(qvenv({"list"}), 2, "", refused);
+    EXPECT_EQ("slot=1\n", read_file("/etc/other"));
     ::unlink(kStore);
-    ASSERT_EQ(0, ::symlink("/dev/full", kStore));
-    expect(qvenv({"set", "slot", "3"}), 2, "", "qvenv: /tmp/qvenv: No space left on device\n");
-    ::unlink(kStore);
+
+    ASSERT_EQ(0, ::symlink("/dev/full", kStore)) << "a device that never ends";
+    expect(qvenv({"set", "slot", "3"}), 2, "", refused);
+}
+
+TEST(QvenvTool, SetRefusesASecondName)
+{
+    write_file("/tmp/other", "slot=1\n");
+    ASSERT_EQ(0, ::link("/tmp/other", kStore));
+    expect(qvenv({"set", "slot", "3"}), 2, "", "qvenv: /tmp/qvenv: has a second name\n");
+    EXPECT_EQ("slot=1\n", read_file("/tmp/other"));
+    expect(qvenv({"get", "slot"}), 0, "1\n", "");
+}
+
+TEST(QvenvTool, DoesNotWaitAtAPipe)
+{
+    ASSERT_EQ(0, ::mkfifo(kStore, 0666));
+    const std::string refused = "qvenv: /tmp/qvenv: not a regular file\n";
+    expect(qvenv({"set", "slot", "3"}), 2, "", refused);
+    expect(qvenv({"get", "slot"}), 2, "", refused);
+    expect(qvenv({"list"}), 2, "", refused);
+}
+
+TEST(QvenvTool, RootDoesNotSetInAnothersFile)
+{
+    constexpr uid_t kOther = 1000;
+    write_file(kStore, "slot=1\n");
+    if (::geteuid() != 0 || ::chown(kStore, kOther, kOther) != 0)
+        GTEST_SKIP() << "there is no second user here";
+    ChildResult result = qvenv({"set", "slot", "3"});
+    EXPECT_TRUE(result.exited(2));
+    EXPECT_EQ("slot=1\n", read_file(kStore));
+    expect(qvenv({"get", "slot"}), 0, "1\n", "");
 }
 
 TEST(QvenvTool, ReadsAnotherFile)

@@ -261,6 +261,29 @@ TEST(QvcrashGroup, DumpRequestsAreNotCounted)
     EXPECT_THAT(result.out, testing::HasSubstr("0 crash logs in 0 groups, 1 other files"));
 }
 
+// In /tmp another user may have placed a link to a file that only this one may write.
+TEST(QvcrashGroup, PageIsNotWrittenThroughALink)
+{
+    write_file("/etc/other", "kept");
+    write_file("/tmp/mine", "kept");
+    ASSERT_EQ(0, mkdir("/tmp/logs", 0755));
+    ASSERT_EQ(0, symlink("/etc/other", "/tmp/link.html"));
+    ASSERT_EQ(0, link("/tmp/mine", "/tmp/second.html"));
+    ASSERT_EQ(0, mkfifo("/tmp/pipe.html", 0666));
+    for (const char *page : {"/tmp/link.html", "/tmp/second.html", "/tmp/pipe.html"}) {
+        ChildResult result = group({"--html", page, "/tmp/logs"});
+        EXPECT_TRUE(result.exited(1)) << page;
+        EXPECT_THAT(result.err, testing::StartsWith(std::string("qvcrash: ") + page + ": "));
+    }
+    EXPECT_EQ("kept", read_file("/etc/other"));
+    EXPECT_EQ("kept", read_file("/tmp/mine"));
+
+    ASSERT_EQ(0, mkdir("/tmp/own", 0755));
+    ASSERT_EQ(0, symlink("/etc/other", "/tmp/own/page.html")) << "in a folder of the user's a link is the user's";
+    EXPECT_TRUE(group({"--html", "/tmp/own/page.html", "/tmp/logs"}).exited(0));
+    EXPECT_NE("kept", read_file("/etc/other"));
+}
+
 TEST(QvcrashGroup, PageStandsAlone)
 {
     write_three_logs();

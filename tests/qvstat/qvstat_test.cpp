@@ -2,6 +2,9 @@
 // The command qvstat, run as an engineer would on processes that have the library loaded.
 #include "qvstat/processes.h"
 
+#include <cstdlib>
+#include <cstring>
+#include <linux/capability.h>
 #include <nlohmann/json.hpp>
 #include <pty.h>
 #include <regex>
@@ -292,6 +295,21 @@ TEST(Server, AnswersOnTheLoopback)
     EXPECT_THAT(answer, HasSubstr("Content-Type: application/openmetrics-text; version=1.0.0; charset=utf-8\r\n"));
     EXPECT_THAT(answer, HasSubstr("pid=\"" + host.id() + "\""));
     EXPECT_TRUE(answer.ends_with("# EOF\n"));
+}
+
+// It needs to read processes and files of others, and answers strangers.
+TEST(Server, KeepsNoOtherPrivilege)
+{
+    constexpr unsigned long kReads = 1UL << CAP_SYS_PTRACE | 1UL << CAP_DAC_READ_SEARCH;
+    Server server;
+    ASSERT_THAT(server.greeting(), testing::StartsWith("listening"));
+    std::string status = read_file("/proc/" + std::to_string(server.pid()) + "/status");
+    EXPECT_THAT(status, HasSubstr("\nNoNewPrivs:\t1\n"));
+    for (const char *set : {"\nCapInh:", "\nCapPrm:", "\nCapEff:"}) {
+        std::size_t at = status.find(set);
+        ASSERT_NE(status.npos, at) << set;
+        EXPECT_EQ(0U, std::strtoul(status.c_str() + at + std::strlen(set), nullptr, 16) & ~kReads) << set;
+    }
 }
 
 TEST(Server, SurvivesWrongClients)
