@@ -65,7 +65,7 @@ LATENCIES = {
 
 # What a daemon holds: field, name, unit.
 HELD = (("rss", "resident memory", MIB), ("private_dirty", "private dirty memory", MIB),
-        ("heap", "heap in use", MIB), ("light_heap", "heap by the light statistics", MIB),
+        ("heap", "heap in use, lowest of a minute", MIB), ("light_heap", "heap by the light statistics", MIB),
         ("mappings", "mappings", 1), ("descriptors", "descriptors", 1), ("threads", "threads", 1))
 
 
@@ -91,7 +91,8 @@ class Run:
 
     def series(self, *path):
         """[(seconds, value)] of a member of the samples."""
-        return [(sample["seconds"], value) for sample in self.samples if (value := member(sample, path)) is not None]
+        series = [(sample["seconds"], value) for sample in self.samples if (value := member(sample, path)) is not None]
+        return lowest_of_minutes(series) if path[-1] == "heap" else series
 
     def tenth(self, series, first):
         """The values of the run's first or last tenth, one at least."""
@@ -104,6 +105,15 @@ def member(sample, path):
     for name in path:
         sample = sample.get(name, {})
     return sample if sample != {} else None
+
+
+def lowest_of_minutes(series):
+    """Without the table of a full trace, which is in the heap for some seconds of each minute and would hide a leak."""
+    whole_minutes = max(series[-1][0] // 60, 1) if series else 0  # what is left at the end joins the last one
+    minutes = collections.defaultdict(list)
+    for seconds, value in series:
+        minutes[min(seconds // 60, whole_minutes - 1)].append((value, seconds))
+    return [(seconds, value) for value, seconds in map(min, minutes.values())]
 
 
 def slope(series):

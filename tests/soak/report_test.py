@@ -96,6 +96,14 @@ class ReportTest(unittest.TestCase):
                          self.row(page, "light: resident memory"))
         self.assertTrue(self.row(page, "traced: resident memory").endswith("| +0.0 KiB | no |"))
 
+    def test_a_leak_shows_beside_the_table_of_a_trace(self):
+        samples = [sample(seconds) for seconds in range(0, 7201, 5)]
+        for i, entry in enumerate(samples):
+            entry["traced"]["heap"] = (2 << 20) + i * 100 + (6 << 20) * (i % 3 == 0)
+        page = self.page(*samples, end(7201))
+        self.assertIn("What grew: traced: heap in use, lowest of a minute.", page)
+        self.assertIn("| +70.3 KiB | yes |", self.row(page, "traced: heap in use, lowest of a minute"))
+
     def test_filling_at_the_start_is_no_growth(self):
         filling = [sample(seconds, rss=(8 << 20) if seconds > 600 else 1 << 20) for seconds in range(0, 7201, 60)]
         self.assertIn("Neither memory nor descriptors grew.", self.page(*filling, end(7201)))
