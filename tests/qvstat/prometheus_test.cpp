@@ -123,11 +123,10 @@ json query(const std::string &expression)
 {
     static const std::string kAllowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
     std::string escaped;
-    for (unsigned char c : expression) {
+    for (char c : expression) {
         char code[4];
-        std::snprintf(code, sizeof code, "%%%02X", c);
-        escaped +=
-            kAllowed.find(static_cast<char>(c)) != std::string::npos ? std::string(1, static_cast<char>(c)) : code;
+        std::snprintf(code, sizeof code, "%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
+        escaped += kAllowed.find(c) != std::string::npos ? std::string(1, c) : code;
     }
     std::string answer =
         ask(kPrometheusPort, "GET /api/v1/query?query=" + escaped + " HTTP/1.0\r\nHost: localhost\r\n\r\n");
