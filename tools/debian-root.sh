@@ -42,14 +42,14 @@ in_root() {
 }
 
 # build_root_archive NATIVE FOREIGN - that of a root with the build dependencies for two machines, and compilers for both. It is
-# made again when debian/control changes.
+# made again when the first paragraph of debian/control changes.
 # shellcheck disable=SC2016 # the shells of mmdebstrap expand
 build_root_archive() {
     local native=$1 foreign=$2 source install='chroot "$1" apt-get -q -y --no-install-recommends'
     source=$(mktemp -d)
     mkdir -p "$source/source/debian"
     cp "$root/debian/control" "$root/debian/changelog" "$source/source/debian"
-    root_archive build "$(cat "$root/debian/control")" --architectures="$native,$foreign" \
+    root_archive build "$(sed '/^$/q' "$root/debian/control")" --architectures="$native,$foreign" \
         --include="build-essential,crossbuild-essential-$foreign,diffoscope-minimal,lintian" \
         --customize-hook="copy-in ${source@Q}/source /tmp" \
         --customize-hook='chroot "$1" apt-get -q update' \
