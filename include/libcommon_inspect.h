@@ -3,8 +3,9 @@
  *
  * The library exports one constant record. It holds the addresses of the library's statistics in the process, and their
  * layouts as sizes, counts and offsets, so that a reader needs nothing else of the library's version. A tool finds the
- * record by its symbol, qv_inspect, and reads everything with process_vm_readv(2): the process is not stopped, gets no
- * signal and does not notice. qvstat(1) is such a tool.
+ * record by its symbol, qv_inspect, or by the ELF note that the object has: owner "libcommon", type 1, the record's
+ * distance from the content as 8 bytes. A program that holds the library has the note alone. Everything is read with
+ * process_vm_readv(2): the process is not stopped, gets no signal and does not notice. qvstat(1) is such a tool.
  *
  * Nothing is locked while it is read. A reader checks what it gets: sums may be a few calls apart, a block may be freed
  * while its record is copied, and the memory of a damaged process holds anything. Fields are only ever added at the end

@@ -29,6 +29,20 @@ static_assert(sizeof(void *) == sizeof(std::uint64_t), "readers take pointers fo
 
 } // namespace
 
+// A note by which readers find the record in a program that holds the library, whose symbols may all be gone. Its
+// content is the record's distance from the content.
+asm(".pushsection .note.libcommon, \"a\", %note\n"
+    ".balign 4\n"
+    ".long 10, 8, 1\n" // the sizes of owner and content, the type
+    ".asciz \"libcommon\"\n"
+    ".balign 4\n"
+    ".quad qv_inspect_here - .\n"
+    ".popsection\n");
+
+extern "C" {
+[[gnu::alias("qv_inspect"), gnu::visibility("hidden")]] extern const qv_inspect_record qv_inspect_here;
+}
+
 extern "C" constinit const qv_inspect_record qv_inspect = {
     .magic = QV_INSPECT_MAGIC,
     .version = QV_INSPECT_VERSION,

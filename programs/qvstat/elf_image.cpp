@@ -14,6 +14,7 @@ constexpr unsigned kMaxSegments = 128;
 constexpr std::uint64_t kMaxDynamic = 16384; // bytes
 constexpr unsigned kMaxChain = 4096;         // symbols with one hash bucket
 constexpr std::size_t kMaxName = 64;
+constexpr std::uint64_t kMaxNotes = 4096; // bytes of a segment of notes
 
 constexpr std::uint64_t kPage = 4096;
 
@@ -126,6 +127,31 @@ std::optional<Elf64_Sym> find_symbol(const memory_source &memory, const symbol_t
     return std::nullopt;
 }
 
+// A note's fields are padded to multiples of 4.
+std::uint64_t padded(std::uint32_t size)
+{
+    return (std::uint64_t{size} + 3) & ~std::uint64_t{3};
+}
+
+std::optional<std::uint64_t> find_in_notes(const memory_source &memory, std::uint64_t at, std::uint64_t end,
+                                           std::string_view owner)
+{
+    while (at + sizeof(Elf64_Nhdr) <= end) {
+        auto note = load<Elf64_Nhdr>(memory, at);
+        if (!note)
+            return std::nullopt;
+        std::uint64_t name = at + sizeof(Elf64_Nhdr);
+        std::uint64_t content = name + padded(note->n_namesz);
+        if (note->n_namesz == owner.size() + 1 && note->n_descsz == sizeof(std::int64_t) &&
+            has_name(memory, name, owner)) {
+            auto distance = load<std::uint64_t>(memory, content);
+            return distance ? std::optional(content + *distance) : std::nullopt;
+        }
+        at = content + padded(note->n_descsz);
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 std::optional<std::uint64_t> load_bias(const memory_source &memory, std::uint64_t base)
@@ -142,6 +168,20 @@ std::optional<std::uint64_t> find_variable(const memory_source &memory, std::uin
     if (!symbol || symbol->st_shndx == SHN_UNDEF || ELF64_ST_TYPE(symbol->st_info) != STT_OBJECT)
         return std::nullopt;
     return object->bias + symbol->st_value;
+}
+
+std::optional<std::uint64_t> find_noted(const memory_source &memory, std::uint64_t base, std::string_view owner)
+{
+    auto object = read_image(memory, base);
+    for (const Elf64_Phdr &segment : object ? object->segments : std::vector<Elf64_Phdr>()) {
+        if (segment.p_type != PT_NOTE)
+            continue;
+        std::uint64_t start = object->bias + segment.p_vaddr;
+        auto found = find_in_notes(memory, start, start + std::min(segment.p_memsz, kMaxNotes), owner);
+        if (found)
+            return found;
+    }
+    return std::nullopt;
 }
 
 } // namespace qvstat

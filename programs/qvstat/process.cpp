@@ -128,20 +128,31 @@ access_result target::look()
     mappings_ = std::move(*mappings);
     auto found = std::find_if(mappings_.begin(), mappings_.end(), is_library);
     if (found == mappings_.end())
-        return access_result::no_library;
+        return look_at_program();
     library_ = found->path;
-    return look_at_library(found->start);
+    char first;
+    if (!memory_.read(found->start, &first, sizeof first))
+        return refused_by(errno);
+    auto address = find_variable(memory_, found->start, "qv_inspect");
+    return address ? look_at_record(*address) : access_result::other_version;
 }
 
-access_result target::look_at_library(std::uint64_t base)
+// A program may hold the library. It is the first file that is mapped.
+access_result target::look_at_program()
 {
-    char first;
-    if (!memory_.read(base, &first, sizeof first))
-        return refused_by(errno);
-    auto address = find_variable(memory_, base, "qv_inspect");
+    auto program = std::find_if(mappings_.begin(), mappings_.end(),
+                                [](const mapping &each) { return each.offset == 0 && each.inode != 0; });
+    auto address =
+        program != mappings_.end() ? find_noted(memory_, program->start, "libcommon") : std::optional<std::uint64_t>();
     if (!address)
-        return access_result::other_version;
-    record_.emplace(memory_, *address);
+        return access_result::no_library;
+    library_ = program->path;
+    return look_at_record(*address);
+}
+
+access_result target::look_at_record(std::uint64_t address)
+{
+    record_.emplace(memory_, address);
     switch (record_->state()) {
     case record_state::valid:
         return access_result::readable;

@@ -70,7 +70,8 @@ public:
 
 private:
     access_result look();
-    access_result look_at_library(std::uint64_t base);
+    access_result look_at_program();
+    access_result look_at_record(std::uint64_t address);
 
     pid_t process_;
     process_memory memory_;

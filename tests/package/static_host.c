@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A host that holds the library: it uses the families, reports what worked, and fails. With an argument it only
- * reports, and writes no file. */
+ * reports, and writes no file; with a second one it then waits. */
 #include <console_print.h>
 #include <crash_details.h>
 #include <encoding.h>
@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <stimer.h>
 #include <string.h>
+#include <unistd.h>
 
 /* Fails once more, in its part of the log. */
 static long add_state(unsigned int phase, unsigned long arg, void *record)
@@ -107,6 +108,8 @@ int main(int argc, char **argv)
     printf("timer %d containers %d allocations %d digest %d\n", timer, containers, counted,
            filemd5str("/proc/self/exe", digest, sizeof digest));
     fflush(stdout);
+    if (argc > 2)
+        pause();
     if (argc > 1)
         return 0;
     console_print("static host %d\n", 1);
