@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sys/stat.h>
 #include <thread>
 
@@ -35,6 +36,22 @@ bool is_archive_name(std::string_view name)
                                              ".tar.bz2", ".tar.zst", ".tzst",   ".zip"};
     return std::any_of(std::begin(kEndings), std::end(kEndings),
                        [name](auto ending) { return name.ends_with(ending); });
+}
+
+// One log, as logrotate leaves it.
+bool is_compressed_name(std::string_view name)
+{
+    constexpr std::string_view kEndings[] = {".gz", ".xz", ".bz2", ".zst"};
+    return !is_archive_name(name) && std::any_of(std::begin(kEndings), std::end(kEndings),
+                                                 [name](auto ending) { return name.ends_with(ending); });
+}
+
+// The last change of a regular file. Nothing for others: opening a pipe may wait for ever.
+std::optional<std::time_t> time_of_file(const std::string &path)
+{
+    struct stat status;
+    bool is_file = ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return is_file ? std::optional(status.st_mtime) : std::nullopt;
 }
 
 using path_batch = std::vector<std::string>;
@@ -98,7 +115,10 @@ public:
 
     void read(const std::string &path)
     {
-        if (is_archive_name(path) ? !read_archive(path) : !read_file(path))
+        bool is_read = is_archive_name(path)      ? read_archive(path)
+                       : is_compressed_name(path) ? read_compressed(path)
+                                                  : read_file(path);
+        if (!is_read)
             progress_->unreadable++;
     }
 
@@ -132,12 +152,29 @@ private:
         return true;
     }
 
+    using archive_reader = std::unique_ptr<archive, decltype(&::archive_read_free)>;
+
+    bool read_compressed(const std::string &path)
+    {
+        archive_reader reader(::archive_read_new(), ::archive_read_free);
+        ::archive_read_support_format_raw(reader.get());
+        ::archive_read_support_filter_all(reader.get());
+        archive_entry *entry;
+        std::optional<std::time_t> when = time_of_file(path);
+        if (!when || ::archive_read_open_filename(reader.get(), path.c_str(), kArchiveBlock) != ARCHIVE_OK ||
+            ::archive_read_next_header(reader.get(), &entry) != ARCHIVE_OK)
+            return false;
+        report(path, read_member(reader.get()), *when);
+        return true;
+    }
+
     bool read_archive(const std::string &path)
     {
-        std::unique_ptr<archive, decltype(&::archive_read_free)> reader(::archive_read_new(), ::archive_read_free);
+        archive_reader reader(::archive_read_new(), ::archive_read_free);
         ::archive_read_support_format_all(reader.get());
         ::archive_read_support_filter_all(reader.get());
-        if (::archive_read_open_filename(reader.get(), path.c_str(), kArchiveBlock) != ARCHIVE_OK)
+        if (!time_of_file(path) ||
+            ::archive_read_open_filename(reader.get(), path.c_str(), kArchiveBlock) != ARCHIVE_OK)
             return false;
         archive_entry *entry;
         int status;

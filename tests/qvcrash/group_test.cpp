@@ -243,6 +243,26 @@ TEST(QvcrashGroup, Archives)
     expect_three_logs(group_json("/tmp/a.tar.gz"), "/tmp/a.tar.gz:./");
 }
 
+// As logrotate leaves them.
+TEST(QvcrashGroup, CompressedLogs)
+{
+    write_three_logs();
+    ASSERT_TRUE(run_program({"/bin/sh", "-c", "gzip /tmp/logs/*.log"}).exited(0));
+    ChildResult result = group({"/tmp/logs"});
+    EXPECT_TRUE(result.exited(0));
+    EXPECT_THAT(result.out, testing::HasSubstr("3 crash logs in 2 groups, 0 other files, 0 unreadable"));
+}
+
+TEST(QvcrashGroup, PipesAreNotWaitedFor)
+{
+    ASSERT_EQ(0, mkdir("/tmp/logs", 0755));
+    for (const char *name : {"/tmp/logs/a.tar", "/tmp/logs/a.log.gz", "/tmp/logs/a.log"})
+        ASSERT_EQ(0, mkfifo(name, 0600));
+    ChildResult result = group({"/tmp/logs"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.out, testing::HasSubstr("0 other files, 3 unreadable"));
+}
+
 TEST(QvcrashGroup, DamagedArchivesAreTold)
 {
     write_file("/tmp/a.tar.gz", "no archive");
