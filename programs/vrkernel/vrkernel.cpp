@@ -50,11 +50,13 @@ bool find_library(char (&path)[PATH_MAX])
     return false;
 }
 
-// Whether only root, the caller and the owner of this program can change the library. Root runs the program with it.
+// Whether nobody can change the library but root, the caller and those who can change this program, as everybody can in
+// a tree that was built without a umask. Root runs the program with it.
 bool is_trusted(const char *library)
 {
     struct stat own, status;
-    return ::stat("/proc/self/exe", &own) == 0 && ::stat(library, &status) == 0 && (status.st_mode & S_IWOTH) == 0 &&
+    return ::stat("/proc/self/exe", &own) == 0 && ::stat(library, &status) == 0 &&
+           ((status.st_mode & S_IWOTH) == 0 || (own.st_mode & S_IWOTH) != 0) &&
            (status.st_uid == 0 || status.st_uid == ::geteuid() || status.st_uid == own.st_uid);
 }
 
