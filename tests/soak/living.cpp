@@ -9,7 +9,7 @@
 //       │                       ├── crash hosts
 //       │                       └── qvstat
 //
-// All run in one sandbox with a network of its own, the daemons and the client on the stand-in kernel. Every check that
+// All run in one sandbox with a private network, the daemons and the client on the stand-in kernel. Every check that
 // fails is a line of the file and of the output; the last line is the verdict, and the exit status follows it.
 #include "shared.h"
 
@@ -21,21 +21,17 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <functional>
-#include <net/if.h>
 #include <poll.h>
 #include <random>
-#include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -165,7 +161,7 @@ int run_vr_client(Shared *shared)
             std::string text = "request " + std::to_string(n);
             if (!timed(shared->timings[kVrTime], [&] { return ask(shared, fd, static_cast<unsigned>(vr), text); }) &&
                 !shared->stop)
-                shared->fail("no answer in VR " + std::to_string(vr) + " to " + text + ": " + std::strerror(errno));
+                shared->fail("no answer in VR " + std::to_string(vr) + " to " + text);
             shared->count(kVrRequests);
         }
         if (!use_tables(n))
@@ -195,7 +191,7 @@ bool is_interrupted()
 {
     sigset_t set;
     ::sigpending(&set);
-    return ::sigismember(&set, SIGINT) == 1 || ::sigismember(&set, SIGTERM) == 1;
+    return ::sigismember(&set, SIGINT) == 1 || ::sigismember(&set, SIGTERM) == 1 || ::sigismember(&set, SIGHUP) == 1;
 }
 
 void die_with_parent()
@@ -245,8 +241,8 @@ std::uint32_t percentile(const Series::Counts &counts, double share)
 class Driver {
 public:
     Driver(Shared *shared, int shared_fd, int samples, double seconds, double period)
-        : shared_(shared), shared_fd_(shared_fd), samples_(samples), period_(period), start_(steady::now()),
-          end_(start_ + std::chrono::microseconds(static_cast<std::int64_t>(seconds * 1e6)))
+        : shared_(shared), shared_fd_(shared_fd), samples_(samples), seconds_(seconds), period_(period),
+          start_(steady::now())
     {}
 
     int run();
@@ -286,8 +282,8 @@ private:
 
     Shared *shared_;
     int shared_fd_, samples_;
-    double period_;
-    steady::time_point start_, end_;
+    double seconds_, period_;
+    steady::time_point start_;
     std::array<pid_t, kDaemons> daemons_{};
     pid_t client_ = -1;
     std::array<std::array<std::uint64_t, kWorkers>, kDaemons> last_beats_{};
@@ -346,21 +342,6 @@ void Driver::wait_for_service(unsigned i)
 {
     for (auto end = steady::now() + kPatience; shared_->daemons[i].beats[kVrServer] == 0 && steady::now() < end;)
         std::this_thread::sleep_for(10ms);
-}
-
-void make_network()
-{
-    if (::unshare(CLONE_NEWNET) != 0) {
-        std::perror("soak_living: a network");
-        return;
-    }
-    int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request{};
-    std::strcpy(request.ifr_name, "lo");
-    request.ifr_flags = IFF_UP;
-    if (::ioctl(fd, SIOCSIFFLAGS, &request) != 0)
-        std::perror("soak_living: the loopback interface");
-    ::close(fd);
 }
 
 void Driver::start_processes()
@@ -751,8 +732,7 @@ void Driver::describe_run()
         ", \"processor\": " + quoted(first_line_after("/proc/cpuinfo", "model name")) + ", " +
         member("processors", ::sysconf(_SC_NPROCESSORS_ONLN)) + ", " +
         member("memory", number_after(support::read_file("/proc/meminfo"), "MemTotal:") * 1024) + ", " +
-        member("planned", std::chrono::duration<double>(end_ - start_).count()) + ", " + member("period", period_) +
-        "}");
+        member("planned", seconds_) + ", " + member("period", period_) + "}");
 }
 
 void Driver::loop()
@@ -764,7 +744,8 @@ void Driver::loop()
     };
     for (Task &task : tasks)
         task.due = steady::now() + std::chrono::milliseconds(static_cast<int>(std::min(task.period, 2.0) * 1000));
-    while (steady::now() < end_ && !is_interrupted()) {
+    const auto end = steady::now() + std::chrono::microseconds(static_cast<std::int64_t>(seconds_ * 1e6));
+    while (steady::now() < end && !is_interrupted()) {
         for (Task &task : tasks) {
             if (steady::now() < task.due)
                 continue;
@@ -843,9 +824,9 @@ int run(double seconds, const char *samples_path, double period)
         run_crash_rounds(shared, 120s);
         ::_exit(0);
     }
-    std::string build = support::build_dir();
     support::enter_sandbox();
-    make_network();
+    if (!support::enter_own_network())
+        std::perror("soak_living: a network");
     int result = Driver(shared, fd, samples, seconds, period).run();
     int status = 0;
     ::waitpid(rounds, &status, 0);
@@ -857,7 +838,7 @@ int run(double seconds, const char *samples_path, double period)
 
 int main(int argc, char **argv)
 {
-    if (argc >= 3 && std::strtod(argv[1], nullptr) == 0)
+    if (argc >= 3 && std::isalpha(static_cast<unsigned char>(argv[1][0])) != 0)
         return living::run_process(argv[1], std::atoi(argv[2]),
                                    argc > 3 ? static_cast<unsigned>(std::atoi(argv[3])) : 0);
     if (argc < 3) {
