@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 # libcommon.a and libheap.a, for executables that are linked statically. They hold the objects of the shared libraries.
 #
-# libcommon.a is one object, so that whoever uses any function also gets what runs at load. Its sections are as small as
-# functions: a link with --gc-sections keeps those that are used. Its global symbols are the exported ones, and the names
-# that a host may define itself are weak.
+# libcommon.a is one object, so that a program that uses any function also gets the library's constructors. Its sections
+# are as small as functions: a link with --gc-sections keeps those that are used. The names that a host may define itself
+# are weak. The global symbols of both archives are the exported ones: a static link does not heed their visibility.
 #
 # A program holds the C library's malloc() too. The library's has the name __qv_malloc here; libcommon::host_static makes
 # that the process's malloc().
@@ -20,26 +20,37 @@ list(TRANSFORM allocation_functions PREPEND __qv_ OUTPUT_VARIABLE own_allocation
 list(JOIN own_allocation_names "\n" own_allocation)
 file(CONFIGURE OUTPUT ${archive_dir}/global_symbols CONTENT "${global_symbols}${own_allocation}\n")
 
+# libcommon_join_objects(OBJECTS TO OPTION...) - makes one object of several, with options for objcopy.
+function(libcommon_join_objects objects to)
+    add_custom_command(OUTPUT ${to}
+        COMMAND ${CMAKE_C_COMPILER} -r -nostdlib -o ${to}.joined ${objects}
+        COMMAND ${CMAKE_OBJCOPY} ${ARGN} ${to}.joined ${to}
+        DEPENDS ${objects} COMMENT "Joining the objects of ${to}" VERBATIM COMMAND_EXPAND_LISTS)
+endfunction()
+
 set(all_objects $<TARGET_OBJECTS:libcommon>)
 set(interposition "/mem/interposition\\.cpp\\.")
 list(TRANSFORM second_names PREPEND --redefine-sym= OUTPUT_VARIABLE give_second_names)
-add_custom_command(OUTPUT ${archive_dir}/common.o
+add_custom_command(OUTPUT ${archive_dir}/interposition.o
     COMMAND ${CMAKE_OBJCOPY} ${give_second_names} $<FILTER:${all_objects},INCLUDE,${interposition}>
         ${archive_dir}/interposition.o
-    COMMAND ${CMAKE_C_COMPILER} -r -nostdlib -o ${archive_dir}/joined.o ${archive_dir}/interposition.o
-        $<FILTER:${all_objects},EXCLUDE,${interposition}>
-    COMMAND ${CMAKE_OBJCOPY} --keep-global-symbols=${archive_dir}/global_symbols
-        --weaken-symbols=${archive_dir}/weak_symbols ${archive_dir}/joined.o ${archive_dir}/common.o
-    DEPENDS ${all_objects} ${archive_dir}/global_symbols ${archive_dir}/weak_symbols
-    COMMENT "Joining the objects of libcommon.a" VERBATIM COMMAND_EXPAND_LISTS)
+    DEPENDS ${all_objects} VERBATIM COMMAND_EXPAND_LISTS)
+libcommon_join_objects("$<FILTER:${all_objects},EXCLUDE,${interposition}>;${archive_dir}/interposition.o"
+    ${archive_dir}/common.o --keep-global-symbols=${archive_dir}/global_symbols
+    --weaken-symbols=${archive_dir}/weak_symbols)
+add_custom_command(OUTPUT ${archive_dir}/common.o APPEND
+    DEPENDS ${archive_dir}/global_symbols ${archive_dir}/weak_symbols)
+libcommon_join_objects($<TARGET_OBJECTS:libcommon_heap> ${archive_dir}/heap.o --wildcard --keep-global-symbol=__heap_*)
 
-add_library(libcommon_heap_static STATIC $<TARGET_OBJECTS:libcommon_heap>)
-set_target_properties(libcommon_heap_static PROPERTIES OUTPUT_NAME heap EXPORT_NAME heap_static)
+add_library(libcommon_heap_static STATIC ${archive_dir}/heap.o)
+add_library(libcommon::heap_static ALIAS libcommon_heap_static)
+set_target_properties(libcommon_heap_static PROPERTIES OUTPUT_NAME heap EXPORT_NAME heap_static LINKER_LANGUAGE C)
+add_dependencies(libcommon_heap_static libcommon_heap) # whose objects it uses
 
 add_library(libcommon_static STATIC ${archive_dir}/common.o)
-add_library(libcommon::libcommon_static ALIAS libcommon_static)
-set_target_properties(libcommon_static PROPERTIES OUTPUT_NAME common LINKER_LANGUAGE C)
-add_dependencies(libcommon_static libcommon) # whose objects it takes
+add_library(libcommon::common_static ALIAS libcommon_static)
+set_target_properties(libcommon_static PROPERTIES OUTPUT_NAME common EXPORT_NAME common_static LINKER_LANGUAGE C)
+add_dependencies(libcommon_static libcommon) # whose objects it uses
 target_include_directories(libcommon_static INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/libcommon>)
 target_compile_options(libcommon_static INTERFACE -fno-omit-frame-pointer)
