@@ -6,8 +6,8 @@
 
 #include "fault/find_object.h"
 #include "mem/pointer_hash.h"
+#include "mem/record_checksum.h"
 
-#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstring>
@@ -397,7 +397,13 @@ rule rule_of(const frame_row &at, const architecture &machine)
     auto words = static_cast<std::int16_t>(fp.offset / kWord);
     if (words * kWord != fp.offset)
         return {};
-    return {true, from_frame_pointer, fp.where == saved::at_offset, words, static_cast<std::int32_t>(at.end_offset)};
+    rule found;
+    found.is_known = true;
+    found.from_frame_pointer = from_frame_pointer;
+    found.saves_frame_pointer = fp.where == saved::at_offset;
+    found.frame_pointer_words = words;
+    found.end_offset = static_cast<std::int32_t>(at.end_offset);
+    return found;
 }
 
 rule evaluate(const description &of, std::uintptr_t target, const architecture &machine)
@@ -439,31 +445,9 @@ struct entry {
 
 constinit entry entries[1U << kSlotBits] = {};
 
-// Powers of an odd number, so a change of one word always changes a sum of products.
-constexpr std::size_t kPowers = 16;
-constexpr auto kPower = [] {
-    std::array<std::uint64_t, kPowers> powers{};
-    std::uint64_t power = 1;
-    for (std::uint64_t &each : powers)
-        each = power *= 0x9e3779b97f4a7c15;
-    return powers;
-}();
-
-// A polynomial of the words. The products of a block do not wait for one another.
-std::uint64_t checksum_of(const record &of, std::uint64_t seed)
+std::uint64_t checksum_of(const record &of, std::uint64_t before)
 {
-    std::uint64_t sum = seed ^ of.address;
-    std::size_t i = 0;
-    std::uintptr_t at = of.address, end = of.address + of.size;
-    for (; end - at >= sizeof(std::uint64_t); at += sizeof(std::uint64_t)) {
-        if (i == kPowers) {
-            sum *= kPower[0];
-            i = 0;
-        }
-        sum += load<std::uint64_t>(at) * kPower[i++];
-    }
-    sum *= kPower[1];
-    return at != end ? (sum ^ load<std::uint32_t>(at)) * kPower[2] : sum;
+    return checksum_of_words(reinterpret_cast<const void *>(of.address), of.size, before ^ of.address);
 }
 
 std::uint64_t checksum_of(const description &of)
