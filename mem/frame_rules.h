@@ -24,10 +24,12 @@ struct architecture {
 // The end of a frame is the value of the stack pointer before the call. One word, which is kept and returned as such: a
 // wider load of members that were just stored one by one would wait for them.
 struct rule {
-    bool is_known : 1 = false;
-    bool from_frame_pointer : 1 = false; // the end is at an offset from the frame pointer; else the stack pointer
-    bool saves_frame_pointer : 1 =
-        false; // the caller's frame pointer is on the stack; else it is still in the register
+    std::uint16_t is_known : 1 = false;
+    // The end is at an offset from the frame pointer; else from the stack pointer.
+    std::uint16_t from_frame_pointer : 1 = false;
+    // The caller's frame pointer is on the stack; else it is still in the register.
+    std::uint16_t saves_frame_pointer : 1 = false;
+    std::uint16_t unused : 13 = 0;        // bit_cast() reads every bit
     std::int16_t frame_pointer_words = 0; // where the frame pointer is saved, from the frame's end, in words
     std::int32_t end_offset = 0;          // from that register
 };
