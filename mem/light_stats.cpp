@@ -71,13 +71,16 @@ statistics *next_shard()
     return nullptr;
 }
 
+// A signal handler that interrupts its thread's claim gets none: the thread would give back only one of two slots.
 slot *claim(std::uintptr_t thread)
 {
+    if (probe(thread, thread | kBeingClaimed) != nullptr)
+        return nullptr;
     for (slot *free = probe(thread, 0); free != nullptr; free = probe(thread, 0)) {
         if (is_ending())
             return nullptr;
         std::uintptr_t nobody = 0;
-        if (!__atomic_compare_exchange_n(&free->owner, &nobody, kBeingClaimed, false, __ATOMIC_ACQUIRE,
+        if (!__atomic_compare_exchange_n(&free->owner, &nobody, thread | kBeingClaimed, false, __ATOMIC_ACQUIRE,
                                          __ATOMIC_RELAXED))
             continue;
         if (free->shard == nullptr)
@@ -169,7 +172,7 @@ void watch_threads()
 void after_fork_in_child()
 {
     for (slot &each : slots) {
-        if (each.owner != threads::self())
+        if ((each.owner & ~kBeingClaimed) != threads::self())
             each.owner = 0;
     }
 }

@@ -43,10 +43,11 @@ static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 // A thread finds its slot by a hash of its thread pointer. A slot keeps the shard that its first owner got, and shards
 // are given out in their order: a process with few threads writes to few pages of them.
 struct slot {
-    std::uintptr_t owner; // thread pointer; 0 for none, kBeingClaimed for one to come. Accessed atomically
-    statistics *shard;    // null until the first claim. Written before `owner`, by the thread that claims
+    std::uintptr_t
+        owner;         // thread pointer, with kBeingClaimed while the shard is not set; 0 for none. Accessed atomically
+    statistics *shard; // null until the first claim. Written before `owner`, by the thread that claims
 };
-inline constexpr std::uintptr_t kBeingClaimed = 1;
+inline constexpr std::uintptr_t kBeingClaimed = 1; // thread pointers are even
 
 extern slot slots[kShards];
 extern statistics shards[kShards];

@@ -93,6 +93,17 @@ TEST(LightShards, AreGivenOutInTheirOrder)
     EXPECT_EQ(0, std::count_if(unused, end, is_used));
 }
 
+// A handler may interrupt the claim of its thread between the two steps.
+TEST(LightShards, AHandlerGetsNoSecondOneDuringAClaim)
+{
+    light::watch_threads();
+    light::slot &home = light::slots[threads::hash_of(threads::self(), light::kShardBits)];
+    home.owner = threads::self() | light::kBeingClaimed;
+    count_one();
+    EXPECT_EQ(1, taken());
+    EXPECT_EQ(1U, light::read()[5].allocs);
+}
+
 TEST(LightShards, AThreadKeepsItsShard)
 {
     light::watch_threads();
