@@ -552,7 +552,7 @@ TEST(Context, AThreadThatEndedInsideDoesNotCount)
 {
     ChildResult child = threaded_child([] {
         in_phase[QV_COREDUMP_LAST] = [] { ::pthread_exit(nullptr); };
-        for (int i = 0; i < 50; i++) {
+        for (int i = 0; i < (under_emulation() ? 10 : 50); i++) {
             ::pthread_join(start(request_dump), nullptr);
             ASSERT_EQ(0, in_signal_context());
             ASSERT_TRUE(prints_ordinarily());

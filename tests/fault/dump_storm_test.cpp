@@ -106,7 +106,7 @@ void storm(unsigned requests)
 
 TEST(Storm, AThousandRequestsToABusyProcess)
 {
-    const unsigned requests = 1 + (under_emulation() ? 200 : 1000); // one of them precedes the storm
+    const unsigned requests = 1 + (under_emulation() ? 80 : 1000); // one of them precedes the storm
     ::mkdir("/tmp/logs", 0777);
     ChildResult child = run_child([requests] { storm(requests); }, 60000);
     ASSERT_TRUE(child.exited(0)) << child.status << child.timed_out << child.out << child.err;

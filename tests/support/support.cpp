@@ -58,10 +58,11 @@ std::string capture(int target, const std::function<void()> &body)
     return drain(file);
 }
 
-// Polls in short steps: the children are quick, and not every emulator supports a pidfd.
+// Polls in short steps: the children are quick, and not every emulator supports a pidfd. A limit is there to end what
+// hangs: under emulation on a busy machine everything may take several times as long.
 void await(ChildResult &result, int timeout_ms)
 {
-    auto end = clock::now() + std::chrono::milliseconds(timeout_ms);
+    auto end = clock::now() + std::chrono::milliseconds(timeout_ms) * (under_emulation() ? 4 : 1);
     useconds_t pause = 200;
     for (;;) {
         pid_t done = ::waitpid(result.pid, &result.status, WNOHANG);

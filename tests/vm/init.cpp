@@ -35,7 +35,7 @@ using steady = std::chrono::steady_clock;
 constexpr const char *kHome = "/opt/libcommon";
 constexpr const char *kReady = "/run/libcommon-ready"; // a case writes its pid here when process 1 may send it SIGTERM
 constexpr std::size_t kWorkers = 2;
-constexpr std::chrono::seconds kCaseLimit{180};
+constexpr std::chrono::seconds kCaseLimit{300};
 
 struct Case {
     std::string program;
