@@ -75,7 +75,7 @@ template <typename IsSought>
         void *object = object_of(table, link);
         if (is_sought(object))
             return object;
-        // Computed again: with the object alone, all that outlives the call fits the registers that calls preserve.
+        // The link is computed again instead of kept over the call: one callee-saved register fewer.
         link = next_with(hash, at(link_of(table, object)).next);
     } while (link != nullptr);
     return nullptr;

@@ -125,8 +125,8 @@ std::int64_t take_lowest(idpool *pool, std::int64_t word)
     return word * kWordBits + bit;
 }
 
-// As take_next(), after the bits of the first word from the cursor's on. A separate function, so that allocations which
-// end in that word save no registers.
+// take_next() for a full rest of the cursor's word. A separate function, so that allocations from that word save no
+// registers.
 [[gnu::noinline]] std::int64_t take_after(idpool *pool, std::int64_t start)
 {
     std::int64_t words = pool->words;

@@ -14,9 +14,8 @@ static_assert(offsetof(fault::found_object, map) == offsetof(dl_find_object, dlf
 static_assert(offsetof(fault::found_object, unwind_index) == offsetof(dl_find_object, dlfo_eh_frame));
 static_assert(sizeof(fault::found_object) >= sizeof(dl_find_object));
 
-// The search of a program that is linked statically, which has no loader to ask. Hidden, so that only such a program,
-// which holds the C library itself, resolves the name; it is null everywhere else.
-// NOLINTNEXTLINE(readability-redundant-declaration): for that
+// The search in a static program. Weak and hidden: null unless the program contains the C library.
+// NOLINTNEXTLINE(readability-redundant-declaration): for the attributes
 extern "C" [[gnu::weak, gnu::visibility("hidden")]] decltype(_dl_find_object) _dl_find_object;
 #endif
 

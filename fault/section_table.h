@@ -55,9 +55,8 @@ private:
     bool is_borrowed_ = false;
 };
 
-// Whether section_rec lies at this distance from the thread pointer in every thread; `distance` is the calling
-// thread's. The second word of its thread-local descriptor says so. In an executable the linker replaces the address of
-// the descriptor by the distance. One file per architecture.
+// Whether section_rec is at this distance from the thread pointer in every thread. Static TLS: the second word of the
+// descriptor is the distance, or the linker has replaced the descriptor's address by it. One file per architecture.
 bool is_section_table_at(unsigned long distance);
 
 } // namespace qv::fault

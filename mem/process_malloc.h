@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // process_malloc.h - which malloc() the process has: the library's, the C library's or another allocator's.
 //
-// Apart from the unit that defines malloc(): in a static archive that unit's functions have second names, and here the
-// name means the process's function.
+// A separate unit: in the static archive the symbol malloc is renamed in interposition.o, but here it must mean the
+// process's malloc().
 #ifndef LIBCOMMON_MEM_PROCESS_MALLOC_H
 #define LIBCOMMON_MEM_PROCESS_MALLOC_H
 

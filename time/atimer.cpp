@@ -120,7 +120,7 @@ atimer_bucket &bring_up_next(atimer_level &level)
     return level.buckets[level.current];
 }
 
-// The rest of a tick once level i is brought up to the bucket. A separate function, so that an idle tick calls nothing
+// Finishes a tick from level i, whose current bucket is given. A separate function, so that an idle tick calls nothing
 // and saves no registers.
 [[gnu::noinline]] void finish_tick(atimer_context &ctx, std::int32_t i, atimer_bucket *bucket)
 {

@@ -50,7 +50,7 @@ Sum extend(const std::array<std::array<Sum, 256>, kStride> &tables, Sum sum, con
         auto extended = [&](std::size_t i, std::uint64_t of) {
             return tables[kStride - 1 - i][(of >> (8 * i)) & 0xFF];
         };
-        // Only the first bytes meet the sum before. The others come first, so that the next eight wait for less.
+        // The previous sum affects only the first bytes. The others are summed first, without waiting for it.
         Sum more = 0;
         for (std::size_t i = sizeof sum; i < kStride; i++)
             more = static_cast<Sum>(more ^ extended(i, bytes));

@@ -61,7 +61,7 @@ void *keep(void *library)
     return first;
 }
 
-// Asked for by name. A program that is linked statically has no loader, and linkers warn of its calls of dlopen().
+// Looked up by name: a static program has no loader, and linkers warn of a direct call of dlopen().
 auto find_dlopen()
 {
     return reinterpret_cast<decltype(&::dlopen)>(::dlsym(RTLD_DEFAULT, "dlopen"));
