@@ -3,9 +3,10 @@
  *
  * The library exports one constant record. It holds the addresses of the library's statistics in the process, and their
  * layouts as sizes, counts and offsets, so that a reader needs nothing else of the library's version. A tool finds the
- * record by its symbol, qv_inspect, or by the ELF note that the object has: owner "libcommon", type 1, the record's
- * distance from the content as 8 bytes. A program that holds the library has the note alone. Everything is read with
- * process_vm_readv(2): the process is not stopped, gets no signal and does not notice. qvstat(1) is such a tool.
+ * record by its symbol, qv_inspect, or by the ELF note that the object has: owner "libcommon", type QV_INSPECT_NOTE, the
+ * record's distance from the content as 8 bytes. A program that holds the library has the note alone. Everything is
+ * read with process_vm_readv(2): the process is not stopped, gets no signal and does not notice. qvstat(1) is such a
+ * tool.
  *
  * Nothing is locked while it is read. A reader checks what it gets: sums may be a few calls apart, a block may be freed
  * while its record is copied, and the memory of a damaged process holds anything. Fields are only ever added at the end
@@ -26,6 +27,9 @@ QV_BEGIN_DECLS
 /** How the record is recognised: its first word, and the version of its layout. */
 #define QV_INSPECT_MAGIC UINT64_C(0x3154434550534e49) /* "INSPECT1" in memory */
 #define QV_INSPECT_VERSION 1
+
+/** The type of the ELF note that leads to the record. */
+#define QV_INSPECT_NOTE 2
 
 /* Light statistics: one table of size classes in each shard. A counter's value is the sum over `shards` and `common`
  * less `cleared`, modulo 2^32. Class k counts blocks of 2^k to 2^(k+1)-1 bytes, class 0 those of 0 bytes too. */

@@ -30,10 +30,11 @@ static_assert(sizeof(void *) == sizeof(std::uint64_t), "readers take pointers fo
 } // namespace
 
 // A note by which readers find the record in a program that holds the library, whose symbols may all be gone. Its
-// content is the record's distance from the content.
+// content is the record's distance from the content. A host has a note of type 1, for its callback table.
+static_assert(QV_INSPECT_NOTE == 2);
 asm(".pushsection .note.libcommon, \"a\", %note\n"
     ".balign 4\n"
-    ".long 10, 8, 1\n" // the sizes of owner and content, the type
+    ".long 10, 8, 2\n" // the sizes of owner and content, the type
     ".asciz \"libcommon\"\n"
     ".balign 4\n"
     ".quad qv_inspect_here - .\n"

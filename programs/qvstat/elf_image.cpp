@@ -134,7 +134,7 @@ std::uint64_t padded(std::uint32_t size)
 }
 
 std::optional<std::uint64_t> find_in_notes(const memory_source &memory, std::uint64_t at, std::uint64_t end,
-                                           std::string_view owner)
+                                           std::string_view owner, std::uint32_t type)
 {
     while (at + sizeof(Elf64_Nhdr) <= end) {
         auto note = load<Elf64_Nhdr>(memory, at);
@@ -142,7 +142,7 @@ std::optional<std::uint64_t> find_in_notes(const memory_source &memory, std::uin
             return std::nullopt;
         std::uint64_t name = at + sizeof(Elf64_Nhdr);
         std::uint64_t content = name + padded(note->n_namesz);
-        if (note->n_namesz == owner.size() + 1 && note->n_descsz == sizeof(std::int64_t) &&
+        if (note->n_type == type && note->n_namesz == owner.size() + 1 && note->n_descsz == sizeof(std::int64_t) &&
             has_name(memory, name, owner)) {
             auto distance = load<std::uint64_t>(memory, content);
             return distance ? std::optional(content + *distance) : std::nullopt;
@@ -170,14 +170,15 @@ std::optional<std::uint64_t> find_variable(const memory_source &memory, std::uin
     return object->bias + symbol->st_value;
 }
 
-std::optional<std::uint64_t> find_noted(const memory_source &memory, std::uint64_t base, std::string_view owner)
+std::optional<std::uint64_t> find_noted(const memory_source &memory, std::uint64_t base, std::string_view owner,
+                                        std::uint32_t type)
 {
     auto object = read_image(memory, base);
     for (const Elf64_Phdr &segment : object ? object->segments : std::vector<Elf64_Phdr>()) {
         if (segment.p_type != PT_NOTE)
             continue;
         std::uint64_t start = object->bias + segment.p_vaddr;
-        auto found = find_in_notes(memory, start, start + std::min(segment.p_memsz, kMaxNotes), owner);
+        auto found = find_in_notes(memory, start, start + std::min(segment.p_memsz, kMaxNotes), owner, type);
         if (found)
             return found;
     }

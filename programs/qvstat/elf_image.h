@@ -17,8 +17,9 @@ std::optional<std::uint64_t> load_bias(const memory_source &memory, std::uint64_
 /** The address of a variable that the object at `base` exports; nothing when it has none of this name. */
 std::optional<std::uint64_t> find_variable(const memory_source &memory, std::uint64_t base, std::string_view name);
 
-/** What a note of this owner in the object at `base` refers to, by its distance from the content of the note. */
-std::optional<std::uint64_t> find_noted(const memory_source &memory, std::uint64_t base, std::string_view owner);
+/** What the owner's note of this type in the object at `base` refers to, by its distance from the note's content. */
+std::optional<std::uint64_t> find_noted(const memory_source &memory, std::uint64_t base, std::string_view owner,
+                                        std::uint32_t type);
 
 } // namespace qvstat
 

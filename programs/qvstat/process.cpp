@@ -2,6 +2,7 @@
 #include "process.h"
 
 #include "elf_image.h"
+#include "libcommon_inspect.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -57,11 +58,16 @@ std::optional<mapping> parse_mapping(const std::string &line)
     return result;
 }
 
+bool is_file_start(const mapping &each)
+{
+    return each.offset == 0 && each.inode != 0;
+}
+
 bool is_library(const mapping &each)
 {
     std::string_view name = each.path;
     name.remove_prefix(name.rfind('/') + 1);
-    return each.offset == 0 && each.inode != 0 && (name == "libcommon.so" || name.starts_with("libcommon.so."));
+    return is_file_start(each) && (name == "libcommon.so" || name.starts_with("libcommon.so."));
 }
 
 access_result refused_by(int error)
@@ -137,17 +143,22 @@ access_result target::look()
     return address ? look_at_record(*address) : access_result::other_version;
 }
 
-// A program may hold the library. It is the first file that is mapped.
+// A program may hold the library. Other files may lie below it, where the kernel maps a static one that is
+// position-independent. They may even be programs, mapped as data: then no record is where the note says.
 access_result target::look_at_program()
 {
-    auto program = std::find_if(mappings_.begin(), mappings_.end(),
-                                [](const mapping &each) { return each.offset == 0 && each.inode != 0; });
-    auto address =
-        program != mappings_.end() ? find_noted(memory_, program->start, "libcommon") : std::optional<std::uint64_t>();
-    if (!address)
-        return access_result::no_library;
-    library_ = program->path;
-    return look_at_record(*address);
+    access_result result = access_result::no_library;
+    for (const mapping &each : mappings_) {
+        auto address = is_file_start(each) ? find_noted(memory_, each.start, "libcommon", QV_INSPECT_NOTE)
+                                           : std::optional<std::uint64_t>();
+        if (!address)
+            continue;
+        library_ = each.path;
+        result = look_at_record(*address);
+        if (result == access_result::readable)
+            break;
+    }
+    return result;
 }
 
 access_result target::look_at_record(std::uint64_t address)

@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A host that holds the library: it uses the families, reports what worked, and fails. With an argument it only
- * reports, and writes no file; with a second one it then waits. */
+ * reports, and writes no file; with a second one it then maps its own file and waits. */
 #include <console_print.h>
 #include <crash_details.h>
 #include <encoding.h>
+#include <fcntl.h>
 #include <hashtbl.h>
 #include <mcache.h>
 #include <qv_mtrace.h>
@@ -13,6 +14,7 @@
 #include <stdlib.h>
 #include <stimer.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 /* Fails once more, in its part of the log. */
@@ -108,11 +110,22 @@ static __attribute__((noinline)) void serve(int *slot)
     __asm__ volatile("" ::: "memory");
 }
 
+/* The start of this program as data, which may lie below the program itself. */
+static void map_program(void)
+{
+    int fd = open("/proc/self/exe", O_RDONLY);
+    if (mmap(NULL, 4096, PROT_READ, MAP_PRIVATE, fd, 0) == MAP_FAILED)
+        abort();
+    close(fd);
+}
+
 int main(int argc, char **argv)
 {
     (void)argv;
     char digest[33];
     int *volatile nothing = NULL;
+    if (argc > 2)
+        map_program();
     int timer = use_timer(), containers = use_containers(), counted = is_counted();
     printf("timer %d containers %d allocations %d digest %d\n", timer, containers, counted,
            filemd5str("/proc/self/exe", digest, sizeof digest));

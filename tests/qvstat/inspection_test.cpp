@@ -13,8 +13,10 @@
 #include "threads.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <elf.h>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -235,6 +237,55 @@ TEST(Processes, AProcessWithoutTheLibraryIsSaidToBe)
     EXPECT_EQ(access_result::vanished, target(process).access());
 }
 
+// ---- the note ----
+
+std::uint64_t library_base()
+{
+    auto mappings = read_mappings(getpid()).value_or(std::vector<mapping>());
+    for (const mapping &each : mappings) {
+        if (each.offset == 0 && each.path.find("/libcommon.so") != std::string::npos)
+            return each.start;
+    }
+    return 0;
+}
+
+TEST(Note, LeadsToTheRecord)
+{
+    process_memory memory(getpid());
+    auto record = find_noted(memory, library_base(), "libcommon", QV_INSPECT_NOTE);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(find_variable(memory, library_base(), "qv_inspect"), record);
+}
+
+// The library gives hosts a note too, and the linker may place it first.
+TEST(Note, OfAHostIsAnotherOne)
+{
+    struct note {
+        Elf64_Nhdr head;
+        char owner[12];
+        std::int64_t distance;
+    };
+    struct {
+        Elf64_Ehdr header;
+        Elf64_Phdr segments[2];
+        note notes[2];
+    } image = {};
+    std::memcpy(image.header.e_ident, ELFMAG, SELFMAG);
+    image.header.e_ident[EI_CLASS] = ELFCLASS64;
+    image.header.e_phoff = offsetof(decltype(image), segments);
+    image.header.e_phentsize = sizeof(Elf64_Phdr);
+    image.header.e_phnum = 2;
+    image.segments[0].p_type = PT_LOAD;
+    image.segments[1].p_type = PT_NOTE;
+    image.segments[1].p_vaddr = offsetof(decltype(image), notes);
+    image.segments[1].p_memsz = sizeof image.notes;
+    for (Elf64_Word type : {1, QV_INSPECT_NOTE})
+        image.notes[type - 1] = {{10, 8, type}, "libcommon", type};
+    auto base = reinterpret_cast<std::uint64_t>(&image);
+    auto content = reinterpret_cast<std::uint64_t>(&image.notes[1].distance);
+    EXPECT_EQ(content + QV_INSPECT_NOTE, find_noted(process_memory(getpid()), base, "libcommon", QV_INSPECT_NOTE));
+}
+
 // ---- hostile memory ----
 
 // The memory of this process, with wrong bytes in places.
@@ -269,16 +320,6 @@ void read_everything(const inspection &record)
     record.read_leaks(UINT64_MAX);
     for (const object_cache &cache : record.read_caches().value_or(std::vector<object_cache>()))
         EXPECT_LE(cache.waste(), cache.held());
-}
-
-std::uint64_t library_base()
-{
-    auto mappings = read_mappings(getpid()).value_or(std::vector<mapping>());
-    for (const mapping &each : mappings) {
-        if (each.offset == 0 && each.path.find("/libcommon.so") != std::string::npos)
-            return each.start;
-    }
-    return 0;
 }
 
 TEST(DamagedMemory, OfTheStatisticsIsReadWithinBounds)
