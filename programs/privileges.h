@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // privileges.h - gives up what a program that root runs does not need.
 //
-// Capabilities belong to threads: for a process that has one.
+// Capabilities belong to threads: call these before the first thread is started.
 #ifndef LIBCOMMON_PROGRAMS_PRIVILEGES_H
 #define LIBCOMMON_PROGRAMS_PRIVILEGES_H
 
@@ -16,10 +16,18 @@ namespace qv::programs {
 
 constexpr unsigned kNobody = 65534;
 
+/** Whether the process may use this capability. */
+inline bool has_capability(int capability)
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct words[_LINUX_CAPABILITY_U32S_3] = {};
+    return ::syscall(SYS_capget, &header, words) == 0 &&
+           (words[CAP_TO_INDEX(capability)].permitted & CAP_TO_MASK(capability)) != 0;
+}
+
 /**
- * Gives up all capabilities but these. Nothing is gained where the process has none, and no program that it starts can
- * gain any.
- * @return false with errno set when the kernel refuses; the process then has what it had
+ * Drops all capabilities except these. Programs that it starts cannot gain any.
+ * @return false with errno set when the kernel refuses; the capabilities are then unchanged
  */
 inline bool keep_capabilities(std::initializer_list<int> kept)
 {
@@ -37,7 +45,8 @@ inline bool keep_capabilities(std::initializer_list<int> kept)
 
 /**
  * Changes root to the user and group nobody. The process keeps its permitted capabilities; keep_capabilities() makes
- * them effective again. Needs CAP_SETUID and CAP_SETGID. Where the user namespace has no such user, nothing changes.
+ * them effective again. Needs CAP_SETUID and CAP_SETGID. If the user cannot be changed, the process stays root, without
+ * its groups.
  */
 inline void become_nobody()
 {

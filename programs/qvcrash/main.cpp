@@ -23,6 +23,7 @@
 namespace {
 
 using namespace qvcrash;
+using qv::programs::has_capability;
 using qv::programs::keep_capabilities;
 
 constexpr std::size_t kMaxLogSize = 256 << 20; // traces of allocations grow large
@@ -186,6 +187,15 @@ void describe_show(CLI::App *command, show_options *options)
     command->add_flag("--json", options->as_json, "One object for each log, one to a line");
 }
 
+// Logs and programs are untrusted input. An output needs the right to write.
+bool keep_what_is_needed(bool is_bundle, bool writes_files)
+{
+    if (!is_bundle)
+        return writes_files ? keep_capabilities({CAP_DAC_OVERRIDE}) : keep_capabilities({CAP_DAC_READ_SEARCH});
+    // Without CAP_SYS_PTRACE the kernel allows reading only processes whose capabilities the caller has too.
+    return !has_capability(CAP_SYS_PTRACE) || keep_capabilities({CAP_DAC_OVERRIDE, CAP_SYS_PTRACE});
+}
+
 int run(int argc, char **argv)
 {
     CLI::App program("Reads what crashed processes left.", "qvcrash");
@@ -208,11 +218,7 @@ int run(int argc, char **argv)
         return status == 0 ? kAllRead : kUsage;
     }
     bool writes_files = !grouping.html.empty() || options.symbols.use_servers;
-    // Logs and programs are input of strangers. An output goes where its user may write.
-    bool is_kept = bundle_command->parsed() ? keep_capabilities({CAP_DAC_OVERRIDE, CAP_SYS_PTRACE})
-                   : writes_files           ? keep_capabilities({CAP_DAC_OVERRIDE})
-                                            : keep_capabilities({CAP_DAC_READ_SEARCH});
-    if (!is_kept) {
+    if (!keep_what_is_needed(bundle_command->parsed(), writes_files)) {
         std::fprintf(stderr, "qvcrash: capabilities: %s\n", std::strerror(errno));
         return kUsage;
     }

@@ -26,6 +26,7 @@
 namespace {
 
 using namespace qvstat;
+using qv::programs::has_capability;
 using qv::programs::keep_capabilities;
 
 enum exit_status { kDone = 0, kNotDone = 1, kUsage = 2 };
@@ -78,6 +79,16 @@ std::string metrics()
     return openmetrics_text(read_machine());
 }
 
+// Clients are served from here on. CAP_SYS_PTRACE also permits writing to processes; the kernel has no capability for
+// reading alone.
+bool keep_what_serving_needs()
+{
+    if (!has_capability(CAP_SYS_PTRACE))
+        return true;
+    qv::programs::become_nobody();
+    return keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH});
+}
+
 int export_metrics(const command_line &line)
 {
     if (line.listen.empty()) {
@@ -85,9 +96,7 @@ int export_metrics(const command_line &line)
         return kDone;
     }
     auto is_ready = [](const std::string &url) {
-        // From here on strangers are answered. What is left can read processes and files, and write none.
-        qv::programs::become_nobody();
-        if (!qv::programs::keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH}))
+        if (!keep_what_serving_needs())
             throw std::runtime_error(std::string("capabilities: ") + std::strerror(errno));
         print("listening at " + url + '\n');
         std::fflush(stdout);
@@ -260,6 +269,17 @@ int run(const command_line &line)
     return kUsage;
 }
 
+// Without CAP_SYS_PTRACE the kernel allows reading only processes whose capabilities the caller has too.
+bool keep_what_command_needs(const command_line &line)
+{
+    if (!has_capability(CAP_SYS_PTRACE))
+        return true;
+    // Processes of all users are read and sent signals.
+    return line.listen.empty()
+               ? keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_KILL})
+               : keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_NET_BIND_SERVICE, CAP_SETUID, CAP_SETGID});
+}
+
 int parse_and_run(int argc, char **argv)
 {
     CLI::App program("Looks into running processes that have libcommon loaded.", "qvstat");
@@ -282,12 +302,7 @@ int parse_and_run(int argc, char **argv)
         int status = program.exit(error);
         return status == 0 ? kDone : kUsage;
     }
-    // Processes of all users are read and sent signals.
-    bool is_kept =
-        line.listen.empty()
-            ? keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_KILL})
-            : keep_capabilities({CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH, CAP_NET_BIND_SERVICE, CAP_SETUID, CAP_SETGID});
-    if (!is_kept) {
+    if (!keep_what_command_needs(line)) {
         complain(std::string("capabilities: ") + std::strerror(errno));
         return kNotDone;
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // qvcrash bundle: what the archive of a log and of a running process holds, and what does not get into it.
-#include "support/support.h"
+#include "qvstat/processes.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -78,7 +78,7 @@ TEST(QvcrashBundle, OfALog)
     EXPECT_EQ(0600u, status.st_mode & 0777);
 }
 
-TEST(QvcrashBundle, OfAProcess)
+void expect_bundle_of_process()
 {
     pid_t pid = ::fork();
     if (pid == 0) {
@@ -97,6 +97,25 @@ TEST(QvcrashBundle, OfAProcess)
     EXPECT_FALSE(members.contains("process/environ"));
     ::kill(pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
+}
+
+TEST(QvcrashBundle, OfAProcess)
+{
+    expect_bundle_of_process();
+}
+
+// Root of a container, who reads only processes whose capabilities it has.
+TEST(QvcrashBundle, OfAProcessWithoutTheRightToTrace)
+{
+    ChildResult result = run_child([] {
+        if (!give_up_tracing())
+            ::_exit(77);
+        expect_bundle_of_process();
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    if (result.exited(77))
+        GTEST_SKIP() << "the capability cannot be dropped here, or reading then takes more";
+    EXPECT_TRUE(result.exited(0)) << result.out;
 }
 
 TEST(QvcrashBundle, LinksOutOfTheFoldersAreNotFollowed)

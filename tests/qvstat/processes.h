@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <initializer_list>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <string>
 #include <sys/prctl.h>
@@ -114,6 +115,14 @@ public:
         EXPECT_EQ("started", read_line());
     }
 };
+
+// For what is started from here on: root of a container has no CAP_SYS_PTRACE by default. False where the system then
+// does not allow reading processes of the same user.
+inline bool give_up_tracing()
+{
+    int restriction = std::atoi(read_file("/proc/sys/kernel/yama/ptrace_scope").c_str());
+    return restriction == 0 && geteuid() == 0 && prctl(PR_CAPBSET_DROP, CAP_SYS_PTRACE, 0, 0, 0) == 0;
+}
 
 // A connection to a server on the loopback, to be closed; -1 where there is none.
 inline int connect_to(std::uint16_t port)
