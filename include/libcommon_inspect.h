@@ -3,8 +3,8 @@
  *
  * The library exports one constant record. It holds the addresses of the library's statistics in the process, and their
  * layouts as sizes, counts and offsets, so that a reader needs nothing else of the library's version. A tool finds the
- * record by its symbol, qv_inspect, or by the ELF note that the object has: owner "libcommon", type QV_INSPECT_NOTE, the
- * record's distance from the content as 8 bytes. A program that holds the library has the note alone. Everything is
+ * record by its symbol, qv_inspect, or by the ELF note that the object has: owner "libcommon", type QV_INSPECT_NOTE,
+ * the record's distance from the content as 8 bytes. A program that holds the library has the note alone. Everything is
  * read with process_vm_readv(2): the process is not stopped, gets no signal and does not notice. qvstat(1) is such a
  * tool.
  *
