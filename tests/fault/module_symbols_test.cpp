@@ -216,7 +216,7 @@ TEST(Names, TheProgram)
 
 TEST(Names, TheCLibrary)
 {
-    compare_module("libc.so", 1);
+    compare_module("libc.so", under_emulation() ? 5 : 1);
 }
 
 TEST(Names, TheLoader)
