@@ -369,7 +369,7 @@ private:
         return line.find(kFrameArrow) != std::string_view::npos || has_own_start(line);
     }
 
-    // Most lines that are asked about are not the library's, and begin with other characters.
+    // Most lines are the host's and begin with another character.
     static bool has_own_start(std::string_view line)
     {
         constexpr std::string_view kFirst = "\t$BPTfprs";

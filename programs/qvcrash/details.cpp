@@ -143,7 +143,8 @@ private:
         if (!text.number(&module.bias, 16) || !text.number(&module.end, 16))
             return;
         module.build_id = text.word();
-        if (module.build_id == "-")
+        // Logs are hostile: the id becomes a path.
+        if (module.build_id.find_first_not_of("0123456789abcdef") != std::string::npos)
             module.build_id.clear();
         if (!text.skip(" "))
             return;

@@ -56,8 +56,7 @@ std::optional<std::time_t> time_of_file(const std::string &path)
 
 using path_batch = std::vector<std::string>;
 
-// Paths on their way from the thread that walks folders to those that read, in batches: waking a thread costs as much
-// as reading a log.
+// Paths from the thread that walks folders to the readers, in batches: waking a thread costs as much as reading a log.
 class path_queue {
 public:
     // Of the one thread that puts.

@@ -110,6 +110,7 @@ bool write_file(const std::string &path, const std::string &content)
         done += static_cast<std::size_t>(size);
     }
     bool is_written = file && done == content.size();
+    is_written = is_written && ::close(file.release()) == 0;
     if (!is_written)
         std::fprintf(stderr, "qvcrash: %s: %s\n", path.c_str(), std::strerror(errno));
     return is_written;

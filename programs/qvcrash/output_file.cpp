@@ -10,10 +10,11 @@ namespace qvcrash {
 namespace {
 
 constexpr mode_t kMode = 0666;
+constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 
 bool is_shared(const struct stat &folder)
 {
-    return (folder.st_mode & S_IWOTH) != 0 || (folder.st_uid != 0 && folder.st_uid != ::geteuid());
+    return (folder.st_mode & kOthersWrite) != 0 || (folder.st_uid != 0 && folder.st_uid != ::geteuid());
 }
 
 bool belongs_here(const struct stat &file, const struct stat &folder)

@@ -92,14 +92,17 @@ bool is_store_safe(bool is_written)
 }
 
 // Copies the whole file under the lock, so that no partial change is listed.
-exit_code list(const char *path)
+exit_code list(const char *file)
 {
-    base::unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!file || file_lock(file.get(), F_RDLCK, 1) != 0)
+    if (file == nullptr && !is_store_safe(false))
+        return kTrouble;
+    const char *path = file != nullptr ? file : QV_ENV_FILE;
+    base::unique_fd source(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!source || file_lock(source.get(), F_RDLCK, 1) != 0)
         return trouble(path, std::strerror(errno));
     char chunk[4096];
     ssize_t length;
-    while ((length = ::read(file.get(), chunk, sizeof chunk)) > 0)
+    while ((length = ::read(source.get(), chunk, sizeof chunk)) > 0)
         std::fwrite(chunk, 1, static_cast<std::size_t>(length), stdout);
     if (length < 0)
         return trouble(path, std::strerror(errno));
@@ -118,6 +121,8 @@ bool is_readable(const char *path)
 // The two lookups differ: see qv_getenv_filename(). `file` is null for the store.
 exit_code get(const char *file, const char *name)
 {
+    if (file == nullptr && !is_store_safe(false))
+        return kTrouble;
     // Any '=' would match.
     if (*name == '\0')
         return trouble(name, "not a valid name");
@@ -205,10 +210,8 @@ int main(int argc, char **argv)
     std::string_view command = argv[0];
     if (!programs::keep_capabilities({CAP_DAC_READ_SEARCH}))
         return trouble("capabilities", std::strerror(errno));
-    if (file == nullptr && command != "set" && !is_store_safe(false))
-        return kTrouble;
     if (command == "list")
-        return argc == 1 ? list(file != nullptr ? file : QV_ENV_FILE) : usage();
+        return argc == 1 ? list(file) : usage();
     if (command == "get")
         return argc == 2 ? get(file, argv[1]) : usage();
     if (command != "set")

@@ -25,9 +25,8 @@ std::string labels_of(const process_sample &sample)
     return "pid=\"" + std::to_string(sample.process->process()) + "\",name=" + quoted(sample.process->name());
 }
 
-// A counter has no type here. OpenMetrics names its family without "_total", the text format before it with it, and
-// many tools (promtool, the collector of text files) read that one alone. A family without a type has one name in both,
-// and its help is found.
+// Counters are written without a type. OpenMetrics drops "_total" from the family's name, the older text format keeps
+// it, and tools such as promtool read only the older one. Without a type both use the full name.
 struct family {
     const char *name;
     const char *type; // empty for a counter

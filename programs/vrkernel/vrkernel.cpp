@@ -50,8 +50,8 @@ bool find_library(char (&path)[PATH_MAX])
     return false;
 }
 
-// Whether nobody can change the library but root, the caller and those who can change this program, as everybody can in
-// a tree that was built without a umask. Root runs the program with it.
+// Whether the library is not writable for all, unless this program is so too, as in a tree that was built with umask 0,
+// and belongs to root, the caller or this program's owner. Root runs the program with it.
 bool is_trusted(const char *library)
 {
     struct stat own, status;

@@ -1206,7 +1206,7 @@ TEST_F(VrkernelCommand, ALibraryThatOthersCanChangeIsRefused)
         write_file("/tmp/open" + std::string(file), read_file(build_dir() + file));
         ASSERT_EQ(0, ::chmod(("/tmp/open" + std::string(file)).c_str(), 0757));
     }
-    // Who can change the program needs no library for it: so lies a tree that was built without a umask.
+    // A user who can change the program needs no library. A tree that was built with umask 0 has such modes.
     auto trusting = run_program({"/tmp/open/vrkernel", "run", "-c", kConfig, "--", "/bin/true"});
     EXPECT_TRUE(under_sanitizer() || trusting.exited(0)) << trusting.err;
 

@@ -302,6 +302,9 @@ TEST(QvcrashGroup, PageIsNotWrittenThroughALink)
     ASSERT_EQ(0, symlink("/etc/other", "/tmp/own/page.html")) << "in a folder of the user's a link is the user's";
     EXPECT_TRUE(group({"--html", "/tmp/own/page.html", "/tmp/logs"}).exited(0));
     EXPECT_NE("kept", read_file("/etc/other"));
+
+    ASSERT_EQ(0, chmod("/tmp/own", 0775));
+    EXPECT_TRUE(group({"--html", "/tmp/own/page.html", "/tmp/logs"}).exited(1)) << "the group may have placed it";
 }
 
 TEST(QvcrashGroup, PageStandsAlone)

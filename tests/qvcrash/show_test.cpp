@@ -387,6 +387,17 @@ TEST(QvcrashShow, NothingIsAboveTheOutermostFunction)
     EXPECT_TRUE(is_above);
 }
 
+// It would become a part of paths.
+TEST(QvcrashShow, ABuildIdIsHexadecimal)
+{
+    write_file("/tmp/x1.coredump.11.log",
+               "PID 1 for signal(11).\nBacktracing:\n\tStack bottom is at 0x0\n\nDetails 1:\n"
+               "module : 0000000000010000 0000000000020000 ../../x /usr/sbin/routed\nDetails end\n");
+    std::string shown = show({"--json", "/tmp/x1.coredump.11.log"}).out;
+    EXPECT_THAT(shown, testing::HasSubstr("/usr/sbin/routed"));
+    EXPECT_EQ(std::string::npos, shown.find("../../x"));
+}
+
 // Return addresses of the log follow no call there.
 TEST(QvcrashShow, AnotherBuildIsNoticed)
 {
