@@ -279,7 +279,7 @@ TEST(Note, OfAHostIsAnotherOne)
     image.segments[1].p_type = PT_NOTE;
     image.segments[1].p_vaddr = offsetof(decltype(image), notes);
     image.segments[1].p_memsz = sizeof image.notes;
-    for (Elf64_Word type : {1, QV_INSPECT_NOTE})
+    for (Elf64_Word type : {Elf64_Word{1}, Elf64_Word{QV_INSPECT_NOTE}})
         image.notes[type - 1] = {{10, 8, type}, "libcommon", type};
     auto base = reinterpret_cast<std::uint64_t>(&image);
     auto content = reinterpret_cast<std::uint64_t>(&image.notes[1].distance);
