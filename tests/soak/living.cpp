@@ -9,8 +9,8 @@
 //       │                       ├── crash hosts
 //       │                       └── qvstat
 //
-// All run in one sandbox with a private network, the daemons and the client on the stand-in kernel. Every check that
-// fails is a line of the file and of the output; the last line is the verdict, and the exit status follows it.
+// The processes share a sandbox with a private network; the daemons and the client use the stand-in kernel. Each check
+// that fails is a line of the file and of the output; the last line is the verdict, and the exit status follows it.
 #include "shared.h"
 
 #include "libcommon_version.h"
