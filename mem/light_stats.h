@@ -43,8 +43,8 @@ static_assert(sizeof(statistics) % 64 == 0, "shards share no cache line");
 // A thread finds its slot by a hash of its thread pointer. A slot keeps the shard that its first owner got, and shards
 // are given out in their order: a process with few threads writes to few pages of them.
 struct slot {
-    std::uintptr_t
-        owner;         // thread pointer, with kBeingClaimed while the shard is not set; 0 for none. Accessed atomically
+    // The owner's thread pointer, with kBeingClaimed while the shard is not set; 0 for none. Accessed atomically.
+    std::uintptr_t owner;
     statistics *shard; // null until the first claim. Written before `owner`, by the thread that claims
 };
 inline constexpr std::uintptr_t kBeingClaimed = 1; // thread pointers are even
