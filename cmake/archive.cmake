@@ -11,14 +11,15 @@ set(archive_dir ${PROJECT_BINARY_DIR}/archive)
 set(allocation_functions malloc calloc realloc free)
 list(TRANSFORM allocation_functions REPLACE "(.+)" "\\1=__qv_\\1" OUTPUT_VARIABLE second_names)
 
-libcommon_read_unversioned(weak_symbols)
+libcommon_read_exports(${libcommon_exports} Base weak_symbols)
 list(REMOVE_ITEM weak_symbols ${allocation_functions})
 list(JOIN weak_symbols "\n" weak_symbols)
 file(CONFIGURE OUTPUT ${archive_dir}/weak_symbols CONTENT "${weak_symbols}\n")
-file(READ ${PROJECT_SOURCE_DIR}/abi/libcommon.exports global_symbols)
+libcommon_read_exports(${libcommon_exports} .+ global_symbols)
+list(JOIN global_symbols "\n" global_symbols)
 list(TRANSFORM allocation_functions PREPEND __qv_ OUTPUT_VARIABLE own_allocation_names)
 list(JOIN own_allocation_names "\n" own_allocation)
-file(CONFIGURE OUTPUT ${archive_dir}/global_symbols CONTENT "${global_symbols}${own_allocation}\n")
+file(CONFIGURE OUTPUT ${archive_dir}/global_symbols CONTENT "${global_symbols}\n${own_allocation}\n")
 
 # libcommon_join_objects(OBJECTS TO OPTION...) - makes one object of several, with options for objcopy.
 function(libcommon_join_objects objects to)

@@ -1,8 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 # What the shared objects show to the loader.
 add_test(NAME abi.exports COMMAND ${CMAKE_CURRENT_LIST_DIR}/exports $<TARGET_FILE:libcommon>
-    ${PROJECT_SOURCE_DIR}/abi/libcommon.exports ${PROJECT_SOURCE_DIR}/abi/unversioned $<IF:$<BOOL:${LIBCOMMON_MALLOC_HOOKS}>,hooks,no-hooks>)
+    ${libcommon_exports} $<IF:$<BOOL:${LIBCOMMON_MALLOC_HOOKS}>,hooks,no-hooks>)
 if(NOT LIBCOMMON_SANITIZE)
+    # A library that grew by minor releases.
+    add_library(released SHARED ${CMAKE_CURRENT_LIST_DIR}/releases/library.c)
+    libcommon_version_symbols(released ${CMAKE_CURRENT_LIST_DIR}/releases/exports)
+    add_test(NAME abi.symbol_versions COMMAND ${CMAKE_CURRENT_LIST_DIR}/symbol_versions $<TARGET_FILE:released>)
     add_test(NAME abi.needed.common COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:libcommon> libc.so.6 libheap.so.1)
     add_test(NAME abi.needed.heap COMMAND ${CMAKE_CURRENT_LIST_DIR}/needed $<TARGET_FILE:libcommon_heap> libc.so.6)
     add_test(NAME abi.initialisers.common COMMAND ${CMAKE_CURRENT_LIST_DIR}/initialisers $<TARGET_FILE:libcommon>)
@@ -14,7 +18,7 @@ add_test(NAME abi.guard_variables COMMAND ${CMAKE_CURRENT_LIST_DIR}/guard_variab
 # What hosts compile against. Another compiler describes the same declarations with other words.
 if(CMAKE_C_COMPILER_ID STREQUAL GNU)
     add_test(NAME abi.declarations COMMAND ${CMAKE_CURRENT_LIST_DIR}/declarations check ${PROJECT_SOURCE_DIR}/include
-        ${PROJECT_SOURCE_DIR}/abi/libcommon.exports ${PROJECT_SOURCE_DIR}/abi/declared.${CMAKE_SYSTEM_PROCESSOR}.xml)
+        ${libcommon_exports} ${PROJECT_SOURCE_DIR}/abi/declared.${CMAKE_SYSTEM_PROCESSOR}.xml)
     set_property(TEST abi.declarations PROPERTY ENVIRONMENT CC=${CMAKE_C_COMPILER})
 endif()
 

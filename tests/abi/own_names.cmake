@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Writes a C source that defines every exported name that is not interposable, as a host of its own might.
 function(write_own_names output)
-    file(STRINGS ${PROJECT_SOURCE_DIR}/abi/libcommon.exports names)
+    libcommon_read_exports(${libcommon_exports} .+ names)
     # Prefixes, the C library's names, what is interposable as a variable, and the thread-local table.
     list(FILTER names EXCLUDE REGEX "^(__|qv_|console_print|g_process_stack_)|^(malloc|calloc|realloc|free|mtrace|muntrace)$")
     list(FILTER names EXCLUDE REGEX "^(strcasestr|section_rec|stack_main_top)$")

@@ -17,7 +17,7 @@ endif()
 # The reference has no gap, and man finds its pages.
 find_program(doxygen doxygen)
 if(doxygen AND NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
-    add_test(NAME docs.reference COMMAND ${CMAKE_CURRENT_LIST_DIR}/reference ${PROJECT_SOURCE_DIR}/abi/libcommon.exports
+    add_test(NAME docs.reference COMMAND ${CMAKE_CURRENT_LIST_DIR}/reference ${libcommon_exports}
         ${CMAKE_CURRENT_BINARY_DIR}/reference)
 endif()
 

@@ -16,5 +16,5 @@ if(NOT LIBCOMMON_SANITIZE)
             ENVIRONMENT "CC=${CMAKE_C_COMPILER};CXX=${CMAKE_CXX_COMPILER}")
     endif()
 endif()
-add_test(NAME package.symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/symbols ${PROJECT_SOURCE_DIR}/abi/libcommon.exports
-    ${PROJECT_SOURCE_DIR}/abi/unversioned ${PROJECT_SOURCE_DIR}/debian/libcommon1.symbols)
+add_test(NAME package.symbols COMMAND ${CMAKE_CURRENT_LIST_DIR}/symbols ${libcommon_exports}
+    ${PROJECT_SOURCE_DIR}/debian/libcommon1.symbols)
