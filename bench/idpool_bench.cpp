@@ -57,6 +57,28 @@ struct WordLoop {
     void release(int id) { words[static_cast<std::size_t>(id) / 32] &= ~(1U << (id % 32)); }
 };
 
+// The next clear bit of a bitmap in the caller's code, without a test of what is allocated or freed: what the order of
+// identifiers demands of each implementation.
+struct NextClearBit {
+    std::vector<std::uint64_t> words = std::vector<std::uint64_t>(kSize / 64);
+    std::size_t next = 0;
+    int take()
+    {
+        std::size_t at = next / 64;
+        std::uint64_t clear = ~words[at] & (~std::uint64_t{0} << next % 64);
+        while (clear == 0) {
+            at = at + 1 == words.size() ? 0 : at + 1;
+            clear = ~words[at];
+        }
+        words[at] |= clear & -clear;
+        const std::size_t id = at * 64 + static_cast<std::size_t>(__builtin_ctzll(clear));
+        next = id + 1 == kSize ? 0 : id + 1;
+        return static_cast<int>(id);
+    }
+    void release(int id) { words[static_cast<std::size_t>(id) / 64] &= ~(std::uint64_t{1} << (id % 64)); }
+};
+static_assert(kSize % 64 == 0);
+
 #ifdef HAVE_BOOST
 // A set bit is a free identifier, because its search finds set bits.
 struct Bitset {
@@ -178,6 +200,7 @@ void add(const std::string &name)
 const bool registered = [] {
     add<Ours>("ours");
     add<WordLoop>("word_loop");
+    add<NextClearBit>("next_clear_bit");
 #ifdef HAVE_BOOST
     add<Bitset>("boost_bitset");
 #endif

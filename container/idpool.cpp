@@ -77,40 +77,35 @@ void init_record(idpool *pool, const char *name, int min, int max, std::uint32_t
 
 // ---- scanning ----
 
-// Where the first of kGroup words differs from Skipped; kGroup when none does. One selection a word instead of one
-// branch: in a pool that is nearly full (or empty) a branch would be mispredicted.
-constexpr std::int64_t kGroup = 8;
+// Two neighbouring words at once. In memory the identifiers of a pair are in the order of its bits.
+static_assert(std::endian::native == std::endian::little);
+constexpr std::int64_t kPair = 2;
 
-template <std::uint32_t Skipped>
-std::int64_t first_in_group(const std::uint32_t *group)
+std::uint64_t load_pair(const std::uint32_t *words)
 {
-    std::int64_t first = kGroup;
-    for (std::int64_t i = kGroup; i-- > 0;)
-        first = group[i] != Skipped ? i : first;
-    return first;
+    std::uint64_t pair;
+    std::memcpy(&pair, words, sizeof pair);
+    return pair;
 }
 
-// The first word in [from, end) that differs from Skipped; end when there is none. Where a group of words is not enough
+// The first word in [from, end) that differs from Skipped; end when there is none. Where the next words are not enough
 // whole blocks are compared at once: the compiler vectorises the inner loop.
 template <std::uint32_t Skipped>
 std::int64_t skip(const std::uint32_t *bitmap, std::int64_t from, std::int64_t end)
 {
-    constexpr std::int64_t kBlock = 4 * kGroup;
-    if (end - from >= kGroup) {
-        if (std::int64_t first = first_in_group<Skipped>(bitmap + from); first < kGroup)
-            return from + first;
-        from += kGroup;
+    constexpr std::int64_t kNear = 16;
+    constexpr std::int64_t kBlock = 32;
+    constexpr std::uint64_t kSkippedPair = std::uint64_t{Skipped} << kWordBits | Skipped;
+    for (std::int64_t near = std::min(from + kNear, end - 1); from < near; from += kPair) {
+        if (load_pair(bitmap + from) != kSkippedPair)
+            return bitmap[from] != Skipped ? from : from + 1;
     }
     for (; end - from >= kBlock; from += kBlock) {
-        std::uint32_t differences = 0;
+        std::uint32_t all = Skipped;
         for (std::int64_t i = 0; i < kBlock; i++)
-            differences |= bitmap[from + i] ^ Skipped;
-        if (differences != 0)
+            all = Skipped == kFull ? all & bitmap[from + i] : all | bitmap[from + i];
+        if (all != Skipped)
             break;
-    }
-    for (; end - from >= kGroup; from += kGroup) {
-        if (std::int64_t first = first_in_group<Skipped>(bitmap + from); first < kGroup)
-            return from + first;
     }
     while (from < end && bitmap[from] == Skipped)
         from++;
