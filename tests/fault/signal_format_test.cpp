@@ -180,6 +180,17 @@ TEST(SignalFormat, OtherBases)
     EXPECT_EQ("%#x", format("%#x"));
 }
 
+TEST(SignalFormat, EveryNumberAndValueOfHexadecimalDigits)
+{
+    for (unsigned digit = 0; digit < 16; digit++) {
+        for (unsigned place = 0; place < 64; place += 4) {
+            const unsigned long value = static_cast<unsigned long>(digit) << place;
+            EXPECT_EQ(libc("%lx", value), format("%lx", value));
+            EXPECT_EQ(libc("%lX", value - 1), format("%lX", value - 1));
+        }
+    }
+}
+
 TEST(SignalFormat, Pointers)
 {
     auto at = [](unsigned long address) { return reinterpret_cast<void *>(address); };
