@@ -31,6 +31,32 @@ constexpr const char *kFruLog = "/etc/fru_mlog";
 
 constexpr int kYear1970 = 70; // of struct tm: the clock has not been set, so it counts the time since boot
 
+void put_two_digits(char *at, long value)
+{
+    at[0] = static_cast<char>('0' + value / 10);
+    at[1] = static_cast<char>('0' + value % 10);
+}
+
+// Without snprintf(), which needs a tenth of a line's time for these six numbers.
+std::size_t put_date(char (&out)[console::kPrefixSize], const tm &date)
+{
+    const long year = date.tm_year + 1900L;
+    if (year < 0 || year > 9999)
+        return console::stored(std::snprintf(out, sizeof out, "%04ld-%02d-%02d %02d:%02d:%02d ", year, date.tm_mon + 1,
+                                             date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec),
+                               sizeof out);
+    constexpr std::string_view kDate = "0000-00-00 00:00:00 ";
+    kDate.copy(out, kDate.size());
+    put_two_digits(out, year / 100);
+    put_two_digits(out + 2, year % 100);
+    put_two_digits(out + 5, date.tm_mon + 1);
+    put_two_digits(out + 8, date.tm_mday);
+    put_two_digits(out + 11, date.tm_hour);
+    put_two_digits(out + 14, date.tm_min);
+    put_two_digits(out + 17, date.tm_sec);
+    return kDate.size();
+}
+
 struct local_stamp {
     static std::size_t make_prefix(char (&out)[console::kPrefixSize])
     {
@@ -38,11 +64,9 @@ struct local_stamp {
         tm date;
         if (now == -1 || !local_time::convert_for_log(now, &date))
             return 0;
-        int length = date.tm_year == kYear1970
-                         ? std::snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now))
-                         : std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d ", date.tm_year + 1900,
-                                         date.tm_mon + 1, date.tm_mday, date.tm_hour, date.tm_min, date.tm_sec);
-        return console::stored(length, sizeof out);
+        if (date.tm_year != kYear1970)
+            return put_date(out, date);
+        return console::stored(std::snprintf(out, sizeof out, "uptime %d ", static_cast<int>(now)), sizeof out);
     }
 };
 

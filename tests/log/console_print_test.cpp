@@ -381,6 +381,19 @@ TEST(ConsoleStamp, FollowsTheTimeZone)
     EXPECT_EQ("2026-01-31 11:30:00 x\n2026-01-30 23:00:00 y\n", read_file(kLog));
 }
 
+TEST(ConsoleStamp, YearsOfOtherThanFourDigits)
+{
+    ::setenv("TZ", "UTC0", 1);
+    constexpr std::time_t kYear10000 = 253402300800;
+    constexpr std::time_t kYear0 = -62167219200;
+    for (std::time_t time : {kYear10000 - 1, kYear10000, kYear0, kYear0 - 1}) {
+        told_time = time;
+        qv_clog("x\n");
+    }
+    EXPECT_EQ("9999-12-31 23:59:59 x\n10000-01-01 00:00:00 x\n0000-01-01 00:00:00 x\n-001-12-31 23:59:59 x\n",
+              read_file(kLog));
+}
+
 TEST(ConsoleStamp, IsLeftOutWithoutATime)
 {
     told_time = -1;
