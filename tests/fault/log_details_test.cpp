@@ -3,6 +3,7 @@
 #include "crash_details.h"
 #include "cxx/crash_note.hpp"
 #include "fault/crash_support.h"
+#include "libcommon_version.h"
 #include "mcache.h"
 
 #undef NDEBUG
@@ -109,7 +110,7 @@ TEST(LogDetails, NamesOfProcessAndProgram)
     ASSERT_LT(0, ::readlink("/proc/self/exe", program, sizeof program - 1));
     EXPECT_EQ(std::vector<std::string>{program}, lines_with(details, "exe    : "));
     EXPECT_THAT(details, HasSubstr(" name detailed\n"));
-    EXPECT_THAT(details, HasSubstr("\nversion: libcommon 1.0.0, Linux "));
+    EXPECT_THAT(details, HasSubstr("\nversion: libcommon " LIBCOMMON_VERSION ", Linux "));
 }
 
 // ---- notes ----
