@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstring>
+#include <sys/auxv.h>
 
 namespace qv::frame_rules {
 namespace {
@@ -109,7 +110,7 @@ module find_module(std::uintptr_t address)
     if (fault::find_object == nullptr || fault::find_object(reinterpret_cast<void *>(address), &found) != 0)
         return {};
     return {reinterpret_cast<std::uintptr_t>(found.start), reinterpret_cast<std::uintptr_t>(found.end),
-            reinterpret_cast<std::uintptr_t>(found.unwind_index)};
+            reinterpret_cast<std::uintptr_t>(found.unwind_index), found.map};
 }
 
 table read_index(const module &in)
@@ -430,17 +431,18 @@ rule evaluate(const description &of, std::uintptr_t target, const architecture &
 // ---- kept rules ----
 //
 // By the hash of the return address. A module may be unloaded and another one loaded at its place. So an entry holds
-// only while the index is at the same place, and its row leads to a description with the same bytes.
+// only while the index is at the same place, and its row leads to a description with the same bytes. A module that is
+// never unloaded needs no such check.
 
 constexpr int kSlotBits = 10;
 
-struct entry {
+struct alignas(64) entry { // on one cache line
     std::uint64_t version; // odd while a thread writes the others. A thread that finds it odd leaves the entry alone
     std::uintptr_t return_address;
+    std::uint64_t packed; // the rule
     std::uintptr_t index;
     std::size_t row;
     std::uint64_t checksum;
-    std::uint64_t packed; // the rule
 };
 
 constinit entry entries[1U << kSlotBits] = {};
@@ -467,12 +469,28 @@ void release(Value &to, Value value)
     __atomic_store_n(&to, value, __ATOMIC_RELEASE);
 }
 
+entry &entry_of(std::uintptr_t return_address)
+{
+    return entries[mem::pointer_hash(return_address, kSlotBits)];
+}
+
+// A rule without the facts by which it is checked. Not known if the entry is another address's.
+rule read_rule(const entry &kept, std::uintptr_t return_address)
+{
+    std::uint64_t version = acquire(kept.version);
+    std::uintptr_t address = acquire(kept.return_address);
+    std::uint64_t packed = acquire(kept.packed);
+    if (version % 2 != 0 || acquire(kept.version) != version || address != return_address)
+        return {};
+    return std::bit_cast<rule>(packed);
+}
+
 // False if the entry is another's.
 bool read_kept(const entry &kept, std::uintptr_t return_address, const module &in, const table &rows, rule *found)
 {
     std::uint64_t version = acquire(kept.version);
-    entry copy = {version,           acquire(kept.return_address), acquire(kept.index),
-                  acquire(kept.row), acquire(kept.checksum),       acquire(kept.packed)};
+    entry copy = {version,           acquire(kept.return_address), acquire(kept.packed), acquire(kept.index),
+                  acquire(kept.row), acquire(kept.checksum)};
     if (version % 2 != 0 || acquire(kept.version) != version)
         return false;
     if (copy.return_address != return_address || copy.index != rows.index || copy.row >= rows.count)
@@ -491,11 +509,26 @@ void keep(entry &to, const entry &fresh)
         !__atomic_compare_exchange_n(&to.version, &version, version + 1, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
         return;
     release(to.return_address, fresh.return_address);
+    release(to.packed, fresh.packed);
     release(to.index, fresh.index);
     release(to.row, fresh.row);
     release(to.checksum, fresh.checksum);
-    release(to.packed, fresh.packed);
     release(to.version, version + 2);
+}
+
+// The loader's list of modules is in the order of loading. What a program starts with is loaded before any of its code
+// runs, the loader itself included, and is never unloaded. So the entries up to the loader's stay for the life of the
+// process and are linked as they are: reading them needs no lock. A loader that was started as a program has no base.
+bool is_permanent(const link_map *map)
+{
+    fault::found_object loader;
+    if (fault::find_object(reinterpret_cast<void *>(::getauxval(AT_BASE)), &loader) != 0)
+        return false;
+    for (const link_map *each = loader.map; each != nullptr; each = each->l_prev) {
+        if (each == map)
+            return true;
+    }
+    return false;
 }
 
 [[gnu::cold, gnu::noinline]] rule find_and_keep(entry &kept, std::uintptr_t return_address, const module &in,
@@ -510,7 +543,8 @@ void keep(entry &to, const entry &fresh)
     if (!of.is_found())
         return {};
     rule found = evaluate(of, target, machine);
-    keep(kept, {0, return_address, rows.index, row, checksum_of(of), std::bit_cast<std::uint64_t>(found)});
+    found.is_permanent = is_permanent(in.map);
+    keep(kept, {0, return_address, std::bit_cast<std::uint64_t>(found), rows.index, row, checksum_of(of)});
     return found;
 }
 
@@ -523,17 +557,23 @@ void keep(entry &to, const entry &fresh)
     rows_ = read_index(in_);
 }
 
-rule finder::find(std::uintptr_t return_address)
+[[gnu::noinline]] rule finder::find_in_module(std::uintptr_t return_address)
 {
     if (std::uintptr_t address = address_in_call(return_address); !in_.holds(address, 1))
         enter_module(address);
     if (rows_.count == 0)
         return {};
-    entry &kept = entries[mem::pointer_hash(return_address, kSlotBits)];
+    entry &kept = entry_of(return_address);
     rule found;
     if (read_kept(kept, return_address, in_, rows_, &found)) [[likely]]
         return found;
     return find_and_keep(kept, return_address, in_, rows_, machine_);
+}
+
+rule finder::find(std::uintptr_t return_address)
+{
+    rule found = read_rule(entry_of(return_address), return_address);
+    return found.is_permanent ? found : find_in_module(return_address);
 }
 
 } // namespace qv::frame_rules

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <link.h>
 
 namespace qv::frame_rules {
 
@@ -29,7 +30,9 @@ struct rule {
     std::uint16_t from_frame_pointer : 1 = false;
     // The caller's frame pointer is on the stack; else it is still in the register.
     std::uint16_t saves_frame_pointer : 1 = false;
-    std::uint16_t unused : 13 = 0;        // bit_cast() reads every bit
+    // The function is in a module that is never unloaded, so that the rule holds for the life of the process.
+    std::uint16_t is_permanent : 1 = false;
+    std::uint16_t unused : 12 = 0;        // bit_cast() reads every bit
     std::int16_t frame_pointer_words = 0; // where the frame pointer is saved, from the frame's end, in words
     std::int32_t end_offset = 0;          // from that register
 };
@@ -37,7 +40,8 @@ static_assert(sizeof(rule) == sizeof(std::uint64_t));
 
 struct module {
     std::uintptr_t start = 0, end = 0;
-    std::uintptr_t index = 0; // of the unwind tables; 0 for none
+    std::uintptr_t index = 0;      // of the unwind tables; 0 for none
+    const link_map *map = nullptr; // the loader's entry
 
     bool holds(std::uintptr_t address, std::size_t size) const
     {
@@ -54,8 +58,8 @@ struct table {
     std::size_t count = 0; // 0 for an index that is not supported
 };
 
-// The look-ups of one walk. A module is looked up once while the return addresses stay within it: their code is
-// running, which keeps it loaded.
+// The look-ups of one walk. A module that may be unloaded is looked up once while the return addresses stay within it:
+// their code is running, which keeps it loaded.
 class finder {
 public:
     explicit finder(const architecture &machine) : machine_(machine) {}
@@ -64,6 +68,7 @@ public:
     rule find(std::uintptr_t return_address);
 
 private:
+    rule find_in_module(std::uintptr_t return_address);
     void enter_module(std::uintptr_t address);
 
     const architecture &machine_;

@@ -17,6 +17,8 @@
 
 using namespace support;
 
+extern "C" void *opened_at_start; // by a library of this program
+
 namespace {
 
 using chain = std::array<std::uint64_t, MTRACE_CHAIN_SIZE>;
@@ -91,6 +93,28 @@ int compare_and_order(const void *a, const void *b)
     return *static_cast<const int *>(a) - *static_cast<const int *>(b);
 }
 
+void *open_module(const char *frame)
+{
+    std::string path = build_dir() + "/tests/walk_plugin_" + frame + ".so";
+    void *plugin = ::dlopen(path.c_str(), RTLD_NOW);
+    EXPECT_NE(nullptr, plugin) << ::dlerror();
+    return plugin;
+}
+
+void close_module(void *plugin)
+{
+    EXPECT_EQ(0, ::dlclose(plugin));
+}
+
+// Compares from below a frame of the module, twice.
+void compare_through(void *plugin)
+{
+    auto call_through = reinterpret_cast<void (*)(void (*)(void *), void *)>(::dlsym(plugin, "call_through"));
+    ASSERT_NE(nullptr, call_through);
+    call_through(compare_here, nullptr);
+    call_through(compare_here, nullptr);
+}
+
 struct FrameWalk : testing::Test {
     void TearDown() override { time_wait = 1800; }
 };
@@ -148,13 +172,31 @@ TEST_F(FrameWalk, TheOutermostFramesOfAThread)
 TEST_F(FrameWalk, AModuleThatReplacesAnother)
 {
     for (int round = 0; round < 6; round++) {
-        std::string path = build_dir() + "/tests/walk_plugin_" + (round % 2 == 0 ? "256.so" : "1024.so");
-        void *plugin = ::dlopen(path.c_str(), RTLD_NOW);
-        ASSERT_NE(nullptr, plugin) << ::dlerror();
-        auto call_through = reinterpret_cast<void (*)(void (*)(void *), void *)>(::dlsym(plugin, "call_through"));
-        ASSERT_NE(nullptr, call_through);
-        call_through(compare_here, nullptr);
-        call_through(compare_here, nullptr);
-        ::dlclose(plugin);
+        void *plugin = open_module(round % 2 == 0 ? "256" : "1024");
+        compare_through(plugin);
+        close_module(plugin);
     }
+}
+
+// The first of them is loaded before any library of the program is initialised.
+TEST_F(FrameWalk, AModuleThatReplacesOneOfTheStart)
+{
+    ASSERT_NE(nullptr, opened_at_start);
+    compare_through(opened_at_start);
+    close_module(opened_at_start);
+    void *plugin = open_module("1024");
+    compare_through(plugin);
+    close_module(plugin);
+}
+
+TEST_F(FrameWalk, FramesOfTwoModulesInTurn)
+{
+    void *one = open_module("256");
+    void *other = open_module("1024");
+    for (int round = 0; round < 3; round++) {
+        compare_through(one);
+        compare_through(other);
+    }
+    close_module(one);
+    close_module(other);
 }
