@@ -7,7 +7,11 @@
 #include "bench/qv_mtrace_peer.h"
 
 #include <benchmark/benchmark.h>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -66,7 +70,31 @@ void replace_blocks(benchmark::State &state)
     for (void *block : live)
         std::free(block);
 }
-BENCHMARK(replace_blocks)->Arg(100); // as another tracer that is preloaded sees it
+BENCHMARK(replace_blocks)->Arg(100); // in the process that another tracer is preloaded into
+
+// That process, once for each sample: the samples alternate with those of full_pair, since the clock of a processor
+// changes from one second to the next.
+void heaptrack_pair(benchmark::State &state)
+{
+    constexpr const char *kTracer = "/usr/lib/heaptrack/libheaptrack_preload.so";
+    char program[PATH_MAX] = {};
+    if (::access(kTracer, R_OK) != 0 || ::readlink("/proc/self/exe", program, sizeof program - 1) < 0)
+        return state.SkipWithError("heaptrack is not installed");
+    std::string command = std::string("DUMP_HEAPTRACK_OUTPUT=/dev/null LD_PRELOAD=") + kTracer + " exec '" + program +
+                          "' '--benchmark_filter=^replace_blocks/100$' --benchmark_min_time=0.05 "
+                          "--benchmark_format=csv 2>/dev/null";
+    for (auto _ : state) {
+        double nanoseconds = 0;
+        std::FILE *output = ::popen(command.c_str(), "r");
+        char line[256];
+        while (output != nullptr && std::fgets(line, sizeof line, output) != nullptr)
+            std::sscanf(line, "\"replace_blocks/100\",%*d,%*f,%lf", &nanoseconds); // iterations, wall clock, processor
+        if (output == nullptr || ::pclose(output) != 0 || nanoseconds <= 0)
+            return state.SkipWithError("no result below heaptrack");
+        state.SetIterationTime(nanoseconds / 1e9);
+    }
+}
+BENCHMARK(heaptrack_pair)->Iterations(1)->UseManualTime();
 
 void full_pair(benchmark::State &state)
 {
