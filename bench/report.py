@@ -65,13 +65,16 @@ class Table:
 
     def names(self):
         """Every (program, benchmark) that a row or a load table needs."""
-        found = set()
+        found = {self.cycle()}
         for family in self.families:
             for row in family["rows"]:
                 found |= row.names()
             for name in family.get("members", {}).values():
                 found.add((family["program"], name))
         return found
+
+    def cycle(self):
+        return self.locate(self.data["cycle"]["name"], None)
 
     def growth_names(self):
         return {(panel["program"], name) for picture in self.pictures for panel in picture["panel"]
@@ -384,11 +387,19 @@ class Page:
                  *self.table.data["introduction"].strip().splitlines(), ""]
         lines += [f"Measured on {place.get('date', 'an unknown day')}: {place.get('processor', '')}; "
                   f"{place.get('caches', '')}; {place.get('memory_GiB', '?')} GiB; {place.get('kernel', '')}; "
-                  f"{place.get('compiler', '')}; load average at the start {place.get('load', '?')}.", ""]
+                  f"{place.get('compiler', '')}; load average at the start {place.get('load', '?')}; {self.clock()}.", ""]
         lines += [f"Of {goals} rows with a goal, {self.counts['yes']} meet it, {self.counts['within scatter']} miss it "
                   f"by less than the samples scatter, {self.counts['no']} miss it:", ""]
         lines += self.missed or ["- none"]
         return lines + [""]
+
+    def clock(self):
+        """A virtual machine is told no clock, and neighbours on the same processor change it."""
+        count = self.table.data["cycle"]["count"]
+        cycles = sorted(value / count for value in self.results.samples.get(self.table.cycle(), []))
+        if not cycles:
+            return "the clock was not measured"
+        return f"a cycle took {cycles[0]:.2f} to {cycles[-1]:.2f} ns, {statistics.median(cycles):.2f} in the median"
 
     def tail(self):
         lines = ["", "## Peers' versions", "", ", ".join(self.results.environment.get("versions", [])) + "."]
@@ -627,7 +638,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="small sizes, one repetition: to try the report itself")
     parser.add_argument("--resume", action="store_true", help="keep the results that are there")
     parser.add_argument("--growth", action="store_true", help="measure what the pictures show as well")
-    parser.add_argument("--rounds", type=int, default=3, help="how often each program is run (3)")
+    parser.add_argument("--rounds", type=int, default=5, help="how often each program is run (5)")
     parser.add_argument("--minutes", type=float, default=25, help="no program is started after this time")
     options = parser.parse_args()
     table = Table(options.table)

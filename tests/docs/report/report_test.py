@@ -54,6 +54,9 @@ class ReportTest(unittest.TestCase):
         program.write_text(text)
         program.chmod(0o755)
 
+    def test_the_clock_is_shown(self):
+        self.assertIn("a cycle took 0.40 to 0.50 ns, 0.45 in the median.", self.page())
+
     def test_ratios_are_of_medians_and_judged_by_the_goals_in_the_heading(self):
         self.assertIn("| operation | list (goal 1) | ring (goal 2) | met | floor |", self.page())
         self.assertEqual("| push, 1,000 elements | 0.80 | 2.7 | no | 0.65 [1] |", self.row("push, 1,000 "))
