@@ -2,6 +2,7 @@
 #include "bundle.h"
 
 #include "crash_log.h"
+#include "log_file.h"
 #include "module_file.h"
 #include "root_folder.h"
 
@@ -84,14 +85,17 @@ public:
             problem(path + " cannot be read, or leads out of its folder");
             return false;
         }
-        crash_log log = parse_crash_log(text, path);
-        if (log.kind == log_kind::unknown) {
+        std::optional<crash_log> log = parse_stored(text, path);
+        if (!log)
+            return false;
+        if (log->kind == log_kind::unknown) {
             problem(path + " is no log");
             return false;
         }
-        id_ = log.details && log.details->pid ? log.details->pid : log.id;
-        process_ = log.process;
-        add_log(path, std::move(text), log);
+        id_ = log->details && log->details->pid ? log->details->pid : log->id;
+        process_ = log->process;
+        note_modules(*log);
+        add("logs/" + last_component(path), std::move(text));
         return true;
     }
 
@@ -151,13 +155,24 @@ private:
             problem(path + " cannot be read, or is a link that leads out of its folder");
     }
 
-    void add_log(const std::string &path, std::string text, const crash_log &log)
+    // Nothing, with a problem noted, for a compressed log of which nothing can be read.
+    std::optional<crash_log> parse_stored(std::string_view stored, const std::string &path)
     {
-        if (log.details) {
-            for (const detailed_module &module : log.details->modules)
-                modules_.emplace(module.path, module.build_id);
-        }
-        add("logs/" + last_component(path), std::move(text));
+        if (!is_compressed(stored))
+            return parse_crash_log(stored, path);
+        text_buffer plain(kMaxFileSize);
+        std::string trouble = decompress(stored, stored.size() == kMaxFileSize, &plain);
+        if (!trouble.empty())
+            problem(path + ' ' + trouble);
+        return plain.text().empty() ? std::nullopt : std::optional(parse_crash_log(plain.text(), path));
+    }
+
+    void note_modules(const crash_log &log)
+    {
+        if (!log.details)
+            return;
+        for (const detailed_module &module : log.details->modules)
+            modules_.emplace(module.path, module.build_id);
     }
 
     // Names begin with the process's name and id, which run together.
@@ -169,8 +184,9 @@ private:
             bool is_wanted = id_ && !process_.empty() && name.starts_with(start) && !members_.contains("logs/" + name);
             std::string text;
             if (is_wanted && read(folder, name, &text)) {
-                crash_log log = parse_crash_log(text, name);
-                add_log(path + '/' + name, std::move(text), log);
+                if (std::optional<crash_log> log = parse_stored(text, path + '/' + name))
+                    note_modules(*log);
+                add("logs/" + name, std::move(text)); // as it is, compressed or not
             } else if (is_wanted) {
                 problem(path + '/' + name + " cannot be read, or is a link that leads out of its folder");
             }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "group.h"
 
+#include "printable.h"
+
 #include <algorithm>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
@@ -102,7 +104,7 @@ std::string groups_text(const group_result &result)
         char line[128];
         std::snprintf(line, sizeof line, "%8llu  %s  %s  ", static_cast<unsigned long long>(group.count),
                       date_time(group.first).substr(0, 10).c_str(), date_time(group.last).substr(0, 10).c_str());
-        text += line + group.signature + "\n          " + group.example + '\n';
+        text += line + printable(group.signature) + "\n          " + printable(group.example) + '\n';
     }
     return text + std::to_string(result.logs) + " crash logs in " + std::to_string(result.groups.size()) + " groups, " +
            std::to_string(result.others) + " other files, " + std::to_string(result.unreadable) + " unreadable\n";

@@ -3,7 +3,9 @@
 #include "analysis.h"
 #include "bundle.h"
 #include "group.h"
+#include "log_file.h"
 #include "output_file.h"
+#include "printable.h"
 #include "programs/privileges.h"
 #include "report.h"
 #include "symbolizer.h"
@@ -37,34 +39,60 @@ struct show_options {
     bool as_json = false;
 };
 
-bool show_log(const std::string &path, const show_options &options, symbolizer *symbols)
+// A message on standard error about something that is named by the user or by a log.
+void complain(const std::string &text)
 {
-    open_file file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text;
-    if (!file || !read_all(file, kMaxLogSize, &text)) {
-        std::fprintf(stderr, "qvcrash: %s: %s\n", path.c_str(), std::strerror(errno));
-        return false;
-    }
-    analysis result = explain(text, path, symbols);
-    std::string report =
-        options.as_json ? report_json(result) + '\n' : report_text(result, {options.source_lines, &symbols->roots()});
-    std::fwrite(report.data(), 1, report.size(), stdout);
-    return result.log.kind != log_kind::unknown;
+    std::fprintf(stderr, "qvcrash: %s\n", printable(text).c_str());
 }
+
+class log_shower {
+public:
+    explicit log_shower(const show_options &options) : options_(options), symbols_(options.symbols) {}
+
+    const std::vector<std::string> &missing_folders() const { return symbols_.missing_folders(); }
+
+    /** False when the file could not be read whole, or has a text in it that is no log. */
+    bool show(const std::string &path)
+    {
+        std::size_t before = shown_;
+        bool are_logs = true;
+        std::string problem = reader_.read(path, [&](const source_log &log) { are_logs &= show_text(log); });
+        if (problem.empty() && shown_ == before)
+            problem = "has no logs in it";
+        if (!problem.empty())
+            complain(path + ": " + problem);
+        return are_logs && problem.empty();
+    }
+
+private:
+    bool show_text(const source_log &log)
+    {
+        analysis result = explain(log.text, std::string(log.name), &symbols_);
+        std::string report = options_.as_json ? report_json(result) + '\n'
+                                              : report_text(result, {options_.source_lines, &symbols_.roots()});
+        bool is_first = shown_++ == 0;
+        if (!options_.as_json && !is_first)
+            std::fputc('\n', stdout);
+        std::fwrite(report.data(), 1, report.size(), stdout);
+        return result.log.kind != log_kind::unknown;
+    }
+
+    const show_options &options_;
+    symbolizer symbols_;
+    log_file_reader reader_{kMaxLogSize, pipes::read};
+    std::size_t shown_ = 0; // logs
+};
 
 int show(const show_options &options)
 {
-    symbolizer symbols(options.symbols);
-    for (const std::string &folder : symbols.missing_folders())
-        std::fprintf(stderr, "qvcrash: no such folder: %s\n", folder.c_str());
-    if (!symbols.missing_folders().empty())
+    log_shower shower(options);
+    for (const std::string &folder : shower.missing_folders())
+        complain("no such folder: " + folder);
+    if (!shower.missing_folders().empty())
         return kUsage;
     bool all_read = true;
-    for (const std::string &log : options.logs) {
-        if (!options.as_json && &log != &options.logs.front())
-            std::fputc('\n', stdout);
-        all_read &= show_log(log, options, &symbols);
-    }
+    for (const std::string &log : options.logs)
+        all_read &= shower.show(log);
     return all_read ? kAllRead : kSomeUnread;
 }
 
@@ -112,7 +140,7 @@ bool write_file(const std::string &path, const std::string &content)
     bool is_written = file && done == content.size();
     is_written = is_written && ::close(file.release()) == 0;
     if (!is_written)
-        std::fprintf(stderr, "qvcrash: %s: %s\n", path.c_str(), std::strerror(errno));
+        complain(path + ": " + std::strerror(errno));
     return is_written;
 }
 
@@ -123,7 +151,7 @@ int group(const group_options &options)
         open_file file(::open(options.skip_list.c_str(), O_RDONLY | O_CLOEXEC));
         std::string list;
         if (!file || !read_all(file, kMaxLogSize, &list)) {
-            std::fprintf(stderr, "qvcrash: %s: %s\n", options.skip_list.c_str(), std::strerror(errno));
+            complain(options.skip_list + ": " + std::strerror(errno));
             return kUsage;
         }
         make_signature.skip(list);
@@ -134,6 +162,10 @@ int group(const group_options &options)
         progress_line line(progress);
         result = group_logs(options.paths, make_signature, options.threads, &progress);
     }
+    for (const std::string &problem : progress.problems)
+        complain(problem);
+    if (progress.unreadable > progress.problems.size())
+        complain("and " + std::to_string(progress.unreadable - progress.problems.size()) + " more files");
     bool is_written = options.html.empty() || write_file(options.html, groups_html(result));
     std::string report = options.as_json ? groups_json(result) : groups_text(result);
     std::fwrite(report.data(), 1, report.size(), stdout);
@@ -149,12 +181,12 @@ int bundle(const bundle_options &options)
 {
     bundle_result result = write_bundle(options.subject, options.output);
     for (const std::string &problem : result.problems)
-        std::fprintf(stderr, "qvcrash: %s\n", problem.c_str());
+        complain(problem);
     if (result.path.empty())
         return kSomeUnread;
     for (const std::string &file : result.files)
-        std::printf("  %s\n", file.c_str());
-    std::printf("%s\n", result.path.c_str());
+        std::printf("  %s\n", printable(file).c_str());
+    std::printf("%s\n", printable(result.path).c_str());
     return result.problems.empty() ? kAllRead : kSomeUnread;
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "printable.h"
 #include "report.h"
 
 #include <algorithm>
@@ -10,23 +11,6 @@ namespace {
 
 constexpr std::size_t kMaxSourceSize = 16 << 20;
 constexpr std::size_t kMaxHostText = 65536;
-
-// Logs are hostile input: control characters do not reach the terminal.
-std::string printable(std::string_view text)
-{
-    std::string result;
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        if ((byte >= 0x20 && byte != 0x7F) || c == '\n' || c == '\t') {
-            result += c;
-        } else {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-            result += escaped;
-        }
-    }
-    return result;
-}
 
 std::string hex(std::uint64_t value)
 {

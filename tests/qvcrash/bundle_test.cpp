@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // qvcrash bundle: what the archive of a log and of a running process holds, and what does not get into it.
+#include "compressed.h"
 #include "qvstat/processes.h"
 
 #include <archive.h>
@@ -76,6 +77,39 @@ TEST(QvcrashBundle, OfALog)
     struct stat status;
     ASSERT_EQ(0, ::stat(kArchive.c_str(), &status));
     EXPECT_EQ(0600u, status.st_mode & 0777);
+}
+
+// The archive has them as they are; who crashed is read from the text.
+TEST(QvcrashBundle, OfCompressedLogs)
+{
+    make_logs();
+    for (const compression &form : kForms) {
+        std::string name = std::string("routed77.coredump.11.log.1") + form.ending;
+        write_compressed("/etc/core/" + name, form, kLog);
+        ChildResult made = bundle("/etc/core/" + name);
+        ASSERT_TRUE(made.exited(0)) << made.err;
+        std::map<std::string, std::string> members = open_archive();
+        EXPECT_EQ(read_file("/etc/core/" + name), members["logs/" + name]);
+        EXPECT_EQ(kLog, members["logs/routed77.coredump.11.log"]);
+        EXPECT_EQ("abcdef /usr/sbin/routed\n", members["modules.txt"]);
+        EXPECT_EQ("routed", json::parse(members["manifest.json"])["process"]);
+    }
+}
+
+TEST(QvcrashBundle, ALogThatCannotBeDecompressedIsNamed)
+{
+    make_logs();
+    std::string damaged = "/etc/core/routed77.coredump.11.log.1.gz";
+    write_file(damaged, "\x1f\x8b\x08 no more");
+    ChildResult made = bundle(damaged);
+    EXPECT_TRUE(made.exited(1));
+    EXPECT_THAT(made.err, testing::StartsWith("qvcrash: " + damaged + " cannot be decompressed: "));
+    EXPECT_FALSE(exists(kArchive));
+
+    made = bundle("/etc/core/routed77.coredump.11.log");
+    EXPECT_TRUE(made.exited(1));
+    EXPECT_THAT(made.err, HasSubstr(damaged + " cannot be decompressed: "));
+    EXPECT_TRUE(open_archive().contains("logs/routed77.coredump.11.log.1.gz")) << "someone may repair it";
 }
 
 void expect_bundle_of_process()

@@ -2,10 +2,12 @@
 // Signatures of logs, and qvcrash group on folders and archives of logs.
 #include "signature.h"
 
+#include "compressed.h"
 #include "support/support.h"
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <sys/stat.h>
 
 using namespace support;
@@ -243,14 +245,93 @@ TEST(QvcrashGroup, Archives)
     expect_three_logs(group_json("/tmp/a.tar.gz"), "/tmp/a.tar.gz:./");
 }
 
-// As logrotate leaves them.
+// As logrotate leaves them. The name of one does not say that it is compressed.
 TEST(QvcrashGroup, CompressedLogs)
 {
     write_three_logs();
-    ASSERT_TRUE(run_program({"/bin/sh", "-c", "gzip /tmp/logs/*.log"}).exited(0));
+    std::string text = read_file("/tmp/logs/routed1.coredump.11.log");
+    for (const compression &form : kForms)
+        write_compressed(std::string("/tmp/logs/routed8.coredump.11.log") + form.ending, form, text);
+    write_compressed("/tmp/logs/routed9.coredump.11.log", kForms[0], text);
     ChildResult result = group({"/tmp/logs"});
-    EXPECT_TRUE(result.exited(0));
-    EXPECT_THAT(result.out, testing::HasSubstr("3 crash logs in 2 groups, 0 other files, 0 unreadable"));
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    EXPECT_THAT(result.out, testing::HasSubstr("8 crash logs in 2 groups, 0 other files, 0 unreadable"));
+}
+
+TEST(QvcrashGroup, CompressedLogsInArchives)
+{
+    write_three_logs();
+    for (const compression &form : kForms)
+        write_compressed(std::string("/tmp/logs/routed8.coredump.11.log") + form.ending, form,
+                         read_file("/tmp/logs/routed1.coredump.11.log"));
+    ASSERT_TRUE(run_program({"/bin/tar", "-C", "/tmp/logs", "-czf", "/tmp/a.tar.gz", "."}).exited(0));
+    EXPECT_THAT(group({"/tmp/a.tar.gz"}).out, testing::HasSubstr("7 crash logs in 2 groups, 0 other files"));
+}
+
+// More than the beginning that a signature is made of, compressed too.
+TEST(QvcrashGroup, LargeCompressedLogs)
+{
+    write_three_logs();
+    std::string text = read_file("/tmp/logs/routed1.coredump.11.log");
+    std::minstd_rand next;
+    while (text.size() < 1500000)
+        text += static_cast<char>(next());
+    for (const compression &form : {kForms[0], kForms[3]}) { // the others take seconds to compress it
+        std::string path = std::string("/tmp/large.log") + form.ending;
+        write_compressed(path, form, text);
+        ASSERT_LT(1u << 20, read_file(path).size());
+        ChildResult result = group({path});
+        EXPECT_TRUE(result.exited(0)) << result.err;
+        EXPECT_THAT(result.out, testing::HasSubstr("1 crash logs in 1 groups")) << path;
+    }
+}
+
+TEST(QvcrashGroup, LogsThatCannotBeDecompressedAreNamed)
+{
+    write_three_logs();
+    for (const compression &form : kForms) {
+        std::string path = std::string("/tmp/routed9.coredump.11.log") + form.ending;
+        write_compressed(path, form, read_file("/tmp/logs/routed1.coredump.11.log"));
+        std::string whole = read_file(path);
+        write_file(path, whole.substr(0, whole.size() / 2));
+        ChildResult result = group({path});
+        EXPECT_TRUE(result.exited(1)) << path;
+        EXPECT_THAT(result.out, testing::HasSubstr("1 unreadable"));
+        EXPECT_THAT(result.err, testing::StartsWith("qvcrash: " + path + ": cannot be decompressed: "));
+    }
+}
+
+TEST(QvcrashGroup, OnlyTheFirstUnreadableFilesAreNamed)
+{
+    ASSERT_EQ(0, mkdir("/tmp/logs", 0755));
+    for (int i = 0; i < 25; i++)
+        write_file("/tmp/logs/" + std::to_string(i) + ".log.gz", "\x1f\x8b\x08 no more");
+    std::vector<std::string> messages = lines(group({"/tmp/logs"}).err);
+    ASSERT_EQ(21u, messages.size());
+    EXPECT_EQ("qvcrash: and 5 more files", messages.back());
+}
+
+// This format has the texts in other files, named by the archive.
+TEST(QvcrashGroup, ArchivesLeadToNoOtherFiles)
+{
+    write_three_logs();
+    write_file("/tmp/a.tar", "#mtree\n./x.coredump.11.log type=file contents=/tmp/logs/routed1.coredump.11.log\n");
+    ChildResult result = group({"/tmp/a.tar"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_THAT(result.out, testing::HasSubstr("0 crash logs in 0 groups, 0 other files, 1 unreadable"));
+}
+
+TEST(QvcrashGroup, TerminalControlsAreNotPassedOn)
+{
+    std::string control = "\x1b]0;x\x07\xc2\x9b";
+    ASSERT_EQ(0, mkdir("/tmp/logs", 0755));
+    write_log("/tmp/logs/" + control + "1.coredump.11.log", "f" + control, kDay);
+    write_file("/tmp/logs/" + control + ".log", "\x1f\x8b\x08 no more");
+    ChildResult result = group({"/tmp/logs"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_EQ(std::string::npos, (result.out + result.err).find_first_of("\x1b\x07\xc2"));
+    EXPECT_THAT(result.out, testing::HasSubstr("routed!f\\x1b]0;x\\x07\\xc2\\x9b"));
+    EXPECT_THAT(result.err, testing::HasSubstr("\\x1b]0;x\\x07\\xc2\\x9b.log: cannot be decompressed"));
 }
 
 TEST(QvcrashGroup, PipesAreNotWaitedFor)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // qvcrash show, run as a support engineer would on logs that real processes leave.
+#include "compressed.h"
 #include "support/support.h"
 
 #include <nlohmann/json.hpp>
@@ -422,6 +423,72 @@ TEST(QvcrashShow, ExitStatuses)
     EXPECT_TRUE(show({}).exited(2));
     EXPECT_TRUE(show({"--root", "/tmp/missing", "/tmp/other.txt"}).exited(2));
     EXPECT_TRUE(show({"--source", "0", "/tmp/other.txt"}).exited(2));
+}
+
+constexpr char kPlainLog[] = "PID 7 for signal(11).\nBacktracing:\n\t<0x10> -> /usr/sbin/routed(handle+0x8) [0x1008]\n"
+                             "\tStack bottom is at 0x10\n\n";
+
+// In every form in which qvcrash group reads it.
+TEST(QvcrashShow, CompressedLogs)
+{
+    std::string path = "/tmp/routed7.coredump.11.log";
+    write_file(path, kPlainLog);
+    json expected = show_json(path);
+    for (const compression &form : kForms) {
+        for (const std::string &name : {path + form.ending, path}) {
+            write_compressed(name, form, kPlainLog);
+            json object = show_json(name);
+            EXPECT_EQ(name, object["log"]);
+            object["log"] = expected["log"];
+            EXPECT_EQ(expected, object) << name << form.ending;
+        }
+    }
+}
+
+TEST(QvcrashShow, LogsThatCannotBeDecompressedAreNamed)
+{
+    for (const compression &form : kForms) {
+        std::string path = std::string("/tmp/routed7.coredump.11.log") + form.ending;
+        write_compressed(path, form, kPlainLog);
+        std::string whole = read_file(path);
+        write_file(path, whole.substr(0, whole.size() / 2));
+        ChildResult result = show({path});
+        EXPECT_TRUE(result.exited(1)) << path;
+        EXPECT_EQ("", result.out);
+        EXPECT_THAT(result.err, testing::StartsWith("qvcrash: " + path + ": cannot be decompressed: "));
+    }
+}
+
+// An archive as qvcrash bundle writes it, and one with a compressed log.
+TEST(QvcrashShow, EachLogOfAnArchive)
+{
+    ::mkdir("/tmp/logs", 0755);
+    write_file("/tmp/logs/routed7.coredump.11.log", kPlainLog);
+    write_compressed("/tmp/logs/routed8.coredump.11.log.gz", kForms[0], kPlainLog);
+    write_file("/tmp/logs/other.txt", kPlainLog);
+    ASSERT_TRUE(run_program({"/bin/tar", "-C", "/tmp/logs", "-cf", "/tmp/a.tar", "."}).exited(0));
+    ChildResult result = show({"/tmp/a.tar"});
+    EXPECT_TRUE(result.exited(0)) << result.err;
+    EXPECT_THAT(result.out, testing::HasSubstr("/tmp/a.tar:./routed7.coredump.11.log\n"));
+    EXPECT_THAT(result.out, testing::HasSubstr("/tmp/a.tar:./routed8.coredump.11.log.gz\n"));
+    EXPECT_EQ(std::string::npos, result.out.find("other.txt"));
+
+    ASSERT_TRUE(run_program({"/bin/tar", "-C", "/tmp/logs", "-cf", "/tmp/b.tar", "other.txt"}).exited(0));
+    result = show({"/tmp/b.tar"});
+    EXPECT_TRUE(result.exited(1));
+    EXPECT_EQ("qvcrash: /tmp/b.tar: has no logs in it\n", result.err);
+}
+
+// From another command: qvcrash show <(ssh box cat LOG)
+TEST(QvcrashShow, LogsFromPipes)
+{
+    write_compressed("/tmp/log.gz", kForms[0], kPlainLog);
+    for (const char *command : {"cat /tmp/log.gz", "gzip -dc /tmp/log.gz"}) {
+        ChildResult result = run_program(
+            {"/bin/sh", "-c", std::string(command) + " | " + build_dir() + "/qvcrash show /proc/self/fd/0"});
+        EXPECT_TRUE(result.exited(0)) << result.err;
+        EXPECT_THAT(result.out, testing::HasSubstr("/usr/sbin/routed(handle+0x8)"));
+    }
 }
 
 TEST(QvcrashShow, TerminalControlsInALogAreNotPassedOn)
