@@ -516,11 +516,15 @@ void keep(entry &to, const entry &fresh)
     release(to.version, version + 2);
 }
 
+// Whether a module stays loaded as long as the kept rules exist.
+//
 // The loader's list of modules is in the order of loading. What a program starts with is loaded before any of its code
 // runs, the loader itself included, and is never unloaded. So the entries up to the loader's stay for the life of the
 // process and are linked as they are: reading them needs no lock. A loader that was started as a program has no base.
 bool is_permanent(const link_map *map)
 {
+    if (map == find_module(reinterpret_cast<std::uintptr_t>(entries)).map)
+        return true; // the library, which may be loaded later
     fault::found_object loader;
     if (fault::find_object(reinterpret_cast<void *>(::getauxval(AT_BASE)), &loader) != 0)
         return false;
