@@ -3,6 +3,7 @@
 
 #include "allocation_trace.h"
 #include "mcache.h"
+#include "recursion.h"
 #include "text_scanner.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <numeric>
 
 namespace qvcrash {
@@ -169,6 +171,11 @@ std::vector<explained_thread> explain_threads(const crash_log &log, const module
     return threads;
 }
 
+bool is_same_place(const explained_frame &a, const explained_frame &b)
+{
+    return a.logged.code.address == b.logged.code.address && a.origin == b.origin && a.repeats == b.repeats;
+}
+
 // Recursion to the end of the stack fills the walk with one frame.
 void collapse_repeats(std::vector<explained_frame> *frames)
 {
@@ -178,6 +185,32 @@ void collapse_repeats(std::vector<explained_frame> *frames)
             kept.back().repeats++;
         else
             kept.push_back(std::move(frame));
+    }
+    *frames = std::move(kept);
+}
+
+// Functions that call one another fill it with a few. Of several cycles that begin at a frame the one that covers most
+// is kept; an unfinished last round stays as it is.
+void collapse_cycles(std::vector<explained_frame> *frames)
+{
+    std::vector<explained_frame> kept;
+    auto is_same = [frames](std::size_t a, std::size_t b) { return is_same_place((*frames)[a], (*frames)[b]); };
+    for (std::size_t i = 0; i < frames->size();) {
+        std::size_t period = 1, times = 1;
+        for (std::size_t candidate = 2; candidate <= kLongestCycle; candidate++) {
+            std::size_t rounds = repeating_frames(i, frames->size(), candidate, is_same) / candidate;
+            if (rounds * candidate > period * times) {
+                period = candidate;
+                times = rounds;
+            }
+        }
+        if (times > 1) {
+            (*frames)[i].cycle_frames = period;
+            (*frames)[i].cycle_times = times;
+        }
+        std::move(frames->begin() + static_cast<std::ptrdiff_t>(i),
+                  frames->begin() + static_cast<std::ptrdiff_t>(i + period), std::back_inserter(kept));
+        i += period * times;
     }
     *frames = std::move(kept);
 }
@@ -800,6 +833,7 @@ analysis explain(std::string_view text, const std::string &file_name, symbolizer
         cut_above_outermost(&result.frames);
         result.causes = explain_causes(log, result.frames, result.modules);
         collapse_repeats(&result.frames);
+        collapse_cycles(&result.frames);
         result.threads = explain_threads(log, result.modules);
         result.registers = explain_registers(log, result.modules);
     }

@@ -24,6 +24,9 @@ struct explained_frame {
     logged_frame logged;
     resolved_address where;
     int repeats = 1; // how often the frame follows itself
+    // Where a cycle of several frames begins: how many they are, and how often they follow one another in this order.
+    std::size_t cycle_frames = 0;
+    std::size_t cycle_times = 0;
 };
 
 struct explained_register {

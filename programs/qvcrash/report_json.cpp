@@ -82,6 +82,8 @@ json frames_of(const analysis &result)
         if (!entry.contains("module") && !frame.logged.code.file.empty())
             entry["module"] = frame.logged.code.file;
         entry["repeats"] = frame.repeats;
+        if (frame.cycle_times != 0)
+            entry["cycle"] = {{"frames", frame.cycle_frames}, {"times", frame.cycle_times}};
         frames.push_back(std::move(entry));
     }
     return frames;

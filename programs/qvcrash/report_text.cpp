@@ -47,17 +47,33 @@ private:
     {
         if (!result_.frames.empty())
             line("");
-        int number = 0;
-        for (const explained_frame &frame : result_.frames) {
-            write_frame(number, frame);
-            number += frame.repeats;
-        }
+        std::size_t number = 0;
+        for (std::size_t i = 0; i < result_.frames.size();)
+            i += write_cycle(i, &number);
     }
 
-    void write_frame(int number, const explained_frame &frame)
+    // A frame, or those of a cycle, with a line that says so. Returns how many they are.
+    std::size_t write_cycle(std::size_t begin, std::size_t *number)
     {
-        char label[16];
-        std::snprintf(label, sizeof label, "  #%-3d ", number);
+        const explained_frame &leader = result_.frames[begin];
+        std::size_t count = std::max<std::size_t>(leader.cycle_frames, 1), first = *number;
+        for (std::size_t i = begin; i < begin + count; i++) {
+            write_frame(*number, result_.frames[i]);
+            *number += static_cast<std::size_t>(result_.frames[i].repeats);
+        }
+        if (leader.cycle_times == 0)
+            return count;
+        std::size_t end = first + (*number - first) * leader.cycle_times;
+        line("       (#" + std::to_string(first) + " to #" + std::to_string(*number - 1) + " follow one another " +
+             std::to_string(leader.cycle_times) + " times, up to #" + std::to_string(end - 1) + ')');
+        *number = end;
+        return count;
+    }
+
+    void write_frame(std::size_t number, const explained_frame &frame)
+    {
+        char label[32];
+        std::snprintf(label, sizeof label, "  #%-3zu ", number);
         std::string note = note_of(frame.origin);
         if (frame.repeats > 1)
             note += "  (" + std::to_string(frame.repeats) + " times)";

@@ -2,11 +2,13 @@
 #include "signature.h"
 
 #include "demangle.h"
+#include "recursion.h"
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace qvcrash {
 namespace {
@@ -154,6 +156,66 @@ bool has_prefix(std::string_view text, const std::vector<std::string> &prefixes)
     return std::any_of(prefixes.begin(), prefixes.end(), [text](const std::string &p) { return text.starts_with(p); });
 }
 
+// Whether a later frame can have the same name.
+bool may_come_again(const std::vector<const code_reference *> &frames, std::size_t index)
+{
+    const code_reference &code = *frames[index];
+    return std::any_of(
+        frames.begin() + static_cast<std::ptrdiff_t>(index) + 1, frames.end(), [&](const code_reference *other) {
+            return other->address == code.address ||
+                   (other->symbol == code.symbol && (!code.symbol.empty() || other->offset == code.offset));
+        });
+}
+
+// One usable frame, or several that recursion made one.
+struct step {
+    std::string name;
+    bool is_recursion = false;
+    bool ends_recursion = false;
+};
+
+// One round of a cycle stays of each stretch that repeats with the period. Where the walk begins in a cycle is chance,
+// so the round begins with the name that makes it sort first. False when there is none.
+bool fold_cycles(std::size_t period, std::vector<step> *steps)
+{
+    auto is_same = [steps](std::size_t a, std::size_t b) { return (*steps)[a].name == (*steps)[b].name; };
+    auto sorts_before = [](const step &a, const step &b) { return a.name < b.name; };
+    std::vector<step> kept;
+    for (std::size_t i = 0; i < steps->size();) {
+        std::size_t count = repeating_frames(i, steps->size(), period, is_same);
+        if (count == 0) {
+            kept.push_back(std::move((*steps)[i++]));
+            continue;
+        }
+        auto begin = steps->begin() + static_cast<std::ptrdiff_t>(i);
+        std::vector<step> round(begin, begin + static_cast<std::ptrdiff_t>(period)), best = round;
+        for (std::size_t turn = 1; turn < period; turn++) {
+            std::rotate(round.begin(), round.begin() + 1, round.end());
+            if (std::lexicographical_compare(round.begin(), round.end(), best.begin(), best.end(), sorts_before))
+                best = round;
+        }
+        for (step &part : best)
+            part = {std::move(part.name), true, false};
+        best.back().ends_recursion = true;
+        std::move(best.begin(), best.end(), std::back_inserter(kept));
+        i += count;
+    }
+    bool is_shorter = kept.size() < steps->size();
+    *steps = std::move(kept);
+    return is_shorter;
+}
+
+// Short cycles first: those within a longer one may differ in length from round to round.
+void fold_recursion(std::vector<step> *steps)
+{
+    bool is_shorter = true;
+    while (is_shorter) {
+        is_shorter = false;
+        for (std::size_t period = 1; period <= kLongestCycle; period++)
+            is_shorter |= fold_cycles(period, steps);
+    }
+}
+
 bool has_function(const crash_log &log, std::string_view symbol)
 {
     return std::any_of(log.frames.begin(), log.frames.end(),
@@ -200,22 +262,48 @@ std::string signature_maker::operator()(const crash_log &log) const
     // The cache ends the process on purpose; the bug is the caller's, and another one than a bad access there.
     if (cause.empty() && has_function(log, "mcache_error"))
         cause = has_function(log, "mcache_free") ? "object cache misuse at free: " : "object cache misuse: ";
-    std::string names;
-    std::size_t count = 0;
-    auto add = [&](const code_reference &code) {
-        std::string name = count < max_frames_ && !is_skipped(code) ? frame_name(log, code) : std::string();
-        if (name.empty())
-            return;
-        names += (count != 0 ? " | " : "") + name;
-        count++;
-    };
+    std::vector<const code_reference *> frames;
+    frames.reserve(log.frames.size());
     for (const logged_frame &frame : log.frames)
-        add(frame.code);
-    if (count == 0 && log.details) {
+        frames.push_back(&frame.code);
+    std::string names = join(log, frames);
+    if (names.empty() && log.details) {
+        std::vector<code_reference> found;
         for (const found_word &word : log.details->found)
-            add(found_frame(log, word.address));
+            found.push_back(found_frame(log, word.address));
+        frames.clear();
+        for (const code_reference &code : found)
+            frames.push_back(&code);
+        names = join(log, frames);
     }
-    return signature + cause + (count != 0 ? names : "unattributable");
+    return signature + cause + (names.empty() ? "unattributable" : names);
+}
+
+// Only recursion of the first frames needs the others; most logs have none.
+std::string signature_maker::join(const crash_log &log, const std::vector<const code_reference *> &frames) const
+{
+    constexpr std::size_t kMaxSteps = 256; // many times what one walk writes
+    std::size_t wanted = max_frames_;
+    std::vector<step> steps;
+    steps.reserve(wanted);
+    for (std::size_t i = 0; i < frames.size() && steps.size() < wanted; i++) {
+        std::string name = is_skipped(*frames[i]) ? std::string() : frame_name(log, *frames[i]);
+        if (name.empty())
+            continue;
+        steps.push_back({std::move(name)});
+        if (may_come_again(frames, i))
+            wanted = kMaxSteps;
+    }
+    if (wanted != max_frames_)
+        fold_recursion(&steps);
+    std::string text;
+    for (std::size_t i = 0; i < std::min(max_frames_, steps.size()); i++) {
+        text += (i != 0 ? " | " : "") + steps[i].name;
+        bool is_last = i + 1 == max_frames_ || steps[i].ends_recursion;
+        if (steps[i].is_recursion && is_last)
+            return text + " | recursion";
+    }
+    return text;
 }
 
 std::string readable_signature(const std::string &signature)

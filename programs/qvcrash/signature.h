@@ -31,6 +31,9 @@ public:
     /**
      * The signature of a log: "SIGSEGV routed!handle_packet | routed!run". Function names are as the log has them. A
      * frame without a function is "routed+0x301f", with "@" and the beginning of the build id where the log has one.
+     * Recursion counts as its cycle of functions, which "| recursion" follows and ends the signature: the same for
+     * every depth, for every function of the cycle in which the walk begins, and for a walk that ends within it. The
+     * cycle begins with the function whose name sorts first. The callers below it are not in the walk of a deep one.
      * A failed assertion and misuse of an object cache stand before the frames. Where the walk has no usable frame,
      * what was found on the stack is used; a log without either is "SIGSEGV unattributable".
      */
@@ -38,6 +41,7 @@ public:
 
 private:
     bool is_skipped(const code_reference &code) const;
+    std::string join(const crash_log &log, const std::vector<const code_reference *> &frames) const;
 
     std::size_t max_frames_;
     std::unordered_set<std::string> functions_, modules_;

@@ -133,6 +133,22 @@ volatile int no_sessions;
     return depth < 0 ? 0 : overflow(depth + 1) + room[0]; // line: stack overflow
 }
 
+int visit_list(int depth);
+
+[[gnu::noinline]] int visit_item(int depth)
+{
+    char volatile room[1024];
+    room[0] = static_cast<char>(depth);
+    return depth < 0 ? 0 : visit_list(depth + 1) + room[0]; // line: list of an item
+}
+
+[[gnu::noinline]] int visit_list(int depth)
+{
+    char volatile room[512];
+    room[0] = static_cast<char>(depth);
+    return depth < 0 ? 0 : visit_item(depth + 1) + room[0]; // line: item of a list
+}
+
 [[gnu::noinline]] void overrun()
 {
     mcache *cache = mcache_create("sessions", 64, nullptr, 0, 1);
@@ -256,6 +272,8 @@ int main(int argc, char **argv)
         divide(argc);
     else if (std::strcmp(failure, "stack-overflow") == 0)
         overflow(0);
+    else if (std::strcmp(failure, "mutual-recursion") == 0)
+        visit_list(0);
     else if (std::strcmp(failure, "overrun") == 0)
         overrun();
     else if (std::strcmp(failure, "deadlock") == 0)

@@ -165,6 +165,93 @@ TEST(CrashSignature, DoubleFreesAndOverrunsOfAnObjectCache)
               signature("cache  : code 4 object 00000000000000f0 guard 0000000000000000 name sessions\n"));
 }
 
+// A walk over functions that have one letter each.
+std::string signature_of_walk(const std::string &letters, std::size_t frames = kDefaultSignatureFrames)
+{
+    std::string text = "PID 1 for signal(11).\nBacktracing:\n";
+    for (char letter : letters)
+        text += std::string("\t<0x10> -> /r(") + letter + "+0x1) [0x" + std::to_string(letter) + "]\n";
+    return signature_maker(frames)(parse_crash_log(text + "\tStack bottom is at 0x10\n\n", "x1.coredump.11.log"));
+}
+
+std::string repeated(const std::string &text, std::size_t size)
+{
+    std::string result;
+    while (result.size() < size)
+        result += text;
+    return result.substr(0, size);
+}
+
+TEST(CrashSignature, RecursionOfAnyDepthIsTheSame)
+{
+    EXPECT_EQ("SIGSEGV r!a | recursion", signature_of_walk("aam"));
+    EXPECT_EQ("SIGSEGV r!a | r!b | recursion", signature_of_walk("ababm"));
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!c | recursion", signature_of_walk("abcabcm"));
+    for (std::string cycle : {"a", "ab", "abc", "abcdefgh"}) {
+        std::string expected = signature_of_walk(cycle + cycle + "m");
+        EXPECT_THAT(expected, testing::EndsWith(" | recursion"));
+        for (std::size_t size = 2 * cycle.size(); size < 60; size++) {
+            EXPECT_EQ(expected, signature_of_walk(repeated(cycle, size))) << "cut off by the walk's limit";
+            EXPECT_EQ(expected, signature_of_walk(repeated(cycle, size) + "m")) << cycle << ' ' << size;
+        }
+    }
+}
+
+// The stack ends in whichever function is the next one.
+TEST(CrashSignature, RecursionIsTheSameWhereverItEnds)
+{
+    for (std::string cycle : {"ab", "abc", "abcdefgh"}) {
+        std::string expected = signature_of_walk(cycle + cycle + "m");
+        for (std::size_t turn = 1; turn < cycle.size(); turn++) {
+            std::string turned = repeated(cycle, turn + 3 * cycle.size()).substr(turn) + "m";
+            EXPECT_EQ(expected, signature_of_walk(turned)) << turned;
+            EXPECT_EQ(signature_of_walk("x" + cycle + cycle), signature_of_walk("x" + turned));
+        }
+    }
+}
+
+TEST(CrashSignature, WhatRecursionCallsCountsAndWhatIsBelowDoesNot)
+{
+    EXPECT_EQ("SIGSEGV r!x | r!a | recursion", signature_of_walk("xaam"));
+    EXPECT_EQ(signature_of_walk("xabab"), signature_of_walk("xababm")) << "a deep walk does not have the callers";
+    EXPECT_NE(signature_of_walk("xabab"), signature_of_walk("yabab"));
+    EXPECT_EQ("SIGSEGV r!x | r!y | r!z", signature_of_walk("xyzabab"));
+    EXPECT_EQ("SIGSEGV r!x | r!y | r!a | recursion", signature_of_walk("xybaba"));
+    EXPECT_EQ("SIGSEGV r!a | recursion", signature_of_walk("baba", 1));
+}
+
+TEST(CrashSignature, OneRoundIsNoRecursion)
+{
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!m", signature_of_walk("abm"));
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!a", signature_of_walk("abam"));
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!c", signature_of_walk("abcabm"));
+}
+
+TEST(CrashSignature, CyclesOfManyFunctionsAreNotRecognised)
+{
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!c | recursion", signature_of_walk(repeated("abcdefgh", 40)));
+    EXPECT_EQ("SIGSEGV r!a | r!b | r!c", signature_of_walk(repeated("abcdefghi", 40)));
+}
+
+// A function that calls itself within a cycle, as often as it likes.
+TEST(CrashSignature, RecursionWithinRecursion)
+{
+    std::string expected = signature_of_walk("ababm");
+    for (const char *walk : {"aabaabm", "aabaaabab", "abbabbb", "bbaaabaa"})
+        EXPECT_EQ(expected, signature_of_walk(walk)) << walk;
+    EXPECT_EQ(signature_of_walk("abcabc"), signature_of_walk("ababcabababcabc"));
+}
+
+// Call sites differ, the functions do not; and the library's and the C library's frames are not of the cycle.
+TEST(CrashSignature, RecursionIsOfFunctions)
+{
+    EXPECT_EQ("SIGSEGV r!a | r!b | recursion",
+              signature_of(11, {"/r(a+0x1) [0x1]", "/r(b+0x1) [0x11]", "/libc.so.6(qsort+0x9) [0x99]",
+                                "/r(a+0x2) [0x2]", "/r(b+0x2) [0x12]", "0x77777"}));
+    EXPECT_EQ("SIGSEGV r+0x1 | r+0x11 | recursion",
+              signature_of(11, {"/r(+0x11) [0x11]", "/r(+0x1) [0x1]", "/r(+0x11) [0x11]", "/r(+0x1) [0x1]"}));
+}
+
 TEST(CrashSignature, UsersExtendTheList)
 {
     signature_maker make;
@@ -177,6 +264,8 @@ TEST(CrashSignature, ReadableNames)
 {
     EXPECT_EQ("SIGSEGV s!sampled::store_sample(unsigned long*) | s!main",
               readable_signature("SIGSEGV s!_ZN7sampled12store_sampleEPm | s!main"));
+    EXPECT_EQ("SIGSEGV s!n::f() | s!n::g() | recursion",
+              readable_signature("SIGSEGV s!_ZN1n1fEv | s!_ZN1n1gEv | recursion"));
     EXPECT_EQ("SIGSEGV unattributable", readable_signature("SIGSEGV unattributable"));
 }
 

@@ -425,6 +425,83 @@ TEST(QvcrashShow, ExitStatuses)
     EXPECT_TRUE(show({"--source", "0", "/tmp/other.txt"}).exited(2));
 }
 
+// Writes a log of a walk over functions that have one letter each, and shows it.
+ChildResult show_walk(const std::string &letters, std::vector<std::string> arguments = {})
+{
+    std::string text = "PID 1 for signal(11).\nBacktracing:\n";
+    for (char letter : letters)
+        text += std::string("\t<0x10> -> /r(") + letter + "+0x1) [0x" + std::to_string(letter) + "]\n";
+    write_file("/tmp/x1.coredump.11.log", text + "\tStack bottom is at 0x10\n\n");
+    arguments.push_back("/tmp/x1.coredump.11.log");
+    return show(arguments);
+}
+
+// The functions that are shown, each by its letter and, where it follows itself, how often; cycles as "[LETTERS]TIMES".
+std::string shown_walk(const std::string &letters)
+{
+    std::string text;
+    std::size_t left = 0, times = 0;
+    json object = json::parse(show_walk(letters, {"--json"}).out);
+    for (const json &frame : object["frames"]) {
+        if (frame.contains("cycle")) {
+            EXPECT_EQ(0u, left);
+            text += '[';
+            left = frame["cycle"]["frames"];
+            times = frame["cycle"]["times"];
+        }
+        std::string address = frame["address"];
+        text += static_cast<char>(std::stoi(address.substr(2)));
+        if (frame["repeats"] != 1)
+            text += std::to_string(frame["repeats"].get<int>());
+        if (left != 0 && --left == 0)
+            text += ']' + std::to_string(times);
+    }
+    return text;
+}
+
+TEST(QvcrashShow, RecursionIsShownOnce)
+{
+    EXPECT_EQ("a7m", shown_walk("aaaaaaam"));
+    EXPECT_EQ("[ab]3m", shown_walk("abababm"));
+    EXPECT_EQ("[ab]3a", shown_walk("abababa")) << "an unfinished round stays";
+    EXPECT_EQ("[ba]3m", shown_walk("bababam"));
+    EXPECT_EQ("x[abc]2abm", shown_walk("xabcabcabm"));
+    EXPECT_EQ("[abcdefgh]2m", shown_walk("abcdefghabcdefghm"));
+    EXPECT_EQ("abcdefghiabcdefghim", shown_walk("abcdefghiabcdefghim"));
+    EXPECT_EQ("abcm", shown_walk("abcm"));
+    EXPECT_EQ("abcabm", shown_walk("abcabm"));
+    EXPECT_EQ("[a2b]3m", shown_walk("aabaabaabm"));
+    EXPECT_EQ("a[ba2]2bm", shown_walk("abaabaabm"));
+    EXPECT_EQ("[ababc]2m", shown_walk("ababcababcm"));
+    EXPECT_EQ("[ab]2[cd]2m", shown_walk("ababcdcdm"));
+    EXPECT_EQ("[ab]2", shown_walk("abab"));
+}
+
+TEST(QvcrashShow, FramesAfterRecursionKeepTheirNumbers)
+{
+    std::vector<std::string> text = lines(show_walk("xaabaabaabm").out);
+    auto from =
+        std::find_if(text.begin(), text.end(), [](const std::string &line) { return line.starts_with("  #0"); });
+    ASSERT_LE(5, text.end() - from);
+    EXPECT_THAT(from[0], testing::StartsWith("  #0   /r(x+0x1)"));
+    EXPECT_THAT(from[1], testing::AllOf(testing::StartsWith("  #1   /r(a+0x1)"), testing::EndsWith("  (2 times)")));
+    EXPECT_THAT(from[2], testing::StartsWith("  #3   /r(b+0x1)"));
+    EXPECT_EQ("       (#1 to #3 follow one another 3 times, up to #9)", from[3]);
+    EXPECT_THAT(from[4], testing::StartsWith("  #10  /r(m+0x1)"));
+}
+
+TEST(QvcrashShow, FunctionsThatCallOneAnotherToTheEndOfTheStack)
+{
+    std::string log = log_of("mutual-recursion");
+    json object = show_json(log);
+    EXPECT_THAT(causes_of(object), testing::HasSubstr("Stack overflow: "));
+    EXPECT_TRUE(names_line(object, marked_line("item of a list"))) << object.dump(1);
+    EXPECT_TRUE(names_line(object, marked_line("list of an item")));
+    EXPECT_LE(object["frames"].size(), 8u) << object.dump(1);
+    ChildResult grouped = run_program({build_dir() + "/qvcrash", "group", log});
+    EXPECT_THAT(grouped.out, testing::HasSubstr(" | recursion\n"));
+}
+
 constexpr char kPlainLog[] = "PID 7 for signal(11).\nBacktracing:\n\t<0x10> -> /usr/sbin/routed(handle+0x8) [0x1008]\n"
                              "\tStack bottom is at 0x10\n\n";
 
