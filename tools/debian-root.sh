@@ -13,7 +13,9 @@ as_root() {
 
 # root_archive NAME KEY OPTION... - prints the archive of a root that mmdebstrap makes with these options. It is made again when
 # the key changes.
-root_archive() {
+root_archive() { exclusively "root.$1" make_root_archive "$@"; }
+
+make_root_archive() {
     local name=$1 archive
     archive=$roots/$name-$(sha256sum <<<"$2" | cut -c 1-12).tar
     shift 2

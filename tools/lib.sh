@@ -24,6 +24,15 @@ quietly() {
     }
 }
 
+# exclusively NAME COMMAND... - while no other clone's tools do what has this name, since all clones share the cache.
+exclusively() {
+    mkdir -p "$cache"
+    (
+        flock 9
+        "${@:2}"
+    ) 9>"$cache/$1.lock"
+}
+
 # build PRESET TARGET... - configures where needed and builds; without targets everything.
 build() {
     local preset=$1
