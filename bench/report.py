@@ -141,6 +141,8 @@ class Results:
             key = program, name
             samples.setdefault(key, []).append(
                 run["real_time" if wall else "cpu_time"] * NANOSECONDS[run["time_unit"]])
+            if samples is self.growth:
+                continue  # tables alone show counters
             for counter, value in run.items():
                 if isinstance(value, (int, float)):
                     self.counters.setdefault(key, {}).setdefault(counter, []).append(value)
