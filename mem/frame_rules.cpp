@@ -16,8 +16,6 @@
 namespace qv::frame_rules {
 namespace {
 
-constexpr std::int64_t kWord = 8;
-
 // ---- reading ----
 
 template <typename Value>
@@ -233,6 +231,8 @@ preamble read_preamble(const record &cie, const architecture &machine)
             knows_pointers = data.get<std::uint8_t>() == kOffsetFromHere;
         else if (*c == 'L')
             data.get<std::uint8_t>();
+        else if (*c == 'B') // AArch64: return addresses are signed with the other key
+            continue;
         else if (*c == 'P' && (data.get<std::uint8_t>() & ~kIndirect) == kOffsetFromHere)
             data.skip(sizeof(std::int32_t));
         else
@@ -368,6 +368,8 @@ private:
             which = from.unsigned_leb128();
             set(which, {saved::at_offset, from.signed_leb128() * shared_.data_unit});
             return true;
+        case 0x2d: // DW_CFA_AARCH64_negate_ra_state: the return address is signed from here on, or no more
+            return true;
         case 0x2e: // DW_CFA_GNU_args_size
             from.unsigned_leb128();
             return true;
@@ -386,25 +388,27 @@ private:
     int remembered_ = 0;
 };
 
+// Stores an offset in words. False if it is not one of whole words, or too large.
+template <typename Words>
+bool to_words(std::int64_t offset, Words *words)
+{
+    std::int64_t exact = offset / static_cast<std::int64_t>(kWord);
+    *words = static_cast<Words>(exact);
+    return *words == exact && offset % static_cast<std::int64_t>(kWord) == 0;
+}
+
 rule rule_of(const frame_row &at, const architecture &machine)
 {
-    constexpr std::int64_t kFarthest = 1 << 30;
-    const saved &fp = at.frame_pointer, &ra = at.return_address;
-    bool from_frame_pointer = at.end_register == machine.frame_pointer;
-    if ((!from_frame_pointer && at.end_register != machine.stack_pointer) || at.end_offset < 0 ||
-        at.end_offset > kFarthest || ra.where != saved::at_offset || ra.offset != machine.return_address_offset ||
-        fp.where == saved::other)
-        return {};
-    auto words = static_cast<std::int16_t>(fp.offset / kWord);
-    if (words * kWord != fp.offset)
-        return {};
     rule found;
     found.is_known = true;
-    found.from_frame_pointer = from_frame_pointer;
-    found.saves_frame_pointer = fp.where == saved::at_offset;
-    found.frame_pointer_words = words;
-    found.end_offset = static_cast<std::int32_t>(at.end_offset);
-    return found;
+    found.from_frame_pointer = at.end_register == machine.frame_pointer;
+    found.saves_frame_pointer = at.frame_pointer.where == saved::at_offset;
+    bool is_supported = (found.from_frame_pointer || at.end_register == machine.stack_pointer) &&
+                        at.return_address.where == saved::at_offset && at.frame_pointer.where != saved::other &&
+                        to_words(at.end_offset, &found.end_words) &&
+                        to_words(at.frame_pointer.offset, &found.frame_pointer_words) &&
+                        to_words(at.return_address.offset, &found.return_address_words);
+    return is_supported ? found : rule{};
 }
 
 rule evaluate(const description &of, std::uintptr_t target, const architecture &machine)

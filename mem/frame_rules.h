@@ -14,27 +14,28 @@
 
 namespace qv::frame_rules {
 
-// The numbers of the registers in unwind tables, and where a call leaves the return address.
+// The numbers of the registers in unwind tables.
 struct architecture {
     std::uint64_t stack_pointer;
     std::uint64_t frame_pointer;
     std::uint64_t return_address;
-    std::int64_t return_address_offset; // from the frame's end
 };
 
 // The end of a frame is the value of the stack pointer before the call. One word, which is kept and returned as such: a
 // wider load of members that were just stored one by one would wait for them.
 struct rule {
     std::uint16_t is_known : 1 = false;
-    // The end is at an offset from the frame pointer; else from the stack pointer.
+    // The end is at a distance from the frame pointer; else from the stack pointer.
     std::uint16_t from_frame_pointer : 1 = false;
     // The caller's frame pointer is on the stack; else it is still in the register.
     std::uint16_t saves_frame_pointer : 1 = false;
     // The function is in a module that is never unloaded, so that the rule holds for the life of the process.
     std::uint16_t is_permanent : 1 = false;
-    std::uint16_t unused : 12 = 0;        // bit_cast() reads every bit
-    std::int16_t frame_pointer_words = 0; // where the frame pointer is saved, from the frame's end, in words
-    std::int32_t end_offset = 0;          // from that register
+    std::uint16_t unused : 12 = 0; // bit_cast() reads every bit
+    std::uint16_t end_words = 0;   // from that register, in words
+    // Where they are saved, from the frame's end.
+    std::int16_t frame_pointer_words = 0;
+    std::int16_t return_address_words = 0;
 };
 static_assert(sizeof(rule) == sizeof(std::uint64_t));
 
@@ -75,6 +76,40 @@ private:
     module in_;
     table rows_;
 };
+
+// A function that is in a call, and what its registers hold.
+struct frame {
+    std::uintptr_t return_address; // of the call
+    std::uintptr_t stack_pointer;
+    std::uintptr_t frame_pointer;
+
+    // Goes to the function's caller. False if that needs the C library's unwinder.
+    bool leave(finder &rules);
+};
+
+inline constexpr std::uintptr_t kWord = sizeof(std::uintptr_t);
+
+// A word of another function's frame, which a sanitizer must not judge.
+[[gnu::no_sanitize_address]] inline std::uintptr_t saved_word(std::uintptr_t frame_end, std::intptr_t words)
+{
+    return *(reinterpret_cast<const std::uintptr_t *>(frame_end) + words);
+}
+
+inline bool frame::leave(finder &rules)
+{
+    rule found = rules.find(return_address);
+    if (!found.is_known)
+        return false;
+    std::uintptr_t base = found.from_frame_pointer ? frame_pointer : stack_pointer;
+    std::uintptr_t end = base + found.end_words * kWord;
+    if (end <= stack_pointer || end % kWord != 0)
+        return false;
+    if (found.saves_frame_pointer)
+        frame_pointer = saved_word(end, found.frame_pointer_words);
+    return_address = saved_word(end, found.return_address_words);
+    stack_pointer = end;
+    return return_address != 0;
+}
 
 } // namespace qv::frame_rules
 

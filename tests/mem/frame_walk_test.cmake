@@ -8,6 +8,9 @@ foreach(frame IN ITEMS 256 512 1024)
     set_target_properties(walk_plugin_${frame} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} PREFIX "")
     add_dependencies(frame_walk_test walk_plugin_${frame})
 endforeach()
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL aarch64) # return addresses signed with the key that is not the default
+    target_compile_options(walk_plugin_1024 PRIVATE -mbranch-protection=pac-ret+leaf+b-key)
+endif()
 
 # Linked last, so it is initialised first.
 add_library(walk_opener SHARED ${folder}/hosts/walk_opener.cpp)
