@@ -37,20 +37,17 @@ constinit exported_variable<mirror_function> mirror_variable{own_mirror_func};
 
 constexpr std::size_t kConsoleListSize = 256; // of /proc/consoles, terminator included
 
-// Results of probe(): 1 once the file has been seen. A 0 is not remembered.
-int is_aws_cache = 0;
-int is_pcap_cache = 0;
+bool is_aws_seen = false;
+bool is_pcap_seen = false;
 
 // Whether the marker file exists. It may be created after the process starts, so only a positive answer is kept.
-int probe(int &cache, const char *path)
+bool probe(bool &is_seen, const char *path)
 {
-    if (cache > 0)
-        return 1;
-    if (cache < 0)
-        return 0;
+    if (is_seen)
+        return true;
     base::errno_guard keep;
-    cache = ::access(path, F_OK) == 0 ? 1 : 0;
-    return cache;
+    is_seen = ::access(path, F_OK) == 0;
+    return is_seen;
 }
 
 // Whether the kernel's list of consoles, one a line, marks the named one enabled and preferred: "(EC" opens its flags.
@@ -100,12 +97,12 @@ int console_print_mfunc_set(int (*fn)(const char *format, va_list ap))
 
 int qv_is_aws(void)
 {
-    return probe(is_aws_cache, "/sys/devices/system/xen_memory");
+    return probe(is_aws_seen, "/sys/devices/system/xen_memory") ? 1 : 0;
 }
 
 int qv_is_pcap_network(void)
 {
-    return probe(is_pcap_cache, "/etc/pcap");
+    return probe(is_pcap_seen, "/etc/pcap") ? 1 : 0;
 }
 
 int qv_is_support_default_console_device(void)
