@@ -49,8 +49,8 @@ struct day_file {
     day_file *next; // among the retired
 };
 
-constinit std::atomic<day_file *> __qv_debug_file = nullptr;
-constinit std::atomic<day_file *> retired = nullptr; // no longer reachable from __qv_debug_file
+constinit std::atomic<day_file *> current_file = nullptr;
+constinit std::atomic<day_file *> retired = nullptr; // no longer reachable from current_file
 constinit std::atomic<int> users = 0;                // threads that may have a pointer to any of them
 constinit thread_local int depth = 0;                // this thread's share of users
 
@@ -130,7 +130,7 @@ bool is_own(const day_file *file)
 // The stream to trace to, null for none.
 std::FILE *stream_of_file()
 {
-    const day_file *file = __qv_debug_file;
+    const day_file *file = current_file;
     return file != nullptr && is_own(file) ? file->stream : nullptr;
 }
 
@@ -160,16 +160,16 @@ void time_of_day(char (&out)[kTimeSize])
 // Removes and retires the file if it is still the current one.
 void retire_current(day_file *file)
 {
-    if (file != nullptr && __qv_debug_file.compare_exchange_strong(file, nullptr))
+    if (file != nullptr && current_file.compare_exchange_strong(file, nullptr))
         retire(file);
 }
 
 // Registered again with each file that is opened, so it may run several times at exit.
-void qv_debug_file_fini()
+void close_at_exit()
 {
     base::cancel_guard whole;
     file_scope scope;
-    retire_current(__qv_debug_file);
+    retire_current(current_file);
 }
 
 // A child does not use its parent's file, nor text that the parent's threads had buffered at the fork. The files are
@@ -181,7 +181,7 @@ void forget_parents_files()
     users = depth;
     if (depth != 0)
         return;
-    push_retired(__qv_debug_file.exchange(nullptr));
+    push_retired(current_file.exchange(nullptr));
     for (day_file *file = retired; file != nullptr; file = file->next)
         ::__fpurge(file->stream);
 }
@@ -193,6 +193,7 @@ void watch_forks()
         ::pthread_atfork(nullptr, nullptr, forget_parents_files);
 }
 
+// The name in the text is contract.
 void report_failure(const char *path, int error)
 {
     // Printing the first line may change errno before the second is formatted.
@@ -210,12 +211,12 @@ bool is_current(const day_file *file, unsigned day)
 // Makes the file the current one, unless another thread has opened the day's file meanwhile.
 void publish(day_file *file)
 {
-    day_file *old = __qv_debug_file;
+    day_file *old = current_file;
     do {
         if (is_current(old, file->day))
             return close_all(file);
-    } while (!__qv_debug_file.compare_exchange_strong(old, file));
-    std::atexit(qv_debug_file_fini);
+    } while (!current_file.compare_exchange_strong(old, file));
+    std::atexit(close_at_exit);
     if (old != nullptr)
         retire(old);
 }
@@ -235,10 +236,10 @@ day_file *open_file(const char *path, unsigned day)
 
 // Opens the file of the day unless it is open. An old file stays current until then, so that messages of other threads
 // are not lost.
-void qv_check_debug_file()
+void open_todays_file()
 {
     unsigned day = today();
-    day_file *old = __qv_debug_file;
+    day_file *old = current_file;
     if (is_current(old, day))
         return;
 
@@ -323,7 +324,7 @@ void print_prefix(int level, const char *file, int line)
     time_of_day(now);
     if (to_file()) {
         file_scope scope;
-        qv_check_debug_file();
+        open_todays_file();
     }
 
     char prefix[kPrefixSize] = {};
@@ -398,7 +399,7 @@ void trace::close_file(int first)
 {
     base::cancel_guard whole;
     file_scope scope;
-    day_file *file = __qv_debug_file;
+    day_file *file = current_file;
     if (file != nullptr && ::fileno(file->stream) >= first)
         retire_current(file);
 }
