@@ -154,7 +154,7 @@ std::uint64_t hex_digits(std::uint32_t value, bool lower)
     return nibbles + '0' * kEach + letters * to_letter;
 }
 
-// All sixteen digits are stored, the leading zeros of them in front of the result.
+// All sixteen digits are stored, the leading zeros of them before the result.
 char *render_hex(char *end, unsigned long value, bool lower)
 {
     static_assert(std::endian::native == std::endian::little);

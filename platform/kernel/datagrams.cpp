@@ -167,13 +167,13 @@ std::optional<name> given_destination(const msghdr &message, int family)
 // it; SO_REUSEPORT, because several threads may send at the same time.
 ssize_t send_for_ipv6_only(in_port_t port, const msghdr &outside, in_addr source, int flags)
 {
-    base::unique_fd helper(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    base::unique_fd sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     int on = 1;
     name from = name::ip4(source, port);
-    if (!helper || real::setsockopt(helper.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) < 0 ||
-        real::bind(helper.get(), &from.at, from.length) < 0)
+    if (!sender || real::setsockopt(sender.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on) < 0 ||
+        real::bind(sender.get(), &from.at, from.length) < 0)
         return -1;
-    return real::sendmsg(helper.get(), &outside, flags);
+    return real::sendmsg(sender.get(), &outside, flags);
 }
 
 ssize_t send_for_ipv6_only(tables &all, int fd, msghdr outside, const name &to, in_addr source, int flags)
