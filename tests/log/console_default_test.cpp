@@ -3,9 +3,9 @@
 // platform's switch itself.
 #include "console_print.h"
 
+#include "support/print_fatal.h"
 #include "support/support.h"
 
-#include <cstdarg>
 #include <sched.h>
 #include <unistd.h>
 
@@ -89,18 +89,12 @@ TEST(DefaultConsole, IsDecidedOnce)
 
 TEST(DefaultConsole, TheSignalPathAsksForItself)
 {
-    auto print = [](const char *format, ...) {
-        va_list ap;
-        va_start(ap, format);
-        console_print_args_sigctx(1, nullptr, format, ap);
-        va_end(ap);
-    };
     bind_over("/proc/consoles", kPreferred);
     console_print_t("a\n");
     bind_over("/proc/consoles", kOther);
-    print("b\n");
+    print_fatal(1, nullptr, "b\n");
     EXPECT_EQ("b\n", read_file(kSerial));
     bind_over("/proc/consoles", kPreferred);
-    print("c\n");
+    print_fatal(1, nullptr, "c\n");
     EXPECT_EQ("b\nc\n", read_file(kSerial)) << "only once";
 }

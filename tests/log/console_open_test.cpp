@@ -3,6 +3,7 @@
 #include "console_print.h"
 
 #include "support/next_function.h"
+#include "support/print_fatal.h"
 #include "support/support.h"
 
 #include <cstdarg>
@@ -43,15 +44,6 @@ extern "C" int open(const char *path, int flags, ...)
 
 namespace {
 
-int print_fatal(const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    int length = console_print_args_sigctx(1, "/etc/fatal", format, ap);
-    va_end(ap);
-    return length;
-}
-
 constexpr opening kLogOpening = {O_WRONLY | O_CREAT | O_APPEND, 0777};
 
 } // namespace
@@ -70,7 +62,7 @@ TEST(ConsoleOpen, TheFatalPathDoesNotBlockEither)
 {
     bind_over("/proc/consoles", "tty0 -WU (EC p ) 4:1\n");
     noting = true;
-    print_fatal("x\n");
+    print_fatal(1, "/etc/fatal", "x\n");
     EXPECT_EQ((opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}), openings[kConsole]);
     EXPECT_EQ((opening{O_WRONLY | O_NOCTTY | O_NONBLOCK, 0}), openings[kSerial]);
     EXPECT_EQ(kLogOpening, openings["/etc/fatal"]);

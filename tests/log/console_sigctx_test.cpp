@@ -3,6 +3,7 @@
 #include "console_print.h"
 
 #include "support/next_function.h"
+#include "support/print_fatal.h"
 #include "support/support.h"
 
 #include <cerrno>
@@ -26,15 +27,6 @@ int minutes_west = 0;
 std::time_t told_time = 1234;
 const std::string kStamp = "2026-01-31 09:00:00(UTC) ";
 const char *const kLog = "/etc/consolelog";
-
-int print_to(int to_console, const char *path, const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    int result = console_print_args_sigctx(to_console, path, format, ap);
-    va_end(ap);
-    return result;
-}
 
 std::string drops(int count)
 {
@@ -70,12 +62,12 @@ extern "C" long syscall(long number, ...)
 
 TEST(SigctxPrint, GoesToTheConsoleAndTheLog)
 {
-    EXPECT_EQ(21, print_to(1, kLog, "ePC %016lx\n", 0xABCUL));
+    EXPECT_EQ(21, print_fatal(1, kLog, "ePC %016lx\n", 0xABCUL));
     EXPECT_EQ("ePC 0000000000000abc\n", read_file(kConsole));
     EXPECT_EQ(kStamp + "ePC 0000000000000abc\n", read_file(kLog));
     EXPECT_EQ("", read_file(kSerial));
-    EXPECT_EQ(2, print_to(0, nullptr, "x\n"));
-    EXPECT_EQ(2, print_to(0, kLog, "y\n"));
+    EXPECT_EQ(2, print_fatal(0, nullptr, "x\n"));
+    EXPECT_EQ(2, print_fatal(0, kLog, "y\n"));
     EXPECT_EQ("ePC 0000000000000abc\n", read_file(kConsole));
 }
 
@@ -83,7 +75,7 @@ TEST(SigctxPrint, LongTextIsCutTo1024BytesWithItsZero)
 {
     for (std::size_t n : {1024u, 1025u, 2000u}) {
         ::unlink("/tmp/log");
-        EXPECT_EQ(1024, print_to(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()));
+        EXPECT_EQ(1024, print_fatal(0, "/tmp/log", "%s\n", std::string(n - 1, 'x').c_str()));
         std::string wanted = std::string(1023, 'x') + '\0';
         EXPECT_EQ(wanted, read_file("/tmp/log")) << n << ": without a stamp";
     }
@@ -94,14 +86,14 @@ TEST(SigctxPrint, UpTo1023CharactersAreWhole)
     for (std::size_t n : {1u, 1022u, 1023u}) {
         ::unlink("/tmp/log");
         std::string text = std::string(n - 1, 'x') + "\n";
-        EXPECT_EQ(static_cast<int>(n), print_to(0, "/tmp/log", "%s", text.c_str()));
+        EXPECT_EQ(static_cast<int>(n), print_fatal(0, "/tmp/log", "%s", text.c_str()));
         EXPECT_EQ(kStamp + text, read_file("/tmp/log"));
     }
 }
 
 TEST(SigctxPrint, FailedFormattingWritesTheWholeBuffer)
 {
-    EXPECT_EQ(1024, print_to(1, nullptr, "%lc\n", static_cast<wint_t>(0xD800)));
+    EXPECT_EQ(1024, print_fatal(1, nullptr, "%lc\n", static_cast<wint_t>(0xD800)));
     EXPECT_EQ(1024u, read_file(kConsole).size());
 }
 
@@ -112,23 +104,23 @@ TEST(SigctxPrint, NoHookAndTheCallersErrno)
         return 0;
     });
     errno = ENOENT;
-    print_to(1, kLog, "%m\n");
+    print_fatal(1, kLog, "%m\n");
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ("No such file or directory\n", read_file(kConsole));
 }
 
 TEST(SigctxPrint, AnEmptyMessageGetsNoStamp)
 {
-    EXPECT_EQ(0, print_to(1, kLog, "%s", ""));
+    EXPECT_EQ(0, print_fatal(1, kLog, "%s", ""));
     EXPECT_TRUE(exists(kLog));
     EXPECT_EQ("", read_file(kLog));
 }
 
 TEST(SigctxPrint, UnwritableLogsAreNoFailure)
 {
-    EXPECT_EQ(2, print_to(0, "/no/such/log", "x\n"));
+    EXPECT_EQ(2, print_fatal(0, "/no/such/log", "x\n"));
     remount("/etc", true);
-    EXPECT_EQ(2, print_to(0, kLog, "x\n"));
+    EXPECT_EQ(2, print_fatal(0, kLog, "x\n"));
 }
 
 // ---- console descriptors ----
@@ -137,7 +129,7 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
 {
     console_print_t("a\n");
     int ordinary = -1, signal_path = -1;
-    print_to(1, nullptr, "b\n");
+    print_fatal(1, nullptr, "b\n");
     for (const std::string &name : list_dir("/proc/self/fd")) {
         char target[256] = {};
         [[maybe_unused]] ssize_t n = ::readlink(("/proc/self/fd/" + name).c_str(), target, sizeof target - 1);
@@ -149,7 +141,7 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
     EXPECT_GE(ordinary, 0);
     EXPECT_GE(signal_path, 0);
     int next = ::open("/dev/null", O_RDONLY);
-    print_to(1, nullptr, "c\n");
+    print_fatal(1, nullptr, "c\n");
     EXPECT_EQ(next + 1, ::open("/dev/null", O_RDONLY)) << "opened once";
     EXPECT_EQ("b\nc\n", read_file(kConsole))
         << "each descriptor has its own offset: this one overwrites the first line";
@@ -158,9 +150,9 @@ TEST(SigctxDevice, IsOpenedNonBlockingAndApartFromTheOrdinaryOne)
 TEST(SigctxDevice, AFailedOpenIsTriedAgain)
 {
     ASSERT_EQ(0, ::rename(kConsole, "/dev/away"));
-    print_to(1, nullptr, "a\n");
+    print_fatal(1, nullptr, "a\n");
     ASSERT_EQ(0, ::rename("/dev/away", kConsole));
-    print_to(1, nullptr, "b\n");
+    print_fatal(1, nullptr, "b\n");
     EXPECT_EQ("b\n", read_file(kConsole));
 }
 
@@ -169,7 +161,7 @@ TEST(SigctxDevice, WithTheXenMarkerTheSerialPortIsLeftAlone)
     mount_tmpfs("/sys");
     for (const char *folder : {"/sys/devices", "/sys/devices/system", "/sys/devices/system/xen_memory"})
         ::mkdir(folder, 0755);
-    print_to(1, nullptr, "x\n");
+    print_fatal(1, nullptr, "x\n");
     EXPECT_EQ("", read_file(kSerial));
     EXPECT_EQ("x\n", read_file(kConsole));
 }
@@ -179,29 +171,29 @@ TEST(SigctxDevice, WithTheXenMarkerTheSerialPortIsLeftAlone)
 TEST(SigctxStamp, TheKernelsZoneOffsetIsAppliedAndStillCalledUtc)
 {
     minutes_west = -60;
-    print_to(0, kLog, "x\n");
+    print_fatal(0, kLog, "x\n");
     minutes_west = 600;
-    print_to(0, kLog, "y\n");
+    print_fatal(0, kLog, "y\n");
     EXPECT_EQ("2026-01-31 10:00:00(UTC) x\n2026-01-30 23:00:00(UTC) y\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, TheLibrarysZoneIsNotAsked)
 {
     ::setenv("TZ", "XXX-5", 1);
-    print_to(0, kLog, "x\n");
+    print_fatal(0, kLog, "x\n");
     EXPECT_EQ(kStamp + "x\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, In1970ItIsTheUptimeOfTime)
 {
     told_clock.tv_sec = 31535999;
-    print_to(0, kLog, "x\n");
+    print_fatal(0, kLog, "x\n");
     told_clock.tv_sec = 31536000;
-    print_to(0, kLog, "y\n");
+    print_fatal(0, kLog, "y\n");
     told_clock.tv_sec = 0;
-    print_to(0, kLog, "z\n");
+    print_fatal(0, kLog, "z\n");
     told_clock.tv_sec = -1;
-    print_to(0, kLog, "w\n");
+    print_fatal(0, kLog, "w\n");
     EXPECT_EQ("uptime 1234 x\n1971-01-01 00:00:00(UTC) y\nuptime 1234 z\n1969-12-31 23:59:59(UTC) w\n",
               read_file(kLog));
 }
@@ -209,16 +201,16 @@ TEST(SigctxStamp, In1970ItIsTheUptimeOfTime)
 TEST(SigctxStamp, WithoutTheSystemCallItIsTheUptime)
 {
     clock_result = -1;
-    print_to(0, kLog, "x\n");
+    print_fatal(0, kLog, "x\n");
     told_time = -1;
-    print_to(0, kLog, "y\n");
+    print_fatal(0, kLog, "y\n");
     EXPECT_EQ("uptime 1234 x\ny\n", read_file(kLog));
 }
 
 TEST(SigctxStamp, ContinuationsGetNone)
 {
-    print_to(0, kLog, "x, ");
-    print_to(0, kLog, "y\n");
+    print_fatal(0, kLog, "x, ");
+    print_fatal(0, kLog, "y\n");
     EXPECT_EQ("x, " + kStamp + "y\n", read_file(kLog));
 }
 
@@ -227,11 +219,11 @@ TEST(SigctxStamp, ContinuationsGetNone)
 TEST(SigctxLimit, DropsAreCountedApartFromTheOrdinaryPath)
 {
     write_file(kLog, std::string(524289, 'o'));
-    print_to(0, kLog, "1\n");
-    print_to(0, kLog, "2\n");
+    print_fatal(0, kLog, "1\n");
+    print_fatal(0, kLog, "2\n");
     qv_clog("3\n");
     write_file(kLog, "");
-    print_to(0, kLog, "4\n");
+    print_fatal(0, kLog, "4\n");
     EXPECT_EQ(kStamp + drops(2) + kStamp + "4\n", read_file(kLog));
     write_file(kLog, "");
     qv_clog("5");
@@ -241,26 +233,26 @@ TEST(SigctxLimit, DropsAreCountedApartFromTheOrdinaryPath)
 TEST(SigctxLimit, AFileOfExactly512KiBAcceptsOneMore)
 {
     write_file(kLog, std::string(524288, 'o'));
-    print_to(0, kLog, "1\n");
+    print_fatal(0, kLog, "1\n");
     EXPECT_EQ(kStamp + "1\n", read_file(kLog).substr(524288));
 }
 
 TEST(SigctxLimit, TheNoticeComesWithAPieceOfALineToo)
 {
     write_file(kLog, std::string(600000, 'o'));
-    print_to(0, kLog, "1\n");
+    print_fatal(0, kLog, "1\n");
     write_file(kLog, "");
-    print_to(0, kLog, "2");
+    print_fatal(0, kLog, "2");
     EXPECT_EQ(kStamp + drops(1) + "2", read_file(kLog));
 }
 
 TEST(SigctxLimit, WithoutAnyStampTheNoticeStandsAlone)
 {
     write_file(kLog, std::string(600000, 'o'));
-    print_to(0, kLog, "1\n");
+    print_fatal(0, kLog, "1\n");
     write_file(kLog, "");
     clock_result = -1;
     told_time = -1;
-    print_to(0, kLog, "2\n");
+    print_fatal(0, kLog, "2\n");
     EXPECT_EQ(drops(1) + "2\n", read_file(kLog));
 }

@@ -4,10 +4,10 @@
 #include "bootargs.h"
 #include "console_print.h"
 
+#include "support/print_fatal.h"
 #include "support/support.h"
 
 #include <atomic>
-#include <cstdarg>
 #include <fcntl.h>
 #include <pthread.h>
 #include <thread>
@@ -41,21 +41,12 @@ TEST(ConsoleThreads, LinesNeverInterleaveInside)
 
 namespace {
 
-int print_fatal(const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    int length = console_print_args_sigctx(1, "/etc/fatal", format, ap);
-    va_end(ap);
-    return length;
-}
-
 void print_everywhere()
 {
     console_print("%s\n", "console");
     qv_clog("%s\n", "log");
     qv_output(4, "%s\n", "output");
-    print_fatal("%s\n", "fatal");
+    print_fatal(1, "/etc/fatal", "%s\n", "fatal");
     qv_clog("%s\n", std::string(3000, 'x').c_str()); // from the heap
 }
 
@@ -96,7 +87,7 @@ TEST(ConsoleCancellation, ActsAfterTheMessage)
     std::size_t before = open_descriptors();
     std::thread printing([] {
         ::pthread_cancel(::pthread_self());
-        print_fatal("%s\n", "fatal"); // no cancellation point: its callers are handlers
+        print_fatal(1, "/etc/fatal", "%s\n", "fatal"); // no cancellation point: its callers are handlers
         qv_parse_cmdline("/proc/cmdline", "no such key");
         qv_clog("%s\n", std::string(3000, 'x').c_str());
         ADD_FAILURE() << "the cancellation request is lost";

@@ -6,11 +6,11 @@
 #include "sighandler.h"
 
 #include "support/next_function.h"
+#include "support/print_fatal.h"
 #include "support/support.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -280,15 +280,6 @@ TEST(CloseExtraFds, WithoutAFreeDescriptorAndTheRangeCallTheFailureIsReported)
 
 namespace {
 
-int print_fatal(const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    int length = console_print_args_sigctx(1, nullptr, format, ap);
-    va_end(ap);
-    return length;
-}
-
 // Files of the host, at the lowest free descriptors.
 std::vector<std::string> open_host_files()
 {
@@ -310,7 +301,7 @@ TEST(CloseExtraFds, LaterLinesGoToTheConsoleAndIntoNoFileOfTheHost)
         __qv_debug_where = QV_TRACE_TO_FILE;
         auto print_all = [](const char *text) {
             console_print_t("%s", text);
-            print_fatal("%s", text);
+            print_fatal(1, nullptr, "%s", text);
             __qv_print_prefix(2, "f", 1);
             __qv_print_msg("%s", text);
         };
