@@ -71,22 +71,12 @@ TEST(MutexFork, AChildCanTraceWhileTheParentsMutexIsHeld)
     ChildResult forking = run_child(
         [] {
             qv_mtrace_start();
-            ChildResult child;
-            std::atomic<int> stage{0};
-            std::thread keeper([&] {
-                pthread_mutex_lock(&mutex);
-                stage = 1;
-                while (stage != 2)
-                    ::usleep(1000);
-                pthread_mutex_unlock(&mutex);
+            pid_t pid = -1;
+            with_mutex_kept([&] {
+                pid = ::fork(); // with tracing on, this thread must not allocate here
+                if (pid == 0)
+                    ::_exit(can_allocate() && can_lock() ? 0 : 1);
             });
-            while (stage != 1)
-                ::usleep(100);
-            pid_t pid = ::fork(); // with tracing on, this thread must not allocate here
-            if (pid == 0)
-                ::_exit(can_allocate() && can_lock() ? 0 : 1);
-            stage = 2;
-            keeper.join();
             int status = -1;
             ::waitpid(pid, &status, 0);
             ::_exit(status == 0 ? 0 : 1);
