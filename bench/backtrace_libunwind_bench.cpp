@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A walk of 20 frames: the library's and libunwind's. A separate program, because libunwind defines a backtrace() that
 // would replace the C library's.
-#include "backtrace.h"
 #include "bench/frame_chain.h"
 
 #include <benchmark/benchmark.h>
@@ -13,18 +12,7 @@
 
 namespace {
 
-void frame_walk(benchmark::State &state)
-{
-    procps_read_maps();
-    bench::below_frames(bench::kFrames, [&] {
-        unsigned long addrs[bench::kFrames], frames[bench::kFrames], bottom;
-        auto fp = reinterpret_cast<unsigned long>(__builtin_frame_address(0));
-        for (auto _ : state) {
-            qv_backtrace_spec(fp, 0, 0, addrs, frames, bench::kFrames, &bottom);
-            benchmark::DoNotOptimize(addrs);
-        }
-    });
-}
+using bench::frame_walk;
 BENCHMARK(frame_walk);
 
 #ifdef HAVE_LIBUNWIND

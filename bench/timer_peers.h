@@ -11,6 +11,7 @@
 #include "heap.h"
 #include "stimer.h"
 
+#include <benchmark/benchmark.h>
 #include <boost/heap/d_ary_heap.hpp>
 #include <cstdint>
 #include <ctime>
@@ -278,6 +279,22 @@ private:
     std::vector<uv_timer_t> timers_;
 };
 #endif
+
+inline constexpr std::size_t kDue = 1000; // at once
+
+// kDue timers besides those pending are started and fire in one call. The time is per timer.
+template <typename Timers>
+void start_and_fire(benchmark::State &state, Timers &timers, std::size_t pending)
+{
+    for (auto _ : state) {
+        unsigned long before = fired;
+        for (std::size_t i = 0; i < kDue; i++)
+            timers.start(pending + i, 0);
+        while (fired - before < kDue)
+            timers.run();
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kDue));
+}
 
 // Calls what(name, type), the type as a null pointer, for each installed library.
 template <typename What>

@@ -14,7 +14,6 @@ namespace {
 
 using namespace bench;
 
-constexpr std::size_t kDue = 1000; // at once
 constexpr std::size_t kMost = 10000000;
 constexpr std::size_t kMostOfLarge = 1000000; // where a timer takes 128 bytes and more
 
@@ -71,14 +70,7 @@ void add(const std::string &name, std::size_t pending)
     });
     benchmark::RegisterBenchmark(("start_fire" + suffix).c_str(), [=](benchmark::State &state) {
         auto &timers = filled<Timers>(suffix, pending);
-        for (auto _ : state) {
-            unsigned long before = fired;
-            for (std::size_t i = 0; i < kDue; i++)
-                timers.start(pending + i, 0);
-            while (fired - before < kDue)
-                timers.run();
-        }
-        state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kDue));
+        start_and_fire(state, timers, pending);
     });
 }
 
