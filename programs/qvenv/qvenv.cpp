@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <getopt.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -40,8 +41,9 @@ exit_code help()
 {
     std::fputs(kUsage, stdout);
     std::puts("Gets, sets and lists the settings in " QV_ENV_FILE ".\n"
-              "  -f FILE  read another file of that format\n"
-              "  -n       leave a setting that is present alone");
+              "  -f FILE     read another file of that format\n"
+              "  -n          leave a setting that is present alone\n"
+              "  -h, --help  write this");
     return kDone;
 }
 
@@ -194,8 +196,9 @@ exit_code set(const char *name, const char *value, bool overwrite)
 int main(int argc, char **argv)
 {
     const char *file = nullptr;
+    constexpr option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
     // The '+' stops at the command, so that a value may begin with a dash.
-    for (int option; (option = ::getopt(argc, argv, "+f:h")) != -1;) {
+    for (int option; (option = ::getopt_long(argc, argv, "+f:h", kLong, nullptr)) != -1;) {
         if (option == 'h')
             return flushed(help());
         if (option != 'f')

@@ -4,6 +4,7 @@
 //     vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]
 //     vrkernel show [-c FILE]
 //     vrkernel reset [-c FILE]
+//     vrkernel -h
 #include "platform/kernel/tables.h"
 #include "programs/privileges.h"
 
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <span>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,16 +24,30 @@ using namespace qv;
 using namespace vrkernel;
 
 constexpr int kUsage = 2;
-constexpr int kNoTables = 125; // as in env(1) and timeout(1)
-constexpr int kNoProgram = 126;
+// As in env(1) and timeout(1).
+constexpr int kNoTables = 125;
+constexpr int kCannotStart = 126;
+constexpr int kNotFound = 127;
+
+constexpr const char *kUsageText = "usage: vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]\n"
+                                   "       vrkernel show [-c FILE]\n"
+                                   "       vrkernel reset [-c FILE]\n";
 
 int usage()
 {
-    std::fputs("usage: vrkernel run -c FILE [--] PROGRAM [ARGUMENT...]\n"
-               "       vrkernel show [-c FILE]\n"
-               "       vrkernel reset [-c FILE]\n",
-               stderr);
+    std::fputs(kUsageText, stderr);
     return kUsage;
+}
+
+int help()
+{
+    std::fputs(kUsageText, stdout);
+    std::puts("Runs programs on a stand-in for the appliance's kernel, whose tables come from FILE.\n"
+              "  run      run a program, and what it starts\n"
+              "  show     write the tables as they are now\n"
+              "  reset    forget what programs have changed\n"
+              "  -c FILE  for show and reset, VRKERNEL_CONFIG in the environment by default");
+    return 0;
 }
 
 // The library is in this program's folder in a build, and in the library folder of the same prefix when installed.
@@ -105,23 +121,38 @@ int run(const char *config, char **program)
         return kNoTables;
     }
     ::execvp(program[0], program);
-    std::fprintf(stderr, "vrkernel: %s: %s\n", program[0], std::strerror(errno));
-    return kNoProgram;
+    const int error = errno;
+    std::fprintf(stderr, "vrkernel: %s: %s\n", program[0], std::strerror(error));
+    return error == ENOENT ? kNotFound : kCannotStart;
 }
 
-void show_mac(std::uint64_t mac)
+// The rest of an entry's line. The file has a word for the one flag that it can set; other flags follow in a comment,
+// to which `comment` adds what the file has no attribute for.
+void show_flags(std::uint32_t flags, std::string comment = {})
+{
+    if ((flags & ~vr_abi::kShared) != 0) {
+        char text[32];
+        std::snprintf(text, sizeof text, " flags=%#x", flags);
+        comment.insert(0, text);
+    }
+    std::printf("%s%s%s\n", (flags & vr_abi::kShared) != 0 ? " shared" : "", comment.empty() ? "" : " #",
+                comment.c_str());
+}
+
+std::string mac_text(std::uint64_t mac)
 {
     unsigned char bytes[sizeof mac];
+    char text[32];
     std::memcpy(bytes, &mac, sizeof mac);
-    std::printf(" mac=%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5]);
+    std::snprintf(text, sizeof text, " mac=%02x:%02x:%02x:%02x:%02x:%02x", bytes[0], bytes[1], bytes[2], bytes[3],
+                  bytes[4], bytes[5]);
+    return text;
 }
 
 void show_interface(const interface &one)
 {
-    std::printf("interface %-15s id=%u vsys=%u vr=%u flags=%#x", one.name, one.id, one.vsys, one.vr.load(),
-                one.flags.load());
-    if (one.mac != 0)
-        show_mac(one.mac);
+    std::printf("interface %-15s id=%u vsys=%u vr=%u", one.name, one.id, one.vsys, one.vr.load());
+    std::string comment = one.mac != 0 ? mac_text(one.mac) : "";
     struct {
         const char *name;
         std::uint32_t value;
@@ -129,9 +160,9 @@ void show_interface(const interface &one)
         {"cellular", one.cellular}, {"wifi", one.wifi}, {"device", one.device}, {"mtu-limits", one.mtu_limits}};
     for (const auto &v : values) {
         if (v.value != 0)
-            std::printf(" %s=%u", v.name, v.value);
+            comment += std::string(" ") + v.name + '=' + std::to_string(v.value);
     }
-    std::putchar('\n');
+    show_flags(one.flags, comment);
 }
 
 int show(const char *config)
@@ -142,9 +173,10 @@ int show(const char *config)
     for (const vsys &one : std::span(all->all_vsys, all->vsys_count))
         std::printf("vsys      %-15s id=%u default-vr=%u\n", one.name, one.id, one.default_vr);
     for (const vr &one : all->vrs) {
-        if (one.name[0] != '\0')
-            std::printf("vr        %-15s id=%u vsys=%u flags=%#x\n", one.name, all->id_of(&one), one.vsys,
-                        one.flags.load());
+        if (one.name[0] == '\0')
+            continue;
+        std::printf("vr        %-15s id=%u vsys=%u", one.name, all->id_of(&one), one.vsys);
+        show_flags(one.flags);
     }
     for (const interface &one : std::span(all->interfaces, all->interface_count))
         show_interface(one);
@@ -155,6 +187,8 @@ int show(const char *config)
 
 int main(int argc, char **argv)
 {
+    if (argc == 2 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0))
+        return help();
     const char *config = std::getenv(kConfigVariable);
     int next = 2;
     if (argc > next + 1 && std::strcmp(argv[next], "-c") == 0) {

@@ -1022,13 +1022,13 @@ TEST_F(VrkernelCommand, ShowsTheTablesAsTheyAre)
     EXPECT_TRUE(before.exited(0));
     EXPECT_EQ("vsys      root            id=0 default-vr=1\n"
               "vsys      branch          id=3 default-vr=7\n"
-              "vr        default         id=1 vsys=0 flags=0\n"
-              "vr        trust           id=7 vsys=3 flags=0\n"
-              "vr        guests          id=8 vsys=3 flags=0x2\n"
-              "vr        trust           id=2080 vsys=0 flags=0\n"
-              "interface eth0-1          id=17 vsys=3 vr=7 flags=0\n"
-              "interface eth0-2          id=18 vsys=3 vr=8 flags=0x2\n"
-              "interface cellular0       id=65535 vsys=0 vr=1 flags=0\n",
+              "vr        default         id=1 vsys=0\n"
+              "vr        trust           id=7 vsys=3\n"
+              "vr        guests          id=8 vsys=3 shared\n"
+              "vr        trust           id=2080 vsys=0\n"
+              "interface eth0-1          id=17 vsys=3 vr=7\n"
+              "interface eth0-2          id=18 vsys=3 vr=8 shared\n"
+              "interface cellular0       id=65535 vsys=0 vr=1\n",
               before.out);
     Peer peer;
     peer("set_mac 65535 5");
@@ -1037,8 +1037,56 @@ TEST_F(VrkernelCommand, ShowsTheTablesAsTheyAre)
     peer("change_device 65535 9");
     peer("set_if_vr eth0-1 8");
     auto after = command({"show", "-c", kConfig});
-    EXPECT_THAT(after.out, HasSubstr("interface eth0-1          id=17 vsys=3 vr=8 flags=0 wifi=6 mtu-limits=1\n"));
-    EXPECT_THAT(after.out, HasSubstr("id=65535 vsys=0 vr=1 flags=0 mac=02:00:00:00:00:17 cellular=5 device=9\n"));
+    EXPECT_THAT(after.out, HasSubstr("interface eth0-1          id=17 vsys=3 vr=8 # wifi=6 mtu-limits=1\n"));
+    EXPECT_THAT(after.out, HasSubstr("id=65535 vsys=0 vr=1 # mac=02:00:00:00:00:17 cellular=5 device=9\n"));
+}
+
+TEST_F(VrkernelCommand, WhatShowWritesIsAFileOfTheSameTables)
+{
+    Peer peer;
+    peer("set_mac 65535 5");
+    peer("set_mtu_limit 17");
+    peer("set_if_vr eth0-1 8");
+    peer("set_if_shared 17");
+    peer("set_vr_shared 7");
+    auto shown = command({"show", "-c", kConfig});
+    EXPECT_THAT(shown.out, HasSubstr("vr=8 shared # mtu-limits=1\n"));
+
+    constexpr const char *kShown = "/tmp/shown.conf";
+    write_file(kShown, shown.out);
+    auto again = command({"show", "-c", kShown});
+    EXPECT_TRUE(again.exited(0)) << again.err;
+    EXPECT_EQ("", again.err);
+    // What programs have set is not in the file.
+    std::string without_comments;
+    for (const std::string &line : lines(shown.out))
+        without_comments += line.substr(0, line.find(" #")) + "\n";
+    EXPECT_EQ(without_comments, again.out);
+}
+
+TEST_F(VrkernelCommand, RunSaysWhyAProgramDoesNotStart)
+{
+    auto absent = command({"run", "-c", kConfig, "--", "/tmp/absent"});
+    EXPECT_TRUE(absent.exited(127)) << absent.status;
+    EXPECT_EQ("vrkernel: /tmp/absent: No such file or directory\n", absent.err);
+    EXPECT_TRUE(command({"run", "-c", kConfig, "no-such-program"}).exited(127));
+    auto unfit = command({"run", "-c", kConfig, "--", kConfig});
+    EXPECT_TRUE(unfit.exited(126)) << unfit.status;
+    EXPECT_EQ("vrkernel: " + std::string(kConfig) + ": Permission denied\n", unfit.err);
+}
+
+TEST_F(VrkernelCommand, HelpGoesToStandardOutput)
+{
+    auto wrong = command({});
+    EXPECT_TRUE(wrong.exited(2));
+    EXPECT_EQ("", wrong.out);
+    EXPECT_THAT(wrong.err, StartsWith("usage: vrkernel run "));
+    for (const char *option : {"-h", "--help"}) {
+        auto help = command({option});
+        EXPECT_TRUE(help.exited(0)) << option;
+        EXPECT_THAT(help.out, StartsWith(wrong.err));
+        EXPECT_EQ("", help.err);
+    }
 }
 
 TEST_F(VrkernelCommand, ResetAndAChangedFileStartOver)
@@ -1224,7 +1272,7 @@ TEST_F(VrkernelCommand, RunsAProgramAndWhatItStarts)
     EXPECT_TRUE(result.exited(0)) << result.err;
     EXPECT_EQ("trust\n", result.out);
     EXPECT_TRUE(command({"run", "-c", kConfig, "/bin/sh", "-c", "exit 9"}).exited(9));
-    EXPECT_TRUE(command({"run", "-c", kConfig, "--", "/no/such/program"}).exited(126));
+    EXPECT_TRUE(command({"run", "-c", kConfig, "--", "/no/such/program"}).exited(127));
     EXPECT_EQ("vrkernel: /tmp/none.conf: No such file or directory\n",
               command({"run", "-c", "/tmp/none.conf", "--", "/bin/sh"}).err);
 }

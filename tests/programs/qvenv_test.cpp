@@ -220,10 +220,15 @@ TEST(QvenvTool, Usage)
 
 TEST(QvenvTool, Help)
 {
-    ChildResult help = qvenv({"-h"});
-    EXPECT_TRUE(help.exited(0));
-    EXPECT_THAT(help.out, testing::StartsWith(kUsage));
-    EXPECT_EQ("", help.err);
+    for (const char *option : {"-h", "--help"}) {
+        ChildResult help = qvenv({option});
+        EXPECT_TRUE(help.exited(0)) << option;
+        EXPECT_THAT(help.out, testing::StartsWith(kUsage));
+        EXPECT_EQ("", help.err);
+    }
+    // After the command it is a value.
+    expect(qvenv({"set", "slot", "--help"}), 0, "", "");
+    expect(qvenv({"get", "slot"}), 0, "--help\n", "");
 }
 
 TEST(QvenvTool, ReportsOutputThatCannotBeWritten)
