@@ -43,15 +43,6 @@ const char *string_attribute(Dwarf_Die *die, unsigned name)
     return ::dwarf_formstring(::dwarf_attr_integrate(die, name, &attribute));
 }
 
-std::string function_name(Dwarf_Die *die)
-{
-    for (unsigned name : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name, DW_AT_name}) {
-        if (const char *text = string_attribute(die, name))
-            return demangle(text);
-    }
-    return {};
-}
-
 bool has_code(Dwarf_Die *die)
 {
     return ::dwarf_hasattr(die, DW_AT_low_pc) || ::dwarf_hasattr(die, DW_AT_ranges);
@@ -65,6 +56,111 @@ bool next_sibling(Dwarf_Die *die)
 }
 
 constexpr int kDeepestScope = 256; // what is nested deeper is no program's
+
+// Where a function was declared: its namespace and class are around that entry, not around the one that has its code.
+Dwarf_Die declaration_of(Dwarf_Die die)
+{
+    constexpr int kMostSteps = 4; // from an inlined function to its abstract one, and from there into its class
+    for (int step = 0; step < kMostSteps; step++) {
+        Dwarf_Attribute attribute;
+        Dwarf_Attribute *link = ::dwarf_attr(&die, DW_AT_abstract_origin, &attribute);
+        if (link == nullptr)
+            link = ::dwarf_attr(&die, DW_AT_specification, &attribute);
+        Dwarf_Die target;
+        if (link == nullptr || ::dwarf_formref_die(link, &target) == nullptr)
+            break;
+        die = target;
+    }
+    return die;
+}
+
+// The entries around one in its unit, the outermost first; none if it is not found. An entry's offset lies between
+// those of the entry around it and of that one's next sibling.
+std::vector<Dwarf_Die> scopes_around(Dwarf_Die *entry)
+{
+    std::vector<Dwarf_Die> scopes;
+    Dwarf_Off wanted = ::dwarf_dieoffset(entry);
+    Dwarf_Die scope, die;
+    if (::dwarf_diecu(entry, &scope, nullptr, nullptr) == nullptr)
+        return scopes;
+    for (int depth = 0; depth < kDeepestScope && ::dwarf_child(&scope, &die) == 0; depth++) {
+        Dwarf_Die last = die;
+        while (::dwarf_dieoffset(&die) <= wanted) {
+            last = die;
+            if (!next_sibling(&die))
+                break;
+        }
+        if (::dwarf_dieoffset(&last) == wanted)
+            return scopes;
+        scopes.push_back(last);
+        scope = last;
+    }
+    return {};
+}
+
+// The class of a lambda has no name. Its functions besides operator() are what a pointer to the lambda calls.
+std::string class_name(Dwarf_Die *type, std::string_view function)
+{
+    if (const char *name = string_attribute(type, DW_AT_name))
+        return name;
+    bool is_lambda = function.starts_with("operator()") || function == "_FUN" || function == "__invoke";
+    return is_lambda ? "{lambda}" : "{unnamed}";
+}
+
+std::string function_name(Dwarf_Die *die, int depth = 0);
+
+bool is_class(Dwarf_Die *die)
+{
+    int tag = ::dwarf_tag(die);
+    return tag == DW_TAG_class_type || tag == DW_TAG_structure_type || tag == DW_TAG_union_type;
+}
+
+bool is_external(Dwarf_Die *die)
+{
+    Dwarf_Attribute attribute;
+    bool flag = false;
+    return ::dwarf_formflag(::dwarf_attr_integrate(die, DW_AT_external, &attribute), &flag) == 0 && flag;
+}
+
+// A function's name with the namespaces, classes and functions around it.
+std::string qualified_name(Dwarf_Die *die, const std::string &name, int depth)
+{
+    Dwarf_Die declaration = declaration_of(*die);
+    std::vector<Dwarf_Die> scopes = scopes_around(&declaration);
+    auto is_function = [](Dwarf_Die scope) { return ::dwarf_tag(&scope) == DW_TAG_subprogram; };
+    auto inner = std::find_if(scopes.rbegin(), scopes.rend(), is_function).base(); // after the innermost function
+    std::string text;
+    if (inner != scopes.begin()) {
+        text = function_name(&inner[-1], depth + 1); // whose entry may lie outside of its class
+        text += text.ends_with(')') ? "::" : "()::";
+    }
+    bool is_member = !text.empty();
+    for (auto scope = inner; scope != scopes.end(); ++scope) {
+        const char *space = string_attribute(&*scope, DW_AT_name);
+        if (is_class(&*scope))
+            text += class_name(&*scope, name) + "::";
+        else if (::dwarf_tag(&*scope) == DW_TAG_namespace)
+            text += (space != nullptr ? space : "(anonymous namespace)") + std::string("::");
+        is_member |= is_class(&*scope);
+    }
+    bool is_of_c = !is_member && is_external(die); // other functions with external linkage have a linkage name
+    return is_of_c ? name : text + name;
+}
+
+// Compilers leave out the linkage name of a function that no other file can call, such as a lambda in an anonymous
+// namespace. The plain name alone may be "operator()".
+std::string function_name(Dwarf_Die *die, int depth)
+{
+    constexpr int kDeepestFunction = 8; // functions in classes in functions
+    for (unsigned name : {DW_AT_linkage_name, DW_AT_MIPS_linkage_name}) {
+        if (const char *text = string_attribute(die, name))
+            return demangle(text);
+    }
+    const char *name = string_attribute(die, DW_AT_name);
+    if (name == nullptr)
+        return {};
+    return depth == kDeepestFunction ? name : qualified_name(die, name, depth);
+}
 
 // Adds the functions around an address within a scope, the outermost first; false if there are none. Namespaces and
 // classes have no addresses themselves: clang defines functions in them, where dwarf_getscopes() does not look.
@@ -228,7 +324,7 @@ public:
         std::string symbol = symbol_at(address);
         if (frames.empty() && !symbol.empty())
             frames.emplace_back();
-        if (!frames.empty() && frames.back().function.empty())
+        if (!frames.empty() && (frames.back().function.empty() || is_longer_name(symbol, frames.back().function)))
             frames.back().function = symbol;
         return frames;
     }
@@ -417,6 +513,13 @@ private:
     {
         auto type = GELF_ST_TYPE(symbol.st_info);
         return (type == STT_FUNC || type == STT_GNU_IFUNC) && symbol.st_size != 0 && symbol.st_shndx != SHN_UNDEF;
+    }
+
+    // Debug information that has lines only names functions without their classes and namespaces.
+    static bool is_longer_name(const std::string &symbol, const std::string &function)
+    {
+        return function.find("::") == std::string::npos &&
+               symbol.find("::" + function.substr(0, function.find('<'))) != std::string::npos;
     }
 
     std::string symbol_at(std::uint64_t address)

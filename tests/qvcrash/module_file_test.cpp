@@ -5,6 +5,7 @@
 #include "support/support.h"
 
 #include <chrono>
+#include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>
 #include <random>
@@ -18,7 +19,7 @@ using namespace qvcrash;
 namespace {
 
 // Small, with debug information and symbols.
-const std::string kPlugin = build_dir() + "/tests/failing_plugin.so";
+const std::string kPlugin = build_dir() + "/tests/named_plugin.so";
 
 // Asks everything that an analysis asks.
 void use_file(const std::string &path)
@@ -67,6 +68,38 @@ TEST(ModuleFile, NamesAFunctionAndItsLine)
     EXPECT_FALSE(module->is_function_start(places[0] + 1));
     ASSERT_FALSE(module->look_up(places[0]).empty());
     EXPECT_EQ("plugin_run", module->look_up(places[0])[0].function);
+}
+
+// The functions at a place of the plug-in, the innermost first.
+std::vector<std::string> names_at(int index)
+{
+    void *plugin = ::dlopen(kPlugin.c_str(), RTLD_NOW);
+    auto place_of = reinterpret_cast<const void *(*)(int)>(::dlsym(plugin, "plugin_place"));
+    const void *place = place_of(index);
+    Dl_info loaded;
+    EXPECT_NE(0, ::dladdr(place, &loaded));
+    open_file file(::open(kPlugin.c_str(), O_RDONLY | O_CLOEXEC));
+    std::unique_ptr<module_file> module = module_file::open(std::move(file), "/x", nullptr);
+    auto address = reinterpret_cast<std::uint64_t>(place) - reinterpret_cast<std::uint64_t>(loaded.dli_fbase);
+    std::vector<std::string> names;
+    for (const source_frame &frame : module->look_up(address))
+        names.push_back(frame.function);
+    return names;
+}
+
+// Compilers that give functions of one file no linkage name leave the namespace to the reader.
+TEST(ModuleFile, NamesHaveTheirNamespacesAndClasses)
+{
+    EXPECT_THAT(names_at(0), testing::ElementsAre(testing::StartsWith("plugin::(anonymous namespace)::item::count")));
+    EXPECT_THAT(names_at(1), testing::ElementsAre(testing::StartsWith("plugin::(anonymous namespace)::plain")));
+    EXPECT_THAT(names_at(3), testing::ElementsAre("plugin_run")) << "in a namespace, but of C";
+}
+
+TEST(ModuleFile, LambdasHaveTheFunctionAroundThem)
+{
+    std::vector<std::string> names = names_at(2);
+    ASSERT_FALSE(names.empty());
+    EXPECT_THAT(names, testing::Each(testing::StartsWith("plugin::(anonymous namespace)::lambda_of_function()::")));
 }
 
 TEST(ModuleFile, CutFiles)
