@@ -14,6 +14,11 @@ if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE AND LIBCOMMON_MALLOC_HOOK
     endforeach()
 endif()
 
+# Headers, guides and programs are in the lists that name them all.
+if(NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
+    add_test(NAME docs.listed COMMAND ${CMAKE_CURRENT_LIST_DIR}/listed ${PROJECT_SOURCE_DIR})
+endif()
+
 # The reference has no gap, and man finds its pages.
 find_program(doxygen doxygen)
 if(doxygen AND NOT CMAKE_CROSSCOMPILING AND NOT LIBCOMMON_SANITIZE)
