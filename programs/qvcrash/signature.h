@@ -23,7 +23,7 @@ public:
     explicit signature_maker(std::size_t frames = kDefaultSignatureFrames);
 
     /**
-     * Adds functions and modules to skip: one on a line, a module as "module:NAME", where a last '*' stands for any
+     * Adds functions and modules to skip: one on a line, a module as "module:NAME", where a last '*' matches any
      * ending. Empty lines and lines that begin with '#' are left out.
      */
     void skip(std::string_view list);
@@ -34,7 +34,7 @@ public:
      * Recursion counts as its cycle of functions, which "| recursion" follows and ends the signature: the same for
      * every depth, for every function of the cycle in which the walk begins, and for a walk that ends within it. The
      * cycle begins with the function whose name sorts first. The callers below it are not in the walk of a deep one.
-     * A failed assertion and misuse of an object cache stand before the frames. Where the walk has no usable frame,
+     * A failed assertion and misuse of an object cache come before the frames. Where the walk has no usable frame,
      * what was found on the stack is used; a log without either is "SIGSEGV unattributable".
      */
     std::string operator()(const crash_log &log) const;

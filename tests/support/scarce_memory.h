@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory that runs out when a test says so. Only one source of a test program may include this: it stands in the places
-// of malloc and calloc.
+// Memory that runs out when a test says so. Only one source of a test program may include this: it defines malloc
+// and calloc.
 #pragma once
 
 #include "support/next_function.h"
