@@ -52,6 +52,10 @@ private:
             read_module(text, true);
         else if (text.skip("found  : "))
             read_found(text, &details_.found);
+        else if (text.skip("self   : "))
+            read_self(text);
+        else if (text.skip("note   : "))
+            read_note(text);
         else
             return false;
         return true;
@@ -63,10 +67,6 @@ private:
             read_signal(text);
         else if (text.skip("time   : "))
             read_into(&text, &details_.time);
-        else if (text.skip("self   : "))
-            read_self(text);
-        else if (text.skip("note   : "))
-            read_note(text);
         else if (text.skip("arg0   : "))
             read_into(&text, &details_.first_argument, 16);
         else if (text.skip("range  : "))

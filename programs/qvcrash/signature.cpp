@@ -151,6 +151,48 @@ std::string stated_cause(const crash_log &log)
     return assertion.empty() ? std::string() : "assertion \"" + std::string(assertion) + "\": ";
 }
 
+// Above main() the stack holds arguments and pointers to functions, and the walk may follow them. The call in main()
+// lies in it; a pointer to it is its start.
+bool is_outermost(const code_reference &code)
+{
+    return (code.symbol == "main" && code.offset != 0) || code.symbol == "__libc_start_main";
+}
+
+std::vector<const code_reference *> frames_of(const crash_log &log)
+{
+    std::vector<const code_reference *> frames;
+    frames.reserve(log.frames.size());
+    for (const logged_frame &frame : log.frames) {
+        frames.push_back(&frame.code);
+        if (is_outermost(frame.code))
+            break;
+    }
+    return frames;
+}
+
+// What qv::note_uncaught_exceptions() leaves.
+bool has_noted_exception(const crash_log &log)
+{
+    if (!log.details)
+        return false;
+    const auto &notes = log.details->notes;
+    return std::any_of(notes.begin(), notes.end(), [&](const auto &note) {
+        return note.first == log.details->tid &&
+               (note.second.starts_with("uncaught ") || note.second == "std::terminate() without an exception");
+    });
+}
+
+// The terminate handler calls abort() last, so its return address lies after it and the log may not name it. It is
+// what the C++ library calls.
+void remove_terminate_handler(std::vector<const code_reference *> *frames)
+{
+    auto library = std::find_if(frames->begin(), frames->end(), [](const code_reference *code) {
+        return last_component(code->file).starts_with("libstdc++.so");
+    });
+    if (library != frames->end())
+        frames->erase(frames->begin(), library);
+}
+
 bool has_prefix(std::string_view text, const std::vector<std::string> &prefixes)
 {
     return std::any_of(prefixes.begin(), prefixes.end(), [text](const std::string &p) { return text.starts_with(p); });
@@ -262,10 +304,9 @@ std::string signature_maker::operator()(const crash_log &log) const
     // The cache ends the process on purpose; the bug is the caller's, and another one than a bad access there.
     if (cause.empty() && has_function(log, "mcache_error"))
         cause = has_function(log, "mcache_free") ? "object cache misuse at free: " : "object cache misuse: ";
-    std::vector<const code_reference *> frames;
-    frames.reserve(log.frames.size());
-    for (const logged_frame &frame : log.frames)
-        frames.push_back(&frame.code);
+    std::vector<const code_reference *> frames = frames_of(log);
+    if (has_noted_exception(log))
+        remove_terminate_handler(&frames);
     std::string names = join(log, frames);
     if (names.empty() && log.details) {
         std::vector<code_reference> found;

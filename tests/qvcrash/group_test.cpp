@@ -109,6 +109,37 @@ TEST(CrashSignature, AFunctionsStartIsNotItsOwnFrame)
     EXPECT_EQ("SIGABRT routed+0x3010@01234567 | routed!main", signature_maker()(log));
 }
 
+// Its return address lies after it, and would be another one in each build.
+TEST(CrashSignature, ATerminateHandlerWithoutANameIsNotTheBug)
+{
+    std::string frames = "\t<0x10> -> /lib/libc.so.6(abort+0xd3) [0x20]\n"
+                         "\t<0x20> -> /usr/sbin/routed(+0x3010) [0x403010]\n"
+                         "\t<0x30> -> /lib/libstdc++.so.6(+0xa8e1a) [0x90000]\n"
+                         "\t<0x40> -> /usr/sbin/routed(handle+0x10) [0x404000]\n";
+    std::string self = "self   : pid 7 tid 7 name routed\n";
+    auto signature = [&](const std::string &note) {
+        return signature_maker()(log_with_details(6, frames, self + note + kRoutedModule));
+    };
+    EXPECT_EQ("SIGABRT routed!handle", signature("note   : 7 uncaught std::bad_alloc: std::bad_alloc\n"));
+    EXPECT_EQ("SIGABRT routed!handle", signature("note   : 7 std::terminate() without an exception\n"));
+    std::string other = "SIGABRT routed+0x3010@01234567 | routed!handle";
+    EXPECT_EQ(other, signature("note   : 8 uncaught std::bad_alloc: std::bad_alloc\n")) << "another thread's";
+    EXPECT_EQ(other, signature("")) << "a thread that the C++ library started may call abort()";
+}
+
+// The walk follows pointers to main() there.
+TEST(CrashSignature, NothingIsAboveTheOutermostFunction)
+{
+    std::string expected = signature_of(11, {"/r(f+0x1) [0x1]", "/r(main+0x10) [0x20]"});
+    EXPECT_EQ("SIGSEGV r!f | r!main", expected);
+    EXPECT_EQ(expected, signature_of(11, {"/r(f+0x1) [0x1]", "/r(main+0x10) [0x20]", "/libc.so.6(+0x2724a) [0x99]",
+                                          "/r(main+0) [0x10]", "/libc.so.6(__libc_start_main+0x85) [0x98]",
+                                          "/r(main+0) [0x10]"}));
+    EXPECT_EQ("SIGSEGV r+0x1 | r+0x20 | r+0x10",
+              signature_of(11, {"/r(+0x1) [0x1]", "/r(+0x20) [0x20]", "/libc.so.6(+0x2724a) [0x99]", "/r(+0x10) [0x10]",
+                                "/libc.so.6(__libc_start_main+0x85) [0x98]", "/r(+0x10) [0x10]"}));
+}
+
 TEST(CrashSignature, AProgramThatWasReplacedWhileItRanIsTheSame)
 {
     crash_log log =
