@@ -51,7 +51,7 @@ json head_json(const char *format, const process_sample &sample)
             {"name", sample.process->name()},
             {"library", sample.process->library()},
             {"version", sample.process->record().library_version()},
-            {"trace", trace_word(sample.hooks)},
+            {"trace", describe_trace(sample.hooks).word},
             {"heap", std::move(heap)}};
 }
 

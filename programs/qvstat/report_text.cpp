@@ -28,31 +28,13 @@ std::string rate_text(const std::optional<double> &rate)
     return text;
 }
 
-// What the trace words mean.
-const char *trace_sentence(const hook_state &hooks)
-{
-    switch (hooks.trace) {
-    case trace_state::none:
-        return "no hooks are installed: nothing is counted";
-    case trace_state::light:
-        return hooks.counts ? "light statistics" : "the process has another allocator, which the library does not see";
-    case trace_state::full:
-        return "full tracing; the light statistics do not change meanwhile";
-    case trace_state::file:
-        return hooks.is_fully_traced ? "full tracing below a trace file" : "a trace file is being written";
-    case trace_state::host:
-        return "the host's hooks are installed: light statistics may not be complete";
-    }
-    return "";
-}
-
 void append_heap(std::string *text, const process_sample &sample)
 {
     const heap_statistics &heap = sample.heap;
     append(text, "heap     %s in %llu blocks, %s allocations/s, %s frees/s, %u failures\n",
            short_bytes(heap.bytes).c_str(), ull{heap.blocks}, rate_text(sample.alloc_rate).c_str(),
            rate_text(sample.free_rate).c_str(), heap.calls.failures);
-    append(text, "trace    %s\n", trace_sentence(sample.hooks));
+    append(text, "trace    %s\n", describe_trace(sample.hooks).sentence);
     const tracing_counts &full = sample.tracing;
     if (full.has_table)
         append(text, "records  %u live blocks of %u bytes; %u allocations, %u frees, %u reallocations recorded\n",
@@ -134,7 +116,7 @@ std::string list_text(const machine_sample &machine)
         append(&text, "%7d %-15s %8s %10llu %9s %9s %8u %7zu %9llu %s\n", sample.process->process(),
                sample.process->name().c_str(), short_bytes(sample.heap.bytes).c_str(), ull{sample.heap.blocks},
                rate_text(sample.alloc_rate).c_str(), rate_text(sample.free_rate).c_str(), sample.heap.calls.failures,
-               sample.caches.size(), ull{sample.objects()}, trace_word(sample.hooks));
+               sample.caches.size(), ull{sample.objects()}, describe_trace(sample.hooks).word);
     return text;
 }
 

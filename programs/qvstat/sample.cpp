@@ -102,21 +102,25 @@ void set_rates(machine_sample *now, const machine_sample &before)
     }
 }
 
-const char *trace_word(const hook_state &hooks)
+trace_description describe_trace(const hook_state &hooks)
 {
     switch (hooks.trace) {
     case trace_state::none:
-        return "off";
+        return {"off", "no hooks are installed: nothing is counted"};
     case trace_state::light:
-        return hooks.counts ? "light" : "off";
+        if (!hooks.counts)
+            return {"off", "the process has another allocator, which the library does not see"};
+        return {"light", "light statistics"};
     case trace_state::full:
-        return "full";
+        return {"full", "full tracing; the light statistics do not change meanwhile"};
     case trace_state::file:
-        return hooks.is_fully_traced ? "file+full" : "file";
+        if (hooks.is_fully_traced)
+            return {"file+full", "full tracing below a trace file"};
+        return {"file", "a trace file is being written"};
     case trace_state::host:
-        return "host";
+        return {"host", "the host's hooks are installed: light statistics may not be complete"};
     }
-    return "";
+    return {"", ""};
 }
 
 } // namespace qvstat

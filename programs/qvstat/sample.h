@@ -47,8 +47,13 @@ machine_sample read_machine();
 /** Sets the rates from an earlier round. */
 void set_rates(machine_sample *now, const machine_sample &before);
 
-/** What traces the process: "light", "full", "file", "file+full", "host", "off". */
-const char *trace_word(const hook_state &hooks);
+// What traces a process.
+struct trace_description {
+    const char *word; // "light", "full", "file", "file+full", "host" or "off"
+    const char *sentence;
+};
+
+trace_description describe_trace(const hook_state &hooks);
 
 } // namespace qvstat
 
