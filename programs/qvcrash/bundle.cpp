@@ -22,6 +22,8 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -121,9 +123,8 @@ public:
     {
         add("modules.txt", modules_text());
         add("manifest.json", manifest().dump(2, ' ', false, json::error_handler_t::replace) + '\n');
-        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        open_file file(fd);
-        if (fd < 0 || !write_archive(fd)) {
+        base::unique_fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (!file || !write_archive(file.get())) {
             problem(path + ": " + std::strerror(errno));
             return;
         }
@@ -138,7 +139,7 @@ private:
 
     bool read(const root_folder &folder, const std::string &name, std::string *text, links allowed = links::inside)
     {
-        open_file file = folder.open(name, allowed);
+        base::unique_fd file = folder.open(name, allowed);
         return file && read_all(file, kMaxFileSize, text);
     }
 
@@ -195,7 +196,7 @@ private:
 
     void collect_console()
     {
-        open_file file = root_folder("/etc").open("consolelog", links::none);
+        base::unique_fd file = root_folder("/etc").open("consolelog", links::none);
         struct stat status;
         std::string text;
         if (!file || ::fstat(file.get(), &status) != 0)
@@ -230,7 +231,7 @@ private:
             if (slash == std::string_view::npos || line.find(" r-xp ") == std::string_view::npos)
                 continue;
             std::string path(line.substr(slash));
-            open_file file = root.open(path);
+            base::unique_fd file = root.open(path);
             modules_.emplace(path, file ? build_id_of(file) : std::string());
         }
     }

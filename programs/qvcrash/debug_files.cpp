@@ -6,13 +6,15 @@
 #include <unistd.h>
 #include <zlib.h>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
 constexpr char kDebugRoot[] = "/usr/lib/debug";
 constexpr std::size_t kIdFolderDigits = 2;
 
-std::uint32_t check_sum(const open_file &file)
+std::uint32_t check_sum(const base::unique_fd &file)
 {
     unsigned char block[65536];
     uLong sum = ::crc32(0, nullptr, 0);
@@ -25,7 +27,7 @@ std::uint32_t check_sum(const open_file &file)
     return static_cast<std::uint32_t>(sum);
 }
 
-bool is_wanted(const open_file &file, const debug_request &request)
+bool is_wanted(const base::unique_fd &file, const debug_request &request)
 {
     if (!request.build_id.empty())
         return build_id_of(file) == request.build_id;
@@ -80,15 +82,16 @@ std::vector<std::string> places_in_folder(const debug_request &request)
     return places;
 }
 
-open_file first_wanted(const root_folder &root, const std::vector<std::string> &places, const debug_request &request)
+base::unique_fd first_wanted(const root_folder &root, const std::vector<std::string> &places,
+                             const debug_request &request)
 {
     for (const std::string &place : places) {
         // The module itself has the right build id too, and would be taken for its own debug file.
-        open_file file = place == request.module_path ? open_file() : root.open(place);
+        base::unique_fd file = place == request.module_path ? base::unique_fd() : root.open(place);
         if (file && is_wanted(file, request))
             return file;
     }
-    return open_file();
+    return base::unique_fd();
 }
 
 } // namespace
@@ -107,25 +110,25 @@ debug_files::~debug_files()
         ::debuginfod_end(servers_);
 }
 
-open_file debug_files::find(const debug_request &request)
+base::unique_fd debug_files::find(const debug_request &request)
 {
     for (const root_folder &folder : folders_) {
-        if (open_file file = first_wanted(folder, places_in_folder(request), request))
+        if (base::unique_fd file = first_wanted(folder, places_in_folder(request), request))
             return file;
     }
     for (const root_folder &root : roots_) {
-        if (open_file file = first_wanted(root, places_in_root(request), request))
+        if (base::unique_fd file = first_wanted(root, places_in_root(request), request))
             return file;
     }
     return find_at_servers(request.build_id);
 }
 
-open_file debug_files::find_at_servers(const std::string &build_id)
+base::unique_fd debug_files::find_at_servers(const std::string &build_id)
 {
     if (servers_ == nullptr || build_id.empty())
-        return open_file();
+        return base::unique_fd();
     // A length of 0 says that the id is given in hexadecimal.
-    return open_file(
+    return base::unique_fd(
         ::debuginfod_find_debuginfo(servers_, reinterpret_cast<const unsigned char *>(build_id.c_str()), 0, nullptr));
 }
 

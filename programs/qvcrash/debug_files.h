@@ -24,10 +24,10 @@ public:
     debug_files(const debug_files &) = delete;
     debug_files &operator=(const debug_files &) = delete;
 
-    open_file find(const debug_request &request) override;
+    qv::base::unique_fd find(const debug_request &request) override;
 
 private:
-    open_file find_at_servers(const std::string &build_id);
+    qv::base::unique_fd find_at_servers(const std::string &build_id);
 
     const std::vector<root_folder> &roots_;
     const std::vector<root_folder> &folders_;

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -136,7 +138,7 @@ std::string decompress(std::string_view compressed, bool is_cut, text_buffer *te
 std::string log_file_reader::read(const std::string &path, const visitor &visit)
 {
     int wait = allowed_ == pipes::read ? 0 : O_NONBLOCK;
-    open_file file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | wait));
+    base::unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | wait));
     struct stat status;
     if (!file || ::fstat(file.get(), &status) != 0)
         return std::strerror(errno);

@@ -24,6 +24,7 @@
 
 namespace {
 
+using namespace qv;
 using namespace qvcrash;
 using qv::programs::has_capability;
 using qv::programs::keep_capabilities;
@@ -127,7 +128,7 @@ private:
 
 bool write_file(const std::string &path, const std::string &content)
 {
-    open_file file = open_output(path);
+    base::unique_fd file = open_output(path);
     std::size_t done = 0;
     while (file && done < content.size()) {
         ssize_t size = ::write(file.get(), content.data() + done, content.size() - done);
@@ -148,7 +149,7 @@ int group(const group_options &options)
 {
     signature_maker make_signature(options.frames);
     if (!options.skip_list.empty()) {
-        open_file file(::open(options.skip_list.c_str(), O_RDONLY | O_CLOEXEC));
+        base::unique_fd file(::open(options.skip_list.c_str(), O_RDONLY | O_CLOEXEC));
         std::string list;
         if (!file || !read_all(file, kMaxLogSize, &list)) {
             complain(options.skip_list + ": " + std::strerror(errno));

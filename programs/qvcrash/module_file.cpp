@@ -15,6 +15,8 @@
 #include <unistd.h>
 #include <unordered_map>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -285,7 +287,7 @@ public:
     dwfl_module(const dwfl_module &) = delete;
     dwfl_module &operator=(const dwfl_module &) = delete;
 
-    bool load(open_file file)
+    bool load(base::unique_fd file)
     {
         session_ = ::dwfl_begin(&kCallbacks);
         if (session_ == nullptr)
@@ -564,7 +566,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<module_file> module_file::open(open_file file, const std::string &path, debug_finder *finder)
+std::unique_ptr<module_file> module_file::open(base::unique_fd file, const std::string &path, debug_finder *finder)
 {
     auto result = std::make_unique<dwfl_module>(path, finder);
     if (!result->load(std::move(file)))
@@ -572,7 +574,7 @@ std::unique_ptr<module_file> module_file::open(open_file file, const std::string
     return result;
 }
 
-std::string build_id_of(const open_file &file)
+std::string build_id_of(const base::unique_fd &file)
 {
     ::elf_version(EV_CURRENT);
     Elf *elf = ::elf_begin(file.get(), ELF_C_READ_MMAP, nullptr);

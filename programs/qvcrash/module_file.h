@@ -6,8 +6,8 @@
 #ifndef QVCRASH_MODULE_FILE_H
 #define QVCRASH_MODULE_FILE_H
 
+#include "base/unique_fd.h"
 #include "crash_log.h"
-#include "root_folder.h"
 
 #include <cstdint>
 #include <memory>
@@ -38,7 +38,7 @@ public:
     virtual ~debug_finder() = default;
 
     /** Opens the separate debug file; an empty handle when there is none. */
-    virtual open_file find(const debug_request &request) = 0;
+    virtual qv::base::unique_fd find(const debug_request &request) = 0;
 };
 
 class module_file {
@@ -49,7 +49,7 @@ public:
      * @param finder  asked for separate debug files; outlives the result
      * @return null when it is no ELF file
      */
-    static std::unique_ptr<module_file> open(open_file file, const std::string &path, debug_finder *finder);
+    static std::unique_ptr<module_file> open(qv::base::unique_fd file, const std::string &path, debug_finder *finder);
 
     virtual ~module_file() = default;
 
@@ -87,7 +87,7 @@ public:
 };
 
 /** The build id of an open ELF file in hexadecimal; empty when there is none. */
-std::string build_id_of(const open_file &file);
+std::string build_id_of(const qv::base::unique_fd &file);
 
 } // namespace qvcrash
 

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -25,27 +27,27 @@ bool belongs_here(const struct stat &file, const struct stat &folder)
 
 } // namespace
 
-open_file open_output(const std::string &path)
+base::unique_fd open_output(const std::string &path)
 {
     std::size_t slash = path.rfind('/');
     std::string folder_path = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     std::string name = path.substr(slash + 1);
-    open_file folder(::open(folder_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    base::unique_fd folder(::open(folder_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat where, status;
     if (!folder || ::fstat(folder.get(), &where) != 0)
-        return open_file();
+        return base::unique_fd();
     constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC;
     if (!is_shared(where))
-        return open_file(::openat(folder.get(), name.c_str(), kFlags | O_TRUNC, kMode));
+        return base::unique_fd(::openat(folder.get(), name.c_str(), kFlags | O_TRUNC, kMode));
     // Not O_TRUNC: the file is emptied only when it is known. A pipe would wait for its reader.
-    open_file file(::openat(folder.get(), name.c_str(), kFlags | O_NOFOLLOW | O_NONBLOCK, kMode));
+    base::unique_fd file(::openat(folder.get(), name.c_str(), kFlags | O_NOFOLLOW | O_NONBLOCK, kMode));
     if (!file || ::fstat(file.get(), &status) != 0)
-        return open_file();
+        return base::unique_fd();
     if (!belongs_here(status, where)) {
         errno = EPERM;
-        return open_file();
+        return base::unique_fd();
     }
-    return ::ftruncate(file.get(), 0) == 0 ? std::move(file) : open_file();
+    return ::ftruncate(file.get(), 0) == 0 ? std::move(file) : base::unique_fd();
 }
 
 } // namespace qvcrash

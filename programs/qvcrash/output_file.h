@@ -3,7 +3,7 @@
 #ifndef QVCRASH_OUTPUT_FILE_H
 #define QVCRASH_OUTPUT_FILE_H
 
-#include "root_folder.h"
+#include "base/unique_fd.h"
 
 #include <string>
 
@@ -15,7 +15,7 @@ namespace qvcrash {
  * there may lead to anything that the caller may write.
  * @return an empty handle with errno set if it cannot be opened; ELOOP for a symbolic link, EPERM for another's file
  */
-open_file open_output(const std::string &path);
+qv::base::unique_fd open_output(const std::string &path);
 
 } // namespace qvcrash
 

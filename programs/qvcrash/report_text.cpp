@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <ctime>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -148,7 +150,7 @@ private:
     bool read_source(const std::string &path, std::string *content) const
     {
         return std::any_of(sources_.roots->begin(), sources_.roots->end(), [&](const root_folder &root) {
-            open_file file = root.open(path);
+            base::unique_fd file = root.open(path);
             return file && read_all(file, kMaxSourceSize, content);
         });
     }

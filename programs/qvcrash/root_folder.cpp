@@ -11,6 +11,8 @@
 #include <unistd.h>
 #include <utility>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -25,12 +27,12 @@ int open_in_root(int folder, const char *path, std::uint64_t flags, std::uint64_
 }
 
 // Non-blocking, since a hostile image may hold a FIFO in a file's place.
-open_file open_regular(int folder, const std::string &path, std::uint64_t resolve)
+base::unique_fd open_regular(int folder, const std::string &path, std::uint64_t resolve)
 {
-    open_file file(open_in_root(folder, path.c_str(), O_RDONLY | O_NONBLOCK, resolve));
+    base::unique_fd file(open_in_root(folder, path.c_str(), O_RDONLY | O_NONBLOCK, resolve));
     struct stat status;
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return open_file();
+        return base::unique_fd();
     return file;
 }
 
@@ -43,7 +45,7 @@ struct folder_entry {
 template <typename Visit>
 void for_each_entry(int root, const std::string &path, Visit visit)
 {
-    open_file folder(open_in_root(root, path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY));
+    base::unique_fd folder(open_in_root(root, path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY));
     if (!folder)
         return;
     DIR *stream = ::fdopendir(folder.get());
@@ -62,28 +64,11 @@ void for_each_entry(int root, const std::string &path, Visit visit)
 
 } // namespace
 
-open_file::~open_file()
-{
-    if (fd_ >= 0)
-        ::close(fd_);
-}
-
-open_file &open_file::operator=(open_file &&other) noexcept
-{
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
-int open_file::release()
-{
-    return std::exchange(fd_, -1);
-}
-
 root_folder::root_folder(std::string path)
     : path_(std::move(path)), folder_(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
 {}
 
-open_file root_folder::open(std::string_view path, links allowed) const
+base::unique_fd root_folder::open(std::string_view path, links allowed) const
 {
     return open_regular(folder_.get(), std::string(path), allowed == links::none ? RESOLVE_NO_SYMLINKS : 0);
 }
@@ -99,7 +84,7 @@ std::string root_folder::display(std::string_view path) const
 }
 
 std::string root_folder::find(std::string_view name,
-                              const std::function<bool(const std::string &, const open_file &)> &accepts) const
+                              const std::function<bool(const std::string &, const base::unique_fd &)> &accepts) const
 {
     std::deque<std::string> waiting = {""};
     std::string found;
@@ -112,7 +97,7 @@ std::string root_folder::find(std::string_view name,
             if (entry.is_folder) {
                 waiting.push_back(std::move(path));
             } else if (entry.name == name) {
-                open_file file = open(path);
+                base::unique_fd file = open(path);
                 if (file && accepts(path, file))
                     found = '/' + path;
             }
@@ -122,7 +107,7 @@ std::string root_folder::find(std::string_view name,
     return found;
 }
 
-bool read_all(const open_file &file, std::size_t limit, std::string *content)
+bool read_all(const base::unique_fd &file, std::size_t limit, std::string *content)
 {
     constexpr std::size_t kStep = 65536;
     content->clear();

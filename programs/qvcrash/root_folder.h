@@ -6,27 +6,13 @@
 #ifndef QVCRASH_ROOT_FOLDER_H
 #define QVCRASH_ROOT_FOLDER_H
 
+#include "base/unique_fd.h"
+
 #include <functional>
 #include <string>
 #include <string_view>
 
 namespace qvcrash {
-
-// Owns one file descriptor.
-class open_file {
-public:
-    explicit open_file(int fd = -1) : fd_(fd) {}
-    ~open_file();
-    open_file(open_file &&other) noexcept : fd_(other.release()) {}
-    open_file &operator=(open_file &&other) noexcept;
-
-    explicit operator bool() const { return fd_ >= 0; }
-    int get() const { return fd_; }
-    int release();
-
-private:
-    int fd_;
-};
 
 class root_folder {
 public:
@@ -42,7 +28,7 @@ public:
     enum class links { inside, none };
 
     /** Opens a regular file for reading; an empty handle when there is none. */
-    open_file open(std::string_view path, links allowed = links::inside) const;
+    qv::base::unique_fd open(std::string_view path, links allowed = links::inside) const;
 
     /** Where a path of the other machine lies on this one, for messages. */
     std::string display(std::string_view path) const;
@@ -53,15 +39,15 @@ public:
      * @return its path below the root, or an empty text. At most 100,000 entries are read.
      */
     std::string find(std::string_view name,
-                     const std::function<bool(const std::string &, const open_file &)> &accepts) const;
+                     const std::function<bool(const std::string &, const qv::base::unique_fd &)> &accepts) const;
 
 private:
     std::string path_;
-    open_file folder_;
+    qv::base::unique_fd folder_;
 };
 
 /** Reads a whole file, at most `limit` bytes of it. False when it cannot be read. */
-bool read_all(const open_file &file, std::size_t limit, std::string *content);
+bool read_all(const qv::base::unique_fd &file, std::size_t limit, std::string *content);
 
 } // namespace qvcrash
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+using namespace qv;
+
 namespace qvcrash {
 namespace {
 
@@ -144,7 +146,7 @@ symbolizer::symbolizer(const symbol_options &options) : is_own_machine_(options.
 
 symbolizer::opened symbolizer::try_open(const root_folder &root, const std::string &path)
 {
-    open_file file = root.open(path);
+    base::unique_fd file = root.open(path);
     if (!file)
         return {};
     opened result;
@@ -171,7 +173,7 @@ symbolizer::opened symbolizer::search(const std::string &path, const std::string
             if (is_own_machine_)
                 continue; // a whole machine is too much to search
             opened result;
-            root.find(name, [&](const std::string &candidate, const open_file &) {
+            root.find(name, [&](const std::string &candidate, const base::unique_fd &) {
                 result = try_open(root, '/' + candidate);
                 return result.file != nullptr;
             });
@@ -225,7 +227,7 @@ const symbolizer::opened &symbolizer::open_by_build_id(const detailed_module &li
         return found->second;
     opened result;
     std::string path(without_deleted_mark(listed.path));
-    if (open_file file = debug_->find({listed.build_id, {}, 0, path})) {
+    if (base::unique_fd file = debug_->find({listed.build_id, {}, 0, path})) {
         result.found_path = "the debug file of build " + listed.build_id;
         result.file = module_file::open(std::move(file), path, debug_.get());
     }

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+using namespace qv;
+
 namespace qvstat {
 namespace {
 
@@ -38,7 +40,7 @@ code_places::code_places(const target &process, const std::vector<std::string> &
 std::unique_ptr<qvcrash::module_file> code_places::open(const mapping &where)
 {
     for (const qvcrash::root_folder &root : roots_) {
-        qvcrash::open_file file = root.open(where.path);
+        base::unique_fd file = root.open(where.path);
         struct stat status = {};
         // A file that was replaced since has another inode.
         if (file && ::fstat(file.get(), &status) == 0 && status.st_ino == where.inode)

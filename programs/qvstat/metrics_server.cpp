@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "metrics_server.h"
 
+#include "base/unique_fd.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -10,7 +12,8 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
-#include <unistd.h>
+
+using namespace qv;
 
 namespace qvstat {
 namespace {
@@ -19,26 +22,9 @@ constexpr const char *kDefaultHost = "127.0.0.1";
 constexpr const char *kPath = "/metrics";
 constexpr std::size_t kMaxRequest = 8192;
 constexpr int kBacklog = 16;
-// For a whole request or answer: a client that stalls must not keep others waiting.
+// For a whole request, and then for a whole answer: clients are served one after another, so this limits how long one
+// that stalls delays the others.
 constexpr std::chrono::seconds kPatience{3};
-
-class socket_handle {
-public:
-    explicit socket_handle(int fd) : fd_(fd) {}
-    ~socket_handle()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    socket_handle(const socket_handle &) = delete;
-    socket_handle &operator=(const socket_handle &) = delete;
-
-    explicit operator bool() const { return fd_ >= 0; }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct host_and_port {
     std::string host = kDefaultHost;
@@ -62,7 +48,7 @@ host_and_port split(const std::string &address)
     return result;
 }
 
-int open_listener(const host_and_port &where, std::string *error)
+base::unique_fd open_listener(const host_and_port &where, std::string *error)
 {
     addrinfo hints = {};
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
@@ -70,18 +56,16 @@ int open_listener(const host_and_port &where, std::string *error)
     addrinfo *found = nullptr;
     if (int status = ::getaddrinfo(where.host.c_str(), where.port.c_str(), &hints, &found); status != 0) {
         *error = ::gai_strerror(status);
-        return -1;
+        return {};
     }
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, ::freeaddrinfo);
-    int fd = ::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol);
+    base::unique_fd listener(::socket(found->ai_family, found->ai_socktype | SOCK_CLOEXEC, found->ai_protocol));
     int yes = 1;
-    if (fd >= 0 && ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
-        ::bind(fd, found->ai_addr, found->ai_addrlen) == 0 && ::listen(fd, kBacklog) == 0)
-        return fd;
+    if (listener && ::setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes) == 0 &&
+        ::bind(listener.get(), found->ai_addr, found->ai_addrlen) == 0 && ::listen(listener.get(), kBacklog) == 0)
+        return listener;
     *error = std::strerror(errno);
-    if (fd >= 0)
-        ::close(fd);
-    return -1;
+    return {};
 }
 
 std::string url_of(int listener, const host_and_port &where)
@@ -155,12 +139,12 @@ std::string serve_metrics(const std::string &address, const std::function<void(c
 {
     std::string error;
     host_and_port where = split(address);
-    socket_handle listener(open_listener(where, &error));
+    base::unique_fd listener = open_listener(where, &error);
     if (!listener)
         return address + ": " + error;
     is_ready(url_of(listener.get(), where));
     for (;;) {
-        socket_handle client(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        base::unique_fd client(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (!client) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;

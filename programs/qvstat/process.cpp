@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process.h"
 
+#include "base/unique_fd.h"
 #include "elf_image.h"
 #include "libcommon_inspect.h"
 
@@ -12,6 +13,8 @@
 #include <filesystem>
 #include <unistd.h>
 
+using namespace qv;
+
 namespace qvstat {
 namespace {
 
@@ -20,16 +23,13 @@ constexpr std::size_t kMaxFile = 64 << 20; // bytes of a file below /proc
 // False with errno set when the file cannot be read.
 bool read_whole(const std::string &path, std::string *text)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    base::unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file)
         return false;
     char part[16384];
     ssize_t size;
-    while ((size = ::read(fd, part, sizeof part)) > 0 && text->size() < kMaxFile)
+    while ((size = ::read(file.get(), part, sizeof part)) > 0 && text->size() < kMaxFile)
         text->append(part, static_cast<std::size_t>(size));
-    int error = errno;
-    ::close(fd);
-    errno = error;
     return size >= 0;
 }
 

@@ -15,6 +15,7 @@
 
 using namespace support;
 using namespace qvcrash;
+using namespace qv;
 
 namespace {
 
@@ -24,7 +25,7 @@ const std::string kPlugin = build_dir() + "/tests/named_plugin.so";
 // Asks everything that an analysis asks.
 void use_file(const std::string &path)
 {
-    open_file file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    base::unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     build_id_of(file);
     std::unique_ptr<module_file> module = module_file::open(std::move(file), "/x", nullptr);
     if (module == nullptr)
@@ -59,7 +60,7 @@ int status_of(const std::function<void()> &work)
 
 TEST(ModuleFile, NamesAFunctionAndItsLine)
 {
-    open_file file(::open(kPlugin.c_str(), O_RDONLY | O_CLOEXEC));
+    base::unique_fd file(::open(kPlugin.c_str(), O_RDONLY | O_CLOEXEC));
     std::unique_ptr<module_file> module = module_file::open(std::move(file), "/x", nullptr);
     ASSERT_NE(nullptr, module);
     std::vector<std::uint64_t> places = module->symbol_addresses("plugin_run");
@@ -78,7 +79,7 @@ std::vector<std::string> names_at(int index)
     const void *place = place_of(index);
     Dl_info loaded;
     EXPECT_NE(0, ::dladdr(place, &loaded));
-    open_file file(::open(kPlugin.c_str(), O_RDONLY | O_CLOEXEC));
+    base::unique_fd file(::open(kPlugin.c_str(), O_RDONLY | O_CLOEXEC));
     std::unique_ptr<module_file> module = module_file::open(std::move(file), "/x", nullptr);
     auto address = reinterpret_cast<std::uint64_t>(place) - reinterpret_cast<std::uint64_t>(loaded.dli_fbase);
     std::vector<std::string> names;
