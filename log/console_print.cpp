@@ -9,7 +9,6 @@
 #include "signal_printf.h"
 #include "time/local_time.h"
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -11,7 +11,6 @@
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
-#include <type_traits>
 
 using namespace qv;
 

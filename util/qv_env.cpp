@@ -6,7 +6,6 @@
 #include "base/unique_fd.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
