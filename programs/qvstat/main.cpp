@@ -3,6 +3,7 @@
 // statuses.
 #include "control.h"
 #include "metrics_server.h"
+#include "printable.h"
 #include "programs/privileges.h"
 #include "report.h"
 #include "sample.h"
@@ -52,7 +53,7 @@ void print(const std::string &text)
 
 void complain(const std::string &text)
 {
-    std::fprintf(stderr, "qvstat: %s\n", text.c_str());
+    std::fprintf(stderr, "qvstat: %s\n", qvcrash::printable(text).c_str());
 }
 
 void wait(double seconds)

@@ -1,22 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "printable.h"
 #include "report.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <vector>
 
 namespace qvstat {
 namespace {
 
 using ull = unsigned long long;
 
+using qvcrash::printable;
+
 [[gnu::format(printf, 2, 3)]] void append(std::string *text, const char *format, ...)
 {
-    char line[512];
-    va_list arguments;
+    va_list arguments, again;
     va_start(arguments, format);
-    std::vsnprintf(line, sizeof line, format, arguments);
+    va_copy(again, arguments);
+    int size = std::vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
-    *text += line;
+    std::vector<char> line(static_cast<std::size_t>(std::max(size, 0)) + 1);
+    std::vsnprintf(line.data(), line.size(), format, again);
+    va_end(again);
+    *text += line.data();
 }
 
 std::string rate_text(const std::optional<double> &rate)
@@ -61,7 +69,7 @@ void append_caches(std::string *text, const std::vector<object_cache> &caches)
     append(text, "\n%-32s %8s %10s %10s %8s %8s %8s\n", "OBJECT CACHE", "SIZE", "IN USE", "ROOM FOR", "PAGES", "HELD",
            "WASTE");
     for (const object_cache &cache : caches)
-        append(text, "%-32s %8llu %10llu %10llu %8llu %8s %8s\n", cache.name.c_str(), ull{cache.object_size},
+        append(text, "%-32s %8llu %10llu %10llu %8llu %8s %8s\n", printable(cache.name).c_str(), ull{cache.object_size},
                ull{cache.in_use}, ull{cache.capacity}, ull{cache.pages}, short_bytes(cache.held()).c_str(),
                short_bytes(cache.waste()).c_str());
 }
@@ -69,7 +77,7 @@ void append_caches(std::string *text, const std::vector<object_cache> &caches)
 void append_thread(std::string *text, const placed_thread &placed)
 {
     const thread_view &thread = placed.thread;
-    append(text, "thread %d %c %s", thread.id, thread.state, thread.name.c_str());
+    append(text, "thread %d %c %s", thread.id, thread.state, printable(thread.name).c_str());
     if (thread.system_call)
         append(text, "  %s(0x%llx, 0x%llx, 0x%llx)", system_call_name(*thread.system_call).c_str(),
                ull{thread.arguments[0]}, ull{thread.arguments[1]}, ull{thread.arguments[2]});
@@ -83,7 +91,7 @@ void append_thread(std::string *text, const placed_thread &placed)
     if (thread.sp)
         append(text, "    sp 0x%llx pc 0x%llx", ull{*thread.sp}, ull{thread.pc.value_or(0)});
     if (placed.at)
-        *text += ' ' + describe(*placed.at);
+        *text += ' ' + printable(describe(*placed.at));
     if (thread.sp)
         *text += '\n';
 }
@@ -114,9 +122,10 @@ std::string list_text(const machine_sample &machine)
            "FREES/S", "FAILURES", "CACHES", "OBJECTS", "TRACE");
     for (const process_sample &sample : machine.processes)
         append(&text, "%7d %-15s %8s %10llu %9s %9s %8u %7zu %9llu %s\n", sample.process->process(),
-               sample.process->name().c_str(), short_bytes(sample.heap.bytes).c_str(), ull{sample.heap.blocks},
-               rate_text(sample.alloc_rate).c_str(), rate_text(sample.free_rate).c_str(), sample.heap.calls.failures,
-               sample.caches.size(), ull{sample.objects()}, describe_trace(sample.hooks).word);
+               printable(sample.process->name()).c_str(), short_bytes(sample.heap.bytes).c_str(),
+               ull{sample.heap.blocks}, rate_text(sample.alloc_rate).c_str(), rate_text(sample.free_rate).c_str(),
+               sample.heap.calls.failures, sample.caches.size(), ull{sample.objects()},
+               describe_trace(sample.hooks).word);
     return text;
 }
 
@@ -125,8 +134,8 @@ std::string process_text(const process_report &report)
     const process_sample &sample = *report.sample;
     std::string text;
     append(&text, "process  %d %s\nlibrary  %s, version %s\n", sample.process->process(),
-           sample.process->name().c_str(), sample.process->library().c_str(),
-           sample.process->record().library_version().c_str());
+           printable(sample.process->name()).c_str(), printable(sample.process->library()).c_str(),
+           printable(sample.process->record().library_version()).c_str());
     append_heap(&text, sample);
     append_classes(&text, sample.heap);
     append_caches(&text, sample.caches);
@@ -141,7 +150,7 @@ std::string leaks_text(const process_report &report)
         append(&text, "\n%llu bytes in %llu blocks, the oldest %llu seconds old\n", ull{leak.group.bytes},
                ull{leak.group.blocks}, ull{age});
         for (const code_place &place : leak.chain)
-            text += "    " + describe(place) + '\n';
+            text += "    " + printable(describe(place)) + '\n';
     }
     return text;
 }

@@ -286,6 +286,19 @@ TEST(Metrics, NamesMayHoldAnything)
     expect_openmetrics(result.out);
 }
 
+TEST(Process, TerminalControlsInPathsAreNotPassedOn)
+{
+    std::string folder = "/tmp/\x1b[2J\xc2\x9b";
+    ASSERT_TRUE(run_program({"/bin/mkdir", folder}).exited(0));
+    for (const char *name : {"/libcommon.so.1", "/libheap.so.1"})
+        ASSERT_TRUE(run_program({"/bin/cp", build_dir() + name, folder}).exited(0));
+    ::setenv("LD_LIBRARY_PATH", folder.c_str(), 1);
+    Host host({"caches"});
+    std::string text = qvstat({host.id()}).out;
+    EXPECT_EQ(std::string::npos, text.find_first_of("\x1b\xc2")) << text;
+    EXPECT_THAT(text, HasSubstr("\\x1b[2J\\xc2\\x9b/libcommon.so.1, version "));
+}
+
 TEST(Server, AnswersOnTheLoopback)
 {
     Host host({"caches"});
