@@ -42,7 +42,7 @@ build() {
     quietly "$root/build/logs/$preset.build" cmake --build "$root/build/$preset" -j "$jobs" ${1:+--target "$@"}
 }
 
-# arm_apt FOLDER TOOL ARGUMENT... - an apt tool with a state of its own for the other architecture, below the folder; the
+# arm_apt FOLDER TOOL ARGUMENT... - an apt tool with its own state for the other architecture, below the folder; the
 # machine's own is left alone. "update" comes first.
 arm_apt() {
     local folder=$1 tool=$2
