@@ -184,7 +184,7 @@ inline description read_description(const module &in, std::uintptr_t address)
 // ---- evaluating it ----
 
 struct saved {
-    enum { same, at_offset, other } where = same;
+    enum { same, at_offset, nowhere, other } where = same;
     std::int64_t offset = 0; // from the frame's end
 };
 
@@ -330,7 +330,7 @@ private:
             restore(from.unsigned_leb128());
             return true;
         case 0x07: // DW_CFA_undefined: of the return address, the outermost frame
-            set(from.unsigned_leb128(), {saved::other, 0});
+            set(from.unsigned_leb128(), {saved::nowhere, 0});
             return true;
         case 0x08: // DW_CFA_same_value
             set(from.unsigned_leb128(), {saved::same, 0});
@@ -401,10 +401,14 @@ rule rule_of(const frame_row &at, const architecture &machine)
 {
     rule found;
     found.is_known = true;
+    found.is_outermost = at.return_address.where == saved::nowhere;
+    if (found.is_outermost)
+        return found;
     found.from_frame_pointer = at.end_register == machine.frame_pointer;
     found.saves_frame_pointer = at.frame_pointer.where == saved::at_offset;
     bool is_supported = (found.from_frame_pointer || at.end_register == machine.stack_pointer) &&
-                        at.return_address.where == saved::at_offset && at.frame_pointer.where != saved::other &&
+                        at.return_address.where == saved::at_offset &&
+                        (at.frame_pointer.where == saved::at_offset || at.frame_pointer.where == saved::same) &&
                         to_words(at.end_offset, &found.end_words) &&
                         to_words(at.frame_pointer.offset, &found.frame_pointer_words) &&
                         to_words(at.return_address.offset, &found.return_address_words);

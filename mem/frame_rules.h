@@ -31,7 +31,9 @@ struct rule {
     std::uint16_t saves_frame_pointer : 1 = false;
     // The function is in a module that is never unloaded, so that the rule holds for the life of the process.
     std::uint16_t is_permanent : 1 = false;
-    std::uint16_t unused : 12 = 0; // bit_cast() reads every bit
+    // Nothing called the function: it is where the process or a thread began.
+    std::uint16_t is_outermost : 1 = false;
+    std::uint16_t unused : 11 = 0; // bit_cast() reads every bit
     std::uint16_t end_words = 0;   // from that register, in words
     // Where they are saved, from the frame's end.
     std::int16_t frame_pointer_words = 0;
@@ -77,14 +79,20 @@ private:
     table rows_;
 };
 
+enum class step {
+    to_caller,
+    at_end, // the function has no caller
+    unknown // it needs the C library's unwinder
+};
+
 // A function that is in a call, and what its registers hold.
 struct frame {
     std::uintptr_t return_address; // of the call
     std::uintptr_t stack_pointer;
     std::uintptr_t frame_pointer;
 
-    // Goes to the function's caller. False if that needs the C library's unwinder.
-    bool leave(finder &rules);
+    // Goes to the function's caller, if it has one.
+    step leave(finder &rules);
 };
 
 inline constexpr std::uintptr_t kWord = sizeof(std::uintptr_t);
@@ -95,20 +103,22 @@ inline constexpr std::uintptr_t kWord = sizeof(std::uintptr_t);
     return *(reinterpret_cast<const std::uintptr_t *>(frame_end) + words);
 }
 
-inline bool frame::leave(finder &rules)
+inline step frame::leave(finder &rules)
 {
     rule found = rules.find(return_address);
     if (!found.is_known)
-        return false;
+        return step::unknown;
+    if (found.is_outermost) [[unlikely]]
+        return step::at_end;
     std::uintptr_t base = found.from_frame_pointer ? frame_pointer : stack_pointer;
     std::uintptr_t end = base + found.end_words * kWord;
     if (end <= stack_pointer || end % kWord != 0)
-        return false;
+        return step::unknown;
     if (found.saves_frame_pointer)
         frame_pointer = saved_word(end, found.frame_pointer_words);
     return_address = saved_word(end, found.return_address_words);
     stack_pointer = end;
-    return return_address != 0;
+    return return_address != 0 ? step::to_caller : step::unknown;
 }
 
 } // namespace qv::frame_rules

@@ -5,9 +5,10 @@
 
 namespace qv::frame_walk {
 
-// Fills `frames` with `max` return addresses; the first one is this call's own. Returns false if a frame needs the C
-// library's unwinder, or the stack ends before: then the caller uses backtrace(). Signal-safe.
-bool read(void **frames, int max);
+// Stores up to `max` return addresses; the first one is this call's own. Returns their number, which is smaller where
+// the stack ends before, or -1 if a frame needs the C library's unwinder: then the caller uses backtrace().
+// Signal-safe.
+int read(void **frames, int max);
 
 } // namespace qv::frame_walk
 

@@ -25,7 +25,7 @@ std::uintptr_t without_signature(std::uintptr_t return_address)
 
 } // namespace
 
-[[gnu::noinline]] bool read(void **frames, int max)
+[[gnu::noinline]] int read(void **frames, int max)
 {
     frame_rules::frame at;
     asm volatile("adr %0, .\n\t"
@@ -34,13 +34,14 @@ std::uintptr_t without_signature(std::uintptr_t return_address)
                  : "=&r"(at.return_address), "=&r"(at.stack_pointer), "=&r"(at.frame_pointer));
     at.return_address++; // a rule is that of the byte before
     frame_rules::finder rules(kMachine);
-    for (int i = 0; i < max; i++) {
-        if (!at.leave(rules))
-            return false;
+    for (int depth = 0; depth < max; depth++) {
+        frame_rules::step reached = at.leave(rules);
+        if (reached != frame_rules::step::to_caller)
+            return reached == frame_rules::step::at_end ? depth : -1;
         at.return_address = without_signature(at.return_address);
-        frames[i] = reinterpret_cast<void *>(at.return_address);
+        frames[depth] = reinterpret_cast<void *>(at.return_address);
     }
-    return true;
+    return max;
 }
 
 } // namespace qv::frame_walk

@@ -16,20 +16,22 @@ constexpr frame_rules::architecture kMachine = {.stack_pointer = 7, .frame_point
 } // namespace
 
 // Not inline: its own frame record is where the walk starts.
-[[gnu::noinline]] bool read(void **frames, int max)
+[[gnu::noinline]] int read(void **frames, int max)
 {
     const auto *record = static_cast<const std::uintptr_t *>(__builtin_frame_address(0));
     frame_rules::frame at = {.return_address = record[1],
                              .stack_pointer = reinterpret_cast<std::uintptr_t>(record + 2),
                              .frame_pointer = record[0]};
     frame_rules::finder rules(kMachine);
-    for (int i = 0;; i++) {
-        frames[i] = reinterpret_cast<void *>(at.return_address);
-        if (i + 1 == max)
-            return true;
-        if (!at.leave(rules))
-            return false;
+    auto reached = frame_rules::step::to_caller;
+    int depth = 0;
+    while (reached == frame_rules::step::to_caller) {
+        frames[depth++] = reinterpret_cast<void *>(at.return_address);
+        if (depth == max)
+            return max;
+        reached = at.leave(rules);
     }
+    return reached == frame_rules::step::at_end ? depth : -1;
 }
 
 } // namespace qv::frame_walk

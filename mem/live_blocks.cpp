@@ -36,8 +36,8 @@ namespace {
 [[gnu::always_inline]] inline call_chain chain_here()
 {
     void *frames[MTRACE_CHAIN_SIZE];
-    int depth = MTRACE_CHAIN_SIZE;
-    if (!frame_walk::read(frames, MTRACE_CHAIN_SIZE))
+    int depth = frame_walk::read(frames, MTRACE_CHAIN_SIZE);
+    if (depth < 0)
         depth = backtrace_inside(frames);
     call_chain chain{};
     for (int i = 0; i < depth; i++)
