@@ -113,34 +113,55 @@ private:
     sighandler_t before_[std::size(kFaultSignals)] = {};
 };
 
-// Bounded: another thread's callback may hang, and this process must die.
+// Bounded: another thread's callback may hang, and this process must die. As long as other logs are finished it lasts,
+// however slow the machine is, but not for ever: dumps may be requested all the time.
 class log_patience {
 public:
+    log_patience() : begin_(milliseconds()), progress_(begin_) {}
+
     bool is_left()
+    {
+        long now = milliseconds();
+        if (unsigned finished = finished_logs(); finished != finished_) {
+            finished_ = finished;
+            progress_ = now;
+        }
+        return polls_++ < kMaxPolls && now - progress_ < kMost && now - begin_ < kMostAltogether;
+    }
+
+    // Each poll reads the state of threads that may need the processor for their logs.
+    void pause()
+    {
+        constexpr long kLongest = 8000000;
+        timespec time = {0, pause_};
+        pause_ = std::min(2 * pause_, kLongest);
+        ::nanosleep(&time, nullptr);
+    }
+
+private:
+    static constexpr long kMost = 2000; // milliseconds
+    static constexpr long kMostAltogether = 20000;
+    static constexpr long kMaxPolls = 5000; // in case the clock does not advance
+
+    static long milliseconds()
     {
         timespec now = {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
-        return polls_++ < kMaxPolls && milliseconds(now) - milliseconds(begin_) < kMaxPolls;
+        return now.tv_sec * 1000 + now.tv_nsec / 1000000;
     }
 
-    log_patience() { ::clock_gettime(CLOCK_MONOTONIC, &begin_); }
-
-private:
-    static constexpr long kMaxPolls = 2000; // of a millisecond or more, in case the clock does not advance
-
-    static long milliseconds(const timespec &t) { return t.tv_sec * 1000 + t.tv_nsec / 1000000; }
-
-    timespec begin_ = {};
+    long begin_, progress_;
+    unsigned finished_ = finished_logs();
     long polls_ = 0;
+    long pause_ = 1000000; // nanoseconds
 };
 
 template <typename Condition>
 void poll_while(Condition is_true)
 {
-    constexpr timespec kPoll = {0, 1000000};
     log_patience patience;
     while (is_true() && patience.is_left())
-        ::nanosleep(&kPoll, nullptr);
+        patience.pause();
 }
 
 void await_other_logs()

@@ -91,6 +91,7 @@ std::atomic<unsigned> next_sequence;
 std::atomic<int> last_number;
 std::atomic<int> ended_number; // last_number when the latest run ended
 std::atomic<int> arming_count;
+std::atomic<unsigned> finished_count;
 
 uint64_t thread_pointer()
 {
@@ -343,6 +344,12 @@ void running_handler::start_dying()
 void running_handler::finish_log()
 {
     mark(kFinished);
+    finished_count++;
+}
+
+unsigned finished_logs()
+{
+    return finished_count;
 }
 
 bool is_thread_dying()

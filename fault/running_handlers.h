@@ -58,6 +58,9 @@ int handlers_on_thread();
 // Whether another thread still writes its log.
 bool is_other_log_unfinished();
 
+// How many runs have called finish_log().
+unsigned finished_logs();
+
 // Whether any handler runs in this process.
 bool is_handler_running();
 

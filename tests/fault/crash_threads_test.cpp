@@ -3,6 +3,7 @@
 // a handler, and that cancellation cuts no log.
 #include "fault/crash_support.h"
 
+#include "base/unique_fd.h"
 #include "console_print.h"
 #include "signal_printf.h"
 
@@ -333,6 +334,40 @@ TEST(Dying, NoThreadWaitsForAHandlerThatWasLeft)
     EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
     EXPECT_EQ("", read_log(core_path(child, "coredump", SIGSEGV)).error);
     EXPECT_LE(sleeps(), kFewSleeps);
+}
+
+TEST(Dying, TheWaitForOtherLogsLastsWhileLogsAreFinished)
+{
+    constexpr int kThreads = 3;
+    ChildResult child = threaded_child([] {
+        static std::atomic<int> arrived, order;
+        qv_set_handle_thread_trace();
+        in_phase[QV_COREDUMP_FIRST] = [] {
+            arrived++;
+            wait_until([] { return arrived == kThreads; });
+        };
+        // The first log waits longer for the last one than it would for one log alone.
+        in_phase[QV_COREDUMP_LAST] = [] {
+            ::usleep(static_cast<useconds_t>(order++) * 1300000);
+            qv::base::unique_fd ends(::open("/tmp/ends", O_WRONLY | O_CREAT | O_APPEND, 0666));
+            if (::write(ends.get(), "e", 1) != 1)
+                ::_exit(95);
+        };
+        for (int i = 0; i < kThreads; i++) {
+            start([](void *) -> void * {
+                rename_process(kName);
+                write_null();
+                return nullptr;
+            });
+        }
+        idle(nullptr);
+    });
+    EXPECT_TRUE(child.killed_by(SIGSEGV)) << child.status << child.timed_out;
+    std::vector<std::string> logs = list_dir("/etc/core");
+    EXPECT_EQ(static_cast<std::size_t>(kThreads), logs.size());
+    for (const std::string &name : logs)
+        EXPECT_EQ("", read_log("/etc/core/" + name).error);
+    EXPECT_EQ(static_cast<std::size_t>(kThreads), read_file("/tmp/ends").size()) << "no callback was cut off";
 }
 
 TEST(Dying, ThreadsWithFinishedLogsDoNotWaitForEachOther)
