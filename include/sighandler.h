@@ -33,11 +33,12 @@
  * The handlers run on the stack of the interrupted thread, and a dump uses up to QV_DUMP_STACK_SIZE bytes of it. An
  * overflown stack leaves no log unless its thread has called qv_use_signal_stack().
  *
- * Several threads: a dying thread waits, for 2 seconds at most, until the other threads that are inside the handler
- * have finished their logs, and disarms the handlers only then, so that threads that crash together leave complete
- * logs. For the dying thread itself they count as disarmed when its death is announced: a fault of a callback, or its
- * abort(), ends the process with that signal and keeps the log as far as it was written. A process with one thread
- * disarms the handlers before the announcement.
+ * Several threads: a dying thread waits until the other threads that are inside the handler have finished their logs,
+ * and disarms the handlers only then, so that threads that crash together leave complete logs. It waits for 2 seconds
+ * after the last log that was finished, and for 20 seconds altogether, at most. For the dying thread itself the
+ * handlers count as disarmed when its death is announced: a fault of a callback, or its abort(), ends the process with
+ * that signal and keeps the log as far as it was written. A process with one thread disarms the handlers before the
+ * announcement.
  *
  * The handlers are no cancellation points: a pending pthread_cancel() acts after the handler. A callback may leave the
  * handler by siglongjmp() to a sigsetjmp() that saved the signal mask; cancellation is then still disabled, and the log

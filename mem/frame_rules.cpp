@@ -184,8 +184,8 @@ inline description read_description(const module &in, std::uintptr_t address)
 // ---- evaluating it ----
 
 struct saved {
-    enum { same, at_offset, nowhere, other } where = same;
-    std::int64_t offset = 0; // from the frame's end
+    enum { same, at_offset, nowhere, other } where = same; // nowhere: the caller's value is lost
+    std::int64_t offset = 0;                               // from the frame's end
 };
 
 // What holds from one address of a function to the next.

@@ -14,7 +14,7 @@
 
 namespace qvcrash {
 
-inline constexpr std::size_t kMaxProblems = 20; // that are told apart
+inline constexpr std::size_t kMaxProblems = 20; // with a message each; the others are counted
 
 struct read_progress {
     std::atomic<std::uint64_t> logs{0};

@@ -9,7 +9,7 @@
 //       │                       ├── crash hosts
 //       │                       └── qvstat
 //
-// The processes share a sandbox with a private network; the daemons and the client use the stand-in kernel. Each check
+// The processes share a sandbox with a private network; the daemons and the client use vrkernel's tables. Each check
 // that fails is a line of the file and of the output; the last line is the verdict, and the exit status follows it.
 #include "shared.h"
 
