@@ -7,6 +7,7 @@
 #include "backtrace.h"
 #include "fault/backtrace_internal.h"
 #include "fault/safe_memory.h"
+#include "stack_info.h"
 
 namespace qv::fault {
 namespace {
@@ -66,12 +67,25 @@ public:
         if (link <= record || link - record > kFarthest || link % kWord != 0 || !is_return_address(return_address))
             return false;
         return load(link, &callers_link) && load(link + kWord, &callers_return) &&
-               (callers_link == 0 || is_return_address(callers_return));
+               (is_return_address(callers_return) || (callers_link == 0 && are_on_one_stack(record, link)));
+    }
+
+    // Code without frame pointers may leave a pointer to data beside a return address, and data often begins with 0, as
+    // the link of the outermost record does. Without a mapping list the answer is yes.
+    bool are_on_one_stack(unsigned long record, unsigned long link)
+    {
+        if (record < stack_start_ || record >= stack_end_) {
+            stack_start_ = 0;
+            stack_end_ = ~0UL;
+            qv_get_thread_stack_info(record, &stack_start_, &stack_end_);
+        }
+        return link >= stack_start_ && link < stack_end_;
     }
 
 private:
     // The kernel copies: a frame pointer that is none may lead into memory that another thread unmaps.
     safe_memory memory_{safe_memory::subject::module};
+    unsigned long stack_start_ = 0, stack_end_ = 0; // the mapping of the last record asked for, read once
 };
 
 // A link to a record below or far away is sound only where the stack was changed, as for a handler on an alternate one.
@@ -101,6 +115,18 @@ unsigned long cut_broken_chain(call_chain *chain, int first, unsigned long recor
         record = link;
     }
     return record;
+}
+
+// Ends a chain before the first record whose return address is no code. A search may find a record that an earlier call
+// left on the stack: its link may lead to what other calls have written there since.
+void cut_at_data(call_chain *chain, int first)
+{
+    for (int i = first + 1; i < chain->count; i++) {
+        if (!is_known_code(chain->addrs[i])) {
+            chain->count = i;
+            chain->bottom = chain->frames[i - 1];
+        }
+    }
 }
 
 // In code that keeps no frame pointer, the register may point anywhere. A record that is linked downwards may still be
@@ -135,7 +161,8 @@ unsigned long search_record(unsigned long sp, int *searched, call_chain *chain, 
 bool is_complete(const call_chain &chain, unsigned long last, stack_reader *reader)
 {
     unsigned long link;
-    return chain.bottom > last && chain.bottom - last <= kFarthest && reader->load(chain.bottom, &link) && link == 0;
+    return chain.bottom > last && chain.bottom - last <= kFarthest && reader->load(chain.bottom, &link) && link == 0 &&
+           reader->are_on_one_stack(last, chain.bottom);
 }
 
 // Functions that keep a frame record and functions that do not may alternate: after a chain the search goes on.
@@ -152,6 +179,7 @@ bool search_stack(unsigned long sp, call_chain *chain, stack_reader *reader)
         if (chain->count == first)
             break;
         is_found = true;
+        cut_at_data(chain, first);
         unsigned long last = cut_broken_chain(chain, first, record, kFarthest, reader);
         if (is_complete(*chain, last, reader))
             break;

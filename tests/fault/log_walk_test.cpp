@@ -21,12 +21,14 @@ unsigned long at(const void *p)
     return reinterpret_cast<unsigned long>(p);
 }
 
+// The body runs on a new stack: on the main thread's, earlier calls leave records and return addresses, which the log
+// may show too.
 Log log_of(int sig, const std::function<void()> &body)
 {
     ChildResult child = run_child([&] {
         rename_process("routed");
         install_sighandler();
-        body();
+        std::thread(body).join();
     });
     EXPECT_TRUE(child.killed_by(sig)) << child.status << child.out << child.err;
     return read_log(log_path("routed", child.pid, "coredump", sig));
@@ -72,6 +74,12 @@ Log log_of_walk(unsigned long fp, unsigned long sp)
             log.bottom = line.substr(20);
     }
     return log;
+}
+
+// An address that follows a call.
+__attribute__((noinline)) unsigned long return_address()
+{
+    return at(__builtin_return_address(0));
 }
 
 std::string pointer_text(unsigned long value)
@@ -215,6 +223,21 @@ TEST(LogWalk, TheChainEndsAtALinkDownwards)
     if (kWalkScansTheStack) {
         EXPECT_EQ(pointer_text(at(records[2])), log.bottom);
     }
+}
+
+// A record that an earlier call left on the stack leads to words that are no record.
+TEST(LogWalk, ASearchedChainEndsWhereTheReturnAddressIsNoCode)
+{
+    if (!kWalkScansTheStack)
+        GTEST_SKIP() << "the log shows the chain of records as it is";
+    unsigned long caller = return_address();
+    alignas(16) unsigned long left[3][2] = {{at(left[1]), caller}, {at(left[2]), caller}, {at(left[2]), 0}};
+    Log log = log_of_walk(0, at(left));
+    ASSERT_GE(log.entries.size(), 2U);
+    EXPECT_EQ(pointer_text(at(left[1])), log.entries[0].frame);
+    EXPECT_EQ(pointer_text(at(left[2])), log.entries[1].frame);
+    for (const Log::Entry &entry : log.entries)
+        EXPECT_NE("(nil)", entry.text) << entry.frame;
 }
 
 // Whatever the registers hold, the walk ends and reads no unmapped memory.
