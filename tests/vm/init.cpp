@@ -6,17 +6,20 @@
 //     VM: PASS|FAIL|SKIP|TIMEOUT <case> <milliseconds>
 //     VM: passed <n> failed <n> skipped <n>
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
-#include <map>
+#include <memory>
 #include <net/if.h>
+#include <poll.h>
 #include <sstream>
 #include <string>
 #include <sys/ioctl.h>
@@ -46,6 +49,7 @@ struct Running {
     Case test;
     std::string output;
     steady::time_point since;
+    long pid = -1;
     bool late = false;
 };
 
@@ -139,7 +143,7 @@ pid_t start(const std::vector<std::string> &argv, const std::string &output)
     ::_exit(127);
 }
 
-std::vector<Case> list_cases()
+std::vector<std::string> list_programs()
 {
     std::vector<std::string> programs;
     std::string folder = std::string(kHome) + "/tests";
@@ -152,42 +156,139 @@ std::vector<Case> list_cases()
         ::closedir(dir);
     }
     std::sort(programs.begin(), programs.end());
+    return programs;
+}
 
-    std::vector<Case> cases;
-    for (const std::string &program : programs) {
-        std::string output = "/tmp/list";
-        int status = 0;
-        pid_t pid = start({program, "--gtest_list_tests", "--gtest_filter=" + filter()}, output);
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
-            ;
-        if (status != 0)
-            cases.push_back({program, ""}); // counted as a failure when it is run
-        std::istringstream lines(read_file(output));
-        std::string suite;
-        for (std::string line; std::getline(lines, line);) {
-            line = line.substr(0, line.find("  #"));
-            if (line.rfind("  ", 0) == 0)
-                cases.push_back({program, suite + line.substr(2)});
-            else if (!line.empty() && line.back() == '.')
-                suite = line;
-        }
+std::deque<Case> list_cases(const std::string &program, Totals &totals)
+{
+    const std::string output = "/tmp/list";
+    int status = 0;
+    pid_t pid = start({program, "--gtest_list_tests", "--gtest_filter=" + filter()}, output);
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR)
+        ;
+    std::deque<Case> cases;
+    if (status != 0) {
+        std::printf("VM: FAIL %s 0\n%s\n(status 0x%x)\n", program.c_str(), read_file(output).c_str(),
+                    static_cast<unsigned>(status));
+        totals.failed++;
+    }
+    std::istringstream lines(read_file(output));
+    std::string suite;
+    for (std::string line; std::getline(lines, line);) {
+        line = line.substr(0, line.find("  #"));
+        if (line.rfind("  ", 0) == 0)
+            cases.push_back({program, suite + line.substr(2)});
+        else if (!line.empty() && line.back() == '.')
+            suite = line;
     }
     return cases;
 }
 
-std::string shown_name(const Case &test)
-{
-    return test.name.empty() ? test.program : test.name;
-}
+// The cases of all programs. A program is listed when the cases before it have begun, so the other worker goes on
+// meanwhile.
+class Cases {
+public:
+    bool take(Case *next, Totals &totals)
+    {
+        while (cases_.empty()) {
+            if (program_ == programs_.size())
+                return false;
+            cases_ = list_cases(programs_[program_++], totals);
+        }
+        *next = cases_.front();
+        cases_.pop_front();
+        return true;
+    }
+
+private:
+    std::vector<std::string> programs_ = list_programs();
+    std::size_t program_ = 0;
+    std::deque<Case> cases_;
+};
+
+// A program that forks a process for each case. To start it anew for every case would take the emulator longer than
+// most cases take.
+class Server {
+public:
+    explicit Server(const std::string &program) : program_(program)
+    {
+        int requests[2], answers[2];
+        check(::pipe2(requests, O_CLOEXEC), "pipe");
+        check(::pipe2(answers, O_CLOEXEC), "pipe");
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(requests[0], 0);
+            ::dup2(answers[1], 1);
+            ::execl(program.c_str(), program.c_str(), "--serve-cases", static_cast<char *>(nullptr));
+            ::_exit(127);
+        }
+        ::close(requests[0]);
+        ::close(answers[1]);
+        requests_ = requests[1];
+        answers_ = answers[0];
+    }
+
+    ~Server()
+    {
+        ::close(requests_);
+        ::close(answers_);
+        ::kill(pid_, SIGKILL);
+        while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR)
+            ;
+    }
+
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    const std::string &program() const { return program_; }
+
+    // Starts a case. @return its process, or -1
+    long run(const std::string &name, const std::string &output)
+    {
+        std::string request = name + " " + output + "\n";
+        if (::write(requests_, request.data(), request.size()) < 0)
+            return -1;
+        return answer();
+    }
+
+    // Whether the case has ended.
+    bool has_answer() const
+    {
+        pollfd waited = {answers_, POLLIN, 0};
+        return ::poll(&waited, 1, 0) > 0;
+    }
+
+    // The next number, or -1 when the program has ended.
+    long answer() const
+    {
+        std::string text;
+        for (char c; ::read(answers_, &c, 1) == 1 && c != '\n';)
+            text += c;
+        return text.empty() ? -1 : std::stol(text);
+    }
+
+private:
+    std::string program_;
+    pid_t pid_ = -1;
+    int requests_ = -1;
+    int answers_ = -1;
+};
+
+// One case at a time, by the server of its program.
+struct Worker {
+    std::unique_ptr<Server> server;
+    bool is_busy = false;
+    Running run;
+};
 
 void report(const Running &run, int status, Totals &totals)
 {
     auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(steady::now() - run.since).count();
     std::string output = read_file(run.output);
-    bool good = status == 0 && !run.late && !run.test.name.empty();
+    bool good = status == 0 && !run.late;
     bool skipped = good && output.find("[  SKIPPED ]") != std::string::npos;
     const char *verdict = run.late ? "TIMEOUT" : !good ? "FAIL" : skipped ? "SKIP" : "PASS";
-    std::printf("VM: %s %s %lld\n", verdict, shown_name(run.test).c_str(), static_cast<long long>(taken));
+    std::printf("VM: %s %s %lld\n", verdict, run.test.name.c_str(), static_cast<long long>(taken));
     if (!good)
         std::printf("%s\n(status 0x%x)\n", output.c_str(), static_cast<unsigned>(status));
     if (skipped) {
@@ -206,40 +307,64 @@ void serve_ready_file()
     ::kill(static_cast<pid_t>(std::atol(pid.c_str())), SIGTERM);
 }
 
-Totals run_cases(const std::vector<Case> &cases)
+void begin(Worker &worker, const Case &test, const std::string &output)
+{
+    // Flushed at once: when the kernel hangs, this line is the only hint at the case.
+    std::printf("VM: START %s\n", test.name.c_str());
+    std::fflush(stdout);
+    if (worker.server == nullptr || worker.server->program() != test.program)
+        worker.server = std::make_unique<Server>(test.program);
+    worker.run = {test, output, steady::now(), worker.server->run(test.name, output)};
+    worker.is_busy = true;
+}
+
+void end(Worker &worker, long status, Totals &totals)
+{
+    report(worker.run, static_cast<int>(status), totals);
+    if (worker.run.pid > 0)
+        ::kill(static_cast<pid_t>(-worker.run.pid), SIGKILL);
+    if (status < 0)
+        worker.server.reset();
+    ::unlink(worker.run.output.c_str());
+    worker.is_busy = false;
+}
+
+void kill_late(Running &run)
+{
+    if (run.late || run.pid <= 0 || steady::now() - run.since <= kCaseLimit)
+        return;
+    run.late = true;
+    ::kill(static_cast<pid_t>(-run.pid), SIGKILL);
+}
+
+// What the cases leave behind, which process 1 inherits.
+void bury_orphans()
+{
+    while (::waitpid(-1, nullptr, WNOHANG) > 0)
+        ;
+}
+
+Totals run_cases()
 {
     Totals totals;
-    std::map<pid_t, Running> running;
-    std::size_t next = 0;
-    while (next < cases.size() || !running.empty()) {
-        while (next < cases.size() && running.size() < kWorkers) {
-            Running run{cases[next], "/tmp/case." + std::to_string(next), steady::now()};
-            // Flushed at once: when the kernel hangs, this line is the only hint at the case.
-            std::printf("VM: START %s\n", shown_name(run.test).c_str());
-            std::fflush(stdout);
-            pid_t pid = start({run.test.program, "--gtest_filter=" + run.test.name}, run.output);
-            running.emplace(pid, run);
-            next++;
+    Cases cases;
+    std::array<Worker, kWorkers> workers;
+    std::size_t begun = 0;
+    for (bool is_busy = true; is_busy;) {
+        is_busy = false;
+        for (Worker &worker : workers) {
+            if (worker.is_busy && worker.server->has_answer())
+                end(worker, worker.server->answer(), totals);
+            Case next;
+            if (!worker.is_busy && cases.take(&next, totals))
+                begin(worker, next, "/tmp/case." + std::to_string(begun++));
+            if (worker.is_busy)
+                kill_late(worker.run);
+            is_busy = is_busy || worker.is_busy;
         }
-        int status = 0;
-        pid_t ended = ::waitpid(-1, &status, WNOHANG); // also returns orphans of the cases
-        auto at = running.find(ended);
-        if (at != running.end()) {
-            report(at->second, status, totals);
-            ::kill(-ended, SIGKILL);
-            ::unlink(at->second.output.c_str());
-            running.erase(at);
-            continue;
-        }
-        for (auto &[pid, run] : running) {
-            if (!run.late && steady::now() - run.since > kCaseLimit) {
-                run.late = true;
-                ::kill(-pid, SIGKILL);
-            }
-        }
+        bury_orphans();
         serve_ready_file();
-        if (ended <= 0)
-            ::usleep(2000);
+        ::usleep(2000);
     }
     return totals;
 }
@@ -269,7 +394,7 @@ int main()
 {
     set_up();
     bool script = ::access("/opt/libcommon/script", F_OK) == 0;
-    Totals totals = script ? run_script() : run_cases(list_cases());
+    Totals totals = script ? run_script() : run_cases();
     std::printf("VM: passed %d failed %d skipped %d\n", totals.passed, totals.failed, totals.skipped);
     std::fflush(stdout);
     ::sync();
