@@ -49,7 +49,7 @@ void become_case(const std::string &name, const std::string &output)
 }
 
 // Reads "<case> <output file>" a line, and answers with the number of the process that runs the case, then with its
-// status, a line each. Starting the program takes an emulator longer than most cases do, so it is started once.
+// status, a line each. So an emulator, which takes longer to start a program than to run most cases, starts it once.
 // Returns in the processes of cases.
 void serve_cases()
 {

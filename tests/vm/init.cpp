@@ -206,8 +206,7 @@ private:
     std::deque<Case> cases_;
 };
 
-// A program that forks a process for each case. To start it anew for every case would take the emulator longer than
-// most cases take.
+// A program that forks a process for each case: the emulator takes longer to start a program than to run most cases.
 class Server {
 public:
     explicit Server(const std::string &program) : program_(program)
@@ -337,8 +336,8 @@ void kill_late(Running &run)
     ::kill(static_cast<pid_t>(-run.pid), SIGKILL);
 }
 
-// What the cases leave behind, which process 1 inherits.
-void bury_orphans()
+// Processes that the cases leave behind: process 1 inherits them.
+void reap_orphans()
 {
     while (::waitpid(-1, nullptr, WNOHANG) > 0)
         ;
@@ -362,7 +361,7 @@ Totals run_cases()
                 kill_late(worker.run);
             is_busy = is_busy || worker.is_busy;
         }
-        bury_orphans();
+        reap_orphans();
         serve_ready_file();
         ::usleep(2000);
     }
