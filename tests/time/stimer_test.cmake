@@ -6,7 +6,7 @@ target_include_directories(plain_heap PRIVATE ${PROJECT_SOURCE_DIR}/include)
 set_target_properties(plain_heap PROPERTIES OUTPUT_NAME heap SOVERSION 1 LIBRARY_OUTPUT_DIRECTORY ${plain_heap_folder})
 target_link_libraries(plain_heap PRIVATE stdc++)
 add_dependencies(${name} plain_heap)
-if(NOT CMAKE_CROSSCOMPILING)
+if(NOT CMAKE_CROSSCOMPILING AND NOT "time" IN_LIST LIBCOMMON_LEFT_OUT_TESTS)
     gtest_discover_tests(${name} TEST_PREFIX "plain_heap." DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 120
         LABELS ${name} SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]"
         ENVIRONMENT LD_LIBRARY_PATH=${plain_heap_folder})
