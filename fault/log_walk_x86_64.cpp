@@ -61,17 +61,26 @@ public:
     // A record whose caller has one as well, or is the outermost.
     bool is_record(unsigned long record)
     {
-        unsigned long link, return_address, callers_link, callers_return;
+        unsigned long link, return_address, callers_return;
         if (record % kStackAlignment != 0 || !load(record, &link) || !load(record + kWord, &return_address))
             return false;
         if (link <= record || link - record > kFarthest || link % kWord != 0 || !is_return_address(return_address))
             return false;
-        return load(link, &callers_link) && load(link + kWord, &callers_return) &&
-               (is_return_address(callers_return) || (callers_link == 0 && are_on_one_stack(record, link)));
+        return load(link + kWord, &callers_return) && (is_return_address(callers_return) || is_outermost(link, record));
     }
 
-    // Code without frame pointers may leave a pointer to data beside a return address, and data often begins with 0, as
-    // the link of the outermost record does. Without a mapping list the answer is yes.
+    // Whether the link of `record` leads to a record that is linked to 0. Code without frame pointers may leave a
+    // pointer to data beside a return address, and data often begins with 0; so what has no return address has to be on
+    // the same stack. A thread's outermost record has one, so the mapping list is rarely read.
+    bool is_outermost(unsigned long outermost, unsigned long record)
+    {
+        unsigned long link, return_address;
+        return load(outermost, &link) && link == 0 && load(outermost + kWord, &return_address) &&
+               (is_return_address(return_address) || are_on_one_stack(record, outermost));
+    }
+
+private:
+    // Without a mapping list the answer is yes.
     bool are_on_one_stack(unsigned long record, unsigned long link)
     {
         if (record < stack_start_ || record >= stack_end_) {
@@ -82,7 +91,6 @@ public:
         return link >= stack_start_ && link < stack_end_;
     }
 
-private:
     // The kernel copies: a frame pointer that is none may lead into memory that another thread unmaps.
     safe_memory memory_{safe_memory::subject::module};
     unsigned long stack_start_ = 0, stack_end_ = 0; // the mapping of the last record asked for, read once
@@ -160,9 +168,7 @@ unsigned long search_record(unsigned long sp, int *searched, call_chain *chain, 
 // Whether the last link leads to a record that is linked to 0, above the last record that has an entry.
 bool is_complete(const call_chain &chain, unsigned long last, stack_reader *reader)
 {
-    unsigned long link;
-    return chain.bottom > last && chain.bottom - last <= kFarthest && reader->load(chain.bottom, &link) && link == 0 &&
-           reader->are_on_one_stack(last, chain.bottom);
+    return chain.bottom > last && chain.bottom - last <= kFarthest && reader->is_outermost(chain.bottom, last);
 }
 
 // Functions that keep a frame record and functions that do not may alternate: after a chain the search goes on.
