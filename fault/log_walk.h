@@ -6,8 +6,9 @@
 //
 // On x86-64 the C library keeps none, and the frame pointer may hold any value inside it. A chain that starts at a
 // sound record is shown up to a record that is linked to itself or to a lower address. If the frame pointer leads to no
-// record, the stack is searched for the next one, from the stack pointer upwards. The return addresses passed in that
-// search are shown too, with the frame 1: most are callers, some may be left over from earlier calls.
+// record, the stack is searched for the next one, from the stack pointer upwards; a chain found so ends before a return
+// address that is no code. The return addresses passed in that search are shown too, with the frame 1: most are
+// callers, some may be left over from earlier calls.
 #ifndef LIBCOMMON_FAULT_LOG_WALK_H
 #define LIBCOMMON_FAULT_LOG_WALK_H
 
